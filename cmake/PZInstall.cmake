@@ -1,0 +1,28 @@
+# Headers, library, CMake package and pkg-config file.
+include(CMakePackageConfigHelpers)
+
+set(PZ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/PZFramework)
+
+install(TARGETS pzframework EXPORT PZFrameworkTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY src/Framework DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+    FILES_MATCHING PATTERN "*.h"
+    PATTERN "private" EXCLUDE)
+install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+install(EXPORT PZFrameworkTargets NAMESPACE PZFramework:: DESTINATION ${PZ_CMAKE_DIR})
+configure_package_config_file(cmake/PZFrameworkConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/PZFrameworkConfig.cmake
+    INSTALL_DESTINATION ${PZ_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/PZFrameworkConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/PZFrameworkConfig.cmake
+    ${PROJECT_BINARY_DIR}/PZFrameworkConfigVersion.cmake
+    DESTINATION ${PZ_CMAKE_DIR})
+
+configure_file(packaging/pzframework.pc.in ${PROJECT_BINARY_DIR}/pzframework.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/pzframework.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

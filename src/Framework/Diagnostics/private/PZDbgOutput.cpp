@@ -1,0 +1,1 @@
+#include "Framework/Diagnostics/PZDbgOutput.h"

@@ -1,0 +1,51 @@
+#ifndef PZ_FRAMEWORK_FOUNDATION_PZIMSGBOX_H
+#define PZ_FRAMEWORK_FOUNDATION_PZIMSGBOX_H
+
+#include <Framework/Foundation/PZIDispatcher.h>
+#include <Framework/PZApi.h>
+
+/// The inbox of a worker's thread: any thread posts, the worker's thread serves.
+///
+/// Threads: any thread may call anything but Loop, which belongs to the worker's thread.
+class PZ_API PZIMsgBox {
+public:
+    /// One message.
+    struct ST_PUSH_MSG_DATA {
+        unsigned long SID;      ///< addressed dispatcher: what Registory returned
+        unsigned int MsgID;     ///< handed to the dispatcher
+        unsigned int Priority;  ///< 0 is an emergency; the low 8 bits order the queue, low first
+        const void* Buff;       ///< payload or null; the box copies it
+        unsigned int BuffSize;  ///< 1 to 256 bytes; ignored without payload
+    };
+
+    virtual ~PZIMsgBox();
+
+    virtual int Init() = 0;
+
+    /// Ends the loop once everything posted has been served.
+    virtual int Exit() = 0;
+
+    /// Waits until the loop serves: 0 when it does, 1 on time-out (milliseconds) or failure.
+    virtual int InitWait(unsigned int timeout) = 0;
+
+    /// Adds a dispatcher and answers its identifier; all bits set when it is null or registered
+    /// already. The dispatcher is not owned.
+    virtual unsigned long Registory(PZIDispatcher* d) = 0;
+
+    /// Removes a dispatcher, if present; waits for a running handler of the box to return. What
+    /// is still queued for it is dropped.
+    virtual void Unregistory(unsigned long id) = 0;
+
+    virtual int CheckTrail(unsigned int n) = 0;
+
+    /// Posts a message: 0 success, 1 out of memory or the loop could not be woken, 2 bad payload
+    /// size, 3 full. With a payload, `d.Buff` is changed to the address of the box's copy.
+    virtual unsigned int PushMsg(ST_PUSH_MSG_DATA& d) = 0;
+
+    /// Posts an event for the dispatcher `id`: results as PushMsg.
+    virtual unsigned int SetEvent(unsigned int bits, unsigned long id) = 0;
+
+    virtual int Loop(unsigned int workerId) = 0;
+};
+
+#endif  // PZ_FRAMEWORK_FOUNDATION_PZIMSGBOX_H

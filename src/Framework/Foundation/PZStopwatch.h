@@ -1,0 +1,37 @@
+#ifndef PZ_FRAMEWORK_FOUNDATION_PZSTOPWATCH_H
+#define PZ_FRAMEWORK_FOUNDATION_PZSTOPWATCH_H
+
+#include <time.h>
+
+#include <Framework/PZApi.h>
+
+/// Measures elapsed monotonic time, with laps. All results are nanoseconds.
+///
+/// Threads: an object belongs to one thread.
+/// Limits:  an interval may last up to 2^31 - 1 seconds.
+class PZ_API PZStopwatch {
+public:
+    PZStopwatch();
+
+    /// Forgets everything; not running afterwards.
+    void init();
+
+    /// Begins to measure; ignored while running.
+    void Start();
+
+    /// Time since Start or the last Lap, and begins the next lap; 0 when not running.
+    unsigned long long Lap();
+
+    /// Time since Start; changes nothing; 0 when not running.
+    unsigned long long Split() const;
+
+    /// Time since Start, and forgets everything; 0 when not running.
+    unsigned long long Stop();
+
+private:
+    timespec start_;
+    timespec lap_;
+    bool running_;
+};
+
+#endif  // PZ_FRAMEWORK_FOUNDATION_PZSTOPWATCH_H

@@ -1,0 +1,58 @@
+#ifndef PZ_FRAMEWORK_FOUNDATION_PZSYNC_H
+#define PZ_FRAMEWORK_FOUNDATION_PZSYNC_H
+
+#include <pthread.h>
+#include <semaphore.h>
+
+#include <atomic>
+
+#include <Framework/Foundation/PZThreadAnnotations.h>
+#include <Framework/PZApi.h>
+
+/// The framework's lock: recursive, private to the process or shared between processes by name.
+///
+/// Threads:   any thread may call anything. Unlock does not check who calls it. There is no
+///            priority inheritance.
+/// Processes: a named lock excludes the processes from each other, but owner and recursion are
+///            known only inside one process's own object. Its semaphore "/name" stays in the
+///            system when the objects are gone.
+/// Time:      milliseconds; 0xFFFFFFFF waits without limit, 0 tries once. Limited waits end by
+///            the wall clock.
+/// Failures:  reported and answered with a result, never thrown. A lock that could not be
+///            created answers every Lock with 2.
+class PZ_API PZ_CAPABILITY("PZSync") PZSync {
+public:
+    enum EN_TYPE : int {
+        en_TYPE_NAMED = 0,   ///< shared between processes: the semaphore "/name", made or opened
+        en_TYPE_UNNAMED = 1  ///< private to the process
+    };
+
+    /// A private lock.
+    PZSync();
+
+    /// A named lock opens the semaphore as it is: the state of an existing one is not reset.
+    /// At most 32 characters of `name` are stored; a private lock only stores it. A null name or
+    /// an unknown type is reported and leaves the lock not created.
+    PZSync(const char* name, EN_TYPE type);
+
+    ~PZSync();
+
+    PZSync(const PZSync&) = delete;
+    PZSync& operator=(const PZSync&) = delete;
+
+    /// 0 acquired (at once when the calling thread holds it already), 1 timed out (not reported),
+    /// 2 error (reported).
+    unsigned int Lock(unsigned int timeout) PZ_ACQUIRE();
+
+    /// Gives back one Lock; the last one lets the next thread in.
+    void Unlock() PZ_RELEASE();
+
+private:
+    sem_t* handle_;  // null: not created
+    EN_TYPE type_;
+    char name_[32];                 // zero-filled; no terminator after 32 characters
+    std::atomic<pthread_t> owner_;  // 0: free. Others read it only to find that it is not them.
+    unsigned int nest_;             // acquisitions beyond the first; touched by the owner only
+};
+
+#endif  // PZ_FRAMEWORK_FOUNDATION_PZSYNC_H

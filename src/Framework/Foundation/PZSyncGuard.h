@@ -1,0 +1,30 @@
+#ifndef PZ_FRAMEWORK_FOUNDATION_PZSYNCGUARD_H
+#define PZ_FRAMEWORK_FOUNDATION_PZSYNCGUARD_H
+
+#include <Framework/PZApi.h>
+
+/// Anything that can be locked and unlocked.
+class PZ_API PZSyncObjectBase {
+public:
+    virtual ~PZSyncObjectBase();
+
+    virtual void lock() const = 0;
+    virtual void unlock() const = 0;
+};
+
+/// Locks an object from construction to the end of the scope.
+///
+/// Keeps a reference only: the object must outlive the guard. One guard belongs to one thread.
+class PZ_API PZSyncGuard {
+public:
+    explicit PZSyncGuard(const PZSyncObjectBase& obj);
+    virtual ~PZSyncGuard();
+
+    PZSyncGuard(const PZSyncGuard&) = delete;
+    PZSyncGuard& operator=(const PZSyncGuard&) = delete;
+
+private:
+    const PZSyncObjectBase& obj_;
+};
+
+#endif  // PZ_FRAMEWORK_FOUNDATION_PZSYNCGUARD_H

@@ -1,0 +1,103 @@
+#ifndef PZ_FRAMEWORK_FOUNDATION_PZTHREADMNG_H
+#define PZ_FRAMEWORK_FOUNDATION_PZTHREADMNG_H
+
+#include <map>
+#include <vector>
+
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/Foundation/PZSync.h>
+#include <Framework/PZApi.h>
+#include <Framework/Pattern/PZSubject.h>
+
+class PZThreadMng;
+extern template class PZ_API PZSingleton<PZThreadMng>;
+
+/// The registry of the process's framework threads and the keeper of their priorities.
+///
+/// Priorities: the wide scale from 177 (most urgent, nice -20) to 255 (least urgent, nice 4).
+/// Handles:    a thread is known by its pthread_t.
+/// Threads:    any thread may call anything; one lock guards the registry.
+/// Failures:   system errors are reported; an unknown handle is answered with false or 0.
+class PZ_API PZThreadMng : public PZSingleton<PZThreadMng>, public PZSubject {
+public:
+    /// One registered thread.
+    struct ThreadInfo {
+        unsigned long handle;    ///< pthread_t; the key
+        int priority;            ///< wide priority, -1 when unknown
+        char name[256];          ///< label
+        int starttime;           ///< 0
+        int runtime;             ///< consumed processor time in milliseconds
+        unsigned int watchTime;  ///< milliseconds
+        int status;              ///< 1 running, 0 waiting
+    };
+
+    ~PZThreadMng() override;
+
+    /// Does nothing: the instance dies with the other singletons.
+    static void DelInstance();
+
+    /// Starts, or stops, the watchdog. initialize answers 0 when that failed.
+    int initialize();
+    void finalize();
+
+    /// Registers a running thread. A null name leaves the label empty; 256 characters or more are
+    /// cut to 255. A handle that is registered already keeps its record. Always true.
+    bool registerThreadInfo(unsigned long handle, const char* name, int priority,
+                            unsigned int watchTime);
+    bool registerThreadInfo(const ThreadInfo& info);
+
+    /// True when the handle was registered.
+    bool unregisterThreadInfo(unsigned long handle);
+
+    /// Replaces the label (cut to 255 characters); false for a null label or an unknown handle.
+    bool setLabel(unsigned long handle, const char* label);
+
+    /// Copies the label into `out`, which must hold 256 characters. False, with `out` untouched,
+    /// for a null `out` or an unknown handle.
+    bool getLabel(unsigned long handle, char* out);
+
+    bool setWatchTime(unsigned long handle, unsigned int ms);
+
+    /// 0 for an unknown handle.
+    unsigned int getWatchTime(unsigned long handle);
+
+    /// Wide priority of the kernel thread `tid`; -1 when its nice value is not on the scale (5 and
+    /// above), 0 when it cannot be read (reported). `handle` is not used.
+    int GetPriority(unsigned long handle, unsigned int tid);
+
+    /// The same for the calling thread; a nice value off the scale is reported.
+    int GetCurrentThreadPriority();
+
+    /// Sets the nice value of the kernel thread `tid` and records `priority` for `handle`. False
+    /// when the kernel refuses (reported) or the handle is unknown (the nice value is set).
+    bool SetPriority(unsigned long handle, int priority, unsigned int tid);
+
+    /// Marks the calling thread's record as waiting, or running. For threads of the application
+    /// around their blocking waits.
+    void notifyToWaiting();
+    void notifyToRunning();
+
+    /// Refreshes the run times. Walks the registry without its lock.
+    void checkThreadStatus();
+
+    /// Writes all records to "/temp/ThreadInfo"; silent when that cannot be opened.
+    void dumpThreadStatus();
+
+    /// The handles of the running threads, in ascending order. Always true.
+    bool getActiveThreadList(std::vector<unsigned long>& out);
+
+    /// First wide priority with this nice value; -1 when there is none.
+    int get_wide_priority(int nice);
+
+    /// Nice value of the first wide priority not below `wide`; -1 when there is none.
+    int get_narrow_priority(int wide);
+
+private:
+    friend class PZSingleton<PZThreadMng>;
+    PZThreadMng();
+
+    std::map<unsigned long, ThreadInfo> threads_;  // guarded by *sync_
+    PZSync* sync_;                                 // owned
+};
+
+#endif  // PZ_FRAMEWORK_FOUNDATION_PZTHREADMNG_H

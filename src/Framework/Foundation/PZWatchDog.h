@@ -1,0 +1,43 @@
+#ifndef PZ_FRAMEWORK_FOUNDATION_PZWATCHDOG_H
+#define PZ_FRAMEWORK_FOUNDATION_PZWATCHDOG_H
+
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/PZApi.h>
+
+class PZWatchDog;
+extern template class PZ_API PZSingleton<PZWatchDog>;
+
+/// The hooks of a watchdog over the framework's threads. No watchdog stands behind them yet:
+/// every operation returns at once without effect.
+///
+/// The framework calls start and stop with its own start and stop, and IntoWait and OutWait
+/// around the blocking waits of its threads.
+///
+/// Threads: any thread may call anything.
+class PZ_API PZWatchDog : public PZSingleton<PZWatchDog> {
+public:
+    ~PZWatchDog() override;
+
+    /// Does nothing: the instance dies with the other singletons.
+    static void DelInstance();
+
+    /// Always true.
+    bool start();
+    void stop();
+
+    void IntoWait();
+    void OutWait();
+
+    /// Thread hooks. Initialize answers 0.
+    int Initialize();
+    void MainProc();
+    void Finalize();
+
+    void checkOccupationTime();
+
+private:
+    friend class PZSingleton<PZWatchDog>;
+    PZWatchDog();
+};
+
+#endif  // PZ_FRAMEWORK_FOUNDATION_PZWATCHDOG_H

@@ -1,0 +1,40 @@
+#ifndef PZ_FRAMEWORK_PZFRAMEWORK_H
+#define PZ_FRAMEWORK_PZFRAMEWORK_H
+
+// Every public header of the framework.
+
+#include <Framework/Diagnostics/PZCallStack.h>
+#include <Framework/Diagnostics/PZDbgOutput.h>
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/Diagnostics/pz_stack.h>
+#include <Framework/Foundation/PZEvent.h>
+#include <Framework/Foundation/PZIDispatcher.h>
+#include <Framework/Foundation/PZIMsgBox.h>
+#include <Framework/Foundation/PZLHeapMng.h>
+#include <Framework/Foundation/PZLMsgBox.h>
+#include <Framework/Foundation/PZPriorityQueue.h>
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/Foundation/PZStopwatch.h>
+#include <Framework/Foundation/PZSync.h>
+#include <Framework/Foundation/PZSyncGuard.h>
+#include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/Foundation/PZThread.h>
+#include <Framework/Foundation/PZThreadAnnotations.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZTickCount.h>
+#include <Framework/Foundation/PZUnitFrame.h>
+#include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
+#include <Framework/Foundation/pz_identity.h>
+#include <Framework/PZApi.h>
+#include <Framework/Pattern/PZSubject.h>
+#include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
+#include <Framework/SharedMemory/PZSharedSyncObject.h>
+#include <Framework/Utility/PZLTimerMng.h>
+#include <Framework/Wrapper/cp_conv_basic_rds.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+
+#endif  // PZ_FRAMEWORK_PZFRAMEWORK_H

@@ -1,0 +1,6 @@
+#ifndef PZ_FRAMEWORK_WRAPPER_CP_CONV_BASIC_RDS_H
+#define PZ_FRAMEWORK_WRAPPER_CP_CONV_BASIC_RDS_H
+
+// Written with the converters themselves.
+
+#endif  // PZ_FRAMEWORK_WRAPPER_CP_CONV_BASIC_RDS_H

@@ -1,0 +1,45 @@
+#ifndef PZ_TESTS_SUPPORT_STDOUTCAPTURE_H
+#define PZ_TESTS_SUPPORT_STDOUTCAPTURE_H
+
+#include <string>
+#include <vector>
+
+namespace pztest {
+
+/// Catches everything the process writes to its standard output, from construction to the end of
+/// the scope. One capture at a time.
+class StdoutCapture {
+public:
+    StdoutCapture();
+    ~StdoutCapture();
+
+    StdoutCapture(const StdoutCapture&) = delete;
+    StdoutCapture& operator=(const StdoutCapture&) = delete;
+
+    /// What was written since construction or the last Take.
+    std::string Take();
+
+private:
+    int savedFd_;
+    int fileFd_;
+};
+
+/// The line as the debug output prints it: right-aligned to 80 columns between `colour` and the
+/// reset code. `line` ends with its own line feed, if any.
+std::string padded_line(const std::string& colour, const std::string& line);
+
+/// The messages of the tagged error lines in `output`: what follows "} : " up to the reset code,
+/// without the line feed, in order.
+std::vector<std::string> error_messages(const std::string& output);
+
+/// True when an error line of `function` in the file `base` says `message` (no line feed). Shows
+/// that a report names the right place.
+bool has_report(const std::string& output, const std::string& function, const std::string& base,
+                const std::string& message);
+
+/// How often `text` stands in `output`.
+unsigned int count_of(const std::string& output, const std::string& text);
+
+}  // namespace pztest
+
+#endif  // PZ_TESTS_SUPPORT_STDOUTCAPTURE_H
