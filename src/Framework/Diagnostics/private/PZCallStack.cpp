@@ -1,0 +1,75 @@
+#include "Framework/Diagnostics/PZCallStack.h"
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <execinfo.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "PZErrnoKeeper.h"
+
+namespace {
+
+constexpr int kMaxDumpedFrames = 256;
+
+struct FreeDeleter {
+    void operator()(char** lines) const { std::free(lines); }
+};
+
+/// One text line per address, in a single block. Null when the memory is exhausted.
+using SymbolLines = std::unique_ptr<char*[], FreeDeleter>;
+
+SymbolLines translate(void* const* addresses, int count) {
+    return SymbolLines(backtrace_symbols(addresses, count));
+}
+
+}  // namespace
+
+PZCallStack::PZCallStack() : count_(0) {
+    for (auto& symbol : symbols_) symbol[0] = '\0';
+}
+
+int PZCallStack::take(int depth, bool withSymbols) {
+    if (depth < 1 && depth != -1) return 0;
+    const PZErrnoKeeper keeper;
+    const int limit = depth == -1 ? kMaxFrames : std::min(depth, kMaxFrames);
+    count_ = std::min(backtrace(addresses_, limit), limit);
+    if (!withSymbols) return count_;
+
+    const SymbolLines lines = translate(addresses_, count_);
+    for (int i = 0; i < count_; ++i) {
+        // Without a translation the slots become empty: they must not describe older frames.
+        std::snprintf(symbols_[i], sizeof symbols_[i], "%s", lines ? lines[i] : "");
+    }
+    return count_;
+}
+
+int PZCallStack::size() const noexcept {
+    return count_;
+}
+
+void* PZCallStack::getAddress(int index) const noexcept {
+    if (index < 0 || index >= count_) return nullptr;
+    return addresses_[index];
+}
+
+const char* PZCallStack::getSymbol(int index) const noexcept {
+    if (index < 0 || index >= kMaxFrames) return nullptr;
+    return symbols_[index];
+}
+
+void PZCallStack::dump() const {
+    for (int i = 0; i < count_; ++i) PZ_REPORT_ERROR("%s\n", symbols_[i]);
+}
+
+void PZCallStack::dumpDirectly(int depth) {
+    const PZErrnoKeeper keeper;
+    void* addresses[kMaxDumpedFrames];
+    const int count = backtrace(addresses, kMaxDumpedFrames);
+    const SymbolLines lines = translate(addresses, count);
+    if (!lines) return;
+    const int printed = depth < 1 || depth > count ? count : depth;
+    for (int i = 0; i < printed; ++i) PZ_REPORT_ERROR("%s\n", lines[i]);
+}
