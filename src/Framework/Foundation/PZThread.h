@@ -1,8 +1,164 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZTHREAD_H
 #define PZ_FRAMEWORK_FOUNDATION_PZTHREAD_H
 
-// PZThread<T>: written with the class itself.
+#include <cxxabi.h>
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/Foundation/PZSync.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+
+/// Runs the life of an object on a thread of its own, registered with PZThreadMng.
+///
+/// The object's class T supplies the phases, all called on the new thread:
+///
+///     int  Initialize();   // 0 goes on; anything else ends the thread at once
+///     void MainProc();     // the thread's loop: its return ends the thread
+///     void Finalize();     // after MainProc has returned
+///
+/// The thread is registered before Initialize, and stays registered after its end until WaitExit.
+///
+/// Threads:   Start, WaitExit and SetPriority belong to one controlling thread. WaitExit cannot
+///            stop the thread: the owner makes MainProc return first.
+/// Ownership: the owner is not owned and must outlive the thread. Destruction neither stops nor
+///            joins it: call WaitExit before.
+/// Failures:  reported and answered with a result. An exception thrown by a phase ends the thread
+///            quietly, without the phases that follow; cancellation and pthread_exit pass through.
 template <typename T>
-class PZThread;
+class PZThread {
+public:
+    /// `watchTime` (milliseconds) is what the thread is registered with. No thread is made yet.
+    PZThread(T* owner, unsigned int watchTime)
+        : self_(this), owner_(owner), watchTime_(watchTime), sync_(std::make_unique<PZSync>()) {}
+
+    virtual ~PZThread() = default;
+
+    PZThread(const PZThread&) = delete;
+    PZThread& operator=(const PZThread&) = delete;
+
+    /// Creates the thread. The kernel shows the first 15 characters of `name`; null is "no_name",
+    /// 128 characters or more are cut to 127. False when a thread exists already (it is left
+    /// alone), there is no owner, or the system refuses (Start may be tried again).
+    bool Start(const char* name) {
+        if (isStarted() || owner_ == nullptr) {
+            PZ_REPORT_ERROR("error [%s]\n", Printable(name));
+            return false;
+        }
+        // Written here for the last time: from now on both threads read it.
+        pz_strncpy(name_, sizeof name_, name != nullptr ? name : "no_name", sizeof name_ - 1);
+
+        if (pthread_create(&handle_, nullptr, WrappedEntry, &self_) != 0) {
+            handle_ = kNoThread;  // its value is undefined now
+            PZ_REPORT_ERROR("PZThread::Start() failed !! [%s]\r\n", Printable(name));
+            return false;
+        }
+        char kernelName[16];
+        pz_strncpy(kernelName, sizeof kernelName, name_, sizeof kernelName - 1);
+        pthread_setname_np(handle_, kernelName);  // without a name it runs just as well
+        return true;
+    }
+
+    /// The thread's entry; `arg` is the address of a pointer to the PZThread. Always null.
+    static void* WrappedEntry(void* arg) {
+        if (arg == nullptr) return nullptr;
+        PZThread* const thread = *static_cast<PZThread**>(arg);
+        thread->Register();
+        try {
+            thread->RunPhases();
+        } catch (abi::__forced_unwind&) {
+            throw;       // the C library ends the thread with it: it must arrive there
+        } catch (...) {  // NOLINT(bugprone-empty-catch): the thread just ends
+        }
+        return nullptr;
+    }
+
+    /// Waits without limit for the thread's end and unregisters it; then it can be started again.
+    /// The result of the join: 0 on success, else its error number (reported; the thread is
+    /// forgotten all the same). 0 at once when there is no thread.
+    int WaitExit() {
+        if (!isStarted()) return 0;
+        const int result = pthread_join(handle_, nullptr);
+        if (result != 0) {
+            PZ_REPORT_ERROR("pthread_join failed !! ret[%d] errno[%d : %s]\n", result,
+                            pz_get_last_err(), pz_get_last_err_string());
+        }
+        PZThreadMng::GetInstance()->unregisterThreadInfo(handle_);
+        handle_ = kNoThread;
+        tid_ = kNoTid;
+        return result;
+    }
+
+    /// The thread's wide priority, see PZThreadMng::GetPriority; -1, with a report, while the
+    /// thread does not run.
+    int GetPriority() { return GetPriority(handle_); }
+
+    /// Sets the thread's wide priority, see PZThreadMng::SetPriority. A thread that was just
+    /// created is given up to 50 ms to come up.
+    bool SetPriority(int priority) {
+        constexpr int kPolls = 5;
+        constexpr unsigned int kPollMs = 10;
+        for (int poll = 0; tid_ == kNoTid && poll < kPolls; ++poll) {
+            pz_msleep(kPollMs);
+        }
+        const int tid = tid_;
+        if (tid == kNoTid) {
+            PZ_REPORT_ERROR("invalid thread id\n");  // the kernel refuses it below
+        }
+        return PZThreadMng::GetInstance()->SetPriority(handle_, priority,
+                                                       static_cast<unsigned int>(tid));
+    }
+
+    /// The name given to the last successful Start (at most 127 characters); empty before.
+    /// Points into the object.
+    const char* getName() const noexcept { return name_; }
+
+    /// True from a successful Start until WaitExit, also when the thread has ended meanwhile.
+    bool isStarted() const noexcept { return handle_ != kNoThread; }
+
+private:
+    static constexpr pthread_t kNoThread = static_cast<pthread_t>(-1);
+    static constexpr int kNoTid = -1;
+
+    static const char* Printable(const char* name) { return name != nullptr ? name : "(null)"; }
+
+    // On the new thread. Its handle is taken from pthread_self: pthread_create may not have
+    // stored it for the controlling thread yet.
+    void Register() {
+        tid_ = static_cast<int>(syscall(SYS_gettid));
+        const pthread_t handle = pthread_self();
+        const int priority = GetPriority(handle);
+        PZThreadMng::GetInstance()->registerThreadInfo(handle, name_, priority, watchTime_);
+    }
+
+    void RunPhases() {
+        if (owner_->Initialize() != 0) return;
+        owner_->MainProc();
+        owner_->Finalize();
+    }
+
+    int GetPriority(pthread_t handle) {
+        const int tid = tid_;
+        if (tid == kNoTid) {
+            PZ_REPORT_ERROR("invalid thread id\n");
+            return -1;
+        }
+        return PZThreadMng::GetInstance()->GetPriority(handle, static_cast<unsigned int>(tid));
+    }
+
+    PZThread* self_;  // its address is the argument of WrappedEntry
+    T* const owner_;
+    char name_[128] = {};
+    pthread_t handle_ = kNoThread;  // touched by the controlling thread only
+    std::atomic<int> tid_{kNoTid};  // kernel thread id; set by the new thread, -1 again by WaitExit
+    const unsigned int watchTime_;
+    const std::unique_ptr<PZSync> sync_;  // for whoever needs one per thread; nothing takes it yet
+};
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PZTHREAD_H

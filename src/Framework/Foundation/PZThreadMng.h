@@ -2,6 +2,7 @@
 #define PZ_FRAMEWORK_FOUNDATION_PZTHREADMNG_H
 
 #include <map>
+#include <memory>
 #include <vector>
 
 #include <Framework/Foundation/PZSingleton.h>
@@ -96,8 +97,16 @@ private:
     friend class PZSingleton<PZThreadMng>;
     PZThreadMng();
 
-    std::map<unsigned long, ThreadInfo> threads_;  // guarded by *sync_
-    PZSync* sync_;                                 // owned
+    struct PriorityRow {
+        int wide;
+        int nice;
+    };
+    PZ_LOCAL static const PriorityRow priTable_[79];  // ascending wide priorities
+
+    PZ_LOCAL ThreadInfo* FindLocked(unsigned long handle) PZ_REQUIRES(*sync_);
+
+    std::map<unsigned long, ThreadInfo> threads_ PZ_GUARDED_BY(*sync_);
+    const std::unique_ptr<PZSync> sync_;
 };
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PZTHREADMNG_H

@@ -1,0 +1,271 @@
+#include "Framework/Foundation/PZThreadMng.h"
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <time.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+
+#if __SIZEOF_POINTER__ == 4
+static_assert(offsetof(PZThreadMng::ThreadInfo, handle) == 0);
+static_assert(offsetof(PZThreadMng::ThreadInfo, priority) == 4);
+static_assert(offsetof(PZThreadMng::ThreadInfo, name) == 8);
+static_assert(offsetof(PZThreadMng::ThreadInfo, starttime) == 264);
+static_assert(offsetof(PZThreadMng::ThreadInfo, runtime) == 268);
+static_assert(offsetof(PZThreadMng::ThreadInfo, watchTime) == 272);
+static_assert(offsetof(PZThreadMng::ThreadInfo, status) == 276);
+static_assert(sizeof(PZThreadMng::ThreadInfo) == 280);
+#endif
+
+template class PZSingleton<PZThreadMng>;
+
+// clang-format off
+constexpr PZThreadMng::PriorityRow PZThreadMng::priTable_[] = {
+    // {wide, nice}
+    {177, -20},
+    {178, -19},
+    {179, -18}, {180, -18},
+    {181, -17}, {182, -17},
+    {183, -16}, {184, -16},
+    {185, -15}, {186, -15},
+    {187, -14}, {188, -14},
+    {189, -13}, {190, -13},
+    {191, -12}, {192, -12},
+    {193, -11}, {194, -11},
+    {195, -10}, {196, -10},
+    {197,  -9},
+    {198,  -8},
+    {199,  -7},
+    {200,  -6},
+    {201,  -5}, {202,  -5}, {203,  -5}, {204,  -5}, {205,  -5},
+    {206,  -5}, {207,  -5}, {208,  -5}, {209,  -5}, {210,  -5},
+    {211,  -4}, {212,  -4}, {213,  -4}, {214,  -4}, {215,  -4},
+    {216,  -4}, {217,  -4}, {218,  -4}, {219,  -4}, {220,  -4},
+    {221,  -3}, {222,  -3}, {223,  -3}, {224,  -3}, {225,  -3},
+    {226,  -3}, {227,  -3}, {228,  -3}, {229,  -3}, {230,  -3},
+    {231,  -2}, {232,  -2}, {233,  -2}, {234,  -2}, {235,  -2},
+    {236,  -2}, {237,  -2}, {238,  -2}, {239,  -2}, {240,  -2},
+    {241,  -1}, {242,  -1}, {243,  -1}, {244,  -1}, {245,  -1},
+    {246,  -1}, {247,  -1}, {248,  -1}, {249,  -1}, {250,  -1},
+    {251,   0},
+    {252,   1},
+    {253,   2},
+    {254,   3},
+    {255,   4},
+};
+// clang-format on
+
+namespace {
+
+constexpr char kDumpPath[] = "/temp/ThreadInfo";
+
+constexpr int kStatusWaiting = 0;
+constexpr int kStatusRunning = 1;
+
+/// Nice value of a kernel thread; false, with errno set, when it cannot be read.
+bool read_nice(unsigned int tid, int& nice) {
+    pz_clear_last_err();  // -1 is a nice value, too: only errno tells it from a failure
+    nice = getpriority(PRIO_PROCESS, tid);
+    return nice != -1 || pz_get_last_err() == 0;
+}
+
+/// True when the table has every wide priority of the scale once, in ascending order, and the nice
+/// values do not fall.
+template <typename Row, std::size_t kRows>
+constexpr bool is_in_order(const Row (&table)[kRows]) {
+    for (std::size_t i = 0; i < kRows; ++i) {
+        if (table[i].wide != table[0].wide + static_cast<int>(i)) return false;
+        if (i > 0 && table[i].nice < table[i - 1].nice) return false;
+    }
+    return table[0].wide == 177 && table[kRows - 1].wide == 255;
+}
+
+void set_name(PZThreadMng::ThreadInfo& info, const char* name) {
+    pz_strncpy(info.name, sizeof info.name, name, sizeof info.name - 1);
+}
+
+void write_record(FILE* file, const PZThreadMng::ThreadInfo& info) {
+    std::fprintf(file, "name     : %s\n", info.name);
+    std::fprintf(file, "starttime: %d\n", info.starttime);
+    std::fprintf(file, "runtime  : %d\n", info.runtime);
+    std::fprintf(file, "watchdog : %d\n", static_cast<int>(info.watchTime));
+    std::fprintf(file, "status   : %d\n", info.status);
+    std::fprintf(file, "\n");
+}
+
+}  // namespace
+
+PZThreadMng::PZThreadMng() : sync_(std::make_unique<PZSync>()) {}
+
+PZThreadMng::~PZThreadMng() = default;
+
+void PZThreadMng::DelInstance() {}
+
+int PZThreadMng::initialize() {
+    return PZWatchDog::GetInstance()->start() ? 1 : 0;
+}
+
+void PZThreadMng::finalize() {
+    PZWatchDog::GetInstance()->stop();
+}
+
+bool PZThreadMng::registerThreadInfo(unsigned long handle, const char* name, int priority,
+                                     unsigned int watchTime) {
+    ThreadInfo info = {};
+    info.handle = handle;
+    info.priority = priority;
+    info.watchTime = watchTime;
+    info.status = kStatusRunning;
+    if (name != nullptr) set_name(info, name);
+    return registerThreadInfo(info);
+}
+
+bool PZThreadMng::registerThreadInfo(const ThreadInfo& info) {
+    const PZSyncLock lock(*sync_);
+    const auto [record, isNew] = threads_.emplace(info.handle, info);
+    if (isNew) record->second.name[sizeof info.name - 1] = '\0';  // the dump prints it as a string
+    return true;
+}
+
+bool PZThreadMng::unregisterThreadInfo(unsigned long handle) {
+    const PZSyncLock lock(*sync_);
+    return threads_.erase(handle) != 0;
+}
+
+bool PZThreadMng::setLabel(unsigned long handle, const char* label) {
+    if (label == nullptr) return false;
+    const PZSyncLock lock(*sync_);
+    ThreadInfo* const info = FindLocked(handle);
+    if (info == nullptr) return false;
+    set_name(*info, label);
+    return true;
+}
+
+bool PZThreadMng::getLabel(unsigned long handle, char* out) {
+    if (out == nullptr) return false;
+    const PZSyncLock lock(*sync_);
+    const ThreadInfo* const info = FindLocked(handle);
+    if (info == nullptr) return false;
+    std::memcpy(out, info->name, sizeof info->name);
+    return true;
+}
+
+bool PZThreadMng::setWatchTime(unsigned long handle, unsigned int ms) {
+    const PZSyncLock lock(*sync_);
+    ThreadInfo* const info = FindLocked(handle);
+    if (info == nullptr) return false;
+    info->watchTime = ms;
+    return true;
+}
+
+unsigned int PZThreadMng::getWatchTime(unsigned long handle) {
+    const PZSyncLock lock(*sync_);
+    const ThreadInfo* const info = FindLocked(handle);
+    return info != nullptr ? info->watchTime : 0;
+}
+
+int PZThreadMng::GetPriority(unsigned long /*handle*/, unsigned int tid) {
+    int nice = 0;
+    if (!read_nice(tid, nice)) {
+        PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        return 0;
+    }
+    return get_wide_priority(nice);
+}
+
+int PZThreadMng::GetCurrentThreadPriority() {
+    int nice = 0;
+    if (!read_nice(static_cast<unsigned int>(pz_get_current_thread_id()), nice)) {
+        PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        return 0;
+    }
+    const int wide = get_wide_priority(nice);
+    if (wide == -1) PZ_REPORT_ERROR("error : nice[%d]\n", nice);
+    return wide;
+}
+
+bool PZThreadMng::SetPriority(unsigned long handle, int priority, unsigned int tid) {
+    if (setpriority(PRIO_PROCESS, tid, get_narrow_priority(priority)) != 0) {
+        PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        return false;
+    }
+    const PZSyncLock lock(*sync_);
+    ThreadInfo* const info = FindLocked(handle);
+    if (info == nullptr) return false;
+    info->priority = priority;
+    return true;
+}
+
+void PZThreadMng::notifyToWaiting() {
+    const PZSyncLock lock(*sync_);
+    ThreadInfo* const info = FindLocked(pthread_self());
+    if (info == nullptr) return;
+    info->status = kStatusWaiting;
+    info->starttime = 0;
+    info->runtime = 0;
+}
+
+void PZThreadMng::notifyToRunning() {
+    const PZSyncLock lock(*sync_);
+    ThreadInfo* const info = FindLocked(pthread_self());
+    if (info != nullptr) info->status = kStatusRunning;
+}
+
+// The walk is unlocked on purpose.
+void PZThreadMng::checkThreadStatus() PZ_NO_THREAD_SAFETY_ANALYSIS {
+    for (auto& [handle, info] : threads_) {
+        clockid_t clock = 0;
+        if (info.status != kStatusRunning || pthread_getcpuclockid(handle, &clock) != 0) continue;
+        timespec used = {};
+        // Stored only when the clock cannot be read, on purpose: run times stay 0 in practice.
+        if (clock_gettime(clock, &used) == 0) continue;
+        info.runtime = static_cast<int>(used.tv_sec * 1000 + used.tv_nsec / 1000000);
+    }
+}
+
+void PZThreadMng::dumpThreadStatus() {
+    const PZSyncLock lock(*sync_);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(kDumpPath, "w+"), &std::fclose);
+    if (file == nullptr) return;
+    for (const auto& [handle, info] : threads_) {
+        write_record(file.get(), info);
+    }
+}
+
+bool PZThreadMng::getActiveThreadList(std::vector<unsigned long>& out) {
+    out.clear();
+    const PZSyncLock lock(*sync_);
+    for (const auto& [handle, info] : threads_) {
+        if (info.status == kStatusRunning) out.push_back(handle);
+    }
+    return true;
+}
+
+int PZThreadMng::get_wide_priority(int nice) {
+    static_assert(is_in_order(priTable_));
+    for (const PriorityRow& row : priTable_) {
+        if (row.nice == nice) return row.wide;
+    }
+    return -1;
+}
+
+int PZThreadMng::get_narrow_priority(int wide) {
+    for (const PriorityRow& row : priTable_) {
+        if (row.wide >= wide) return row.nice;
+    }
+    return -1;  // for priorities above the scale: they become nice -1
+}
+
+PZThreadMng::ThreadInfo* PZThreadMng::FindLocked(unsigned long handle) {
+    const auto record = threads_.find(handle);
+    return record != threads_.end() ? &record->second : nullptr;
+}

@@ -1,0 +1,62 @@
+#include "Framework/Pattern/PZSubject.h"
+
+#include <algorithm>
+
+#include <Framework/Diagnostics/PZCallStack.h>
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/PZSyncLock.h>
+
+PZObserver_::~PZObserver_() = default;
+
+PZSubject::PZSubject() = default;
+
+PZSubject::~PZSubject() {
+    if (observers_.empty()) return;
+    PZ_REPORT_ERROR("call RemoveObserver() before delete. [%d]\n",
+                    static_cast<int>(observers_.size()));
+    PZCallStack::dumpDirectly(10);
+}
+
+int PZSubject::AddObserver(PZObserver_* o) {
+    return AddObserver(o, nullptr, 0);
+}
+
+int PZSubject::AddObserver(PZObserver_* o, unsigned int* ids, unsigned int count) {
+    {
+        const PZSyncLock lock(sync_);
+        if (o != nullptr) {
+            observers_.push_back(Entry{o, std::vector<unsigned int>(ids, ids + count)});
+            return 1;
+        }
+    }
+    PZ_REPORT_ASSERTION();  // a long print: not while others wait for the lock
+    return 0;
+}
+
+int PZSubject::RemoveObserver(PZObserver_* o) {
+    if (o == nullptr) return 0;
+    const PZSyncLock lock(sync_);
+    const auto entry = std::find_if(observers_.begin(), observers_.end(),
+                                    [o](const Entry& e) { return e.observer == o; });
+    if (entry == observers_.end()) return 0;
+    observers_.erase(entry);
+    return 1;
+}
+
+unsigned int PZSubject::NotifyObserver(unsigned int id, void* data, unsigned int size,
+                                       EN_NTF_TYPE type) {
+    const PZSyncLock lock(sync_);
+    unsigned int result = 0;
+    // A list: observers may add entries behind, or remove other ones, during the walk.
+    for (const Entry& entry : observers_) {
+        if (type != en_NTF_SELECTED) {
+            result = std::max(result, entry.observer->OnNotify(id, data, size));
+            continue;
+        }
+        for (const unsigned int wanted : entry.ids) {
+            if (wanted != id) continue;
+            result = std::max(result, entry.observer->OnNotify(id, data, size));
+        }
+    }
+    return result;
+}
