@@ -6,7 +6,9 @@
 
 /// The inbox of a worker's thread: any thread posts, the worker's thread serves.
 ///
-/// Threads: any thread may call anything but Loop, which belongs to the worker's thread.
+/// Threads:   any thread may call anything but Loop, which belongs to the worker's thread.
+/// Ownership: payloads are copied; dispatchers are not owned.
+/// Failures:  reported and answered with a result, never thrown.
 class PZ_API PZIMsgBox {
 public:
     /// One message.
@@ -20,31 +22,40 @@ public:
 
     virtual ~PZIMsgBox();
 
+    /// Prepares the box for its thread: 0 success, anything else keeps the thread from Loop.
     virtual int Init() = 0;
 
-    /// Ends the loop once everything posted has been served.
+    /// Asks the loop to end once everything posted has been served. Always 0.
     virtual int Exit() = 0;
 
     /// Waits until the loop serves: 0 when it does, 1 on time-out (milliseconds) or failure.
     virtual int InitWait(unsigned int timeout) = 0;
 
     /// Adds a dispatcher and answers its identifier; all bits set when it is null or registered
-    /// already. The dispatcher is not owned.
+    /// already. Waits for a running handler of the box to return.
     virtual unsigned long Registory(PZIDispatcher* d) = 0;
 
     /// Removes a dispatcher, if present; waits for a running handler of the box to return. What
-    /// is still queued for it is dropped.
+    /// is still queued for it is dropped, unless a dispatcher with the same identifier (a new
+    /// object at the same address) is registered by the time it is served.
     virtual void Unregistory(unsigned long id) = 0;
 
+    /// 1 when the trail value is `n`, else 0.
     virtual int CheckTrail(unsigned int n) = 0;
 
-    /// Posts a message: 0 success, 1 out of memory or the loop could not be woken, 2 bad payload
-    /// size, 3 full. With a payload, `d.Buff` is changed to the address of the box's copy.
+    /// Posts a message: 0 success, 1 failure, 2 bad payload size, 3 full.
+    ///
+    /// Result 1 has two causes: no memory for the payload (nothing is queued), or the loop could
+    /// not be woken (the message stays queued and is served when the loop wakes for another
+    /// reason). With a payload, `d.Buff` is changed to the address of the box's copy, which the
+    /// box releases after service: give every post a fresh record.
     virtual unsigned int PushMsg(ST_PUSH_MSG_DATA& d) = 0;
 
-    /// Posts an event for the dispatcher `id`: results as PushMsg.
+    /// Posts an event for the dispatcher `id`: 0 success, 1 the loop could not be woken (the event
+    /// stays queued), 3 full.
     virtual unsigned int SetEvent(unsigned int bits, unsigned long id) = 0;
 
+    /// Serves until Exit; `workerId` names the worker in reports. Always 0.
     virtual int Loop(unsigned int workerId) = 0;
 };
 

@@ -1,0 +1,3 @@
+#include "Framework/Foundation/PZIDispatcher.h"
+
+PZIDispatcher::~PZIDispatcher() = default;
