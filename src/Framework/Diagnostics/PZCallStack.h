@@ -7,8 +7,10 @@
 ///
 /// Threads:   an object belongs to one thread; dumpDirectly may be called from any.
 /// Limits:    32 frames in a snapshot, 256 in dumpDirectly; symbol lines are cut to 255
-///            characters in a snapshot.
+///            characters in a snapshot. An object takes 8 KiB.
 /// Frames:    innermost first, the capturing operation itself included.
+/// Failures:  without memory for the symbol lines a snapshot has empty ones, and dumpDirectly
+///            prints nothing. errno keeps its value.
 class PZ_API PZCallStack {
 public:
     PZCallStack();
@@ -24,8 +26,8 @@ public:
     /// Return address of frame `index`; null outside 0 .. size() - 1.
     void* getAddress(int index) const noexcept;
 
-    /// Symbol line of slot `index`, owned by the object; null outside 0 .. 31. Empty where no
-    /// symbols were taken; not checked against size().
+    /// Symbol line of slot `index`, owned by the object; null outside 0 .. 31. Not checked against
+    /// size(): a slot keeps its line until symbols are taken for it again, and is empty before.
     const char* getSymbol(int index) const noexcept;
 
     /// Prints the symbol line of each captured frame as a tagged error line.

@@ -4,6 +4,7 @@
 #include <execinfo.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -28,6 +29,12 @@ SymbolLines translate(void* const* addresses, int count) {
 }  // namespace
 
 PZCallStack::PZCallStack() : count_(0) {
+#if __SIZEOF_POINTER__ == 4
+    static_assert(offsetof(PZCallStack, count_) == 0);
+    static_assert(offsetof(PZCallStack, addresses_) == 4);
+    static_assert(offsetof(PZCallStack, symbols_) == 132);
+    static_assert(sizeof(PZCallStack) == 8324);
+#endif
     for (auto& symbol : symbols_) symbol[0] = '\0';
 }
 
