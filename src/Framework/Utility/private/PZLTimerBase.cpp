@@ -1,0 +1,3 @@
+#include <Framework/Utility/PZLTimerMng.h>
+
+PZLTimerBase::~PZLTimerBase() = default;
