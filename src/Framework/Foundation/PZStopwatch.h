@@ -29,9 +29,9 @@ public:
     unsigned long long Stop();
 
 private:
-    timespec start_;
-    timespec lap_;
-    bool running_;
+    timespec start_ = {};  // time of Start
+    timespec lap_ = {};    // time of Start or of the last Lap
+    bool running_ = false;
 };
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PZSTOPWATCH_H
