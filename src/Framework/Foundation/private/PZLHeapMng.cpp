@@ -1,0 +1,286 @@
+#include "Framework/Foundation/PZLHeapMng.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <Framework/Diagnostics/PZCallStack.h>
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/PZSync.h>
+#include <Framework/Foundation/PZSyncLock.h>
+
+namespace {
+
+constexpr unsigned int kGuardWord = 0xEEEEEEEE;
+constexpr unsigned char kTrailerByte = 0xEE;
+constexpr size_t kTrailerSize = 8;
+constexpr int kCallers = 10;
+constexpr int kCallerNameSize = 256;
+constexpr int kThreads = 200;
+
+/// What stands in front of the caller's data; the trailer stands behind them.
+struct ST_MEM_BLOCK {
+    unsigned int guards[2];  // written for a reader of memory dumps, never examined
+    ST_MEM_BLOCK* older;
+    ST_MEM_BLOCK* newer;
+    unsigned int size;                      // of the caller's data
+    unsigned int threadId;                  // kernel id of the allocating thread
+    void* callers[kCallers];                // return addresses, the direct caller first
+    char names[kCallers][kCallerNameSize];  // reserved for the callers' names: empty
+};
+
+#if __SIZEOF_POINTER__ == 4
+constexpr size_t kHeaderSize = 2624;
+static_assert(offsetof(ST_MEM_BLOCK, older) == 8);
+static_assert(offsetof(ST_MEM_BLOCK, newer) == 12);
+static_assert(offsetof(ST_MEM_BLOCK, size) == 16);
+static_assert(offsetof(ST_MEM_BLOCK, threadId) == 20);
+static_assert(offsetof(ST_MEM_BLOCK, callers) == 24);
+static_assert(offsetof(ST_MEM_BLOCK, names) == 64);
+#else
+constexpr size_t kHeaderSize = 2672;
+static_assert(offsetof(ST_MEM_BLOCK, older) == 8);
+static_assert(offsetof(ST_MEM_BLOCK, newer) == 16);
+static_assert(offsetof(ST_MEM_BLOCK, size) == 24);
+static_assert(offsetof(ST_MEM_BLOCK, threadId) == 28);
+static_assert(offsetof(ST_MEM_BLOCK, callers) == 32);
+static_assert(offsetof(ST_MEM_BLOCK, names) == 112);
+#endif
+static_assert(offsetof(ST_MEM_BLOCK, guards) == 0);
+static_assert(sizeof(ST_MEM_BLOCK) == kHeaderSize);
+static_assert(kHeaderSize % alignof(std::max_align_t) == 0, "the data are aligned as by malloc");
+
+/// Live blocks and their requested bytes, with the peaks.
+struct ST_USAGE {
+    unsigned int count;
+    unsigned int maxCount;
+    unsigned int size;
+    unsigned int maxSize;
+
+    void Add(unsigned int bytes) {
+        size += bytes;
+        maxSize = std::max(maxSize, size);
+        ++count;
+        maxCount = std::max(maxCount, count);
+    }
+};
+
+struct ST_THREAD_USAGE {
+    unsigned int threadId;  // kernel id; 0: the entry is free, and so are all behind it
+    ST_USAGE usage;
+};
+
+/// The accounts of the process. Guarded by heap_lock().
+struct ST_HEAP {
+    ST_MEM_BLOCK* head;        // oldest live block
+    ST_MEM_BLOCK* tail;        // newest live block
+    const ST_MEM_BLOCK* mark;  // the tail when the measured period began; compared, never followed
+    ST_USAGE total;
+    ST_THREAD_USAGE threads[kThreads];
+};
+
+ST_HEAP heap;
+
+/// Made on first use: an application that never allocates here has no lock.
+PZSync& heap_lock() {
+    static PZSync lock;
+    return lock;
+}
+
+unsigned char* data_of(ST_MEM_BLOCK* block) {
+    return reinterpret_cast<unsigned char*>(block) + kHeaderSize;
+}
+
+const unsigned char* data_of(const ST_MEM_BLOCK* block) {
+    return reinterpret_cast<const unsigned char*>(block) + kHeaderSize;
+}
+
+ST_MEM_BLOCK* block_of(void* data) {
+    return reinterpret_cast<ST_MEM_BLOCK*>(static_cast<unsigned char*>(data) - kHeaderSize);
+}
+
+bool is_overrun(const ST_MEM_BLOCK* block) {
+    const unsigned char* trailer = data_of(block) + block->size;
+    return std::any_of(trailer, trailer + kTrailerSize,
+                       [](unsigned char byte) { return byte != kTrailerByte; });
+}
+
+/// The entry of the thread, taken from the free ones on first sight; null when all are taken.
+ST_THREAD_USAGE* find_thread_locked(unsigned int threadId) {
+    for (ST_THREAD_USAGE& entry : heap.threads) {
+        if (entry.threadId == 0) entry.threadId = threadId;
+        if (entry.threadId == threadId) return &entry;
+    }
+    return nullptr;
+}
+
+void append_locked(ST_MEM_BLOCK* block) {
+    block->older = heap.tail;
+    block->newer = nullptr;
+    (heap.tail != nullptr ? heap.tail->newer : heap.head) = block;
+    heap.tail = block;
+}
+
+/// An inconsistent list is reported, and the block leaves it all the same.
+void unlink_locked(ST_MEM_BLOCK* block) {
+    ST_MEM_BLOCK*& fromOlder = block->older != nullptr ? block->older->newer : heap.head;
+    ST_MEM_BLOCK*& fromNewer = block->newer != nullptr ? block->newer->older : heap.tail;
+    if (fromOlder != block || fromNewer != block) PZ_REPORT_ASSERTION();
+    fromOlder = block->newer;
+    fromNewer = block->older;
+}
+
+/// Records the memory as a live block of the calling thread, allocated by the code behind
+/// `returnAddress`.
+///
+/// The column "Method(0)" of the report is the caller of Malloc or Realloc. So exactly three frames
+/// lie below it: PZCallStack::take, this function and Malloc or Realloc. This one stays a call
+/// of its own, and neither ends in a call that the compiler could turn into a jump.
+[[gnu::noinline]] void register_block(ST_MEM_BLOCK* block, unsigned int size,
+                                      const void* returnAddress) {
+    constexpr int kInnerFrames = 3;
+    PZCallStack stack;
+    stack.take(kInnerFrames + kCallers, false);
+    // A sanitizer's stand-in for backtrace() adds a frame of its own.
+    const bool hasExtraFrame = stack.getAddress(kInnerFrames) != returnAddress &&
+                               stack.getAddress(kInnerFrames + 1) == returnAddress;
+    const int first = hasExtraFrame ? kInnerFrames + 1 : kInnerFrames;
+
+    for (unsigned int& guard : block->guards) guard = kGuardWord;
+    block->size = size;
+    block->threadId = static_cast<unsigned int>(syscall(SYS_gettid));
+    for (int i = 0; i < kCallers; ++i) block->callers[i] = stack.getAddress(first + i);
+    for (auto& name : block->names) name[0] = '\0';
+    std::memset(data_of(block) + size, kTrailerByte, kTrailerSize);
+
+    const PZSyncLock lock(heap_lock());
+    append_locked(block);
+    heap.total.Add(size);
+    ST_THREAD_USAGE* thread = find_thread_locked(block->threadId);
+    if (thread != nullptr) thread->usage.Add(size);
+}
+
+/// Takes the block out of the accounts and the list; the heap's lock is held. False when it is
+/// refused: it stays in the list, and what was subtracted before stays subtracted.
+bool ReleaceMemBlockInf(ST_MEM_BLOCK* block) {
+    if (is_overrun(block)) {
+        PZ_REPORT_ERROR("memory corruption\n");
+        return false;
+    }
+    if (block->size > heap.total.size) {
+        PZ_REPORT_ERROR("double free at somewhere\n");
+        return false;
+    }
+    heap.total.size -= block->size;
+    --heap.total.count;
+
+    ST_THREAD_USAGE* thread = find_thread_locked(block->threadId);
+    if (thread != nullptr) {
+        ST_USAGE& usage = thread->usage;
+        if (block->size > usage.size) {
+            PZ_REPORT_ERROR("double free at somewhere\n");
+            return false;
+        }
+        usage.size -= block->size;
+        if (usage.count == 0) {
+            PZ_REPORT_ERROR("too much free\n");
+            return false;
+        }
+        --usage.count;
+    }
+    unlink_locked(block);
+    return true;
+}
+
+bool release_block(ST_MEM_BLOCK* block) {
+    const PZSyncLock lock(heap_lock());
+    return ReleaceMemBlockInf(block);
+}
+
+/// Bytes of a whole block. False when they are more than can be addressed.
+bool block_bytes(unsigned int size, size_t& bytes) {
+    return !__builtin_add_overflow(size, kHeaderSize + kTrailerSize, &bytes);
+}
+
+/// A block that is not registered yet; null when there is no memory.
+ST_MEM_BLOCK* new_block(unsigned int size) {
+    size_t bytes = 0;
+    if (!block_bytes(size, bytes)) return nullptr;
+    return static_cast<ST_MEM_BLOCK*>(std::malloc(bytes));
+}
+
+/// The same for the memory of a live block. Null when the block is refused, for a `size` of 0, and
+/// when there is no memory; then the old block is no longer tracked and its memory stays taken.
+ST_MEM_BLOCK* resized_block(ST_MEM_BLOCK* block, unsigned int size) {
+    if (!release_block(block)) return nullptr;
+    size_t bytes = 0;  // frees the memory
+    if (size != 0 && !block_bytes(size, bytes)) return nullptr;
+    void* memory = std::realloc(block, bytes);
+    return size != 0 ? static_cast<ST_MEM_BLOCK*>(memory) : nullptr;
+}
+
+void print_line_of_stars() {
+    constexpr int kStars = 126;
+    for (int i = 0; i < kStars; ++i) std::putchar('*');
+    std::putchar('\n');
+}
+
+void print_block(unsigned int number, const ST_MEM_BLOCK* block) {
+    std::printf("[%04u] %#010x  %#010lx   %06lu    %s    ", number, block->threadId,
+                reinterpret_cast<unsigned long>(data_of(block)),
+                static_cast<unsigned long>(block->size), is_overrun(block) ? "NG" : "-");
+    for (const void* caller : block->callers) {
+        std::printf("(%#010lx)    ", reinterpret_cast<unsigned long>(caller));
+    }
+    std::putchar('\n');
+}
+
+/// The table of all live blocks on the standard output, the oldest first.
+void print_live_blocks() {
+    print_line_of_stars();
+    std::printf("[Memory Leak Info]\n [#]       TID    :  Address  :  Size  : Overrun : ");
+    for (int i = 0; i < kCallers; ++i) std::printf("Method(%d) : ", i);
+    std::putchar('\n');
+    unsigned int number = 0;
+    for (const ST_MEM_BLOCK* block = heap.head; block != nullptr; block = block->newer) {
+        print_block(number++, block);
+    }
+    print_line_of_stars();
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+void InitMemMng() {
+    heap.mark = heap.tail;
+}
+
+void FinMemMng() {
+    if (heap.tail == heap.mark) return;
+    if (heap.head != nullptr) print_live_blocks();
+}
+
+void* Malloc(unsigned int size) {
+    ST_MEM_BLOCK* block = new_block(size);
+    if (block == nullptr) return nullptr;
+    register_block(block, size, __builtin_return_address(0));
+    return data_of(block);
+}
+
+void Free(void* p) {
+    if (p == nullptr) return;
+    ST_MEM_BLOCK* block = block_of(p);
+    if (release_block(block)) std::free(block);
+}
+
+void* Realloc(void* p, unsigned int size) {
+    ST_MEM_BLOCK* block = p == nullptr ? new_block(size) : resized_block(block_of(p), size);
+    if (block == nullptr) return nullptr;
+    register_block(block, size, __builtin_return_address(0));
+    return data_of(block);
+}

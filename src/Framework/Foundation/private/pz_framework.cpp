@@ -1,0 +1,66 @@
+#include "Framework/Foundation/pz_framework.h"
+
+#include <syslog.h>
+
+#include <Framework/Foundation/PZLHeapMng.h>
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/pz_identity.h>
+#include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
+#include <Framework/Utility/PZLTimerMng.h>
+
+#include "pz_identity_record.h"
+
+namespace {
+
+/// Touched by the main thread only.
+struct ST_FRAMEWORK {
+    bool initialized;
+    PZLTimerMng* timerMng;  // neither is owned: both die with the other singletons
+    PZThreadMng* threadMng;
+};
+
+ST_FRAMEWORK framework;
+
+/// What the thread manager answers to its start; 0 when a manager cannot be had.
+int start_managers() {
+    framework.threadMng = PZThreadMng::GetInstance();
+    if (framework.threadMng == nullptr) return 0;
+    framework.timerMng = PZLTimerMng::GetTimerMng();
+    if (framework.timerMng == nullptr) return 0;
+    return framework.threadMng->initialize();
+}
+
+}  // namespace
+
+int pz_FwInitialize(const char* name, int id) {
+    if (framework.initialized) return 1;
+
+    InitMemMng();
+    pz_SetIdentity(name, id);
+    // The log keeps the pointer: the stored name stays where it is as long as the process lives.
+    openlog(pz_GetName(), LOG_PID | LOG_CONS | LOG_NDELAY, LOG_USER);
+    const int result = start_managers();
+    if (result == 0) {
+        // Not started, so this leaves everything in place: the next start goes on with it.
+        pz_FwFinalize();
+        return 0;
+    }
+    framework.initialized = true;
+    return result;
+}
+
+void pz_FwFinalize() {
+    if (!framework.initialized) return;
+
+    framework.timerMng = nullptr;
+    if (framework.threadMng != nullptr) {
+        framework.threadMng->finalize();
+        framework.threadMng = nullptr;
+    }
+    PZSingletonFinalizer::finalize();
+    PZSharedMemoryFinalizer::finalize();
+    closelog();
+    FinMemMng();
+    framework.initialized = false;
+}
