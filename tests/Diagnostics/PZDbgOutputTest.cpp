@@ -1,0 +1,422 @@
+#include "Framework/Diagnostics/PZDbgOutput.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/StdoutCapture.h"
+
+namespace {
+
+using pztest::padded_line;
+
+const std::string kRed = "\033[31m";
+const std::string kDefault = "\033[49m";
+const std::string kReset = "\033[0m";
+
+struct LogEntry {
+    int priority;
+    std::string line;
+};
+
+bool operator==(const LogEntry& left, const LogEntry& right) {
+    return left.priority == right.priority && left.line == right.line;
+}
+
+std::ostream& operator<<(std::ostream& out, const LogEntry& entry) {
+    return out << entry.priority << ": " << entry.line;
+}
+
+using Log = std::vector<LogEntry>;
+
+std::mutex system_log_mutex;
+Log system_log;
+pztest::StdoutCapture* watched_output = nullptr;  // what it holds when a line is logged goes
+std::string printed_before_log;                   // here
+
+}  // namespace
+
+// The system log of these tests.
+extern "C" void syslog(int priority, const char* format, ...) {
+    char line[4096];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(line, sizeof line, format, args);
+    va_end(args);
+    const std::lock_guard<std::mutex> lock(system_log_mutex);
+    system_log.push_back({priority, line});
+    if (watched_output != nullptr) printed_before_log = watched_output->Take();
+    errno = ENOTCONN;
+}
+
+namespace {
+
+class PZDbgOutputTest : public testing::Test {
+protected:
+    ~PZDbgOutputTest() override {
+        watched_output = nullptr;
+        system_log.clear();
+    }
+
+    pztest::StdoutCapture output;
+};
+
+/// A message of `length` characters that does not repeat within ten.
+std::string message_of(size_t length) {
+    std::string message;
+    for (size_t i = 0; i < length; ++i) message += static_cast<char>('0' + i % 10);
+    return message;
+}
+
+struct TagRow {
+    int tag;
+    std::string word;
+    std::string colour;
+    int priority;
+    bool logged;
+};
+
+void PrintTo(const TagRow& row, std::ostream* out) {
+    *out << row.word << " (" << row.tag << ")";
+}
+
+class PZDbgOutputTagTest : public PZDbgOutputTest, public testing::WithParamInterface<TagRow> {
+protected:
+    static PZDbgOutput::EN_TAG Tag() { return static_cast<PZDbgOutput::EN_TAG>(GetParam().tag); }
+
+    /// What the log holds after one report of `line`.
+    static Log ExpectedLog(const std::string& line) {
+        return GetParam().logged ? Log{{GetParam().priority, line}} : Log{};
+    }
+};
+
+// clang-format off
+const TagRow kRows[] = {
+    // tag     word       colour    priority     logged
+    { 0,       "info",    kDefault, LOG_INFO,    false },
+    { 1,       "error",   kRed,     LOG_ERR,     true  },
+    { 2,       "debug",   kDefault, LOG_DEBUG,   false },
+    { 3,       "verbose", kDefault, LOG_INFO,    false },
+    { 4,       "warning", kDefault, LOG_WARNING, false },
+    { 5,       "sys",     kDefault, LOG_NOTICE,  true  },
+    { 6,       "illegal", kDefault, LOG_ERR,     true  },
+    { 9,       "illegal", kDefault, LOG_ERR,     true  },
+    { 256,     "illegal", kDefault, LOG_ERR,     true  },
+    { -1,      "illegal", kDefault, LOG_ERR,     true  },
+    { INT_MAX, "illegal", kDefault, LOG_ERR,     true  },
+    { INT_MIN, "illegal", kDefault, LOG_ERR,     true  },
+};
+// clang-format on
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(EveryTag, PZDbgOutputTagTest, testing::ValuesIn(kRows));
+
+TEST_P(PZDbgOutputTagTest, HasAColour) {
+    EXPECT_EQ(GetParam().colour, PZDbgOutput::getColorTagString(Tag()));
+}
+
+TEST_P(PZDbgOutputTagTest, PrintsAndLogsANarrowLine) {
+    PZDbgOutput::DbgPrint("../x/unit", "f", 12, Tag(), "hi %d\n", 7);
+    const std::string line = "[" + GetParam().word + "] f()@unit(12) {} : hi 7\n";
+    EXPECT_EQ(padded_line(GetParam().colour, line), output.Take());
+    EXPECT_EQ(ExpectedLog(line), system_log);
+}
+
+TEST_F(PZDbgOutputTest, NumbersItsTags) {
+    EXPECT_EQ(0, PZDbgOutput::en_TAG_INFO);
+    EXPECT_EQ(1, PZDbgOutput::en_TAG_ERROR);
+    EXPECT_EQ(2, PZDbgOutput::en_TAG_DEBUG);
+    EXPECT_EQ(3, PZDbgOutput::en_TAG_VERBOSE);
+    EXPECT_EQ(4, PZDbgOutput::en_TAG_WARNING);
+    EXPECT_EQ(5, PZDbgOutput::en_TAG_SYS);
+}
+
+TEST_F(PZDbgOutputTest, AlignsALineToTheRightOf80Columns) {
+    PZDbgOutput::DbgPrint("../x/unit", "f", 12, PZDbgOutput::en_TAG_INFO, "hi\n");
+    EXPECT_EQ("\033[49m" + std::string(52, ' ') + "[info] f()@unit(12) {} : hi\n\033[0m",
+              output.Take());
+}
+
+TEST_F(PZDbgOutputTest, PadsALineOf79CharactersByOneBlankAndLongerOnesNotAtAll) {
+    const std::string head = "[info] f()@unit(12) {} : ";
+    for (const size_t length : {79U, 80U, 81U, 200U}) {
+        const std::string message = message_of(length - head.size());
+        PZDbgOutput::DbgPrint("unit", "f", 12, PZDbgOutput::en_TAG_INFO, "%s", message.c_str());
+        EXPECT_EQ(kDefault + (length == 79 ? " " : "") + head + message + kReset, output.Take());
+    }
+}
+
+TEST_F(PZDbgOutputTest, PrintsAPlainMessageWithoutPrefixAndPadding) {
+    PZDbgOutput::DbgPrint("%s is %d", "seven", 7);
+    EXPECT_EQ("\033[49mseven is 7\033[0m", output.Take());
+    PZDbgOutput::DbgPrint("two\nlines\n");
+    EXPECT_EQ("\033[49mtwo\nlines\n\033[0m", output.Take());
+    PZDbgOutput::DbgPrint("%s", "");
+    EXPECT_EQ("\033[49m\033[0m", output.Take());
+    EXPECT_EQ(Log(), system_log);
+}
+
+TEST_F(PZDbgOutputTest, PrintsAnUntaggedLineWithABlankAfterTheFunction) {
+    PZDbgOutput::DbgPrint("../x/unit.cpp", "f", 12, "hi %d\n", 7);
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit.cpp(12) {} : hi 7\n"), output.Take());
+    EXPECT_EQ(Log(), system_log);
+}
+
+TEST_F(PZDbgOutputTest, DropsALineNumberOfMinusOneFromAnUntaggedLine) {
+    PZDbgOutput::DbgPrint("../x/unit.cpp", "f", -1, "hi\n");
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit.cpp{} : hi\n"), output.Take());
+}
+
+TEST_F(PZDbgOutputTest, PrintsEveryOtherLineNumber) {
+    for (const int number : {0, 1, -2, INT_MAX, INT_MIN}) {
+        PZDbgOutput::DbgPrint("unit", "f", number, "hi\n");
+        const std::string place = "@unit(" + std::to_string(number) + ") {} : hi\n";
+        EXPECT_EQ(padded_line(kDefault, "f ()" + place), output.Take());
+    }
+    PZDbgOutput::DbgPrint("unit", "f", -1, PZDbgOutput::en_TAG_INFO, "hi\n");
+    EXPECT_EQ(padded_line(kDefault, "[info] f()@unit(-1) {} : hi\n"), output.Take());
+}
+
+TEST_F(PZDbgOutputTest, AddsNoLineFeed) {
+    PZDbgOutput::DbgPrint("unit", "f", 1, "a");
+    PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, "b");
+    errno = 0;
+    PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "c");
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit(1) {} : a") +
+                  padded_line(kDefault, "[sys] f()@unit(1) {} : b") +
+                  padded_line(kRed, "[error] f()@unit(1) {} : std library error [0 : Success] c"),
+              output.Take());
+}
+
+TEST_F(PZDbgOutputTest, PrintsTheFileWithoutItsFolders) {
+    const std::map<std::string, std::string> names = {
+        {"../../../../src/Framework/Foundation/private/PZSync.cpp", "PZSync.cpp"},
+        {"/unit", "unit"},
+        {"unit", "unit"},
+        {"folder/", ""},
+        {"", ""},
+    };
+    for (const auto& [path, name] : names) {
+        const std::string place = "@" + name + "(1) {} : ";
+        PZDbgOutput::DbgPrint(path.c_str(), "f", 1, "hi\n");
+        EXPECT_EQ(padded_line(kDefault, "f ()" + place + "hi\n"), output.Take());
+        PZDbgOutput::DbgPrint(path.c_str(), "f", 1, PZDbgOutput::en_TAG_INFO, "hi\n");
+        EXPECT_EQ(padded_line(kDefault, "[info] f()" + place + "hi\n"), output.Take());
+        errno = EPERM;
+        PZDbgOutput::DbgPrintStdErr(path.c_str(), "f", 1, "hi\n");
+        EXPECT_EQ(padded_line(kRed, "[error] f()" + place +
+                                        "std library error [1 : Operation not permitted] hi\n"),
+                  output.Take());
+    }
+}
+
+TEST_F(PZDbgOutputTest, SurvivesAMissingPlace) {
+    PZDbgOutput::DbgPrint(nullptr, nullptr, 1, "hi\n");
+    PZDbgOutput::DbgPrint(nullptr, nullptr, -1, "hi\n");
+    PZDbgOutput::DbgPrint(nullptr, nullptr, 1, PZDbgOutput::en_TAG_INFO, "hi\n");
+    EXPECT_EQ(padded_line(kDefault, "(null) ()@(null)(1) {} : hi\n") +
+                  padded_line(kDefault, "(null) ()@(null){} : hi\n") +
+                  padded_line(kDefault, "[info] (null)()@(null)(1) {} : hi\n"),
+              output.Take());
+}
+
+TEST_F(PZDbgOutputTest, ReportsTheLastErrorLikeATaggedError) {
+    errno = ENOENT;
+    PZDbgOutput::DbgPrintStdErr("../x/unit", "f", 12);
+    const std::string line =
+        "[error] f()@unit(12) {} : std library error [2 : No such file or directory]\n";
+    EXPECT_EQ(padded_line(kRed, line), output.Take());
+    EXPECT_EQ(Log({{LOG_ERR, line}}), system_log);
+}
+
+TEST_F(PZDbgOutputTest, ReportsTheLastErrorFollowedByAMessage) {
+    errno = ENOENT;
+    PZDbgOutput::DbgPrintStdErr("../x/unit", "f", 12, "open [%s]\n", "/x");
+    const std::string line =
+        "[error] f()@unit(12) {} : std library error [2 : No such file or directory] open [/x]\n";
+    EXPECT_EQ(padded_line(kRed, line), output.Take());
+    EXPECT_EQ(Log({{LOG_ERR, line}}), system_log);
+}
+
+TEST_F(PZDbgOutputTest, ReadsTheLastErrorAfterTheMessageIsFormatted) {
+    errno = ENOENT;
+    // The "C" locale has no such character: formatting fails and leaves an error of its own.
+    PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "a%lsb\n", L"\u20ac");
+    const std::string error = "[" + std::to_string(EILSEQ) + " : " + std::strerror(EILSEQ) + "] ";
+    EXPECT_EQ(
+        1U, pztest::count_of(output.Take(), "[error] f()@unit(1) {} : std library error " + error));
+}
+
+TEST_F(PZDbgOutputTest, LogsALineAfterItHasBeenPrinted) {
+    watched_output = &output;
+    PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, "hi\n");
+    EXPECT_EQ(padded_line(kDefault, "[sys] f()@unit(1) {} : hi\n"), printed_before_log);
+    printed_before_log.clear();
+    errno = 0;
+    PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "hi\n");
+    EXPECT_EQ(padded_line(kRed, "[error] f()@unit(1) {} : std library error [0 : Success] hi\n"),
+              printed_before_log);
+    EXPECT_EQ(2U, system_log.size());
+}
+
+TEST_F(PZDbgOutputTest, TakesPercentSignsOfAMessageAsText) {
+    PZDbgOutput::DbgPrint("%s", "100%s%n");
+    PZDbgOutput::DbgPrint("unit%d", "f%s", 1, PZDbgOutput::en_TAG_SYS, "%s", "100%s%n");
+    errno = 0;
+    PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "%s", "100%s%n");
+    const std::string notice = "[sys] f%s()@unit%d(1) {} : 100%s%n";
+    const std::string error = "[error] f()@unit(1) {} : std library error [0 : Success] 100%s%n";
+    EXPECT_EQ("\033[49m100%s%n\033[0m" + padded_line(kDefault, notice) + padded_line(kRed, error),
+              output.Take());
+    EXPECT_EQ(Log({{LOG_NOTICE, notice}, {LOG_ERR, error}}), system_log);
+}
+
+TEST_F(PZDbgOutputTest, KeepsTheFirst510CharactersOfAMessage) {
+    for (const size_t length : {509U, 510U, 511U, 512U, 2000U, 100000U}) {
+        const std::string whole = message_of(length);
+        const std::string kept = whole.substr(0, 510);
+        PZDbgOutput::DbgPrint("%s", whole.c_str());
+        EXPECT_EQ(kDefault + kept + kReset, output.Take());
+        PZDbgOutput::DbgPrint("unit", "f", 1, "%s", whole.c_str());
+        EXPECT_EQ(kDefault + "f ()@unit(1) {} : " + kept + kReset, output.Take());
+        PZDbgOutput::DbgPrint("unit", "f", -1, "%s", whole.c_str());
+        EXPECT_EQ(kDefault + "f ()@unit{} : " + kept + kReset, output.Take());
+        PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, "%s", whole.c_str());
+        EXPECT_EQ(kDefault + "[sys] f()@unit(1) {} : " + kept + kReset, output.Take());
+        EXPECT_EQ("[sys] f()@unit(1) {} : " + kept, system_log.back().line);
+        errno = 0;
+        PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "%s", whole.c_str());
+        EXPECT_EQ(
+            kRed + "[error] f()@unit(1) {} : std library error [0 : Success] " + kept + kReset,
+            output.Take());
+        EXPECT_EQ("[error] f()@unit(1) {} : std library error [0 : Success] " + kept,
+                  system_log.back().line);
+    }
+}
+
+TEST_F(PZDbgOutputTest, PrintsTheLongestLineWhole) {
+    const std::string file(255, 'u');  // the longest name that Linux gives to a file
+    const std::string func(255, 'f');
+    const std::string message = message_of(510);
+    const std::string line = "[sys] " + func + "()@" + file + "(-2147483648) {} : " + message;
+    PZDbgOutput::DbgPrint(("../" + file).c_str(), func.c_str(), INT_MIN, PZDbgOutput::en_TAG_SYS,
+                          "%s", message.c_str());
+    EXPECT_EQ(kDefault + line + kReset, output.Take());
+    EXPECT_EQ(Log({{LOG_NOTICE, line}}), system_log);
+}
+
+TEST_F(PZDbgOutputTest, CutsALineWithAnEndlessPlaceInsteadOfOverrunning) {
+    const std::string file(5000, 'u');
+    const std::string func(1000, 'f');
+    PZDbgOutput::DbgPrint(file.c_str(), func.c_str(), 1, "hi\n");
+    PZDbgOutput::DbgPrint(file.c_str(), func.c_str(), -1, "hi\n");
+    PZDbgOutput::DbgPrint(file.c_str(), func.c_str(), 1, PZDbgOutput::en_TAG_INFO, "hi\n");
+    errno = 0;
+    PZDbgOutput::DbgPrintStdErr(file.c_str(), func.c_str(), 1, "hi\n");
+    const std::string text = output.Take();
+    EXPECT_EQ(0U, text.find(kDefault + func + " ()@uuuuuuuuuu"));
+    EXPECT_EQ(2U, pztest::count_of(text, kDefault + func + " ()@uuuuuuuuuu"));
+    EXPECT_EQ(1U, pztest::count_of(text, kDefault + "[info] " + func + "()@uuuuuuuuuu"));
+    EXPECT_EQ(1U, pztest::count_of(text, kRed + "[error] " + func + "()@uuuuuuuuuu"));
+    EXPECT_EQ(4U, pztest::count_of(text, "u" + kReset));
+}
+
+TEST_F(PZDbgOutputTest, FlushesEachLine) {
+    // _exit drops what is still buffered.
+    const pztest::ChildResult plain = pztest::run_in_child([]() -> int {
+        PZDbgOutput::DbgPrint("hi");
+        _exit(0);
+    });
+    EXPECT_EQ("\033[49mhi\033[0m", plain.output);
+    const pztest::ChildResult untagged = pztest::run_in_child([]() -> int {
+        PZDbgOutput::DbgPrint("unit", "f", 1, "hi\n");
+        _exit(0);
+    });
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit(1) {} : hi\n"), untagged.output);
+    const pztest::ChildResult tagged = pztest::run_in_child([]() -> int {
+        PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_INFO, "hi\n");
+        _exit(0);
+    });
+    EXPECT_EQ(padded_line(kDefault, "[info] f()@unit(1) {} : hi\n"), tagged.output);
+    const pztest::ChildResult stdErr = pztest::run_in_child([]() -> int {
+        errno = 0;
+        PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "hi\n");
+        _exit(0);
+    });
+    EXPECT_EQ(padded_line(kRed, "[error] f()@unit(1) {} : std library error [0 : Success] hi\n"),
+              stdErr.output);
+}
+
+TEST_F(PZDbgOutputTest, KeepsTheCallersErrno) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        ::close(STDOUT_FILENO);  // printing fails, and so does the system log of these tests
+        errno = EBUSY;
+        PZDbgOutput::DbgPrint("hi\n");
+        if (errno != EBUSY) return 1;
+        PZDbgOutput::DbgPrint("unit", "f", 1, "hi\n");
+        if (errno != EBUSY) return 2;
+        PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, "hi\n");
+        if (errno != EBUSY) return 3;
+        PZDbgOutput::DbgPrintStdErr("unit", "f", 1);
+        if (errno != EBUSY) return 4;
+        PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "hi\n");
+        return errno == EBUSY ? 0 : 5;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status);
+}
+
+TEST_F(PZDbgOutputTest, NeverMixesTheLinesOfDifferentThreads) {
+    constexpr int kThreads = 8;
+    constexpr int kRounds = 200;
+    std::map<std::string, int> missing;
+    for (int i = 0; i < kThreads; ++i) {
+        const std::string number = std::to_string(i);
+        const std::string text(static_cast<size_t>(20 * i), static_cast<char>('a' + i));
+        missing[kDefault + "plain " + number + text] += kRounds;
+        const std::string notice = "[sys] f()@unit(" + number + ") {} : " + text + "\n";
+        const std::string line = padded_line(kDefault, notice);
+        missing[line.substr(0, line.size() - kReset.size())] += kRounds;
+    }
+
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([i] {
+            const std::string text(static_cast<size_t>(20 * i), static_cast<char>('a' + i));
+            for (int round = 0; round < kRounds; ++round) {
+                PZDbgOutput::DbgPrint("plain %d%s", i, text.c_str());
+                PZDbgOutput::DbgPrint("unit", "f", i, PZDbgOutput::en_TAG_SYS, "%s\n",
+                                      text.c_str());
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+
+    const std::string printed = output.Take();
+    size_t start = 0;
+    while (start < printed.size()) {
+        const size_t end = printed.find(kReset, start);
+        ASSERT_NE(std::string::npos, end);
+        const std::string line = printed.substr(start, end - start);
+        ASSERT_EQ(1U, missing.count(line)) << line;
+        --missing[line];
+        start = end + kReset.size();
+    }
+    for (const auto& [line, count] : missing) EXPECT_EQ(0, count) << line;
+    EXPECT_EQ(static_cast<size_t>(kThreads * kRounds), system_log.size());
+}
