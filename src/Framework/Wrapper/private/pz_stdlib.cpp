@@ -1,0 +1,144 @@
+#include "Framework/Wrapper/pz_stdlib.h"
+
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+#include <wchar.h>
+#include <wctype.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <Framework/Diagnostics/PZReport.h>
+
+namespace {
+
+/// The result of a copy helper: 0 when the C function answered the destination.
+template <typename Char>
+int copy_result(const Char* result, const Char* dst) {
+    return result == dst ? 0 : errno;
+}
+
+template <typename Char>
+int number_to_text(int value, Char* buf, unsigned int radix) {
+    constexpr unsigned int kMinRadix = 2;
+    constexpr unsigned int kMaxRadix = 36;
+    constexpr unsigned int kMaxDigits = 32;
+    constexpr char kDigits[] = "0123456789abcdefghijklmnopqrstuvwxyz";
+    if (buf == nullptr || radix < kMinRadix || radix > kMaxRadix) return -1;
+
+    const bool negative = value < 0 && radix == 10;
+    unsigned int rest = static_cast<unsigned int>(value);
+    if (negative) rest = 0U - rest;
+
+    Char digits[kMaxDigits];
+    unsigned int count = 0;
+    do {
+        digits[count++] = static_cast<Char>(kDigits[rest % radix]);
+        rest /= radix;
+    } while (rest != 0);
+
+    if (negative) *buf++ = static_cast<Char>('-');
+    while (count > 0) *buf++ = digits[--count];
+    *buf = 0;
+    return 0;
+}
+
+}  // namespace
+
+int pz_strcpy(char* dst, unsigned int, const char* src) {
+    errno = 0;
+    return copy_result(std::strcpy(dst, src), dst);
+}
+
+int pz_strncpy(char* dst, unsigned int dstSize, const char* src, unsigned int count) {
+    errno = 0;
+    std::memset(dst, 0, dstSize);
+    return copy_result(std::strncpy(dst, src, count), dst);
+}
+
+int pz_wcscpy(wchar_t* dst, unsigned int count, const wchar_t* src) {
+    errno = 0;
+    return copy_result(wcsncpy(dst, src, count), dst);
+}
+
+int pz_wcsncpy(wchar_t* dst, unsigned int dstCount, const wchar_t* src, unsigned int count) {
+    errno = 0;
+    wmemset(dst, L'\0', dstCount);
+    return copy_result(wcsncpy(dst, src, count), dst);
+}
+
+int pz_strcat(char* dst, unsigned int count, const char* src) {
+    errno = 0;
+    return copy_result(std::strncat(dst, src, count), dst);
+}
+
+int pz_wcscat(wchar_t* dst, unsigned int count, const wchar_t* src) {
+    errno = 0;
+    return copy_result(wcsncat(dst, src, count), dst);
+}
+
+unsigned int pz_wcsnlen(const wchar_t* s, unsigned int max) {
+    if (s == nullptr) return 0;
+    return static_cast<unsigned int>(wcsnlen(s, max));
+}
+
+int pz_wcsnicmp(const wchar_t* a, const wchar_t* b, unsigned int n) {
+    if (a == nullptr || b == nullptr || n == 0) return INT_MAX;
+    for (unsigned int i = 0; i < n; ++i) {
+        const wint_t left = towlower(static_cast<wint_t>(a[i]));
+        const wint_t right = towlower(static_cast<wint_t>(b[i]));
+        if (left != right) return static_cast<int>(left) - static_cast<int>(right);
+        // The end of `a` ends the comparison: a longer `b` still counts as equal.
+        if (a[i] == L'\0' || a[i + 1] == L'\0') return 0;
+    }
+    return 0;
+}
+
+bool pz_iswascii(unsigned int c) {
+    return c < 128;
+}
+
+int pz__itoa(int value, char* buf, unsigned int, unsigned int radix) {
+    return number_to_text(value, buf, radix);
+}
+
+int pz__itow(int value, wchar_t* buf, unsigned int, unsigned int radix) {
+    return number_to_text(value, buf, radix);
+}
+
+long pz__wtoi(const wchar_t* s) {
+    return wcstol(s, nullptr, 10);
+}
+
+long pz__wtol(const wchar_t* s) {
+    return wcstol(s, nullptr, 10);
+}
+
+int pz_msleep(unsigned int ms) {
+    constexpr unsigned int kMsPerSecond = 1000;
+    constexpr long kNsPerMs = 1000000;
+    const timespec time = {static_cast<time_t>(ms / kMsPerSecond),
+                           static_cast<long>(ms % kMsPerSecond) * kNsPerMs};
+    return nanosleep(&time, nullptr);
+}
+
+int pz_sleep(unsigned int s) {
+    return pz_msleep(1000U * s);
+}
+
+void pz_sync() {
+    sync();
+}
+
+pid_t pz_get_current_process_id() {
+    return getpid();
+}
+
+pid_t pz_get_current_thread_id() {
+    return static_cast<pid_t>(syscall(SYS_gettid));
+}
