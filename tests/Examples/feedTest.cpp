@@ -204,7 +204,9 @@ TEST(feedTest, CtrlCStopsEarlyWithAPartialSummary) {
     EXPECT_NE(std::string::npos, table.find("framework started in "));
     // Whether the last bytes were counted before the stop came is open; never more than was sent.
     const std::vector<std::string> row = row_of(table, fifo);
-    if (!row.empty()) EXPECT_LE(std::stoul(row.at(kBytes)), sent.size());
+    if (!row.empty()) {
+        EXPECT_LE(std::stoul(row.at(kBytes)), sent.size());
+    }
 }
 
 TEST(feedTest, DrawsAProgressLineOnATerminalOnly) {
