@@ -66,6 +66,7 @@ private:
     PZ_LOCAL void DiscardPending(unsigned int workerId);
     PZ_LOCAL bool IsIdle() const;
     PZ_LOCAL bool WaitForExit();
+    PZ_LOCAL void ResetMsgEvent();
     PZ_LOCAL bool TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL EventInfo TakeEvent();
     PZ_LOCAL PZIDispatcher* FindLocked(unsigned long id) const PZ_REQUIRES(dispatcherSync_);

@@ -141,10 +141,9 @@ int PZLMsgBox::Loop(unsigned int workerId) {
         GetAndExcuteEmgMessage();
         GetAndExcuteEventAndEmgMsg();
         GetAndExcuteMessage();
-        // Loses nothing: a signal follows its insertion, and the next test sees the insertion.
-        msgEvent_.ResetEvent();
+        ResetMsgEvent();
     }
-    msgEvent_.ResetEvent();
+    ResetMsgEvent();
     return 0;
 }
 
@@ -174,6 +173,14 @@ bool PZLMsgBox::WaitForExit() {
 
     if (result != kExit && result != kPost) PZ_REPORT_ASSERTION();
     return result == kExit;
+}
+
+/// Loses no message: a signal follows its insertion, and the loop tests the queues next.
+void PZLMsgBox::ResetMsgEvent() {
+    // Locked, because a post that finds the event full drains it too: of two that drain, one would
+    // block for good on the last signal.
+    const PZSyncLock lock(msgSync_);
+    msgEvent_.ResetEvent();
 }
 
 /// Takes the next message out; false when there is none, or none that is an emergency.

@@ -1,0 +1,1128 @@
+#include "Framework/Foundation/PZLMsgBox.h"
+
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <Framework/Foundation/PZWatchDog.h>
+
+#include "support/Gate.h"
+#include "support/Interposed.h"
+#include "support/RecordingDispatcher.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+using pztest::Gate;
+using pztest::RecordingDispatcher;
+using pztest::StdoutCapture;
+using pztest::wait_until;
+using Log = RecordingDispatcher::Log;
+using Record = PZIMsgBox::ST_PUSH_MSG_DATA;
+
+constexpr unsigned int kSuccess = 0;
+constexpr unsigned int kFailure = 1;
+constexpr unsigned int kBadParameter = 2;
+constexpr unsigned int kFull = 3;
+constexpr unsigned long kNoIdentifier = ~0UL;
+constexpr unsigned int kCapacity = 256;
+constexpr unsigned int kLongWaitMs = 60000;
+
+constexpr unsigned int kOrdinary = 1;  // a priority that is no emergency
+constexpr unsigned int kHoldMsg = 1000;
+
+pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
+pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
+
+std::atomic<bool> allocation_fails{false};
+std::atomic<const void*> watched_copy{nullptr};
+std::atomic<bool> watched_copy_released{false};
+
+std::atomic<int> into_waits{0};
+std::atomic<int> out_waits{0};
+
+void release_array(void* memory) {
+    if (memory != nullptr && memory == watched_copy) watched_copy_released = true;
+    std::free(memory);
+}
+
+}  // namespace
+
+extern "C" {
+int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    return epoll_wait_call(epfd, events, maxevents, timeout);
+}
+ssize_t write(int fd, const void* buf, size_t n) {
+    return write_call(fd, buf, n);
+}
+
+// A full box reports at each attempt: keep a stress test out of the machine's system log.
+void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
+}
+
+// The box allocates its copies with the nothrow form; the others make the set complete.
+void* operator new[](size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    return allocation_fails ? nullptr : std::malloc(size);
+}
+void* operator new[](size_t size) {
+    void* const memory = std::malloc(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+}
+void operator delete[](void* memory) noexcept {
+    release_array(memory);
+}
+void operator delete[](void* memory, size_t /*size*/) noexcept {
+    release_array(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t& /*tag*/) noexcept {
+    release_array(memory);
+}
+
+// The watchdog's hooks do nothing: counting them is the only way to see the calls.
+void PZWatchDog::IntoWait() {
+    ++into_waits;
+}
+void PZWatchDog::OutWait() {
+    ++out_waits;
+}
+
+namespace {
+
+// Work of the test on the loop's thread, at the moment the loop waits without limit (-1) or polls
+// its event (0) for the next time.
+std::function<void()> wait_hook;
+std::atomic<int> hooked_timeout{0};
+std::atomic<bool> wait_hook_armed{false};
+
+int run_hook_and_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    if (timeout == hooked_timeout && wait_hook_armed.exchange(false)) wait_hook();
+    return epoll_wait_call.Real(epfd, events, maxevents, timeout);
+}
+
+std::atomic<int> failing_waits{0};
+
+int fail_endless_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    if (timeout == -1 && failing_waits > 0) {
+        --failing_waits;
+        errno = EBADF;
+        return -1;
+    }
+    return epoll_wait_call.Real(epfd, events, maxevents, timeout);
+}
+
+std::string bad_parameter_text(const void* buff, unsigned int size) {
+    char text[64];
+    std::snprintf(text, sizeof text, "param is NG [0x%08lx][%u]",
+                  reinterpret_cast<unsigned long>(buff), size);
+    return text;
+}
+
+Log times(size_t count, const std::string& entry) {
+    return std::vector<std::string>(count, entry);
+}
+
+class PZLMsgBoxTest : public testing::Test {
+protected:
+    PZLMsgBoxTest() : id(box.Registory(&unit)) {
+        unit.OnMessage(kHoldMsg, [this](const auto&) { gate.Pass(); });
+    }
+
+    ~PZLMsgBoxTest() override {
+        gate.Open();
+        EndLoop();
+        epoll_wait_call.Reset();
+        write_call.Reset();
+        watched_copy = nullptr;
+    }
+
+    void StartLoop(unsigned int workerId = 7) {
+        loop = std::thread([this, workerId] { loopResult = box.Loop(workerId); });
+        ASSERT_EQ(0, box.InitWait(kLongWaitMs));
+    }
+
+    /// Starts the loop and holds it in the handler of an ordinary message: what is posted next
+    /// waits for the loop's next pass.
+    void StartAndHoldLoop(unsigned int workerId = 7) {
+        StartLoop(workerId);
+        ASSERT_EQ(kSuccess, Post(kHoldMsg));
+        ASSERT_TRUE(gate.WaitForArrival());
+        unit.Forget();
+    }
+
+    /// Lets a held loop go on and ends it: it has served everything then.
+    Log ServeAll() {
+        gate.Open();
+        EndLoop();
+        return unit.Received();
+    }
+
+    void EndLoop() {
+        if (!loop.joinable()) return;
+        box.Exit();
+        loop.join();
+    }
+
+    unsigned int Post(unsigned int msgId, unsigned int priority = kOrdinary) {
+        Record record = {id, msgId, priority, nullptr, 0};
+        return box.PushMsg(record);
+    }
+
+    void AtNextWait(int timeout, std::function<void()> hook) {
+        wait_hook = std::move(hook);
+        hooked_timeout = timeout;
+        wait_hook_armed = true;
+        epoll_wait_call.Replace(run_hook_and_wait);
+    }
+
+    void FillWithMessages() {
+        for (unsigned int i = 0; i < kCapacity; ++i) ASSERT_EQ(kSuccess, Post(i));
+    }
+    void FillWithEvents() {
+        for (unsigned int i = 0; i < kCapacity; ++i) ASSERT_EQ(kSuccess, box.SetEvent(i, id));
+    }
+
+    PZLMsgBox box;
+    RecordingDispatcher unit;
+    const unsigned long id;
+    Gate gate;
+    std::thread loop;
+    std::atomic<int> loopResult{-1};
+};
+
+// Small operations
+
+TEST_F(PZLMsgBoxTest, InitDoesNothingAndAnswers0) {
+    EXPECT_EQ(0, box.Init());
+}
+
+TEST_F(PZLMsgBoxTest, TheTrailValueIs0) {
+    EXPECT_EQ(1, box.CheckTrail(0));
+    EXPECT_EQ(0, box.CheckTrail(1));
+    EXPECT_EQ(0, box.CheckTrail(0xFFFFFFFF));
+}
+
+TEST_F(PZLMsgBoxTest, IsServedThroughItsInterface) {
+    EXPECT_TRUE((std::is_base_of_v<PZIMsgBox, PZLMsgBox>));
+    EXPECT_TRUE(std::has_virtual_destructor_v<PZIMsgBox>);
+    EXPECT_TRUE(std::has_virtual_destructor_v<PZIDispatcher>);
+    const std::unique_ptr<PZIMsgBox> other = std::make_unique<PZLMsgBox>();
+    EXPECT_EQ(1, other->CheckTrail(0));
+}
+
+// Registration
+
+TEST_F(PZLMsgBoxTest, RegistoryAnswersTheDispatchersAddress) {
+    EXPECT_EQ(reinterpret_cast<unsigned long>(static_cast<PZIDispatcher*>(&unit)), id);
+}
+
+TEST_F(PZLMsgBoxTest, RegistoryRefusesNull) {
+    EXPECT_EQ(kNoIdentifier, box.Registory(nullptr));
+}
+
+TEST_F(PZLMsgBoxTest, RegistoryRefusesADispatcherThatIsRegistered) {
+    EXPECT_EQ(kNoIdentifier, box.Registory(&unit));
+}
+
+TEST_F(PZLMsgBoxTest, RegistersADispatcherAgainAfterItHasLeft) {
+    box.Unregistory(id);
+    EXPECT_EQ(id, box.Registory(&unit));
+}
+
+TEST_F(PZLMsgBoxTest, RegistersADispatcherInTwoBoxes) {
+    PZLMsgBox other;
+    EXPECT_EQ(id, other.Registory(&unit));
+}
+
+TEST_F(PZLMsgBoxTest, UnregistoryOfAnUnknownIdentifierChangesNothing) {
+    box.Unregistory(id + 1);
+    box.Unregistory(0);
+    box.Unregistory(kNoIdentifier);
+    EXPECT_EQ(kNoIdentifier, box.Registory(&unit));  // still registered
+}
+
+// Start of the loop
+
+TEST_F(PZLMsgBoxTest, InitWaitAnswers0WhenTheLoopServes) {
+    loop = std::thread([this] { box.Loop(1); });
+    EXPECT_EQ(0, box.InitWait(kLongWaitMs));
+}
+
+TEST_F(PZLMsgBoxTest, InitWaitAnswers1WhenTheTimeIsUp) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(1, box.InitWait(30));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(29));
+}
+
+TEST_F(PZLMsgBoxTest, InitWaitAnswers1WhenTheWaitFails) {
+    const StdoutCapture capture;
+    epoll_wait_call.FailNext(EBADF);
+    EXPECT_EQ(1, box.InitWait(kLongWaitMs));
+}
+
+TEST_F(PZLMsgBoxTest, InitWaitIsAnsweredOncePerLoop) {
+    StartLoop();
+    EXPECT_EQ(1, box.InitWait(0));
+}
+
+TEST_F(PZLMsgBoxTest, TellsTheWatchdogOfTheWaitForTheLoop) {
+    into_waits = 0;
+    out_waits = 0;
+    box.InitWait(0);
+    EXPECT_EQ(1, into_waits);
+    EXPECT_EQ(1, out_waits);
+}
+
+TEST_F(PZLMsgBoxTest, TellsTheWatchdogOfTheLoopsWait) {
+    std::atomic<int> intoWaitsInside{0};
+    std::atomic<int> outWaitsInside{0};
+    AtNextWait(-1, [&] {
+        intoWaitsInside = into_waits.load();
+        outWaitsInside = out_waits.load();
+    });
+    into_waits = 0;
+    out_waits = 0;
+    loop = std::thread([this] { box.Loop(1); });
+    box.Exit();
+    loop.join();
+    EXPECT_EQ(1, intoWaitsInside);
+    EXPECT_EQ(0, outWaitsInside);
+    EXPECT_EQ(1, into_waits);
+    EXPECT_EQ(1, out_waits);
+}
+
+TEST_F(PZLMsgBoxTest, LoopEndsAtOnceWhenItCannotSayThatItServes) {
+    write_call.FailNext(EBADF);
+    EXPECT_EQ(0, box.Loop(1));
+    EXPECT_EQ(1, box.InitWait(0));
+}
+
+TEST_F(PZLMsgBoxTest, DiscardsMessagesThatWerePostedBeforeTheLoop) {
+    ASSERT_EQ(kSuccess, Post(1));
+    ASSERT_EQ(kSuccess, Post(2, 0));
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(3));
+    EXPECT_EQ((Log{"msg 3"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, DiscardsEventsThatWerePostedBeforeTheLoop) {
+    ASSERT_EQ(kSuccess, box.SetEvent(1, id));
+    StartLoop();
+    ASSERT_EQ(kSuccess, box.SetEvent(2, id));
+    EXPECT_EQ((Log{"evt 2"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, HasRoomAgainAfterDiscarding) {
+    FillWithMessages();
+    FillWithEvents();
+    StartAndHoldLoop();
+    FillWithMessages();
+    FillWithEvents();
+}
+
+TEST_F(PZLMsgBoxTest, DoesNotReleaseThePayloadsOfDiscardedMessages) {
+    const char payload[] = "early";
+    Record record = {id, 1, kOrdinary, payload, sizeof payload};
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+    watched_copy_released = false;
+    watched_copy = record.Buff;
+    StartLoop();
+    EndLoop();
+
+    ASSERT_FALSE(watched_copy_released);
+    EXPECT_STREQ(payload, static_cast<const char*>(record.Buff));
+    delete[] static_cast<const unsigned char*>(record.Buff);
+}
+
+TEST_F(PZLMsgBoxTest, DoesNotReleaseThePayloadsOfMessagesThatAreQueuedWhenItDies) {
+    const char payload[] = "late";
+    auto dying = std::make_unique<PZLMsgBox>();
+    Record record = {id, 1, kOrdinary, payload, sizeof payload};
+    ASSERT_EQ(kSuccess, dying->PushMsg(record));
+    watched_copy_released = false;
+    watched_copy = record.Buff;
+    dying.reset();
+
+    ASSERT_FALSE(watched_copy_released);
+    EXPECT_STREQ(payload, static_cast<const char*>(record.Buff));
+    delete[] static_cast<const unsigned char*>(record.Buff);
+}
+
+TEST_F(PZLMsgBoxTest, DoesNotDestroyItsDispatchers) {
+    auto dying = std::make_unique<PZLMsgBox>();
+    dying->Registory(&unit);
+    dying.reset();
+    EXPECT_TRUE(unit.Received().empty());  // alive
+}
+
+// Posting
+
+TEST_F(PZLMsgBoxTest, HandsAMessageToTheAddressedDispatcher) {
+    RecordingDispatcher other;
+    const unsigned long otherId = box.Registory(&other);
+    StartLoop();
+    Record record = {otherId, 5, kOrdinary, nullptr, 0};
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+    ASSERT_EQ(kSuccess, Post(6));
+    EXPECT_EQ((Log{"msg 6"}), ServeAll());
+    EXPECT_EQ((Log{"msg 5"}), other.Received());
+}
+
+TEST_F(PZLMsgBoxTest, HandsAnEventToTheAddressedDispatcher) {
+    RecordingDispatcher other;
+    const unsigned long otherId = box.Registory(&other);
+    StartLoop();
+    ASSERT_EQ(kSuccess, box.SetEvent(0x80000001, otherId));
+    ASSERT_EQ(kSuccess, box.SetEvent(2, id));
+    EXPECT_EQ((Log{"evt 2"}), ServeAll());
+    EXPECT_EQ((Log{"evt 2147483649"}), other.Received());
+}
+
+TEST_F(PZLMsgBoxTest, RunsHandlersOnTheLoopsThread) {
+    std::atomic<std::thread::id> handler{};
+    unit.OnMessage(1, [&](const auto&) { handler = std::this_thread::get_id(); });
+    StartLoop();
+    const std::thread::id expected = loop.get_id();
+    ASSERT_EQ(kSuccess, Post(1));
+    ServeAll();
+    EXPECT_EQ(expected, handler.load());
+}
+
+TEST_F(PZLMsgBoxTest, AcceptsMessagesWithoutPayloadWhateverTheirSizeSays) {
+    std::vector<RecordingDispatcher::Message> seen;
+    unit.OnMessage(1, [&](const auto& message) { seen.push_back(message); });
+    StartLoop();
+    for (const unsigned int size : {0U, 1000U}) {
+        Record record = {id, 1, kOrdinary, nullptr, size};
+        EXPECT_EQ(kSuccess, box.PushMsg(record));
+        EXPECT_EQ(nullptr, record.Buff);
+    }
+    ServeAll();
+    ASSERT_EQ(2U, seen.size());
+    EXPECT_EQ(nullptr, seen[0].buff);
+    EXPECT_EQ(0U, seen[0].size);
+    EXPECT_EQ(nullptr, seen[1].buff);
+    EXPECT_EQ(1000U, seen[1].size);
+}
+
+TEST_F(PZLMsgBoxTest, CopiesPayloadsOf1To256Bytes) {
+    std::vector<std::string> seen;
+    unit.OnMessage(1, [&](const auto& message) {
+        seen.emplace_back(static_cast<const char*>(message.buff), message.size);
+    });
+    StartAndHoldLoop();
+    std::vector<std::string> sent;
+    for (const unsigned int size : {1U, 2U, 255U, 256U}) {
+        sent.emplace_back(size, static_cast<char>('a' + size % 26));
+        std::string payload = sent.back();
+        Record record = {id, 1, kOrdinary, payload.data(), size};
+        EXPECT_EQ(kSuccess, box.PushMsg(record)) << size;
+        payload.assign(size, '-');  // the caller's own: the box does not see it any more
+    }
+    ServeAll();
+    EXPECT_EQ(sent, seen);
+}
+
+TEST_F(PZLMsgBoxTest, WritesTheAddressOfItsCopyIntoTheCallersRecord) {
+    std::atomic<const void*> handed{nullptr};
+    unit.OnMessage(1, [&](const auto& message) { handed = message.buff; });
+    StartAndHoldLoop();
+    const char payload[] = "x";
+    Record record = {id, 1, kOrdinary, payload, sizeof payload};
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+
+    const void* const copy = record.Buff;
+    EXPECT_NE(static_cast<const void*>(payload), copy);
+    EXPECT_EQ(0, std::memcmp(payload, copy, sizeof payload));
+    EXPECT_EQ(id, record.SID);
+    EXPECT_EQ(1U, record.MsgID);
+    EXPECT_EQ(kOrdinary, record.Priority);
+    EXPECT_EQ(sizeof payload, record.BuffSize);
+    ServeAll();
+    EXPECT_EQ(copy, handed);
+}
+
+TEST_F(PZLMsgBoxTest, ReleasesThePayloadAfterTheHandlerHasReturned) {
+    std::atomic<bool> releasedInHandler{true};
+    unit.OnMessage(1, [&](const auto&) { releasedInHandler = watched_copy_released.load(); });
+    StartAndHoldLoop();
+    Record record = {id, 1, kOrdinary, "x", 2};
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+    watched_copy_released = false;
+    watched_copy = record.Buff;
+    ServeAll();
+    EXPECT_FALSE(releasedInHandler);
+    EXPECT_TRUE(watched_copy_released);
+}
+
+TEST_F(PZLMsgBoxTest, RefusesPayloadsOf0BytesAndOfMoreThan256) {
+    const std::array<char, 300> payload = {};
+    for (const unsigned int size : {0U, 257U, 0x7FFFFFFFU}) {
+        const StdoutCapture capture;
+        Record record = {id, 1, kOrdinary, payload.data(), size};
+        EXPECT_EQ(kBadParameter, box.PushMsg(record)) << size;
+    }
+    StartLoop();
+    EXPECT_TRUE(ServeAll().empty());
+}
+
+TEST_F(PZLMsgBoxTest, ReportsARefusedPayloadWithTenFramesOfTheCallStack) {
+    StdoutCapture capture;
+    const std::array<char, 300> payload = {};
+    Record record = {id, 1, kOrdinary, payload.data(), 257};
+    ASSERT_EQ(kBadParameter, box.PushMsg(record));
+
+    const std::string output = capture.Take();
+    const std::string text = bad_parameter_text(payload.data(), 257);
+    EXPECT_TRUE(pztest::has_report(output, "PushMsg", "PZLMsgBox.cpp", text)) << output;
+    const auto messages = pztest::error_messages(output);
+    ASSERT_EQ(11U, messages.size()) << output;
+    EXPECT_EQ(text, messages[0]);
+    EXPECT_EQ(10U, pztest::count_of(output, "dumpDirectly()@PZCallStack.cpp"));
+    EXPECT_EQ(payload.data(), record.Buff);
+}
+
+TEST_F(PZLMsgBoxTest, ReportsARefusedEmptyPayload) {
+    StdoutCapture capture;
+    const char payload = 0;
+    Record record = {id, 1, kOrdinary, &payload, 0};
+    ASSERT_EQ(kBadParameter, box.PushMsg(record));
+    EXPECT_TRUE(pztest::has_report(capture.Take(), "PushMsg", "PZLMsgBox.cpp",
+                                   bad_parameter_text(&payload, 0)));
+}
+
+TEST_F(PZLMsgBoxTest, RefusesABadPayloadBeforeItLooksForRoom) {
+    FillWithMessages();
+    const StdoutCapture capture;
+    Record record = {id, 1, kOrdinary, "x", 0};
+    EXPECT_EQ(kBadParameter, box.PushMsg(record));
+}
+
+TEST_F(PZLMsgBoxTest, RefusesThe257thMessage) {
+    StartAndHoldLoop(42);
+    FillWithMessages();
+    const char payload = 0;
+    Record record = {id, 999, kOrdinary, &payload, 1};
+    {
+        StdoutCapture capture;
+        EXPECT_EQ(kFull, box.PushMsg(record));
+        const std::string output = capture.Take();
+        EXPECT_TRUE(pztest::has_report(output, "PushMsg", "PZLMsgBox.cpp",
+                                       "msg queue is full : worker[42]"));
+        EXPECT_EQ(1U, pztest::error_messages(output).size());
+    }
+    EXPECT_EQ(&payload, record.Buff);
+    const Log served = ServeAll();
+    EXPECT_EQ(kCapacity, served.size());
+    EXPECT_EQ("msg 255", served.back());
+}
+
+TEST_F(PZLMsgBoxTest, AcceptsAMessageAgainWhenOneWasServed) {
+    std::atomic<unsigned int> result{99};
+    unit.OnMessage(0, [&](const auto&) { result = Post(999); });
+    StartAndHoldLoop();
+    FillWithMessages();
+    ServeAll();
+    EXPECT_EQ(kSuccess, result);
+}
+
+TEST_F(PZLMsgBoxTest, RefusesThe257thEvent) {
+    StartAndHoldLoop(43);
+    FillWithEvents();
+    {
+        StdoutCapture capture;
+        EXPECT_EQ(kFull, box.SetEvent(999, id));
+        const std::string output = capture.Take();
+        EXPECT_TRUE(
+            pztest::has_report(output, "SetEvent", "PZLMsgBox.cpp", "event is full : worker[43]"));
+        EXPECT_EQ(1U, pztest::error_messages(output).size());
+    }
+    const Log served = ServeAll();
+    EXPECT_EQ(kCapacity, served.size());
+    EXPECT_EQ("evt 255", served.back());
+}
+
+TEST_F(PZLMsgBoxTest, CountsMessagesAndEventsApart) {
+    StartAndHoldLoop();
+    FillWithMessages();
+    FillWithEvents();
+    EXPECT_EQ(2 * kCapacity, ServeAll().size());
+}
+
+TEST_F(PZLMsgBoxTest, NamesWorker0WhileNoLoopHasRun) {
+    FillWithMessages();
+    FillWithEvents();
+    StdoutCapture capture;
+    EXPECT_EQ(kFull, Post(1));
+    EXPECT_EQ(kFull, box.SetEvent(1, id));
+    EXPECT_EQ((Log{"msg queue is full : worker[0]", "event is full : worker[0]"}),
+              pztest::error_messages(capture.Take()));
+}
+
+TEST_F(PZLMsgBoxTest, PrintsTheWorkerNumberAsASignedNumber) {
+    StartAndHoldLoop(0xFFFFFFFF);
+    FillWithEvents();
+    StdoutCapture capture;
+    EXPECT_EQ(kFull, box.SetEvent(1, id));
+    EXPECT_EQ((Log{"event is full : worker[-1]"}), pztest::error_messages(capture.Take()));
+}
+
+TEST_F(PZLMsgBoxTest, ReportsAPayloadThatFindsNoMemoryAndQueuesNothing) {
+    StartAndHoldLoop();
+    const char payload = 0;
+    Record record = {id, 1, kOrdinary, &payload, 1};
+    {
+        StdoutCapture capture;
+        allocation_fails = true;
+        const unsigned int result = box.PushMsg(record);
+        allocation_fails = false;
+        EXPECT_EQ(kFailure, result);
+        const std::string output = capture.Take();
+        EXPECT_TRUE(
+            pztest::has_report(output, "PushMsg", "PZLMsgBox.cpp", "failed to allocate memory"));
+        EXPECT_EQ(1U, pztest::error_messages(output).size());
+    }
+    EXPECT_EQ(&payload, record.Buff);
+    EXPECT_TRUE(ServeAll().empty());
+}
+
+TEST_F(PZLMsgBoxTest, KeepsAMessageQueuedWhenTheLoopCannotBeWoken) {
+    StartAndHoldLoop();
+    {
+        StdoutCapture capture;
+        write_call.FailNext(EBADF);
+        Record record = {id, 1, kOrdinary, "x", 2};
+        EXPECT_EQ(kFailure, box.PushMsg(record));
+        const std::string output = capture.Take();
+        EXPECT_TRUE(pztest::has_report(output, "PushMsg", "PZLMsgBox.cpp", "SetEvent failed"));
+        EXPECT_EQ(1U, pztest::error_messages(output).size());
+    }
+    EXPECT_EQ((Log{"msg 1"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, KeepsAnEventQueuedWhenTheLoopCannotBeWoken) {
+    StartAndHoldLoop();
+    {
+        StdoutCapture capture;
+        write_call.FailNext(EBADF);
+        EXPECT_EQ(kFailure, box.SetEvent(1, id));
+        const std::string output = capture.Take();
+        EXPECT_TRUE(pztest::has_report(output, "SetEvent", "PZLMsgBox.cpp", "SetEvent failed"));
+        EXPECT_EQ(1U, pztest::error_messages(output).size());
+    }
+    EXPECT_EQ((Log{"evt 1"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, AnswersAFailureButStillWakesTheLoopWhenItsMessageEventIsFull) {
+    StartLoop();
+    {
+        const StdoutCapture capture;
+        write_call.FailNext(EAGAIN);
+        EXPECT_EQ(kFailure, Post(1));
+    }
+    EXPECT_TRUE(unit.WaitForCount(1));
+}
+
+TEST_F(PZLMsgBoxTest, AcceptsPostsOfSeveralRecordsFromOneHandlerToAnotherBox) {
+    PZLMsgBox other;
+    RecordingDispatcher otherUnit;
+    const unsigned long otherId = other.Registory(&otherUnit);
+    std::thread otherLoop([&other] { other.Loop(8); });
+    ASSERT_EQ(0, other.InitWait(kLongWaitMs));
+    unit.OnMessage(1, [&](const auto&) {
+        Record record = {otherId, 2, kOrdinary, nullptr, 0};
+        other.PushMsg(record);
+        other.SetEvent(3, otherId);
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    ServeAll();
+    other.Exit();
+    otherLoop.join();
+    EXPECT_EQ(2U, otherUnit.Received().size());
+}
+
+// Order of service
+
+TEST_F(PZLMsgBoxTest, ServesOneOrdinaryMessageAfterTheEmergenciesAndTheEvents) {
+    unit.OnMessage(2, [&](const auto&) {
+        Post(9, 0);
+        box.SetEvent(10, id);
+    });
+    unit.OnEvent(1, [&] { Post(8, 0); });
+    StartAndHoldLoop();
+    Post(1, 5);
+    Post(2, 3);
+    box.SetEvent(1, id);
+    Post(3, 0);
+    box.SetEvent(2, id);
+    Post(4, 0);
+    Post(5, 3);
+
+    EXPECT_EQ((Log{"msg 3", "msg 4",            // all emergencies
+                   "evt 1", "msg 8", "evt 2",   // every event after the emergencies so far
+                   "msg 2",                     // one ordinary message
+                   "msg 9", "evt 10", "msg 5",  // the next pass
+                   "msg 1"}),
+              ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, ServesAnEmergencyThatAnEmergencyPostsBeforeTheEvents) {
+    unit.OnMessage(1, [&](const auto&) { Post(2, 0); });
+    StartAndHoldLoop();
+    box.SetEvent(1, id);
+    Post(1, 0);
+    EXPECT_EQ((Log{"msg 1", "msg 2", "evt 1"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, ServesEventsThatEventsPostInTheSamePass) {
+    unit.OnEvent(1, [&] { box.SetEvent(3, id); });
+    StartAndHoldLoop();
+    Post(1);
+    box.SetEvent(1, id);
+    box.SetEvent(2, id);
+    EXPECT_EQ((Log{"evt 1", "evt 2", "evt 3", "msg 1"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, ServesLowPriorityValuesFirstAndEqualsInTheOrderTheyCame) {
+    StartAndHoldLoop();
+    Post(1, 255);
+    Post(2, 7);
+    Post(3, 7);
+    Post(4, 1);
+    Post(5, 7);
+    Post(6, 254);
+    EXPECT_EQ((Log{"msg 4", "msg 2", "msg 3", "msg 5", "msg 6", "msg 1"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, OrdersPriority256WithTheEmergenciesButServesItAsAnOrdinaryMessage) {
+    StartAndHoldLoop();
+    box.SetEvent(1, id);
+    Post(1, 256);
+    Post(2, 0);  // an emergency behind it: has to wait for the pass that follows
+    Post(3, 1);
+    EXPECT_EQ((Log{"evt 1", "msg 1", "msg 2", "msg 3"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, OrdersByTheLow8BitsOfThePriority) {
+    StartAndHoldLoop();
+    Post(1, 5);
+    Post(2, 0x104);
+    Post(3, 0xFFFFFF03);
+    EXPECT_EQ((Log{"msg 3", "msg 2", "msg 1"}), ServeAll());
+}
+
+// Dispatchers that come and go
+
+TEST_F(PZLMsgBoxTest, DropsWhatIsAddressedToNobodyWithoutAReport) {
+    StartAndHoldLoop();
+    StdoutCapture capture;
+    for (const unsigned long nobody : {0UL, id + 1, kNoIdentifier}) {
+        Record record = {nobody, 1, kOrdinary, "x", 2};  // its copy is released all the same
+        ASSERT_EQ(kSuccess, box.PushMsg(record));
+        ASSERT_EQ(kSuccess, box.SetEvent(1, nobody));
+    }
+    EXPECT_TRUE(ServeAll().empty());
+    EXPECT_EQ("", capture.Take());
+}
+
+TEST_F(PZLMsgBoxTest, DropsWhatIsQueuedForADispatcherThatHasLeft) {
+    RecordingDispatcher other;
+    const unsigned long otherId = box.Registory(&other);
+    AtNextWait(-1, [&] {
+        Record record = {otherId, 1, kOrdinary, "x", 2};
+        box.PushMsg(record);
+        box.SetEvent(1, otherId);
+        Post(2);
+        box.Unregistory(otherId);
+    });
+    StartLoop();
+    EXPECT_TRUE(unit.WaitForCount(1));
+    ServeAll();
+    EXPECT_TRUE(other.Received().empty());
+}
+
+TEST_F(PZLMsgBoxTest, AHandlerMayUnregisterItself) {
+    unit.OnMessage(1, [&](const auto&) { box.Unregistory(id); });
+    StartAndHoldLoop();
+    Post(1);
+    Post(2);
+    box.SetEvent(3, id);  // served before the messages
+    EXPECT_EQ((Log{"evt 3", "msg 1"}), ServeAll());
+}
+
+/// Leaves the box and dies with its first event.
+class MortalDispatcher : public PZIDispatcher {
+public:
+    MortalDispatcher(PZIMsgBox& box, bool& destroyed) : box_(box), destroyed_(destroyed) {}
+    ~MortalDispatcher() override { destroyed_ = true; }
+
+    void OnReceiveMsg(unsigned int /*MsgID*/, const void* /*Buff*/, unsigned int /*s*/) override {}
+    void OnReceiveEvent(unsigned int /*bits*/) override {
+        box_.Unregistory(reinterpret_cast<unsigned long>(static_cast<PZIDispatcher*>(this)));
+        delete this;
+    }
+
+private:
+    PZIMsgBox& box_;
+    bool& destroyed_;
+};
+
+TEST_F(PZLMsgBoxTest, AHandlerMayDestroyItsOwnDispatcher) {
+    bool destroyed = false;
+    const unsigned long mortalId = box.Registory(new MortalDispatcher(box, destroyed));
+    StartLoop();
+    ASSERT_EQ(kSuccess, box.SetEvent(1, mortalId));
+    ASSERT_EQ(kSuccess, box.SetEvent(2, mortalId));  // dropped
+    ServeAll();
+    EXPECT_TRUE(destroyed);
+}
+
+TEST_F(PZLMsgBoxTest, AHandlerMayUnregisterOthers) {
+    RecordingDispatcher other;
+    const unsigned long otherId = box.Registory(&other);
+    unit.OnMessage(1, [&](const auto&) { box.Unregistory(otherId); });
+    StartAndHoldLoop();
+    Post(1, 0);
+    Record record = {otherId, 2, kOrdinary, "x", 2};
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+    ASSERT_EQ(kSuccess, box.SetEvent(1, otherId));
+    ServeAll();
+    EXPECT_TRUE(other.Received().empty());
+}
+
+TEST_F(PZLMsgBoxTest, AHandlerMayRegisterOthersAndPostToThem) {
+    RecordingDispatcher other;
+    unit.OnEvent(1, [&] {
+        const unsigned long otherId = box.Registory(&other);
+        Record record = {otherId, 2, kOrdinary, "x", 2};
+        box.PushMsg(record);
+        box.SetEvent(3, otherId);
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, box.SetEvent(1, id));
+    ServeAll();
+    EXPECT_EQ((Log{"evt 3", "msg 2"}), other.Received());
+}
+
+TEST_F(PZLMsgBoxTest, AHandlerMayPostToItsOwnBoxAgainAndAgain) {
+    constexpr unsigned int kRounds = 1000;
+    std::atomic<unsigned int> rounds{0};
+    unit.OnMessage(1, [&](const auto&) {
+        if (++rounds < kRounds) Post(1);
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    EXPECT_EQ(times(kRounds, "msg 1"), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, AHandlerThatFillsItsOwnBoxIsRefusedAndGoesOn) {
+    std::atomic<unsigned int> refused{0};
+    unit.OnMessage(1, [&](const auto&) {
+        const StdoutCapture capture;
+        for (unsigned int i = 0; i < kCapacity + 3; ++i) {
+            if (Post(2) == kFull) ++refused;
+        }
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    EXPECT_EQ(kCapacity + 1, ServeAll().size());
+    EXPECT_EQ(3U, refused);
+}
+
+TEST_F(PZLMsgBoxTest, OthersPostWhileAHandlerRuns) {
+    StartAndHoldLoop();
+    EXPECT_EQ(kSuccess, Post(1));
+    EXPECT_EQ(kSuccess, box.SetEvent(1, id));
+}
+
+TEST_F(PZLMsgBoxTest, UnregistoryByAnotherThreadWaitsForTheRunningHandler) {
+    std::atomic<bool> handlerIsDone{false};
+    std::atomic<bool> leaving{false};
+    std::atomic<bool> left{false};
+    std::atomic<bool> leftTooEarly{false};
+    unit.OnMessage(1, [&](const auto&) {
+        wait_until([&] { return leaving.load(); });
+        // Time for an Unregistory that does not wait to show itself.
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        leftTooEarly = left.load();
+        handlerIsDone = true;
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    ASSERT_TRUE(unit.WaitForCount(1));
+    std::thread leaver([&] {
+        leaving = true;
+        box.Unregistory(id);
+        left = true;
+        EXPECT_TRUE(handlerIsDone);
+    });
+    leaver.join();
+    EXPECT_FALSE(leftTooEarly);
+}
+
+TEST_F(PZLMsgBoxTest, RegistoryByAnotherThreadWaitsForTheRunningHandler) {
+    RecordingDispatcher other;
+    std::atomic<bool> handlerIsDone{false};
+    std::atomic<bool> coming{false};
+    unit.OnEvent(1, [&] {
+        wait_until([&] { return coming.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        handlerIsDone = true;
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, box.SetEvent(1, id));
+    ASSERT_TRUE(unit.WaitForCount(1));
+    coming = true;
+    EXPECT_NE(kNoIdentifier, box.Registory(&other));
+    EXPECT_TRUE(handlerIsDone);
+}
+
+// End of the loop
+
+TEST_F(PZLMsgBoxTest, ExitAndLoopAnswer0) {
+    StartLoop();
+    EXPECT_EQ(0, box.Exit());
+    loop.join();
+    EXPECT_EQ(0, loopResult);
+}
+
+TEST_F(PZLMsgBoxTest, ServesEverythingThatWasPostedBeforeExit) {
+    StartAndHoldLoop();
+    FillWithMessages();
+    FillWithEvents();
+    box.Exit();
+    gate.Open();
+    loop.join();
+    EXPECT_EQ(2 * kCapacity, unit.Received().size());
+}
+
+TEST_F(PZLMsgBoxTest, ServesWhatHandlersPostAfterExitWhileWorkIsPending) {
+    unit.OnMessage(1, [&](const auto&) { Post(2); });
+    StartAndHoldLoop();
+    Post(1);
+    box.Exit();
+    gate.Open();
+    loop.join();
+    EXPECT_EQ((Log{"msg 1", "msg 2"}), unit.Received());
+}
+
+TEST_F(PZLMsgBoxTest, ServesAMessageThatComesBetweenTheLoopsTestAndAnExit) {
+    AtNextWait(-1, [this] {
+        Post(1);
+        box.Exit();
+    });
+    loop = std::thread([this] { box.Loop(1); });
+    loop.join();
+    EXPECT_EQ((Log{"msg 1"}), unit.Received());
+}
+
+TEST_F(PZLMsgBoxTest, ServesAnEventThatComesBetweenTheLoopsTestAndAnExit) {
+    AtNextWait(-1, [this] {
+        box.SetEvent(1, id);
+        box.Exit();
+    });
+    loop = std::thread([this] { box.Loop(1); });
+    loop.join();
+    EXPECT_EQ((Log{"evt 1"}), unit.Received());
+}
+
+TEST_F(PZLMsgBoxTest, ServesAMessageThatComesBetweenTheLoopsTestAndItsWait) {
+    AtNextWait(-1, [this] { Post(1); });
+    StartLoop();
+    EXPECT_TRUE(unit.WaitForCount(1));
+}
+
+TEST_F(PZLMsgBoxTest, ServesAMessageWhoseSignalTheResetAtTheEndOfAPassHasTaken) {
+    std::thread poster;
+    unit.OnMessage(1, [&](const auto&) {
+        // The loop's next poll is the reset of its event at the end of this pass.
+        AtNextWait(0, [&] { Post(2); });
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    EXPECT_TRUE(unit.WaitForCount(2));
+    EXPECT_EQ((Log{"msg 1", "msg 2"}), unit.Received());
+}
+
+TEST_F(PZLMsgBoxTest, WaitsForExitAfterAWakeUpWithoutWork) {
+    ASSERT_EQ(kSuccess, Post(1));  // discarded by the loop; its signal stays
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(2));
+    EXPECT_TRUE(unit.WaitForCount(1));
+    EXPECT_EQ(-1, loopResult);
+}
+
+TEST_F(PZLMsgBoxTest, AnExitThatFoundNoLoopEndsTheNextOne) {
+    box.Exit();
+    EXPECT_EQ(0, box.Loop(1));
+}
+
+TEST_F(PZLMsgBoxTest, ASecondExitStaysPendingForTheNextLoop) {
+    StartLoop();
+    box.Exit();
+    box.Exit();
+    loop.join();
+    EXPECT_EQ(0, box.Loop(1));
+}
+
+TEST_F(PZLMsgBoxTest, LoopsAgainAfterExit) {
+    StartLoop();
+    EndLoop();
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    EXPECT_EQ((Log{"msg 1"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, ReportsAFailedWaitAsAnAssertionAndCarriesOn) {
+    StdoutCapture capture;
+    failing_waits = 1;
+    epoll_wait_call.Replace(fail_endless_wait);
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    EXPECT_EQ((Log{"msg 1"}), ServeAll());
+
+    const std::string output = capture.Take();
+    const std::string head =
+        "#########\n#########\nASSERT Failed! - src/Framework/Foundation/private/PZLMsgBox.cpp(";
+    const size_t banner = output.find(head);
+    ASSERT_NE(std::string::npos, banner) << output;
+    size_t pos = banner + head.size();
+    while (pos < output.size() && isdigit(static_cast<unsigned char>(output[pos])) != 0) ++pos;
+    EXPECT_GT(pos, banner + head.size());
+    EXPECT_EQ(0, output.compare(pos, 24, ")\n#########\n#########\n\033["));
+    EXPECT_EQ(1U, pztest::count_of(output, "ASSERT Failed!"));
+    EXPECT_GT(pztest::count_of(output.substr(pos), "dumpDirectly()@PZCallStack.cpp"), 2U);
+}
+
+TEST_F(PZLMsgBoxTest, KeepsServingWhileItsWaitsFail) {
+    StdoutCapture capture;
+    failing_waits = 5;
+    epoll_wait_call.Replace(fail_endless_wait);
+    StartLoop();
+    ASSERT_TRUE(wait_until([] { return failing_waits == 0; }));
+    ASSERT_EQ(kSuccess, Post(1));
+    EXPECT_EQ((Log{"msg 1"}), ServeAll());
+    EXPECT_EQ(5U, pztest::count_of(capture.Take(), "ASSERT Failed!"));
+}
+
+// Many posters
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr unsigned int kMessagesPerPoster = 10000;
+constexpr unsigned int kFloodPerPoster = 20000;
+#else
+constexpr unsigned int kMessagesPerPoster = 100000;
+constexpr unsigned int kFloodPerPoster = 30000;
+#endif
+constexpr unsigned int kPosters = 8;
+
+/// Checks that every poster's sequence comes whole and in order.
+class SequenceChecker : public PZIDispatcher {
+public:
+    void OnReceiveMsg(unsigned int poster, const void* buff, unsigned int size) override {
+        unsigned int sequence = 0;
+        if (size != sizeof sequence) {
+            ++misplaced_;
+            return;
+        }
+        std::memcpy(&sequence, buff, sizeof sequence);
+        Take(poster, sequence);
+    }
+    void OnReceiveEvent(unsigned int bits) override { Take(bits >> 24U, bits & 0xFFFFFFU); }
+
+    unsigned int Misplaced() const { return misplaced_; }
+    unsigned int Next(unsigned int poster) const { return next_.at(poster); }
+
+private:
+    void Take(unsigned int poster, unsigned int sequence) {
+        if (next_.at(poster)++ != sequence) ++misplaced_;
+    }
+
+    std::array<unsigned int, kPosters> next_ = {};  // on the loop's thread until it has ended
+    unsigned int misplaced_ = 0;
+};
+
+/// Repeats a post while the box is full. A post that could not wake the loop is in the box.
+template <typename Post>
+void post_until_accepted(Post post) {
+    while (post() == kFull) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+class PZLMsgBoxLoadTest : public testing::Test {
+protected:
+    /// Runs `post(poster, sequence)` on all posters at once and checks that nothing got lost.
+    template <typename Post>
+    void Run(unsigned int postsPerPoster, Post post) {
+        std::thread loop([this] { box.Loop(1); });
+        ASSERT_EQ(0, box.InitWait(kLongWaitMs));
+        {
+            const StdoutCapture capture;  // of many reports "full"
+            std::vector<std::thread> posters;
+            for (unsigned int poster = 0; poster < kPosters; ++poster) {
+                posters.emplace_back([=] {
+                    for (unsigned int i = 0; i < postsPerPoster; ++i) {
+                        post_until_accepted([=] { return post(poster, i); });
+                    }
+                });
+            }
+            for (auto& poster : posters) poster.join();
+            box.Exit();
+            loop.join();
+        }
+        EXPECT_EQ(0U, checker.Misplaced());
+        for (unsigned int poster = 0; poster < kPosters; ++poster) {
+            EXPECT_EQ(postsPerPoster, checker.Next(poster)) << "poster " << poster;
+        }
+    }
+
+    unsigned int PostMessage(unsigned int poster, unsigned int priority, unsigned int sequence) {
+        Record record = {id, poster, priority, &sequence, sizeof sequence};
+        return box.PushMsg(record);
+    }
+
+    PZLMsgBox box;
+    SequenceChecker checker;
+    const unsigned long id = box.Registory(&checker);
+};
+
+TEST_F(PZLMsgBoxLoadTest, ServesEveryMessageOfManyPostersInOrderOnOneLevel) {
+    Run(kMessagesPerPoster, [this](unsigned int poster, unsigned int sequence) {
+        return PostMessage(poster, kOrdinary, sequence);
+    });
+}
+
+TEST_F(PZLMsgBoxLoadTest, ServesEveryMessageOfManyPostersInOrderOnALevelOfTheirOwn) {
+    Run(kMessagesPerPoster, [this](unsigned int poster, unsigned int sequence) {
+        return PostMessage(poster, poster + 1, sequence);
+    });
+}
+
+TEST_F(PZLMsgBoxLoadTest, ServesAFloodOfEmergenciesThatOverflowsTheMessageEvent) {
+    Run(kFloodPerPoster, [this](unsigned int poster, unsigned int sequence) {
+        return PostMessage(poster, 0, sequence);
+    });
+}
+
+TEST_F(PZLMsgBoxLoadTest, ServesAFloodOfEventsThatOverflowsTheMessageEvent) {
+    Run(kFloodPerPoster, [this](unsigned int poster, unsigned int sequence) {
+        return box.SetEvent((poster << 24U) | sequence, id);
+    });
+}
+
+}  // namespace

@@ -1,0 +1,451 @@
+#include "Framework/Foundation/PZWorker.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZWatchDog.h>
+
+#include "support/Gate.h"
+#include "support/Interposed.h"
+#include "support/RecordingDispatcher.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+using pztest::Gate;
+using pztest::RecordingDispatcher;
+using pztest::StdoutCapture;
+using pztest::wait_until;
+using Log = RecordingDispatcher::Log;
+
+using ThreadMain = void* (*)(void*);
+
+constexpr int kStartLimitMs = 3000;
+constexpr unsigned int kOrdinary = 1;
+constexpr int kNoThreadPriority = 256;
+
+pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
+pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
+// These answer with the error number itself.
+pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadMain, void*)> pthread_create_call(
+    "pthread_create", EAGAIN);
+pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join");
+
+}  // namespace
+
+extern "C" {
+int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    return epoll_wait_call(epfd, events, maxevents, timeout);
+}
+ssize_t write(int fd, const void* buf, size_t n) {
+    return write_call(fd, buf, n);
+}
+int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadMain start_routine,
+                   void* arg) noexcept {
+    return pthread_create_call(newthread, attr, start_routine, arg);
+}
+int pthread_join(pthread_t th, void** thread_return) {
+    return pthread_join_call(th, thread_return);
+}
+}
+
+namespace {
+
+/// The wait for the loop's start ends at once, without a signal; other waits are real.
+std::atomic<int> start_waits{0};
+int time_out_start_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    if (timeout != kStartLimitMs) return epoll_wait_call.Real(epfd, events, maxevents, timeout);
+    ++start_waits;
+    return 0;
+}
+
+/// The thread is joined, but the call answers an error.
+int join_and_fail(pthread_t thread, void** result) {
+    pthread_join_call.Real(thread, result);
+    errno = ENOENT;
+    return EINVAL;
+}
+
+Gate* write_gate = nullptr;
+ssize_t write_after_gate(int fd, const void* data, size_t size) {
+    write_gate->Pass();
+    return write_call.Real(fd, data, size);
+}
+
+bool is_active(unsigned long handle) {
+    std::vector<unsigned long> handles;
+    PZThreadMng::GetInstance()->getActiveThreadList(handles);
+    return std::find(handles.begin(), handles.end(), handle) != handles.end();
+}
+
+class PZWorkerTest : public testing::Test {
+protected:
+    static constexpr unsigned int kWatchTimeMs = 1234;
+    static constexpr unsigned int kWorkerNo = 17;
+    static constexpr unsigned int kWhoAmI = 1000;
+
+    // The framework's start makes these two before any worker runs.
+    PZWorkerTest() {
+        PZThreadMng::GetInstance();
+        PZWatchDog::GetInstance();
+        id = worker.GetMsgBox()->Registory(&unit);
+        unit.OnMessage(kWhoAmI, [this](const auto&) {
+            handle = pthread_self();
+            tid = static_cast<int>(syscall(SYS_gettid));
+        });
+    }
+
+    ~PZWorkerTest() override {
+        epoll_wait_call.Reset();
+        write_call.Reset();
+        pthread_create_call.Reset();
+        pthread_join_call.Reset();
+        gate.Open();
+        worker.End(0);
+    }
+
+    unsigned int Post(unsigned int msgId) {
+        PZIMsgBox::ST_PUSH_MSG_DATA record = {id, msgId, kOrdinary, nullptr, 0};
+        return worker.GetMsgBox()->PushMsg(record);
+    }
+
+    /// Starts the worker and learns its thread's handle and kernel id.
+    void StartAndAsk(const char* name = "worker") {
+        ASSERT_EQ(0, worker.Start(name));
+        ASSERT_EQ(0U, Post(kWhoAmI));
+        ASSERT_TRUE(wait_until([this] { return tid != -1; }));
+        unit.Forget();
+    }
+
+    Gate gate;
+    RecordingDispatcher unit;
+    PZWorker worker{1, kWatchTimeMs, kWorkerNo};
+    unsigned long id = 0;
+    std::atomic<unsigned long> handle{0};
+    std::atomic<int> tid{-1};
+};
+
+TEST_F(PZWorkerTest, HasItsBoxFromTheBeginning) {
+    PZIMsgBox* const box = worker.GetMsgBox();
+    ASSERT_NE(nullptr, box);
+    ASSERT_EQ(0, worker.Start("worker"));
+    EXPECT_EQ(box, worker.GetMsgBox());
+    worker.End(0);
+    EXPECT_EQ(box, worker.GetMsgBox());
+}
+
+TEST_F(PZWorkerTest, IsDestroyedThroughItsBase) {
+    EXPECT_TRUE(std::has_virtual_destructor_v<PZWorker>);
+}
+
+TEST_F(PZWorkerTest, ServesItsBoxOnAThreadOfItsOwn) {
+    StartAndAsk();
+    EXPECT_NE(static_cast<int>(syscall(SYS_gettid)), tid);
+}
+
+TEST_F(PZWorkerTest, StartsWithoutAName) {
+    ASSERT_EQ(0, worker.Start(nullptr));
+    EXPECT_STREQ("no_name", worker.getName());
+}
+
+TEST_F(PZWorkerTest, NamesItsThread) {
+    EXPECT_STREQ("", worker.getName());
+    StartAndAsk("a name of more than 15 characters");
+    EXPECT_STREQ("a name of more than 15 characters", worker.getName());
+    char kernelName[16] = {};
+    ASSERT_EQ(0, pthread_getname_np(handle, kernelName, sizeof kernelName));
+    EXPECT_STREQ("a name of more ", kernelName);
+    worker.End(0);
+    EXPECT_STREQ("", worker.getName());
+}
+
+TEST_F(PZWorkerTest, RegistersItsThreadWithNamePriorityAndWatchTime) {
+    StartAndAsk("registered");
+    char label[256] = {};
+    EXPECT_TRUE(PZThreadMng::GetInstance()->getLabel(handle, label));
+    EXPECT_STREQ("registered", label);
+    EXPECT_EQ(kWatchTimeMs, PZThreadMng::GetInstance()->getWatchTime(handle));
+    EXPECT_TRUE(is_active(handle));
+}
+
+TEST_F(PZWorkerTest, EndUnregistersTheThread) {
+    StartAndAsk();
+    worker.End(0);
+    EXPECT_FALSE(is_active(handle));
+}
+
+TEST_F(PZWorkerTest, GivesItsNumberToTheBox) {
+    unit.OnMessage(1, [this](const auto&) { gate.Pass(); });
+    ASSERT_EQ(0, worker.Start("worker"));
+    ASSERT_EQ(0U, Post(1));
+    ASSERT_TRUE(gate.WaitForArrival());
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(0U, Post(2));
+    StdoutCapture capture;
+    EXPECT_EQ(3U, Post(2));
+    EXPECT_EQ((Log{"msg queue is full : worker[17]"}), pztest::error_messages(capture.Take()));
+}
+
+TEST_F(PZWorkerTest, EndReturnsWhenEverythingThatWasPostedIsServed) {
+    unit.OnMessage(1, [this](const auto&) { gate.Pass(); });
+    ASSERT_EQ(0, worker.Start("worker"));
+    ASSERT_EQ(0U, Post(1));
+    ASSERT_TRUE(gate.WaitForArrival());
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(0U, Post(2));
+    for (unsigned int i = 0; i < 100; ++i) {
+        ASSERT_EQ(0U, worker.GetMsgBox()->SetEvent(i, id));
+    }
+    // The worker's own thread opens the gate: End is under way, or about to be, by then.
+    std::thread opener([this] { gate.Open(); });
+    worker.End(0);
+    EXPECT_EQ(301U, unit.Received().size());
+    opener.join();
+}
+
+TEST_F(PZWorkerTest, EndDoesNotUseItsTimeLimit) {
+    unit.OnMessage(1, [this](const auto&) { gate.Pass(); });
+    ASSERT_EQ(0, worker.Start("worker"));
+    ASSERT_EQ(0U, Post(1));
+    ASSERT_TRUE(gate.WaitForArrival());
+    std::atomic<bool> ended{false};
+    std::thread ender([&] {
+        worker.End(1);
+        ended = true;
+    });
+    // Time for an End that does not wait to show itself.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(ended);
+    gate.Open();
+    ender.join();
+    EXPECT_EQ((Log{"msg 1"}), unit.Received());
+}
+
+TEST_F(PZWorkerTest, StartsAgainAfterEnd) {
+    StartAndAsk("first");
+    worker.End(0);
+    tid = -1;
+    StartAndAsk("second");
+    EXPECT_STREQ("second", worker.getName());
+    ASSERT_EQ(0U, Post(1));
+    worker.End(0);
+    EXPECT_EQ((Log{"msg 1"}), unit.Received());
+}
+
+TEST_F(PZWorkerTest, RefusesASecondStartAndLeavesTheRunningThreadAlone) {
+    StartAndAsk("first");
+    {
+        StdoutCapture capture;
+        EXPECT_EQ(-1, worker.Start("second"));
+        EXPECT_TRUE(pztest::has_report(capture.Take(), "Start", "PZThread.h", "error [second]"));
+    }
+    EXPECT_STREQ("first", worker.getName());
+    ASSERT_EQ(0U, Post(1));
+    EXPECT_TRUE(unit.WaitForCount(1));
+}
+
+TEST_F(PZWorkerTest, EndWithoutAThreadEndsTheNextLoopWhenItIsIdle) {
+    worker.End(0);
+    EXPECT_EQ(kNoThreadPriority, worker.GetPriority());
+    ASSERT_EQ(0, worker.Start("worker"));
+    StdoutCapture capture;
+    // A thread that has ended has no priority any more.
+    EXPECT_TRUE(wait_until([this] { return worker.GetPriority() == 0; }));
+}
+
+TEST_F(PZWorkerTest, StartWaits3000MillisecondsForTheLoop) {
+    start_waits = 0;
+    epoll_wait_call.Replace(time_out_start_wait);
+    EXPECT_EQ(-1, worker.Start("worker"));
+    EXPECT_EQ(1, start_waits);
+}
+
+TEST_F(PZWorkerTest, KeepsTheThreadRunningWhenTheLoopWasTooLate) {
+    write_gate = &gate;  // holds the loop before it says that it serves
+    write_call.Replace(write_after_gate);
+    epoll_wait_call.Replace(time_out_start_wait);
+    ASSERT_EQ(-1, worker.Start("worker"));
+    ASSERT_TRUE(gate.WaitForArrival());
+    gate.Open();
+    ASSERT_EQ(0, worker.GetMsgBox()->InitWait(60000));
+    ASSERT_EQ(0U, Post(1));
+    EXPECT_TRUE(unit.WaitForCount(1));
+}
+
+TEST_F(PZWorkerTest, StartAnswersAFailureWhenTheLoopNeverSignals) {
+    write_call.FailNext(EBADF);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(-1, worker.Start("worker"));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2999));
+}
+
+TEST_F(PZWorkerTest, StartAnswersAFailureWhenThereIsNoThreadToBeHad) {
+    StdoutCapture capture;
+    pthread_create_call.FailNext(EAGAIN);
+    EXPECT_EQ(-1, worker.Start("worker"));
+    EXPECT_TRUE(pztest::has_report(capture.Take(), "Start", "PZThread.h",
+                                   "PZThread::Start() failed !! [worker]\r"));
+}
+
+TEST_F(PZWorkerTest, KeepsTheThreadObjectWhenThereIsNoThreadToBeHad) {
+    StdoutCapture capture;
+    pthread_create_call.FailNext(EAGAIN);
+    ASSERT_EQ(-1, worker.Start("worker"));
+    capture.Take();
+    EXPECT_EQ(-1, worker.GetPriority());
+    EXPECT_EQ((Log{"invalid thread id"}), pztest::error_messages(capture.Take()));
+    worker.End(0);
+    EXPECT_EQ(kNoThreadPriority, worker.GetPriority());
+}
+
+TEST_F(PZWorkerTest, StartsOnASecondAttemptAfterThereWasNoThreadToBeHad) {
+    {
+        const StdoutCapture capture;
+        pthread_create_call.FailNext(EAGAIN);
+        ASSERT_EQ(-1, worker.Start("first"));
+    }
+    StartAndAsk("second");
+    EXPECT_STREQ("second", worker.getName());
+}
+
+TEST_F(PZWorkerTest, KeepsTheThreadObjectWhenTheJoinFails) {
+    StartAndAsk("worker");
+    StdoutCapture capture;
+    pthread_join_call.Replace(join_and_fail);
+    worker.End(0);
+    EXPECT_TRUE(
+        pztest::has_report(capture.Take(), "WaitExit", "PZThread.h",
+                           "pthread_join failed !! ret[22] errno[2 : No such file or directory]"));
+    EXPECT_FALSE(is_active(handle));
+    EXPECT_STREQ("worker", worker.getName());
+    EXPECT_EQ(-1, worker.GetPriority());
+    EXPECT_EQ((Log{"invalid thread id"}), pztest::error_messages(capture.Take()));
+}
+
+TEST_F(PZWorkerTest, ASecondEndDestroysAThreadObjectThatWasKept) {
+    StartAndAsk();
+    const StdoutCapture capture;
+    pthread_join_call.Replace(join_and_fail);
+    worker.End(0);
+    worker.End(0);
+    EXPECT_EQ(kNoThreadPriority, worker.GetPriority());
+}
+
+TEST_F(PZWorkerTest, HasPriority256WithoutAThread) {
+    EXPECT_EQ(kNoThreadPriority, worker.GetPriority());
+    ASSERT_EQ(0, worker.Start("worker"));
+    EXPECT_NE(kNoThreadPriority, worker.GetPriority());
+    worker.End(0);
+    EXPECT_EQ(kNoThreadPriority, worker.GetPriority());
+}
+
+TEST_F(PZWorkerTest, InheritsThePriorityOfTheStartingThread) {
+    const int own = PZThreadMng::GetInstance()->GetCurrentThreadPriority();
+    ASSERT_EQ(0, worker.Start("worker"));
+    EXPECT_EQ(own, worker.GetPriority());
+}
+
+TEST_F(PZWorkerTest, SetsThePriorityOfItsThreadOnly) {
+    const int own = getpriority(PRIO_PROCESS, 0);
+    StartAndAsk();
+    EXPECT_TRUE(worker.SetPriority(en_WORKER_PRIORITY_LOWEST));
+    EXPECT_EQ(4, getpriority(PRIO_PROCESS, static_cast<id_t>(tid)));
+    EXPECT_EQ(255, worker.GetPriority());
+    EXPECT_EQ(own, getpriority(PRIO_PROCESS, 0));
+}
+
+TEST_F(PZWorkerTest, SetPriorityWithoutAThreadDoesNothing) {
+    StdoutCapture capture;
+    EXPECT_FALSE(worker.SetPriority(en_WORKER_PRIORITY_LOWEST));
+    EXPECT_EQ("", capture.Take());
+}
+
+TEST_F(PZWorkerTest, SetPriorityGivesAThreadFiftyMillisecondsToShowItsId) {
+    StdoutCapture capture;
+    pthread_create_call.FailNext(EAGAIN);
+    ASSERT_EQ(-1, worker.Start("worker"));
+    capture.Take();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(worker.SetPriority(en_WORKER_PRIORITY_LOWEST));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+    EXPECT_TRUE(
+        pztest::has_report(capture.Take(), "SetPriority", "PZThread.h", "invalid thread id"));
+}
+
+TEST_F(PZWorkerTest, ItsPrioritiesAreOnTheWideScale) {
+    EXPECT_EQ(177, en_WORKER_PRIORITY_HIGHEST);
+    EXPECT_EQ(200, en_WORKER_PRIORITY_HIGH);
+    EXPECT_EQ(225, en_WORKER_PRIORITY_ABOVE_NORMAL);
+    EXPECT_EQ(251, en_WORKER_PRIORITY_NORMAL);
+    EXPECT_EQ(252, en_WORKER_PRIORITY_BELOW_NORMAL);
+    EXPECT_EQ(254, en_WORKER_PRIORITY_LOW);
+    EXPECT_EQ(255, en_WORKER_PRIORITY_LOWEST);
+    PZThreadMng* const threads = PZThreadMng::GetInstance();
+    EXPECT_EQ(-20, threads->get_narrow_priority(en_WORKER_PRIORITY_HIGHEST));
+    EXPECT_EQ(-6, threads->get_narrow_priority(en_WORKER_PRIORITY_HIGH));
+    EXPECT_EQ(-3, threads->get_narrow_priority(en_WORKER_PRIORITY_ABOVE_NORMAL));
+    EXPECT_EQ(0, threads->get_narrow_priority(en_WORKER_PRIORITY_NORMAL));
+    EXPECT_EQ(1, threads->get_narrow_priority(en_WORKER_PRIORITY_BELOW_NORMAL));
+    EXPECT_EQ(3, threads->get_narrow_priority(en_WORKER_PRIORITY_LOW));
+    EXPECT_EQ(4, threads->get_narrow_priority(en_WORKER_PRIORITY_LOWEST));
+}
+
+TEST_F(PZWorkerTest, InitializeAnswersWhatItsBoxAnswers) {
+    EXPECT_EQ(0, worker.Initialize());
+}
+
+TEST_F(PZWorkerTest, MainProcServesTheBoxOnTheCallingThread) {
+    worker.GetMsgBox()->Exit();
+    worker.MainProc();
+    EXPECT_EQ(0, worker.GetMsgBox()->InitWait(0));
+}
+
+TEST_F(PZWorkerTest, FinalizeLeavesTheWorkerServing) {
+    ASSERT_EQ(0, worker.Start("worker"));
+    worker.Finalize();
+    ASSERT_EQ(0U, Post(1));
+    EXPECT_TRUE(unit.WaitForCount(1));
+}
+
+TEST_F(PZWorkerTest, ManyWorkersServeSideBySide) {
+    constexpr size_t kWorkers = 8;
+    constexpr unsigned int kHops = 200;
+    std::vector<std::unique_ptr<PZWorker>> workers;
+    std::vector<std::unique_ptr<RecordingDispatcher>> units;
+    std::vector<unsigned long> ids;
+    for (size_t i = 0; i < kWorkers; ++i) {
+        workers.push_back(std::make_unique<PZWorker>(0, 0, static_cast<unsigned int>(i)));
+        units.push_back(std::make_unique<RecordingDispatcher>());
+        ids.push_back(workers[i]->GetMsgBox()->Registory(units[i].get()));
+    }
+    // A message goes round from worker to worker.
+    std::atomic<unsigned int> hops{0};
+    for (size_t i = 0; i < kWorkers; ++i) {
+        const size_t next = (i + 1) % kWorkers;
+        units[i]->OnMessage(1, [&, next](const auto&) {
+            if (++hops >= kHops) return;
+            PZIMsgBox::ST_PUSH_MSG_DATA record = {ids[next], 1, kOrdinary, "hop", 4};
+            workers[next]->GetMsgBox()->PushMsg(record);
+        });
+    }
+    for (const auto& each : workers) ASSERT_EQ(0, each->Start("ring"));
+    PZIMsgBox::ST_PUSH_MSG_DATA record = {ids[0], 1, kOrdinary, "hop", 4};
+    ASSERT_EQ(0U, workers[0]->GetMsgBox()->PushMsg(record));
+    EXPECT_TRUE(wait_until([&] { return hops == kHops; }));
+    for (const auto& each : workers) each->End(0);
+    EXPECT_EQ(kHops, hops);
+}
+
+}  // namespace
