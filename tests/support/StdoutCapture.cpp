@@ -12,6 +12,15 @@ namespace {
 constexpr char kReset[] = "\033[0m";
 constexpr char kErrorColour[] = "\033[31m";
 constexpr size_t kNone = std::string::npos;
+constexpr char kFailedCheck[] = ": Failure\n";  // stands in GoogleTest's message
+
+void write_all(int fd, const std::string& text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
+        if (written <= 0) return;
+        done += static_cast<size_t>(written);
+    }
+}
 
 }  // namespace
 
@@ -26,7 +35,7 @@ StdoutCapture::StdoutCapture() : savedFd_(-1), fileFd_(-1) {
 }
 
 StdoutCapture::~StdoutCapture() {
-    std::fflush(stdout);
+    Take();
     dup2(savedFd_, STDOUT_FILENO);
     close(savedFd_);
     close(fileFd_);
@@ -44,6 +53,7 @@ std::string StdoutCapture::Take() {
     }
     if (ftruncate(fileFd_, 0) != 0) std::abort();
     lseek(fileFd_, 0, SEEK_SET);
+    if (text.find(kFailedCheck) != kNone) write_all(savedFd_, text);
     return text;
 }
 

@@ -7,7 +7,7 @@
 namespace pztest {
 
 /// Catches everything the process writes to its standard output, from construction to the end of
-/// the scope. One capture at a time.
+/// the scope. One capture at a time. The messages of checks that fail meanwhile are passed on.
 class StdoutCapture {
 public:
     StdoutCapture();
