@@ -89,13 +89,13 @@ unsigned int pz_wcsnlen(const wchar_t* s, unsigned int max) {
 
 int pz_wcsnicmp(const wchar_t* a, const wchar_t* b, unsigned int n) {
     if (a == nullptr || b == nullptr || n == 0) return INT_MAX;
-    for (unsigned int i = 0; i < n; ++i) {
+    // The end of `a` ends the comparison: a longer `b` counts as equal.
+    unsigned int i = 0;
+    do {
         const wint_t left = towlower(static_cast<wint_t>(a[i]));
         const wint_t right = towlower(static_cast<wint_t>(b[i]));
-        if (left != right) return static_cast<int>(left) - static_cast<int>(right);
-        // The end of `a` ends the comparison: a longer `b` still counts as equal.
-        if (a[i] == L'\0' || a[i + 1] == L'\0') return 0;
-    }
+        if (left != right) return static_cast<int>(left - right);
+    } while (a[i] != L'\0' && ++i < n && a[i] != L'\0');
     return 0;
 }
 

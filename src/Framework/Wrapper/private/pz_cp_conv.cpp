@@ -1,0 +1,339 @@
+#include "Framework/Wrapper/pz_cp_conv.h"
+
+#include <Framework/Diagnostics/PZCallStack.h>
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/Wrapper/cp_conv_basic_rds.h>
+#include <iconv.h>
+#include <wchar.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+
+#include "pz_icu_detector.h"
+
+namespace {
+
+constexpr unsigned int kMeasure = 0xFFFFFFFF;
+constexpr int kWideSize = sizeof(wchar_t);
+constexpr int kUnit16Size = sizeof(unsigned short);
+static_assert(kWideSize == 4 && kUnit16Size == 2, "the forms of text have fixed unit sizes");
+
+// The names for iconv_open, by EN_XCP. The last four are unusable on purpose, so that iconv_open
+// refuses them; the radio sets have converters of their own.
+// clang-format off
+constexpr const char* kIconvNames[] = {
+    /*  0 */ "ASCII",       "CP1256",       "CP1251",       "CP850",
+    /*  4 */ "CP874",       "CP1252",       "CP1253",       "CP1254",
+    /*  8 */ "ASCII",       "CP850",        "CP874",        "CP932",
+    /* 12 */ "CP936",       "CP949",        "CP950",        "CP1251",
+    /* 16 */ "CP1252",      "CP1253",       "CP1254",       "CP1256",
+    /* 20 */ "SJIS",        "ISO646-US",    "ISO8859-1",    "ISO8859-2",
+    /* 24 */ "ISO8859-4",   "ISO8859-5",    "ISO8859-6",    "ISO8859-7",
+    /* 28 */ "ISO8859-8",   "ISO8859-9",    "ISO8859-10",   "ISO8859-16",
+    /* 32 */ "UTF-8",       "WCHAR_T",      "UTF-16",       "UTF-16BE",
+    /* 36 */ "UTF-16LE",    "GB18030",      "BIG-5",        "EUC-JP",
+    /* 40 */ "EUC-KR",      "KOI8-R",       "KOI8-U",       "WINDOWS-1250",
+    /* 44 */ "WINDOWS-1251", "WINDOWS-1256", "ISO-2022-JP", "ISO-2022-KR",
+    /* 48 */ "ISO-2022-CN", "_____error",   "_____error",   "_____error",
+    /* 52 */ "_____error",
+};
+// clang-format on
+static_assert(std::size(kIconvNames) == XCP_NONE + 1, "kIconvNames follows EN_XCP");
+
+const char* iconv_name(EN_XCP page) {
+    if (page < 0 || page > XCP_NONE) page = XCP_NONE;
+    return kIconvNames[page];
+}
+
+constexpr bool is_utf16(EN_XCP page) {
+    return page >= XCP_UTF16 && page <= XCP_UTF16LE;
+}
+
+/// `count` units in bytes, as a signed 32-bit number. A size that needs more bits is made negative:
+/// it must not pass for a smaller one.
+int bytes_of(int64_t count, int unitSize) {
+    const int64_t bytes = count * unitSize;
+    const auto low = static_cast<int32_t>(static_cast<uint64_t>(bytes));
+    return low > 0 && low != bytes ? INT_MIN : low;
+}
+
+int64_t length_of(const char* src, unsigned int length) {
+    if (length != kMeasure || src == nullptr) return length;
+    return static_cast<int64_t>(std::strlen(src));
+}
+
+int64_t length_of(const wchar_t* src, int length) {
+    if (length != -1 || src == nullptr) return length;
+    return static_cast<int64_t>(wcslen(src));
+}
+
+int64_t length_of(const unsigned short* src, int length) {
+    if (length != -1 || src == nullptr) return length;
+    int64_t units = 0;
+    while (src[units] != 0) ++units;
+    return units;
+}
+
+/// Writes `size` zero bytes at the start of the destination, as many as it can hold.
+void make_empty(char* dst, int dstSize, int size) {
+    std::memset(dst, 0, static_cast<size_t>(std::min(dstSize, size)));
+}
+
+/// Size of the terminator of a text in `page`.
+int terminator_size(EN_XCP page) {
+    if (page == XCP_WCHAR) return kWideSize;
+    return is_utf16(page) ? kUnit16Size : 1;
+}
+
+int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_XCP from,
+                        int src_size) {
+    if (src == nullptr || dst == nullptr || src_size <= 0 || dst_size <= 0) {
+        PZ_REPORT_ERROR("invalied args dst[%p] dst_size[%d] src[%p] src_size[%d]\n",
+                        static_cast<void*>(dst), dst_size, static_cast<const void*>(src), src_size);
+        PZCallStack::dumpDirectly(10);
+        return 0;
+    }
+
+    const char* const toName = iconv_name(to);
+    const char* const fromName = iconv_name(from);
+    const iconv_t converter = iconv_open(toName, fromName);
+    if (converter == reinterpret_cast<iconv_t>(-1)) {
+        const int error = errno;
+        PZ_REPORT_ERROR(
+            "conv_character_code : iconv open error[%d:%s] : not support in this version dst[%s] "
+            "src[%s]",
+            error, std::strerror(error), toName, fromName);
+        make_empty(dst, dst_size, to == XCP_WCHAR ? kWideSize : 1);
+        return 0;
+    }
+
+    char* in = const_cast<char*>(src);  // iconv only reads it
+    char* out = dst;
+    auto inLeft = static_cast<size_t>(src_size);
+    auto outLeft = static_cast<size_t>(dst_size);
+    const size_t result = iconv(converter, &in, &inLeft, &out, &outLeft);
+    const int error = errno;
+    iconv_close(converter);
+    const int terminator = terminator_size(to);
+    if (result == static_cast<size_t>(-1)) {
+        PZ_REPORT_ERROR(
+            "conv_character_code : iconv error [%d] [%d:%s] : dst[%s] sz[%d] : src[%s] sz[%d]\n",
+            static_cast<int>(result), error, std::strerror(error), toName, dst_size, fromName,
+            src_size);
+        make_empty(dst, dst_size, terminator);
+        return 0;
+    }
+
+    if (outLeft < static_cast<size_t>(terminator)) {
+        make_empty(dst, dst_size, terminator);
+        PZ_REPORT_ERROR("buffer size is too few.\n");
+        return 0;
+    }
+    // Callers of the narrow converters zero-fill their buffers.
+    if (terminator > 1) std::memset(out, 0, static_cast<size_t>(terminator));
+    return static_cast<int>(out - dst) / terminator;
+}
+
+// ICU's names for code pages, searched from the top. XCP_NONE marks a set that is recognised but
+// not supported.
+struct ST_ICU_NAME {
+    const char* name;
+    EN_XCP page;
+};
+
+// clang-format off
+constexpr ST_ICU_NAME kIcuNames[] = {
+    { "UTF-8",        XCP_UTF8         },
+    { "UTF-16BE",     XCP_UTF16BE      },
+    { "UTF-16LE",     XCP_UTF16LE      },
+    { "UTF-32BE",     XCP_NONE         },
+    { "UTF-32LE",     XCP_NONE         },
+    { "ISO-8859-1",   XCP_ISO8859_1    },
+    { "ISO-8859-2",   XCP_ISO8859_2    },
+    { "ISO-8859-5",   XCP_ISO8859_5    },
+    { "ISO-8859-6",   XCP_ISO8859_6    },
+    { "ISO-8859-7",   XCP_ISO8859_7    },
+    { "ISO-8859-8-I", XCP_ISO8859_8    },
+    { "ISO-8859-8",   XCP_ISO8859_8    },
+    { "windows-1251", XCP_WINDOWS_1251 },
+    { "windows-1256", XCP_WINDOWS_1256 },
+    { "KOI8-R",       XCP_KOI8_R       },
+    { "ISO-8859-9",   XCP_ISO8859_9    },
+    { "Shift_JIS",    XCP_SJIS         },
+    { "GB18030",      XCP_GB18030      },
+    { "EUC-JP",       XCP_EUC_JP       },
+    { "EUC-KR",       XCP_EUC_KR       },
+    { "Big5",         XCP_BIG5         },
+    { "ISO-2022-JP",  XCP_ISO2022_JP   },
+    { "ISO-2022-KR",  XCP_ISO2022_KR   },
+    { "ISO-2022-CN",  XCP_ISO2022_CN   },
+    { "IBM424_rtl",   XCP_NONE         },
+    { "IBM424_ltr",   XCP_NONE         },
+    { "IBM420_rtl",   XCP_NONE         },
+    { "IBM420_ltr",   XCP_NONE         },
+};
+// clang-format on
+
+EN_XCP page_of(const char* icuName) {
+    for (const ST_ICU_NAME& row : kIcuNames) {
+        if (std::strcmp(row.name, icuName) == 0) return row.page;
+    }
+    return XCP_NONE;
+}
+
+/// Null for XCP_NONE and for pages that ICU does not detect.
+const char* icu_name_of(EN_XCP page) {
+    if (page == XCP_NONE) return nullptr;
+    for (const ST_ICU_NAME& row : kIcuNames) {
+        if (row.page == page) return row.name;
+    }
+    return nullptr;
+}
+
+constexpr bool failed(IcuError error) {
+    return error > 0;
+}
+
+/// ICU's name of a match; null when it cannot be read.
+const char* get_icu_cp_string(const ST_ICU_DETECTOR& icu, const UCharsetMatch* match) {
+    IcuError error = 0;
+    const char* const name = icu.getName(match, &error);
+    if (failed(error)) {
+        PZ_REPORT_ERROR("ucsdet_getName err [%d]\n", error);
+        return nullptr;
+    }
+    return name;
+}
+
+/// Confidence of a match, 0 to 100.
+int confidence_of(const ST_ICU_DETECTOR& icu, const UCharsetMatch* match) {
+    IcuError error = 0;
+    return icu.getConfidence(match, &error);
+}
+
+/// What ICU found, best match first.
+struct ST_MATCHES {
+    const UCharsetMatch* const* list;
+    int32_t count;
+};
+
+EN_XCP choose(const ST_ICU_DETECTOR& icu, const ST_MATCHES& matches, EN_XCP hint, int threshold) {
+    const char* const hintName = icu_name_of(hint);
+    for (int32_t i = 0; hintName != nullptr && i < matches.count; ++i) {
+        const char* const name = get_icu_cp_string(icu, matches.list[i]);
+        if (name == nullptr) return XCP_NONE;
+        if (confidence_of(icu, matches.list[i]) < threshold && std::strcmp(name, hintName) != 0) {
+            continue;
+        }
+        const EN_XCP page = page_of(name);
+        if (page != XCP_NONE) return page;
+        break;
+    }
+    if (matches.count < 1) return XCP_NONE;
+    const char* const best = get_icu_cp_string(icu, matches.list[0]);
+    return best != nullptr ? page_of(best) : XCP_NONE;
+}
+
+/// Owns one detector and closes it.
+class DetectorHolder : private PZUncopyable {
+public:
+    DetectorHolder(const ST_ICU_DETECTOR& icu, UCharsetDetector* detector)
+        : icu_(icu), detector_(detector) {}
+    ~DetectorHolder() { icu_.close(detector_); }
+
+private:
+    const ST_ICU_DETECTOR& icu_;
+    UCharsetDetector* const detector_;
+};
+
+}  // namespace
+
+int pz_cp_conv(char* dst, unsigned int dst_size, EN_XCP to, const char* src, unsigned int src_len,
+               EN_XCP from) {
+    if (from == XCP_RDS || from == XCP_RDS_2017 || from == XCP_RBDS_2017) {
+        if (to != XCP_UTF8) {
+            PZ_REPORT_ERROR("not support.\n");
+            return -1;
+        }
+        // These stop at the terminator by themselves.
+        if (from == XCP_RDS) return cp_conv_basic_rds_to_utf8(dst, dst_size, src, src_len);
+        if (from == XCP_RDS_2017) {
+            return cp_conv_basic_rds_2017_to_utf8(dst, dst_size, src, src_len);
+        }
+        return cp_conv_basic_rbds_2017_to_utf8(dst, dst_size, src, src_len);
+    }
+    return conv_character_code(dst, to, bytes_of(dst_size, 1), src, from,
+                               bytes_of(length_of(src, src_len), 1));
+}
+
+int pz_mbtowc(wchar_t* dst, unsigned int dst_count, const char* src, unsigned int src_len,
+              EN_XCP from) {
+    return conv_character_code(reinterpret_cast<char*>(dst), XCP_WCHAR,
+                               bytes_of(dst_count, kWideSize), src, from,
+                               bytes_of(length_of(src, src_len), 1));
+}
+
+int pz_mbtowc16(unsigned short* dst, unsigned int dst_count, EN_XCP to, const char* src,
+                unsigned int src_len, EN_XCP from) {
+    if (!is_utf16(to)) return -1;
+    return conv_character_code(reinterpret_cast<char*>(dst), to, bytes_of(dst_count, kUnit16Size),
+                               src, from, bytes_of(length_of(src, src_len), 1));
+}
+
+int pz_wctomb(char* dst, unsigned int dst_size, const wchar_t* src, int src_len, EN_XCP to) {
+    return conv_character_code(dst, to, bytes_of(dst_size, 1), reinterpret_cast<const char*>(src),
+                               XCP_WCHAR, bytes_of(length_of(src, src_len), kWideSize));
+}
+
+int pz_wc16tomb(char* dst, unsigned int dst_size, EN_XCP to, const unsigned short* src, int src_len,
+                EN_XCP from) {
+    return conv_character_code(dst, to, bytes_of(dst_size, 1), reinterpret_cast<const char*>(src),
+                               from, bytes_of(length_of(src, src_len), kUnit16Size));
+}
+
+EN_XCP pz_cp_detect(const char* text, unsigned int size, EN_XCP hint, int threshold) {
+    if (text == nullptr || size == 0) {
+        PZ_REPORT_ERROR("invalid args : str[%p] sz[%d]\n", static_cast<const void*>(text),
+                        static_cast<int>(size));
+        return XCP_NONE;
+    }
+    const ST_ICU_DETECTOR* const icu = pz_find_icu_detector();
+    if (icu == nullptr) {
+        PZ_REPORT_ERROR("no ICU in this process : code pages are not detected\n");
+        return XCP_NONE;
+    }
+
+    IcuError error = 0;
+    UCharsetDetector* const detector = icu->open(&error);
+    if (failed(error) || detector == nullptr) {
+        PZ_REPORT_ERROR("ucsdet_open err [%d]\n", error);
+        return XCP_NONE;
+    }
+    const DetectorHolder holder(*icu, detector);
+
+    icu->setText(detector, text, static_cast<int32_t>(size), &error);
+    if (failed(error)) {
+        PZ_REPORT_ERROR("ucsdet_setText err [%d]\n", error);
+        return XCP_NONE;
+    }
+    const UCharsetMatch* const best = icu->detect(detector, &error);
+    if (failed(error)) {
+        // The same words as for the next step.
+        PZ_REPORT_ERROR("ucsdet_detectAll err [%d]\n", error);
+        return XCP_NONE;
+    }
+    if (best == nullptr) return XCP_NONE;
+    ST_MATCHES matches = {nullptr, 0};
+    matches.list = icu->detectAll(detector, &matches.count, &error);
+    if (failed(error)) {
+        PZ_REPORT_ERROR("ucsdet_detectAll err [%d]\n", error);
+        return XCP_NONE;
+    }
+    if (matches.list == nullptr) return XCP_NONE;
+    return choose(*icu, matches, hint, threshold);
+}
