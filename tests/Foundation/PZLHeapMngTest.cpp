@@ -1,0 +1,1058 @@
+#include "Framework/Foundation/PZLHeapMng.h"
+
+#include <gtest/gtest.h>
+#include <semaphore.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/Interposed.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+// The accounts are the process's own and some tests ruin them on purpose: every test needs a
+// process of its own, as ctest gives it.
+
+namespace {
+
+constexpr char kCorruption[] = "memory corruption";
+constexpr char kDoubleFree[] = "double free at somewhere";
+constexpr char kTooMuchFree[] = "too much free";
+constexpr size_t kTrailerSize = 8;
+
+/// What stands in front of the caller's data.
+struct Header {
+    unsigned int guards[2];
+    Header* older;
+    Header* newer;
+    unsigned int size;
+    unsigned int threadId;
+    void* callers[10];
+    char names[10][256];
+};
+
+#if __SIZEOF_POINTER__ == 4
+constexpr size_t kHeaderSize = 2624;
+static_assert(offsetof(Header, older) == 8 && offsetof(Header, newer) == 12);
+static_assert(offsetof(Header, size) == 16 && offsetof(Header, threadId) == 20);
+static_assert(offsetof(Header, callers) == 24 && offsetof(Header, names) == 64);
+#else
+constexpr size_t kHeaderSize = 2672;
+static_assert(offsetof(Header, older) == 8 && offsetof(Header, newer) == 16);
+static_assert(offsetof(Header, size) == 24 && offsetof(Header, threadId) == 28);
+static_assert(offsetof(Header, callers) == 32 && offsetof(Header, names) == 112);
+#endif
+static_assert(sizeof(Header) == kHeaderSize);
+
+Header* header_of(void* data) {
+    return reinterpret_cast<Header*>(static_cast<char*>(data) - kHeaderSize);
+}
+
+unsigned int this_thread() {
+    return static_cast<unsigned int>(syscall(SYS_gettid));
+}
+
+void run_in_thread(const std::function<void()>& body) {
+    std::thread(body).join();
+}
+
+/// A block that was never allocated by the heap: brings the accounts into any state without
+/// touching memory that was given back.
+class ForgedBlock {
+public:
+    explicit ForgedBlock(unsigned int size, unsigned int threadId = this_thread())
+        : header_(static_cast<Header*>(std::calloc(1, kHeaderSize + size + kTrailerSize))) {
+        header_->size = size;
+        header_->threadId = threadId;
+        std::memset(static_cast<char*>(Data()) + size, 0xEE, kTrailerSize);
+    }
+    ~ForgedBlock() { std::free(header_); }
+
+    ForgedBlock(const ForgedBlock&) = delete;
+    ForgedBlock& operator=(const ForgedBlock&) = delete;
+
+    void* Data() const { return reinterpret_cast<char*>(header_) + kHeaderSize; }
+
+    /// Leaves the memory to Free, for a block that it accepts.
+    void* Surrender() {
+        void* data = Data();
+        header_ = nullptr;
+        return data;
+    }
+
+private:
+    Header* header_;
+};
+
+/// The errors that the release of `data` reports.
+std::vector<std::string> errors_of_free(void* data) {
+    pztest::StdoutCapture output;
+    Free(data);
+    return pztest::error_messages(output.Take());
+}
+
+using Errors = std::vector<std::string>;
+
+std::string leak_report() {
+    pztest::StdoutCapture output;
+    FinMemMng();
+    return output.Take();
+}
+
+/// The addresses of the blocks in the leak report, in its order.
+std::vector<std::string> reported_addresses() {
+    const std::string report = leak_report();
+    const std::regex row(R"(\[\d{4}\] 0x[0-9a-f]{8}  (0x[0-9a-f]{8,})   \d{6})");
+    std::vector<std::string> addresses;
+    for (std::sregex_iterator it(report.begin(), report.end(), row), end; it != end; ++it) {
+        addresses.push_back((*it)[1]);
+    }
+    return addresses;
+}
+
+std::string address_text(const void* address) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%#010lx", reinterpret_cast<unsigned long>(address));
+    return text;
+}
+
+std::vector<std::string> addresses(const std::vector<void*>& blocks) {
+    std::vector<std::string> texts;
+    for (const void* block : blocks) texts.push_back(address_text(block));
+    return texts;
+}
+
+/// The code that called an allocation function, as its own frame sees it.
+struct Site {
+    void* data;
+    void* caller;  // return address of the function that called Malloc or Realloc
+};
+
+void* own_return_address(void* address) {
+#ifdef __arm__
+    return reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(address) & ~uintptr_t{1});
+#else
+    return address;
+#endif
+}
+
+[[gnu::noinline]] Site malloc_here(unsigned int size) {
+    void* data = Malloc(size);
+    return {data, own_return_address(__builtin_return_address(0))};
+}
+
+[[gnu::noinline]] Site realloc_here(void* p, unsigned int size) {
+    void* data = Realloc(p, size);
+    return {data, own_return_address(__builtin_return_address(0))};
+}
+
+volatile int levels_left_behind = 0;
+
+[[gnu::noinline]] Site malloc_deep(int levels) {
+    const Site site = levels == 0 ? malloc_here(8) : malloc_deep(levels - 1);
+    levels_left_behind = levels;  // keeps the call from becoming a jump
+    return site;
+}
+
+pztest::Interposed<int(sem_t*, int, unsigned int)> sem_init_call("sem_init");
+pztest::Interposed<int(sem_t*)> sem_destroy_call("sem_destroy");
+
+}  // namespace
+
+extern "C" int sem_init(sem_t* sem, int shared, unsigned int value) noexcept {
+    return sem_init_call(sem, shared, value);
+}
+extern "C" int sem_destroy(sem_t* sem) noexcept {
+    return sem_destroy_call(sem);
+}
+// The tests' own system log is not the machine's.
+extern "C" void syslog(int /*priority*/, const char* /*format*/, ...) {}
+
+TEST(PZLHeapMngTest, GivesMemoryAlignedAsByMalloc) {
+    for (unsigned int size = 0; size < 40; ++size) {
+        void* p = Malloc(size);
+        ASSERT_NE(nullptr, p);
+        EXPECT_EQ(0U, reinterpret_cast<uintptr_t>(p) % alignof(std::max_align_t));
+        std::memset(p, 0x5A, size);
+        Free(p);
+    }
+}
+
+TEST(PZLHeapMngTest, DescribesABlockInItsHeader) {
+    void* p = Malloc(24);
+    const Header* header = header_of(p);
+    EXPECT_EQ(0xEEEEEEEE, header->guards[0]);
+    EXPECT_EQ(0xEEEEEEEE, header->guards[1]);
+    EXPECT_EQ(nullptr, header->older);
+    EXPECT_EQ(nullptr, header->newer);
+    EXPECT_EQ(24U, header->size);
+    EXPECT_EQ(this_thread(), header->threadId);
+    for (const auto& name : header->names) EXPECT_EQ('\0', name[0]);
+    Free(p);
+}
+
+TEST(PZLHeapMngTest, PutsEightBytesOf0xEEBehindTheData) {
+    void* p = Malloc(3);
+    const std::vector<unsigned char> expected(kTrailerSize, 0xEE);
+    const auto* trailer = static_cast<unsigned char*>(p) + 3;
+    EXPECT_EQ(expected, std::vector<unsigned char>(trailer, trailer + kTrailerSize));
+    Free(p);
+}
+
+TEST(PZLHeapMngTest, LinksTheBlocksFromTheOldestToTheNewest) {
+    void* a = Malloc(1);
+    void* b = Malloc(2);
+    void* c = Malloc(3);
+    EXPECT_EQ(nullptr, header_of(a)->older);
+    EXPECT_EQ(header_of(b), header_of(a)->newer);
+    EXPECT_EQ(header_of(a), header_of(b)->older);
+    EXPECT_EQ(header_of(c), header_of(b)->newer);
+    EXPECT_EQ(header_of(b), header_of(c)->older);
+    EXPECT_EQ(nullptr, header_of(c)->newer);
+    for (void* p : {a, b, c}) Free(p);
+}
+
+TEST(PZLHeapMngTest, TracksABlockOfNoBytes) {
+    void* p = Malloc(0);
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(addresses({p}), reported_addresses());
+    EXPECT_EQ(Errors(), errors_of_free(p));
+    EXPECT_EQ("", leak_report());
+}
+
+TEST(PZLHeapMngTest, FreesWithoutAWord) {
+    pztest::StdoutCapture output;
+    Free(Malloc(100));
+    EXPECT_EQ("", output.Take());
+}
+
+TEST(PZLHeapMngTest, IgnoresTheReleaseOfNull) {
+    pztest::StdoutCapture output;
+    Free(nullptr);
+    EXPECT_EQ("", output.Take());
+}
+
+// Call stacks
+
+TEST(PZLHeapMngTest, RecordsTheDirectCallerOfMallocFirst) {
+    const Site site = malloc_here(8);
+    // The second entry lies in this test, so the first one lies in malloc_here.
+    EXPECT_NE(nullptr, header_of(site.data)->callers[0]);
+    EXPECT_EQ(site.caller, header_of(site.data)->callers[1]);
+    Free(site.data);
+}
+
+TEST(PZLHeapMngTest, RecordsTheDirectCallerOfReallocFirst) {
+    const Site site = realloc_here(Malloc(8), 80);
+    EXPECT_NE(nullptr, header_of(site.data)->callers[0]);
+    EXPECT_EQ(site.caller, header_of(site.data)->callers[1]);
+    Free(site.data);
+}
+
+TEST(PZLHeapMngTest, RecordsTheDirectCallerOfReallocOfNullFirst) {
+    const Site site = realloc_here(nullptr, 80);
+    EXPECT_NE(nullptr, header_of(site.data)->callers[0]);
+    EXPECT_EQ(site.caller, header_of(site.data)->callers[1]);
+    Free(site.data);
+}
+
+TEST(PZLHeapMngTest, RecordsTheTenInnermostCallers) {
+    const Site site = malloc_deep(20);
+    void* const* callers = header_of(site.data)->callers;
+    EXPECT_EQ(site.caller, callers[1]);
+    EXPECT_NE(nullptr, callers[2]);
+    // All return to the same place in malloc_deep. A sanitizer's own frame costs the last one.
+    for (int i = 3; i < 9; ++i) EXPECT_EQ(callers[2], callers[i]) << i;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    EXPECT_EQ(callers[2], callers[9]);
+#endif
+    Free(site.data);
+}
+
+TEST(PZLHeapMngTest, LeavesTheCallersBeyondTheOutermostEmpty) {
+    static void* data = nullptr;
+    data = malloc_deep(20).data;
+    pthread_t thread = {};
+    // The stack of a thread is shallow; the block has a full one from before.
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void*) -> void* {
+                         data = Realloc(data, 8);
+                         return nullptr;
+                     },
+                     nullptr));
+    pthread_join(thread, nullptr);
+    void* const* callers = header_of(data)->callers;
+    void* const* end = callers + 10;
+    void* const* firstEmpty = std::find(callers, end, nullptr);
+    EXPECT_NE(callers, firstEmpty);
+    EXPECT_NE(end, firstEmpty);
+    EXPECT_EQ(end, std::find_if(firstEmpty, end, [](void* caller) { return caller != nullptr; }));
+    Free(data);
+}
+
+// Overruns
+
+TEST(PZLHeapMngTest, RefusesToFreeABlockThatWasOverrunByOneByte) {
+    auto* p = static_cast<unsigned char*>(Malloc(10));
+    p[10] = 0;
+    pztest::StdoutCapture output;
+    Free(p);
+    const std::string text = output.Take();
+    EXPECT_EQ(Errors{kCorruption}, pztest::error_messages(text));
+    EXPECT_TRUE(pztest::has_report(text, "ReleaceMemBlockInf", "PZLHeapMng.cpp", kCorruption));
+}
+
+TEST(PZLHeapMngTest, NoticesAChangeOfAnyTrailerByte) {
+    for (size_t i = 0; i < kTrailerSize; ++i) {
+        auto* p = static_cast<unsigned char*>(Malloc(10));
+        p[10 + i] = 0xEF;
+        EXPECT_EQ(Errors{kCorruption}, errors_of_free(p)) << i;
+        p[10 + i] = 0xEE;
+        EXPECT_EQ(Errors(), errors_of_free(p)) << i;
+    }
+}
+
+TEST(PZLHeapMngTest, NeverExaminesTheGuardWords) {
+    void* p = Malloc(10);
+    header_of(p)->guards[0] = 0;
+    header_of(p)->guards[1] = 0;
+    EXPECT_EQ(Errors(), errors_of_free(p));
+    EXPECT_EQ("", leak_report());
+}
+
+TEST(PZLHeapMngTest, KeepsAnOverrunBlockAndMarksItInTheReport) {
+    auto* p = static_cast<unsigned char*>(Malloc(10));
+    std::memset(p, 0x5A, 10);
+    p[10] = 0;
+    EXPECT_EQ(Errors{kCorruption}, errors_of_free(p));
+    EXPECT_EQ(0x5A, p[9]);  // the address sanitizer sees to it that this is still ours
+    EXPECT_EQ(1U, pztest::count_of(leak_report(), "   000010    NG    ("));
+    p[10] = 0xEE;
+    EXPECT_EQ(1U, pztest::count_of(leak_report(), "   000010    -    ("));
+    EXPECT_EQ(Errors(), errors_of_free(p));
+}
+
+TEST(PZLHeapMngTest, RefusesToReallocateAnOverrunBlock) {
+    auto* p = static_cast<unsigned char*>(Malloc(10));
+    std::memset(p, 0x5A, 10);
+    p[10] = 0;
+    pztest::StdoutCapture output;
+    EXPECT_EQ(nullptr, Realloc(p, 20));
+    const std::string text = output.Take();
+    EXPECT_EQ(Errors{kCorruption}, pztest::error_messages(text));
+    EXPECT_TRUE(pztest::has_report(text, "ReleaceMemBlockInf", "PZLHeapMng.cpp", kCorruption));
+    EXPECT_EQ(0x5A, p[9]);
+    EXPECT_EQ(10U, header_of(p)->size);
+    EXPECT_EQ(addresses({p}), reported_addresses());
+}
+
+// Accounts
+
+TEST(PZLHeapMngTest, RefusesABlockLargerThanAllLiveOnesAsADoubleFree) {
+    void* p = Malloc(100);
+    const ForgedBlock forged(101);
+    pztest::StdoutCapture output;
+    Free(forged.Data());
+    const std::string text = output.Take();
+    EXPECT_EQ(Errors{kDoubleFree}, pztest::error_messages(text));
+    EXPECT_TRUE(pztest::has_report(text, "ReleaceMemBlockInf", "PZLHeapMng.cpp", kDoubleFree));
+    // Nothing was subtracted yet.
+    EXPECT_EQ(Errors(), errors_of_free(p));
+}
+
+TEST(PZLHeapMngTest, RefusesABlockLargerThanItsThreadsLiveOnesAsADoubleFree) {
+    void* ofOther = nullptr;
+    run_in_thread([&] { ofOther = Malloc(1000); });
+    void* p = Malloc(100);
+    const ForgedBlock forged(101);
+    pztest::StdoutCapture output;
+    Free(forged.Data());
+    const std::string text = output.Take();
+    EXPECT_EQ(Errors{kDoubleFree}, pztest::error_messages(text));
+    EXPECT_TRUE(pztest::has_report(text, "ReleaceMemBlockInf", "PZLHeapMng.cpp", kDoubleFree));
+    // The thread's own account is untouched.
+    EXPECT_EQ(Errors(), errors_of_free(p));
+    // The total has lost the 101 bytes.
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(ofOther));
+}
+
+TEST(PZLHeapMngTest, RefusesABlockOfAThreadThatNeverAllocatedAsADoubleFree) {
+    void* p = Malloc(100);
+    const ForgedBlock forged(1, /*threadId=*/0x7FFFFFFF);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));
+    Free(p);
+}
+
+TEST(PZLHeapMngTest, RefusesABlockOfAThreadWithoutLiveBlocksAsTooMuchFree) {
+    void* p = Malloc(100);
+    const ForgedBlock forged(0, /*threadId=*/0x7FFFFFFF);
+    pztest::StdoutCapture output;
+    Free(forged.Data());
+    const std::string text = output.Take();
+    EXPECT_EQ(Errors{kTooMuchFree}, pztest::error_messages(text));
+    EXPECT_TRUE(pztest::has_report(text, "ReleaceMemBlockInf", "PZLHeapMng.cpp", kTooMuchFree));
+    Free(p);
+}
+
+TEST(PZLHeapMngTest, SubtractsTheBytesOfTheThreadBeforeItRefusesTooMuchFree) {
+    void* ofOther = nullptr;
+    run_in_thread([&] { ofOther = Malloc(1000); });
+    void* p = Malloc(100);
+    ForgedBlock accepted(40);
+    const ForgedBlock tooMany(30);
+    const ForgedBlock tooLarge(31);
+    pztest::StdoutCapture output;
+    Free(accepted.Surrender());  // takes p's place: 60 bytes in 0 blocks
+    output.Take();
+    EXPECT_EQ(Errors{kTooMuchFree}, errors_of_free(tooMany.Data()));  // 30 bytes left
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(tooLarge.Data()));
+    // Neither block is in the list any more, which the accepted one emptied.
+    std::free(header_of(p));
+    std::free(header_of(ofOther));
+}
+
+TEST(PZLHeapMngTest, ExaminesTheTrailerBeforeTheAccounts) {
+    Free(Malloc(1));
+    const ForgedBlock forged(10);
+    static_cast<char*>(forged.Data())[10] = 0;
+    EXPECT_EQ(Errors{kCorruption}, errors_of_free(forged.Data()));
+}
+
+TEST(PZLHeapMngTest, ReallocAnswersNullWhenTheAccountsRefuseTheBlock) {
+    Free(Malloc(1));
+    const ForgedBlock forged(10);
+    pztest::StdoutCapture output;
+    EXPECT_EQ(nullptr, Realloc(forged.Data(), 20));
+    EXPECT_EQ(Errors{kDoubleFree}, pztest::error_messages(output.Take()));
+}
+
+TEST(PZLHeapMngTest, ChargesABlockToTheThreadThatAllocatedIt) {
+    void* p = Malloc(100);
+    void* other = Malloc(1);
+    Errors errors = {"not run"};
+    run_in_thread([&] {
+        void* own = Malloc(1000);  // this thread's account could pay, but must not
+        errors = errors_of_free(p);
+        EXPECT_EQ(Errors(), errors_of_free(own));
+    });
+    EXPECT_EQ(Errors(), errors);
+    void* keeper = nullptr;
+    run_in_thread([&] { keeper = Malloc(1000); });
+    const ForgedBlock forged(2);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));  // the 100 are gone here
+    EXPECT_EQ(Errors(), errors_of_free(other));
+    static_cast<void>(keeper);
+}
+
+TEST(PZLHeapMngTest, ChargesAReallocatedBlockToTheReallocatingThread) {
+    void* p = Malloc(100);
+    void* moved = nullptr;
+    unsigned int thread = 0;
+    run_in_thread([&] {
+        thread = this_thread();
+        moved = Realloc(p, 200);
+    });
+    EXPECT_EQ(thread, header_of(moved)->threadId);
+    const ForgedBlock forged(1);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));  // nothing is left here
+    // The total has lost that byte; the thread's account has all 200.
+    void* other = Malloc(1);
+    EXPECT_EQ(Errors(), errors_of_free(moved));
+    static_cast<void>(other);
+}
+
+TEST(PZLHeapMngTest, CountsA201stThreadInTheTotalsOnly) {
+    constexpr size_t kThreads = 200;
+    std::set<unsigned int> threads;
+    unsigned int lastThread = 0;
+    // A thread may be given the number of one that has ended.
+    const auto malloc_in_new_thread = [&](unsigned int size) {
+        void* data = nullptr;
+        run_in_thread([&] {
+            if (!threads.insert(this_thread()).second) return;
+            lastThread = this_thread();
+            data = Malloc(size);
+        });
+        return data;
+    };
+    while (threads.size() < kThreads) malloc_in_new_thread(2);
+    const ForgedBlock ofThe200th(3, lastThread);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(ofThe200th.Data()));  // total: 397
+
+    void* ofThe201st = nullptr;
+    while (ofThe201st == nullptr) ofThe201st = malloc_in_new_thread(10);  // total: 407
+    pztest::StdoutCapture output;
+    ForgedBlock forged(400, lastThread);
+    Free(forged.Surrender());  // total: 7
+    EXPECT_EQ(0U, pztest::count_of(output.Take(), kDoubleFree));
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(ofThe201st));
+}
+
+TEST(PZLHeapMngTest, KeepsItsAccountsUnderManyThreads) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 300;
+    std::mutex mutex;
+    std::vector<void*> blocks;  // guarded by mutex: allocated here, freed elsewhere
+    const auto exchange = [&](void* block) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        blocks.push_back(block);
+        std::swap(blocks.front(), blocks.back());
+        void* other = blocks.back();
+        blocks.pop_back();
+        return other;
+    };
+    pztest::StdoutCapture output;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                void* block = exchange(Malloc(static_cast<unsigned int>(i % 7 + t)));
+                Free(i % 3 == 0 ? Realloc(block, 50) : block);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (void* block : blocks) Free(block);
+    EXPECT_EQ("", output.Take());
+    EXPECT_EQ("", leak_report());
+    const ForgedBlock forged(1);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));  // the total is 0
+}
+
+// The list
+
+TEST(PZLHeapMngTest, UnlinksTheOnlyTheOldestTheNewestAndAnInnerBlock) {
+    std::vector<void*> blocks;
+    for (unsigned int i = 0; i < 5; ++i) blocks.push_back(Malloc(i));
+    EXPECT_EQ(addresses(blocks), reported_addresses());
+    pztest::StdoutCapture output;
+    Free(blocks[2]);
+    Free(blocks[0]);
+    Free(blocks[4]);
+    EXPECT_EQ("", output.Take());
+    EXPECT_EQ(addresses({blocks[1], blocks[3]}), reported_addresses());
+    Free(blocks[1]);
+    EXPECT_EQ(addresses({blocks[3]}), reported_addresses());
+    Free(blocks[3]);
+    EXPECT_EQ("", leak_report());
+}
+
+namespace {
+
+/// A list of three blocks for the inconsistencies below. The blocks that a test does not free are
+/// given back to the C library.
+class PZLHeapMngListTest : public testing::Test {
+protected:
+    void TearDown() override {
+        for (void* block : {oldest, middle, newest}) {
+            if (block != freed) std::free(header_of(block));
+        }
+    }
+
+    /// Frees the block and expects one assertion, with the call stack, and nothing else.
+    void ExpectAssertionOfFree(void* block) {
+        pztest::StdoutCapture output;
+        Free(block);
+        freed = block;
+        const std::string text = output.Take();
+        const std::string place = "src/Framework/Foundation/private/PZLHeapMng.cpp";
+        const std::regex banner("#########\n#########\nASSERT Failed! - " + place +
+                                "\\(\\d+\\)\n#########\n#########\n");
+        EXPECT_TRUE(std::regex_search(text, banner)) << text;
+        EXPECT_EQ(1U, pztest::count_of(text, "ASSERT Failed!"));
+        EXPECT_NE(0U, pztest::count_of(text, "[error] dumpDirectly()@PZCallStack.cpp"));
+        EXPECT_EQ(pztest::error_messages(text).size(),
+                  pztest::count_of(text, "[error] dumpDirectly()@PZCallStack.cpp"));
+    }
+
+    void* oldest = Malloc(1);
+    void* middle = Malloc(2);
+    void* newest = Malloc(3);
+    void* freed = nullptr;
+};
+
+}  // namespace
+
+TEST_F(PZLHeapMngListTest, AssertsThatTheOnlyBlockIsTheNewest) {
+    header_of(oldest)->newer = nullptr;  // is the oldest indeed
+    ExpectAssertionOfFree(oldest);
+    EXPECT_EQ("", leak_report());  // unlinked all the same: the list is empty
+}
+
+TEST_F(PZLHeapMngListTest, AssertsThatTheOnlyBlockIsTheOldest) {
+    header_of(newest)->older = nullptr;  // is the newest indeed
+    ExpectAssertionOfFree(newest);
+    EXPECT_EQ("", leak_report());
+}
+
+TEST_F(PZLHeapMngListTest, AssertsThatABlockWithoutOlderOneIsTheOldest) {
+    header_of(middle)->older = nullptr;
+    ExpectAssertionOfFree(middle);
+    EXPECT_EQ(addresses({newest}), reported_addresses());
+    EXPECT_EQ(nullptr, header_of(newest)->older);
+}
+
+TEST_F(PZLHeapMngListTest, AssertsThatTheNeighbourOfTheOldestPointsBack) {
+    header_of(middle)->older = header_of(newest);
+    ExpectAssertionOfFree(oldest);
+    EXPECT_EQ(addresses({middle, newest}), reported_addresses());
+    EXPECT_EQ(nullptr, header_of(middle)->older);
+}
+
+TEST_F(PZLHeapMngListTest, AssertsThatABlockWithoutNewerOneIsTheNewest) {
+    header_of(middle)->newer = nullptr;
+    ExpectAssertionOfFree(middle);
+    EXPECT_EQ(addresses({oldest}), reported_addresses());
+    EXPECT_EQ(nullptr, header_of(oldest)->newer);
+}
+
+TEST_F(PZLHeapMngListTest, AssertsThatTheNeighbourOfTheNewestPointsBack) {
+    header_of(middle)->newer = header_of(oldest);
+    ExpectAssertionOfFree(newest);
+    EXPECT_EQ(addresses({oldest, middle}), reported_addresses());
+    EXPECT_EQ(nullptr, header_of(middle)->newer);
+}
+
+TEST_F(PZLHeapMngListTest, AssertsThatTheOlderNeighbourPointsBack) {
+    header_of(oldest)->newer = header_of(newest);
+    ExpectAssertionOfFree(middle);
+    EXPECT_EQ(addresses({oldest, newest}), reported_addresses());
+    EXPECT_EQ(header_of(oldest), header_of(newest)->older);
+}
+
+TEST_F(PZLHeapMngListTest, AssertsThatTheNewerNeighbourPointsBack) {
+    header_of(newest)->older = header_of(oldest);
+    ExpectAssertionOfFree(middle);
+    EXPECT_EQ(addresses({oldest, newest}), reported_addresses());
+    EXPECT_EQ(header_of(newest), header_of(oldest)->newer);
+}
+
+TEST_F(PZLHeapMngListTest, AssertsOnceWhenBothNeighboursPointElsewhere) {
+    header_of(oldest)->newer = header_of(newest);
+    header_of(newest)->older = header_of(oldest);
+    ExpectAssertionOfFree(middle);
+    EXPECT_EQ(addresses({oldest, newest}), reported_addresses());
+}
+
+// Realloc
+
+TEST(PZLHeapMngTest, ReallocKeepsTheContentWhenItGrows) {
+    void* p = Malloc(4);
+    std::memcpy(p, "abc", 4);
+    p = Realloc(p, 100000);
+    ASSERT_NE(nullptr, p);
+    EXPECT_STREQ("abc", static_cast<char*>(p));
+    EXPECT_EQ(100000U, header_of(p)->size);
+    EXPECT_EQ(Errors(), errors_of_free(p));  // the trailer stands behind the new end
+}
+
+TEST(PZLHeapMngTest, ReallocKeepsTheContentWhenItShrinks) {
+    void* p = Malloc(100000);
+    std::memcpy(p, "abc", 4);
+    p = Realloc(p, 4);
+    ASSERT_NE(nullptr, p);
+    EXPECT_STREQ("abc", static_cast<char*>(p));
+    EXPECT_EQ(4U, header_of(p)->size);
+    static_cast<unsigned char*>(p)[4] = 0;
+    EXPECT_EQ(Errors{kCorruption}, errors_of_free(p));
+}
+
+TEST(PZLHeapMngTest, ReallocMakesTheBlockTheNewest) {
+    void* a = Malloc(1);
+    void* b = Malloc(2);
+    a = Realloc(a, 3);
+    EXPECT_EQ(addresses({b, a}), reported_addresses());
+    Free(a);
+    Free(b);
+}
+
+TEST(PZLHeapMngTest, ReallocReplacesTheSizeInTheAccounts) {
+    void* p = Realloc(Malloc(1000), 10);
+    const ForgedBlock forged(11);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));
+    EXPECT_EQ(Errors(), errors_of_free(p));
+}
+
+TEST(PZLHeapMngTest, ReallocOfNullIsMalloc) {
+    void* p = Realloc(nullptr, 10);
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(10U, header_of(p)->size);
+    EXPECT_EQ(this_thread(), header_of(p)->threadId);
+    EXPECT_EQ(addresses({p}), reported_addresses());
+    EXPECT_EQ(Errors(), errors_of_free(p));
+}
+
+TEST(PZLHeapMngTest, ReallocOfNullToNothingIsMallocOfNothing) {
+    void* p = Realloc(nullptr, 0);
+    ASSERT_NE(nullptr, p);
+    EXPECT_EQ(addresses({p}), reported_addresses());
+    Free(p);
+}
+
+TEST(PZLHeapMngTest, ReallocToNothingReleasesTheBlock) {
+    pztest::StdoutCapture output;
+    EXPECT_EQ(nullptr, Realloc(Malloc(10), 0));  // the leak sanitizer counts the memory
+    EXPECT_EQ("", output.Take());
+    EXPECT_EQ("", leak_report());
+    const ForgedBlock forged(1);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));
+}
+
+#if __SIZEOF_POINTER__ == 4
+
+TEST(PZLHeapMngTest, MallocAnswersNullWhenHeaderAndTrailerDoNotFit) {
+    // Reduced to 32 bits the sums would be small.
+    EXPECT_EQ(nullptr, Malloc(0xFFFFFFFF));
+    EXPECT_EQ(nullptr, Malloc(0xFFFFFFFF - kHeaderSize - kTrailerSize + 1));
+    EXPECT_EQ("", leak_report());
+}
+
+TEST(PZLHeapMngTest, ReallocToMoreThanCanBeAddressedAnswersNullAndForgetsTheBlock) {
+    void* p = Malloc(10);
+    EXPECT_EQ(nullptr, Realloc(p, 0xFFFFFFFF));
+    EXPECT_EQ("", leak_report());
+    std::free(header_of(p));  // still allocated
+}
+
+#endif
+
+// The leak report
+
+TEST(PZLHeapMngReportTest, IsATableOfTheLiveBlocks) {
+    InitMemMng();
+    void* a = Malloc(16);
+    auto* b = static_cast<unsigned char*>(Malloc(1234567));
+    b[1234567] = 0;
+    header_of(a)->threadId = 0x1A2B;
+    for (int i = 0; i < 10; ++i) {
+        header_of(a)->callers[i] = reinterpret_cast<void*>(uintptr_t{0x1000} + i);
+    }
+    header_of(b)->threadId = 0;
+    std::memset(header_of(b)->callers, 0, sizeof header_of(b)->callers);
+    header_of(b)->callers[0] = reinterpret_cast<void*>(uintptr_t{0xFEDCBA98});
+
+    const std::string stars = std::string(126, '*') + "\n";
+    EXPECT_EQ(stars +
+                  "[Memory Leak Info]\n"
+                  " [#]       TID    :  Address  :  Size  : Overrun : "
+                  "Method(0) : Method(1) : Method(2) : Method(3) : Method(4) : "
+                  "Method(5) : Method(6) : Method(7) : Method(8) : Method(9) : \n"
+                  "[0000] 0x00001a2b  " +
+                  address_text(a) +
+                  "   000016    -    "
+                  "(0x00001000)    (0x00001001)    (0x00001002)    (0x00001003)    "
+                  "(0x00001004)    (0x00001005)    (0x00001006)    (0x00001007)    "
+                  "(0x00001008)    (0x00001009)    \n"
+                  "[0001] 0000000000  " +
+                  address_text(b) +
+                  "   1234567    NG    "
+                  "(0xfedcba98)    (0000000000)    (0000000000)    (0000000000)    "
+                  "(0000000000)    (0000000000)    (0000000000)    (0000000000)    "
+                  "(0000000000)    (0000000000)    \n" +
+                  stars,
+              leak_report());
+}
+
+TEST(PZLHeapMngReportTest, IsLeftOutWhenNothingWasEverAllocated) {
+    InitMemMng();
+    EXPECT_EQ("", leak_report());
+}
+
+TEST(PZLHeapMngReportTest, IsLeftOutWhenAllWasFreed) {
+    InitMemMng();
+    Free(Malloc(1));
+    EXPECT_EQ("", leak_report());
+}
+
+TEST(PZLHeapMngReportTest, IsLeftOutWhenNothingWasAllocatedSinceTheBeginning) {
+    void* early = Malloc(1);
+    InitMemMng();
+    EXPECT_EQ("", leak_report());
+    Free(early);
+}
+
+TEST(PZLHeapMngReportTest, IsLeftOutWhenAllSinceTheBeginningWasFreed) {
+    void* early = Malloc(1);
+    InitMemMng();
+    Free(Malloc(2));
+    EXPECT_EQ("", leak_report());
+    Free(early);
+}
+
+TEST(PZLHeapMngReportTest, ListsEarlierBlocksTooWhenOneWasLeft) {
+    void* early = Malloc(1);
+    InitMemMng();
+    void* late = Malloc(2);
+    EXPECT_EQ(addresses({early, late}), reported_addresses());
+    Free(early);
+    Free(late);
+}
+
+TEST(PZLHeapMngReportTest, ListsOlderBlocksWhenTheNewestOfTheBeginningWasFreed) {
+    void* older = Malloc(1);
+    void* newest = Malloc(2);
+    InitMemMng();
+    Free(newest);
+    EXPECT_EQ(addresses({older}), reported_addresses());
+    Free(older);
+}
+
+TEST(PZLHeapMngReportTest, IsLeftOutWhenTheListIsEmptyThoughItWasNotAtTheBeginning) {
+    void* early = Malloc(1);
+    InitMemMng();
+    Free(early);
+    EXPECT_EQ("", leak_report());
+}
+
+TEST(PZLHeapMngReportTest, LeavesTheBlocksAsTheyAre) {
+    void* p = Malloc(1);
+    EXPECT_EQ(addresses({p}), reported_addresses());
+    EXPECT_EQ(addresses({p}), reported_addresses());
+    EXPECT_EQ(Errors(), errors_of_free(p));
+}
+
+// The lock
+
+TEST(PZLHeapMngTest, MakesItsLockInTheFirstMallocOnly) {
+    sem_init_call.Reset();
+    InitMemMng();
+    FinMemMng();
+    Free(nullptr);
+    EXPECT_EQ(0, sem_init_call.Calls());
+    Free(Malloc(1));
+    EXPECT_EQ(1, sem_init_call.Calls());
+    Free(Malloc(1));
+    EXPECT_EQ(1, sem_init_call.Calls());
+}
+
+TEST(PZLHeapMngTest, DestroysItsLockWhenTheProcessExits) {
+    static sem_t* heapLock = nullptr;
+    const pztest::ChildResult result = pztest::run_in_child([]() -> int {
+        sem_init_call.Replace([](sem_t* sem, int shared, unsigned int value) {
+            heapLock = sem;
+            return sem_init_call.Real(sem, shared, value);
+        });
+        sem_destroy_call.Replace([](sem_t* sem) {
+            if (sem == heapLock && ::write(STDOUT_FILENO, "destroyed\n", 10) != 10) std::abort();
+            return sem_destroy_call.Real(sem);
+        });
+        Free(Malloc(1));
+        if (::write(STDOUT_FILENO, "exit\n", 5) != 5) std::abort();
+        std::exit(0);
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ("exit\ndestroyed\n", result.output);
+}
+
+// The sanitizers keep the allocator to themselves; what needs a stand-in for it runs in the other
+// builds.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+namespace {
+
+pztest::Interposed<void*(size_t)> malloc_call("malloc", nullptr);
+pztest::Interposed<void*(void*, size_t)> realloc_call("realloc", nullptr);
+
+/// Stands between the heap and the C library for one block, or one size.
+struct AllocatorWatch {
+    std::atomic<size_t> failingSize{SIZE_MAX};  // answered with null
+    std::atomic<const void*> kept{nullptr};     // not given back by free
+    std::atomic<int> freesOfKept{0};
+    std::function<void()> duringFree;               // runs in the free of the kept one
+    std::atomic<const void*> reallocated{nullptr};  // what the latest realloc got
+    std::atomic<size_t> reallocSize{SIZE_MAX};
+};
+
+AllocatorWatch watch;
+
+void* failing_malloc(size_t size) {
+    if (size != watch.failingSize) return malloc_call.Real(size);
+    errno = ENOMEM;
+    return nullptr;
+}
+
+void* watched_realloc(void* p, size_t size) {
+    watch.reallocated = p;
+    watch.reallocSize = size;
+    if (size != watch.failingSize) return realloc_call.Real(p, size);
+    errno = ENOMEM;
+    return nullptr;
+}
+
+class PZLHeapMngAllocatorTest : public testing::Test {
+protected:
+    void SetUp() override {
+        malloc_call.Replace(failing_malloc);
+        realloc_call.Replace(watched_realloc);
+    }
+    void TearDown() override {
+        malloc_call.Replace(nullptr);
+        realloc_call.Replace(nullptr);
+        watch.kept = nullptr;
+    }
+};
+
+constexpr size_t bytes_of(unsigned int size) {
+    return kHeaderSize + size + kTrailerSize;
+}
+
+}  // namespace
+
+extern "C" void* malloc(size_t size) noexcept {
+    return malloc_call(size);
+}
+extern "C" void* realloc(void* p, size_t size) noexcept {
+    return realloc_call(p, size);
+}
+extern "C" void free(void* p) noexcept {
+    using Function = void (*)(void*);
+    static std::atomic<Function> real{nullptr};
+    if (real == nullptr) real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "free"));
+    if (p == nullptr || p != watch.kept) {
+        real.load()(p);
+        return;
+    }
+    ++watch.freesOfKept;
+    if (watch.duringFree) watch.duringFree();
+}
+
+TEST_F(PZLHeapMngAllocatorTest, MallocAnswersNullAndRecordsNothingWithoutMemory) {
+    Free(Malloc(1));
+    watch.failingSize = bytes_of(321);
+    pztest::StdoutCapture output;
+    EXPECT_EQ(nullptr, Malloc(321));
+    EXPECT_EQ("", output.Take());
+    EXPECT_EQ("", leak_report());
+    const ForgedBlock forged(1);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));  // the total is 0
+}
+
+TEST_F(PZLHeapMngAllocatorTest, ReallocOfNullAnswersNullWithoutMemory) {
+    watch.failingSize = bytes_of(321);
+    EXPECT_EQ(nullptr, Realloc(nullptr, 321));
+    EXPECT_EQ("", leak_report());
+}
+
+TEST_F(PZLHeapMngAllocatorTest, ReallocAnswersNullWithoutMemoryAndNoLongerTracksTheOldBlock) {
+    void* p = Malloc(4);
+    std::memcpy(p, "abc", 4);
+    watch.failingSize = bytes_of(321);
+    watch.kept = header_of(p);
+    pztest::StdoutCapture output;
+    EXPECT_EQ(nullptr, Realloc(p, 321));
+    EXPECT_EQ("", output.Take());
+    EXPECT_EQ(header_of(p), watch.reallocated);
+    EXPECT_EQ("", leak_report());
+    EXPECT_STREQ("abc", static_cast<char*>(p));  // the memory stays taken
+    EXPECT_EQ(0, watch.freesOfKept);
+    watch.kept = nullptr;
+    std::free(header_of(p));
+}
+
+TEST_F(PZLHeapMngAllocatorTest, ReallocAsksForHeaderDataAndTrailer) {
+    void* p = Malloc(4);
+    const void* block = header_of(p);
+    p = Realloc(p, 50);
+    EXPECT_EQ(block, watch.reallocated);
+    EXPECT_EQ(bytes_of(50), watch.reallocSize);
+    Free(p);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, ReallocToNothingReallocatesToNothing) {
+    void* p = Malloc(4);
+    const void* block = header_of(p);
+    EXPECT_EQ(nullptr, Realloc(p, 0));
+    EXPECT_EQ(block, watch.reallocated);
+    EXPECT_EQ(0U, watch.reallocSize);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, ARefusedReallocLeavesTheMemoryAlone) {
+    auto* p = static_cast<unsigned char*>(Malloc(4));
+    p[4] = 0;
+    watch.reallocated = nullptr;
+    const pztest::StdoutCapture output;
+    EXPECT_EQ(nullptr, Realloc(p, 50));
+    EXPECT_EQ(nullptr, watch.reallocated);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, FreeGivesTheBlockBackOnce) {
+    void* p = Malloc(4);
+    watch.kept = header_of(p);
+    Free(p);
+    EXPECT_EQ(1, watch.freesOfKept);
+    watch.kept = nullptr;
+    std::free(header_of(p));
+}
+
+TEST_F(PZLHeapMngAllocatorTest, NeverGivesBackARefusedBlock) {
+    auto* p = static_cast<unsigned char*>(Malloc(4));
+    p[4] = 0;
+    watch.kept = header_of(p);
+    EXPECT_EQ(Errors{kCorruption}, errors_of_free(p));
+    EXPECT_EQ(0, watch.freesOfKept);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, GivesBackABlockThatLeftAnInconsistentList) {
+    void* p = Malloc(4);
+    void* other = Malloc(4);
+    header_of(other)->older = nullptr;
+    watch.kept = header_of(p);
+    const pztest::StdoutCapture output;
+    Free(p);
+    EXPECT_EQ(1, watch.freesOfKept);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, ReportsTheSecondFreeOfABlock) {
+    void* p = Malloc(4);
+    watch.kept = header_of(p);  // its memory stays readable
+    Free(p);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(p));
+    EXPECT_EQ(1, watch.freesOfKept);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, ReportsTheSecondFreeOfABlockWhoseMemoryWasReusedAsCorruption) {
+    void* p = Malloc(4);
+    watch.kept = header_of(p);
+    Free(p);
+    std::memset(p, 0, 4 + kTrailerSize);
+    EXPECT_EQ(Errors{kCorruption}, errors_of_free(p));
+    EXPECT_EQ(1, watch.freesOfKept);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, FreesOutsideItsLock) {
+    static std::atomic<bool> otherWasThrough{false};
+    void* p = Malloc(4);
+    watch.kept = header_of(p);
+    watch.duringFree = [] {
+        std::thread other([] {
+            Free(Malloc(1));
+            otherWasThrough = true;
+        });
+        EXPECT_TRUE(pztest::wait_until([] { return otherWasThrough.load(); }));
+        other.join();
+    };
+    Free(p);
+    EXPECT_EQ(1, watch.freesOfKept);
+    EXPECT_TRUE(otherWasThrough);
+    watch.duringFree = nullptr;
+}
+
+#endif
