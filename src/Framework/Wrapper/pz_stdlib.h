@@ -6,7 +6,8 @@
 #include <Framework/PZApi.h>
 
 // The C library's string, number, sleep and process calls behind one calling style. Everything
-// here is re-entrant; any thread may call it. The copy helpers return 0, and never print.
+// here is re-entrant; any thread may call it. The copy helpers clear errno, return 0 and never
+// print.
 
 /// Copies `src` with its terminator. `dstSize` is not enforced: `dst` must be large enough.
 PZ_API int pz_strcpy(char* dst, unsigned int dstSize, const char* src);
@@ -31,9 +32,11 @@ PZ_API int pz_wcscat(wchar_t* dst, unsigned int count, const wchar_t* src);
 /// Characters before the terminator, at most `max`; 0 for null.
 PZ_API unsigned int pz_wcsnlen(const wchar_t* s, unsigned int max);
 
-/// Compares without regard to case, at most `n` characters; 0x7FFFFFFF for null or `n` 0.
+/// Compares without regard to case, at most `n` characters: 0 when equal, else the first differing
+/// character of `a` minus that of `b`, in lower case. 0x7FFFFFFF for null or `n` 0.
 ///
-/// Not symmetric: `a` that is a prefix of `b` compares equal; `b` that is a prefix of `a` does not.
+/// Not symmetric: when `a` is a prefix of `b`, they are equal; when `b` is one of `a`, `a` is
+/// greater.
 PZ_API int pz_wcsnicmp(const wchar_t* a, const wchar_t* b, unsigned int n);
 
 /// True for code points below 128.
@@ -47,11 +50,14 @@ PZ_API int pz__itoa(int value, char* buf, unsigned int bufSize, unsigned int rad
 /// The same with wide characters.
 PZ_API int pz__itow(int value, wchar_t* buf, unsigned int bufSize, unsigned int radix);
 
-/// The decimal number at the start of `s`, as wcstol reads it.
+/// The decimal number at the start of `s`, as wcstol reads it: 0 when there is none.
 PZ_API long pz__wtoi(const wchar_t* s);
+
+/// The same under a second name.
 PZ_API long pz__wtol(const wchar_t* s);
 
-/// Sleeps `ms` milliseconds: the result of one nanosleep; an interrupted sleep is not resumed.
+/// Sleeps `ms` milliseconds with one nanosleep and returns its result: 0, or -1 with errno for an
+/// interrupted sleep, which is not resumed.
 PZ_API int pz_msleep(unsigned int ms);
 
 /// Sleeps `s` seconds, the same way; the milliseconds wrap above 4294967 seconds.
@@ -66,12 +72,41 @@ PZ_API pid_t pz_get_current_process_id();
 PZ_API pid_t pz_get_current_thread_id();
 
 /// Starts `program` (searched in PATH) as a child process and stores its id in `*pidOut`. False
-/// for a null argument or a failed fork. The program gets no usable arguments: `arg` and what
-/// follows are not passed on; callers pass the program only. A program that cannot be executed
-/// ends the child with status 255. The caller waits for the child.
+/// for a null `program` or `pidOut`, and for a failed fork (reported). The caller waits for the
+/// child.
+///
+/// Pass the program only: the arguments are not handed on. The program sees its own name and one
+/// word without meaning. A `program` of more than 15 characters is reported as an assertion and
+/// started all the same. One that cannot be executed ends the child with status 255.
 PZ_API bool pz_create_process(const char* program, pid_t* pidOut, const char* arg, ...);
 
-/// Formats into `dst`, at most `count` wide characters; the rest of `dst` is zeroed.
+/// Formats into `dst`: at most `count` characters; the rest of its `count` characters is zeroed, so
+/// a text that is cut has no terminator. Returns the number of characters stored, terminator not
+/// counted; 0 for a null `dst` or `format`.
+///
+/// A conversion is %[flags][width][.precision][length]letter. The C library's formatting is the
+/// model, with these letters:
+///   d i   signed decimal                     o x X  unsigned octal and hexadecimal
+///   u     unsigned decimal                   p      an address, in decimal
+///   f F   floating point; inf and nan in the letter's case
+///   c     one wide character (wint_t or int)
+///   s     narrow text in UTF-8, wide text with length l; a null pointer prints "(null)", and
+///         bytes that are not UTF-8 print nothing and are reported
+///   S     wide text
+///   b     a truth value: "true" or "false"
+///   %     a percent sign
+/// Any other letter is copied as it stands, from its percent sign on, and takes no argument.
+///
+/// Flags:      '-' aligns to the left; '0' fills with zeros, behind a sign or base prefix; '+' puts
+///             a sign before d, i, f and F; '#' prefixes o, x and X with their base.
+/// Width:      a number, or '*' for an int argument (a negative one aligns to the left).
+/// Precision:  a number or '*': digits after the point of f and F (6 when left out), most
+///             characters of s and S; without effect on the others. A negative one counts as left
+///             out.
+/// Length:     hh h l ll L j z t for the numbers, h and l for the texts.
+/// Limits:     width and precision count as at most 4095.
+///
+/// The digits are those of the "C" locale, whatever the process has set.
 PZ_API int pz_swprintf(wchar_t* dst, unsigned int count, const wchar_t* format, ...);
 
 #endif  // PZ_FRAMEWORK_WRAPPER_PZ_STDLIB_H

@@ -5,13 +5,13 @@
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Wrapper/cp_conv_basic_rds.h>
 #include <iconv.h>
-#include <wchar.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <cwchar>
 #include <iterator>
 
 #include "pz_icu_detector.h"
@@ -69,7 +69,7 @@ int64_t length_of(const char* src, unsigned int length) {
 
 int64_t length_of(const wchar_t* src, int length) {
     if (length != -1 || src == nullptr) return length;
-    return static_cast<int64_t>(wcslen(src));
+    return static_cast<int64_t>(std::wcslen(src));
 }
 
 int64_t length_of(const unsigned short* src, int length) {
@@ -101,7 +101,7 @@ int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_
 
     const char* const toName = iconv_name(to);
     const char* const fromName = iconv_name(from);
-    const iconv_t converter = iconv_open(toName, fromName);
+    iconv_t converter = iconv_open(toName, fromName);
     if (converter == reinterpret_cast<iconv_t>(-1)) {
         const int error = errno;
         PZ_REPORT_ERROR(

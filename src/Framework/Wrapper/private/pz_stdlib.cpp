@@ -1,19 +1,17 @@
 #include "Framework/Wrapper/pz_stdlib.h"
 
+#include <Framework/Diagnostics/PZReport.h>
 #include <sys/syscall.h>
-#include <time.h>
 #include <unistd.h>
-#include <wchar.h>
-#include <wctype.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-
-#include <Framework/Diagnostics/PZReport.h>
+#include <ctime>
+#include <cwchar>
+#include <cwctype>
 
 namespace {
 
@@ -48,10 +46,27 @@ int number_to_text(int value, Char* buf, unsigned int radix) {
     return 0;
 }
 
+/// The address of the arguments that follow the last named one. Where a va_list is a record that
+/// leads to them (most 64-bit machines), the address of the record.
+template <typename VaList>
+const char* address_of(const VaList& args) {
+    const void* address = &args;
+    if (sizeof args == sizeof address) std::memcpy(&address, &args, sizeof address);
+    return static_cast<const char*>(address);
+}
+
+/// Turns the process into `program`. Does not return: a program that cannot be executed ends it.
+[[noreturn]] void execute(const char* program, const char* argument) {
+    execlp(program, program, argument, static_cast<char*>(nullptr));
+    std::perror(program);
+    _exit(-1);  // the exit handlers and unwritten output are the parent's
+}
+
 }  // namespace
 
 int pz_strcpy(char* dst, unsigned int, const char* src) {
     errno = 0;
+    // No bound on purpose: that is pz_strncpy. NOLINTNEXTLINE(*-insecureAPI.strcpy)
     return copy_result(std::strcpy(dst, src), dst);
 }
 
@@ -63,13 +78,13 @@ int pz_strncpy(char* dst, unsigned int dstSize, const char* src, unsigned int co
 
 int pz_wcscpy(wchar_t* dst, unsigned int count, const wchar_t* src) {
     errno = 0;
-    return copy_result(wcsncpy(dst, src, count), dst);
+    return copy_result(std::wcsncpy(dst, src, count), dst);
 }
 
 int pz_wcsncpy(wchar_t* dst, unsigned int dstCount, const wchar_t* src, unsigned int count) {
     errno = 0;
-    wmemset(dst, L'\0', dstCount);
-    return copy_result(wcsncpy(dst, src, count), dst);
+    std::wmemset(dst, L'\0', dstCount);
+    return copy_result(std::wcsncpy(dst, src, count), dst);
 }
 
 int pz_strcat(char* dst, unsigned int count, const char* src) {
@@ -79,7 +94,7 @@ int pz_strcat(char* dst, unsigned int count, const char* src) {
 
 int pz_wcscat(wchar_t* dst, unsigned int count, const wchar_t* src) {
     errno = 0;
-    return copy_result(wcsncat(dst, src, count), dst);
+    return copy_result(std::wcsncat(dst, src, count), dst);
 }
 
 unsigned int pz_wcsnlen(const wchar_t* s, unsigned int max) {
@@ -92,8 +107,8 @@ int pz_wcsnicmp(const wchar_t* a, const wchar_t* b, unsigned int n) {
     // The end of `a` ends the comparison: a longer `b` counts as equal.
     unsigned int i = 0;
     do {
-        const wint_t left = towlower(static_cast<wint_t>(a[i]));
-        const wint_t right = towlower(static_cast<wint_t>(b[i]));
+        const wint_t left = std::towlower(static_cast<wint_t>(a[i]));
+        const wint_t right = std::towlower(static_cast<wint_t>(b[i]));
         if (left != right) return static_cast<int>(left - right);
     } while (a[i] != L'\0' && ++i < n && a[i] != L'\0');
     return 0;
@@ -112,11 +127,11 @@ int pz__itow(int value, wchar_t* buf, unsigned int, unsigned int radix) {
 }
 
 long pz__wtoi(const wchar_t* s) {
-    return wcstol(s, nullptr, 10);
+    return std::wcstol(s, nullptr, 10);
 }
 
 long pz__wtol(const wchar_t* s) {
-    return wcstol(s, nullptr, 10);
+    return pz__wtoi(s);
 }
 
 int pz_msleep(unsigned int ms) {
@@ -141,4 +156,27 @@ pid_t pz_get_current_process_id() {
 
 pid_t pz_get_current_thread_id() {
     return static_cast<pid_t>(syscall(SYS_gettid));
+}
+
+bool pz_create_process(const char* program, pid_t* pidOut, const char* arg, ...) {
+    constexpr size_t kMaxNameLength = 15;  // of a process in the kernel
+    if (program == nullptr || pidOut == nullptr) return false;
+
+    const pid_t pid = fork();
+    if (pid == -1) {
+        PZ_REPORT_ERROR("error : fork\n");
+        return false;
+    }
+    if (pid > 0) {
+        *pidOut = pid;
+        return true;
+    }
+
+    if (std::strlen(program) > kMaxNameLength) {
+        PZ_REPORT_ERROR("program file name is too long! [%s]\n", program);
+        PZ_REPORT_ASSERTION();
+    }
+    va_list args;
+    va_start(args, arg);
+    execute(program, address_of(args));
 }
