@@ -51,8 +51,8 @@ char** lines_of_length(void* const* /*addresses*/, int count) {
 }
 
 std::vector<std::string> frames_up_to(int count) {
-    std::vector<std::string> frames;
-    for (int i = 0; i < count; ++i) frames.push_back("frame " + std::to_string(i));
+    std::vector<std::string> frames(static_cast<size_t>(count));
+    for (size_t i = 0; i < frames.size(); ++i) frames[i] = "frame " + std::to_string(i);
     return frames;
 }
 
@@ -88,11 +88,11 @@ protected:
 
 }  // namespace
 
-extern "C" char** backtrace_symbols(void* const* addresses, int count) noexcept {
-    return backtrace_symbols_call(addresses, count);
+extern "C" char** backtrace_symbols(void* const* array, int size) noexcept {
+    return backtrace_symbols_call(array, size);
 }
 // The tests' own system log is not the machine's.
-extern "C" void syslog(int /*priority*/, const char* /*format*/, ...) {}
+extern "C" void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
 
 TEST_F(PZCallStackTest, IsEmptyAtFirst) {
     const PZCallStack stack;
@@ -192,9 +192,9 @@ TEST_F(PZCallStackTest, KeepsOneSymbolLinePerFrame) {
 TEST_F(PZCallStackTest, TranslatesTheCapturedAddresses) {
     PZCallStack stack;
     ASSERT_GT(stack.take(-1, true), 0);
-    std::vector<void*> addresses;
-    for (int i = 0; i < stack.size(); ++i) addresses.push_back(stack.getAddress(i));
-    char** lines = backtrace_symbols(addresses.data(), stack.size());
+    void* addresses[32];
+    for (int i = 0; i < stack.size(); ++i) addresses[i] = stack.getAddress(i);
+    char** lines = backtrace_symbols(addresses, stack.size());
     ASSERT_NE(nullptr, lines);
     for (int i = 0; i < stack.size(); ++i) {
         EXPECT_EQ(std::string(lines[i]).substr(0, 255), stack.getSymbol(i));

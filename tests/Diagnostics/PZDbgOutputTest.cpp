@@ -1,5 +1,6 @@
 #include "Framework/Diagnostics/PZDbgOutput.h"
 
+#include <Framework/Foundation/pz_framework.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -50,14 +51,14 @@ std::string printed_before_log;                   // here
 }  // namespace
 
 // The system log of these tests.
-extern "C" void syslog(int priority, const char* format, ...) {
+extern "C" void syslog(int pri, const char* fmt, ...) {
     char line[4096];
     va_list args;
-    va_start(args, format);
-    std::vsnprintf(line, sizeof line, format, args);
+    va_start(args, fmt);
+    std::vsnprintf(line, sizeof line, fmt, args);
     va_end(args);
     const std::lock_guard<std::mutex> lock(system_log_mutex);
-    system_log.push_back({priority, line});
+    system_log.push_back({pri, line});
     if (watched_output != nullptr) printed_before_log = watched_output->Take();
     errno = ENOTCONN;
 }
@@ -79,6 +80,11 @@ std::string message_of(size_t length) {
     std::string message;
     for (size_t i = 0; i < length; ++i) message += static_cast<char>('0' + i % 10);
     return message;
+}
+
+/// `text` as it is printed when there is nothing to pad.
+std::string coloured(const std::string& colour, const std::string& text) {
+    return colour + text + kReset;
 }
 
 struct TagRow {
@@ -136,6 +142,13 @@ TEST_P(PZDbgOutputTagTest, PrintsAndLogsANarrowLine) {
     EXPECT_EQ(ExpectedLog(line), system_log);
 }
 
+TEST_P(PZDbgOutputTagTest, PrintsAndLogsAWideLineWithABlankAfterTheFunction) {
+    PZDbgOutput::DbgPrint("../x/unit", "f", 12, Tag(), L"hi %d\n", 7);
+    const std::string line = "[" + GetParam().word + "] f ()@unit(12) {} : hi 7\n";
+    EXPECT_EQ(padded_line(GetParam().colour, line), output.Take());
+    EXPECT_EQ(ExpectedLog(line), system_log);
+}
+
 TEST_F(PZDbgOutputTest, NumbersItsTags) {
     EXPECT_EQ(0, PZDbgOutput::en_TAG_INFO);
     EXPECT_EQ(1, PZDbgOutput::en_TAG_ERROR);
@@ -155,8 +168,10 @@ TEST_F(PZDbgOutputTest, PadsALineOf79CharactersByOneBlankAndLongerOnesNotAtAll) 
     const std::string head = "[info] f()@unit(12) {} : ";
     for (const size_t length : {79U, 80U, 81U, 200U}) {
         const std::string message = message_of(length - head.size());
+        const std::string blanks = length == 79 ? " " : "";
+        const std::string line = head + message;
         PZDbgOutput::DbgPrint("unit", "f", 12, PZDbgOutput::en_TAG_INFO, "%s", message.c_str());
-        EXPECT_EQ(kDefault + (length == 79 ? " " : "") + head + message + kReset, output.Take());
+        EXPECT_EQ(coloured(kDefault, blanks + line), output.Take());
     }
 }
 
@@ -189,6 +204,88 @@ TEST_F(PZDbgOutputTest, PrintsEveryOtherLineNumber) {
     }
     PZDbgOutput::DbgPrint("unit", "f", -1, PZDbgOutput::en_TAG_INFO, "hi\n");
     EXPECT_EQ(padded_line(kDefault, "[info] f()@unit(-1) {} : hi\n"), output.Take());
+}
+
+TEST_F(PZDbgOutputTest, PrintsAnUntaggedWideLine) {
+    PZDbgOutput::DbgPrint("../x/unit.cpp", "f", 12, L"hi %d\n", 7);
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit.cpp(12) {} : hi 7\n"), output.Take());
+    EXPECT_EQ(Log(), system_log);
+}
+
+TEST_F(PZDbgOutputTest, PrintsALineNumberOfMinusOneInAWideLine) {
+    PZDbgOutput::DbgPrint("../x/unit.cpp", "f", -1, L"hi\n");
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit.cpp(-1) {} : hi\n"), output.Take());
+    PZDbgOutput::DbgPrint("../x/unit.cpp", "f", -1, PZDbgOutput::en_TAG_INFO, L"hi\n");
+    EXPECT_EQ(padded_line(kDefault, "[info] f ()@unit.cpp(-1) {} : hi\n"), output.Take());
+}
+
+TEST_F(PZDbgOutputTest, PrintsAWideMessageInUtf8) {
+    PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls %s\n", L"\u00e9\u20ac\U0001f600", "narrow");
+    PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, L"\u00e9\u20ac\U0001f600\n");
+    const std::string notice = "[sys] f ()@unit(1) {} : \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\n";
+    EXPECT_EQ(
+        padded_line(kDefault, "f ()@unit(1) {} : \xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80 narrow\n") +
+            padded_line(kDefault, notice),
+        output.Take());
+    EXPECT_EQ(Log({{LOG_NOTICE, notice}}), system_log);
+}
+
+TEST_F(PZDbgOutputTest, PrintsAnEmptyWideMessage) {
+    PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", L"");
+    PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_INFO, L"%ls", L"");
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit(1) {} : ") +
+                  padded_line(kDefault, "[info] f ()@unit(1) {} : "),
+              output.Take());
+}
+
+TEST_F(PZDbgOutputTest, KeepsTheFirst510CharactersOfAWideMessage) {
+    for (const size_t length : {509U, 510U, 511U, 512U, 2000U, 100000U}) {
+        const std::string whole = message_of(length);
+        const std::wstring wide(whole.begin(), whole.end());
+        const std::string kept = whole.substr(0, 510);
+        PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", wide.c_str());
+        EXPECT_EQ(coloured(kDefault, "f ()@unit(1) {} : " + kept), output.Take());
+        PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, L"%s", whole.c_str());
+        EXPECT_EQ(coloured(kDefault, "[sys] f ()@unit(1) {} : " + kept), output.Take());
+        EXPECT_EQ("[sys] f ()@unit(1) {} : " + kept, system_log.back().line);
+    }
+}
+
+TEST_F(PZDbgOutputTest, CutsAWideMessageToTheWholeCharactersThatFitInto511Bytes) {
+    struct Row {
+        std::wstring message;
+        std::string character;
+        size_t keptCharacters;
+    };
+    const Row rows[] = {
+        {std::wstring(255, L'\u00e9'), "\xc3\xa9", 255},
+        {std::wstring(256, L'\u00e9'), "\xc3\xa9", 255},
+        {std::wstring(170, L'\u20ac'), "\xe2\x82\xac", 170},
+        {std::wstring(171, L'\u20ac'), "\xe2\x82\xac", 170},
+        {std::wstring(127, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
+        {std::wstring(128, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
+        {std::wstring(510, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
+        {std::wstring(5000, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
+    };
+    for (const Row& row : rows) {
+        PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", row.message.c_str());
+        std::string line = kDefault + "f ()@unit(1) {} : ";
+        for (size_t i = 0; i < row.keptCharacters; ++i) line += row.character;
+        EXPECT_EQ(line + kReset, output.Take());
+    }
+
+    std::string line = kDefault + "f ()@unit(1) {} : a";  // and 255 characters of two bytes: 511
+    PZDbgOutput::DbgPrint("unit", "f", 1, L"a%ls", std::wstring(300, L'\u00e9').c_str());
+    for (int i = 0; i < 255; ++i) line += "\xc3\xa9";
+    EXPECT_EQ(line + kReset, output.Take());
+}
+
+TEST_F(PZDbgOutputTest, PrintsAWideLineWithoutItsMessageWhenThatIsNoText) {
+    const wchar_t surrogate[] = {L'a', static_cast<wchar_t>(0xd800), L'\0'};
+    PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_INFO, L"%ls", surrogate);
+    const std::string text = output.Take();
+    EXPECT_EQ(1U, pztest::error_messages(text).size());  // the converter's
+    EXPECT_EQ(1U, pztest::count_of(text, padded_line(kDefault, "[info] f ()@unit(1) {} : ")));
 }
 
 TEST_F(PZDbgOutputTest, AddsNoLineFeed) {
@@ -232,6 +329,54 @@ TEST_F(PZDbgOutputTest, SurvivesAMissingPlace) {
                   padded_line(kDefault, "(null) ()@(null){} : hi\n") +
                   padded_line(kDefault, "[info] (null)()@(null)(1) {} : hi\n"),
               output.Take());
+}
+
+TEST_F(PZDbgOutputTest, PrintsTheNameOfTheProcess) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        if (pz_FwInitialize("app", 1) == 0) return 1;
+        PZDbgOutput::DbgPrint("../x/unit", "f", 12, PZDbgOutput::en_TAG_INFO, "hi\n");
+        PZDbgOutput::DbgPrint("../x/unit", "f", 12, PZDbgOutput::en_TAG_INFO, L"wide\n");
+        PZDbgOutput::DbgPrint("../x/unit", "f", 12, "untagged\n");
+        PZDbgOutput::DbgPrint("../x/unit", "f", -1, "no number\n");
+        PZDbgOutput::DbgPrint("../x/unit", "f", -1, L"wide untagged\n");
+        errno = 0;
+        PZDbgOutput::DbgPrintStdErr("../x/unit", "f", 12, "hi\n");
+        return 0;
+    });
+    EXPECT_EQ(0, child.status) << child.output;
+    for (const std::string& line : {
+             padded_line(kDefault, "[info] f()@unit(12) {app} : hi\n"),
+             padded_line(kDefault, "[info] f ()@unit(12) {app} : wide\n"),
+             padded_line(kDefault, "f ()@unit(12) {app} : untagged\n"),
+             padded_line(kDefault, "f ()@unit{app} : no number\n"),
+             padded_line(kDefault, "f ()@unit(-1) {app} : wide untagged\n"),
+             padded_line(kRed, "[error] f()@unit(12) {app} : std library error [0 : Success] hi\n"),
+         }) {
+        EXPECT_EQ(1U, pztest::count_of(child.output, line)) << line;
+    }
+}
+
+TEST_F(PZDbgOutputTest, PrintsTheLongestNameOfAProcessWhole) {
+    const std::string name(63, 'n');
+    const pztest::ChildResult child = pztest::run_in_child([&name] {
+        if (pz_FwInitialize(name.c_str(), 1) == 0) return 1;
+        PZDbgOutput::DbgPrint("unit", "f", 12, "hi\n");
+        return 0;
+    });
+    EXPECT_EQ(0, child.status) << child.output;
+    EXPECT_EQ(1U, pztest::count_of(child.output,
+                                   padded_line(kDefault, "f ()@unit(12) {" + name + "} : hi\n")));
+}
+
+TEST_F(PZDbgOutputTest, LogsTheNameOfTheProcess) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        if (pz_FwInitialize("app", 1) == 0) return 1;
+        system_log.clear();
+        PZDbgOutput::DbgPrint("../x/unit", "f", 12, PZDbgOutput::en_TAG_WARNING, "hi\n");
+        PZDbgOutput::DbgPrint("../x/unit", "f", 12, PZDbgOutput::en_TAG_SYS, "hi\n");
+        return system_log == Log{{LOG_NOTICE, "[sys] f()@unit(12) {app} : hi\n"}} ? 0 : 2;
+    });
+    EXPECT_EQ(0, child.status) << child.output;
 }
 
 TEST_F(PZDbgOutputTest, ReportsTheLastErrorLikeATaggedError) {
@@ -290,18 +435,18 @@ TEST_F(PZDbgOutputTest, KeepsTheFirst510CharactersOfAMessage) {
         const std::string whole = message_of(length);
         const std::string kept = whole.substr(0, 510);
         PZDbgOutput::DbgPrint("%s", whole.c_str());
-        EXPECT_EQ(kDefault + kept + kReset, output.Take());
+        EXPECT_EQ(coloured(kDefault, kept), output.Take());
         PZDbgOutput::DbgPrint("unit", "f", 1, "%s", whole.c_str());
-        EXPECT_EQ(kDefault + "f ()@unit(1) {} : " + kept + kReset, output.Take());
+        EXPECT_EQ(coloured(kDefault, "f ()@unit(1) {} : " + kept), output.Take());
         PZDbgOutput::DbgPrint("unit", "f", -1, "%s", whole.c_str());
-        EXPECT_EQ(kDefault + "f ()@unit{} : " + kept + kReset, output.Take());
+        EXPECT_EQ(coloured(kDefault, "f ()@unit{} : " + kept), output.Take());
         PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, "%s", whole.c_str());
-        EXPECT_EQ(kDefault + "[sys] f()@unit(1) {} : " + kept + kReset, output.Take());
+        EXPECT_EQ(coloured(kDefault, "[sys] f()@unit(1) {} : " + kept), output.Take());
         EXPECT_EQ("[sys] f()@unit(1) {} : " + kept, system_log.back().line);
         errno = 0;
         PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "%s", whole.c_str());
         EXPECT_EQ(
-            kRed + "[error] f()@unit(1) {} : std library error [0 : Success] " + kept + kReset,
+            coloured(kRed, "[error] f()@unit(1) {} : std library error [0 : Success] " + kept),
             output.Take());
         EXPECT_EQ("[error] f()@unit(1) {} : std library error [0 : Success] " + kept,
                   system_log.back().line);
@@ -342,6 +487,11 @@ TEST_F(PZDbgOutputTest, FlushesEachLine) {
         _exit(0);
     });
     EXPECT_EQ("\033[49mhi\033[0m", plain.output);
+    const pztest::ChildResult wide = pztest::run_in_child([]() -> int {
+        PZDbgOutput::DbgPrint("unit", "f", 1, L"hi\n");
+        _exit(0);
+    });
+    EXPECT_EQ(padded_line(kDefault, "f ()@unit(1) {} : hi\n"), wide.output);
     const pztest::ChildResult untagged = pztest::run_in_child([]() -> int {
         PZDbgOutput::DbgPrint("unit", "f", 1, "hi\n");
         _exit(0);
@@ -371,35 +521,53 @@ TEST_F(PZDbgOutputTest, KeepsTheCallersErrno) {
         if (errno != EBUSY) return 2;
         PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, "hi\n");
         if (errno != EBUSY) return 3;
-        PZDbgOutput::DbgPrintStdErr("unit", "f", 1);
+        PZDbgOutput::DbgPrint("unit", "f", 1, L"hi\n");
         if (errno != EBUSY) return 4;
+        PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, L"hi\n");
+        if (errno != EBUSY) return 5;
+        PZDbgOutput::DbgPrintStdErr("unit", "f", 1);
+        if (errno != EBUSY) return 6;
         PZDbgOutput::DbgPrintStdErr("unit", "f", 1, "hi\n");
-        return errno == EBUSY ? 0 : 5;
+        return errno == EBUSY ? 0 : 7;
     });
     EXPECT_TRUE(child.exited);
     EXPECT_EQ(0, child.status);
 }
+
+namespace {
+
+/// Shorter and longer than the 80 columns.
+std::string text_of_thread(int number) {
+    return std::string(static_cast<size_t>(20 * number), static_cast<char>('a' + number));
+}
+
+std::string plain_line_of(int number) {
+    return coloured(kDefault, "plain " + text_of_thread(number));
+}
+
+std::string tagged_line_of(int number) {
+    const std::string place = "[sys] f()@unit(" + std::to_string(number) + ") {} : ";
+    return padded_line(kDefault, place + text_of_thread(number) + "\n");
+}
+
+}  // namespace
 
 TEST_F(PZDbgOutputTest, NeverMixesTheLinesOfDifferentThreads) {
     constexpr int kThreads = 8;
     constexpr int kRounds = 200;
     std::map<std::string, int> missing;
     for (int i = 0; i < kThreads; ++i) {
-        const std::string number = std::to_string(i);
-        const std::string text(static_cast<size_t>(20 * i), static_cast<char>('a' + i));
-        missing[kDefault + "plain " + number + text] += kRounds;
-        const std::string notice = "[sys] f()@unit(" + number + ") {} : " + text + "\n";
-        const std::string line = padded_line(kDefault, notice);
-        missing[line.substr(0, line.size() - kReset.size())] += kRounds;
+        missing[plain_line_of(i)] += kRounds;
+        missing[tagged_line_of(i)] += kRounds;
     }
 
     std::vector<std::thread> threads;
     threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([i] {
-            const std::string text(static_cast<size_t>(20 * i), static_cast<char>('a' + i));
+            const std::string text = text_of_thread(i);
             for (int round = 0; round < kRounds; ++round) {
-                PZDbgOutput::DbgPrint("plain %d%s", i, text.c_str());
+                PZDbgOutput::DbgPrint("plain %s", text.c_str());
                 PZDbgOutput::DbgPrint("unit", "f", i, PZDbgOutput::en_TAG_SYS, "%s\n",
                                       text.c_str());
             }
@@ -412,7 +580,7 @@ TEST_F(PZDbgOutputTest, NeverMixesTheLinesOfDifferentThreads) {
     while (start < printed.size()) {
         const size_t end = printed.find(kReset, start);
         ASSERT_NE(std::string::npos, end);
-        const std::string line = printed.substr(start, end - start);
+        const std::string line = printed.substr(start, end + kReset.size() - start);
         ASSERT_EQ(1U, missing.count(line)) << line;
         --missing[line];
         start = end + kReset.size();

@@ -17,7 +17,7 @@ namespace {
 pztest::Interposed<int(void**, int)> backtrace_call("backtrace");
 pztest::Interposed<char**(void* const*, int)> backtrace_symbols_call("backtrace_symbols", nullptr);
 
-int captured_three_frames(void** /*addresses*/, int /*size*/) {
+int captured_three_frames(void** /*array*/, int /*size*/) {
     errno = ENOMEM;  // as when the unwinder is loaded on its first use
     return 3;
 }
@@ -51,11 +51,11 @@ protected:
 extern "C" int backtrace(void** addresses, int size) {
     return backtrace_call(addresses, size);
 }
-extern "C" char** backtrace_symbols(void* const* addresses, int count) noexcept {
-    return backtrace_symbols_call(addresses, count);
+extern "C" char** backtrace_symbols(void* const* array, int size) noexcept {
+    return backtrace_symbols_call(array, size);
 }
 // The tests' own system log is not the machine's.
-extern "C" void syslog(int /*priority*/, const char* /*format*/, ...) {}
+extern "C" void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
 
 TEST_F(PZReportTest, NamesThePlaceOfAnError) {
     pztest::StdoutCapture output;

@@ -20,7 +20,7 @@ struct FreeDeleter {
 };
 
 /// One text line per address, in a single block. Null when the memory is exhausted.
-using SymbolLines = std::unique_ptr<char*[], FreeDeleter>;
+using SymbolLines = std::unique_ptr<char*, FreeDeleter>;
 
 SymbolLines translate(void* const* addresses, int count) {
     return SymbolLines(backtrace_symbols(addresses, count));
@@ -48,7 +48,7 @@ int PZCallStack::take(int depth, bool withSymbols) {
     const SymbolLines lines = translate(addresses_, count_);
     for (int i = 0; i < count_; ++i) {
         // Without a translation the slots become empty: they must not describe older frames.
-        std::snprintf(symbols_[i], sizeof symbols_[i], "%s", lines ? lines[i] : "");
+        std::snprintf(symbols_[i], sizeof symbols_[i], "%s", lines ? lines.get()[i] : "");
     }
     return count_;
 }
@@ -78,5 +78,5 @@ void PZCallStack::dumpDirectly(int depth) {
     const SymbolLines lines = translate(addresses, count);
     if (!lines) return;
     const int printed = depth < 1 || depth > count ? count : depth;
-    for (int i = 0; i < printed; ++i) PZ_REPORT_ERROR("%s\n", lines[i]);
+    for (int i = 0; i < printed; ++i) PZ_REPORT_ERROR("%s\n", lines.get()[i]);
 }

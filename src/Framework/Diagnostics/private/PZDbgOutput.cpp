@@ -1,6 +1,7 @@
 #include "Framework/Diagnostics/PZDbgOutput.h"
 
 #include <Framework/Foundation/pz_identity.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 #include <iterator>
 #include <limits>
 #include <string_view>
@@ -18,6 +20,7 @@
 
 namespace {
 
+constexpr size_t kMessageSize = 512;
 constexpr size_t kMessageLimit = 511;  // terminator included: 510 characters are kept
 constexpr size_t kLineSize = 2048;     // a whole message, and room for any sane place before it
 
@@ -27,19 +30,19 @@ constexpr char kReset[] = "\033[0m";
 
 struct ST_TAG {
     PZDbgOutput::EN_TAG tag;
+    int priority;  // of the system log
     const char* word;
     const char* colour;
-    int priority;  // of the system log
 };
 
 // clang-format off
 constexpr ST_TAG kTags[] = {
-    { PZDbgOutput::en_TAG_INFO,    "info",    kDefaultColour, LOG_INFO    },
-    { PZDbgOutput::en_TAG_ERROR,   "error",   kRed,           LOG_ERR     },
-    { PZDbgOutput::en_TAG_DEBUG,   "debug",   kDefaultColour, LOG_DEBUG   },
-    { PZDbgOutput::en_TAG_VERBOSE, "verbose", kDefaultColour, LOG_INFO    },
-    { PZDbgOutput::en_TAG_WARNING, "warning", kDefaultColour, LOG_WARNING },
-    { PZDbgOutput::en_TAG_SYS,     "sys",     kDefaultColour, LOG_NOTICE  },
+    { PZDbgOutput::en_TAG_INFO,    LOG_INFO,    "info",    kDefaultColour },
+    { PZDbgOutput::en_TAG_ERROR,   LOG_ERR,     "error",   kRed           },
+    { PZDbgOutput::en_TAG_DEBUG,   LOG_DEBUG,   "debug",   kDefaultColour },
+    { PZDbgOutput::en_TAG_VERBOSE, LOG_INFO,    "verbose", kDefaultColour },
+    { PZDbgOutput::en_TAG_WARNING, LOG_WARNING, "warning", kDefaultColour },
+    { PZDbgOutput::en_TAG_SYS,     LOG_NOTICE,  "sys",     kDefaultColour },
 };
 // clang-format on
 
@@ -54,7 +57,7 @@ static_assert(follow_the_enumeration(kTags), "kTags follows EN_TAG");
 ST_TAG describe(PZDbgOutput::EN_TAG tag) {
     const auto index = static_cast<size_t>(tag);
     if (index < std::size(kTags)) return kTags[index];
-    return {tag, "illegal", kDefaultColour, LOG_ERR};
+    return {tag, LOG_ERR, "illegal", kDefaultColour};
 }
 
 // A set of priorities, not a threshold: warnings stay out of the system log on purpose, although
@@ -103,10 +106,40 @@ private:
     char text_[kLineSize];
 };
 
-__attribute__((format(printf, 2, 0))) void format_message(char (&message)[kMessageLimit],
+__attribute__((format(printf, 2, 0))) void format_message(char (&message)[kMessageSize],
                                                           const char* format, va_list args) {
     message[0] = '\0';
-    std::vsnprintf(message, sizeof message, format, args);
+    std::vsnprintf(message, kMessageLimit, format, args);
+}
+
+size_t utf8_size(wchar_t character) {
+    if (character < 0x80) return 1;
+    if (character < 0x800) return 2;
+    return character < 0x10000 ? 3 : 4;
+}
+
+/// Ends `text` before the first character that goes beyond `limit` bytes of UTF-8. The converter
+/// refuses a text that does not fit, and the message would be lost.
+void cut_to_utf8_size(wchar_t* text, size_t limit) {
+    size_t used = 0;
+    for (; *text != L'\0'; ++text) {
+        used += utf8_size(*text);
+        if (used > limit) {
+            *text = L'\0';
+            return;
+        }
+    }
+}
+
+void format_message(char (&message)[kMessageSize], const wchar_t* format, va_list args) {
+    // Zeroed: a text that is too long is cut without a terminator.
+    wchar_t text[kMessageSize] = {};
+    std::vswprintf(text, kMessageLimit, format, args);
+    cut_to_utf8_size(text, sizeof message - 1);
+
+    std::memset(message, 0, sizeof message);  // the converter writes no terminator
+    if (text[0] == L'\0') return;             // and takes an empty text for a failure
+    pz_wctomb(message, sizeof message, text, -1, XCP_UTF8);
 }
 
 /// One formatted write: stdout's own lock keeps the lines of different threads apart.
@@ -119,6 +152,20 @@ void print_line(const char* colour, const Line& line) {
 void add_place(Line& text, const char* file, const char* func, const char* call, int line) {
     text.Add(text_of(func)).Add(call).Add(base_name(text_of(file)));
     text.Add("(").Add(line).Add(") {").Add(pz_GetName()).Add("} : ");
+}
+
+void put_without_line_number(const char* file, const char* func, const char* message) {
+    Line text;
+    text.Add(text_of(func)).Add(" ()@").Add(base_name(text_of(file)));
+    text.Add("{").Add(pz_GetName()).Add("} : ").Add(message);
+    print_line(kDefaultColour, text);
+}
+
+void put_untagged(const char* file, const char* func, int line, const char* message) {
+    Line text;
+    add_place(text, file, func, " ()@", line);
+    text.Add(message);
+    print_line(kDefaultColour, text);
 }
 
 void put_tagged(const char* file, const char* func, const char* call, int line,
@@ -136,7 +183,7 @@ void put_tagged(const char* file, const char* func, const char* call, int line,
 
 void PZDbgOutput::DbgPrint(const char* format, ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageLimit];
+    char message[kMessageSize];
     va_list args;
     va_start(args, format);
     format_message(message, format, args);
@@ -148,33 +195,53 @@ void PZDbgOutput::DbgPrint(const char* format, ...) {
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const char* format, ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageLimit];
+    char message[kMessageSize];
     va_list args;
     va_start(args, format);
     format_message(message, format, args);
     va_end(args);
 
-    Line text;
     if (line == -1) {
-        text.Add(text_of(func)).Add(" ()@").Add(base_name(text_of(file)));
-        text.Add("{").Add(pz_GetName()).Add("} : ");
+        put_without_line_number(file, func, message);
     } else {
-        add_place(text, file, func, " ()@", line);
+        put_untagged(file, func, line, message);
     }
-    text.Add(message);
-    print_line(kDefaultColour, text);
+}
+
+void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const wchar_t* format,
+                           ...) {
+    const PZErrnoKeeper keeper;
+    char message[kMessageSize];
+    va_list args;
+    va_start(args, format);
+    format_message(message, format, args);
+    va_end(args);
+
+    put_untagged(file, func, line, message);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
                            const char* format, ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageLimit];
+    char message[kMessageSize];
     va_list args;
     va_start(args, format);
     format_message(message, format, args);
     va_end(args);
 
     put_tagged(file, func, "()@", line, tag, message);
+}
+
+void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
+                           const wchar_t* format, ...) {
+    const PZErrnoKeeper keeper;
+    char message[kMessageSize];
+    va_list args;
+    va_start(args, format);
+    format_message(message, format, args);
+    va_end(args);
+
+    put_tagged(file, func, " ()@", line, tag, message);
 }
 
 void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line) {
@@ -187,7 +254,7 @@ void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line) {
 void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line, const char* format,
                                  ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageLimit];
+    char message[kMessageSize];
     va_list args;
     va_start(args, format);
     format_message(message, format, args);
