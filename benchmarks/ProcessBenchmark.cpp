@@ -1,0 +1,77 @@
+// The accounted heap, and start and stop of the framework with its private memory.
+
+#include <benchmark/benchmark.h>
+#include <execinfo.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <Framework/Foundation/PZLHeapMng.h>
+#include <Framework/Foundation/pz_framework.h>
+
+#include "support/RatioReporter.h"
+
+namespace {
+
+constexpr unsigned int kBlock = 64;
+constexpr int kFrames = 13;
+
+void tracked(benchmark::State& state) {
+    for (auto _ : state) {
+        void* const block = Malloc(kBlock);
+        benchmark::DoNotOptimize(block);
+        Free(block);
+    }
+}
+
+/// The capture of the call stack that every tracked block needs.
+void tracked_raw(benchmark::State& state) {
+    for (auto _ : state) {
+        void* frames[kFrames];
+        benchmark::DoNotOptimize(backtrace(frames, kFrames));
+    }
+}
+
+void untracked(benchmark::State& state) {
+    for (auto _ : state) {
+        void* const block = std::malloc(kBlock);
+        benchmark::DoNotOptimize(block);
+        std::free(block);
+    }
+}
+
+/// Private memory of the process in KiB.
+double private_kib() {
+    std::ifstream rollup("/proc/self/smaps_rollup");
+    double total = 0;
+    for (std::string line; std::getline(rollup, line);) {
+        if (line.rfind("Private_", 0) == 0)
+            total += std::strtod(line.c_str() + line.find(':') + 1, nullptr);
+    }
+    return total;
+}
+
+void start_stop(benchmark::State& state) {
+    const double before = private_kib();
+    if (pz_FwInitialize("bench", 1) == 0) std::abort();
+    const double after = private_kib();
+    pz_FwFinalize();
+    for (auto _ : state) {
+        if (pz_FwInitialize("bench", 1) == 0) std::abort();
+        pz_FwFinalize();
+    }
+    state.counters["private_KiB_before"] = before;
+    state.counters["private_KiB_started"] = after;
+}
+
+BENCHMARK(start_stop)->Name("framework/start+stop")->UseRealTime();
+BENCHMARK(tracked)->Name("heap/tracked_malloc+free");
+BENCHMARK(tracked_raw)->Name("heap/tracked_malloc+free:raw");
+BENCHMARK(untracked)->Name("heap/malloc+free_of_the_c_library");
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return pzbench::run(argc, argv);
+}
