@@ -44,7 +44,7 @@ private:
 /// Ownership: the instance belongs to the class; singletons die in the reverse order of their
 ///            creation. After that GetInstance makes a fresh one.
 template <typename T>
-class PZSingleton : public PZUncopyable {
+class PZ_API PZSingleton : public PZUncopyable {
 public:
     virtual ~PZSingleton() = default;
 

@@ -1,14 +1,17 @@
 #ifndef PZ_FRAMEWORK_SHAREDMEMORY_PZSHAREDSYNCOBJECT_H
 #define PZ_FRAMEWORK_SHAREDMEMORY_PZSHAREDSYNCOBJECT_H
 
+#include <memory>
+
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZSyncGuard.h>
 #include <Framework/PZApi.h>
 
 /// A lock shared between processes by name, for use with PZSyncGuard.
 ///
-/// Threads:   any thread may call lock and unlock.
+/// Threads:   any thread may call lock and unlock; a thread may lock the same object repeatedly.
 /// Processes: objects of the same name share one semaphore "/name"; it outlives them.
+/// Failures:  reported, never thrown. An object that could not be created reports every call.
 class PZ_API PZSharedSyncObject : public PZSyncObjectBase {
 public:
     explicit PZSharedSyncObject(const char* name);
@@ -17,13 +20,15 @@ public:
     PZSharedSyncObject(const PZSharedSyncObject&) = delete;
     PZSharedSyncObject& operator=(const PZSharedSyncObject&) = delete;
 
-    /// Waits at most 5000 milliseconds. A failure is reported, and the call returns without the
+    /// Waits at most 5000 milliseconds. A failure is reported, and the caller goes on without the
     /// lock.
     void lock() const override;
+
+    /// Gives the lock back, whoever holds it: after a lock() that failed this lets one more in.
     void unlock() const override;
 
 private:
-    PZSync* sync_;  // owned
+    std::unique_ptr<PZSync> sync_;
 };
 
 #endif  // PZ_FRAMEWORK_SHAREDMEMORY_PZSHAREDSYNCOBJECT_H

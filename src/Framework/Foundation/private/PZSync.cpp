@@ -1,52 +1,72 @@
 #include "Framework/Foundation/PZSync.h"
 
 #include <fcntl.h>
+#include <limits.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 
 #include "pz_deadline.h"
+#include "pz_tsan.h"
 
 namespace {
 
-constexpr unsigned int kInfinite = 0xFFFFFFFFU;
+constexpr unsigned int kNoTimeLimit = 0xFFFFFFFFU;
+constexpr unsigned int kFree = 1;  // value of a semaphore that nobody holds
+constexpr int kCallStackDepth = 10;
+
+// Results of Lock.
 constexpr unsigned int kAcquired = 0;
 constexpr unsigned int kTimedOut = 1;
 constexpr unsigned int kError = 2;
-constexpr int kDumpDepth = 10;
 
-/// Waits for the semaphore, also after interruptions: 0, or the error number.
-int wait_for(sem_t* handle, unsigned int timeout) {
+/// Makes the semaphore "/name", or opens it as it is; null with errno set when that fails.
+sem_t* open_semaphore(const char* name) {
+    char path[NAME_MAX + 2];  // a longer name is refused by the system, cut like this or not
+    std::snprintf(path, sizeof path, "/%s", name);
+    sem_t* const semaphore = sem_open(path, O_CREAT, 0777, kFree);
+    return semaphore != SEM_FAILED ? semaphore : nullptr;
+}
+
+/// Waits for the semaphore, on and on through interruptions: 0, or the error number.
+int wait_for(sem_t* semaphore, unsigned int timeout) {
     int result = 0;
-    if (timeout == kInfinite) {
-        while ((result = sem_wait(handle)) != 0 && errno == EINTR) {
-        }
+    if (timeout == kNoTimeLimit) {
+        do {
+            result = sem_wait(semaphore);
+        } while (result != 0 && errno == EINTR);
     } else {
         const timespec deadline = pz_deadline_after(timeout);
-        while ((result = sem_timedwait(handle, &deadline)) != 0 && errno == EINTR) {
-        }
+        do {
+            result = sem_timedwait(semaphore, &deadline);
+        } while (result != 0 && errno == EINTR);
     }
     return result == 0 ? 0 : errno;
 }
 
+void report_not_created(const char* operation, int line) {
+    PZDbgOutput::DbgPrint(__FILE__, operation, line, PZDbgOutput::en_TAG_ERROR,
+                          "handle is not created\n");
+    PZCallStack::dumpDirectly(kCallStackDepth);
+}
+
 }  // namespace
 
-PZSync::PZSync() : handle_(nullptr), type_(en_TYPE_UNNAMED), name_(), owner_(0), nest_(0) {
-    handle_ = static_cast<sem_t*>(std::malloc(sizeof(sem_t)));
-    if (handle_ == nullptr) {
-        PZ_REPORT_ERROR("create error : errno[%d : %s]\n", errno, std::strerror(errno));
-        return;
-    }
-    if (sem_init(handle_, 0, 1) != 0) {
-        PZ_REPORT_ERROR("sem_init : errno[%d : %s]\n", errno, std::strerror(errno));
-        std::free(handle_);
-        handle_ = nullptr;
-    }
+PZSync::PZSync() : PZSync("", en_TYPE_UNNAMED) {
+#if __SIZEOF_POINTER__ == 4
+    static_assert(offsetof(PZSync, handle_) == 0, "record layout");
+    static_assert(offsetof(PZSync, type_) == 4, "record layout");
+    static_assert(offsetof(PZSync, name_) == 8, "record layout");
+    static_assert(offsetof(PZSync, owner_) == 40, "record layout");
+    static_assert(offsetof(PZSync, nest_) == 44, "record layout");
+    static_assert(sizeof(PZSync) == 48, "record layout");
+#endif
 }
 
 PZSync::PZSync(const char* name, EN_TYPE type)
@@ -56,21 +76,21 @@ PZSync::PZSync(const char* name, EN_TYPE type)
         return;
     }
     std::memcpy(name_, name, strnlen(name, sizeof name_));
+
     switch (type) {
+        case en_TYPE_NAMED:
+            handle_ = open_semaphore(name);
+            if (handle_ == nullptr) {
+                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", errno, std::strerror(errno));
+            }
+            break;
         case en_TYPE_UNNAMED:
             handle_ = static_cast<sem_t*>(std::malloc(sizeof(sem_t)));
             if (handle_ == nullptr) {
                 PZ_REPORT_ERROR("create error : errno[%d : %s]\n", errno, std::strerror(errno));
-            } else if (sem_init(handle_, 0, 1) != 0) {
+            } else if (sem_init(handle_, 0, kFree) != 0) {
                 PZ_REPORT_ERROR("sem_init : errno[%d : %s]\n", errno, std::strerror(errno));
                 std::free(handle_);
-                handle_ = nullptr;
-            }
-            break;
-        case en_TYPE_NAMED:
-            handle_ = sem_open((std::string("/") + name).c_str(), O_CREAT, 0777, 1);
-            if (handle_ == SEM_FAILED) {
-                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", errno, std::strerror(errno));
                 handle_ = nullptr;
             }
             break;
@@ -78,49 +98,46 @@ PZSync::PZSync(const char* name, EN_TYPE type)
             PZ_REPORT_ERROR("invalid arg\n");
             break;
     }
+    if (handle_ != nullptr) pz_tsan_created(handle_);
 }
 
 PZSync::~PZSync() {
     if (handle_ == nullptr) return;
+    pz_tsan_destroyed(handle_);
     if (type_ == en_TYPE_NAMED) {
-        sem_close(handle_);
+        sem_close(handle_);  // not unlinked: other processes may hold it, or come to it later
         return;
     }
     sem_destroy(handle_);
     std::free(handle_);
 }
 
-unsigned int PZSync::Lock(unsigned int timeout) {
+unsigned int PZSync::Wait(unsigned int timeout, int error) {
     if (handle_ == nullptr) {
-        PZ_REPORT_ERROR("handle is not created\n");
-        PZCallStack::dumpDirectly(kDumpDepth);
+        report_not_created("Lock", __LINE__);
         return kError;
     }
-    const pthread_t self = pthread_self();
-    if (owner_.load(std::memory_order_relaxed) == self) {
-        ++nest_;
+    if (error == EINTR) {
+        const bool limited = timeout != kNoTimeLimit;
+        pz_tsan_waiting(handle_, limited);
+        error = wait_for(handle_, timeout);
+        pz_tsan_waited(handle_, limited, error == 0);
+    }
+    if (error == 0) {
+        owner_.store(pthread_self(), std::memory_order_relaxed);
         return kAcquired;
     }
-    const int error = wait_for(handle_, timeout);
-    if (error == ETIMEDOUT && timeout != kInfinite) return kTimedOut;
-    if (error != 0) {
-        PZ_REPORT_ERROR("create error : errno[%d : %s]\n", error, std::strerror(error));
-        return kError;
-    }
-    owner_.store(self, std::memory_order_relaxed);
-    return kAcquired;
+    if (error == ETIMEDOUT && timeout != kNoTimeLimit) return kTimedOut;
+    PZDbgOutput::DbgPrint(__FILE__, "Lock", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                          "create error : errno[%d : %s]\n", error, std::strerror(error));
+    return kError;
 }
 
-void PZSync::Unlock() {
+bool PZSync::MayPost() {
     if (handle_ == nullptr) {
-        PZ_REPORT_ERROR("handle is not created\n");
-        PZCallStack::dumpDirectly(kDumpDepth);
-        return;
+        report_not_created("Unlock", __LINE__);
+        return false;
     }
-    if (nest_ > 0) {
-        --nest_;
-        return;
-    }
-    owner_.store(0, std::memory_order_relaxed);
-    sem_post(handle_);
+    pz_tsan_unlocking(handle_, owner_);
+    return true;
 }

@@ -2,13 +2,16 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 
-PZSharedSyncObject::PZSharedSyncObject(const char* name)
-    : sync_(new PZSync(name, PZSync::en_TYPE_NAMED)) {}
+#if __SIZEOF_POINTER__ == 4
+static_assert(sizeof(PZSharedSyncObject) == 8, "record layout");
+#endif
 
-PZSharedSyncObject::~PZSharedSyncObject() {
-    delete sync_;
-    sync_ = nullptr;
-}
+PZSharedSyncObject::PZSharedSyncObject(const char* name)
+    : sync_(std::make_unique<PZSync>(name, PZSync::en_TYPE_NAMED)) {}
+
+PZSharedSyncObject::~PZSharedSyncObject() = default;
+
+// The analysis cannot follow a lock that outlives the call that took it.
 
 void PZSharedSyncObject::lock() const PZ_NO_THREAD_SAFETY_ANALYSIS {
     constexpr unsigned int kLimitMs = 5000;
