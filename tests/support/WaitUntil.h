@@ -8,12 +8,14 @@ namespace pztest {
 
 /// Waits until `condition` holds; false when it does not within a time that no loaded machine
 /// needs. Tests wait for conditions with it, never for a time.
+///
+/// Counts its naps instead of reading a clock, which a ManualTick may have stopped.
 template <typename Condition>
 bool wait_until(Condition condition, std::chrono::seconds limit = std::chrono::seconds(60)) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    constexpr std::chrono::milliseconds kNap(1);
+    for (auto napped = kNap; !condition(); napped += kNap) {
+        if (napped > limit) return false;
+        std::this_thread::sleep_for(kNap);
     }
     return true;
 }

@@ -1,0 +1,982 @@
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Utility/PZLTimerMng.h>
+#include <gtest/gtest.h>
+
+#include "support/CallbackTimer.h"
+#include "support/FakePriorities.h"
+#include "support/Interposed.h"
+#include "support/ManualTick.h"
+#include "support/ManualWait.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+using ThreadEntry = void* (*)(void*);
+
+pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
+    "pthread_create", EAGAIN);
+pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EDEADLK);
+
+}  // namespace
+
+extern "C" {
+int pthread_create(pthread_t* handle, const pthread_attr_t* attributes, ThreadEntry entry,
+                   void* arg) noexcept {
+    return pthread_create_call(handle, attributes, entry, arg);
+}
+int pthread_join(pthread_t handle, void** result) {
+    return pthread_join_call(handle, result);
+}
+}
+
+namespace {
+
+using pztest::CallbackTimer;
+using pztest::FakePriorities;
+using pztest::has_report;
+using pztest::ManualTick;
+using pztest::ManualWait;
+using pztest::StdoutCapture;
+using pztest::Ticks;
+using pztest::TimerInfo;
+using pztest::wait_until;
+
+using TimeOuts = std::vector<int>;
+
+constexpr unsigned int kStart = 1000000;        // tick at which most tests start
+constexpr long long kWrap = 4294967296;         // the tick that reads 0 again
+constexpr int kNoLimit = -1;                    // as handed to epoll_wait
+constexpr unsigned int kPriority = 200;         // wide priority of the thread under test
+constexpr int kNice = -6;                       // its nice value
+constexpr unsigned int kIgnoredTimeout = 3000;  // PZLTimerSubMng::end does not use it
+
+/// The labels of all registered threads.
+std::vector<std::string> thread_names() {
+    std::vector<unsigned long> handles;
+    PZThreadMng::GetInstance()->getActiveThreadList(handles);
+    std::vector<std::string> names;
+    for (const unsigned long handle : handles) {
+        char label[256] = {};
+        if (PZThreadMng::GetInstance()->getLabel(handle, label)) names.emplace_back(label);
+    }
+    return names;
+}
+
+bool kernel_thread_exists(id_t thread) {
+    return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
+}
+
+/// A sub-manager without a thread.
+class PZLTimerSubMngStartTest : public testing::Test {
+protected:
+    ManualTick tick{kStart};
+    ManualWait waits;
+    FakePriorities priorities;
+    PZLTimerSubMng sub{30, kPriority};
+};
+
+/// A sub-manager with its thread, whose tick and waits are the test's.
+class PZLTimerSubMngTest : public PZLTimerSubMngStartTest {
+protected:
+    void SetUp() override { StartAt(kStart); }
+
+    // The tick stands still now: timers of the test's body that are still active cannot fire.
+    void TearDown() override { EXPECT_EQ(1, sub.end(kIgnoredTimeout)); }
+
+    void StartAt(long long tickMs) {
+        tick.Set(tickMs);
+        ASSERT_EQ(1, sub.start("timers"));
+        ASSERT_TRUE(waits.AwaitCount(1));
+    }
+
+    /// Adds a timer and returns when the thread waits again after the check.
+    void Add(PZLTimerBase& timer, unsigned int ms) {
+        const size_t before = waits.Count();
+        ASSERT_EQ(1, sub.addTimer(&timer, ms));
+        ASSERT_TRUE(waits.AwaitCount(before + 1));
+    }
+
+    /// Moves the tick to the end of the present wait, or beyond, and returns when the thread waits
+    /// again after the check.
+    void AdvanceToCheck(long long ms) {
+        const size_t before = waits.Count();
+        tick.Advance(ms);
+        ASSERT_TRUE(waits.AwaitCount(before + 1));
+    }
+
+    /// Makes the thread check its timers now.
+    void Check() {
+        CallbackTimer idle;
+        Add(idle, 1000000);
+        ASSERT_EQ(1, sub.removeTimer(&idle));
+    }
+
+    int LastTimeOut() const { return waits.TimeOuts().back(); }
+};
+
+/// The same, with the thread started by the test shortly before the tick wraps.
+class PZLTimerSubMngWrapTest : public PZLTimerSubMngTest {
+protected:
+    void SetUp() override {}
+};
+
+// Start
+
+TEST_F(PZLTimerSubMngStartTest, StartRegistersTheThreadUnderItsName) {
+    EXPECT_EQ(1, sub.start("some timers"));
+    EXPECT_EQ(std::vector<std::string>{"some timers"}, thread_names());
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, StartGivesTheThreadTheBandsPriority) {
+    EXPECT_EQ(1, sub.start("timers"));
+    ASSERT_EQ(1U, priorities.Changes().size());
+    EXPECT_EQ(kNice, priorities.Changes()[0].nice);
+    EXPECT_NE(static_cast<id_t>(gettid()), priorities.Changes()[0].thread);
+    EXPECT_TRUE(kernel_thread_exists(priorities.Changes()[0].thread));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, StartRegistersTheThreadWithAWatchTimeOfFourSeconds) {
+    EXPECT_EQ(1, sub.start("timers"));
+    std::vector<unsigned long> handles;
+    PZThreadMng::GetInstance()->getActiveThreadList(handles);
+    ASSERT_EQ(1U, handles.size());
+    EXPECT_EQ(4000U, PZThreadMng::GetInstance()->getWatchTime(handles[0]));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, StartWithoutANameCallsTheThreadPZLTimerSubMng) {
+    EXPECT_EQ(1, sub.start(nullptr));
+    EXPECT_EQ(std::vector<std::string>{"PZLTimerSubMng"}, thread_names());
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, StartAnswersZeroWhenTheThreadCannotBeMade) {
+    StdoutCapture output;
+    pthread_create_call.FailNext(EAGAIN);
+    EXPECT_EQ(0, sub.start("timers"));
+    EXPECT_TRUE(
+        has_report(output.Take(), "Start", "PZThread.h", "PZThread::Start() failed !! [timers]\r"));
+    EXPECT_TRUE(priorities.Changes().empty());
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, StartAnswersZeroWhenThePriorityIsRefusedAndTheThreadRuns) {
+    StdoutCapture output;
+    pztest::setpriority_call.FailNext(EPERM);
+    EXPECT_EQ(0, sub.start("timers"));
+    EXPECT_TRUE(has_report(output.Take(), "SetPriority", "PZThreadMng.cpp",
+                           "error : errno[1 : Operation not permitted]"));
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, ASecondStartAnswersZeroAndLeavesTheThreadAlone) {
+    EXPECT_EQ(1, sub.start("timers"));
+    StdoutCapture output;
+    EXPECT_EQ(0, sub.start("others"));
+    EXPECT_TRUE(has_report(output.Take(), "Start", "PZThread.h", "error [others]"));
+    EXPECT_EQ(std::vector<std::string>{"timers"}, thread_names());
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, StartAnswersOnlyWhenTheThreadHasReadTheTick) {
+    static std::atomic<bool> answered;
+    static std::atomic<bool> answeredTooEarly;
+    static pthread_t starter;
+    answered = false;
+    answeredTooEarly = false;
+    starter = pthread_self();
+    // The thread's reading takes its time; start must not answer meanwhile.
+    pztest::clock_gettime_call.Replace([](clockid_t clock, timespec* now) {
+        const bool isStarter = pthread_equal(pthread_self(), starter) != 0;
+        for (int nap = 0; !isStarter && nap < 50 && !answered; ++nap) usleep(1000);
+        if (!isStarter && answered) answeredTooEarly = true;
+        return pztest::clock_gettime_call.Real(clock, now);
+    });
+    EXPECT_EQ(1, sub.start("timers"));
+    answered = true;
+    pztest::clock_gettime_call.Replace(nullptr);
+    EXPECT_FALSE(answeredTooEarly);
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, AnEndedThreadCanBeStartedAgain) {
+    EXPECT_EQ(1, sub.start("first"));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    EXPECT_EQ(1, sub.start("second"));
+    EXPECT_EQ(std::vector<std::string>{"second"}, thread_names());
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+// End
+
+TEST_F(PZLTimerSubMngStartTest, EndWithoutAThreadAnswersOne) {
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    EXPECT_EQ(0, pthread_join_call.Calls());
+}
+
+TEST_F(PZLTimerSubMngStartTest, EndWithoutAThreadEndsTheNextOneAtOnce) {
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    EXPECT_EQ(1, sub.start("timers"));
+    const id_t thread = priorities.Changes()[0].thread;
+    EXPECT_TRUE(wait_until([&] { return !kernel_thread_exists(thread); }));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngStartTest, EndJoinsAndUnregistersTheThread) {
+    EXPECT_EQ(1, sub.start("timers"));
+    const id_t thread = priorities.Changes()[0].thread;
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    EXPECT_FALSE(kernel_thread_exists(thread));
+    EXPECT_TRUE(thread_names().empty());
+}
+
+TEST_F(PZLTimerSubMngStartTest, EndRemovesAllTimersWithoutCallingThem) {
+    EXPECT_EQ(1, sub.start("timers"));
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 100));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    EXPECT_EQ(0, sub.isActive(&timer));
+    EXPECT_EQ(0U, timer.Fired());
+}
+
+TEST_F(PZLTimerSubMngStartTest, EndWaitsLongerThanItsTimeoutForARunningCallback) {
+    std::promise<void> release;
+    const CallbackTimer::Callback hold = [released = release.get_future().share()](TimerInfo*) {
+        released.wait();
+        return 0;
+    };
+    CallbackTimer timer(hold);
+    EXPECT_EQ(1, sub.start("timers"));
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+
+    std::atomic<bool> ended{false};
+    int result = -1;
+    std::thread ender([&] {
+        result = sub.end(/*timeout=*/0);
+        ended = true;
+    });
+    EXPECT_TRUE(wait_until([] { return pthread_join_call.Calls() == 1; }));
+    EXPECT_FALSE(ended);
+    release.set_value();
+    ender.join();
+    EXPECT_EQ(1, result);
+}
+
+TEST_F(PZLTimerSubMngStartTest, EndAnswersZeroWhenTheJoinFails) {
+    EXPECT_EQ(1, sub.start("timers"));
+    StdoutCapture output;
+    pthread_join_call.Replace([](pthread_t handle, void** result) {
+        pthread_join_call.Real(handle, result);
+        errno = EINTR;
+        return ESRCH;
+    });
+    EXPECT_EQ(0, sub.end(kIgnoredTimeout));
+    pthread_join_call.Replace(nullptr);
+    EXPECT_TRUE(has_report(output.Take(), "WaitExit", "PZThread.h",
+                           "pthread_join failed !! ret[3] errno[4 : Interrupted system call]"));
+    EXPECT_TRUE(thread_names().empty());
+}
+
+// Priority
+
+TEST_F(PZLTimerSubMngTest, SetPriorityGivesTheThreadAnotherPriority) {
+    EXPECT_EQ(1, sub.setPriority(251));
+    ASSERT_EQ(2U, priorities.Changes().size());
+    EXPECT_EQ(priorities.Changes()[0].thread, priorities.Changes()[1].thread);
+    EXPECT_EQ(0, priorities.Changes()[1].nice);
+}
+
+TEST_F(PZLTimerSubMngTest, SetPriorityAnswersZeroWhenItIsRefused) {
+    StdoutCapture output;
+    pztest::setpriority_call.FailNext(EACCES);
+    EXPECT_EQ(0, sub.setPriority(177));
+    EXPECT_TRUE(has_report(output.Take(), "SetPriority", "PZThreadMng.cpp",
+                           "error : errno[13 : Permission denied]"));
+}
+
+TEST_F(PZLTimerSubMngStartTest, SetPriorityWithoutAThreadReportsTheMissingThreadId) {
+    StdoutCapture output;
+    pztest::setpriority_call.FailNext(ESRCH);
+    EXPECT_EQ(0, sub.setPriority(200));
+    EXPECT_TRUE(has_report(output.Take(), "SetPriority", "PZThread.h", "invalid thread id"));
+}
+
+// Adding, removing, querying
+
+TEST_F(PZLTimerSubMngTest, ANullTimerIsNeitherAddedNorActiveNorRemoved) {
+    EXPECT_EQ(0, sub.addTimer(nullptr, 10));
+    EXPECT_EQ(0, sub.isActive(nullptr));
+    EXPECT_EQ(0, sub.removeTimer(nullptr));
+    EXPECT_EQ(TimeOuts{kNoLimit}, waits.TimeOuts());
+}
+
+TEST_F(PZLTimerSubMngTest, AnAddedTimerIsActive) {
+    CallbackTimer timer;
+    EXPECT_EQ(0, sub.isActive(&timer));
+    EXPECT_EQ(1, sub.addTimer(&timer, 100));
+    EXPECT_EQ(1, sub.isActive(&timer));
+}
+
+TEST_F(PZLTimerSubMngTest, ARemovedTimerIsNoLongerActive) {
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 100));
+    EXPECT_EQ(1, sub.removeTimer(&timer));
+    EXPECT_EQ(0, sub.isActive(&timer));
+    EXPECT_EQ(0, sub.removeTimer(&timer));
+}
+
+TEST_F(PZLTimerSubMngTest, ARemovedTimerDoesNotFire) {
+    CallbackTimer timer;
+    Add(timer, 100);
+    EXPECT_EQ(1, sub.removeTimer(&timer));
+    AdvanceToCheck(100);
+    EXPECT_EQ(0U, timer.Fired());
+}
+
+TEST_F(PZLTimerSubMngTest, AddingAnActiveTimerAnswersZeroAndKeepsIntervalAndExpiry) {
+    TimerInfo seen = {};
+    CallbackTimer timer([&](TimerInfo* info) {
+        seen = *info;
+        return 0;
+    });
+    Add(timer, 100);
+    tick.Advance(50);
+    EXPECT_EQ(0, sub.addTimer(&timer, 500));
+    AdvanceToCheck(50);
+    EXPECT_EQ(Ticks{kStart + 100}, timer.FiredAt());
+    EXPECT_EQ(100U, seen.interval);
+    EXPECT_EQ(kStart + 100, seen.expiry);
+}
+
+TEST_F(PZLTimerSubMngTest, ATimerThreadThatDoesNotRunKeepsWhatIsAddedAndRemoved) {
+    PZLTimerSubMng idle(50, 200);
+    CallbackTimer timer;
+    EXPECT_EQ(1, idle.addTimer(&timer, 1));
+    EXPECT_EQ(1, idle.isActive(&timer));
+    EXPECT_EQ(1, idle.removeTimer(&timer));
+}
+
+// Firing
+
+TEST_F(PZLTimerSubMngTest, ATimerFiresWhenItsIntervalIsOver) {
+    CallbackTimer timer;
+    Add(timer, 100);
+    EXPECT_EQ(0U, timer.Fired());
+    AdvanceToCheck(100);
+    EXPECT_EQ(Ticks{kStart + 100}, timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, ATimerDoesNotFireOneMillisecondBeforeItsIntervalIsOver) {
+    CallbackTimer timer;
+    Add(timer, 100);
+    tick.Advance(99);
+    Check();
+    EXPECT_EQ(0U, timer.Fired());
+    AdvanceToCheck(1);
+    EXPECT_EQ(Ticks{kStart + 100}, timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, TheCallbackSeesIntervalAndExpiry) {
+    TimerInfo seen = {};
+    CallbackTimer timer([&](TimerInfo* info) {
+        seen = *info;
+        return 0;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(107);
+    EXPECT_EQ(100U, seen.interval);
+    EXPECT_EQ(kStart + 100, seen.expiry);
+}
+
+TEST_F(PZLTimerSubMngTest, ATimerThatAnswersZeroIsNoLongerActive) {
+    CallbackTimer timer(0);
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(0, sub.isActive(&timer));
+    EXPECT_EQ((TimeOuts{kNoLimit, 100, kNoLimit}), waits.TimeOuts());
+}
+
+TEST_F(PZLTimerSubMngTest, ATimerThatAnswersNonZeroRepeats) {
+    CallbackTimer timer(-1);
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(1, sub.isActive(&timer));
+    AdvanceToCheck(100);
+    AdvanceToCheck(100);
+    EXPECT_EQ((Ticks{kStart + 100, kStart + 200, kStart + 300}), timer.FiredAt());
+    EXPECT_EQ((TimeOuts{kNoLimit, 100, 100, 100, 100}), waits.TimeOuts());
+}
+
+TEST_F(PZLTimerSubMngTest, ThePeriodCountsFromTheCheckAndALateOneIsNotCaughtUp) {
+    CallbackTimer timer(1);
+    Add(timer, 100);
+    AdvanceToCheck(130);
+    EXPECT_EQ(100, LastTimeOut());
+    tick.Advance(99);
+    Check();
+    EXPECT_EQ(1U, timer.Fired());
+    AdvanceToCheck(1);
+    EXPECT_EQ((Ticks{kStart + 130, kStart + 230}), timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, ATimerThatIsManyPeriodsLateFiresOnce) {
+    CallbackTimer timer(1);
+    Add(timer, 100);
+    AdvanceToCheck(1000);
+    EXPECT_EQ(Ticks{kStart + 1000}, timer.FiredAt());
+    EXPECT_EQ(100, LastTimeOut());
+}
+
+TEST_F(PZLTimerSubMngTest, TheTimeACallbackTakesDoesNotMoveTheRepetitions) {
+    CallbackTimer timer([&](TimerInfo*) {
+        tick.Advance(30);
+        return 1;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    TimerInfo seen = {};
+    CallbackTimer probe([&](TimerInfo* info) {
+        seen = *info;
+        return 0;
+    });
+    Add(probe, 70);  // at 130: due together with the repetition, 100 after the check
+    AdvanceToCheck(70);
+    EXPECT_EQ(kStart + 200, seen.expiry);
+    EXPECT_EQ(2U, timer.Fired());
+}
+
+TEST_F(PZLTimerSubMngTest, TheCallbackMayChangeTheInterval) {
+    CallbackTimer timer([](TimerInfo* info) {
+        info->interval += 50;
+        return 1;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    AdvanceToCheck(150);
+    EXPECT_EQ((Ticks{kStart + 100, kStart + 250}), timer.FiredAt());
+    EXPECT_EQ((TimeOuts{kNoLimit, 100, 150, 200}), waits.TimeOuts());
+}
+
+TEST_F(PZLTimerSubMngTest, AnExpiryWrittenByTheCallbackIsNotUsed) {
+    CallbackTimer timer([](TimerInfo* info) {
+        info->expiry = 7;
+        return 1;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(100, LastTimeOut());
+}
+
+TEST_F(PZLTimerSubMngTest, AnIntervalOfZeroFiresAtTheNextCheck) {
+    CallbackTimer timer;
+    Add(timer, 0);
+    EXPECT_EQ(Ticks{kStart}, timer.FiredAt());
+    EXPECT_EQ((TimeOuts{kNoLimit, kNoLimit}), waits.TimeOuts());
+}
+
+TEST_F(PZLTimerSubMngTest, ARepeatingIntervalOfZeroWaitsWithoutLimitForTheNextAddedTimer) {
+    CallbackTimer eager(1);
+    CallbackTimer other;
+    Add(other, 10);
+    Add(eager, 0);
+    EXPECT_EQ(1U, eager.Fired());
+    EXPECT_EQ(kNoLimit, LastTimeOut());
+    tick.Advance(1000);
+    CallbackTimer added;
+    Add(added, 100);
+    EXPECT_EQ(Ticks{kStart + 1000}, other.FiredAt());
+    EXPECT_EQ((Ticks{kStart, kStart + 1000}), eager.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, TimersDueTogetherFireInTheOrderOfTheirAddresses) {
+    using Order = std::vector<const PZLTimerBase*>;
+    class Noted : public PZLTimerBase {
+    public:
+        explicit Noted(Order& order) : order_(order) {}
+        int OnTimer(TimerInfo*) override {
+            order_.push_back(this);
+            return 0;
+        }
+
+    private:
+        Order& order_;
+    };
+    Order order;
+    std::vector<std::unique_ptr<Noted>> timers;
+    for (int i = 0; i < 20; ++i) timers.push_back(std::make_unique<Noted>(order));
+    // The later added, the earlier due: neither is the order of the calls.
+    unsigned int ms = 100;
+    for (auto it = timers.rbegin(); it != timers.rend(); ++it) Add(**it, ms--);
+    AdvanceToCheck(100);
+    ASSERT_EQ(timers.size(), order.size());
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end(), std::less<const PZLTimerBase*>()));
+}
+
+TEST_F(PZLTimerSubMngTest, ATimerMayBeDeletedThroughItsBase) {
+    class Counted : public PZLTimerBase {
+    public:
+        explicit Counted(int& destroyed) : destroyed_(destroyed) {}
+        ~Counted() override { ++destroyed_; }
+        int OnTimer(TimerInfo*) override { return 0; }
+
+    private:
+        int& destroyed_;
+    };
+    int destroyed = 0;
+    const std::unique_ptr<PZLTimerBase> timer = std::make_unique<Counted>(destroyed);
+    Add(*timer, 0);
+    EXPECT_EQ(0, destroyed);
+}
+
+// Waiting
+
+TEST_F(PZLTimerSubMngTest, WithoutTimersTheThreadWaitsWithoutLimit) {
+    EXPECT_EQ(TimeOuts{kNoLimit}, waits.TimeOuts());
+}
+
+TEST_F(PZLTimerSubMngTest, TheThreadWaitsForTheSmallestExpiry) {
+    CallbackTimer first;
+    CallbackTimer second;
+    CallbackTimer third;
+    Add(first, 300);
+    Add(second, 100);
+    Add(third, 200);
+    EXPECT_EQ((TimeOuts{kNoLimit, 300, 100, 100}), waits.TimeOuts());
+    AdvanceToCheck(100);
+    AdvanceToCheck(100);
+    AdvanceToCheck(100);
+    EXPECT_EQ((TimeOuts{kNoLimit, 300, 100, 100, 100, 100, kNoLimit}), waits.TimeOuts());
+    EXPECT_EQ(Ticks{kStart + 100}, second.FiredAt());
+    EXPECT_EQ(Ticks{kStart + 200}, third.FiredAt());
+    EXPECT_EQ(Ticks{kStart + 300}, first.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, RemovingATimerDoesNotWakeTheThread) {
+    CallbackTimer timer;
+    Add(timer, 100);
+    EXPECT_EQ(1, sub.removeTimer(&timer));
+    EXPECT_EQ((TimeOuts{kNoLimit, 100}), waits.TimeOuts());
+    AdvanceToCheck(100);
+    EXPECT_EQ((TimeOuts{kNoLimit, 100, kNoLimit}), waits.TimeOuts());
+}
+
+TEST_F(PZLTimerSubMngTest, TheLongestLimitedWaitIsTwoToThe31Minus1) {
+    CallbackTimer timer;
+    Add(timer, 0x7FFFFFFFU);
+    EXPECT_EQ(0x7FFFFFFF, LastTimeOut());
+}
+
+TEST_F(PZLTimerSubMngTest, AnIntervalOfTwoToThe31WaitsWithoutLimit) {
+    CallbackTimer timer;
+    Add(timer, 0x80000000U);
+    EXPECT_GT(0, LastTimeOut());
+    tick.Advance(0x80000000LL);
+    CallbackTimer added;
+    Add(added, 100);  // brings about the check
+    EXPECT_EQ(1U, timer.Fired());
+}
+
+TEST_F(PZLTimerSubMngTest, AnIntervalThatReachesAroundTheTickIntoTheLastWindowFiresAtOnce) {
+    tick.Advance(10);
+    CallbackTimer timer;
+    Add(timer, 0xFFFFFFFFU);
+    EXPECT_EQ(Ticks{kStart + 10}, timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, AFailedWaitIsAnAssertionAndTheThreadWaitsAgainForTheSameTime) {
+    StdoutCapture output;
+    pztest::epoll_wait_call.FailNext(EIO);
+    CallbackTimer timer;
+    Add(timer, 100);
+    EXPECT_EQ((TimeOuts{kNoLimit, 100}), waits.TimeOuts());
+    const std::string text = output.Take();
+    const std::string banner =
+        "#########\n#########\nASSERT Failed! - "
+        "src/Framework/Utility/private/PZLTimerSubMng.cpp(";
+    const size_t start = text.find(banner);
+    ASSERT_NE(std::string::npos, start) << text;
+    EXPECT_NE(std::string::npos, text.find(")\n#########\n#########\n", start));
+    EXPECT_NE(std::string::npos, text.find("[error] dumpDirectly()@PZCallStack.cpp(", start));
+    AdvanceToCheck(100);
+    EXPECT_EQ(1U, timer.Fired());
+}
+
+// The wrap of the tick
+
+TEST_F(PZLTimerSubMngWrapTest, ATimerBeyondTheWrapWaitsForTheSumOfTickAndExpiry) {
+    StartAt(kWrap - 10);
+    CallbackTimer timer;
+    Add(timer, 30);  // expiry 20, at the tick 2^32 - 10: the sum is 10
+    EXPECT_EQ(10, LastTimeOut());
+    AdvanceToCheck(10);
+    EXPECT_EQ(0U, timer.Fired());
+    EXPECT_EQ(20, LastTimeOut());
+    AdvanceToCheck(20);
+    EXPECT_EQ(Ticks{20}, timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngWrapTest, ASumThatIsTooLargeWaitsWithoutLimit) {
+    StartAt(kWrap - 51);
+    CallbackTimer timer;
+    Add(timer, 100);  // expiry 49: the sum is 2^32 - 2
+    EXPECT_EQ(-2, LastTimeOut());
+    tick.Advance(100);
+    CallbackTimer added;
+    Add(added, 5);  // brings about the check
+    EXPECT_EQ(Ticks{49}, timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngWrapTest, ASumOfZeroWaitsWithoutLimit) {
+    StartAt(kWrap - 50);
+    CallbackTimer timer;
+    Add(timer, 100);  // expiry 50: the sum is 0
+    EXPECT_EQ(kNoLimit, LastTimeOut());
+}
+
+TEST_F(PZLTimerSubMngWrapTest, AnExpiryOfZeroLiesBeyondTheWrap) {
+    StartAt(kWrap - 50);
+    CallbackTimer timer;
+    Add(timer, 50);  // expiry 0: the sum is 2^32 - 50
+    EXPECT_EQ(-50, LastTimeOut());
+}
+
+TEST_F(PZLTimerSubMngWrapTest, TheLastTickBeforeTheWrapIsWaitedFor) {
+    StartAt(kWrap - 50);
+    CallbackTimer timer;
+    Add(timer, 49);
+    EXPECT_EQ(49, LastTimeOut());
+    AdvanceToCheck(49);
+    EXPECT_EQ(Ticks{0xFFFFFFFFU}, timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngWrapTest, AnExpiryBeforeTheWrapIsWaitedForFirst) {
+    StartAt(kWrap - 50);
+    CallbackTimer beyond;
+    CallbackTimer before;
+    Add(beyond, 60);  // expiry 10
+    Add(before, 40);
+    EXPECT_EQ(40, LastTimeOut());
+    AdvanceToCheck(40);
+    EXPECT_EQ(Ticks{0xFFFFFFF6U}, before.FiredAt());
+    EXPECT_EQ(0U, beyond.Fired());
+}
+
+TEST_F(PZLTimerSubMngWrapTest, TheSmallestExpiryBeyondTheWrapIsWaitedFor) {
+    StartAt(kWrap - 10);
+    CallbackTimer late;
+    CallbackTimer early;
+    Add(late, 90);
+    EXPECT_EQ(70, LastTimeOut());  // expiry 80
+    Add(early, 40);
+    EXPECT_EQ(20, LastTimeOut());  // expiry 30
+}
+
+TEST_F(PZLTimerSubMngWrapTest, ALateCheckBeyondTheWrapFiresWhatWasDueBeforeIt) {
+    StartAt(kWrap - 50);
+    CallbackTimer before;
+    CallbackTimer atTheEnd;
+    CallbackTimer later;
+    Add(before, 40);
+    Add(atTheEnd, 53);
+    Add(later, 54);
+    AdvanceToCheck(53);
+    EXPECT_EQ(Ticks{3}, before.FiredAt());
+    EXPECT_EQ(Ticks{3}, atTheEnd.FiredAt());
+    EXPECT_EQ(0U, later.Fired());
+    EXPECT_EQ(1, LastTimeOut());
+}
+
+TEST_F(PZLTimerSubMngWrapTest, TheRepetitionIsA32BitSum) {
+    StartAt(kWrap - 150);
+    std::vector<unsigned long long> expiries;
+    CallbackTimer timer([&](TimerInfo* info) {
+        expiries.push_back(info->expiry);
+        return 1;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);  // at 2^32 - 50, next expiry 50, sum 0
+    EXPECT_EQ(kNoLimit, LastTimeOut());
+    tick.Advance(100);
+    Check();
+    EXPECT_EQ((std::vector<unsigned long long>{0xFFFFFFCEULL, 50ULL}), expiries);
+}
+
+// From inside a callback
+
+TEST_F(PZLTimerSubMngTest, ATimerIsNotActiveWhileItFires) {
+    int active = -1;
+    CallbackTimer timer([&](TimerInfo*) {
+        active = sub.isActive(&timer);
+        return 1;
+    });
+    Add(timer, 0);
+    EXPECT_EQ(0, active);
+    EXPECT_EQ(1, sub.isActive(&timer));
+}
+
+TEST_F(PZLTimerSubMngTest, RemovingTheFiringTimerFindsNothingAndDoesNotStopIt) {
+    int removed = -1;
+    CallbackTimer timer([&](TimerInfo*) {
+        removed = sub.removeTimer(&timer);
+        return 1;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(0, removed);
+    EXPECT_EQ(1, sub.isActive(&timer));
+    AdvanceToCheck(100);
+    EXPECT_EQ(2U, timer.Fired());
+}
+
+TEST_F(PZLTimerSubMngTest, AddingTheFiringTimerWinsOverItsRepetition) {
+    int added = -1;
+    std::vector<unsigned int> intervals;
+    CallbackTimer timer([&](TimerInfo* info) {
+        intervals.push_back(info->interval);
+        if (intervals.size() == 1) {
+            tick.Advance(7);
+            added = sub.addTimer(&timer, 500);
+        }
+        return 1;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(1, added);
+    ASSERT_TRUE(waits.AwaitCount(4));  // the added timer brings about one more check
+    EXPECT_EQ((TimeOuts{kNoLimit, 100, 507, 500}), waits.TimeOuts());
+    AdvanceToCheck(500);
+    EXPECT_EQ((std::vector<unsigned int>{100, 500}), intervals);
+    EXPECT_EQ((Ticks{kStart + 100, kStart + 607}), timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, AddingTheFiringTimerKeepsItActiveThoughItAnswersZero) {
+    CallbackTimer timer([&](TimerInfo*) {
+        if (timer.Fired() == 1) sub.addTimer(&timer, 500);
+        return 0;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(1, sub.isActive(&timer));
+    ASSERT_TRUE(waits.AwaitCount(4));
+    AdvanceToCheck(500);
+    EXPECT_EQ(2U, timer.Fired());
+    EXPECT_EQ(0, sub.isActive(&timer));
+}
+
+TEST_F(PZLTimerSubMngTest, RemovingTheFiringTimerAfterAddingItTakesBackTheAdding) {
+    int removed = -1;
+    CallbackTimer timer([&](TimerInfo*) {
+        sub.addTimer(&timer, 500);
+        removed = sub.removeTimer(&timer);
+        return 0;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(1, removed);
+    EXPECT_EQ(0, sub.isActive(&timer));
+    ASSERT_TRUE(waits.AwaitCount(4));
+}
+
+TEST_F(PZLTimerSubMngTest, RemovingAnotherDueTimerFindsNothingAndDoesNotStopIt) {
+    // Two timers that try to remove each other when they are due together.
+    std::vector<int> removed;
+    CallbackTimer* other = nullptr;
+    CallbackTimer one([&](TimerInfo*) {
+        removed.push_back(sub.removeTimer(other));
+        return 0;
+    });
+    CallbackTimer two([&](TimerInfo*) {
+        removed.push_back(sub.removeTimer(&one));
+        return 0;
+    });
+    other = &two;
+    Add(one, 100);
+    Add(two, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ((std::vector<int>{0, 0}), removed);
+    EXPECT_EQ(1U, one.Fired());
+    EXPECT_EQ(1U, two.Fired());
+}
+
+TEST_F(PZLTimerSubMngTest, ACallbackCanRemoveATimerThatIsNotDue) {
+    CallbackTimer victim;
+    int removed = -1;
+    CallbackTimer timer([&](TimerInfo*) {
+        removed = sub.removeTimer(&victim);
+        return 0;
+    });
+    Add(victim, 101);
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    EXPECT_EQ(1, removed);
+    EXPECT_EQ(0, sub.isActive(&victim));
+    EXPECT_EQ(kNoLimit, LastTimeOut());
+}
+
+TEST_F(PZLTimerSubMngTest, ACallbackCanAddAnotherTimer) {
+    CallbackTimer next;
+    CallbackTimer timer([&](TimerInfo*) {
+        sub.addTimer(&next, 10);
+        return 0;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    ASSERT_TRUE(waits.AwaitCount(4));
+    AdvanceToCheck(10);
+    EXPECT_EQ(Ticks{kStart + 110}, next.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, ATimerAddedByACallbackFiresAtTheEarliestInTheNextCheck) {
+    CallbackTimer next;
+    size_t firedMeanwhile = 99;
+    CallbackTimer timer([&](TimerInfo*) {
+        sub.addTimer(&next, 0);
+        firedMeanwhile = next.Fired();
+        return 0;
+    });
+    Add(timer, 100);
+    AdvanceToCheck(100);
+    ASSERT_TRUE(waits.AwaitCount(4));
+    EXPECT_EQ(0U, firedMeanwhile);
+    EXPECT_EQ(1U, next.Fired());
+}
+
+TEST_F(PZLTimerSubMngTest, ACallbackMayDeleteItsTimerWhenItAnswersZero) {
+    class SelfDestroying : public PZLTimerBase {
+    public:
+        explicit SelfDestroying(std::atomic<bool>& destroyed) : destroyed_(destroyed) {}
+        ~SelfDestroying() override { destroyed_ = true; }
+        int OnTimer(TimerInfo*) override {
+            delete this;
+            return 0;
+        }
+
+    private:
+        std::atomic<bool>& destroyed_;
+    };
+    std::atomic<bool> destroyed{false};
+    Add(*new SelfDestroying(destroyed), 0);
+    EXPECT_TRUE(destroyed);
+}
+
+TEST_F(PZLTimerSubMngTest, AnExceptionFromACallbackEndsTheThreadAndFreesTheLock) {
+    CallbackTimer timer([](TimerInfo*) -> int { throw std::runtime_error("no timer"); });
+    const id_t thread = priorities.Changes()[0].thread;
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return !kernel_thread_exists(thread); }));
+    EXPECT_EQ(0, sub.isActive(&timer));
+}
+
+// Several threads
+
+TEST_F(PZLTimerSubMngTest, RemovingATimerWaitsForItsRunningCallback) {
+    std::promise<void> release;
+    std::atomic<bool> returned{false};
+    CallbackTimer timer([&, released = release.get_future().share()](TimerInfo*) {
+        released.wait();
+        returned = true;
+        return 1;
+    });
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+
+    int removed = -1;
+    bool returnedBefore = false;
+    std::promise<void> goesIn;
+    std::thread remover([&] {
+        goesIn.set_value();
+        removed = sub.removeTimer(&timer);
+        returnedBefore = returned;
+    });
+    goesIn.get_future().wait();
+    release.set_value();
+    remover.join();
+    EXPECT_EQ(1, removed);
+    EXPECT_TRUE(returnedBefore);
+}
+
+TEST_F(PZLTimerSubMngTest, AddingAndQueryingWaitForARunningCallback) {
+    std::promise<void> release;
+    std::atomic<bool> returned{false};
+    CallbackTimer timer([&, released = release.get_future().share()](TimerInfo*) {
+        released.wait();
+        returned = true;
+        return 0;
+    });
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+
+    CallbackTimer other;
+    std::promise<void> firstGoesIn;
+    std::promise<void> secondGoesIn;
+    std::atomic<int> returnedBefore{0};
+    std::thread adder([&] {
+        firstGoesIn.set_value();
+        sub.addTimer(&other, 100);
+        returnedBefore += returned ? 1 : 0;
+    });
+    std::thread asker([&] {
+        secondGoesIn.set_value();
+        sub.isActive(&timer);
+        returnedBefore += returned ? 1 : 0;
+    });
+    firstGoesIn.get_future().wait();
+    secondGoesIn.get_future().wait();
+    release.set_value();
+    adder.join();
+    asker.join();
+    EXPECT_EQ(2, returnedBefore);
+}
+
+// Thread hooks
+
+TEST_F(PZLTimerSubMngStartTest, InitializeSucceeds) {
+    EXPECT_EQ(0, sub.Initialize());
+}
+
+TEST_F(PZLTimerSubMngStartTest, FinalizeRemovesAllTimers) {
+    CallbackTimer one;
+    CallbackTimer two;
+    EXPECT_EQ(1, sub.addTimer(&one, 1));
+    EXPECT_EQ(1, sub.addTimer(&two, 1));
+    sub.Finalize();
+    EXPECT_EQ(0, sub.isActive(&one));
+    EXPECT_EQ(0, sub.isActive(&two));
+}
+
+static_assert(std::is_same<unsigned int, decltype(TimerInfo::interval)>::value, "32 bits");
+static_assert(std::is_same<unsigned long long, decltype(TimerInfo::expiry)>::value, "64 bits");
+static_assert(!std::is_copy_constructible<PZLTimerSubMng>::value, "not to be copied");
+static_assert(!std::is_copy_assignable<PZLTimerSubMng>::value, "not to be copied");
+static_assert(std::has_virtual_destructor<PZLTimerBase>::value, "deleted through the base");
+
+}  // namespace
