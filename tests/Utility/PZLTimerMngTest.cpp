@@ -49,7 +49,7 @@ using pztest::has_report;
 using pztest::StdoutCapture;
 using pztest::TimerInfo;
 using pztest::wait_until;
-using Handle = PZLTimerMng::TimerSubInfo*;
+using Handle = PZLTimerMng::TimerSubInfo;
 using Names = std::vector<std::string>;
 
 constexpr unsigned int kLong = 1000000;  // milliseconds that no test lasts
@@ -104,7 +104,7 @@ protected:
     void TearDown() override { PZSingletonFinalizer::finalize(); }
 
     /// Calls AddTimer as a thread of that nice value.
-    Handle AddAs(int nice, PZLTimerBase* timer, unsigned int ms) {
+    Handle* AddAs(int nice, PZLTimerBase* timer, unsigned int ms) {
         FakePriorities::SetOwnNice(nice);
         return manager->AddTimer(timer, ms);
     }
@@ -161,7 +161,7 @@ TEST_F(PZLTimerMngTest, StartsThoughThePrioritiesAreRefused) {
 
 TEST_F(PZLTimerMngTest, FindAnswersTheBandThatHoldsThePriority) {
     for (const Band& band : kBands) {
-        const Handle handle = manager->Find(band.lo);
+        Handle* const handle = manager->Find(band.lo);
         ASSERT_NE(nullptr, handle) << band.lo;
         EXPECT_EQ(band.lo, handle->lo);
         EXPECT_EQ(band.hi, handle->hi);
@@ -188,7 +188,7 @@ TEST_F(PZLTimerMngTest, EveryBandHasItsOwnSubManager) {
 
 TEST_F(PZLTimerMngTest, CheckupComparesThePriorityWithTheBand) {
     for (const Band& band : kBands) {
-        const Handle handle = manager->Find(band.lo);
+        Handle* const handle = manager->Find(band.lo);
         EXPECT_EQ(-1, manager->Checkup(handle, INT_MIN));
         EXPECT_EQ(-1, manager->Checkup(handle, band.lo - 1));
         EXPECT_EQ(0, manager->Checkup(handle, band.lo));
@@ -208,7 +208,7 @@ TEST_F(PZLTimerMngTest, GetPriorityIsTheCallingThreadsWidePriority) {
 TEST_F(PZLTimerMngTest, AddTimerFilesByThePriorityOfTheCaller) {
     for (const Band& band : kBands) {
         CallbackTimer timer;
-        const Handle handle = AddAs(band.callerNice, &timer, kLong);
+        Handle* const handle = AddAs(band.callerNice, &timer, kLong);
         ASSERT_NE(nullptr, handle);
         EXPECT_EQ(manager->Find(band.lo), handle);
         EXPECT_EQ(1, handle->sub->isActive(&timer));
@@ -226,7 +226,7 @@ TEST_F(PZLTimerMngTest, CallbacksRunOnTheThreadOfTheirBand) {
     };
     for (const Band& band : kBands) {
         CallbackTimer timer(note);
-        const Handle handle = AddAs(band.callerNice, &timer, 0);
+        Handle* const handle = AddAs(band.callerNice, &timer, 0);
         ASSERT_NE(nullptr, handle);
         ASSERT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
         EXPECT_EQ(0, manager->IsActive(handle, &timer));  // waits for the callback's end
@@ -238,8 +238,8 @@ TEST_F(PZLTimerMngTest, CallbacksRunOnTheThreadOfTheirBand) {
 
 TEST_F(PZLTimerMngTest, ATimerMayBeActiveInTwoBands) {
     CallbackTimer timer;
-    const Handle first = AddAs(-20, &timer, kLong);
-    const Handle last = AddAs(0, &timer, kLong);
+    Handle* const first = AddAs(-20, &timer, kLong);
+    Handle* const last = AddAs(0, &timer, kLong);
     ASSERT_NE(nullptr, first);
     ASSERT_NE(nullptr, last);
     EXPECT_NE(first, last);
@@ -266,12 +266,12 @@ TEST_F(PZLTimerMngTest, ACallbackThatTakesLongHoldsUpItsOwnBandOnly) {
 TEST_F(PZLTimerMngTest, AddTimerFromACallbackFilesByTheTimerThreadsOwnPriority) {
     for (const Band& band : kBands) {
         CallbackTimer next;
-        std::promise<Handle> added;
+        std::promise<Handle*> added;
         CallbackTimer timer([&](TimerInfo*) {
             added.set_value(manager->AddTimer(&next, kLong));
             return 0;
         });
-        const Handle handle = AddAs(band.callerNice, &timer, 0);
+        Handle* const handle = AddAs(band.callerNice, &timer, 0);
         ASSERT_NE(nullptr, handle);
         EXPECT_EQ(manager->Find(177), added.get_future().get());
         EXPECT_EQ(0, manager->IsActive(handle, &timer));
@@ -308,7 +308,7 @@ TEST_F(PZLTimerMngTest, AddTimerOfAThreadOfUnknownPriorityIsReported) {
 TEST_F(PZLTimerMngTest, AddTimerOfAnActiveTimerAnswersNullAndLeavesItAlone) {
     StdoutCapture output;
     CallbackTimer timer;
-    const Handle handle = manager->AddTimer(&timer, kLong);
+    Handle* const handle = manager->AddTimer(&timer, kLong);
     ASSERT_NE(nullptr, handle);
     EXPECT_EQ(nullptr, manager->AddTimer(&timer, 0));
     EXPECT_EQ(1, manager->IsActive(handle, &timer));
@@ -319,7 +319,7 @@ TEST_F(PZLTimerMngTest, AddTimerOfAnActiveTimerAnswersNullAndLeavesItAlone) {
 
 TEST_F(PZLTimerMngTest, RemoveTimerAnswersWhetherTheTimerWasActiveInTheBand) {
     CallbackTimer timer;
-    const Handle handle = AddAs(0, &timer, kLong);
+    Handle* const handle = AddAs(0, &timer, kLong);
     ASSERT_NE(nullptr, handle);
     EXPECT_EQ(0, manager->RemoveTimer(manager->Find(177), &timer));
     EXPECT_EQ(1, manager->RemoveTimer(handle, &timer));
@@ -328,7 +328,7 @@ TEST_F(PZLTimerMngTest, RemoveTimerAnswersWhetherTheTimerWasActiveInTheBand) {
 
 TEST_F(PZLTimerMngTest, IsActiveAnswersWhetherTheTimerIsActiveInTheBand) {
     CallbackTimer timer;
-    const Handle handle = AddAs(0, &timer, kLong);
+    Handle* const handle = AddAs(0, &timer, kLong);
     ASSERT_NE(nullptr, handle);
     EXPECT_EQ(1, manager->IsActive(handle, &timer));
     EXPECT_EQ(0, manager->IsActive(manager->Find(177), &timer));
@@ -338,7 +338,7 @@ TEST_F(PZLTimerMngTest, IsActiveAnswersWhetherTheTimerIsActiveInTheBand) {
 
 TEST_F(PZLTimerMngTest, NullHandlesAndNullTimersAreAnsweredWithZero) {
     CallbackTimer timer;
-    const Handle handle = manager->AddTimer(&timer, kLong);
+    Handle* const handle = manager->AddTimer(&timer, kLong);
     ASSERT_NE(nullptr, handle);
     EXPECT_EQ(0, manager->RemoveTimer(nullptr, &timer));
     EXPECT_EQ(0, manager->RemoveTimer(handle, nullptr));
@@ -376,7 +376,7 @@ TEST_F(PZLTimerMngTest, DestructionDropsActiveTimersWithoutCallingThem) {
 }
 
 TEST_F(PZLTimerMngTest, DestructionLeavesASubManagerThatCannotBeEndedInPlace) {
-    static Handle left;  // static: the leak on purpose stays reachable
+    static Handle* left;  // static: the leak on purpose stays reachable
     static int joins;
     left = manager->Find(220);
     joins = 0;
@@ -445,7 +445,7 @@ TEST_F(PZLTimerMngTest, NoPeriodIsShorterThanTheInterval) {
         expiries.push_back(static_cast<unsigned int>(info->expiry));
         return 1;
     });
-    const Handle handle = manager->AddTimer(&timer, 10);
+    Handle* const handle = manager->AddTimer(&timer, 10);
     ASSERT_NE(nullptr, handle);
     ASSERT_TRUE(wait_until([&] { return timer.Fired() >= 6; }));
     EXPECT_EQ(1, manager->RemoveTimer(handle, &timer));
@@ -453,14 +453,16 @@ TEST_F(PZLTimerMngTest, NoPeriodIsShorterThanTheInterval) {
     ASSERT_EQ(firedAt.size(), expiries.size());
     for (size_t i = 0; i < firedAt.size(); ++i) {
         EXPECT_GT(30000U, firedAt[i] - expiries[i]) << "fired before its expiry, or far too late";
-        if (i > 0) EXPECT_LE(10U, expiries[i] - expiries[i - 1]);
+        if (i > 0) {
+            EXPECT_LE(10U, expiries[i] - expiries[i - 1]);
+        }
     }
 }
 
 TEST_F(PZLTimerMngTest, ATimerMayBeDeletedAsSoonAsRemoveTimerHasReturned) {
     for (int i = 0; i < 300; ++i) {
         auto timer = std::make_unique<CallbackTimer>(1);
-        const Handle handle = manager->AddTimer(timer.get(), 1);
+        Handle* const handle = manager->AddTimer(timer.get(), 1);
         ASSERT_NE(nullptr, handle);
         if (i % 3 == 0) {
             ASSERT_TRUE(wait_until([&] { return timer->Fired() > 0; }));
@@ -471,18 +473,18 @@ TEST_F(PZLTimerMngTest, ATimerMayBeDeletedAsSoonAsRemoveTimerHasReturned) {
 
 TEST_F(PZLTimerMngTest, AThousandTimersOfFourThreadsFireWhileTheyAreAddedAndRemoved) {
     constexpr size_t kThreads = 4;
-    constexpr size_t kTimersPerThread = 250;
+    constexpr unsigned int kTimersPerThread = 250;
     std::atomic<int> failures{0};
     const auto work = [&](const Band& band) {
         FakePriorities::SetOwnNice(band.callerNice);
         std::vector<std::unique_ptr<CallbackTimer>> timers;
-        std::vector<Handle> handles;
-        for (size_t i = 0; i < kTimersPerThread; ++i) {
+        std::vector<Handle*> handles;
+        for (unsigned int i = 0; i < kTimersPerThread; ++i) {
             timers.push_back(std::make_unique<CallbackTimer>(1));
             handles.push_back(manager->AddTimer(timers.back().get(), 1 + i % 7));
             if (handles.back() == nullptr) ++failures;
         }
-        for (size_t i = 0; i < kTimersPerThread; ++i) {
+        for (unsigned int i = 0; i < kTimersPerThread; ++i) {
             const bool fired = wait_until([&] { return timers[i]->Fired() >= 2; });
             if (!fired || manager->IsActive(handles[i], timers[i].get()) != 1) ++failures;
             if (manager->RemoveTimer(handles[i], timers[i].get()) != 1) ++failures;
