@@ -128,6 +128,13 @@ bool timer_threads_end() {
 
 class pz_frameworkTest : public testing::Test {
 protected:
+    void SetUp() override {
+        steps.clear();
+        openedLogs.clear();
+        timerMngIsMissing = false;
+        watchDogFails = false;
+        answersForThreadMng = false;
+    }
     void TearDown() override {
         onStep = nullptr;
         pz_FwFinalize();

@@ -1,5 +1,6 @@
 #include "Framework/Foundation/PZLHeapMng.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -92,6 +93,22 @@ PZSync& heap_lock() {
     return lock;
 }
 
+thread_local unsigned int knownThreadId = 0;  // 0: not asked for yet
+
+void forget_thread_id() {
+    knownThreadId = 0;
+}
+
+/// Kernel id of the calling thread. Asking for it costs as much as several frames of a call stack,
+/// so a thread asks once, and once more in a forked child.
+unsigned int this_thread_id() {
+    static const bool isToldOfForks = pthread_atfork(nullptr, nullptr, &forget_thread_id) == 0;
+    if (knownThreadId == 0 || !isToldOfForks) {
+        knownThreadId = static_cast<unsigned int>(syscall(SYS_gettid));
+    }
+    return knownThreadId;
+}
+
 unsigned char* data_of(ST_MEM_BLOCK* block) {
     return reinterpret_cast<unsigned char*>(block) + kHeaderSize;
 }
@@ -153,7 +170,7 @@ void unlink_locked(ST_MEM_BLOCK* block) {
 
     for (unsigned int& guard : block->guards) guard = kGuardWord;
     block->size = size;
-    block->threadId = static_cast<unsigned int>(syscall(SYS_gettid));
+    block->threadId = this_thread_id();
     for (int i = 0; i < kCallers; ++i) block->callers[i] = stack.getAddress(first + i);
     for (auto& name : block->names) name[0] = '\0';
     std::memset(data_of(block) + size, kTrailerByte, kTrailerSize);
