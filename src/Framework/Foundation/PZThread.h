@@ -73,8 +73,9 @@ public:
         try {
             thread->RunPhases();
         } catch (abi::__forced_unwind&) {
-            throw;       // the C library ends the thread with it: it must arrive there
-        } catch (...) {  // NOLINT(bugprone-empty-catch): the thread just ends
+            throw;  // cancellation, pthread_exit: the C library waits for it
+        } catch (...) {
+            // Ends the thread, no more.
         }
         return nullptr;
     }
@@ -115,8 +116,8 @@ public:
                                                        static_cast<unsigned int>(tid));
     }
 
-    /// The name given to the last successful Start (at most 127 characters); empty before.
-    /// Points into the object.
+    /// The name that Start stored last (at most 127 characters), empty before; a buffer of 128
+    /// bytes inside the object.
     const char* getName() const noexcept { return name_; }
 
     /// True from a successful Start until WaitExit, also when the thread has ended meanwhile.
@@ -155,7 +156,7 @@ private:
     PZThread* self_;  // its address is the argument of WrappedEntry
     T* const owner_;
     char name_[128] = {};
-    pthread_t handle_ = kNoThread;  // touched by the controlling thread only
+    pthread_t handle_ = kNoThread;  // changed by the controlling thread only
     std::atomic<int> tid_{kNoTid};  // kernel thread id; set by the new thread, -1 again by WaitExit
     const unsigned int watchTime_;
     const std::unique_ptr<PZSync> sync_;  // for whoever needs one per thread; nothing takes it yet

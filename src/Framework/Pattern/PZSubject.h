@@ -44,8 +44,9 @@ public:
     /// subscribed is twice called.
     int AddObserver(PZObserver_* o);
 
-    /// Subscribes for the `count` identifiers at `ids` (copied), and for every notification of
-    /// type en_NTF_ALL. An identifier listed twice gives two calls.
+    /// Subscribes for the `count` identifiers at `ids` (copied; null is none), and for every
+    /// notification of type en_NTF_ALL. An identifier listed twice gives two calls. 1, or 0 for a
+    /// null observer (reported).
     int AddObserver(PZObserver_* o, unsigned int* ids, unsigned int count);
 
     /// Ends the oldest subscription of `o`. 1 when there was one, else 0.

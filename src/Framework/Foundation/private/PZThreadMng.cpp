@@ -2,11 +2,11 @@
 
 #include <pthread.h>
 #include <sys/resource.h>
-#include <time.h>
 
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
 #include <Framework/Diagnostics/PZReport.h>
@@ -228,7 +228,7 @@ void PZThreadMng::checkThreadStatus() PZ_NO_THREAD_SAFETY_ANALYSIS {
         timespec used = {};
         // Stored only when the clock cannot be read, on purpose: run times stay 0 in practice.
         if (clock_gettime(clock, &used) == 0) continue;
-        info.runtime = static_cast<int>(used.tv_sec * 1000 + used.tv_nsec / 1000000);
+        info.runtime = static_cast<int>(used.tv_sec * 1000LL + used.tv_nsec / 1000000);
     }
 }
 

@@ -22,6 +22,7 @@ int PZSubject::AddObserver(PZObserver_* o) {
 }
 
 int PZSubject::AddObserver(PZObserver_* o, unsigned int* ids, unsigned int count) {
+    if (ids == nullptr) count = 0;
     {
         const PZSyncLock lock(sync_);
         if (o != nullptr) {
