@@ -727,6 +727,66 @@ TEST_F(PZLMsgBoxTest, OrdersByTheLow8BitsOfThePriority) {
     EXPECT_EQ((Log{"msg 3", "msg 2", "msg 1"}), ServeAll());
 }
 
+TEST_F(PZLMsgBoxTest, GoesOnWhenAChainOfEmergenciesOverflowsItsMessageEvent) {
+    constexpr unsigned int kChain = 70000;  // signals; the pipe below the event holds 65536
+    std::atomic<unsigned int> posted{1};
+    std::atomic<unsigned int> failures{0};
+    StdoutCapture capture;
+    unit.OnMessage(1, [&](const auto&) {
+        if (posted == kChain) return;
+        ++posted;
+        if (Post(1, 0) == kFailure) ++failures;  // queued all the same
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1, 0));
+    ASSERT_TRUE(unit.WaitForCount(kChain));
+    EXPECT_GE(failures, 1U);
+    EXPECT_TRUE(pztest::has_report(capture.Take(), "PushMsg", "PZLMsgBox.cpp", "SetEvent failed"));
+    ASSERT_EQ(kSuccess, Post(2));
+    EXPECT_TRUE(unit.WaitForCount(kChain + 1));
+}
+
+TEST_F(PZLMsgBoxTest, APostWaitsWhileTheLoopResetsItsMessageEvent) {
+    // Both may have to empty the event, and two that do would compete for its last signal.
+    std::thread poster;
+    std::atomic<bool> posting{false};
+    std::atomic<bool> posted{false};
+    std::atomic<bool> postedInside{false};
+    unit.OnMessage(1, [&](const auto&) {
+        AtNextWait(0, [&] {
+            poster = std::thread([&] {
+                posting = true;
+                Post(2);
+                posted = true;
+            });
+            wait_until([&] { return posting.load(); });
+            // Time for a post that does not wait to show itself.
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            postedInside = posted.load();
+        });
+    });
+    StartLoop();
+    ASSERT_EQ(kSuccess, Post(1));
+    EXPECT_TRUE(unit.WaitForCount(2));
+    poster.join();
+    EXPECT_FALSE(postedInside);
+}
+
+TEST_F(PZLMsgBoxTest, AHandlerThatThrowsLeavesNeitherALockNorAPayloadBehind) {
+    unit.OnMessage(1, [](const auto&) { throw 1; });
+    loop = std::thread([this] {
+        EXPECT_THROW(box.Loop(1), int);
+        loopResult = 0;
+    });
+    ASSERT_EQ(0, box.InitWait(kLongWaitMs));
+    Record record = {id, 1, kOrdinary, "x", 2};  // released, or the leak check tells
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+    ASSERT_TRUE(wait_until([this] { return loopResult == 0; }));
+    loop.join();
+    box.Unregistory(id);
+    EXPECT_EQ(id, box.Registory(&unit));
+}
+
 // Dispatchers that come and go
 
 TEST_F(PZLMsgBoxTest, DropsWhatIsAddressedToNobodyWithoutAReport) {
@@ -949,7 +1009,6 @@ TEST_F(PZLMsgBoxTest, ServesAMessageThatComesBetweenTheLoopsTestAndItsWait) {
 }
 
 TEST_F(PZLMsgBoxTest, ServesAMessageWhoseSignalTheResetAtTheEndOfAPassHasTaken) {
-    std::thread poster;
     unit.OnMessage(1, [&](const auto&) {
         // The loop's next poll is the reset of its event at the end of this pass.
         AtNextWait(0, [&] { Post(2); });
@@ -1113,13 +1172,13 @@ TEST_F(PZLMsgBoxLoadTest, ServesEveryMessageOfManyPostersInOrderOnALevelOfTheirO
     });
 }
 
-TEST_F(PZLMsgBoxLoadTest, ServesAFloodOfEmergenciesThatOverflowsTheMessageEvent) {
+TEST_F(PZLMsgBoxLoadTest, ServesEveryEmergencyOfManyPostersInOrder) {
     Run(kFloodPerPoster, [this](unsigned int poster, unsigned int sequence) {
         return PostMessage(poster, 0, sequence);
     });
 }
 
-TEST_F(PZLMsgBoxLoadTest, ServesAFloodOfEventsThatOverflowsTheMessageEvent) {
+TEST_F(PZLMsgBoxLoadTest, ServesEveryEventOfManyPostersInOrder) {
     Run(kFloodPerPoster, [this](unsigned int poster, unsigned int sequence) {
         return box.SetEvent((poster << 24U) | sequence, id);
     });

@@ -53,8 +53,12 @@ public:
         log_.clear();
     }
 
+    size_t Count() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return log_.size();
+    }
     bool WaitForCount(size_t count) const {
-        return wait_until([this, count] { return Received().size() >= count; });
+        return wait_until([this, count] { return Count() >= count; });
     }
 
 private:
