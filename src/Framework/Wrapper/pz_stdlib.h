@@ -35,8 +35,8 @@ PZ_API unsigned int pz_wcsnlen(const wchar_t* s, unsigned int max);
 /// Compares without regard to case, at most `n` characters: 0 when equal, else the first differing
 /// character of `a` minus that of `b`, in lower case. 0x7FFFFFFF for null or `n` 0.
 ///
-/// Not symmetric: when `a` is a prefix of `b`, they are equal; when `b` is one of `a`, `a` is
-/// greater.
+/// Not symmetric: when `a`, not empty, is a prefix of `b`, they are equal; when `b` is one of `a`,
+/// `a` is greater.
 PZ_API int pz_wcsnicmp(const wchar_t* a, const wchar_t* b, unsigned int n);
 
 /// True for code points below 128.
@@ -88,7 +88,7 @@ PZ_API bool pz_create_process(const char* program, pid_t* pidOut, const char* ar
 /// model, with these letters:
 ///   d i   signed decimal                     o x X  unsigned octal and hexadecimal
 ///   u     unsigned decimal                   p      an address, in decimal
-///   f F   floating point; inf and nan in the letter's case
+///   f F   floating point, never with an exponent; inf and nan in lower case
 ///   c     one wide character (wint_t or int)
 ///   s     narrow text in UTF-8, wide text with length l; a null pointer prints "(null)", and
 ///         bytes that are not UTF-8 print nothing and are reported

@@ -160,7 +160,6 @@ std::wstring take_text(const ST_CONVERSION& conversion, ST_ARGS& args) {
 void put_floating(std::wostream& out, const ST_CONVERSION& conversion, ST_ARGS& args) {
     out << std::fixed
         << std::setprecision(conversion.precision < 0 ? kDefaultPrecision : conversion.precision);
-    if (conversion.letter == L'F') out << std::uppercase;
     if (conversion.length == Length::en_LONG_LONG) {
         out << va_arg(args.list, long double);
     } else {
