@@ -1,0 +1,190 @@
+#include "Framework/Foundation/PZStopwatch.h"
+
+#include <gtest/gtest.h>
+
+#include "support/ManualTick.h"
+
+namespace {
+
+constexpr long long kNsPerSecond = 1000000000;
+
+clockid_t asked_clock = -1;
+
+int remember_clock(clockid_t clock, timespec* now) {
+    asked_clock = clock;
+    return pztest::clock_gettime_call.Real(clock, now);
+}
+
+class PZStopwatchTest : public testing::Test {
+protected:
+    void TearDown() override { pztest::clock_gettime_call.Reset(); }
+
+    pztest::ManualTick tick;
+    PZStopwatch watch;
+};
+
+}  // namespace
+
+TEST_F(PZStopwatchTest, DoesNotRunAtFirst) {
+    tick.Advance(5);
+    EXPECT_EQ(0ULL, watch.Lap());
+    EXPECT_EQ(0ULL, watch.Split());
+    EXPECT_EQ(0ULL, watch.Stop());
+}
+
+TEST_F(PZStopwatchTest, MeasuresNanosecondsSinceStart) {
+    tick.SetNanoseconds(1000);
+    watch.Start();
+    tick.SetNanoseconds(1001);
+    EXPECT_EQ(1ULL, watch.Split());
+    tick.SetNanoseconds(5000001000);
+    EXPECT_EQ(5000000000ULL, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, MeasuresZeroWhileTheClockStands) {
+    watch.Start();
+    EXPECT_EQ(0ULL, watch.Split());
+    EXPECT_EQ(0ULL, watch.Lap());
+    EXPECT_EQ(0ULL, watch.Stop());
+}
+
+TEST_F(PZStopwatchTest, MeasuresAcrossAFullSecond) {
+    tick.SetNanoseconds(1900000000);
+    watch.Start();
+    tick.SetNanoseconds(2100000000);
+    EXPECT_EQ(200000000ULL, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, ChangesNothingWithSplit) {
+    watch.Start();
+    tick.Advance(3);
+    EXPECT_EQ(3000000ULL, watch.Split());
+    EXPECT_EQ(3000000ULL, watch.Split());
+    tick.Advance(4);
+    EXPECT_EQ(7000000ULL, watch.Split());
+    EXPECT_EQ(7000000ULL, watch.Lap());
+}
+
+TEST_F(PZStopwatchTest, MeasuresTheFirstLapFromStart) {
+    watch.Start();
+    tick.Advance(9);
+    EXPECT_EQ(9000000ULL, watch.Lap());
+}
+
+TEST_F(PZStopwatchTest, BeginsANewLapWithEveryLap) {
+    watch.Start();
+    tick.Advance(9);
+    watch.Lap();
+    EXPECT_EQ(0ULL, watch.Lap());
+    tick.Advance(2);
+    EXPECT_EQ(2000000ULL, watch.Lap());
+}
+
+TEST_F(PZStopwatchTest, TellsLapsWhoseSumIsTheSplitOfTheSameMoment) {
+    watch.Start();
+    tick.Advance(11);
+    const unsigned long long first = watch.Lap();
+    tick.Advance(6);
+    const unsigned long long second = watch.Lap();
+    EXPECT_EQ(11000000ULL, first);
+    EXPECT_EQ(6000000ULL, second);
+    EXPECT_EQ(first + second, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, TellsTheTimeSinceStartWhenStoppedAfterALap) {
+    watch.Start();
+    tick.Advance(11);
+    watch.Lap();
+    tick.Advance(6);
+    EXPECT_EQ(17000000ULL, watch.Stop());
+}
+
+TEST_F(PZStopwatchTest, TellsTheElapsedTimeOnlyOnceWhenStopped) {
+    watch.Start();
+    tick.Advance(8);
+    EXPECT_EQ(8000000ULL, watch.Stop());
+    EXPECT_EQ(0ULL, watch.Stop());
+}
+
+TEST_F(PZStopwatchTest, DoesNotRunAfterStop) {
+    watch.Start();
+    tick.Advance(8);
+    watch.Stop();
+    tick.Advance(8);
+    EXPECT_EQ(0ULL, watch.Lap());
+    EXPECT_EQ(0ULL, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, KeepsTheFirstStartWhileRunning) {
+    watch.Start();
+    tick.Advance(5);
+    watch.Start();
+    tick.Advance(5);
+    EXPECT_EQ(10000000ULL, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, KeepsTheLapWhenStartedWhileRunning) {
+    watch.Start();
+    tick.Advance(5);
+    watch.Lap();
+    tick.Advance(3);
+    watch.Start();
+    tick.Advance(1);
+    EXPECT_EQ(4000000ULL, watch.Lap());
+}
+
+TEST_F(PZStopwatchTest, StartsAfreshAfterStop) {
+    watch.Start();
+    tick.Advance(5);
+    watch.Stop();
+    tick.Advance(100);
+    watch.Start();
+    tick.Advance(2);
+    EXPECT_EQ(2000000ULL, watch.Lap());
+    EXPECT_EQ(2000000ULL, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, ForgetsEverythingWithInit) {
+    watch.Start();
+    tick.Advance(5);
+    watch.init();
+    EXPECT_EQ(0ULL, watch.Lap());
+    EXPECT_EQ(0ULL, watch.Split());
+    EXPECT_EQ(0ULL, watch.Stop());
+}
+
+TEST_F(PZStopwatchTest, StartsAfreshAfterInit) {
+    watch.Start();
+    tick.Advance(5);
+    watch.init();
+    watch.Start();
+    tick.Advance(1);
+    EXPECT_EQ(1000000ULL, watch.Stop());
+}
+
+TEST_F(PZStopwatchTest, MeasuresUpToTheLargestSigned32BitNumberOfSeconds) {
+    tick.SetNanoseconds(0);
+    watch.Start();
+    tick.SetNanoseconds(0x7FFFFFFF * kNsPerSecond + 5);
+    EXPECT_EQ(2147483647000000005ULL, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, CountsTheSecondsAsASigned32BitNumber) {
+    if (sizeof(time_t) < sizeof(long long)) GTEST_SKIP() << "the clock has no more seconds";
+    tick.SetNanoseconds(0);
+    watch.Start();
+    tick.SetNanoseconds(0x80000000 * kNsPerSecond);
+    EXPECT_EQ(static_cast<unsigned long long>(-2147483648LL * kNsPerSecond), watch.Split());
+    tick.SetNanoseconds(0x100000001 * kNsPerSecond);
+    EXPECT_EQ(1000000000ULL, watch.Split());
+}
+
+TEST_F(PZStopwatchTest, ReadsTheMonotonicClock) {
+    pztest::clock_gettime_call.Replace(remember_clock);
+    asked_clock = -1;
+    watch.Start();
+    EXPECT_EQ(CLOCK_MONOTONIC, asked_clock);
+    asked_clock = -1;
+    watch.Split();
+    EXPECT_EQ(CLOCK_MONOTONIC, asked_clock);
+}
