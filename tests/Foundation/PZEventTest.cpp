@@ -282,16 +282,17 @@ extern "C" int fcntl64(int fd, int command, ...) {
     return -1;
 }
 
-void* operator new(size_t size) {
+// Out of line, or the compiler sees a free of what operator new returned.
+__attribute__((noinline)) void* operator new(size_t size) {
     ++allocations;
     void* const memory = std::malloc(size);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
-void operator delete(void* memory) noexcept {
+__attribute__((noinline)) void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, size_t /*size*/) noexcept {
+__attribute__((noinline)) void operator delete(void* memory, size_t /*size*/) noexcept {
     std::free(memory);
 }
 
