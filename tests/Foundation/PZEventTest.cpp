@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -214,7 +214,15 @@ void count_usr1(int /*signal*/) {
 
 class PZEventTest : public testing::Test {
 protected:
-    ~PZEventTest() override {
+    void SetUp() override { DisarmAll(); }
+    void TearDown() override { DisarmAll(); }
+
+    OpenEvent a;
+    OpenEvent b;
+    PZEvent* both[2] = {&a.event, &b.event};
+
+private:
+    static void DisarmAll() {
         pipe_call.Reset();
         epoll_create_call.Reset();
         epoll_ctl_call.Reset();
@@ -230,10 +238,6 @@ protected:
         bytes_written.clear();
         waiters_past_epoll = 0;
     }
-
-    OpenEvent a;
-    OpenEvent b;
-    PZEvent* both[2] = {&a.event, &b.event};
 };
 
 /// Each in a process of its own, that has never waited: these stay the first in this file, and
@@ -247,37 +251,37 @@ static_assert(sizeof(PZEvent) == 2 * sizeof(int));
 
 }  // namespace
 
-extern "C" int pipe(int* fds) noexcept {
-    const int result = pipe_call(fds);
-    if (result == 0) last_pipe = {fds[0], fds[1]};
+extern "C" int pipe(int* pipedes) noexcept {
+    const int result = pipe_call(pipedes);
+    if (result == 0) last_pipe = {pipedes[0], pipedes[1]};
     return result;
 }
 extern "C" int epoll_create(int size) noexcept {
     return epoll_create_call(size);
 }
-extern "C" int epoll_ctl(int epollFd, int operation, int fd, epoll_event* entry) noexcept {
-    return epoll_ctl_call(epollFd, operation, fd, entry);
+extern "C" int epoll_ctl(int epfd, int op, int fd, epoll_event* event) noexcept {
+    return epoll_ctl_call(epfd, op, fd, event);
 }
-extern "C" int epoll_wait(int epollFd, epoll_event* ready, int room, int timeoutMs) {
-    return epoll_wait_call(epollFd, ready, room, timeoutMs);
+extern "C" int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    return epoll_wait_call(epfd, events, maxevents, timeout);
 }
-extern "C" ssize_t read(int fd, void* bytes, size_t size) {
-    return read_call(fd, bytes, size);
+extern "C" ssize_t read(int fd, void* buf, size_t nbytes) {
+    return read_call(fd, buf, nbytes);
 }
-extern "C" ssize_t write(int fd, const void* bytes, size_t size) {
-    return write_call(fd, bytes, size);
+extern "C" ssize_t write(int fd, const void* buf, size_t n) {
+    return write_call(fd, buf, n);
 }
 extern "C" int close(int fd) {
     return close_call(fd);
 }
 // The name behind fcntl in code that is built for large files, as the library is.
-extern "C" int fcntl64(int fd, int command, ...) {
+extern "C" int fcntl64(int fd, int cmd, ...) {
     va_list arguments;
-    va_start(arguments, command);
+    va_start(arguments, cmd);
     const long argument = va_arg(arguments, long);
     va_end(arguments);
     ++fcntl_calls;
-    if (!fcntl_fails) return fcntl(fd, command, argument);
+    if (!fcntl_fails) return fcntl(fd, cmd, argument);
     errno = EPERM;
     return -1;
 }
@@ -1153,6 +1157,7 @@ TEST_F(PZEventTest, LosesNoneOfTheSignalsOfFourThreads) {
     std::atomic<bool> over{false};
 
     std::vector<std::thread> threads;
+    threads.reserve(kConsumers + kSetters);
     for (int i = 0; i < kConsumers; ++i) {
         threads.emplace_back([&] {
             while (a.event.WaitEvent(kNoLimit) == 0 && !over) ++taken;

@@ -1,9 +1,8 @@
 #ifndef PZ_TESTS_SUPPORT_MANUALTICK_H
 #define PZ_TESTS_SUPPORT_MANUALTICK_H
 
-#include <time.h>
-
 #include <atomic>
+#include <ctime>
 
 #include "support/Interposed.h"
 
@@ -45,9 +44,9 @@ inline int manual_clock_gettime(clockid_t clock, timespec* now) {
 
 }  // namespace pztest
 
-extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept;
-extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
-    return pztest::manual_clock_gettime(clock, now);
+// NOLINTNEXTLINE(misc-definitions-in-headers): one file of a test executable includes this
+extern "C" int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
+    return pztest::manual_clock_gettime(clock_id, tp);
 }
 
 #endif  // PZ_TESTS_SUPPORT_MANUALTICK_H

@@ -6,13 +6,17 @@
 /// A counting wake-up signal between the threads of one process.
 ///
 /// Every SetEvent adds one signal; a successful wait takes exactly one. Signals are kept in an
-/// anonymous pipe, so their number is bounded by its size.
+/// anonymous pipe, so their number is bounded by its size (65536 on most machines). Programs that
+/// the process starts do not inherit the pipe.
 ///
-/// Threads:   any thread may set or wait; two waiters compete, each signal wakes at most one.
-///            SetEvent never blocks.
-/// Time:      milliseconds; 0xFFFFFFFF waits without limit, 0 polls.
-/// Process:   the first wait sets SIGPIPE to be ignored.
-/// Failures:  reported and answered with a result, never thrown.
+/// Threads:  any thread may set or wait. Two waiters compete, and each signal wakes at most one:
+///           the other, when it had seen the same signal, goes on to wait for the next one,
+///           whatever its time-out. ResetEvent, and SetEvent on a full pipe, take signals like a
+///           waiter. An event outlives the calls on it.
+/// Time:     milliseconds; 0 polls. 0xFFFFFFFF, like all values above 0x7FFFFFFF, waits without
+///           limit.
+/// Process:  the first wait sets SIGPIPE to be ignored.
+/// Failures: reported and answered with a result, never thrown. Nothing allocates memory.
 class PZ_API PZEvent {
 public:
     PZEvent();
@@ -33,7 +37,7 @@ public:
     bool isInitialized() const noexcept;
 
     /// 1 when the signal was added, 0 otherwise. A full pipe is drained, left with one signal and
-    /// answered with 0.
+    /// answered with 0. Does not wait for room.
     int SetEvent();
 
     /// Takes all pending signals; always true.
@@ -42,11 +46,12 @@ public:
     /// 0 signalled (one signal taken), -2 timed out, -3 error.
     int WaitEvent(unsigned int timeout);
 
-    /// Waits for any, or for all, of at most 64 events.
+    /// Waits for any, or for all, of 1 to 64 different events.
     ///
     /// Any: the index of the event whose signal was taken. All: 0 when every event gave one
     /// signal; each round of waiting gets the full time-out again, and signals taken before a
-    /// time-out stay taken. Either: -2 timed out, -3 error.
+    /// time-out stay taken. Either: -2 timed out, -3 error (also for an event without a pipe, one
+    /// that is listed twice, null `events`, and a count of 0 or above 64).
     static int WaitMultipleEvent(unsigned int count, PZEvent** events, unsigned int timeout,
                                  bool waitAll);
 

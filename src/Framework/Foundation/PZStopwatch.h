@@ -1,7 +1,7 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZSTOPWATCH_H
 #define PZ_FRAMEWORK_FOUNDATION_PZSTOPWATCH_H
 
-#include <time.h>
+#include <ctime>
 
 #include <Framework/PZApi.h>
 

@@ -1,7 +1,6 @@
 #include "Framework/Foundation/PZEvent.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 
 #include <Framework/Diagnostics/PZReport.h>
 

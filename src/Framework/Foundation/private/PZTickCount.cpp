@@ -1,8 +1,7 @@
 #include "Framework/Foundation/PZTickCount.h"
 
-#include <time.h>
-
 #include <cstdint>
+#include <ctime>
 
 template class PZSingleton<PZTickCount>;
 
