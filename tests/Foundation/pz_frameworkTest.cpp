@@ -57,8 +57,8 @@ Function* real(const char* symbol) {
 
 }  // namespace
 
-extern "C" void openlog(const char* ident, int options, int facility) {
-    openedLogs.push_back({ident, options, facility});
+extern "C" void openlog(const char* ident, int option, int facility) {
+    openedLogs.push_back({ident, option, facility});
     note("openlog");
 }
 extern "C" void closelog() {
