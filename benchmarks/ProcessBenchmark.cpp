@@ -17,20 +17,35 @@ namespace {
 constexpr unsigned int kBlock = 64;
 constexpr int kFrames = 13;
 
-void tracked(benchmark::State& state) {
-    for (auto _ : state) {
-        void* const block = Malloc(kBlock);
-        benchmark::DoNotOptimize(block);
-        Free(block);
+/// Runs `body` below so many frames that every capture finds all it asks for.
+[[gnu::noinline]] void run_deep(benchmark::State& state, void (*body)(benchmark::State&),
+                                int frames = kFrames) {
+    if (frames == 0) {
+        body(state);
+    } else {
+        run_deep(state, body, frames - 1);
     }
+    benchmark::ClobberMemory();  // keeps the calls from becoming jumps
+}
+
+void tracked(benchmark::State& state) {
+    run_deep(state, [](benchmark::State& deepState) {
+        for (auto _ : deepState) {
+            void* const block = Malloc(kBlock);
+            benchmark::DoNotOptimize(block);
+            Free(block);
+        }
+    });
 }
 
 /// The capture of the call stack that every tracked block needs.
 void tracked_raw(benchmark::State& state) {
-    for (auto _ : state) {
-        void* frames[kFrames];
-        benchmark::DoNotOptimize(backtrace(frames, kFrames));
-    }
+    run_deep(state, [](benchmark::State& deepState) {
+        for (auto _ : deepState) {
+            void* frames[kFrames];
+            benchmark::DoNotOptimize(backtrace(frames, kFrames));
+        }
+    });
 }
 
 void untracked(benchmark::State& state) {
