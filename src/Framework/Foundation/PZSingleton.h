@@ -32,7 +32,7 @@ public:
     static void finalize();
 
 private:
-    static std::list<void (*)()>* destroyList_;  // null: nothing is registered
+    PZ_LOCAL static std::list<void (*)()>* destroyList_;  // null: nothing is registered
 };
 
 /// Makes the one object of class T on first use and has it destroyed when the framework stops.

@@ -1,0 +1,92 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace {
+
+std::string output_of(const std::string& command) {
+    std::string text;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return text;
+    char buffer[4096];
+    size_t got = 0;
+    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, got);
+    pclose(pipe);
+    return text;
+}
+
+bool begins_with(const std::string& text, const std::string& start) {
+    return text.compare(0, start.size(), start) == 0;
+}
+
+/// The list of public names: what must be exported, and what may be.
+struct PublicNames {
+    std::set<std::string> required;
+    std::set<std::string> allowed;
+};
+
+PublicNames public_names() {
+    const std::string kInline = "inline ";
+    std::ifstream list(PZ_PUBLIC_SYMBOLS);
+    PublicNames names;
+    for (std::string line; std::getline(list, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        const bool isInline = begins_with(line, kInline);
+        const std::string name = isInline ? line.substr(kInline.size()) : line;
+        names.allowed.insert(name);
+        if (!isInline) names.required.insert(name);
+    }
+    return names;
+}
+
+/// What the dynamic symbol table defines. Tables of a class (vtable, type information) count as
+/// the class; functions lose their parameters.
+void read_symbols(std::set<std::string>& members, std::set<std::string>& classes) {
+    std::istringstream lines(output_of("nm -DC --defined-only " PZ_LIBRARY));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t kind = line.find(' ');
+        std::string name = line.substr(kind + 3);
+        for (const char* table :
+             {"vtable for ", "typeinfo for ", "typeinfo name for ", "VTT for "}) {
+            if (begins_with(name, table)) {
+                classes.insert(name.substr(std::string(table).size()));
+                name.clear();
+            }
+        }
+        for (const char* prefix : {"guard variable for ", "non-virtual thunk to "}) {
+            if (begins_with(name, prefix)) name = name.substr(std::string(prefix).size());
+        }
+        if (!name.empty()) members.insert(name.substr(0, name.find('(')));
+    }
+}
+
+}  // namespace
+
+TEST(exportedSymbolsTest, EveryExportedNameIsPublic) {
+    const std::set<std::string> known = public_names().allowed;
+    std::set<std::string> members;
+    std::set<std::string> classes;
+    read_symbols(members, classes);
+    ASSERT_FALSE(members.empty());
+    for (const std::string& member : members) {
+        EXPECT_EQ(1U, known.count(member)) << member << " is exported and not public";
+    }
+    for (const std::string& name : classes) {
+        const auto first = known.lower_bound(name + "::");
+        EXPECT_TRUE(first != known.end() && begins_with(*first, name + "::"))
+            << "the class " << name << " is exported and not public";
+    }
+}
+
+TEST(exportedSymbolsTest, EveryPublicNameIsExported) {
+    std::set<std::string> members;
+    std::set<std::string> classes;
+    read_symbols(members, classes);
+    for (const std::string& name : public_names().required) {
+        EXPECT_EQ(1U, members.count(name)) << name << " is not exported";
+    }
+}
