@@ -22,7 +22,7 @@ int captured_three_frames(void** /*array*/, int /*size*/) {
     return 3;
 }
 
-char** three_lines(void* const* /*addresses*/, int /*count*/) {
+char** three_lines(void* const* /*array*/, int /*size*/) {
     static char innermost[] = "unit.so(inner+0x1) [0x10]";
     static char middle[] = "unit.so(middle+0x2) [0x20]";
     static char outermost[] = "app(main+0x3) [0x30]";
@@ -48,8 +48,8 @@ protected:
 
 }  // namespace
 
-extern "C" int backtrace(void** addresses, int size) {
-    return backtrace_call(addresses, size);
+extern "C" int backtrace(void** array, int size) {
+    return backtrace_call(array, size);
 }
 extern "C" char** backtrace_symbols(void* const* array, int size) noexcept {
     return backtrace_symbols_call(array, size);
