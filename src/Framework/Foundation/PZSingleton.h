@@ -28,7 +28,8 @@ public:
     /// Registers `fn` in front of all others.
     static void addDestroyFunc(void (*fn)());
 
-    /// Calls all registered functions, the last registered first, and forgets them.
+    /// Calls all registered functions, the last registered first, and forgets them; what is
+    /// registered meanwhile is forgotten, too, and not called.
     static void finalize();
 
 private:

@@ -9,8 +9,9 @@ void PZSingletonFinalizer::addDestroyFunc(void (*fn)()) {
 
 void PZSingletonFinalizer::finalize() {
     if (destroyList_ == nullptr) return;
-    // The end is read again after every call: a function may register another one.
-    for (auto fn = destroyList_->begin(); fn != destroyList_->end(); ++fn) (*fn)();
+    // A function registered meanwhile stands in front of the present one: it is not reached, and
+    // forgotten with the others.
+    for (void (*const fn)() : *destroyList_) fn();
     delete destroyList_;
     destroyList_ = nullptr;
 }

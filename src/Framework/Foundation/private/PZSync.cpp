@@ -1,9 +1,9 @@
 #include "Framework/Foundation/PZSync.h"
 
 #include <fcntl.h>
-#include <limits.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -138,6 +138,6 @@ bool PZSync::MayPost() {
         report_not_created("Unlock", __LINE__);
         return false;
     }
-    pz_tsan_unlocking(handle_, owner_);
+    pz_tsan_unlocking(handle_);
     return true;
 }

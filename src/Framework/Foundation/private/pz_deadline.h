@@ -1,7 +1,7 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZ_DEADLINE_H
 #define PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZ_DEADLINE_H
 
-#include <time.h>
+#include <ctime>
 
 /// The moment `timeoutMs` milliseconds from now on CLOCK_REALTIME, as sem_timedwait wants it.
 timespec pz_deadline_after(unsigned int timeoutMs);

@@ -1,17 +1,14 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZ_TSAN_H
 #define PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZ_TSAN_H
 
-#include <pthread.h>
-
-#include <atomic>
-
 #include <Framework/Foundation/PZThreadAnnotations.h>
 
-// What PZSync tells the thread sanitizer, so that it finds locks taken in opposite orders. A
+// What PZSync tells the thread sanitizer, so that it finds locks taken in opposite orders: a
 // semaphore alone gives it the order of memory accesses, but no locks. Empty in other builds.
 //
-// Every acquisition counts as a shared one, because the sanitizer insists that an exclusive lock is
-// given back by the thread that took it, and PZSync does not. The order of locks is checked alike.
+// Every acquisition counts as a shared one. The order of locks is checked alike, and the sanitizer
+// does not insist that the thread that took the lock gives it back, as PZSync does not. A thread
+// whose lock was given back by another one counts as holding it until it has used it once more.
 // Recursive acquisitions are not told: they do not touch the semaphore.
 
 #if PZ_THREAD_SANITIZER
@@ -41,17 +38,10 @@ inline void pz_tsan_waited(void* lock, bool limited, bool acquired) {
     __tsan_mutex_post_lock(lock, acquired ? kind : kind | __tsan_mutex_try_lock_failed, 0);
 }
 
-/// Before the semaphore is posted, with the thread that took the lock.
-inline void pz_tsan_unlocking(void* lock, const std::atomic<pthread_t>& owner) {
-    if (owner.load(std::memory_order_relaxed) == pthread_self()) {
-        __tsan_mutex_pre_unlock(lock, __tsan_mutex_read_lock);
-        __tsan_mutex_post_unlock(lock, __tsan_mutex_read_lock);
-        return;
-    }
-    // The owner will not be seen to give it back: the sanitizer forgets the lock's past instead of
-    // counting it as held for ever.
-    pz_tsan_destroyed(lock);
-    pz_tsan_created(lock);
+/// Before the semaphore is posted.
+inline void pz_tsan_unlocking(void* lock) {
+    __tsan_mutex_pre_unlock(lock, __tsan_mutex_read_lock);
+    __tsan_mutex_post_unlock(lock, __tsan_mutex_read_lock);
 }
 
 #else
@@ -60,7 +50,7 @@ inline void pz_tsan_created(void*) {}
 inline void pz_tsan_destroyed(void*) {}
 inline void pz_tsan_waiting(void*, bool) {}
 inline void pz_tsan_waited(void*, bool, bool) {}
-inline void pz_tsan_unlocking(void*, const std::atomic<pthread_t>&) {}
+inline void pz_tsan_unlocking(void*) {}
 
 #endif
 

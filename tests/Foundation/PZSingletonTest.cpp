@@ -1,0 +1,302 @@
+#include "Framework/Foundation/PZSingleton.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <semaphore.h>
+
+#include <cstddef>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <Framework/Foundation/PZTickCount.h>
+
+#include "support/Interposed.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
+pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
+
+}  // namespace
+
+extern "C" int sem_wait(sem_t* sem) {
+    return sem_wait_call(sem);
+}
+extern "C" int sem_post(sem_t* sem) noexcept {
+    return sem_post_call(sem);
+}
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+/// What happened to the objects below, in order.
+Texts events;
+
+template <char kName>
+class Named : public PZSingleton<Named<kName>> {
+public:
+    ~Named() override { events.push_back(std::string("-") + kName); }
+
+private:
+    friend class PZSingleton<Named<kName>>;
+    Named() { events.push_back(std::string("+") + kName); }
+};
+
+using A = Named<'A'>;
+using B = Named<'B'>;
+using C = Named<'C'>;
+
+void first() {
+    events.emplace_back("first");
+}
+void second() {
+    events.emplace_back("second");
+}
+
+class PZSingletonTest : public testing::Test {
+protected:
+    PZSingletonTest() {
+        PZSingletonFinalizer::finalize();
+        events.clear();
+        sem_wait_call.Reset();
+        sem_post_call.Reset();
+    }
+    ~PZSingletonTest() override { PZSingletonFinalizer::finalize(); }
+};
+
+// --- PZSingleton ---
+
+TEST_F(PZSingletonTest, MakesItsObjectOnTheFirstUseAndOnlyThen) {
+    EXPECT_EQ(Texts{}, events);
+    A* const instance = A::GetInstance();
+    ASSERT_NE(nullptr, instance);
+    EXPECT_EQ(instance, A::GetInstance());
+    EXPECT_EQ(Texts{"+A"}, events);
+}
+
+TEST_F(PZSingletonTest, LocksOnlyWhileItsObjectIsMissing) {
+    A::GetInstance();
+    EXPECT_EQ(1, sem_wait_call.Calls());
+    EXPECT_EQ(1, sem_post_call.Calls());
+    A::GetInstance();
+    EXPECT_EQ(1, sem_wait_call.Calls());
+    EXPECT_EQ(1, sem_post_call.Calls());
+}
+
+/// Is made only when another thread has come to the lock.
+class Slow : public PZSingleton<Slow> {
+public:
+    static int made;
+
+private:
+    friend class PZSingleton<Slow>;
+    Slow() {
+        ++made;
+        EXPECT_TRUE(pztest::wait_until([] { return sem_wait_call.Calls() == 2; }));
+    }
+};
+int Slow::made = 0;
+
+TEST_F(PZSingletonTest, MakesOneObjectForThreadsThatComeAtOnce) {
+    Slow* elsewhere = nullptr;
+    std::thread other([&elsewhere] { elsewhere = Slow::GetInstance(); });
+    Slow* const here = Slow::GetInstance();
+    other.join();
+    EXPECT_NE(nullptr, here);
+    EXPECT_EQ(here, elsewhere);
+    EXPECT_EQ(1, Slow::made);
+}
+
+TEST_F(PZSingletonTest, GivesManyThreadsOneCompleteObject) {
+    std::vector<A*> got(8, nullptr);
+    std::vector<std::thread> threads;
+    threads.reserve(got.size());
+    for (A*& instance : got) {
+        threads.emplace_back([&instance] { instance = A::GetInstance(); });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (A* const instance : got) EXPECT_EQ(A::GetInstance(), instance);
+    EXPECT_EQ(Texts{"+A"}, events);
+}
+
+TEST_F(PZSingletonTest, DestroysItsObjectOnce) {
+    A::GetInstance();
+    A::destroy();
+    EXPECT_EQ((Texts{"+A", "-A"}), events);
+    A::destroy();
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ((Texts{"+A", "-A"}), events);
+}
+
+TEST_F(PZSingletonTest, DestroysNothingBeforeTheFirstUse) {
+    A::destroy();
+    EXPECT_EQ(Texts{}, events);
+}
+
+TEST_F(PZSingletonTest, MakesAndRegistersAFreshObjectAfterTheFinalizer) {
+    for (int i = 0; i < 2; ++i) {
+        events.clear();
+        EXPECT_NE(nullptr, A::GetInstance());
+        PZSingletonFinalizer::finalize();
+        EXPECT_EQ((Texts{"+A", "-A"}), events);
+    }
+}
+
+TEST_F(PZSingletonTest, DestroysSingletonsInTheReverseOrderOfTheirCreation) {
+    A::GetInstance();
+    B::GetInstance();
+    C::GetInstance();
+    A::GetInstance();
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ((Texts{"+A", "+B", "+C", "-C", "-B", "-A"}), events);
+}
+
+/// Refuses to be made as long as `refuse` holds, and counts its memory.
+class Refusing : public PZSingleton<Refusing> {
+public:
+    static bool refuse;
+    static int blocks;
+
+    static void* operator new(size_t size) {
+        ++blocks;
+        return ::operator new(size);
+    }
+    static void operator delete(void* memory) {
+        --blocks;
+        ::operator delete(memory);
+    }
+    ~Refusing() override { events.emplace_back("-Refusing"); }
+
+private:
+    friend class PZSingleton<Refusing>;
+    Refusing() {
+        if (refuse) throw std::runtime_error("not now");
+    }
+};
+bool Refusing::refuse = true;
+int Refusing::blocks = 0;
+
+TEST_F(PZSingletonTest, PassesTheConstructorsExceptionOnAndKeepsNothing) {
+    Refusing::refuse = true;
+    EXPECT_THROW(Refusing::GetInstance(), std::runtime_error);
+    EXPECT_EQ(0, Refusing::blocks);
+    EXPECT_EQ(1, sem_post_call.Calls());
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ(Texts{}, events);
+}
+
+TEST_F(PZSingletonTest, TriesAgainAfterAnExceptionAlsoFromAnotherThread) {
+    Refusing::refuse = true;
+    EXPECT_THROW(Refusing::GetInstance(), std::runtime_error);
+    Refusing::refuse = false;
+    Refusing* instance = nullptr;
+    std::thread([&instance] { instance = Refusing::GetInstance(); }).join();
+    EXPECT_NE(nullptr, instance);
+    EXPECT_EQ(instance, Refusing::GetInstance());
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ(Texts{"-Refusing"}, events);
+    EXPECT_EQ(0, Refusing::blocks);
+}
+
+/// Uses another singleton while it is made.
+class Outer : public PZSingleton<Outer> {
+private:
+    friend class PZSingleton<Outer>;
+    Outer() { A::GetInstance(); }
+    ~Outer() override { events.emplace_back("-Outer"); }
+};
+
+TEST_F(PZSingletonTest, OutlivesASingletonThatUsedItWhileBeingMade) {
+    Outer::GetInstance();
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ((Texts{"+A", "-Outer", "-A"}), events);
+}
+
+TEST_F(PZSingletonTest, HasAVirtualDestructorAndNoData) {
+    EXPECT_TRUE(std::has_virtual_destructor_v<PZSingleton<A>>);
+    EXPECT_EQ(sizeof(void*), sizeof(A));
+    EXPECT_TRUE((std::is_base_of_v<PZUncopyable, PZSingleton<A>>));
+    EXPECT_FALSE(std::is_copy_constructible_v<A>);
+    EXPECT_FALSE(std::is_copy_assignable_v<A>);
+}
+
+// --- The framework's own singletons ---
+
+/// Taken before main: the library's locks were made when it was loaded.
+PZTickCount* const early = PZTickCount::GetInstance();
+const int earlyWaits = sem_wait_call.Calls();
+
+TEST(PZSingletonOfTheFrameworkTest, CanBeUsedBeforeMain) {
+    EXPECT_NE(nullptr, early);
+    EXPECT_EQ(1, earlyWaits);
+}
+
+TEST(PZSingletonOfTheFrameworkTest, IsOneObjectForTheLibraryAndTheProgram) {
+    // RTLD_NEXT: the library's own function, whatever this program has of that name.
+    using Function = PZTickCount* (*)();
+    const auto ofLibrary = reinterpret_cast<Function>(
+        dlsym(RTLD_NEXT, "_ZN11PZSingletonI11PZTickCountE11GetInstanceEv"));
+    ASSERT_NE(nullptr, ofLibrary);
+    EXPECT_EQ(PZTickCount::GetInstance(), ofLibrary());
+    PZTickCount::destroy();
+    EXPECT_EQ(ofLibrary(), PZTickCount::GetInstance());
+}
+
+// --- PZSingletonFinalizer ---
+
+TEST_F(PZSingletonTest, FinalizesNothingWhenNothingIsRegistered) {
+    PZSingletonFinalizer::finalize();
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ(Texts{}, events);
+}
+
+TEST_F(PZSingletonTest, CallsTheLastRegisteredFunctionFirstAndOnlyOnce) {
+    PZSingletonFinalizer::addDestroyFunc(first);
+    PZSingletonFinalizer::addDestroyFunc(second);
+    PZSingletonFinalizer::addDestroyFunc(first);
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ((Texts{"first", "second", "first"}), events);
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ(3U, events.size());
+}
+
+TEST_F(PZSingletonTest, RegistersAgainAfterTheFinalizer) {
+    PZSingletonFinalizer::addDestroyFunc(first);
+    PZSingletonFinalizer::finalize();
+    PZSingletonFinalizer::addDestroyFunc(second);
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ((Texts{"first", "second"}), events);
+}
+
+void register_another() {
+    events.emplace_back("registering");
+    PZSingletonFinalizer::addDestroyFunc(second);
+}
+
+TEST_F(PZSingletonTest, ForgetsWhatIsRegisteredWhileItFinalizes) {
+    PZSingletonFinalizer::addDestroyFunc(first);
+    PZSingletonFinalizer::addDestroyFunc(register_another);
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ((Texts{"registering", "first"}), events);
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ(2U, events.size());
+}
+
+TEST(PZUncopyableTest, MakesItsDerivedClassesUncopyableAtNoCost) {
+    struct Uncopied : private PZUncopyable {
+        int value = 0;
+    };
+    EXPECT_FALSE(std::is_copy_constructible_v<Uncopied>);
+    EXPECT_FALSE(std::is_copy_assignable_v<Uncopied>);
+    EXPECT_TRUE(std::is_empty_v<PZUncopyable>);
+    EXPECT_EQ(sizeof(int), sizeof(Uncopied));
+}
+
+}  // namespace

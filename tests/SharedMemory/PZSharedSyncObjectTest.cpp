@@ -1,0 +1,283 @@
+#include "Framework/SharedMemory/PZSharedSyncObject.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/Interposed.h"
+#include "support/StdoutCapture.h"
+
+namespace {
+
+pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
+pztest::Interposed<int(sem_t*, const timespec*)> sem_timedwait_call("sem_timedwait");
+pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
+pztest::Interposed<int(sem_t*)> sem_close_call("sem_close");
+pztest::Interposed<int(const char*)> sem_unlink_call("sem_unlink");
+pztest::Interposed<int(clockid_t, timespec*)> clock_gettime_call("clock_gettime");
+
+}  // namespace
+
+extern "C" {
+
+int sem_wait(sem_t* sem) {
+    return sem_wait_call(sem);
+}
+int sem_timedwait(sem_t* sem, const timespec* abstime) {
+    return sem_timedwait_call(sem, abstime);
+}
+int sem_post(sem_t* sem) noexcept {
+    return sem_post_call(sem);
+}
+int sem_close(sem_t* sem) noexcept {
+    return sem_close_call(sem);
+}
+int sem_unlink(const char* name) noexcept {
+    return sem_unlink_call(name);
+}
+int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
+    return clock_gettime_call(clock_id, tp);
+}
+
+}  // extern "C"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+class PZSharedSyncObjectTest : public testing::Test {
+protected:
+    PZSharedSyncObjectTest() : name_("pz_shared_" + std::to_string(getpid())) {
+        sem_wait_call.Reset();
+        sem_timedwait_call.Reset();
+        sem_post_call.Reset();
+        sem_close_call.Reset();
+        sem_unlink_call.Reset();
+        clock_gettime_call.Reset();
+    }
+    ~PZSharedSyncObjectTest() override { sem_unlink_call.Real(Path().c_str()); }
+
+    std::string Path() const { return "/" + name_; }
+    const char* Name() const { return name_.c_str(); }
+
+    /// The value of the system's semaphore; -1 when it does not exist.
+    int Value() const {
+        sem_t* const semaphore = sem_open(Path().c_str(), 0);
+        if (semaphore == SEM_FAILED) return -1;
+        int value = -1;
+        sem_getvalue(semaphore, &value);
+        sem_close_call.Real(semaphore);
+        return value;
+    }
+
+    const std::string name_;
+    pztest::StdoutCapture output_;
+};
+
+TEST_F(PZSharedSyncObjectTest, MakesTheSystemsSemaphoreOfItsName) {
+    EXPECT_EQ(-1, Value());
+    const PZSharedSyncObject object(Name());
+    EXPECT_EQ(1, Value());
+    EXPECT_EQ("", output_.Take());
+}
+
+TEST_F(PZSharedSyncObjectTest, TakesTheSemaphoreAndGivesItBack) {
+    const PZSharedSyncObject object(Name());
+    object.lock();
+    EXPECT_EQ(0, Value());
+    object.unlock();
+    EXPECT_EQ(1, Value());
+    EXPECT_EQ("", output_.Take());
+}
+
+TEST_F(PZSharedSyncObjectTest, IsRecursiveInOneThread) {
+    const PZSharedSyncObject object(Name());
+    object.lock();
+    object.lock();
+    object.unlock();
+    EXPECT_EQ(0, Value());
+    object.unlock();
+    EXPECT_EQ(1, Value());
+    EXPECT_EQ(1, sem_timedwait_call.Calls());
+}
+
+TEST_F(PZSharedSyncObjectTest, ServesAsTheObjectOfAGuard) {
+    const PZSharedSyncObject object(Name());
+    {
+        const PZSyncGuard guard(object);
+        EXPECT_EQ(0, Value());
+    }
+    EXPECT_EQ(1, Value());
+}
+
+TEST_F(PZSharedSyncObjectTest, SharesOneSemaphoreWithItsNamesakesAndLeavesItInTheSystem) {
+    {
+        const PZSharedSyncObject first(Name());
+        const PZSharedSyncObject second(Name());
+        first.lock();
+        sem_timedwait_call.FailNext(ETIMEDOUT);
+        second.lock();
+        EXPECT_EQ(Texts{"PZSync.Lock() error [1]"}, pztest::error_messages(output_.Take()));
+        first.unlock();
+        second.lock();
+        second.unlock();
+        EXPECT_EQ("", output_.Take());
+    }
+    EXPECT_EQ(2, sem_close_call.Calls());
+    EXPECT_EQ(0, sem_unlink_call.Calls());
+    EXPECT_EQ(1, Value());
+}
+
+// --- Time limit and failures ---
+
+timespec deadline = {};
+
+int answer_clock(clockid_t, timespec* now) {
+    *now = {100, 250000000};
+    return 0;
+}
+
+int time_out(sem_t*, const timespec* until) {
+    deadline = *until;
+    errno = ETIMEDOUT;
+    return -1;
+}
+
+TEST_F(PZSharedSyncObjectTest, GoesOnWithAReportAfter5000Milliseconds) {
+    const PZSharedSyncObject object(Name());
+    clock_gettime_call.Replace(answer_clock);
+    sem_timedwait_call.Replace(time_out);
+    object.lock();
+    clock_gettime_call.Reset();
+    EXPECT_EQ(105, deadline.tv_sec);
+    EXPECT_EQ(250000000, deadline.tv_nsec);
+    EXPECT_EQ(0, sem_wait_call.Calls());
+    const std::string text = output_.Take();
+    EXPECT_EQ(Texts{"PZSync.Lock() error [1]"}, pztest::error_messages(text));
+    EXPECT_TRUE(pztest::has_report(text, "lock", "PZSharedSyncObject.cpp",  //
+                                   "PZSync.Lock() error [1]"));
+}
+
+TEST_F(PZSharedSyncObjectTest, GoesOnWithReportsAfterAFailedWait) {
+    const PZSharedSyncObject object(Name());
+    sem_timedwait_call.FailNext(EINVAL);
+    object.lock();
+    EXPECT_EQ((Texts{"create error : errno[22 : Invalid argument]", "PZSync.Lock() error [2]"}),
+              pztest::error_messages(output_.Take()));
+    EXPECT_EQ(1, Value());
+}
+
+TEST_F(PZSharedSyncObjectTest, GivesBackWhatItDidNotGetAtTheEndOfAGuard) {
+    const PZSharedSyncObject object(Name());
+    sem_timedwait_call.FailNext(ETIMEDOUT);
+    { const PZSyncGuard guard(object); }
+    EXPECT_EQ(2, Value());
+}
+
+TEST_F(PZSharedSyncObjectTest, ReportsEveryCallWhenItCouldNotBeCreated) {
+    const PZSharedSyncObject object(nullptr);
+    EXPECT_EQ(Texts{"invalid arg : name is null"}, pztest::error_messages(output_.Take()));
+
+    object.lock();
+    const Texts messages = pztest::error_messages(output_.Take());
+    ASSERT_EQ(12U, messages.size());  // ten lines of the call stack between the two
+    EXPECT_EQ("handle is not created", messages.front());
+    EXPECT_EQ("PZSync.Lock() error [2]", messages.back());
+
+    object.unlock();
+    EXPECT_TRUE(pztest::has_report(output_.Take(), "Unlock", "PZSync.cpp",  //
+                                   "handle is not created"));
+    EXPECT_EQ(0, sem_post_call.Calls());
+}
+
+TEST_F(PZSharedSyncObjectTest, IsALockObjectThatCannotBeCopied) {
+    EXPECT_TRUE((std::is_base_of_v<PZSyncObjectBase, PZSharedSyncObject>));
+    EXPECT_EQ(2 * sizeof(void*), sizeof(PZSharedSyncObject));
+    EXPECT_FALSE(std::is_copy_constructible_v<PZSharedSyncObject>);
+    EXPECT_FALSE(std::is_copy_assignable_v<PZSharedSyncObject>);
+}
+
+// --- Threads and processes ---
+
+TEST_F(PZSharedSyncObjectTest, KeepsACounterExactBetweenThreads) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 2000;
+    const PZSharedSyncObject object(Name());
+    int counter = 0;
+    std::vector<std::thread> threads;
+    threads.reserve(kThreads);
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < kRounds; ++round) {
+                const PZSyncGuard guard(object);
+                ++counter;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(kThreads * kRounds, counter);
+}
+
+/// A pipe, by which processes wait for each other.
+class Signal {
+public:
+    Signal() {
+        if (pipe(ends_) != 0) std::abort();
+    }
+    ~Signal() {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+
+    bool Give() const { return write(ends_[1], "x", 1) == 1; }
+    bool Wait() const {
+        char got = 0;
+        return read(ends_[0], &got, 1) == 1;
+    }
+
+private:
+    int ends_[2] = {-1, -1};
+};
+
+int wait_for_ever(sem_t* semaphore, const timespec*) {
+    return sem_wait_call.Real(semaphore);
+}
+
+TEST_F(PZSharedSyncObjectTest, ExcludesTheOtherProcess) {
+    const Signal locked;
+    const Signal goOn;
+    pztest::ChildProcess child([&] {
+        const PZSharedSyncObject object(Name());
+        const PZSyncGuard guard(object);
+        return locked.Give() && goOn.Wait() ? 0 : 1;
+    });
+    ASSERT_TRUE(locked.Wait());
+    const PZSharedSyncObject object(Name());
+    EXPECT_EQ(0, Value());
+    sem_timedwait_call.FailNext(ETIMEDOUT);
+    object.lock();
+    EXPECT_EQ(Texts{"PZSync.Lock() error [1]"}, pztest::error_messages(output_.Take()));
+
+    EXPECT_TRUE(goOn.Give());
+    sem_timedwait_call.Replace(wait_for_ever);  // a loaded machine may take its time
+    object.lock();
+    EXPECT_EQ("", output_.Take());
+    EXPECT_EQ(0, Value());
+    object.unlock();
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_EQ(1, Value());
+}
+
+}  // namespace
