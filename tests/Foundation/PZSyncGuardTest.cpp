@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -102,7 +103,8 @@ TEST(PZSyncObjectBaseTest, KeepsLockAndUnlockInItsThirdAndFourthSlot) {
     Calls calls;
     const Recorder object(calls);
     const PZSyncObjectBase* const base = &object;
-    const auto* const slots = *reinterpret_cast<const Operation* const*>(base);
+    const Operation* slots = nullptr;
+    std::memcpy(&slots, base, sizeof slots);
     slots[2](base);
     EXPECT_EQ((Calls{"lock"}), calls);
     slots[3](base);
