@@ -86,6 +86,8 @@ bool kernel_thread_exists(id_t thread) {
 /// A sub-manager without a thread.
 class PZLTimerSubMngStartTest : public testing::Test {
 protected:
+    void SetUp() override { pthread_join_call.Reset(); }
+
     ManualTick tick{kStart};
     ManualWait waits;
     FakePriorities priorities;
@@ -205,23 +207,28 @@ TEST_F(PZLTimerSubMngStartTest, ASecondStartAnswersZeroAndLeavesTheThreadAlone) 
 
 TEST_F(PZLTimerSubMngStartTest, StartAnswersOnlyWhenTheThreadHasReadTheTick) {
     static std::atomic<bool> answered;
-    static std::atomic<bool> answeredTooEarly;
+    static std::atomic<int> readings;
+    static std::atomic<int> readingsAfterTheAnswer;
     static pthread_t starter;
     answered = false;
-    answeredTooEarly = false;
+    readings = 0;
+    readingsAfterTheAnswer = 0;
     starter = pthread_self();
     // The thread's reading takes its time; start must not answer meanwhile.
     pztest::clock_gettime_call.Replace([](clockid_t clock, timespec* now) {
-        const bool isStarter = pthread_equal(pthread_self(), starter) != 0;
-        for (int nap = 0; !isStarter && nap < 50 && !answered; ++nap) usleep(1000);
-        if (!isStarter && answered) answeredTooEarly = true;
+        if (pthread_equal(pthread_self(), starter) == 0) {
+            ++readings;
+            for (int nap = 0; nap < 50 && !answered; ++nap) usleep(1000);
+            if (answered) ++readingsAfterTheAnswer;
+        }
         return pztest::clock_gettime_call.Real(clock, now);
     });
     EXPECT_EQ(1, sub.start("timers"));
     answered = true;
-    pztest::clock_gettime_call.Replace(nullptr);
-    EXPECT_FALSE(answeredTooEarly);
     EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    pztest::clock_gettime_call.Replace(nullptr);
+    EXPECT_EQ(1, readings);
+    EXPECT_EQ(0, readingsAfterTheAnswer);
 }
 
 TEST_F(PZLTimerSubMngStartTest, AnEndedThreadCanBeStartedAgain) {
@@ -610,6 +617,14 @@ TEST_F(PZLTimerSubMngTest, AnIntervalThatReachesAroundTheTickIntoTheLastWindowFi
     CallbackTimer timer;
     Add(timer, 0xFFFFFFFFU);
     EXPECT_EQ(Ticks{kStart + 10}, timer.FiredAt());
+}
+
+TEST_F(PZLTimerSubMngTest, TheWindowOfDueExpiriesBeginsWithThePreviousCheck) {
+    tick.Advance(10);
+    Check();
+    CallbackTimer timer;
+    Add(timer, 0xFFFFFFFFU);  // expiry one millisecond before the previous check
+    EXPECT_EQ(0U, timer.Fired());
 }
 
 TEST_F(PZLTimerSubMngTest, AFailedWaitIsAnAssertionAndTheThreadWaitsAgainForTheSameTime) {

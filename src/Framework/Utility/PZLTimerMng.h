@@ -84,9 +84,8 @@ private:
     unsigned int lastCheck_ PZ_GUARDED_BY(sync_);  // tick of the previous check
     [[maybe_unused]] const unsigned int thirdValue_;
     const int threadPriority_;
-    TimerMap timers_
-        PZ_GUARDED_BY(sync_);  // the active ones; the due ones leave it while they fire
-    PZSync sync_;              // held while callbacks run
+    TimerMap timers_ PZ_GUARDED_BY(sync_);  // active; due ones are outside while they fire
+    PZSync sync_;                           // held while callbacks run
     PZThread<PZLTimerSubMng> thread_;
     PZEvent addedEvent_;
     PZEvent endEvent_;
@@ -130,34 +129,35 @@ public:
 /// active at most once in a band; nothing hinders a thread of another band from adding it there
 /// too.
 ///
-/// Callbacks run on the band's thread, in order of the timers' addresses when several are due
-/// together, with the band's lock held: other threads wait in AddTimer, RemoveTimer and IsActive
-/// of that band, and its other timers are late. Keep them short (post a message to a worker), and
-/// hold no lock during RemoveTimer that a callback takes. A callback may itself call
-/// AddTimer, RemoveTimer and IsActive. The timers that are due in the same check, its own
-/// included, are not active until all their callbacks have returned:
-///   - RemoveTimer of one of them answers 0 and stops nothing; only the callback's result does.
-///   - AddTimer of one of them succeeds, and its interval and expiry win over the repetition.
-/// AddTimer from a callback files by the timer thread's own priority: all five lie in the first
-/// band. A callback of another band then waits for that band's callbacks, so callbacks of the
-/// first band must not call into other bands.
+/// Callbacks run on the band's thread, in the order of the timers' addresses when several are due
+/// together, and with the band's lock held: meanwhile other threads wait in AddTimer, RemoveTimer
+/// and IsActive of that band, and its other timers are late. Keep callbacks short (post a message
+/// to a worker), and hold no lock that a callback takes while calling into its band.
 ///
-/// Time is the 32-bit millisecond tick. A timer never fires early. The period counts from the
-/// check that fired it: a late timer is not caught up, and callbacks that take long move it.
-///   - An interval of 0 fires at the next check, which a newly added timer brings about at once.
-///     A repeating timer of interval 0 brings about none: its thread waits without limit, with
-///     all its timers, until a timer is added to the band. Repeat with 1 or more.
-///   - Intervals of 0x80000000 or more are not supported: their wait has no limit, and they may
-///     fire at once when the band's last check was long ago.
-///   - When the tick wraps (every 49.7 days) a timer whose expiry lies beyond the wrap, while no
-///     other expiry of the band lies before it, may wait until a timer is added to the band.
+/// A callback may itself call AddTimer, RemoveTimer and IsActive. The timers that are due in the
+/// same check, its own included, are not active until all their callbacks have returned:
+///   - RemoveTimer of one of them answers 0 and stops nothing; only its callback's result does.
+///   - AddTimer of one of them succeeds, and its interval and expiry win over the repetition.
+/// AddTimer from a callback files by the timer thread's own priority, and all five lie in the
+/// first band: a timer of another band does not re-add itself there, it repeats by its result.
+/// A callback that calls into another band waits for that band's callbacks; two bands whose
+/// callbacks call into each other can block each other for ever.
+///
+/// Time is the 32-bit millisecond tick. A timer fires at its expiry or later, never before. The
+/// period counts from the check that fired it, so a late timer is not caught up.
+///   - An interval of 0 fires at the next check; adding a timer brings one about at once. A timer
+///     that repeats with an interval of 0 brings about none: its band then waits without limit,
+///     other timers included, until a timer is added to it. Repeat with 1 or more.
+///   - Intervals of 0x80000000 (24.8 days) or more are not supported: they are waited for without
+///     limit, or fire at once when the band's previous check was long ago.
+///   - Every 49.7 days, shortly before the tick wraps, a band whose timers all expire beyond the
+///     wrap may wait without limit, until a timer is added to it.
 ///
 /// Threads:   any thread may call anything.
-/// Ownership: timers belong to their user. A timer may be deleted when it is not active, once
-///            RemoveTimer or IsActive on another thread has returned with that: both wait for
-///            the running callbacks. A callback may delete its own timer if it answers 0 and has
-///            not added it again; other timers of its band may be due as well and must stay.
-///            Handles are valid as long as the manager.
+/// Ownership: timers belong to their user. After RemoveTimer a timer is not touched any more and
+///            may be deleted; inside a callback of the same band, where 0 can mean that the timer
+///            is due, only after an answer of 1. A callback may delete its own timer if it answers
+///            0 and has not added it again. Handles live as long as the manager.
 /// Lifetime:  made on first use, as a rule by the framework's start, and destroyed with the other
 ///            singletons: waits for running callbacks, then drops all timers without calling them.
 /// Failures:  reported and answered with a result, never thrown.
