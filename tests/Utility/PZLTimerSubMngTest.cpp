@@ -539,6 +539,7 @@ TEST_F(PZLTimerSubMngTest, TimersDueTogetherFireInTheOrderOfTheirAddresses) {
     };
     Order order;
     std::vector<std::unique_ptr<Noted>> timers;
+    timers.reserve(20);
     for (int i = 0; i < 20; ++i) timers.push_back(std::make_unique<Noted>(order));
     // The later added, the earlier due: neither is the order of the calls.
     unsigned int ms = 100;
