@@ -300,14 +300,14 @@ TEST_F(PZThreadMngTest, ReportsARefusedPriority) {
 }
 
 TEST_F(PZThreadMngTest, ReadsBackThePriorityThatAThreadGaveItself) {
-    manager.registerThreadInfo(pthread_self(), "self", 251, 0);
-    std::thread([this] {  // a nice value can be raised by anyone, but not lowered again
+    // Everyone may raise a nice value; the thread ends with it.
+    if (getpriority(PRIO_PROCESS, kernel_id()) > 4) GTEST_SKIP() << "runs at a nice value above 4";
+    std::thread([this] {
         manager.registerThreadInfo(pthread_self(), "self", 251, 0);
         EXPECT_TRUE(manager.SetPriority(pthread_self(), 255, kernel_id()));
         EXPECT_EQ(255, manager.GetPriority(pthread_self(), kernel_id()));
         EXPECT_EQ(255, manager.GetCurrentThreadPriority());
-    })
-        .join();
+    }).join();
 }
 
 // The registry.
