@@ -2,15 +2,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include <algorithm>
-#include <list>
 #include <vector>
 
-#include <Framework/Foundation/PZSync.h>
-#include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Pattern/PZSubject.h>
 
 #include "support/RatioReporter.h"
+#include "support/RawSubject.h"
 
 namespace {
 
@@ -33,21 +30,13 @@ void notify(benchmark::State& state) {
 
 /// A list walked under a lock.
 void notify_list(benchmark::State& state) {
-    PZSync sync;
+    pzbench::RawSubject subject;
     std::vector<Counter> observers(static_cast<size_t>(state.range(0)));
-    std::list<PZObserver_*> list;
-    for (Counter& observer : observers) list.push_back(&observer);
-    for (auto _ : state) {
-        const PZSyncLock lock(sync);
-        unsigned int result = 0;
-        for (PZObserver_* observer : list) {
-            result = std::max(result, observer->OnNotify(1, nullptr, 0));
-        }
-        benchmark::DoNotOptimize(result);
-    }
+    for (Counter& observer : observers) subject.Add(&observer);
+    for (auto _ : state) benchmark::DoNotOptimize(subject.Notify(1, nullptr, 0));
 }
 
-/// The calls alone.
+/// The calls alone, inside the program.
 void notify_vector(benchmark::State& state) {
     std::vector<Counter> observers(static_cast<size_t>(state.range(0)));
     std::vector<PZObserver_*> list;
