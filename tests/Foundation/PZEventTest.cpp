@@ -1094,6 +1094,15 @@ TEST_F(PZEventTest, ReportsAFailingRead) {
     EXPECT_EQ(before, open_descriptors());
 }
 
+TEST_F(PZEventTest, TakesAnInterruptedReadForAFailure) {
+    StdoutCapture output;
+    a.Set(1);
+    read_call.FailNext(EINTR);
+    EXPECT_EQ(kError, a.event.WaitEvent(kNoLimit));
+    EXPECT_EQ(std::vector<std::string>{std_error(EINTR)}, error_messages(output.Take()));
+    EXPECT_EQ(1, a.Pending());
+}
+
 TEST_F(PZEventTest, ReportsAReadThatEndsWithoutAByte) {
     StdoutCapture output;
     const int before = open_descriptors();

@@ -79,6 +79,14 @@ TEST_F(pz_identityTest, IsReplacedByANewStart) {
     EXPECT_EQ(5, pz_GetId());
 }
 
+TEST_F(pz_identityTest, MayBeHandedToANewStart) {
+    ASSERT_NE(0, pz_FwInitialize("long tuner", 4));
+    pz_FwFinalize();
+    ASSERT_NE(0, pz_FwInitialize(pz_GetName() + 5, pz_GetId()));  // over itself, too
+    EXPECT_STREQ("tuner", pz_GetName());
+    EXPECT_EQ(4, pz_GetId());
+}
+
 TEST_F(pz_identityTest, IsTheSameBufferAlways) {
     const char* const before = pz_GetName();
     ASSERT_NE(0, pz_FwInitialize("tuner", 4));

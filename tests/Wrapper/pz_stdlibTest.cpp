@@ -655,6 +655,20 @@ TEST_F(pz_stdlibTest, SwprintfCutsTextsToThePrecision) {
     EXPECT_EQ(L"<ab><\x20AC><>", formatted(L"<%.2s><%.1S><%.0s>", "abc", L"\x20AC!", "abc"));
 }
 
+TEST_F(pz_stdlibTest, SwprintfReadsNothingBehindThePrecisionOfAText) {
+    const std::vector<wchar_t> wide = {L'a', L'b', L'\x20AC'};
+    EXPECT_EQ(L"ab\x20AC a", formatted(L"%.3S %.*ls", wide.data(), 1, wide.data()));
+    const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
+    const std::vector<char> narrow(text.begin(), text.end());
+    EXPECT_EQ(L"a\u00E9\u20AC\U0001F600", formatted(L"%.4s", narrow.data()));
+    const char cut[] = "ab\xFF";  // the bytes that are no text stand behind the precision
+    EXPECT_EQ(L"ab", formatted(L"%.2s", cut));
+}
+
+TEST_F(pz_stdlibTest, SwprintfCutsTheWordOfANullTextToThePrecision) {
+    EXPECT_EQ(L"(n", formatted(L"%.2s", static_cast<const char*>(nullptr)));
+}
+
 TEST_F(pz_stdlibTest, SwprintfIgnoresThePrecisionOfWholeNumbers) {
     EXPECT_EQ(L"7 f", formatted(L"%.3d %.2x", 7, 15));
 }

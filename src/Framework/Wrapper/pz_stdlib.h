@@ -101,8 +101,8 @@ PZ_API bool pz_create_process(const char* program, pid_t* pidOut, const char* ar
 ///             a sign before d, i, f and F; '#' prefixes o, x and X with their base.
 /// Width:      a number, or '*' for an int argument (a negative one aligns to the left).
 /// Precision:  a number or '*': digits after the point of f and F (6 when left out), most
-///             characters of s and S; without effect on the others. A negative one counts as left
-///             out.
+///             characters of s and S, behind which nothing is read; without effect on the others.
+///             A negative one counts as left out.
 /// Length:     hh h l ll L j z t for the numbers, h and l for the texts.
 /// Limits:     width and precision count as at most 4095.
 ///

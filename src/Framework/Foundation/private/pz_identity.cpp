@@ -29,7 +29,8 @@ int pz_GetId() {
 
 void pz_SetIdentity(const char* name, int id) {
     const size_t length = name != nullptr ? strnlen(name, sizeof identity.name - 1) : 0;
-    if (length != 0) std::memcpy(identity.name, name, length);
+    // The caller's name may be the stored one: a process that starts again as itself.
+    if (length != 0) std::memmove(identity.name, name, length);
     identity.name[length] = '\0';
     identity.id = id;
 }

@@ -133,13 +133,24 @@ unsigned long long take_unsigned(Length length, ST_ARGS& args) {
     return static_cast<unsigned int>(value);
 }
 
-std::wstring decode(const char* text) {
-    std::wstring wide(std::strlen(text) + 1, L'\0');
-    int length = 0;
-    if (wide.size() > 1) {
-        length = pz_mbtowc(&wide[0], static_cast<unsigned int>(wide.size()), text,
-                           static_cast<unsigned int>(wide.size() - 1), XCP_UTF8);
+/// The bytes of the first `limit` characters of a UTF-8 text. Reads nothing behind them: a text
+/// that is cut needs no terminator.
+size_t size_of_characters(const char* text, size_t limit) {
+    size_t size = 0;
+    for (; limit > 0 && text[size] != '\0'; --limit) {
+        const auto lead = static_cast<unsigned char>(text[size]);
+        size_t rest = 1;
+        if (lead >= 0xC0) rest = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+        for (; rest > 0 && text[size] != '\0'; --rest) ++size;
     }
+    return size;
+}
+
+std::wstring decode(const char* text, size_t size) {
+    if (size == 0) return {};
+    std::wstring wide(size + 1, L'\0');
+    const int length = pz_mbtowc(&wide[0], static_cast<unsigned int>(wide.size()), text,
+                                 static_cast<unsigned int>(size), XCP_UTF8);
     wide.resize(static_cast<size_t>(length));
     return wide;
 }
@@ -147,14 +158,17 @@ std::wstring decode(const char* text) {
 std::wstring take_text(const ST_CONVERSION& conversion, ST_ARGS& args) {
     const bool wide = conversion.length == Length::en_LONG ||
                       (conversion.letter == L'S' && conversion.length != Length::en_SHORT);
+    const size_t limit =
+        conversion.precision < 0 ? SIZE_MAX : static_cast<size_t>(conversion.precision);
     const void* const text = va_arg(args.list, const void*);
-    std::wstring result = L"(null)";
-    if (text != nullptr && wide) result = static_cast<const wchar_t*>(text);
-    if (text != nullptr && !wide) result = decode(static_cast<const char*>(text));
-    if (conversion.precision >= 0) {
-        result.resize(std::min(result.size(), static_cast<size_t>(conversion.precision)));
+    if (text == nullptr) return std::wstring(L"(null)").substr(0, limit);
+    if (wide) {
+        const auto* const characters = static_cast<const wchar_t*>(text);
+        return std::wstring(
+            characters, limit == SIZE_MAX ? std::wcslen(characters) : wcsnlen(characters, limit));
     }
-    return result;
+    const auto* const bytes = static_cast<const char*>(text);
+    return decode(bytes, size_of_characters(bytes, limit));
 }
 
 void put_floating(std::wostream& out, const ST_CONVERSION& conversion, ST_ARGS& args) {
