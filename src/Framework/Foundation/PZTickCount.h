@@ -27,7 +27,7 @@ public:
     /// Always 1000.
     unsigned long long GetPerformanceFreq() const;
 
-    /// Milliseconds, 64 bits.
+    /// Milliseconds, 64 bits: GetPerformanceCount in whole milliseconds, whatever that answered.
     unsigned long long GetPerformanceTime() const;
 
 private:

@@ -4,6 +4,7 @@
 
 namespace {
 
+/// Zero, should the clock be unreadable.
 timespec monotonic_now() {
     timespec now = {};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
