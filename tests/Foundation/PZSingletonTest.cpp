@@ -140,6 +140,22 @@ TEST_F(PZSingletonTest, DestroysNothingBeforeTheFirstUse) {
     EXPECT_EQ(Texts{}, events);
 }
 
+/// Asks for itself while it dies.
+class Dying : public PZSingleton<Dying> {
+public:
+    ~Dying() override { events.emplace_back(GetInstance() == this ? "itself" : "another"); }
+
+private:
+    friend class PZSingleton<Dying>;
+    Dying() { events.emplace_back("made"); }
+};
+
+TEST_F(PZSingletonTest, IsStillTheOneObjectWhileItDies) {
+    Dying::GetInstance();
+    PZSingletonFinalizer::finalize();
+    EXPECT_EQ((Texts{"made", "itself"}), events);
+}
+
 TEST_F(PZSingletonTest, MakesAndRegistersAFreshObjectAfterTheFinalizer) {
     for (int i = 0; i < 2; ++i) {
         events.clear();
