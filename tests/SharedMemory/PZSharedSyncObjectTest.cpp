@@ -209,7 +209,13 @@ TEST_F(PZSharedSyncObjectTest, IsALockObjectThatCannotBeCopied) {
 
 // --- Threads and processes ---
 
+/// A loaded machine may take its time.
+int wait_for_ever(sem_t* semaphore, const timespec*) {
+    return sem_wait_call.Real(semaphore);
+}
+
 TEST_F(PZSharedSyncObjectTest, KeepsACounterExactBetweenThreads) {
+    sem_timedwait_call.Replace(wait_for_ever);
     constexpr int kThreads = 4;
     constexpr int kRounds = 2000;
     const PZSharedSyncObject object(Name());
@@ -251,10 +257,6 @@ private:
     int ends_[2] = {-1, -1};
 };
 
-int wait_for_ever(sem_t* semaphore, const timespec*) {
-    return sem_wait_call.Real(semaphore);
-}
-
 TEST_F(PZSharedSyncObjectTest, ExcludesTheOtherProcess) {
     const Signal locked;
     const Signal goOn;
@@ -271,7 +273,7 @@ TEST_F(PZSharedSyncObjectTest, ExcludesTheOtherProcess) {
     EXPECT_EQ(Texts{"PZSync.Lock() error [1]"}, pztest::error_messages(output_.Take()));
 
     EXPECT_TRUE(goOn.Give());
-    sem_timedwait_call.Replace(wait_for_ever);  // a loaded machine may take its time
+    sem_timedwait_call.Replace(wait_for_ever);
     object.lock();
     EXPECT_EQ("", output_.Take());
     EXPECT_EQ(0, Value());
