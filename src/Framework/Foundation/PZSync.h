@@ -12,8 +12,9 @@
 
 /// The framework's lock: recursive, private to the process or shared between processes by name.
 ///
-/// Threads:   any thread may call anything. Unlock does not check who calls it. There is no
-///            priority inheritance.
+/// Threads:   any thread may call anything. Unlock does not check who calls it. A thread does not
+///            end while it holds a lock: a later one may get its identity, and pass for the owner.
+///            There is no priority inheritance.
 /// Processes: a named lock excludes the processes from each other, but owner and recursion are
 ///            known only inside one process's own object. Its semaphore "/name" stays in the
 ///            system when the objects are gone.
@@ -45,7 +46,7 @@ public:
     /// 2 error (reported).
     unsigned int Lock(unsigned int timeout) PZ_ACQUIRE();
 
-    /// Gives back one Lock; the last one lets the next thread in.
+    /// Gives back one Lock; the last one lets the next thread in. One too many lets one more in.
     void Unlock() PZ_RELEASE();
 
 private:
