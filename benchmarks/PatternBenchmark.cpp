@@ -40,6 +40,7 @@ void notify_list(benchmark::State& state) {
 void notify_vector(benchmark::State& state) {
     std::vector<Counter> observers(static_cast<size_t>(state.range(0)));
     std::vector<PZObserver_*> list;
+    list.reserve(observers.size());
     for (Counter& observer : observers) list.push_back(&observer);
     for (auto _ : state) {
         for (PZObserver_* observer : list) {

@@ -11,7 +11,7 @@ constexpr char kRaw[] = ":raw";
 /// "Area/thing/64/real_time" becomes "Area/thing:raw/64/real_time".
 std::string raw_name_of(const std::string& name, const std::map<std::string, double>& known) {
     for (size_t at = name.find('/'); at != std::string::npos; at = name.find('/', at + 1)) {
-        const std::string candidate = name.substr(0, at) + kRaw + name.substr(at);
+        std::string candidate = name.substr(0, at) + kRaw + name.substr(at);
         if (known.count(candidate) != 0) return candidate;
     }
     return name + kRaw;

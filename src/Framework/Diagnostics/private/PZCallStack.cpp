@@ -28,6 +28,9 @@ SymbolLines translate(void* const* addresses, int count) {
 
 }  // namespace
 
+// The addresses are read up to the count only, and a whole symbol store would cost more to clear
+// than a capture.
+// cppcheck-suppress uninitMemberVar
 PZCallStack::PZCallStack() : count_(0) {
 #if __SIZEOF_POINTER__ == 4
     static_assert(offsetof(PZCallStack, count_) == 0);

@@ -207,6 +207,7 @@ const char* get_icu_cp_string(const ST_ICU_DETECTOR& icu, const UCharsetMatch* m
         PZ_REPORT_ERROR("ucsdet_getName err [%d]\n", error);
         return nullptr;
     }
+    // cppcheck-suppress returnDanglingLifetime ; the name is ICU's, not the error's
     return name;
 }
 
