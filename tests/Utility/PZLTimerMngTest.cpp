@@ -36,8 +36,8 @@ pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EDE
 
 }  // namespace
 
-extern "C" int pthread_join(pthread_t handle, void** result) {
-    return pthread_join_call(handle, result);
+extern "C" int pthread_join(pthread_t th, void** thread_return) {
+    return pthread_join_call(th, thread_return);
 }
 
 namespace {

@@ -37,12 +37,12 @@ pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EDE
 }  // namespace
 
 extern "C" {
-int pthread_create(pthread_t* handle, const pthread_attr_t* attributes, ThreadEntry entry,
+int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
                    void* arg) noexcept {
-    return pthread_create_call(handle, attributes, entry, arg);
+    return pthread_create_call(newthread, attr, start_routine, arg);
 }
-int pthread_join(pthread_t handle, void** result) {
-    return pthread_join_call(handle, result);
+int pthread_join(pthread_t th, void** thread_return) {
+    return pthread_join_call(th, thread_return);
 }
 }
 

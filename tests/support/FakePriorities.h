@@ -77,8 +77,8 @@ extern "C" int getpriority(__priority_which_t which, id_t who) noexcept {
     return pztest::getpriority_call(which, who);
 }
 // NOLINTNEXTLINE(misc-definitions-in-headers): one file of a test executable includes this
-extern "C" int setpriority(__priority_which_t which, id_t who, int nice) noexcept {
-    return pztest::setpriority_call(which, who, nice);
+extern "C" int setpriority(__priority_which_t which, id_t who, int prio) noexcept {
+    return pztest::setpriority_call(which, who, prio);
 }
 
 #endif  // PZ_TESTS_SUPPORT_FAKEPRIORITIES_H

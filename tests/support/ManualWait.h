@@ -66,8 +66,8 @@ public:
 }  // namespace pztest
 
 // NOLINTNEXTLINE(misc-definitions-in-headers): one file of a test executable includes this
-extern "C" int epoll_wait(int epollFd, epoll_event* events, int maxEvents, int timeoutMs) {
-    return pztest::epoll_wait_call(epollFd, events, maxEvents, timeoutMs);
+extern "C" int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    return pztest::epoll_wait_call(epfd, events, maxevents, timeout);
 }
 
 #endif  // PZ_TESTS_SUPPORT_MANUALWAIT_H
