@@ -104,7 +104,7 @@ TEST(PZSyncObjectBaseTest, KeepsLockAndUnlockInItsThirdAndFourthSlot) {
     const Recorder object(calls);
     const PZSyncObjectBase* const base = &object;
     const Operation* slots = nullptr;
-    std::memcpy(&slots, base, sizeof slots);
+    std::memcpy(&slots, static_cast<const void*>(base), sizeof slots);
     slots[2](base);
     EXPECT_EQ((Calls{"lock"}), calls);
     slots[3](base);
