@@ -1083,7 +1083,7 @@ TEST_F(PZLMsgBoxTest, KeepsServingWhileItsWaitsFail) {
 // Many posters
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr unsigned int kMessagesPerPoster = 10000;
+constexpr unsigned int kMessagesPerPoster = 30000;
 constexpr unsigned int kFloodPerPoster = 20000;
 #else
 constexpr unsigned int kMessagesPerPoster = 100000;
