@@ -124,6 +124,14 @@ int run_hook_and_create(int size) {
     return epoll_create_call.Real(size);
 }
 
+std::atomic<int> signals_before_wait{-1};
+
+/// Counts the events that are set when the loop begins to wait without limit.
+int count_signals_and_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
+    if (timeout == -1) signals_before_wait = epoll_wait_call.Real(epfd, events, maxevents, 0);
+    return epoll_wait_call.Real(epfd, events, maxevents, timeout);
+}
+
 std::atomic<int> failing_waits{0};
 
 int fail_endless_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
@@ -1063,6 +1071,16 @@ TEST_F(PZLMsgBoxTest, LoopsAgainAfterExit) {
     StartLoop();
     ASSERT_EQ(kSuccess, Post(1));
     EXPECT_EQ((Log{"msg 1"}), ServeAll());
+}
+
+TEST_F(PZLMsgBoxTest, LeavesNoSignalOfAMessageBehindForTheNextLoop) {
+    ASSERT_EQ(kSuccess, Post(1));  // discarded, but it has set the message event
+    box.Exit();
+    ASSERT_EQ(0, box.Loop(1));  // sees the exit first
+    epoll_wait_call.Replace(count_signals_and_wait);
+    StartLoop();
+    ASSERT_TRUE(wait_until([] { return signals_before_wait != -1; }));
+    EXPECT_EQ(0, signals_before_wait);
 }
 
 TEST_F(PZLMsgBoxTest, ReportsAFailedWaitAsAnAssertionAndCarriesOn) {
