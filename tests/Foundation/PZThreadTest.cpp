@@ -265,6 +265,15 @@ TEST_F(PZThreadTest, AShorterNameLeavesNothingOfTheOneBefore) {
     EXPECT_EQ("x" + std::string(127, '\0'), std::string(thread.getName(), 128));
 }
 
+TEST_F(PZThreadTest, KeepsItsNameWhenItIsStartedAgainUnderIt) {
+    ASSERT_TRUE(thread.Start("tested"));
+    EXPECT_EQ(0, thread.WaitExit());
+    StartUpToTheGate(thread.getName());
+    EXPECT_STREQ("tested", thread.getName());
+    EXPECT_EQ("tested", label_of(owner.handle));
+    OpenTheGateAndJoin();
+}
+
 TEST_F(PZThreadTest, ASecondStartFailsAndLeavesTheRunningThreadAlone) {
     StartUpToTheGate("first");
     StdoutCapture out;

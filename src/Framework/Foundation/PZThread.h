@@ -44,15 +44,18 @@ public:
     PZThread& operator=(const PZThread&) = delete;
 
     /// Creates the thread. The kernel shows the first 15 characters of `name`; null is "no_name",
-    /// 128 characters or more are cut to 127. False when a thread exists already (it is left
-    /// alone), there is no owner, or the system refuses (Start may be tried again).
+    /// 128 characters or more are cut to 127; it may be this object's own name of before. False
+    /// when a thread exists already (it is left alone), there is no owner, or the system refuses
+    /// (Start may be tried again).
     bool Start(const char* name) {
         if (isStarted() || owner_ == nullptr) {
             PZ_REPORT_ERROR("error [%s]\n", Printable(name));
             return false;
         }
         // Written here for the last time: from now on both threads read it.
-        pz_strncpy(name_, sizeof name_, name != nullptr ? name : "no_name", sizeof name_ - 1);
+        if (name != name_) {
+            pz_strncpy(name_, sizeof name_, name != nullptr ? name : "no_name", sizeof name_ - 1);
+        }
 
         if (pthread_create(&handle_, nullptr, WrappedEntry, &self_) != 0) {
             handle_ = kNoThread;  // its value is undefined now
