@@ -1,12 +1,14 @@
 #include "Framework/Foundation/PZThread.h"
 
 #include <Framework/Foundation/PZThreadMng.h>
+#include <dlfcn.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <functional>
@@ -62,6 +64,22 @@ int setpriority(__priority_which_t which, id_t who, int prio) noexcept {
 int nanosleep(const timespec* requested_time, timespec* remaining) {
     return nanosleep_call(requested_time, remaining);
 }
+}
+
+// The registry has no way to read a record's priority: the registration is watched on its way in.
+
+namespace {
+std::atomic<int> registered_priority{0};
+}  // namespace
+
+bool PZThreadMng::registerThreadInfo(unsigned long handle, const char* name, int priority,
+                                     unsigned int watchTime) {
+    using Function = bool (*)(PZThreadMng*, unsigned long, const char*, int, unsigned int);
+    registered_priority = priority;
+    const auto real =
+        reinterpret_cast<Function>(dlsym(RTLD_NEXT, "_ZN11PZThreadMng18registerThreadInfoEmPKcij"));
+    if (real == nullptr) std::abort();
+    return real(this, handle, name, priority, watchTime);
 }
 
 namespace {
@@ -394,6 +412,24 @@ TEST_F(PZThreadTest, ReadsItsOwnPriorityForTheRegistration) {
     ASSERT_EQ(0, thread.WaitExit());
     EXPECT_EQ(1, readsBeforeInitialize);
     EXPECT_EQ(static_cast<id_t>(owner.tid), priority_read_of);
+}
+
+TEST_F(PZThreadTest, IsRegisteredWithItsWidePriority) {
+    getpriority_call.Replace([](__priority_which_t, id_t) { return -10; });
+    ASSERT_TRUE(thread.Start("tested"));
+    ASSERT_EQ(0, thread.WaitExit());
+    EXPECT_EQ(195, registered_priority);
+}
+
+TEST_F(PZThreadTest, IsRegisteredWithPriorityZeroWhenItsOwnIsUnreadable) {
+    getpriority_call.FailNext(ESRCH);
+    registered_priority = -2;
+    StdoutCapture out;
+    ASSERT_TRUE(thread.Start("tested"));
+    ASSERT_EQ(0, thread.WaitExit());
+    EXPECT_EQ(0, registered_priority);
+    EXPECT_TRUE(has_report(out.Take(), "GetPriority", "PZThreadMng.cpp",
+                           "error : errno[3 : No such process]"));
 }
 
 TEST_F(PZThreadTest, AFailedInitializeEndsTheThreadAtOnce) {
