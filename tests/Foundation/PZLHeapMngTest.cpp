@@ -190,6 +190,7 @@ volatile int levels_left_behind = 0;
 
 pztest::Interposed<int(sem_t*, int, unsigned int)> sem_init_call("sem_init");
 pztest::Interposed<int(sem_t*)> sem_destroy_call("sem_destroy");
+pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
 
 }  // namespace
 
@@ -198,6 +199,9 @@ extern "C" int sem_init(sem_t* sem, int shared, unsigned int value) noexcept {
 }
 extern "C" int sem_destroy(sem_t* sem) noexcept {
     return sem_destroy_call(sem);
+}
+extern "C" int sem_wait(sem_t* sem) {
+    return sem_wait_call(sem);
 }
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*priority*/, const char* /*format*/, ...) {}
@@ -876,6 +880,22 @@ TEST(PZLHeapMngTest, MakesItsLockInTheFirstMallocOnly) {
     EXPECT_EQ(1, sem_init_call.Calls());
     Free(Malloc(1));
     EXPECT_EQ(1, sem_init_call.Calls());
+}
+
+TEST(PZLHeapMngTest, LocksOnceForEachBlockAndNotForTheReport) {
+    InitMemMng();
+    sem_wait_call.Reset();
+    void* p = Malloc(1);
+    EXPECT_EQ(1, sem_wait_call.Calls());
+    sem_wait_call.Reset();
+    InitMemMng();
+    void* late = Malloc(2);
+    sem_wait_call.Reset();
+    EXPECT_EQ(addresses({p, late}), reported_addresses());
+    EXPECT_EQ(0, sem_wait_call.Calls());
+    Free(late);
+    EXPECT_EQ(1, sem_wait_call.Calls());
+    Free(p);
 }
 
 TEST(PZLHeapMngTest, DestroysItsLockWhenTheProcessExits) {
