@@ -37,6 +37,7 @@ struct OpenedLog {
 std::vector<std::string> steps;
 std::function<void(const std::string&)> onStep;  // runs before the step itself
 std::vector<OpenedLog> openedLogs;
+std::vector<void (*)()> madeSingletons;  // the functions that destroy them, the first made first
 bool timerMngIsMissing = false;
 bool watchDogFails = false;
 bool answersForThreadMng = false;
@@ -94,6 +95,10 @@ PZLTimerMng* PZLTimerMng::GetTimerMng() {
     return real<PZLTimerMng*()>("_ZN11PZLTimerMng11GetTimerMngEv")();
 }
 
+void PZSingletonFinalizer::addDestroyFunc(void (*fn)()) {
+    madeSingletons.push_back(fn);
+    real<void(void (*)())>("_ZN20PZSingletonFinalizer14addDestroyFuncEPFvvE")(fn);
+}
 void PZSingletonFinalizer::finalize() {
     note("PZSingletonFinalizer::finalize");
     real<void()>("_ZN20PZSingletonFinalizer8finalizeEv")();
@@ -131,6 +136,7 @@ protected:
     void SetUp() override {
         steps.clear();
         openedLogs.clear();
+        madeSingletons.clear();
         timerMngIsMissing = false;
         watchDogFails = false;
         answersForThreadMng = false;
@@ -181,6 +187,25 @@ TEST_F(pz_frameworkTest, RecordsNameAndIdBetweenHeapAndLog) {
     EXPECT_STREQ("app", pz_GetName());
     EXPECT_EQ(3U, pz_GetNameLen());
     EXPECT_EQ(7, pz_GetId());
+}
+
+TEST_F(pz_frameworkTest, MakesTheThreadManagerFirstAndTheTimerManagerLast) {
+    size_t madeBeforeTheTimerManager = 0;
+    onStep = [&](const std::string& step) {
+        if (step == "PZLTimerMng::GetTimerMng") madeBeforeTheTimerManager = madeSingletons.size();
+    };
+    pz_FwInitialize("app", 7);
+    EXPECT_EQ(1U, madeBeforeTheTimerManager);
+    ASSERT_FALSE(madeSingletons.empty());
+    EXPECT_EQ(&PZSingleton<PZThreadMng>::destroy, madeSingletons.front());
+    EXPECT_EQ(&PZSingleton<PZLTimerMng>::destroy, madeSingletons.back());
+}
+
+TEST_F(pz_frameworkTest, MakesNoSingletonWhileItStops) {
+    pz_FwInitialize("app", 7);
+    const size_t made = madeSingletons.size();
+    pz_FwFinalize();
+    EXPECT_EQ(made, madeSingletons.size());
 }
 
 TEST_F(pz_frameworkTest, RunsFiveTimerThreadsFromStartToStop) {
