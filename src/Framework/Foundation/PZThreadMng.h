@@ -17,7 +17,7 @@ extern template class PZ_API PZSingleton<PZThreadMng>;
 ///
 /// Priorities: the wide scale from 177 (most urgent, nice -20) to 255 (least urgent, nice 4).
 /// Handles:    a thread is known by its pthread_t.
-/// Threads:    any thread may call anything; one lock guards the registry.
+/// Threads:    any thread may call anything but checkThreadStatus; one lock guards the registry.
 /// Failures:   system errors are reported; an unknown handle is answered with false or 0.
 class PZ_API PZThreadMng : public PZSingleton<PZThreadMng>, public PZSubject {
 public:
@@ -27,7 +27,7 @@ public:
         int priority;            ///< wide priority, -1 when unknown
         char name[256];          ///< label
         int starttime;           ///< 0
-        int runtime;             ///< consumed processor time in milliseconds
+        int runtime;             ///< milliseconds; 0 in practice, see checkThreadStatus
         unsigned int watchTime;  ///< milliseconds
         int status;              ///< 1 running, 0 waiting
     };
@@ -57,9 +57,10 @@ public:
     /// for a null `out` or an unknown handle.
     bool getLabel(unsigned long handle, char* out);
 
+    /// Replaces the watch time; false for an unknown handle.
     bool setWatchTime(unsigned long handle, unsigned int ms);
 
-    /// 0 for an unknown handle.
+    /// Milliseconds; 0 for an unknown handle.
     unsigned int getWatchTime(unsigned long handle);
 
     /// Wide priority of the kernel thread `tid`; -1 when its nice value is not on the scale (5 and
@@ -78,7 +79,9 @@ public:
     void notifyToWaiting();
     void notifyToRunning();
 
-    /// Refreshes the run times. Walks the registry without its lock.
+    /// Refreshes the run time of each running thread whose processor-time clock answers with a
+    /// failure, on purpose: run times stay 0 in practice. Walks the registry without its lock: no
+    /// thread may be registered, unregistered or joined meanwhile.
     void checkThreadStatus();
 
     /// Writes all records to "/temp/ThreadInfo"; silent when that cannot be opened.

@@ -8,9 +8,10 @@
 /// Starts the framework: heap accounting, process identity, the system log under `name`, the
 /// thread manager and the timer manager with its five threads.
 ///
-/// `name`: at most 63 characters, more are cut. `id`: any number; pz_GetId gives it back.
+/// `name`: copied; at most 63 characters, more are cut, null counts as "". `id`: any number;
+/// pz_GetId gives it back.
 /// Not 0 on success. 1, and nothing changed, when the framework is started already. 0 on failure:
-/// what was made until then stays in place, and a later call goes on with it.
+/// what was made until then stays in place, name and id too, and a later call goes on with it.
 PZ_API int pz_FwInitialize(const char* name, int id);
 
 /// Stops the framework: destroys all singletons, the last made first (the timer threads end here),
