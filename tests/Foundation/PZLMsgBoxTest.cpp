@@ -126,9 +126,11 @@ int run_hook_and_create(int size) {
 
 std::atomic<int> signals_before_wait{-1};
 
-/// Counts the events that are set when the loop begins to wait without limit.
+/// Counts the events that are set when the loop waits without limit for the first time.
 int count_signals_and_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    if (timeout == -1) signals_before_wait = epoll_wait_call.Real(epfd, events, maxevents, 0);
+    if (timeout == -1 && signals_before_wait == -1) {
+        signals_before_wait = epoll_wait_call.Real(epfd, events, maxevents, 0);
+    }
     return epoll_wait_call.Real(epfd, events, maxevents, timeout);
 }
 
