@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <gtest/gtest.h>
 
@@ -33,8 +34,20 @@ using ThreadEntry = void* (*)(void*);
 pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
     "pthread_create", EAGAIN);
 pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EDEADLK);
+pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
+
+std::atomic<int> into_waits{0};
+std::atomic<int> out_waits{0};
 
 }  // namespace
+
+// The watchdog's hooks do nothing: counting them is the only way to see the calls.
+void PZWatchDog::IntoWait() {
+    ++into_waits;
+}
+void PZWatchDog::OutWait() {
+    ++out_waits;
+}
 
 extern "C" {
 int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
@@ -43,6 +56,9 @@ int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry
 }
 int pthread_join(pthread_t th, void** thread_return) {
     return pthread_join_call(th, thread_return);
+}
+ssize_t write(int fd, const void* buf, size_t n) {
+    return write_call(fd, buf, n);
 }
 }
 
@@ -646,6 +662,18 @@ TEST_F(PZLTimerSubMngTest, AFailedWaitIsAnAssertionAndTheThreadWaitsAgainForTheS
     EXPECT_EQ(1U, timer.Fired());
 }
 
+TEST_F(PZLTimerSubMngTest, TellsTheWatchdogOfEachWait) {
+    EXPECT_EQ(1, into_waits);
+    EXPECT_EQ(0, out_waits);
+    CallbackTimer timer;
+    Add(timer, 100);
+    EXPECT_EQ(2, into_waits);
+    EXPECT_EQ(1, out_waits);
+    AdvanceToCheck(100);
+    EXPECT_EQ(3, into_waits);
+    EXPECT_EQ(2, out_waits);
+}
+
 // The wrap of the tick
 
 TEST_F(PZLTimerSubMngWrapTest, ATimerBeyondTheWrapWaitsForTheSumOfTickAndExpiry) {
@@ -971,6 +999,81 @@ TEST_F(PZLTimerSubMngTest, AddingAndQueryingWaitForARunningCallback) {
     adder.join();
     asker.join();
     EXPECT_EQ(2, returnedBefore);
+}
+
+// A flood of added timers. An event that is full is drained by the one who sets it, under the lock
+// that the thread needs after each wait: thread and adder would compete for the last signal.
+
+constexpr int kFlood = 70000;  // the pipe below an event holds 65536 signals
+
+TEST_F(PZLTimerSubMngStartTest, AFloodOfAddedTimersDoesNotFillItsEvent) {
+    StdoutCapture output;
+    CallbackTimer flooding;
+    for (int i = 0; i < kFlood; ++i) {
+        ASSERT_EQ(1, sub.addTimer(&flooding, 1000));
+        ASSERT_EQ(1, sub.removeTimer(&flooding));
+    }
+    EXPECT_EQ("", output.Take());
+    EXPECT_EQ(1, sub.start("timers"));
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST_F(PZLTimerSubMngTest, TimersFireAfterAFloodFromACallback) {
+    StdoutCapture output;
+    CallbackTimer flooding;
+    CallbackTimer flooder([&](TimerInfo*) {
+        for (int i = 0; i < kFlood; ++i) {
+            sub.addTimer(&flooding, 1000);
+            sub.removeTimer(&flooding);
+        }
+        return 0;
+    });
+    ASSERT_EQ(1, sub.addTimer(&flooder, 0));
+    ASSERT_TRUE(wait_until([&] { return sub.isActive(&flooder) == 0 && flooder.Fired() == 1; }));
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZLTimerSubMngTest, EveryAddedTimerBringsAboutACheckHoweverManyThereWere) {
+    CallbackTimer timer;
+    for (int i = 0; i < 300; ++i) {
+        Add(timer, 1000);
+        ASSERT_EQ(1, sub.removeTimer(&timer));
+    }
+    EXPECT_EQ(301U, waits.Count());
+}
+
+TEST_F(PZLTimerSubMngTest, AddedTimersBringAboutChecksAfterAnEventThatWasFull) {
+    CallbackTimer timer;
+    {
+        const StdoutCapture output;
+        write_call.FailNext(EAGAIN);
+        Add(timer, 1000);
+        ASSERT_EQ(1, sub.removeTimer(&timer));
+    }
+    for (int i = 0; i < 300; ++i) {
+        Add(timer, 1000);
+        ASSERT_EQ(1, sub.removeTimer(&timer));
+    }
+    EXPECT_EQ(302U, waits.Count());
+}
+
+TEST_F(PZLTimerSubMngTest, AddedTimersBringAboutChecksAfterManyThatCouldNotBeSignalled) {
+    CallbackTimer timer;
+    write_call.FailNext(EBADF, 300);
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_EQ(1, sub.addTimer(&timer, 1000));
+        ASSERT_EQ(1, sub.removeTimer(&timer));
+    }
+    write_call.Reset();
+    EXPECT_EQ(1U, waits.Count());
+    Add(timer, 1000);
+    EXPECT_EQ(1, sub.isActive(&timer));
 }
 
 // Thread hooks

@@ -77,6 +77,8 @@ private:
     PZ_LOCAL void takeFirstTick();
     PZ_LOCAL void waitForFirstTick();
     PZ_LOCAL int waitForEvent(unsigned int waitMs);
+    PZ_LOCAL void signalAddedLocked() PZ_REQUIRES(sync_);
+    PZ_LOCAL void noteAddedSignalTaken();
     PZ_LOCAL unsigned int checkAllTimer();
     PZ_LOCAL TimerMap takeDueTimersLocked(unsigned int now) PZ_REQUIRES(sync_);
     PZ_LOCAL unsigned int nextWaitLocked(unsigned int now) const PZ_REQUIRES(sync_);
@@ -89,6 +91,7 @@ private:
     PZThread<PZLTimerSubMng> thread_;
     PZEvent addedEvent_;
     PZEvent endEvent_;
+    unsigned int addedSignals_ PZ_GUARDED_BY(sync_);  // in addedEvent_, about
 
     std::mutex firstTickMutex_;
     std::condition_variable firstTickTaken_;

@@ -12,6 +12,7 @@ namespace {
 
 constexpr unsigned int kWatchTimeMs = 4000;
 constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
+constexpr unsigned int kMaxAddedSignals = 256;  // far below what the smallest event holds
 
 /// What ends a wait: the index of the event, or the time-out. Anything else is an error.
 enum EN_WAKE_UP : int { en_WAKE_TIMEOUT = -2, en_WAKE_END = 0, en_WAKE_ADDED = 1 };
@@ -53,7 +54,8 @@ PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
     : lastCheck_(0),
       thirdValue_(thirdValue),
       threadPriority_(threadPriority),
-      thread_(this, kWatchTimeMs) {
+      thread_(this, kWatchTimeMs),
+      addedSignals_(0) {
     // The timer threads need these to their end. Made here they outlive the timer manager, and no
     // two timer threads come to make singletons at the same time.
     PZThreadMng::GetInstance();
@@ -88,7 +90,7 @@ int PZLTimerSubMng::addTimer(PZLTimerBase* t, unsigned int ms) {
     const unsigned int expiry = tick_now() + ms;
     const bool isNew = timers_.insert({t, {ms, expiry}}).second;
     if (!isNew) return 0;
-    addedEvent_.SetEvent();
+    signalAddedLocked();
     return 1;
 }
 
@@ -114,6 +116,9 @@ void PZLTimerSubMng::MainProc() {
             case en_WAKE_END:
                 return;
             case en_WAKE_ADDED:
+                noteAddedSignalTaken();
+                waitMs = checkAllTimer();
+                break;
             case en_WAKE_TIMEOUT:
                 waitMs = checkAllTimer();
                 break;
@@ -154,6 +159,20 @@ int PZLTimerSubMng::waitForEvent(unsigned int waitMs) {
         PZEvent::WaitMultipleEvent(kCount, events, waitMs == 0 ? kNoLimit : waitMs, false);
     PZWatchDog::GetInstance()->OutWait();
     return result;
+}
+
+// Timers may be added faster than the thread checks them. The event must not fill up: it would be
+// drained here, and of adder and thread the one that comes too late for the last signal would wait
+// for good, the adder with the lock held. A check that is still to come sees the new timer as well.
+void PZLTimerSubMng::signalAddedLocked() {
+    if (addedSignals_ >= kMaxAddedSignals) return;
+    // A signal that could not be added may have cost those before it: count anew.
+    addedSignals_ = addedEvent_.SetEvent() == 1 ? addedSignals_ + 1 : 0;
+}
+
+void PZLTimerSubMng::noteAddedSignalTaken() {
+    const PZSyncLock lock(sync_);
+    if (addedSignals_ > 0) --addedSignals_;
 }
 
 // Fires what is due; the milliseconds to the next check, 0 for no limit.
