@@ -6,7 +6,8 @@
 /// Receiver of a message box's messages and events.
 ///
 /// Both operations run on the worker's thread, with the box's dispatcher lock held: the handler
-/// may post to any box and may register or unregister dispatchers of its own box.
+/// may post to any box and may register or unregister dispatchers of its own box. It must not
+/// throw: an exception ends the worker's thread.
 class PZ_API PZIDispatcher {
 public:
     virtual ~PZIDispatcher();

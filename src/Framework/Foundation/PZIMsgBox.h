@@ -28,7 +28,8 @@ public:
     /// Asks the loop to end once everything posted has been served. Always 0.
     virtual int Exit() = 0;
 
-    /// Waits until the loop serves: 0 when it does, 1 on time-out (milliseconds) or failure.
+    /// Waits until the loop serves: 0 when it does, 1 on time-out (milliseconds) or failure. Each
+    /// start of a loop answers one call; PZWorker::Start makes that call.
     virtual int InitWait(unsigned int timeout) = 0;
 
     /// Adds a dispatcher and answers its identifier; all bits set when it is null or registered

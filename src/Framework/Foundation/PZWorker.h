@@ -31,8 +31,8 @@ enum EN_WORKER_PRIORITY : int {
 ///
 /// Life:     Start, End, and again. A worker must be ended before it is destroyed: the destructor
 ///           destroys the box only.
-/// Threads:  Start, End and SetPriority belong to the thread that owns the worker; End never to
-///           the worker's own thread. Any thread may use the box.
+/// Threads:  everything but the box belongs to the thread that owns the worker; End never to the
+///           worker's own thread. Any thread may use the box.
 /// Failures: reported and answered with a result, never thrown.
 class PZ_API PZWorker {
 public:
@@ -47,8 +47,10 @@ public:
     /// Starts the thread ("no_name" for a null name) and waits until its box serves: 0 when it
     /// does, -1 otherwise.
     ///
-    /// -1 after 3000 milliseconds without service leaves the thread running: End it. A worker that
-    /// runs already is left alone and answered with -1.
+    /// -1 after 3000 milliseconds without service leaves the thread running: End it. The box may
+    /// then still hold the signal of the loop that came too late; InitWait(0) of the box takes it,
+    /// so that the next Start waits for its own loop. A worker that runs already is left alone and
+    /// answered with -1.
     int Start(const char* name);
 
     /// Ends the thread when everything posted has been served, however long that takes (`timeout`
