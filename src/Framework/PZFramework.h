@@ -33,6 +33,8 @@
 #include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
 #include <Framework/SharedMemory/PZSharedSyncObject.h>
 #include <Framework/Utility/PZLTimerMng.h>
+#include <Framework/Utility/PZPList.h>
+#include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/cp_conv_basic_rds.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <Framework/Wrapper/pz_stdlib.h>

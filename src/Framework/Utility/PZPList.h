@@ -1,0 +1,153 @@
+#ifndef PZ_FRAMEWORK_UTILITY_PZPLIST_H
+#define PZ_FRAMEWORK_UTILITY_PZPLIST_H
+
+#include <Framework/Foundation/PZSingleton.h>
+
+#include <cstddef>
+#include <iterator>
+#include <memory>
+
+/// Memory from the heap, for containers: a standard allocator without state.
+template <typename T>
+class PZAllocator {
+public:
+    using value_type = T;
+
+    PZAllocator() noexcept = default;
+    template <typename U>
+    // NOLINTNEXTLINE(google-explicit-constructor): containers convert allocators silently
+    PZAllocator(const PZAllocator<U>& /*other*/) noexcept {}
+
+    T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
+    void deallocate(T* memory, std::size_t count) noexcept {
+        std::allocator<T>().deallocate(memory, count);
+    }
+
+    friend bool operator==(const PZAllocator& /*a*/, const PZAllocator& /*b*/) { return true; }
+    friend bool operator!=(const PZAllocator& /*a*/, const PZAllocator& /*b*/) { return false; }
+};
+
+/// A node of a PZPList: its neighbours (null at the ends) and the element it points at.
+template <typename T>
+struct PZPListObj {
+    PZPListObj* prev;
+    PZPListObj* next;
+    T* element;  ///< the user's; may be null
+};
+
+/// Links nodes that have a `prev` and a `next` into a chain. Neither makes nor frees them.
+template <typename NODE>
+class PZListBase : private PZUncopyable {
+public:
+    unsigned int GetCount() const noexcept { return count_; }
+
+    /// The first node; null when the list is empty.
+    NODE* GetHead() const noexcept { return head_; }
+
+    // A walk with the list's own cursor, which stays valid while nodes are erased: when its node
+    // goes, it stands on the one after. All three answer the node that it stands on then, null
+    // behind the last one.
+
+    NODE* MoveFirst() noexcept { return current_ = head_; }
+    NODE* MoveNext() noexcept {
+        if (current_ != nullptr) current_ = current_->next;
+        return current_;
+    }
+    NODE* GetCurrent() const noexcept { return current_; }
+
+protected:
+    PZListBase() noexcept = default;
+    ~PZListBase() = default;
+
+    void LinkTail(NODE* node) noexcept {
+        node->prev = tail_;
+        node->next = nullptr;
+        (tail_ != nullptr ? tail_->next : head_) = node;
+        tail_ = node;
+        ++count_;
+    }
+
+    /// `node` must be in this list.
+    void Unlink(NODE* node) noexcept {
+        (node->prev != nullptr ? node->prev->next : head_) = node->next;
+        (node->next != nullptr ? node->next->prev : tail_) = node->prev;
+        if (current_ == node) current_ = node->next;
+        --count_;
+    }
+
+private:
+    NODE* head_ = nullptr;
+    NODE* tail_ = nullptr;
+    NODE* current_ = nullptr;  // cursor of MoveFirst and MoveNext
+    unsigned int count_ = 0;
+};
+
+/// A doubly linked list of pointers to T.
+///
+/// Threads:   no lock of its own.
+/// Ownership: the nodes are the list's and go with it; the elements stay the user's.
+/// Failures:  none but the standard allocation error.
+template <typename T, typename ALLOCATOR = PZAllocator<T*>>
+class PZPList : public PZListBase<PZPListObj<T>> {
+public:
+    using Node = PZPListObj<T>;
+
+    /// Yields the elements from head to tail. Erasing another node leaves it valid.
+    class iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = T*;
+        using difference_type = std::ptrdiff_t;
+        using pointer = T* const*;
+        using reference = T*;
+
+        explicit iterator(const Node* node = nullptr) noexcept : node_(node) {}
+
+        T* operator*() const noexcept { return node_->element; }
+        iterator& operator++() noexcept {
+            node_ = node_->next;
+            return *this;
+        }
+        iterator operator++(int) noexcept {
+            const iterator before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(iterator a, iterator b) noexcept { return a.node_ == b.node_; }
+        friend bool operator!=(iterator a, iterator b) noexcept { return a.node_ != b.node_; }
+
+    private:
+        const Node* node_;
+    };
+
+    PZPList() = default;
+    ~PZPList() {
+        while (this->GetHead() != nullptr) Erase(this->GetHead());
+    }
+
+    /// Appends a node that points at `element`.
+    void AddTail(T* element) {
+        Allocator allocator;
+        Node* const node = AllocatorTraits::allocate(allocator, 1);
+        AllocatorTraits::construct(allocator, node, Node{nullptr, nullptr, element});
+        this->LinkTail(node);
+    }
+
+    /// Takes the node out and frees it, not its element. It must be of this list; null is ignored.
+    void Erase(Node* node) {
+        if (node == nullptr) return;
+        this->Unlink(node);
+        Allocator allocator;
+        AllocatorTraits::destroy(allocator, node);
+        AllocatorTraits::deallocate(allocator, node, 1);
+    }
+
+    iterator begin() const noexcept { return iterator(this->GetHead()); }
+    iterator end() const noexcept { return iterator(); }
+
+private:
+    using Allocator = typename std::allocator_traits<ALLOCATOR>::template rebind_alloc<Node>;
+    using AllocatorTraits = std::allocator_traits<Allocator>;
+};
+
+#endif  // PZ_FRAMEWORK_UTILITY_PZPLIST_H

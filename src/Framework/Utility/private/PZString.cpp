@@ -1,0 +1,645 @@
+#include "Framework/Utility/PZString.h"
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#if __SIZEOF_POINTER__ == 4
+static_assert(sizeof(PZString) == 16, "a code page and three pointers");
+static_assert(sizeof(PZString::SplitList::Node) == 12, "three pointers");
+#endif
+
+namespace {
+
+/// Room for a character of any code page, per unit of the source.
+constexpr size_t kMaxBytesPerUnit = 6;
+
+/// A zero-filled buffer for narrow text made from `length` units.
+std::vector<char> narrow_buffer(size_t length) {
+    return std::vector<char>((length + 1) * kMaxBytesPerUnit);
+}
+
+template <typename T>
+unsigned int size32(const T& container) {
+    return static_cast<unsigned int>(container.size());
+}
+
+/// A standard position as a 32-bit one: "not found" keeps its all-ones value.
+unsigned int position(size_t found) {
+    return static_cast<unsigned int>(found);
+}
+
+/// A deep copy; null stays null.
+template <typename T>
+std::unique_ptr<T> clone(const std::unique_ptr<T>& form) {
+    return form != nullptr ? std::make_unique<T>(*form) : nullptr;
+}
+
+template <typename T>
+bool equal(const std::unique_ptr<std::basic_string<T>>& form, const T* s) {
+    return form != nullptr && s != nullptr && *form == s;
+}
+
+template <typename T>
+bool is_null_or_empty(const T* s) {
+    return s == nullptr || *s == 0;
+}
+
+constexpr bool starts_utf8_character(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
+}
+
+enum class LastPiece : int { ALWAYS, UNLESS_EMPTY };
+
+/// Appends what lies between the separators.
+template <typename T>
+void append_pieces(PZString::SplitList& list, const std::basic_string<T>& text,
+                   const std::basic_string<T>& separator, LastPiece lastPiece) {
+    const auto append = [&](size_t begin, size_t count) {
+        auto element = std::make_unique<PZString>(text.substr(begin, count));
+        list.AddTail(element.get());
+        static_cast<void>(element.release());  // now DeleteSplitString's
+    };
+    size_t begin = 0;
+    if (!separator.empty()) {
+        size_t found = 0;
+        while ((found = text.find(separator, begin)) != text.npos) {
+            append(begin, found - begin);
+            begin = found + separator.size();
+        }
+    }
+    if (begin < text.size() || lastPiece == LastPiece::ALWAYS) append(begin, text.npos);
+}
+
+/// A narrow text and a wide separator, or the other way round, never come to an end. Waiting keeps
+/// the processor free for the other threads.
+[[noreturn]] void wait_forever() {
+    for (;;) ::pause();
+}
+
+}  // namespace
+
+// ---- construction ----
+
+PZString::PZString() : codePage_(XCP_NONE) {}
+
+PZString::PZString(const char* s, EN_CP cp) : codePage_(cp) {
+    if (!Copy(s, cp)) PZ_REPORT_ERROR("error\n");
+}
+
+PZString::PZString(const std::string& s) : PZString(s.c_str(), XCP_UTF8) {}
+
+PZString::PZString(const wchar_t* s) : codePage_(XCP_NONE) {
+    if (!Copy(s)) PZ_REPORT_ERROR("error\n");
+}
+
+PZString::PZString(const std::wstring& s) : PZString(s.c_str()) {}
+
+PZString::PZString(const unsigned short* s, EN_CP cp) : codePage_(cp) {
+    if (!Copy(s, cp)) PZ_REPORT_ERROR("error\n");
+}
+
+PZString::PZString(const PZString& o) : codePage_(XCP_NONE) {
+    Copy(o);
+}
+
+PZString::~PZString() {
+    DeleteStr();
+}
+
+void PZString::DeleteStr() {
+    wide_.reset();
+    units_.reset();
+    narrow_.reset();
+    codePage_ = XCP_NONE;
+}
+
+// ---- setting: the new form is complete before the old one goes, which it may be made from ----
+
+bool PZString::Copy(const char* s, EN_CP cp) {
+    if (s == nullptr) return false;
+    auto text = std::make_unique<std::string>(s);
+    DeleteStr();
+    narrow_ = std::move(text);
+    codePage_ = cp;
+    return true;
+}
+
+bool PZString::Copy(const std::string& s) {
+    return Copy(s.c_str(), XCP_UTF8);
+}
+
+bool PZString::Copy(const wchar_t* s) {
+    if (s == nullptr) return false;
+    auto text = std::make_unique<std::wstring>(s);
+    DeleteStr();
+    wide_ = std::move(text);
+    return true;
+}
+
+bool PZString::Copy(const std::wstring& s) {
+    return Copy(s.c_str());
+}
+
+bool PZString::Copy(const unsigned short* s, EN_CP cp) {
+    if (cp == XCP_UTF16) {
+        PZ_REPORT_ERROR("not support for now.\n");
+        return false;
+    }
+    if (cp != XCP_UTF16BE && cp != XCP_UTF16LE) {
+        PZ_REPORT_ERROR("invalid param.\n");
+        return false;
+    }
+    if (s == nullptr) return false;
+    const unsigned short* end = s;
+    while (*end != 0) ++end;
+    auto text = std::make_unique<std::vector<unsigned short>>(s, end + 1);
+    DeleteStr();
+    units_ = std::move(text);
+    codePage_ = cp;
+    return true;
+}
+
+bool PZString::Copy(const PZString& o) {
+    if (this == &o) return true;
+    DeleteStr();
+    codePage_ = o.codePage_;
+    wide_ = clone(o.wide_);
+    narrow_ = clone(o.narrow_);
+    units_ = clone(o.units_);
+    return true;
+}
+
+PZString& PZString::operator=(const char* s) {
+    if (!Copy(s, XCP_UTF8)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator=(const std::string& s) {
+    return *this = s.c_str();
+}
+
+PZString& PZString::operator=(const wchar_t* s) {
+    if (!Copy(s)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator=(const unsigned short* s) {
+    // Refused on purpose: the units say nothing about their byte order.
+    if (!Copy(s, XCP_UTF16)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator=(const PZString& o) {
+    if (this != &o) Copy(o);
+    return *this;
+}
+
+// ---- appending ----
+
+template <typename T>
+bool PZString::InsertText(std::basic_string<T>& text, const T* more, End end) {
+    if (more == nullptr) return false;
+    text.insert(end == End::HEAD ? 0 : text.size(), more);
+    return true;
+}
+
+bool PZString::IsWide() const {
+    return narrow_ == nullptr && wide_ != nullptr;
+}
+
+bool PZString::HasNoText() const {
+    return narrow_ == nullptr && wide_ == nullptr;
+}
+
+bool PZString::Insert(const char* s, EN_CP cpForWide, End end) {
+    if (HasNoText()) return Copy(s, XCP_UTF8);
+    if (IsWide()) {
+        PZString more(s, cpForWide);
+        return InsertText(*wide_, more.ToWCHAR(), end);
+    }
+    return InsertText(*narrow_, s, end);
+}
+
+bool PZString::Insert(const wchar_t* w, End end) {
+    if (HasNoText()) return Copy(w);
+    if (IsWide()) return InsertText(*wide_, w, end);
+    PZString more(w);
+    return InsertText(*narrow_, more.ToCHAR(codePage_), end);
+}
+
+bool PZString::Insert(const PZString& o, End end) {
+    if (HasNoText()) {
+        return o.narrow_ != nullptr ? Copy(o.narrow_->c_str(), o.codePage_)
+                                    : Copy(o.wide_->c_str());
+    }
+    if (IsWide()) {
+        if (o.wide_ != nullptr) return Insert(o.wide_->c_str(), end);
+        PZString more(o);
+        return InsertText(*wide_, more.ToWCHAR(), end);
+    }
+    if (o.narrow_ != nullptr && o.codePage_ == codePage_) {
+        return Insert(o.narrow_->c_str(), codePage_, end);
+    }
+    PZString more(o);
+    return InsertText(*narrow_, more.ToCHAR(codePage_), end);
+}
+
+bool PZString::Append(const char* s) {
+    if (s == nullptr) return false;
+    if (IsWide() && codePage_ == XCP_NONE) codePage_ = XCP_UTF8;
+    return Insert(s, codePage_, End::TAIL);
+}
+
+bool PZString::Append(const std::string& s) {
+    return Append(s.c_str());
+}
+
+bool PZString::Append(const wchar_t* w) {
+    if (w == nullptr) return false;
+    return Insert(w, End::TAIL);
+}
+
+bool PZString::Append(const PZString& o) {
+    if (!IsWide() && o.HasNoText()) {
+        PZ_REPORT_ERROR("no string in param\n");
+        return false;
+    }
+    return Insert(o, End::TAIL);
+}
+
+bool PZString::AppendToHead(const char* s) {
+    return Insert(s, XCP_UTF8, End::HEAD);
+}
+
+bool PZString::AppendToHead(const std::string& s) {
+    return AppendToHead(s.c_str());
+}
+
+bool PZString::AppendToHead(const wchar_t* w) {
+    return Insert(w, End::HEAD);
+}
+
+bool PZString::AppendToHead(const PZString& o) {
+    if (!IsWide() && o.HasNoText()) {
+        PZ_REPORT_ERROR("no string in param\n");
+        return false;
+    }
+    return Insert(o, End::HEAD);
+}
+
+PZString& PZString::operator+(const char* s) {
+    if (!Append(s)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator+(const std::string& s) {
+    return *this + s.c_str();
+}
+
+PZString& PZString::operator+(const wchar_t* w) {
+    if (!Append(w)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator+(const PZString& o) {
+    if (!Append(o)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator+=(const char* s) {
+    if (!Append(s)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator+=(const std::string& s) {
+    return *this += s.c_str();
+}
+
+PZString& PZString::operator+=(const wchar_t* w) {
+    if (!Append(w)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+PZString& PZString::operator+=(const PZString& o) {
+    if (!Append(o)) PZ_REPORT_ERROR("error\n");
+    return *this;
+}
+
+// ---- reading and converting ----
+
+const char* PZString::ToCHAR(EN_CP cp) {
+    if (narrow_ != nullptr) {
+        if (codePage_ == cp || narrow_->empty()) return narrow_->c_str();
+        std::vector<char> buffer = narrow_buffer(narrow_->size());
+        const int result = pz_cp_conv(buffer.data(), size32(buffer), cp, narrow_->c_str(),
+                                      size32(*narrow_), codePage_);
+        if (result < 1) {
+            PZ_REPORT_ERROR("faild to convert ret[%d]\n", result);
+            return nullptr;
+        }
+        Copy(buffer.data(), cp);
+        return narrow_->c_str();
+    }
+
+    if (wide_ == nullptr && units_ == nullptr) return nullptr;
+    if (cp == XCP_NONE) {
+        PZ_REPORT_ERROR("invalid code page\n");
+        return nullptr;
+    }
+    if (wide_ == nullptr && cp != XCP_UTF8) {
+        PZ_REPORT_ERROR("not support for now.\n");
+        return nullptr;
+    }
+    const size_t length = wide_ != nullptr ? wide_->size() : units_->size() - 1;
+    if (length == 0) {
+        Copy("", codePage_);
+        return narrow_->c_str();
+    }
+    std::vector<char> buffer = narrow_buffer(length);
+    const int result =
+        wide_ != nullptr
+            ? pz_wctomb(buffer.data(), size32(buffer), wide_->c_str(), static_cast<int>(length), cp)
+            : pz_wc16tomb(buffer.data(), size32(buffer), XCP_UTF8, units_->data(),
+                          static_cast<int>(length), codePage_);
+    if (result < 1) {
+        PZ_REPORT_ERROR("faild to convert\n");
+        return nullptr;
+    }
+    Copy(buffer.data(), cp);
+    return narrow_->c_str();
+}
+
+const char* PZString::ToTCHAR() {
+    return ToCHAR(XCP_UTF8);
+}
+
+const wchar_t* PZString::ToWCHAR() {
+    if (narrow_ == nullptr) {
+        if (wide_ != nullptr) return wide_->c_str();
+        if (units_ != nullptr) PZ_REPORT_ERROR("not support for now.\n");
+        return nullptr;
+    }
+    if (codePage_ == XCP_NONE) {
+        PZ_REPORT_ERROR("unknown code page\n");
+        return nullptr;
+    }
+    if (narrow_->empty()) {
+        const EN_CP kept = codePage_;
+        Copy(L"");
+        codePage_ = kept;
+        return wide_->c_str();
+    }
+    std::vector<wchar_t> buffer(narrow_->size() + 1);
+    if (pz_mbtowc(buffer.data(), size32(buffer), narrow_->c_str(), size32(*narrow_), codePage_) <
+        1) {
+        PZ_REPORT_ERROR("faild to convert\n");
+        return nullptr;
+    }
+    Copy(buffer.data());
+    return wide_->c_str();
+}
+
+const unsigned short* PZString::ToWCHAR16(EN_CP cp) {
+    if (cp == XCP_UTF16) {
+        PZ_REPORT_ERROR("not support for now.\n");
+        return nullptr;
+    }
+    if (cp != XCP_UTF16BE && cp != XCP_UTF16LE) {
+        PZ_REPORT_ERROR("invalid param.\n");
+        return nullptr;
+    }
+    if (narrow_ != nullptr) {
+        std::vector<unsigned short> buffer(narrow_->size() + 1);
+        if (!narrow_->empty() && pz_mbtowc16(buffer.data(), size32(buffer), cp, narrow_->c_str(),
+                                             size32(*narrow_), codePage_) < 1) {
+            PZ_REPORT_ERROR("faild to convert\n");
+            return nullptr;
+        }
+        Copy(buffer.data(), cp);
+        return units_->data();
+    }
+    if (wide_ != nullptr) {
+        PZ_REPORT_ERROR("not support for now.\n");
+        return nullptr;
+    }
+    if (units_ == nullptr) return nullptr;
+    if (codePage_ != cp) {
+        PZ_REPORT_ERROR("not support for now. this cp[%d] param cp[%d]\n", codePage_, cp);
+        return nullptr;
+    }
+    return units_->data();
+}
+
+const char* PZString::RefCHAR() const {
+    return narrow_ != nullptr ? narrow_->c_str() : nullptr;
+}
+
+const wchar_t* PZString::RefWCHAR() const {
+    return wide_ != nullptr ? wide_->c_str() : nullptr;
+}
+
+// ---- comparing ----
+
+bool PZString::operator<(const PZString& o) const {
+    if (wide_ != nullptr && o.wide_ != nullptr) return *wide_ < *o.wide_;
+    if (narrow_ != nullptr && o.narrow_ != nullptr) return *narrow_ < *o.narrow_;
+    return false;
+}
+
+bool PZString::operator<(const char* s) const {
+    return narrow_ != nullptr && s != nullptr && *narrow_ < s;
+}
+
+bool PZString::operator<(const std::string& s) const {
+    return narrow_ != nullptr && *narrow_ < s;
+}
+
+bool PZString::operator<(const wchar_t* w) const {
+    return wide_ != nullptr && w != nullptr && *wide_ < w;
+}
+
+bool PZString::operator==(const PZString& o) const {
+    if (wide_ != nullptr && o.wide_ != nullptr && *wide_ != *o.wide_) return false;
+    if (narrow_ != nullptr && o.narrow_ != nullptr && *narrow_ != *o.narrow_) return false;
+    return codePage_ == o.codePage_;
+}
+
+bool PZString::operator==(const char* s) const {
+    return equal(narrow_, s);
+}
+
+bool PZString::operator==(const std::string& s) const {
+    return narrow_ != nullptr && *narrow_ == s;
+}
+
+bool PZString::operator==(const wchar_t* w) const {
+    return equal(wide_, w);
+}
+
+bool PZString::IsEqual(const char* s) const {
+    if (HasNoText() && units_ == nullptr) return s == nullptr;
+    return equal(narrow_, s);
+}
+
+bool PZString::IsEqual(const std::string& s) const {
+    return IsEqual(s.c_str());
+}
+
+bool PZString::IsEqual(const wchar_t* w) const {
+    if (HasNoText() && units_ == nullptr) return w == nullptr;
+    return equal(wide_, w);
+}
+
+bool PZString::IsEqual(const PZString& o) const {
+    if (narrow_ != nullptr && o.narrow_ != nullptr) {
+        return *narrow_ == *o.narrow_ && codePage_ == o.codePage_;
+    }
+    if (wide_ != nullptr && o.wide_ != nullptr) return *wide_ == *o.wide_;
+    return o.HasNoText();
+}
+
+// ---- measuring ----
+
+unsigned int PZString::Length() const {
+    if (narrow_ != nullptr) {
+        if (codePage_ != XCP_UTF8) {
+            PZ_REPORT_ERROR("sorry, now under construction...\n");
+            return 0;
+        }
+        return static_cast<unsigned int>(
+            std::count_if(narrow_->begin(), narrow_->end(), starts_utf8_character));
+    }
+    if (wide_ != nullptr) return size32(*wide_);
+    return units_ != nullptr ? size32(*units_) - 1 : 0;
+}
+
+unsigned int PZString::LengthByte() const {
+    if (narrow_ != nullptr) return size32(*narrow_);
+    if (wide_ != nullptr) return size32(*wide_) * static_cast<unsigned int>(sizeof(wchar_t));
+    return Length() * static_cast<unsigned int>(sizeof(unsigned short));
+}
+
+unsigned int PZString::LengthByte(const char* s, unsigned int size, unsigned int maxChars) {
+    unsigned int chars = 0;
+    for (unsigned int i = 0; i < size; ++i) {
+        if (!starts_utf8_character(s[i])) continue;
+        if (chars == maxChars) return i;
+        ++chars;
+    }
+    return size;
+}
+
+// ---- searching ----
+
+unsigned int PZString::IndexOf(const char* s, unsigned int start) const {
+    if (is_null_or_empty(s) || HasNoText()) return npos;
+    if (IsWide()) {
+        PZString wide(s, XCP_UTF8);
+        return IndexOf(wide.ToWCHAR(), start);
+    }
+    return position(narrow_->find(s, start));
+}
+
+unsigned int PZString::IndexOf(const wchar_t* w, unsigned int start) const {
+    if (is_null_or_empty(w) || HasNoText()) return npos;
+    if (IsWide()) return position(wide_->find(w, start));
+    PZString narrow(w);
+    return IndexOf(narrow.ToCHAR(codePage_), 0);  // not from `start`, on purpose
+}
+
+unsigned int PZString::IndexOf(const std::string& s, unsigned int /*start*/) const {
+    return IndexOf(s.c_str(), 0);  // not from `start`, on purpose
+}
+
+unsigned int PZString::IndexOf(const PZString& o, unsigned int start) const {
+    if (narrow_ != nullptr && o.narrow_ != nullptr) return IndexOf(o.narrow_->c_str(), start);
+    if (IsWide() && o.wide_ != nullptr) return IndexOf(o.wide_->c_str(), start);
+    return npos;
+}
+
+unsigned int PZString::LastIndexOf(const char* s, unsigned int from) const {
+    if (is_null_or_empty(s)) return npos;
+    if (narrow_ == nullptr) {
+        PZ_REPORT_ERROR("not support for now.\n");
+        return npos;
+    }
+    const unsigned int length = Length();  // characters, although positions are bytes
+    if (from == npos) from = length;
+    if (from > length) return npos;
+    return position(narrow_->rfind(s, from));
+}
+
+// ---- cutting and splitting ----
+
+PZString& PZString::SubStr(unsigned int start, unsigned int end) {
+    const unsigned int length = LengthByte();
+    if (end == npos) end = length - 1;
+    const unsigned int count = end - start + 1;
+    if (length <= end || length <= start || static_cast<int>(count) < 0) return *this;
+    if (narrow_ != nullptr) {
+        *narrow_ = narrow_->substr(start, count);
+    } else if (wide_ != nullptr) {
+        *wide_ = wide_->substr(start, count);
+    } else {
+        PZ_REPORT_ERROR("not support for now.\n");
+    }
+    return *this;
+}
+
+bool PZString::Split(SplitList& list, const char* sep) const {
+    if (sep == nullptr) return false;
+    if (IsWide()) wait_forever();
+    if (narrow_ == nullptr) {
+        PZ_REPORT_ERROR("no string\n");
+        return false;
+    }
+    append_pieces(list, *narrow_, std::string(sep), LastPiece::ALWAYS);
+    return true;
+}
+
+bool PZString::Split(SplitList& list, const wchar_t* sep) const {
+    if (sep == nullptr) return false;
+    if (wide_ == nullptr) {
+        if (narrow_ != nullptr) wait_forever();
+        PZ_REPORT_ERROR("no string\n");
+        return false;
+    }
+    append_pieces(list, *wide_, std::wstring(sep), LastPiece::ALWAYS);
+    return true;
+}
+
+bool PZString::Split(SplitList& list, char sep) const {
+    if (HasNoText()) {
+        PZ_REPORT_ERROR("no string\n");
+        return false;
+    }
+    if (IsWide()) {
+        PZString wide(std::string(1, sep));
+        return Split(list, wide.ToWCHAR());
+    }
+    append_pieces(list, *narrow_, std::string(1, sep), LastPiece::UNLESS_EMPTY);
+    return true;
+}
+
+bool PZString::Split(SplitList& list, wchar_t sep) const {
+    if (HasNoText()) {
+        PZ_REPORT_ERROR("no string\n");
+        return false;
+    }
+    if (wide_ == nullptr) {
+        PZString narrow(std::wstring(1, sep));
+        return Split(list, narrow.ToCHAR(codePage_));
+    }
+    append_pieces(list, *wide_, std::wstring(1, sep), LastPiece::UNLESS_EMPTY);
+    return true;
+}
+
+void PZString::DeleteSplitString(SplitList& list) const {
+    for (unsigned int left = list.GetCount(); left > 0; --left) {
+        delete list.GetHead()->element;
+        list.Erase(list.GetHead());
+    }
+}
