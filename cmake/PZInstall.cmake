@@ -20,6 +20,9 @@ install(FILES
     ${PROJECT_BINARY_DIR}/PZFrameworkConfigVersion.cmake
     DESTINATION ${PZ_CMAKE_DIR})
 
+# The pkg-config file finds its prefix from its own place, wherever `cmake --install` puts it.
+file(RELATIVE_PATH PZ_PC_PREFIX
+    /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(packaging/pzframework.pc.in ${PROJECT_BINARY_DIR}/pzframework.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/pzframework.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
