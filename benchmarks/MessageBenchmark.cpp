@@ -9,6 +9,7 @@
 
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
 
 #include "support/Processors.h"
 #include "support/RatioReporter.h"
@@ -135,5 +136,8 @@ BENCHMARK(post_to_handle_raw)->Name("message/post_to_handle:raw")->Apply(all_way
 }  // namespace
 
 int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
+    if (pz_FwInitialize("bench", 1) == 0) return 1;
+    const int status = pzbench::run(argc, argv);
+    pz_FwFinalize();
+    return status;
 }

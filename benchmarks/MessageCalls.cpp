@@ -9,6 +9,7 @@
 
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
 
 namespace {
 
@@ -45,11 +46,15 @@ int main(int argc, char** argv) {
     }
     const unsigned long batches = std::strtoul(argv[1], nullptr, 10);
     const auto messages = static_cast<unsigned int>(std::strtoul(argv[2], nullptr, 10));
-    PZWorker worker(1, 4000, 1);
-    if (worker.Start("calls") != 0) return 1;
-    Unit unit;
-    if (unit.RegistMsgBox(worker.GetMsgBox(), &unit) != 0) return 1;
-    for (unsigned long i = 0; i < batches; ++i) unit.RunBatch(messages);
-    worker.End(0);
+    if (pz_FwInitialize("calls", 1) == 0) return 1;
+    {
+        PZWorker worker(1, 4000, 1);
+        if (worker.Start("calls") != 0) return 1;
+        Unit unit;
+        if (unit.RegistMsgBox(worker.GetMsgBox(), &unit) != 0) return 1;
+        for (unsigned long i = 0; i < batches; ++i) unit.RunBatch(messages);
+        worker.End(0);
+    }
+    pz_FwFinalize();
     return 0;
 }
