@@ -67,17 +67,29 @@ double private_kib() {
     return total;
 }
 
-void start_stop(benchmark::State& state) {
-    const double before = private_kib();
+/// Private memory before and after the first start of the process; later starts find it warm.
+struct ST_FIRST_START {
+    double beforeKib = 0;
+    double afterKib = 0;
+};
+
+ST_FIRST_START first_start() {
+    ST_FIRST_START memory;
+    private_kib();  // its own buffers do not count
+    memory.beforeKib = private_kib();
     if (pz_FwInitialize("bench", 1) == 0) std::abort();
-    const double after = private_kib();
+    memory.afterKib = private_kib();
     pz_FwFinalize();
+    return memory;
+}
+
+void start_stop(benchmark::State& state) {
+    static const ST_FIRST_START memory = first_start();
     for (auto _ : state) {
         if (pz_FwInitialize("bench", 1) == 0) std::abort();
         pz_FwFinalize();
     }
-    state.counters["private_KiB_before"] = before;
-    state.counters["private_KiB_started"] = after;
+    state.counters["first_start_private_KiB"] = memory.afterKib - memory.beforeKib;
 }
 
 BENCHMARK(start_stop)->Name("framework/start+stop")->UseRealTime();
