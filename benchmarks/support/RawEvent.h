@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 namespace pzbench {
@@ -26,6 +27,12 @@ public:
     void Set() const {
         const char one = 1;
         if (write(fds_[1], &one, 1) != 1) std::abort();
+    }
+
+    /// The same, but a full pipe is left alone.
+    void TrySet() const {
+        const char one = 1;
+        if (write(fds_[1], &one, 1) != 1 && errno != EAGAIN) std::abort();
     }
 
     /// Waits until one of `count` events is set and takes its signal.

@@ -169,8 +169,8 @@ TEST_F(PZStopwatchTest, MeasuresUpToTheLargestSigned32BitNumberOfSeconds) {
     EXPECT_EQ(2147483647000000005ULL, watch.Split());
 }
 
+#if __SIZEOF_POINTER__ == 8  // a 32-bit clock has no more seconds than a result can hold
 TEST_F(PZStopwatchTest, CountsTheSecondsAsASigned32BitNumber) {
-    if (sizeof(time_t) < sizeof(long long)) GTEST_SKIP() << "the clock has no more seconds";
     tick.SetNanoseconds(0);
     watch.Start();
     tick.SetNanoseconds(0x80000000 * kNsPerSecond);
@@ -178,6 +178,7 @@ TEST_F(PZStopwatchTest, CountsTheSecondsAsASigned32BitNumber) {
     tick.SetNanoseconds(0x100000001 * kNsPerSecond);
     EXPECT_EQ(1000000000ULL, watch.Split());
 }
+#endif
 
 TEST_F(PZStopwatchTest, ReadsTheMonotonicClock) {
     pztest::clock_gettime_call.Replace(remember_clock);
