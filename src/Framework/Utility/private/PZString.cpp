@@ -296,7 +296,7 @@ PZString& PZString::operator+(const char* s) {
 }
 
 PZString& PZString::operator+(const std::string& s) {
-    return *this + s.c_str();
+    return operator+(s.c_str());
 }
 
 PZString& PZString::operator+(const wchar_t* w) {
