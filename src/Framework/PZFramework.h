@@ -9,6 +9,7 @@
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Diagnostics/pz_stack.h>
 #include <Framework/Foundation/PZEvent.h>
+#include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Foundation/PZIDispatcher.h>
 #include <Framework/Foundation/PZIMsgBox.h>
 #include <Framework/Foundation/PZLHeapMng.h>
