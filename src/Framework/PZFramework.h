@@ -17,6 +17,7 @@
 #include <Framework/Foundation/PZPriorityQueue.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZStopwatch.h>
+#include <Framework/Foundation/PZStorage.h>
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZSyncGuard.h>
 #include <Framework/Foundation/PZSyncLock.h>
