@@ -3,3 +3,11 @@ if(PZ_SANITIZE)
     add_compile_options(-fsanitize=${PZ_SANITIZE} -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${PZ_SANITIZE})
 endif()
+
+# How the sanitizers run in tests.
+set(support ${PROJECT_SOURCE_DIR}/tests/support)
+set(PZ_TEST_ENVIRONMENT
+    "ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1"
+    "LSAN_OPTIONS=suppressions=${support}/lsan.supp:print_suppressions=0"
+    "UBSAN_OPTIONS=print_stacktrace=1"
+    "TSAN_OPTIONS=suppressions=${support}/tsan.supp:detect_deadlocks=1:second_deadlock_stack=1")
