@@ -31,9 +31,12 @@
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/PZApi.h>
+#include <Framework/Pattern/PZSerializable.h>
 #include <Framework/Pattern/PZSubject.h>
 #include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
 #include <Framework/SharedMemory/PZSharedSyncObject.h>
+#include <Framework/Utility/PZBinary.h>
+#include <Framework/Utility/PZCRC.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Utility/PZPList.h>
 #include <Framework/Utility/PZString.h>

@@ -9,6 +9,10 @@
 #include <string>
 #include <vector>
 
+namespace PZSerialization {
+class Archive;
+}
+
 /// Text in any code page, which turns into the form that a caller asks for.
 ///
 /// Holds exactly one form at a time, or none at all, which is not the same as an empty text:
@@ -216,6 +220,8 @@ public:
     void DeleteSplitString(SplitList& list) const;
 
 private:
+    friend class PZSerialization::Archive;  // stores the code page and the form that is held
+
     enum class End : int { HEAD, TAIL };
 
     PZ_LOCAL bool Insert(const char* s, EN_CP cpForWide, End end);

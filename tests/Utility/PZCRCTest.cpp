@@ -1,0 +1,240 @@
+#include "Framework/Utility/PZCRC.h"
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "support/Interposed.h"
+#include "support/TempDir.h"
+
+namespace {
+
+pztest::Interposed<size_t(void*, size_t, size_t, FILE*)> fread_call("fread", 0);
+pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
+pztest::Interposed<int(FILE*)> fclose_call("fclose");
+
+std::string lastMode;
+
+}  // namespace
+
+extern "C" size_t fread(void* buffer, size_t size, size_t count, FILE* file) {
+    return fread_call(buffer, size, count, file);
+}
+// The name of fopen where file offsets have 64 bits.
+extern "C" FILE* fopen64(const char* path, const char* mode) {
+    lastMode = mode;
+    return fopen_call(path, mode);
+}
+extern "C" int fclose(FILE* file) {
+    return fclose_call(file);
+}
+
+namespace {
+
+constexpr unsigned long kAllOnes = 0xFFFFFFFF;
+constexpr unsigned long kUntouched = 0x12345678;
+constexpr size_t kPiece = 10240;
+
+const PZCRC crc;
+
+unsigned long crc_of(const std::string& data, unsigned long seed = kAllOnes) {
+    return crc.getMemCRC32(seed, reinterpret_cast<const unsigned char*>(data.data()),
+                           static_cast<unsigned int>(data.size()));
+}
+
+/// The definition of the checksum, one bit a step: divides by the polynomial.
+unsigned long crc_by_division(const std::string& data, uint32_t reg) {
+    for (const char byte : data) {
+        for (unsigned int bit = 0; bit < 8; ++bit) {
+            const uint32_t in = (static_cast<unsigned char>(byte) >> bit) & 1U;
+            const uint32_t out = (reg ^ in) & 1U;
+            reg = (reg >> 1U) ^ (out * 0xEDB88320U);
+        }
+    }
+    return static_cast<uint32_t>(~reg);
+}
+
+/// Bytes that do not repeat with any piece.
+std::string bytes_of(size_t size) {
+    std::string data(size, '\0');
+    uint32_t state = 1;
+    for (char& byte : data) {
+        state = state * 1664525U + 1013904223U;
+        byte = static_cast<char>(state >> 24U);
+    }
+    return data;
+}
+
+class PZCRCTest : public testing::Test {
+protected:
+    ~PZCRCTest() override {
+        fread_call.Reset();
+        fopen_call.Reset();
+        fclose_call.Reset();
+    }
+
+    /// The checksum of a file with this content.
+    unsigned long OfFile(const std::string& content) {
+        pztest::write_file(path, content);
+        unsigned long result = kUntouched;
+        EXPECT_TRUE(crc.CRC32(path.c_str(), result));
+        return result;
+    }
+
+    pztest::TempDir folder;
+    const std::string path = folder.File("data");
+};
+
+}  // namespace
+
+// ---- memory ----
+
+TEST_F(PZCRCTest, GivesThePublishedChecksums) {
+    EXPECT_EQ(0xCBF43926U, crc_of("123456789"));
+    EXPECT_EQ(0x00000000U, crc_of(""));
+    EXPECT_EQ(0xE8B7BE43U, crc_of("a"));
+    EXPECT_EQ(0x352441C2U, crc_of("abc"));
+    EXPECT_EQ(0x414FA339U, crc_of("The quick brown fox jumps over the lazy dog"));
+    EXPECT_EQ(0x190A55ADU, crc_of(std::string(32, '\0')));
+    EXPECT_EQ(0xFF6CAB0BU, crc_of(std::string(32, '\xFF')));
+}
+
+TEST_F(PZCRCTest, DividesEveryByteValueByThePolynomial) {
+    for (int value = 0; value < 256; ++value) {
+        const std::string byte(1, static_cast<char>(value));
+        EXPECT_EQ(crc_by_division(byte, 0xFFFFFFFF), crc_of(byte)) << value;
+        EXPECT_EQ(crc_by_division(byte, 0), crc_of(byte, 0)) << value;
+    }
+}
+
+TEST_F(PZCRCTest, DividesBlocksOfEveryLengthFromEverySeed) {
+    const std::string data = bytes_of(80);
+    uint32_t seed = 0;
+    for (size_t length = 0; length <= data.size(); ++length) {
+        const std::string block = data.substr(data.size() - length);
+        EXPECT_EQ(crc_by_division(block, seed), crc_of(block, seed)) << length;
+        seed += 0x9E3779B9U;
+    }
+}
+
+TEST_F(PZCRCTest, ComplementsTheSeedForNoBytes) {
+    const unsigned char byte = 0x55;
+    EXPECT_EQ(0x00000000U, crc.getMemCRC32(kAllOnes, &byte, 0));
+    EXPECT_EQ(0xFFFFFFFFU, crc.getMemCRC32(0, &byte, 0));
+    EXPECT_EQ(0xEDCBA987U, crc.getMemCRC32(0x12345678, &byte, 0));
+}
+
+TEST_F(PZCRCTest, TakesNullForNoBytes) {
+    EXPECT_EQ(0xEDCBA987U, crc.getMemCRC32(0x12345678, nullptr, 0));
+    EXPECT_EQ(0xEDCBA987U, crc.getMemCRC32(0x12345678, nullptr, 9));
+}
+
+TEST_F(PZCRCTest, GoesOnWithTheComplementOfAResultOnly) {
+    const unsigned long first = crc_of("1234");
+    EXPECT_EQ(0xCBF43926U, crc_of("56789", ~first & kAllOnes));
+    EXPECT_NE(0xCBF43926U, crc_of("56789", first));
+}
+
+TEST_F(PZCRCTest, StaysA32BitValueWhereLongIsWider) {
+    const unsigned long highBits = ULONG_MAX - kAllOnes;  // none where long has 32 bits
+    EXPECT_EQ(0xCBF43926U, crc_of("123456789", highBits | kAllOnes));
+    EXPECT_EQ(crc_of("123456789", 0), crc_of("123456789", highBits));
+    EXPECT_EQ(0xFFFFFFFFU, crc_of("", highBits));
+    EXPECT_EQ(0x00000000U, crc_of("", ULONG_MAX));
+}
+
+// ---- files ----
+
+TEST_F(PZCRCTest, GivesAllOnesForAnEmptyFile) {
+    EXPECT_EQ(0xFFFFFFFFU, OfFile(""));
+}
+
+TEST_F(PZCRCTest, GivesTheChecksumOfAFile) {
+    EXPECT_EQ(0xCBF43926U, OfFile("123456789"));
+    EXPECT_EQ("rb", lastMode);
+}
+
+TEST_F(PZCRCTest, GivesTheChecksumOfAFileOfOnePiece) {
+    const std::string data = bytes_of(kPiece);
+    EXPECT_EQ(crc_by_division(data, 0xFFFFFFFF), OfFile(data));
+    const std::string shorter = bytes_of(kPiece - 1);
+    EXPECT_EQ(crc_by_division(shorter, 0xFFFFFFFF), OfFile(shorter));
+}
+
+TEST_F(PZCRCTest, SeedsTheSecondPieceWithTheResultOfTheFirst) {
+    const std::string data = bytes_of(kPiece + 1);
+    const unsigned long first = crc_by_division(data.substr(0, kPiece), 0xFFFFFFFF);
+    const unsigned long both = crc_by_division(data.substr(kPiece), static_cast<uint32_t>(first));
+    const unsigned long result = OfFile(data);
+    EXPECT_EQ(both, result);
+    EXPECT_EQ(crc_of(data.substr(kPiece), crc_of(data.substr(0, kPiece))), result);
+    EXPECT_NE(crc_by_division(data, 0xFFFFFFFF), result) << "not the checksum of the whole file";
+}
+
+TEST_F(PZCRCTest, SeedsEveryFurtherPieceWithTheResultBefore) {
+    for (const size_t size : {2 * kPiece, 3 * kPiece - 1, 3 * kPiece, 3 * kPiece + 777}) {
+        const std::string data = bytes_of(size);
+        unsigned long expected = kAllOnes;
+        for (size_t at = 0; at < size; at += kPiece) {
+            expected = crc_by_division(data.substr(at, kPiece), static_cast<uint32_t>(expected));
+        }
+        EXPECT_EQ(expected, OfFile(data)) << size;
+    }
+}
+
+TEST_F(PZCRCTest, GivesA32BitResultWhereLongIsWider) {
+    EXPECT_LE(OfFile(""), kAllOnes);
+    EXPECT_LE(OfFile("a"), kAllOnes);
+}
+
+TEST_F(PZCRCTest, RefusesANullOrEmptyPathAndLeavesTheResult) {
+    unsigned long result = kUntouched;
+    EXPECT_FALSE(crc.CRC32(nullptr, result));
+    EXPECT_FALSE(crc.CRC32("", result));
+    EXPECT_EQ(kUntouched, result);
+    EXPECT_EQ(0, fopen_call.Calls());
+}
+
+TEST_F(PZCRCTest, FailsForAMissingFileAndLeavesTheResult) {
+    unsigned long result = kUntouched;
+    EXPECT_FALSE(crc.CRC32(path.c_str(), result));
+    EXPECT_EQ(kUntouched, result);
+}
+
+TEST_F(PZCRCTest, FailsWhenTheFileCannotBeOpenedAndLeavesTheResult) {
+    pztest::write_file(path, "123456789");
+    unsigned long result = kUntouched;
+    fopen_call.FailNext(EMFILE);
+    EXPECT_FALSE(crc.CRC32(path.c_str(), result));
+    EXPECT_EQ(kUntouched, result);
+}
+
+TEST_F(PZCRCTest, ReadsPiecesUntilOneIsEmptyAndClosesTheFile) {
+    pztest::write_file(path, bytes_of(kPiece + 1));
+    fread_call.Reset();
+    fclose_call.Reset();
+    unsigned long result = 0;
+    EXPECT_TRUE(crc.CRC32(path.c_str(), result));
+    EXPECT_EQ(3, fread_call.Calls());
+    EXPECT_EQ(1, fclose_call.Calls());
+}
+
+TEST_F(PZCRCTest, TakesAFileThatCannotBeReadOnAsEndedThere) {
+    const std::string data = bytes_of(2 * kPiece);
+    pztest::write_file(path, data);
+    fclose_call.Reset();
+    fread_call.FailNext(EIO, 1, 1);
+    unsigned long result = kUntouched;
+    EXPECT_TRUE(crc.CRC32(path.c_str(), result));
+    EXPECT_EQ(crc_by_division(data.substr(0, kPiece), 0xFFFFFFFF), result);
+    EXPECT_EQ(1, fclose_call.Calls());
+}
+
+TEST_F(PZCRCTest, TakesAFolderForAnEmptyFile) {
+    unsigned long result = kUntouched;
+    EXPECT_TRUE(crc.CRC32(folder.Path().c_str(), result));
+    EXPECT_EQ(0xFFFFFFFFU, result);
+}
