@@ -1,0 +1,307 @@
+#include "Framework/Communication/PZMessageQueue.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+
+namespace PZMsgQ {
+namespace {
+
+constexpr unsigned int kMaxPayload = 1024;
+constexpr unsigned int kTrailer = 3;  // zero bytes behind the payload
+constexpr mode_t kQueueMode = 0666;
+constexpr unsigned int kMostUrgent = 255;  // of the system; the caller's priority 0
+constexpr int kCapacity = 64;              // of the queues of <0> and <1>
+constexpr unsigned int kWatchTimeMs = 4000;
+constexpr unsigned int kRetryPauseMs = 100;
+
+static_assert(sizeof(mqd_t) == 4, "record layout");
+static_assert(sizeof(PZMessageQueue<2>) == 1064, "record layout: 4 + 33 + 1025, padded");
+
+/// A queue's system-wide name.
+struct SystemName {
+    explicit SystemName(const char* name) {
+        text[0] = '/';
+        pz_strncpy(text + 1, sizeof text - 1, name, PZMessageQueue<2>::kMaxNameLength);
+    }
+    char text[PZMessageQueue<2>::kMaxNameLength + 2];
+};
+
+mqd_t open_or_create(const SystemName& name, int maxMsg) {
+    mq_attr attr = {};
+    attr.mq_maxmsg = maxMsg;
+    attr.mq_msgsize = PZMessageQueue<2>::kMaxMessageSize;
+    umask(0);  // every process may open the queue, whoever created it
+    return mq_open(name.text, O_RDWR | O_CREAT, kQueueMode, &attr);
+}
+
+/// The queue whose messages the calling thread receives.
+thread_local const void* received_queue = nullptr;
+
+}  // namespace
+
+// The core.
+
+PZMessageQueue<2>::PZMessageQueue() = default;
+
+PZMessageQueue<2>::~PZMessageQueue() {
+    if (!isOpened()) return;
+    PZ_REPORT_ERROR("Call close method before deleting this instance!\n");
+    close(false);
+}
+
+bool PZMessageQueue<2>::open(const OpenParam& p) {
+    if (p.name == nullptr) {
+        PZ_REPORT_ERROR("name is null.\n");
+        PZ_REPORT_ASSERTION();
+        return false;
+    }
+    if (strnlen(p.name, kMaxNameLength + 1) > kMaxNameLength) {
+        PZ_REPORT_ERROR("name is too long.\n");
+        PZ_REPORT_ASSERTION();
+        return false;
+    }
+    const SystemName fullName(p.name);
+    const mqd_t handle = open_or_create(fullName, p.maxMsg);
+    if (handle == kNoQueue) {
+        PZ_REPORT_ERROR("error : %s : errno[%d : %s]\n", fullName.text, pz_get_last_err(),
+                        pz_get_last_err_string());
+        PZ_REPORT_ASSERTION();
+        return false;
+    }
+    close(false);
+    handle_ = handle;
+    pz_strncpy(name_, kMaxNameLength, p.name, kMaxNameLength);
+    return true;
+}
+
+void PZMessageQueue<2>::close(bool unlink) {
+    if (isOpened()) {
+        mq_close(handle_);
+        handle_ = kNoQueue;
+    }
+    if (unlink) mq_unlink(SystemName(name_).text);
+}
+
+int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
+                            unsigned char priority) {
+    constexpr int kError = -1;
+    constexpr int kFull = -2;
+    constexpr int kInvalid = -3;
+    if (size > kMaxPayload) {
+        PZ_REPORT_ERROR("size over(%d)\n", static_cast<int>(size));
+        return kInvalid;
+    }
+    if (type == en_MSG_TYPE_USER && priority == 0) {
+        PZ_REPORT_ERROR("invalid priority(%d)\n", priority);
+        return kInvalid;
+    }
+    if (data == nullptr && size != 0) {
+        PZ_REPORT_ERROR("invalid args\n");
+        return kInvalid;
+    }
+    if (!isOpened()) {
+        PZ_REPORT_ERROR("not opened\n");
+        return kError;
+    }
+
+    mq_attr attr = {};
+    int error = mq_getattr(handle_, &attr) == 0 ? 0 : errno;
+    bool isFull = error == 0 && attr.mq_curmsgs >= attr.mq_maxmsg;
+    if (error == 0 && !isFull) {
+        unsigned char message[1 + kMaxPayload + kTrailer];
+        message[0] = type;
+        if (size != 0) std::memcpy(message + 1, data, size);
+        std::memset(message + 1 + size, 0, kTrailer);
+        error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
+        if (error == ETIMEDOUT) {  // another sender took the last place meanwhile
+            isFull = true;
+            attr.mq_curmsgs = attr.mq_maxmsg;
+        }
+    }
+    if (isFull) {
+        PZ_REPORT_ERROR("que full (%s) %d/%d\n", name_, static_cast<int>(attr.mq_curmsgs),
+                        static_cast<int>(attr.mq_maxmsg));
+        return kFull;
+    }
+    if (error != 0) {
+        PZ_REPORT_ERROR("error : errno[%d : %s]\n", error, std::strerror(error));
+        return kError;
+    }
+    return 0;
+}
+
+int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
+    constexpr int kError = -1;
+    if (size == 0 || data == nullptr) {
+        PZ_REPORT_ERROR("invalid args\n");
+        return kError;
+    }
+    if (!isOpened()) {
+        PZ_REPORT_ERROR("not opened\n");
+        return kError;
+    }
+    unsigned int priority = 0;
+    ssize_t received = -1;
+    do {
+        received =
+            mq_receive(handle_, reinterpret_cast<char*>(rxBuffer_), kMaxMessageSize, &priority);
+    } while (received == -1 && errno == EINTR);
+    if (received == -1) {
+        PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        return kError;
+    }
+    const auto length = static_cast<size_t>(received);
+    rxBuffer_[length] = 0;  // never a byte of the message before, not even as a type
+    type = static_cast<MSG_TYPE>(rxBuffer_[0]);
+    std::memcpy(data, rxBuffer_ + 1, length);
+    return static_cast<int>(received);
+}
+
+// 0, or the error number: ETIMEDOUT for a full queue. The queue itself would make the sender wait
+// for room, so the wait is one that is over already.
+int PZMessageQueue<2>::post(const unsigned char* message, size_t length,
+                            unsigned int systemPriority) const {
+    constexpr timespec kNoWait = {};
+    while (mq_timedsend(handle_, reinterpret_cast<const char*>(message), length, systemPriority,
+                        &kNoWait) == -1) {
+        if (errno != EINTR) return errno;
+    }
+    return 0;
+}
+
+// The sending side.
+
+PZMessageQueue<0>::PZMessageQueue() = default;
+
+PZMessageQueue<0>::~PZMessageQueue() {
+    close();
+}
+
+bool PZMessageQueue<0>::open(const OpenParam& p) {
+    return queue_.open({p.name, kCapacity});
+}
+
+void PZMessageQueue<0>::close() {
+    queue_.close(false);
+}
+
+int PZMessageQueue<0>::send(const void* data, unsigned int size, unsigned char priority) {
+    return queue_.send(en_MSG_TYPE_USER, data, size, priority);
+}
+
+// The receiving side.
+
+PZMessageQueue<1>::PZMessageQueue() : thread_(this, kWatchTimeMs) {}
+
+PZMessageQueue<1>::~PZMessageQueue() {
+    close();
+}
+
+bool PZMessageQueue<1>::open(const OpenParam& p) {
+    if (p.name == nullptr || p.observer == nullptr) {
+        PZ_REPORT_ERROR("invalid args\n");
+        return false;
+    }
+    // The thread may be waiting in the queue that is open.
+    if (thread_.isStarted() || !queue_.open({p.name, kCapacity})) {
+        PZ_REPORT_ERROR("open error\n");
+        return false;
+    }
+    RemoveObserver(observer_);  // of an open whose thread could not be started
+    observer_ = p.observer;
+    AddObserver(observer_);
+    std::snprintf(threadName_, sizeof threadName_, "%s%s", "mq_", p.name);
+    state_ = en_STATE_SERVING;
+    thread_.Start(threadName_);  // reports its failure
+    return true;
+}
+
+void PZMessageQueue<1>::close() {
+    if (received_queue == this) {
+        // The observer's subscription is in use, and a thread cannot wait for its own end.
+        sendQuit();
+        constexpr int kResult = EDEADLK;
+        PZ_REPORT_ERROR("pthread_join failed !! ret[%d] errno[%d : %s]\n", kResult, kResult,
+                        std::strerror(kResult));
+        PZ_REPORT_ASSERTION();
+        return;
+    }
+    RemoveObserver(observer_);
+    observer_ = nullptr;
+    sendQuit();
+    if (thread_.WaitExit() != 0) {
+        PZ_REPORT_ASSERTION();  // the thread may run on: the queue is its own
+        return;
+    }
+    closeQueue();  // of a thread that was never started, or that an exception has ended
+}
+
+int PZMessageQueue<1>::Initialize() {
+    return 0;
+}
+
+void PZMessageQueue<1>::MainProc() {
+    if (!queue_.isOpened()) return;
+    received_queue = this;
+    while (serveOne()) {
+    }
+    received_queue = nullptr;
+}
+
+void PZMessageQueue<1>::Finalize() {
+    closeQueue();
+}
+
+// The message that ends the thread must not get lost: close waits for the thread. When it is
+// refused, the thread is told by its state, too. The second attempt is for a thread that has just
+// emptied the queue and looked at its state before: it finds either room, or a full queue, from
+// which the thread takes a message and then sees the state. One byte fits into every queue.
+void PZMessageQueue<1>::sendQuit() {
+    state_ = en_STATE_CLOSING;
+    const PZSyncLock lock(sync_);
+    if (!queue_.isOpened()) return;
+    constexpr unsigned char kPayload = 0;
+    if (queue_.send(en_MSG_TYPE_QUIT, &kPayload, sizeof kPayload, 0) == 0) return;
+    state_ = en_STATE_LEAVING;
+    constexpr unsigned char kMessage = en_MSG_TYPE_QUIT;
+    queue_.post(&kMessage, sizeof kMessage, kMostUrgent);
+}
+
+// Removes the name once only: the next one may already have made a queue under it.
+void PZMessageQueue<1>::closeQueue() {
+    const PZSyncLock lock(sync_);
+    if (queue_.isOpened()) queue_.close(true);
+}
+
+// Hands the next message to the observers; false when the thread must end.
+bool PZMessageQueue<1>::serveOne() {
+    unsigned char data[PZMessageQueue<2>::kMaxMessageSize] = {};  // as long as a message can be
+    MSG_TYPE type = en_MSG_TYPE_USER;
+    PZWatchDog::GetInstance()->IntoWait();
+    const int received = queue_.receive(type, data, sizeof data);
+    PZWatchDog::GetInstance()->OutWait();
+    if (received < 0) return mayServeAfterFailure();
+    if (type == en_MSG_TYPE_QUIT) return false;
+    NotifyObserver(0, data, static_cast<unsigned int>(received), en_NTF_ALL);
+    return state_ != en_STATE_LEAVING;
+}
+
+// A failure may last: of a queue with larger messages nothing can be received, a quit neither.
+bool PZMessageQueue<1>::mayServeAfterFailure() const {
+    if (!queue_.isOpened() || state_ != en_STATE_SERVING) return false;
+    pz_msleep(kRetryPauseMs);
+    return true;
+}
+
+}  // namespace PZMsgQ

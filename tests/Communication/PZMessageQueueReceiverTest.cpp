@@ -1,0 +1,665 @@
+#include <mqueue.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/Foundation/PZThreadMng.h>
+
+#include "support/Gate.h"
+#include "support/Interposed.h"
+#include "support/StdoutCapture.h"
+#include "support/TestQueue.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+using ThreadEntry = void* (*)(void*);
+
+pztest::Interposed<int(mqd_t, mq_attr*)> mq_getattr_call("mq_getattr");
+pztest::Interposed<ssize_t(mqd_t, char*, size_t, unsigned int*)> mq_receive_call("mq_receive");
+pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
+    "pthread_create", EAGAIN);
+pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EINVAL);
+pztest::Interposed<int(const timespec*, timespec*)> nanosleep_call("nanosleep");
+
+}  // namespace
+
+extern "C" {
+int mq_getattr(mqd_t mqdes, mq_attr* mqstat) noexcept {
+    return mq_getattr_call(mqdes, mqstat);
+}
+ssize_t mq_receive(mqd_t mqdes, char* msg_ptr, size_t msg_len, unsigned int* msg_prio) {
+    return mq_receive_call(mqdes, msg_ptr, msg_len, msg_prio);
+}
+int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
+                   void* arg) noexcept {
+    return pthread_create_call(newthread, attr, start_routine, arg);
+}
+int pthread_join(pthread_t th, void** thread_return) {
+    return pthread_join_call(th, thread_return);
+}
+int nanosleep(const timespec* requested_time, timespec* remaining) {
+    return nanosleep_call(requested_time, remaining);
+}
+}
+
+namespace {
+
+using pztest::error_messages;
+using pztest::Gate;
+using pztest::has_report;
+using pztest::open_descriptors;
+using pztest::QueueName;
+using pztest::RawQueue;
+using pztest::StdoutCapture;
+using pztest::wait_until;
+
+using Receiver = PZMsgQ::PZMessageQueue<1>;
+using Sender = PZMsgQ::PZMessageQueue<0>;
+using Messages = std::vector<std::string>;
+
+constexpr char kQuit[] = "\002";
+constexpr unsigned int kMostUrgent = 255;  // of the system
+
+/// Keeps what it is called with, and does what the test wants.
+class Recorder : public PZObserver_ {
+public:
+    struct Call {
+        unsigned int id;
+        unsigned int size;
+        std::string data;  // all 1024 bytes that may be read
+    };
+
+    unsigned int OnNotify(unsigned int id, void* data, unsigned int size) override {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            calls_.push_back({id, size, std::string(static_cast<char*>(data), 1024)});
+        }
+        if (action) action();
+        return 0;
+    }
+
+    std::vector<Call> Calls() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return calls_;
+    }
+    size_t Count() const { return Calls().size(); }
+
+    /// The first byte of each payload.
+    std::string Order() const {
+        std::string order;
+        for (const Call& call : Calls()) order += call.data[0];
+        return order;
+    }
+
+    std::function<void()> action;  // set before open
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Call> calls_;
+};
+
+bool reported_from(const std::string& output, const char* function, const std::string& message) {
+    return has_report(output, function, "PZMessageQueue.cpp", message);
+}
+
+unsigned int banners_in(const std::string& output) {
+    return pztest::count_of(output,
+                            "ASSERT Failed! - "
+                            "src/Framework/Communication/private/PZMessageQueue.cpp(");
+}
+
+std::string filled(const std::string& bytes) {
+    return bytes + std::string(1024 - bytes.size(), '\0');
+}
+
+/// Waits until `bytes` are printed: collects what the capture holds meanwhile.
+bool await_print(StdoutCapture& out, std::string& printed, const std::string& bytes) {
+    return wait_until([&] {
+        printed += out.Take();
+        return printed.find(bytes) != std::string::npos;
+    });
+}
+
+class PZMessageQueueReceiverTest : public testing::Test {
+protected:
+    PZMessageQueueReceiverTest() { Reset(); }
+
+    ~PZMessageQueueReceiverTest() override {
+        Reset();
+        receiver.reset();
+        PZSingletonFinalizer::finalize();
+    }
+
+    static void Reset() {
+        mq_getattr_call.Reset();
+        mq_receive_call.Reset();
+        pthread_create_call.Reset();
+        pthread_join_call.Reset();
+        nanosleep_call.Reset();
+    }
+
+    bool Open() { return receiver->open({name.Get(), &observer}); }
+
+    bool AwaitCount(size_t count) const {
+        return wait_until([&] { return observer.Count() >= count; });
+    }
+
+    bool AwaitEnd() const {
+        return wait_until([&] { return !name.Exists(); });
+    }
+
+    QueueName name;
+    Gate gate;
+    Recorder observer;
+    std::unique_ptr<Receiver> receiver = std::make_unique<Receiver>();
+};
+
+// Opening.
+
+TEST_F(PZMessageQueueReceiverTest, NeedsANameAndAnObserver) {
+    StdoutCapture out;
+    EXPECT_FALSE(receiver->open({nullptr, &observer}));
+    EXPECT_TRUE(reported_from(out.Take(), "open", "invalid args"));
+    EXPECT_FALSE(receiver->open({name.Get(), nullptr}));
+    const std::string printed = out.Take();
+    EXPECT_TRUE(reported_from(printed, "open", "invalid args"));
+    EXPECT_EQ(0U, banners_in(printed));
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ(0, pthread_create_call.Calls());
+}
+
+TEST_F(PZMessageQueueReceiverTest, ReportsAQueueThatCannotBeOpened) {
+    const QueueName tooLong(33);
+    StdoutCapture out;
+    EXPECT_FALSE(receiver->open({tooLong.Get(), &observer}));
+    const Messages messages = error_messages(out.Take());
+    ASSERT_LE(2U, messages.size());
+    EXPECT_EQ("name is too long.", messages.front());
+    EXPECT_EQ("open error", messages.back());
+    EXPECT_EQ(0, receiver->RemoveObserver(&observer)) << "nobody is subscribed";
+    EXPECT_EQ(0, pthread_create_call.Calls());
+}
+
+TEST_F(PZMessageQueueReceiverTest, CreatesAQueueOf64Messages) {
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(64, RawQueue(name).Attributes().mq_maxmsg);
+    EXPECT_EQ(1024, RawQueue(name).Attributes().mq_msgsize);
+}
+
+TEST_F(PZMessageQueueReceiverTest, ReceivesOnAThreadOfItsOwnRegisteredUnderItsName) {
+    const QueueName longest(32);
+    std::atomic<pthread_t> thread{};
+    char label[256] = "";
+    char kernelName[16] = "";
+    unsigned int watchTime = 0;
+    observer.action = [&] {
+        thread = pthread_self();
+        PZThreadMng::GetInstance()->getLabel(pthread_self(), label);
+        watchTime = PZThreadMng::GetInstance()->getWatchTime(pthread_self());
+        pthread_getname_np(pthread_self(), kernelName, sizeof kernelName);
+    };
+    ASSERT_TRUE(receiver->open({longest.Get(), &observer}));
+    ASSERT_EQ(0, RawQueue(longest).Send("\001x", 1));
+    ASSERT_TRUE(AwaitCount(1));
+    receiver->close();
+    EXPECT_EQ("mq_" + longest.Text(), label);
+    EXPECT_EQ(("mq_" + longest.Text()).substr(0, 15), kernelName);
+    EXPECT_EQ(4000U, watchTime);
+    EXPECT_EQ(0, pthread_equal(thread, pthread_self()));
+    EXPECT_FALSE(PZThreadMng::GetInstance()->getLabel(thread, label)) << "no longer registered";
+}
+
+TEST_F(PZMessageQueueReceiverTest, ASecondOpenIsRefusedAndLeavesTheFirstAlone) {
+    const QueueName second;
+    Recorder other;
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    const int before = open_descriptors();
+    EXPECT_FALSE(receiver->open({second.Get(), &other}));
+    EXPECT_FALSE(Open());
+    EXPECT_EQ((Messages{"open error", "open error"}), error_messages(out.Take()));
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_FALSE(second.Exists());
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    ASSERT_TRUE(AwaitCount(1));
+    receiver->close();
+    EXPECT_EQ(1U, observer.Count()) << "subscribed once";
+}
+
+TEST_F(PZMessageQueueReceiverTest, OpensAlsoWithoutAThreadAndTriesAgain) {
+    pthread_create_call.FailNext(EAGAIN);
+    StdoutCapture out;
+    EXPECT_TRUE(Open());
+    EXPECT_TRUE(has_report(out.Take(), "Start", "PZThread.h",
+                           "PZThread::Start() failed !! [mq_" + name.Text() + "]\r"));
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    const int before = open_descriptors();
+    EXPECT_TRUE(Open());
+    EXPECT_EQ(before, open_descriptors());
+    ASSERT_TRUE(AwaitCount(1));
+    receiver->close();
+    EXPECT_EQ(1U, observer.Count()) << "subscribed once";
+    EXPECT_EQ("", out.Take());
+}
+
+TEST_F(PZMessageQueueReceiverTest, CloseAlsoCleansUpWithoutAThread) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    pthread_create_call.FailNext(EAGAIN);
+    EXPECT_TRUE(Open());
+    out.Take();
+    receiver->close();
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_FALSE(name.Exists()) << "no message that would end the next receiver stays behind";
+    EXPECT_EQ(0, pthread_join_call.Calls());
+    receiver.reset();
+    EXPECT_EQ("", out.Take());
+}
+
+// Receiving.
+
+TEST_F(PZMessageQueueReceiverTest, HandsPayloadAndReceivedLengthToTheObserver) {
+    Sender sender;
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(sender.open({name.Get()}));
+    ASSERT_EQ(0, sender.send("hello", 5, 128));
+    ASSERT_TRUE(AwaitCount(1));
+    EXPECT_EQ(0U, observer.Calls()[0].id);
+    EXPECT_EQ(9U, observer.Calls()[0].size);
+    EXPECT_EQ(filled("hello"), observer.Calls()[0].data);
+}
+
+TEST_F(PZMessageQueueReceiverTest, NothingOfAMessageIsLeftForTheNext) {
+    ASSERT_TRUE(Open());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\001" + std::string(1023, 'p'), 1));
+    ASSERT_EQ(0, peer.Send("\001ab", 1));
+    ASSERT_EQ(0, peer.Send("\001", 1));
+    ASSERT_EQ(0, peer.Send("", 1));
+    ASSERT_TRUE(AwaitCount(4));
+    const std::vector<Recorder::Call> calls = observer.Calls();
+    EXPECT_EQ(1024U, calls[0].size);
+    EXPECT_EQ(filled(std::string(1023, 'p')), calls[0].data);
+    EXPECT_EQ(3U, calls[1].size);
+    EXPECT_EQ(filled("ab"), calls[1].data);
+    EXPECT_EQ(1U, calls[2].size);
+    EXPECT_EQ(filled(""), calls[2].data);
+    EXPECT_EQ(0U, calls[3].size) << "an empty message has no type that could end the thread";
+    EXPECT_EQ(filled(""), calls[3].data);
+}
+
+TEST_F(PZMessageQueueReceiverTest, HandsOnEveryTypeButQuit) {
+    ASSERT_TRUE(Open());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\007a", kMostUrgent));
+    ASSERT_TRUE(AwaitCount(1));
+    ASSERT_EQ(0, peer.Send("\377b", kMostUrgent));
+    ASSERT_TRUE(AwaitCount(2));
+    EXPECT_EQ("ab", observer.Order());
+}
+
+TEST_F(PZMessageQueueReceiverTest, TakesTheMostUrgentMessageNext) {
+    Sender sender;
+    observer.action = [this] { gate.Pass(); };
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(sender.open({name.Get()}));
+    ASSERT_EQ(0, sender.send("a", 1, 255));
+    ASSERT_TRUE(gate.WaitForArrival());
+    ASSERT_EQ(0, sender.send("b", 1, 10));
+    ASSERT_EQ(0, sender.send("c", 1, 5));
+    gate.Open();
+    ASSERT_TRUE(AwaitCount(3));
+    EXPECT_EQ("acb", observer.Order());
+}
+
+TEST_F(PZMessageQueueReceiverTest, AQuitMessageOvertakesWhatWaitsAndEndsTheThread) {
+    Sender sender;
+    observer.action = [this] { gate.Pass(); };
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(sender.open({name.Get()}));
+    ASSERT_EQ(0, sender.send("a", 1, 255));
+    ASSERT_TRUE(gate.WaitForArrival());
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(0, sender.send("b", 1, 1));
+    ASSERT_EQ(0, RawQueue(name).Send(kQuit, kMostUrgent));
+    gate.Open();
+    ASSERT_TRUE(AwaitEnd()) << "the thread removes the name at its end";
+    EXPECT_EQ("a", observer.Order());
+
+    StdoutCapture out;
+    EXPECT_FALSE(Open()) << "the thread is not joined yet";
+    EXPECT_EQ(Messages{"open error"}, error_messages(out.Take()));
+    receiver->close();
+    EXPECT_TRUE(Open());
+    EXPECT_EQ("", out.Take());
+    EXPECT_TRUE(name.Exists());
+}
+
+TEST_F(PZMessageQueueReceiverTest, ReceivesOnAfterAFailure) {
+    mq_receive_call.FailNext(EIO, 2);
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    ASSERT_TRUE(AwaitCount(1));
+    receiver->close();
+    EXPECT_EQ((Messages{"error : errno[5 : Input/output error]",
+                        "error : errno[5 : Input/output error]"}),
+              error_messages(out.Take()));
+}
+
+std::atomic<int> pauses{0};
+
+int count_pauses(const timespec* time, timespec* rest) {
+    if (time->tv_sec == 0 && time->tv_nsec == 100000000) ++pauses;
+    return nanosleep_call.Real(time, rest);
+}
+
+TEST_F(PZMessageQueueReceiverTest, AFailureThatLastsIsNotTriedWithoutPauseAndDoesNotHinderClose) {
+    const RawQueue peer(name, 4, 2048);
+    pauses = 0;
+    nanosleep_call.Replace(&count_pauses);
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() >= 3; }));
+    receiver->close();
+    EXPECT_EQ(mq_receive_call.Calls(), pauses + 1) << "the last one was after close";
+    EXPECT_FALSE(name.Exists());
+    for (const std::string& message : error_messages(out.Take())) {
+        EXPECT_EQ("error : errno[90 : Message too long]", message);
+    }
+}
+
+TEST_F(PZMessageQueueReceiverTest, AnExceptionOfAnObserverEndsTheThreadAndCloseCleansUp) {
+    observer.action = [] { throw std::runtime_error("observer"); };
+    const int before = open_descriptors();
+    ASSERT_TRUE(Open());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\001x", 1));
+    ASSERT_TRUE(AwaitCount(1));
+    ASSERT_EQ(0, peer.Send("\001y", 1));
+    receiver->close();
+    EXPECT_EQ("x", observer.Order());
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ(before + 1, open_descriptors());  // the peer
+}
+
+TEST_F(PZMessageQueueReceiverTest, ThePhasesOfAQueueThatIsNotOpenDoNothing) {
+    StdoutCapture out;
+    EXPECT_EQ(0, receiver->Initialize());
+    receiver->MainProc();
+    receiver->Finalize();
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ(0, mq_receive_call.Calls());
+}
+
+// Closing.
+
+TEST_F(PZMessageQueueReceiverTest, CloseWakesTheWaitingThreadJoinsItAndRemovesTheName) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
+    receiver->close();
+    EXPECT_EQ(1, pthread_join_call.Calls());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ(0, receiver->RemoveObserver(&observer));
+    std::vector<unsigned long> running;
+    PZThreadMng::GetInstance()->getActiveThreadList(running);
+    EXPECT_EQ(std::vector<unsigned long>{}, running);
+    EXPECT_EQ("", out.Take());
+}
+
+TEST_F(PZMessageQueueReceiverTest, ClosesAtOnceAfterOpen) {
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(Open());
+        receiver->close();
+        ASSERT_FALSE(name.Exists());
+    }
+}
+
+TEST_F(PZMessageQueueReceiverTest, CloseOfAClosedQueueDoesNothing) {
+    StdoutCapture out;
+    receiver->close();
+    ASSERT_TRUE(Open());
+    receiver->close();
+    const RawQueue next(name, 4, 16);
+    receiver->close();
+    EXPECT_TRUE(name.Exists()) << "a queue that somebody else has made since";
+    EXPECT_EQ(1, pthread_join_call.Calls());
+    EXPECT_EQ("", out.Take());
+}
+
+TEST_F(PZMessageQueueReceiverTest, DestructionCloses) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    ASSERT_TRUE(Open());
+    receiver.reset();
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ("", out.Take());
+}
+
+/// The last message that came into a queue, as the thread took it.
+std::string last_taken;  // written by the receiving thread, read after its join
+unsigned int last_priority = 0;
+
+ssize_t keep_what_is_taken(mqd_t queue, char* bytes, size_t size, unsigned int* priority) {
+    const ssize_t length = mq_receive_call.Real(queue, bytes, size, priority);
+    last_taken.assign(bytes, length > 0 ? static_cast<size_t>(length) : 0);
+    last_priority = *priority;
+    return length;
+}
+
+TEST_F(PZMessageQueueReceiverTest, TheQuitMessageHasOneZeroByteAndTheHighestPriority) {
+    mq_receive_call.Replace(&keep_what_is_taken);
+    ASSERT_TRUE(Open());
+    receiver->close();
+    EXPECT_EQ(std::string("\002\0\0\0\0", 5), last_taken);
+    EXPECT_EQ(kMostUrgent, last_priority);
+}
+
+TEST_F(PZMessageQueueReceiverTest, CloseWaitsForAnObserverAtWork) {
+    std::atomic<bool> hasReturned{false};
+    observer.action = [&] {
+        gate.Pass();
+        hasReturned = true;
+    };
+    ASSERT_TRUE(Open());
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    ASSERT_TRUE(gate.WaitForArrival());
+    auto closed = std::async(std::launch::async, [&] {
+        receiver->close();
+        return hasReturned.load();
+    });
+    gate.Open();
+    EXPECT_TRUE(closed.get());
+}
+
+Gate* gate_before_receive = nullptr;
+
+ssize_t receive_behind_the_gate(mqd_t queue, char* bytes, size_t size, unsigned int* priority) {
+    gate_before_receive->Pass();
+    return mq_receive_call.Real(queue, bytes, size, priority);
+}
+
+TEST_F(PZMessageQueueReceiverTest, CloseEndsTheThreadAlsoWhenTheQueueIsFull) {
+    gate_before_receive = &gate;
+    mq_receive_call.Replace(&receive_behind_the_gate);
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(gate.WaitForArrival());
+    const RawQueue peer(name);
+    peer.Fill("\001x", 1);
+    ASSERT_EQ(64, peer.Count());
+
+    auto closed = std::async(std::launch::async, [this] { receiver->close(); });
+    std::string printed;
+    EXPECT_TRUE(await_print(out, printed, "que full (" + name.Text() + ") 64/64\n"));
+    EXPECT_EQ(64, peer.Count());
+    // The thread waits for the gate, so close has no way to end it yet: let it take one message.
+    ASSERT_TRUE(wait_until([] { return pthread_join_call.Calls() >= 1; }));
+    gate.Open();
+    closed.get();
+    EXPECT_EQ(63, peer.Count());
+    EXPECT_FALSE(name.Exists());
+    EXPECT_TRUE(reported_from(printed, "send", "que full (" + name.Text() + ") 64/64"));
+}
+
+int getattr_of_a_full_queue(mqd_t queue, mq_attr* attr) {
+    const int result = mq_getattr_call.Real(queue, attr);
+    attr->mq_curmsgs = attr->mq_maxmsg;
+    return result;
+}
+
+TEST_F(PZMessageQueueReceiverTest, CloseEndsTheThreadThatHasJustEmptiedTheFullQueue) {
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
+    mq_getattr_call.Replace(&getattr_of_a_full_queue);
+    receiver->close();
+    EXPECT_EQ(Messages{"que full (" + name.Text() + ") 64/64"}, error_messages(out.Take()));
+    EXPECT_FALSE(name.Exists());
+}
+
+TEST_F(PZMessageQueueReceiverTest, CloseEndsTheThreadOfAQueueWhoseMessagesAreTooSmallForAQuit) {
+    const RawQueue peer(name, 4, 1);
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
+    receiver->close();
+    EXPECT_EQ(Messages{"error : errno[90 : Message too long]"}, error_messages(out.Take()));
+    EXPECT_FALSE(name.Exists());
+}
+
+/// Sends without end from four threads.
+class Flood {
+public:
+    explicit Flood(const QueueName& name) {
+        for (int i = 0; i < 4; ++i) {
+            threads_.emplace_back([this, &name] {
+                const RawQueue queue(name);
+                while (!end_) {
+                    if (queue.Send("\001x", 254) == 0) ++sent_;
+                }
+            });
+        }
+    }
+    ~Flood() {
+        end_ = true;
+        for (std::thread& thread : threads_) thread.join();
+    }
+
+    Flood(const Flood&) = delete;
+    Flood& operator=(const Flood&) = delete;
+
+    int Sent() const { return sent_; }
+
+private:
+    std::atomic<bool> end_{false};
+    std::atomic<int> sent_{0};
+    std::vector<std::thread> threads_;
+};
+
+TEST_F(PZMessageQueueReceiverTest, ClosesUnderAFloodOfMessages) {
+    StdoutCapture out;  // refused quits
+    for (int i = 0; i < 10; ++i) {
+        const size_t before = observer.Count();
+        ASSERT_TRUE(Open());
+        const Flood flood(name);
+        ASSERT_TRUE(wait_until([&] { return flood.Sent() > 100; }));
+        receiver->close();
+        EXPECT_FALSE(name.Exists());
+        EXPECT_LT(before, observer.Count());
+    }
+}
+
+TEST_F(PZMessageQueueReceiverTest, ReportsAFailedJoin) {
+    ASSERT_TRUE(Open());
+    pthread_join_call.Replace([](pthread_t thread, void** result) {
+        pthread_join_call.Real(thread, result);
+        return EINVAL;
+    });
+    StdoutCapture out;
+    receiver->close();
+    const std::string printed = out.Take();
+    EXPECT_NE(std::string::npos, printed.find("pthread_join failed !! ret[22] errno["));
+    EXPECT_EQ(1U, banners_in(printed));
+    EXPECT_LT(printed.find("pthread_join failed"), printed.find("ASSERT Failed"));
+    EXPECT_LT(printed.find("ASSERT Failed"), printed.find("dumpDirectly()@PZCallStack.cpp"));
+    pthread_join_call.Replace(nullptr);
+    EXPECT_TRUE(Open()) << "the thread is forgotten";
+}
+
+// Observers that close.
+
+TEST_F(PZMessageQueueReceiverTest, AnObserverMayClose) {
+    observer.action = [this] { receiver->close(); };
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\001x", 1));
+    ASSERT_TRUE(AwaitEnd());
+    const std::string printed = out.Take();
+    EXPECT_TRUE(reported_from(
+        printed, "close", "pthread_join failed !! ret[35] errno[35 : Resource deadlock avoided]"));
+    EXPECT_EQ(1U, banners_in(printed));
+    receiver->close();
+    EXPECT_EQ(1, pthread_join_call.Calls());
+    EXPECT_EQ("x", observer.Order());
+    EXPECT_EQ(0, receiver->RemoveObserver(&observer));
+    EXPECT_EQ("", out.Take());
+
+    observer.action = nullptr;
+    EXPECT_TRUE(Open());
+}
+
+TEST_F(PZMessageQueueReceiverTest, AnObserverMayCloseAFullQueue) {
+    observer.action = [this] {
+        gate.Pass();
+        receiver->close();
+    };
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\001x", 1));
+    ASSERT_TRUE(gate.WaitForArrival());
+    peer.Fill("\001y", 1);
+    gate.Open();
+    ASSERT_TRUE(AwaitEnd());
+    receiver->close();
+    EXPECT_EQ("x", observer.Order());
+    EXPECT_TRUE(reported_from(out.Take(), "send", "que full (" + name.Text() + ") 64/64"));
+}
+
+TEST_F(PZMessageQueueReceiverTest, AnObserverMayCloseAndTheQueueBeDestroyed) {
+    std::promise<void> closed;
+    observer.action = [&] {
+        receiver->close();
+        closed.set_value();
+    };
+    StdoutCapture out;
+    ASSERT_TRUE(Open());
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    closed.get_future().wait();
+    out.Take();
+    receiver.reset();
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ("", out.Take()) << "nobody is subscribed any more";
+}
+
+}  // namespace

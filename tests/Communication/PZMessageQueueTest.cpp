@@ -1,0 +1,742 @@
+#include "Framework/Communication/PZMessageQueue.h"
+
+#include <mqueue.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/Interposed.h"
+#include "support/StdoutCapture.h"
+#include "support/TestQueue.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+pztest::Interposed<int(mqd_t, mq_attr*)> mq_getattr_call("mq_getattr");
+pztest::Interposed<int(mqd_t, const char*, size_t, unsigned int, const timespec*)>
+    mq_timedsend_call("mq_timedsend");
+pztest::Interposed<ssize_t(mqd_t, char*, size_t, unsigned int*)> mq_receive_call("mq_receive");
+
+}  // namespace
+
+extern "C" {
+int mq_getattr(mqd_t mqdes, mq_attr* mqstat) noexcept {
+    return mq_getattr_call(mqdes, mqstat);
+}
+int mq_timedsend(mqd_t mqdes, const char* msg_ptr, size_t msg_len, unsigned int msg_prio,
+                 const timespec* abs_timeout) {
+    return mq_timedsend_call(mqdes, msg_ptr, msg_len, msg_prio, abs_timeout);
+}
+ssize_t mq_receive(mqd_t mqdes, char* msg_ptr, size_t msg_len, unsigned int* msg_prio) {
+    return mq_receive_call(mqdes, msg_ptr, msg_len, msg_prio);
+}
+}
+
+namespace {
+
+using PZMsgQ::en_MSG_TYPE_QUIT;
+using PZMsgQ::en_MSG_TYPE_USER;
+using PZMsgQ::MSG_TYPE;
+using pztest::error_messages;
+using pztest::has_report;
+using pztest::open_descriptors;
+using pztest::QueueName;
+using pztest::RawQueue;
+using pztest::StdoutCapture;
+using pztest::wait_until;
+
+using Core = PZMsgQ::PZMessageQueue<2>;
+using Sender = PZMsgQ::PZMessageQueue<0>;
+using Messages = std::vector<std::string>;
+
+const std::string kZeros3(3, '\0');
+constexpr MSG_TYPE kForeignType = static_cast<MSG_TYPE>(7);
+
+bool reported_from(const std::string& output, const char* function, const std::string& message) {
+    return has_report(output, function, "PZMessageQueue.cpp", message);
+}
+
+/// True when the banner stands in the output after the message, and a call stack after the banner.
+bool has_assertion_after(const std::string& output, const std::string& message) {
+    const size_t at = output.find(message);
+    const size_t banner = output.find(
+        "#########\n#########\nASSERT Failed! - "
+        "src/Framework/Communication/private/PZMessageQueue.cpp(",
+        at);
+    return at != std::string::npos && banner != std::string::npos &&
+           output.find("dumpDirectly()@PZCallStack.cpp", banner) != std::string::npos;
+}
+
+class PZMessageQueueTest : public testing::Test {
+protected:
+    PZMessageQueueTest() : mask_(umask(022)) {
+        mq_getattr_call.Reset();
+        mq_timedsend_call.Reset();
+        mq_receive_call.Reset();
+    }
+
+    ~PZMessageQueueTest() override {
+        mq_getattr_call.Reset();
+        mq_timedsend_call.Reset();
+        mq_receive_call.Reset();
+        core.close(true);
+        umask(mask_);
+    }
+
+    bool OpenCore(int maxMsg = 8) { return core.open({name.Get(), maxMsg}); }
+
+    int Send(const std::string& payload, unsigned char priority = 128) {
+        return core.send(en_MSG_TYPE_USER, payload.data(),
+                         static_cast<unsigned int>(payload.size()), priority);
+    }
+
+    /// Receives into a buffer whose unused bytes must stay what they are.
+    struct Received {
+        int result;
+        int type;
+        std::string data;  // of a buffer of 1028 bytes, up to the last byte that was written
+    };
+    Received Receive() {
+        std::string data(1100, '\xEE');
+        MSG_TYPE type = static_cast<MSG_TYPE>(99);
+        const int result = core.receive(type, &data[0], 1028);
+        data.resize(data.find_last_not_of('\xEE') + 1);
+        return {result, type, data};
+    }
+
+    const mode_t mask_;
+    QueueName name;
+    Core core;
+};
+
+// Opening.
+
+TEST_F(PZMessageQueueTest, IsThreeClassesThatAreNotCopied) {
+    EXPECT_FALSE((std::is_same_v<Core, Sender>));
+    EXPECT_FALSE((std::is_base_of_v<PZSubject, Core>));
+    EXPECT_FALSE((std::is_base_of_v<PZSubject, Sender>));
+    EXPECT_TRUE((std::is_base_of_v<PZSubject, PZMsgQ::PZMessageQueue<1>>));
+    EXPECT_FALSE(std::is_copy_constructible_v<Core>);
+    EXPECT_FALSE(std::is_copy_constructible_v<Sender>);
+    EXPECT_FALSE(std::is_copy_constructible_v<PZMsgQ::PZMessageQueue<1>>);
+}
+
+TEST_F(PZMessageQueueTest, MessageTypesAreSingleBytes) {
+    EXPECT_EQ(1U, sizeof(MSG_TYPE));
+    EXPECT_EQ(1, en_MSG_TYPE_USER);
+    EXPECT_EQ(2, en_MSG_TYPE_QUIT);
+}
+
+TEST_F(PZMessageQueueTest, IsNotOpenAtFirst) {
+    EXPECT_FALSE(core.isOpened());
+}
+
+TEST_F(PZMessageQueueTest, CreatesTheQueueWithItsAttributesUnderASlashAndTheName) {
+    StdoutCapture out;
+    ASSERT_TRUE(OpenCore(8));
+    EXPECT_EQ("", out.Take());
+    EXPECT_TRUE(core.isOpened());
+    const RawQueue peer(name);
+    ASSERT_TRUE(peer.IsOpen());
+    EXPECT_EQ(8, peer.Attributes().mq_maxmsg);
+    EXPECT_EQ(1024, peer.Attributes().mq_msgsize);
+    EXPECT_EQ(0, peer.Count());
+}
+
+TEST_F(PZMessageQueueTest, EverybodyMayReadAndWriteTheQueueWhateverTheMaskWas) {
+    umask(077);
+    ASSERT_TRUE(OpenCore());
+    struct stat status = {};
+    ASSERT_EQ(0, fstat(RawQueue(name).Handle(), &status));
+    EXPECT_EQ(0666U, status.st_mode & 07777U);
+    EXPECT_EQ(0U, umask(022)) << "the process's mask stays 0";
+}
+
+TEST_F(PZMessageQueueTest, OpensAnExistingQueueWithItsOwnAttributes) {
+    const RawQueue peer(name, 10, 64);
+    ASSERT_TRUE(OpenCore(5));
+    EXPECT_EQ(10, peer.Attributes().mq_maxmsg);
+    EXPECT_EQ(64, peer.Attributes().mq_msgsize);
+    EXPECT_EQ(0, Send("to the same queue"));
+    EXPECT_EQ(1, peer.Count());
+}
+
+TEST_F(PZMessageQueueTest, TwoObjectsShareTheQueueOfAName) {
+    Core other;
+    ASSERT_TRUE(OpenCore());
+    ASSERT_TRUE(other.open({name.Get(), 3}));
+    EXPECT_EQ(0, other.send(en_MSG_TYPE_USER, "x", 1, 1));
+    EXPECT_EQ(5, Receive().result);
+    other.close(false);
+}
+
+TEST_F(PZMessageQueueTest, RefusesANullName) {
+    StdoutCapture out;
+    EXPECT_FALSE(core.open({nullptr, 8}));
+    const std::string printed = out.Take();
+    EXPECT_TRUE(reported_from(printed, "open", "name is null."));
+    EXPECT_TRUE(has_assertion_after(printed, "name is null.\n"));
+    EXPECT_FALSE(core.isOpened());
+}
+
+TEST_F(PZMessageQueueTest, TakesANameOf32CharactersAndRefusesOneOf33) {
+    const QueueName longest(32);
+    const QueueName tooLong(33);
+    EXPECT_TRUE(core.open({longest.Get(), 8}));
+    EXPECT_TRUE(longest.Exists());
+    core.close(true);
+    EXPECT_FALSE(longest.Exists()) << "the name is stored whole";
+
+    StdoutCapture out;
+    EXPECT_FALSE(core.open({tooLong.Get(), 8}));
+    const std::string printed = out.Take();
+    EXPECT_TRUE(reported_from(printed, "open", "name is too long."));
+    EXPECT_TRUE(has_assertion_after(printed, "name is too long.\n"));
+    EXPECT_FALSE(core.isOpened());
+    EXPECT_FALSE(tooLong.Exists());
+}
+
+TEST_F(PZMessageQueueTest, ReportsAQueueThatTheSystemRefuses) {
+    StdoutCapture out;
+    for (const int maxMsg : {0, -1}) {
+        EXPECT_FALSE(OpenCore(maxMsg)) << maxMsg;
+        const std::string message = "error : /" + name.Text() + " : errno[22 : Invalid argument]";
+        const std::string printed = out.Take();
+        EXPECT_TRUE(reported_from(printed, "open", message)) << maxMsg;
+        EXPECT_TRUE(has_assertion_after(printed, message + "\n")) << maxMsg;
+        EXPECT_FALSE(core.isOpened()) << maxMsg;
+    }
+}
+
+TEST_F(PZMessageQueueTest, ReportsANameThatIsNone) {
+    StdoutCapture out;
+    EXPECT_FALSE(core.open({"", 8}));
+    EXPECT_TRUE(
+        reported_from(out.Take(), "open", "error : / : errno[2 : No such file or directory]"));
+    EXPECT_FALSE(core.open({"a/b", 8}));
+    EXPECT_TRUE(reported_from(out.Take(), "open", "error : /a/b : errno[13 : Permission denied]"));
+}
+
+TEST_F(PZMessageQueueTest, ASecondOpenClosesTheFirstQueueAndKeepsItsName) {
+    const QueueName second;
+    ASSERT_TRUE(OpenCore());
+    const int before = open_descriptors();
+    ASSERT_TRUE(core.open({second.Get(), 8}));
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ(1, RawQueue(second).Count());
+    EXPECT_EQ(0, RawQueue(name).Count());
+    core.close(true);
+    EXPECT_FALSE(second.Exists());
+    EXPECT_TRUE(name.Exists());
+}
+
+TEST_F(PZMessageQueueTest, ASecondOpenOfTheSameNameKeepsTheMessages) {
+    ASSERT_TRUE(OpenCore());
+    EXPECT_EQ(0, Send("x"));
+    const int before = open_descriptors();
+    ASSERT_TRUE(OpenCore());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(5, Receive().result);
+}
+
+TEST_F(PZMessageQueueTest, AFailedOpenLeavesTheOpenQueueAndItsNameAlone) {
+    ASSERT_TRUE(OpenCore());
+    StdoutCapture out;
+    EXPECT_FALSE(core.open({nullptr, 8}));
+    EXPECT_FALSE(core.open({"a/b", 8}));
+    EXPECT_TRUE(core.isOpened());
+    EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ(1, RawQueue(name).Count());
+    core.close(true);
+    EXPECT_FALSE(name.Exists());
+}
+
+TEST_F(PZMessageQueueTest, AShorterNameLeavesNothingOfTheOneBefore) {
+    const QueueName longer(30);
+    ASSERT_TRUE(core.open({longer.Get(), 8}));
+    ASSERT_TRUE(OpenCore());
+    core.close(true);
+    EXPECT_FALSE(name.Exists());
+    EXPECT_TRUE(longer.Exists());
+}
+
+// Closing.
+
+TEST_F(PZMessageQueueTest, CloseKeepsTheNameOrRemovesIt) {
+    const int before = open_descriptors();
+    ASSERT_TRUE(OpenCore());
+    core.close(false);
+    EXPECT_FALSE(core.isOpened());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_TRUE(name.Exists());
+    ASSERT_TRUE(OpenCore());
+    core.close(true);
+    EXPECT_FALSE(core.isOpened());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_FALSE(name.Exists());
+}
+
+TEST_F(PZMessageQueueTest, CloseRemovesTheStoredNameAlsoWhenTheQueueIsNotOpen) {
+    ASSERT_TRUE(OpenCore());
+    core.close(false);
+    core.close(false);
+    ASSERT_TRUE(name.Exists());
+    core.close(true);
+    EXPECT_FALSE(name.Exists());
+}
+
+TEST_F(PZMessageQueueTest, CloseOfAnObjectThatWasNeverOpenDoesNothing) {
+    StdoutCapture out;
+    core.close(false);
+    core.close(true);
+    EXPECT_EQ("", out.Take());
+    EXPECT_FALSE(core.isOpened());
+}
+
+TEST_F(PZMessageQueueTest, DestructionReportsAnOpenQueueAndClosesIt) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    {
+        Core forgotten;
+        ASSERT_TRUE(forgotten.open({name.Get(), 8}));
+    }
+    EXPECT_TRUE(reported_from(out.Take(), "~PZMessageQueue",
+                              "Call close method before deleting this instance!"));
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_TRUE(name.Exists());
+}
+
+TEST_F(PZMessageQueueTest, DestructionOfAClosedQueueIsSilent) {
+    StdoutCapture out;
+    {
+        const Core never;
+        Core closed;
+        ASSERT_TRUE(closed.open({name.Get(), 8}));
+        closed.close(false);
+    }
+    EXPECT_EQ("", out.Take());
+}
+
+// Sending.
+
+TEST_F(PZMessageQueueTest, AMessageIsTypePayloadAndThreeZeroBytes) {
+    ASSERT_TRUE(OpenCore());
+    const RawQueue peer(name);
+    for (const unsigned int length : {0U, 1U, 2U, 100U, 1019U, 1020U}) {
+        const std::string payload(length, 'p');
+        ASSERT_EQ(0, Send(payload)) << length;
+        const RawQueue::Message message = peer.Receive();
+        EXPECT_EQ("\001" + payload + kZeros3, message.bytes) << length;
+    }
+}
+
+TEST_F(PZMessageQueueTest, TheBytesBehindThePayloadAreNotTheSenders) {
+    ASSERT_TRUE(OpenCore());
+    const RawQueue peer(name);
+    const char data[] = "payload and a secret";
+    ASSERT_EQ(0, core.send(en_MSG_TYPE_USER, data, 7, 1));
+    EXPECT_EQ("\001payload" + kZeros3, peer.Receive().bytes);
+}
+
+TEST_F(PZMessageQueueTest, TheSystemPriorityIs255MinusTheCallers) {
+    ASSERT_TRUE(OpenCore());
+    const RawQueue peer(name);
+    const struct {
+        unsigned char caller;
+        unsigned int system;
+    } kPriorities[] = {{1, 254}, {128, 127}, {254, 1}, {255, 0}};
+    for (const auto& priority : kPriorities) {
+        ASSERT_EQ(0, Send("x", priority.caller));
+        EXPECT_EQ(priority.system, peer.Receive().priority);
+    }
+}
+
+TEST_F(PZMessageQueueTest, ControlMessagesMayHavePriority0) {
+    ASSERT_TRUE(OpenCore());
+    const RawQueue peer(name);
+    for (const MSG_TYPE type : {en_MSG_TYPE_QUIT, kForeignType}) {
+        ASSERT_EQ(0, core.send(type, "q", 1, 0));
+        const RawQueue::Message message = peer.Receive();
+        EXPECT_EQ(255U, message.priority);
+        EXPECT_EQ(std::string(1, static_cast<char>(type)) + "q" + kZeros3, message.bytes);
+    }
+}
+
+TEST_F(PZMessageQueueTest, RefusesUserDataWithPriority0) {
+    ASSERT_TRUE(OpenCore());
+    StdoutCapture out;
+    EXPECT_EQ(-3, Send("x", 0));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "invalid priority(0)"));
+    EXPECT_EQ(0, RawQueue(name).Count());
+}
+
+TEST_F(PZMessageQueueTest, RefusesMoreThan1024Bytes) {
+    ASSERT_TRUE(OpenCore());
+    const std::string payload(1025, 'p');
+    StdoutCapture out;
+    EXPECT_EQ(-3, Send(payload));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "size over(1025)"));
+    EXPECT_EQ(-3, core.send(en_MSG_TYPE_QUIT, payload.data(), 0xFFFFFFFFU, 0));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "size over(-1)"));
+    EXPECT_EQ(0, RawQueue(name).Count());
+}
+
+TEST_F(PZMessageQueueTest, TheSystemRefusesPayloadsOf1021To1024Bytes) {
+    ASSERT_TRUE(OpenCore());
+    StdoutCapture out;
+    for (const unsigned int length : {1021U, 1024U}) {
+        EXPECT_EQ(-1, Send(std::string(length, 'p'))) << length;
+        EXPECT_TRUE(reported_from(out.Take(), "send", "error : errno[90 : Message too long]"));
+    }
+    EXPECT_EQ(0, RawQueue(name).Count());
+}
+
+TEST_F(PZMessageQueueTest, SendsAPayloadOf1024BytesToAQueueThatTakesIt) {
+    const RawQueue peer(name, 4, 1028);
+    ASSERT_TRUE(OpenCore());
+    EXPECT_EQ(0, Send(std::string(1024, 'p')));
+    EXPECT_EQ("\001" + std::string(1024, 'p') + kZeros3, peer.Receive().bytes);
+}
+
+TEST_F(PZMessageQueueTest, RefusesNullDataUnlessThePayloadIsEmpty) {
+    ASSERT_TRUE(OpenCore());
+    StdoutCapture out;
+    EXPECT_EQ(-3, core.send(en_MSG_TYPE_USER, nullptr, 1, 1));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "invalid args"));
+    EXPECT_EQ(0, core.send(en_MSG_TYPE_USER, nullptr, 0, 1));
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ("\001" + kZeros3, RawQueue(name).Receive().bytes);
+}
+
+TEST_F(PZMessageQueueTest, SendNeedsAnOpenQueue) {
+    StdoutCapture out;
+    EXPECT_EQ(-1, Send("x"));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "not opened"));
+    ASSERT_TRUE(OpenCore());
+    core.close(false);
+    EXPECT_EQ(-1, Send("x"));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "not opened"));
+}
+
+TEST_F(PZMessageQueueTest, SendChecksSizeThenPriorityThenTheQueue) {
+    StdoutCapture out;
+    EXPECT_EQ(-3, core.send(en_MSG_TYPE_USER, "", 1025, 0));
+    EXPECT_EQ(-3, core.send(en_MSG_TYPE_USER, "", 1, 0));
+    EXPECT_EQ((Messages{"size over(1025)", "invalid priority(0)"}), error_messages(out.Take()));
+}
+
+TEST_F(PZMessageQueueTest, RefusesTheMessageAfterTheLastPlaceAtOnce) {
+    ASSERT_TRUE(OpenCore(3));
+    StdoutCapture out;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ(-2, Send("x"));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "que full (" + name.Text() + ") 3/3"));
+    EXPECT_EQ(3, RawQueue(name).Count());
+    EXPECT_EQ(5, Receive().result);
+    EXPECT_EQ(0, Send("x"));
+}
+
+/// A look at the queue that was taken before it filled up.
+int getattr_of_an_empty_queue(mqd_t queue, mq_attr* attr) {
+    const int result = mq_getattr_call.Real(queue, attr);
+    attr->mq_curmsgs = 0;
+    return result;
+}
+
+TEST_F(PZMessageQueueTest, DoesNotWaitWhenAnotherSenderTakesTheLastPlace) {
+    ASSERT_TRUE(OpenCore(2));
+    EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ(0, Send("x"));
+    mq_getattr_call.Replace(&getattr_of_an_empty_queue);
+    StdoutCapture out;
+    EXPECT_EQ(-2, Send("x"));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "que full (" + name.Text() + ") 2/2"));
+}
+
+TEST_F(PZMessageQueueTest, SendersThatFillTheQueueTogetherAreRefusedAndNeverWait) {
+    ASSERT_TRUE(OpenCore(8));
+    std::atomic<int> sent{0};
+    std::atomic<int> refused{0};
+    StdoutCapture out;
+    std::vector<std::thread> senders;
+    for (int i = 0; i < 4; ++i) {
+        senders.emplace_back([&] {
+            Core own;
+            ASSERT_TRUE(own.open({name.Get(), 8}));
+            for (int n = 0; n < 20; ++n) {
+                const int result = own.send(en_MSG_TYPE_USER, "x", 1, 1);
+                ++(result == 0 ? sent : refused);
+                EXPECT_TRUE(result == 0 || result == -2) << result;
+            }
+            own.close(false);
+        });
+    }
+    for (std::thread& sender : senders) sender.join();
+    EXPECT_EQ(8, sent);
+    EXPECT_EQ(72, refused);
+}
+
+TEST_F(PZMessageQueueTest, AnInterruptedSendIsRepeated) {
+    ASSERT_TRUE(OpenCore());
+    mq_timedsend_call.FailNext(EINTR, 3);
+    StdoutCapture out;
+    EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ(4, mq_timedsend_call.Calls());
+    EXPECT_EQ(1, RawQueue(name).Count());
+}
+
+TEST_F(PZMessageQueueTest, ReportsAFailedSend) {
+    ASSERT_TRUE(OpenCore());
+    StdoutCapture out;
+    mq_timedsend_call.FailNext(EIO);
+    EXPECT_EQ(-1, Send("x"));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "error : errno[5 : Input/output error]"));
+    mq_getattr_call.FailNext(EBADF);
+    EXPECT_EQ(-1, Send("x"));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "error : errno[9 : Bad file descriptor]"));
+    EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ("", out.Take());
+}
+
+// Receiving.
+
+TEST_F(PZMessageQueueTest, ReceivesTypePayloadAndWhatFollows) {
+    ASSERT_TRUE(OpenCore());
+    ASSERT_EQ(0, core.send(kForeignType, "payload", 7, 9));
+    const Received received = Receive();
+    EXPECT_EQ(11, received.result);
+    EXPECT_EQ(7, received.type);
+    EXPECT_EQ("payload" + kZeros3 + std::string(1, '\0'), received.data);
+}
+
+TEST_F(PZMessageQueueTest, ReceivesTheMostUrgentFirstAndEqualOnesInOrder) {
+    ASSERT_TRUE(OpenCore());
+    const struct {
+        const char* payload;
+        unsigned char priority;
+    } kSent[] = {{"a", 10}, {"b", 5}, {"c", 10}, {"d", 255}, {"e", 1}};
+    for (const auto& message : kSent) ASSERT_EQ(0, Send(message.payload, message.priority));
+    ASSERT_EQ(0, core.send(en_MSG_TYPE_QUIT, "q", 1, 0));
+    std::string order;
+    for (int i = 0; i < 6; ++i) order += Receive().data.substr(0, 1);
+    EXPECT_EQ("qebacd", order);
+}
+
+TEST_F(PZMessageQueueTest, ReceiveRefusesSize0AndNullData) {
+    ASSERT_TRUE(OpenCore());
+    ASSERT_EQ(0, Send("x"));
+    char data[1028];
+    MSG_TYPE type = kForeignType;
+    StdoutCapture out;
+    EXPECT_EQ(-1, core.receive(type, data, 0));
+    EXPECT_TRUE(reported_from(out.Take(), "receive", "invalid args"));
+    EXPECT_EQ(-1, core.receive(type, nullptr, 1028));
+    EXPECT_TRUE(reported_from(out.Take(), "receive", "invalid args"));
+    EXPECT_EQ(kForeignType, type);
+    EXPECT_EQ(1, RawQueue(name).Count());
+}
+
+TEST_F(PZMessageQueueTest, ReceiveNeedsAnOpenQueue) {
+    StdoutCapture out;
+    EXPECT_EQ(-1, Receive().result);
+    EXPECT_TRUE(reported_from(out.Take(), "receive", "not opened"));
+    MSG_TYPE type = kForeignType;
+    EXPECT_EQ(-1, core.receive(type, nullptr, 0));
+    EXPECT_EQ(Messages{"invalid args"}, error_messages(out.Take())) << "arguments come first";
+}
+
+TEST_F(PZMessageQueueTest, TheSizeIsNoLimitBeyondBeingNonzero) {
+    ASSERT_TRUE(OpenCore());
+    ASSERT_EQ(0, Send("payload"));
+    std::string data(1028, '\xEE');
+    MSG_TYPE type = kForeignType;
+    EXPECT_EQ(11, core.receive(type, &data[0], 1));
+    EXPECT_EQ("payload", data.substr(0, 7));
+}
+
+TEST_F(PZMessageQueueTest, AnInterruptedReceiveIsRepeated) {
+    ASSERT_TRUE(OpenCore());
+    ASSERT_EQ(0, Send("x"));
+    mq_receive_call.FailNext(EINTR, 3);
+    StdoutCapture out;
+    EXPECT_EQ(5, Receive().result);
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ(4, mq_receive_call.Calls());
+}
+
+TEST_F(PZMessageQueueTest, AReceiveThatWaitsIsRepeatedAfterRealSignals) {
+    struct sigaction act = {};
+    act.sa_handler = [](int) {};  // no SA_RESTART
+    struct sigaction old = {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &act, &old));
+    ASSERT_TRUE(OpenCore());
+    std::promise<pthread_t> receiver;
+    auto received = std::async(std::launch::async, [&] {
+        receiver.set_value(pthread_self());
+        return Receive().result;
+    });
+    const pthread_t thread = receiver.get_future().get();
+    ASSERT_TRUE(wait_until([&] {
+        pthread_kill(thread, SIGUSR1);
+        return mq_receive_call.Calls() > 3;  // each one more was interrupted
+    }));
+    const RawQueue peer(name);
+    EXPECT_EQ(0, peer.Send("\001yyyy", 1));
+    EXPECT_EQ(5, received.get());
+    sigaction(SIGUSR1, &old, nullptr);
+}
+
+TEST_F(PZMessageQueueTest, ReportsAFailedReceive) {
+    ASSERT_TRUE(OpenCore());
+    mq_receive_call.FailNext(EIO);
+    StdoutCapture out;
+    const Received received = Receive();
+    EXPECT_EQ(-1, received.result);
+    EXPECT_EQ(99, received.type);
+    EXPECT_EQ("", received.data);
+    EXPECT_TRUE(reported_from(out.Take(), "receive", "error : errno[5 : Input/output error]"));
+}
+
+// Other programs.
+
+TEST_F(PZMessageQueueTest, AMessageOf1024BytesFits) {
+    ASSERT_TRUE(OpenCore());
+    ASSERT_EQ(0, RawQueue(name).Send("\001" + std::string(1023, 'p'), 1));
+    const Received received = Receive();
+    EXPECT_EQ(1024, received.result);
+    EXPECT_EQ(1, received.type);
+    EXPECT_EQ(std::string(1023, 'p') + std::string(1, '\0'), received.data);
+}
+
+TEST_F(PZMessageQueueTest, AMessageOfOneByteIsATypeWithoutPayload) {
+    ASSERT_TRUE(OpenCore());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\001longer", 1));
+    EXPECT_EQ(7, Receive().result);
+    ASSERT_EQ(0, peer.Send("\007", 1));
+    const Received received = Receive();
+    EXPECT_EQ(1, received.result);
+    EXPECT_EQ(7, received.type);
+    EXPECT_EQ(std::string(1, '\0'), received.data) << "nothing of the message before";
+}
+
+TEST_F(PZMessageQueueTest, AnEmptyMessageHasType0AndStoresNothing) {
+    ASSERT_TRUE(OpenCore());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\002longer", 1));
+    EXPECT_EQ(2, Receive().type);
+    ASSERT_EQ(0, peer.Send("", 1));
+    StdoutCapture out;
+    const Received received = Receive();
+    EXPECT_EQ(0, received.result);
+    EXPECT_EQ(0, received.type) << "nothing of the message before";
+    EXPECT_EQ("", received.data);
+    EXPECT_EQ("", out.Take());
+}
+
+TEST_F(PZMessageQueueTest, UsesAQueueOfSmallerMessagesWithinItsLimits) {
+    const RawQueue peer(name, 10, 64);
+    ASSERT_TRUE(OpenCore(64));
+    StdoutCapture out;
+    EXPECT_EQ(-1, Send(std::string(61, 'p')));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "error : errno[90 : Message too long]"));
+    EXPECT_EQ(0, Send(std::string(60, 'p')));
+    EXPECT_EQ(64, Receive().result);
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ(-2, Send("x"));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "que full (" + name.Text() + ") 10/10"));
+}
+
+TEST_F(PZMessageQueueTest, CannotReceiveFromAQueueOfLargerMessages) {
+    const RawQueue peer(name, 4, 2048);
+    ASSERT_TRUE(OpenCore());
+    ASSERT_EQ(0, peer.Send("\001small", 1));
+    StdoutCapture out;
+    for (int i = 0; i < 2; ++i) {
+        const Received received = Receive();
+        EXPECT_EQ(-1, received.result);
+        EXPECT_EQ(99, received.type);
+        EXPECT_EQ("", received.data);
+        EXPECT_TRUE(reported_from(out.Take(), "receive", "error : errno[90 : Message too long]"));
+    }
+    EXPECT_EQ(1, peer.Count());
+}
+
+// The sending side.
+
+class PZMessageQueueSenderTest : public PZMessageQueueTest {
+protected:
+    bool Open() { return sender.open({name.Get()}); }
+
+    Sender sender;
+};
+
+TEST_F(PZMessageQueueSenderTest, CreatesAQueueOf64Messages) {
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(64, RawQueue(name).Attributes().mq_maxmsg);
+    EXPECT_EQ(1024, RawQueue(name).Attributes().mq_msgsize);
+}
+
+TEST_F(PZMessageQueueSenderTest, SendsUserData) {
+    ASSERT_TRUE(Open());
+    ASSERT_EQ(0, sender.send("hi", 2, 5));
+    const RawQueue::Message message = RawQueue(name).Receive();
+    EXPECT_EQ("\001hi" + kZeros3, message.bytes);
+    EXPECT_EQ(250U, message.priority);
+}
+
+TEST_F(PZMessageQueueSenderTest, AnswersAsTheCoreDoes) {
+    StdoutCapture out;
+    EXPECT_EQ(-1, sender.send("x", 1, 1));
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(-3, sender.send("x", 1, 0));
+    EXPECT_EQ(-3, sender.send("x", 1025, 1));
+    EXPECT_FALSE(sender.open({nullptr}));
+    const Messages messages = error_messages(out.Take());
+    ASSERT_LE(4U, messages.size());
+    EXPECT_EQ((Messages{"not opened", "invalid priority(0)", "size over(1025)", "name is null."}),
+              Messages(messages.begin(), messages.begin() + 4));
+}
+
+TEST_F(PZMessageQueueSenderTest, The65thMessageIsRefused) {
+    ASSERT_TRUE(Open());
+    StdoutCapture out;
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(0, sender.send("x", 1, 1)) << i;
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ(-2, sender.send("x", 1, 1));
+    EXPECT_TRUE(reported_from(out.Take(), "send", "que full (" + name.Text() + ") 64/64"));
+}
+
+TEST_F(PZMessageQueueSenderTest, CloseAndDestructionKeepTheNameAndTheMessages) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    {
+        Sender other;
+        ASSERT_TRUE(other.open({name.Get()}));
+        ASSERT_EQ(0, other.send("x", 1, 1));
+    }
+    ASSERT_TRUE(Open());
+    sender.close();
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(1, RawQueue(name).Count());
+    EXPECT_EQ(-1, sender.send("x", 1, 1));
+}
+
+}  // namespace
