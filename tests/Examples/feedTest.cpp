@@ -12,36 +12,21 @@
 #include <string>
 #include <vector>
 
+#include "support/RunCommand.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+using pztest::CommandResult;
 using pztest::read_file;
+using pztest::run_command;
 using pztest::TempDir;
 using pztest::wait_until;
 using pztest::write_file;
 
 namespace {
 
-struct Output {
-    int status;
-    std::string text;
-};
-
-/// Runs a shell command; its standard output, and its standard error where the command says so.
-Output run(const std::string& command) {
-    Output output = {-1, ""};
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return output;
-    char buffer[4096];
-    size_t got = 0;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) output.text.append(buffer, got);
-    const int status = pclose(pipe);
-    output.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return output;
-}
-
-Output feed(const std::string& arguments) {
-    return run(PZ_FEED " " + arguments + " 2>&1");
+CommandResult feed(const std::string& arguments) {
+    return run_command(PZ_FEED " " + arguments + " 2>&1");
 }
 
 /// The words of the table's row that begins with `name`.
@@ -70,14 +55,14 @@ void expect_same_as_wc(const std::string& table, const std::string& path) {
     std::string lines;
     std::string words;
     std::string bytes;
-    std::istringstream wc(run("LC_ALL=C wc < " + path).text);
+    std::istringstream wc(run_command("LC_ALL=C wc < " + path).output);
     wc >> lines >> words >> bytes;
     EXPECT_EQ(lines, row[kLines]);
     EXPECT_EQ(words, row[kWords]);
     EXPECT_EQ(bytes, row[kBytes]);
 
     std::string checksum;
-    std::istringstream sum(run("sum -r < " + path).text);
+    std::istringstream sum(run_command("sum -r < " + path).output);
     sum >> checksum;
     EXPECT_EQ(checksum, row[kChecksum]);
     EXPECT_EQ(std::to_string((std::stoull(bytes) + 255) / 256), row[kMessages]);
@@ -103,15 +88,15 @@ TEST(feedTest, TotalsOfFilesOfManySizesEqualWc) {
         write_file(paths.back(), text_of(size));
         arguments += " " + paths.back();
     }
-    const Output output = feed(arguments);
+    const CommandResult output = feed(arguments);
     EXPECT_EQ(0, output.status);
     for (const std::string& path : paths) {
         SCOPED_TRACE(path);
         if (path == dir.File("text0")) {
-            EXPECT_EQ("0", row_of(output.text, path).at(kBytes));
-            EXPECT_EQ("0", row_of(output.text, path).at(kMessages));
+            EXPECT_EQ("0", row_of(output.output, path).at(kBytes));
+            EXPECT_EQ("0", row_of(output.output, path).at(kMessages));
         } else {
-            expect_same_as_wc(output.text, path);
+            expect_same_as_wc(output.output, path);
         }
     }
 }
@@ -120,20 +105,20 @@ TEST(feedTest, LosesNothingWhenTheCountersBoxRunsFull) {
     const TempDir dir;
     const std::string path = dir.File("text");
     write_file(path, text_of(3000000));
-    const Output output = feed("--flood " + path);
+    const CommandResult output = feed("--flood " + path);
     EXPECT_EQ(0, output.status);
-    EXPECT_NE(std::string::npos, output.text.find("msg queue is full : worker[2]\n"));
-    expect_same_as_wc(output.text, path);
+    EXPECT_NE(std::string::npos, output.output.find("msg queue is full : worker[2]\n"));
+    expect_same_as_wc(output.output, path);
 }
 
 TEST(feedTest, HoldsBackBeforeTheBoxIsFull) {
     const TempDir dir;
     const std::string path = dir.File("text");
     write_file(path, text_of(3000000));
-    const Output output = feed(path);
+    const CommandResult output = feed(path);
     EXPECT_EQ(0, output.status);
-    EXPECT_EQ(std::string::npos, output.text.find("full"));
-    expect_same_as_wc(output.text, path);
+    EXPECT_EQ(std::string::npos, output.output.find("full"));
+    expect_same_as_wc(output.output, path);
 }
 
 TEST(feedTest, AnUnreadableFileGivesOneLineAndStatus1AfterTheOthersAreDone) {
@@ -141,22 +126,22 @@ TEST(feedTest, AnUnreadableFileGivesOneLineAndStatus1AfterTheOthersAreDone) {
     const std::string path = dir.File("text");
     write_file(path, text_of(1000));
     const std::string missing = dir.File("missing");
-    const Output output = feed(missing + " " + dir.Path() + " " + path);
+    const CommandResult output = feed(missing + " " + dir.Path() + " " + path);
     EXPECT_EQ(1, output.status);
-    EXPECT_NE(std::string::npos, output.text.find("pz_feed: cannot read " + missing +
-                                                  ": No such file or directory\n"));
+    EXPECT_NE(std::string::npos, output.output.find("pz_feed: cannot read " + missing +
+                                                    ": No such file or directory\n"));
     EXPECT_NE(std::string::npos,
-              output.text.find("pz_feed: cannot read " + dir.Path() + ": Is a directory\n"));
-    EXPECT_TRUE(row_of(output.text, missing).empty());
-    expect_same_as_wc(output.text, path);
+              output.output.find("pz_feed: cannot read " + dir.Path() + ": Is a directory\n"));
+    EXPECT_TRUE(row_of(output.output, missing).empty());
+    expect_same_as_wc(output.output, path);
 }
 
 TEST(feedTest, PrintsATotalRowAndTheFrameworksTimes) {
     const TempDir dir;
     write_file(dir.File("a"), "one two\n");
     write_file(dir.File("b"), "three\n");
-    const Output output = feed(dir.File("a") + " " + dir.File("b"));
-    const std::vector<std::string> total = row_of(output.text, "total");
+    const CommandResult output = feed(dir.File("a") + " " + dir.File("b"));
+    const std::vector<std::string> total = row_of(output.output, "total");
     ASSERT_GT(total.size(), static_cast<size_t>(kMessages));
     EXPECT_EQ("14", total[kBytes]);
     EXPECT_EQ("2", total[kLines]);
@@ -164,9 +149,9 @@ TEST(feedTest, PrintsATotalRowAndTheFrameworksTimes) {
     EXPECT_EQ("2", total[kMessages]);
     double start = -1;
     double stop = -1;
-    const size_t at = output.text.find("framework started in ");
+    const size_t at = output.output.find("framework started in ");
     ASSERT_NE(std::string::npos, at);
-    ASSERT_EQ(2, std::sscanf(output.text.c_str() + at,
+    ASSERT_EQ(2, std::sscanf(output.output.c_str() + at,
                              "framework started in %lf ms, stopped in %lf ms", &start, &stop));
     EXPECT_GT(start, 0);
     EXPECT_GT(stop, 0);
@@ -219,7 +204,7 @@ TEST(feedTest, DrawsAProgressLineOnATerminalOnly) {
     ASSERT_NE(-1, writer);
     const std::string command =
         "script -qfec '" PZ_FEED " " + fifo + "' " + log + " >/dev/null 2>&1 </dev/null & echo $!";
-    ASSERT_EQ(0, run(command).status);
+    ASSERT_EQ(0, run_command(command).status);
     ASSERT_EQ(6, write(writer, "a b c\n", 6));
     EXPECT_TRUE(wait_until(
         [&log] { return read_file(log).find("6 bytes, 1 messages, ") != std::string::npos; }));
@@ -230,14 +215,14 @@ TEST(feedTest, DrawsAProgressLineOnATerminalOnly) {
 
     const std::string path = dir.File("text");
     write_file(path, text_of(100));
-    EXPECT_EQ(std::string::npos, feed(path).text.find("messages/s"));
+    EXPECT_EQ(std::string::npos, feed(path).output.find("messages/s"));
 }
 
 TEST(feedTest, TellsItsUsage) {
     EXPECT_EQ(0, feed("--help").status);
-    EXPECT_NE(std::string::npos, feed("--help").text.find("usage: pz_feed [--flood] FILE..."));
+    EXPECT_NE(std::string::npos, feed("--help").output.find("usage: pz_feed [--flood] FILE..."));
     EXPECT_EQ(2, feed("").status);
-    const Output output = feed("--nonsense");
+    const CommandResult output = feed("--nonsense");
     EXPECT_EQ(2, output.status);
-    EXPECT_NE(std::string::npos, output.text.find("pz_feed: unknown option --nonsense\n"));
+    EXPECT_NE(std::string::npos, output.output.find("pz_feed: unknown option --nonsense\n"));
 }

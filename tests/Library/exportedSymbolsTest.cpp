@@ -1,23 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
 
-namespace {
+#include "support/RunCommand.h"
 
-std::string output_of(const std::string& command) {
-    std::string text;
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return text;
-    char buffer[4096];
-    size_t got = 0;
-    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, got);
-    pclose(pipe);
-    return text;
-}
+namespace {
 
 bool begins_with(const std::string& text, const std::string& start) {
     return text.compare(0, start.size(), start) == 0;
@@ -46,7 +36,7 @@ PublicNames public_names() {
 /// What the dynamic symbol table defines. Tables of a class (vtable, type information) count as
 /// the class; functions lose their parameters.
 void read_symbols(std::set<std::string>& members, std::set<std::string>& classes) {
-    std::istringstream lines(output_of("nm -DC --defined-only " PZ_LIBRARY));
+    std::istringstream lines(pztest::run_command("nm -DC --defined-only " PZ_LIBRARY).output);
     for (std::string line; std::getline(lines, line);) {
         const size_t kind = line.find(' ');
         std::string name = line.substr(kind + 3);

@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 
+#include "support/RunCommand.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -26,10 +26,7 @@ TEST(readmeTest, ItsProgramIsTheOneThatIsBuilt) {
 
 TEST(readmeTest, ItsProgramPrintsWhatItShows) {
     const std::string readme = pztest::read_file(PZ_ROOT "/README.md");
-    FILE* pipe = popen(PZ_HELLO, "r");
-    ASSERT_NE(nullptr, pipe);
-    char output[1024] = {};
-    const size_t size = fread(output, 1, sizeof output - 1, pipe);
-    EXPECT_EQ(0, pclose(pipe));
-    EXPECT_EQ(block_of(readme, "```text"), std::string(output, size));
+    const pztest::CommandResult hello = pztest::run_command(PZ_HELLO);
+    EXPECT_EQ(0, hello.status);
+    EXPECT_EQ(block_of(readme, "```text"), hello.output);
 }

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <iterator>
@@ -16,8 +15,8 @@
 #include <vector>
 
 #include "support/Interposed.h"
+#include "support/RunCommand.h"
 #include "support/StdoutCapture.h"
-#include "support/TempDir.h"
 
 namespace {
 
@@ -764,16 +763,6 @@ TEST_F(pz_cp_convTest, Wc16tombReportsALoneSurrogate) {
 
 namespace {
 
-std::string oracle(const std::string& options, const std::string& input) {
-    const pztest::TempDir dir;
-    pztest::write_file(dir.File("in"), input);
-    const std::string command =
-        "iconv " + options + " " + dir.File("in") + " >" + dir.File("out") + " 2>/dev/null";
-    // The status tells only whether -c has dropped something.
-    if (std::system(command.c_str()) == -1) return "no iconv";  // NOLINT(cert-env33-c)
-    return pztest::read_file(dir.File("out"));
-}
-
 /// What iconv(1) makes of each single byte of a page, in UTF-8; "" where the page has none.
 std::vector<std::string> single_bytes(const std::string& pageName) {
     std::string input;
@@ -781,7 +770,7 @@ std::vector<std::string> single_bytes(const std::string& pageName) {
         if (byte != '\n') input += static_cast<char>(byte);
         input += '\n';
     }
-    const std::string output = oracle("-c -f " + pageName + " -t UTF-8", input);
+    const std::string output = pztest::run_iconv(pageName, "UTF-8", input, "-c").output;
     std::vector<std::string> characters(1);
     for (size_t start = 0; start < output.size();) {
         const size_t end = output.find('\n', start);
@@ -844,7 +833,7 @@ TEST_F(pz_cp_convTest, ConvertsMultiBytePagesAsIconvDoes) {
         {XCP_WCHAR, japanese},        {XCP_UTF8, japanese}};
     for (const Sample& sample : samples) {
         const std::string name = kPageNames[sample.page].name;
-        std::string expected = oracle("-f UTF-8 -t " + name, sample.text);
+        std::string expected = pztest::run_iconv("UTF-8", name, sample.text).output;
         ASSERT_FALSE(expected.empty()) << name;
         // iconv(1) returns to the initial state at the end of its input.
         if (sample.page == XCP_ISO2022_CN && expected.back() == '\x0F') expected.pop_back();
