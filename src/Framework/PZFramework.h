@@ -9,6 +9,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Diagnostics/pz_stack.h>
+#include <Framework/Foundation/PZClock.h>
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Foundation/PZIDispatcher.h>

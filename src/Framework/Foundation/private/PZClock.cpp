@@ -1,0 +1,322 @@
+#include "Framework/Foundation/PZClock.h"
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/Foundation/PZFileSys.h>
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/Foundation/PZTickCount.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+#include <fcntl.h>
+#include <linux/rtc.h>
+#include <sys/ioctl.h>
+#include <sys/time.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+
+static_assert(sizeof(PZClock::ST_CLOCK) == 28 && offsetof(PZClock::ST_CLOCK, month) == 4 &&
+                  offsetof(PZClock::ST_CLOCK, dayOfWeek) == 8 &&
+                  offsetof(PZClock::ST_CLOCK, day) == 12 &&
+                  offsetof(PZClock::ST_CLOCK, hour) == 16 &&
+                  offsetof(PZClock::ST_CLOCK, minute) == 20 &&
+                  offsetof(PZClock::ST_CLOCK, second) == 24,
+              "seven fields of 32 bits");
+
+namespace {
+
+constexpr char kActiveZoneFile[] = "/tmp/tzfile";
+constexpr char kClockDevice[] = "/dev/rtc0";
+constexpr char kDateProgram[] = "/bin/date";
+
+constexpr int kFirstYear = 1900;  // of the C library's calendar
+
+/// The C library's conversion to UTC or to local time; null when it fails.
+using BreakDown = tm* (*)(const time_t*);
+
+/// False when the C library cannot convert the time.
+bool break_down(BreakDown convert, time_t seconds, PZClock::ST_CLOCK& clock) {
+    const tm* const time = convert(&seconds);
+    if (time == nullptr) return false;
+    clock.year = time->tm_year + kFirstYear;
+    clock.month = static_cast<unsigned int>(time->tm_mon + 1);
+    clock.dayOfWeek = static_cast<unsigned int>(time->tm_wday);
+    clock.day = static_cast<unsigned int>(time->tm_mday);
+    clock.hour = static_cast<unsigned int>(time->tm_hour);
+    clock.minute = static_cast<unsigned int>(time->tm_min);
+    clock.second = static_cast<unsigned int>(time->tm_sec);
+    return true;
+}
+
+/// False, with the reason in errno, when the time cannot be read or converted.
+bool read_time(BreakDown convert, PZClock::ST_CLOCK& clock) {
+    timeval now = {};
+    return ::gettimeofday(&now, nullptr) == 0 && break_down(convert, now.tv_sec, clock);
+}
+
+/// Epoch seconds of any width as the 32 bits with a sign that they have on every machine.
+std::int32_t narrow_seconds(unsigned long long seconds) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
+}
+
+rtc_time to_rtc_time(const PZClock::ST_CLOCK& clock) {
+    rtc_time time = {};
+    time.tm_sec = static_cast<int>(clock.second);
+    time.tm_min = static_cast<int>(clock.minute);
+    time.tm_hour = static_cast<int>(clock.hour);
+    time.tm_mday = static_cast<int>(clock.day);
+    time.tm_mon = static_cast<int>(clock.month) - 1;
+    time.tm_year = clock.year - kFirstYear;
+    return time;
+}
+
+tm to_tm(const PZClock::ST_CLOCK& clock) {
+    tm time = {};
+    time.tm_year = clock.year - kFirstYear;
+    time.tm_mon = static_cast<int>(clock.month) - 1;
+    time.tm_wday = static_cast<int>(clock.dayOfWeek);
+    time.tm_mday = static_cast<int>(clock.day);
+    time.tm_hour = static_cast<int>(clock.hour);
+    time.tm_min = static_cast<int>(clock.minute);
+    time.tm_sec = static_cast<int>(clock.second);
+    time.tm_isdst = -1;  // the zone decides
+    return time;
+}
+
+/// Holds back the signals of the calling thread. A handler may neither interrupt the wait for a
+/// child, which would be taken for a failed one, nor collect that child first.
+class SignalBlock : private PZUncopyable {
+public:
+    SignalBlock() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+    }
+    ~SignalBlock() { Lift(); }
+
+    void Lift() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+private:
+    sigset_t before_;
+};
+
+/// Turns a forked child into the date program. Does not return.
+[[noreturn]] void execute_date(const char* argument) {
+    ::execl(kDateProgram, kDateProgram, argument, static_cast<char*>(nullptr));
+    std::perror(kDateProgram);
+    ::_exit(-1);  // the exit handlers and unwritten output are the parent's
+}
+
+[[noreturn]] void exit_because_of_waitpid() {
+    std::perror("waitpid");
+    std::exit(-1);
+}
+
+bool copy_zone_file(const char* path) {
+    return PZFileSys::Copy(path, kActiveZoneFile, false, false);
+}
+
+const char* abbreviation(const char* name) {
+    return name != nullptr ? name : "tzname null";
+}
+
+void print_zone(const char* path) {
+    PZDbgOutput::DbgPrint(__FILE__, "SetTimeZone", __LINE__, PZDbgOutput::en_TAG_SYS,
+                          "set tzfile [%s] %s : %s\n", path, abbreviation(tzname[0]),
+                          abbreviation(tzname[1]));
+}
+
+/// Copies and announces the zone file until its rules show, `copied` being the result so far.
+/// Answers the result of the last copy.
+bool settle(const char* path, bool copied) {
+    constexpr int kAttempts = 20;
+    constexpr unsigned int kPauseMs = 100;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        // "JST" is taken for the rules of before, even where the new zone has the same name.
+        if (tzname[0] != nullptr && std::strcmp(tzname[0], "JST") != 0) break;
+        copied = copy_zone_file(path);
+        ::sync();
+        ::tzset();
+        print_zone(path);
+        pz_msleep(kPauseMs);
+    }
+    return copied;
+}
+
+}  // namespace
+
+PZClock::~PZClock() = default;
+
+bool PZClock::GetUtc(ST_CLOCK* clock) {
+    if (clock == nullptr) {
+        PZ_REPORT_ERROR("invalid arg\n");
+        return false;
+    }
+    if (!read_time(&::gmtime, *clock)) {
+        PZ_REPORT_ERROR("err(%d:%s)\n", pz_get_last_err(), pz_get_last_err_string());
+        return false;
+    }
+    return true;
+}
+
+bool PZClock::GetLocal(ST_CLOCK* clock) {
+    if (clock == nullptr) {
+        PZ_REPORT_ERROR("invalid arg\n");
+        return false;
+    }
+    if (!read_time(&::localtime, *clock)) {
+        PZ_REPORT_ERROR("err(%d:%s)\n", pz_get_last_err(), pz_get_last_err_string());
+        return false;
+    }
+    return true;
+}
+
+bool PZClock::SetUtc(ST_CLOCK* clock) {
+    if (clock == nullptr || !checkCalenderTime(*clock)) {
+        PZ_REPORT_ERROR("invalid arg\n");
+        return false;
+    }
+    const int device = ::open(kClockDevice, O_RDWR | O_CLOEXEC);
+    if (device == -1) {
+        PZ_REPORT_ERROR("open(/dev/rtc0) Failed [%s]\n", pz_get_last_err_string());
+        return false;
+    }
+    const rtc_time time = to_rtc_time(*clock);
+    const bool written = ::ioctl(device, RTC_SET_TIME, &time) >= 0;
+    if (!written) PZ_REPORT_ERROR("ioctl(RTC_SET_TIME) Error [%s]\n", pz_get_last_err_string());
+    ::close(device);
+    return written;
+}
+
+bool PZClock::SetLocal(ST_CLOCK* clock) {
+    if (clock == nullptr || !checkCalenderTime(*clock)) {
+        PZ_REPORT_ERROR("invalid arg\n");
+        return false;
+    }
+    char argument[32];
+    std::snprintf(argument, sizeof argument, "%02d%02d%02d%02d%04d", static_cast<int>(clock->month),
+                  static_cast<int>(clock->day), static_cast<int>(clock->hour),
+                  static_cast<int>(clock->minute), clock->year);
+
+    SignalBlock signals;
+    const pid_t child = ::fork();
+    if (child == -1) {
+        PZ_REPORT_ERROR("error : fork\n");
+        return false;
+    }
+    if (child == 0) {
+        signals.Lift();
+        execute_date(argument);
+    }
+    int status = 0;
+    if (::waitpid(child, &status, 0) == -1) {
+        signals.Lift();
+        exit_because_of_waitpid();
+    }
+    if (WIFSIGNALED(status)) {
+        PZ_REPORT_ERROR("failed to set time [%04d/%02d/%02d %02d:%02d:%02d]\n", clock->year,
+                        static_cast<int>(clock->month), static_cast<int>(clock->day),
+                        static_cast<int>(clock->hour), static_cast<int>(clock->minute),
+                        static_cast<int>(clock->second));
+        PZ_REPORT_LAST_ERROR();
+        return false;
+    }
+    return true;  // whatever the program's exit status: it is not a failure of this operation
+}
+
+bool PZClock::SetTimeZone(int minutes) {
+    constexpr float kMinutesPerHour = 60.0F;
+    const float hours = static_cast<float>(minutes) / kMinutesPerHour;
+    const ST_TIME_ZONE_GMT* const row =
+        std::find_if(std::begin(timeZoneGmtTbl_), std::end(timeZoneGmtTbl_),
+                     [hours](const ST_TIME_ZONE_GMT& zone) { return zone.hours == hours; });
+    if (row == std::end(timeZoneGmtTbl_)) {
+        PZ_REPORT_ERROR("timezone gmt file not found\n");
+        return false;
+    }
+    const bool copied = copy_zone_file(row->path);
+    if (copied) {
+        ::tzset();
+        ::sync();
+        print_zone(row->path);
+    }
+    return settle(row->path, copied);
+}
+
+bool PZClock::SetTimeZone(TimeZone::Area area) {
+    const ST_TIME_ZONE* const row =
+        std::find_if(std::begin(timeZoneTbl_), std::end(timeZoneTbl_),
+                     [area](const ST_TIME_ZONE& zone) { return zone.area == area; });
+    if (row == std::end(timeZoneTbl_)) {
+        PZ_REPORT_ERROR("timezone area file not found\n");
+        return false;
+    }
+    const bool copied = copy_zone_file(row->path);
+    if (copied) {
+        ::sync();
+        ::tzset();
+        print_zone(row->path);
+    }
+    // Its abbreviation is "JST", which tells nothing.
+    if (area == TimeZone::en_AREA_TOKYO) return copied;
+    return settle(row->path, copied);
+}
+
+unsigned long PZClock::GetTime() {
+    return PZTickCount::GetInstance()->GetTime();
+}
+
+bool PZClock::ToLocaltime(unsigned long long seconds, ST_CLOCK* clock) {
+    if (clock == nullptr) {
+        PZ_REPORT_ERROR("invalid arg\n");
+        return false;
+    }
+    if (!break_down(&::localtime, narrow_seconds(seconds), *clock)) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    return true;
+}
+
+bool PZClock::ToUtcTime(unsigned long long seconds, ST_CLOCK* clock) {
+    if (clock == nullptr) {
+        PZ_REPORT_ERROR("invalid arg\n");
+        return false;
+    }
+    if (!break_down(&::gmtime, narrow_seconds(seconds), *clock)) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    return true;
+}
+
+long long PZClock::ToCalendarTime(ST_CLOCK* clock) {
+    if (clock == nullptr || !checkCalenderTime(*clock)) {
+        PZ_REPORT_ERROR("invalid arg\n");
+        return 0;
+    }
+    tm time = to_tm(*clock);
+    return narrow_seconds(static_cast<unsigned long long>(std::mktime(&time)));
+}
+
+bool PZClock::checkCalenderTime(ST_CLOCK& clock) {
+    const bool accepted = clock.year >= kFirstYear && clock.month >= 1 && clock.month <= 12 &&
+                          clock.dayOfWeek <= 6 && clock.day >= 1 && clock.day <= 31 &&
+                          clock.hour <= 23 && clock.minute <= 59 && clock.second <= 59;
+    if (!accepted) {
+        PZ_REPORT_ERROR("year[%d] month[%d] day[%d] day of week[%d] h[%d] m[%d] s[%d]\n",
+                        clock.year, static_cast<int>(clock.month), static_cast<int>(clock.day),
+                        static_cast<int>(clock.dayOfWeek), static_cast<int>(clock.hour),
+                        static_cast<int>(clock.minute), static_cast<int>(clock.second));
+    }
+    return accepted;
+}
