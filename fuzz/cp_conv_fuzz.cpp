@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/Source.h"
 #include "support/conversion.h"
 
 // pz_cp_conv between all pairs of code pages.
@@ -43,13 +44,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
 
-    const std::string source = text;
-    const size_t srcBytes = call.measure ? std::strlen(text.c_str()) : text.size();
-    unsigned int length = call.measure ? 0xFFFFFFFF : static_cast<unsigned int>(text.size());
-    if (call.impossibleSource) length = impossible_count(1);
-    check_conversion(call, to, 1, srcBytes, [&](char* dst, unsigned int dstSize) {
-        return pz_cp_conv(dst, dstSize, to, call.nullSrc ? nullptr : text.c_str(), length, from);
+    const Source<char> source(call, text);
+    check_conversion(call, to, 1, source.Bytes(), [&](char* dst, unsigned int dstSize) {
+        return pz_cp_conv(dst, dstSize, to, source.Data(), source.Length(), from);
     });
-    fuzz_check(text == source, "the source was changed");
+    source.CheckUntouched();
     return 0;
 }

@@ -3,7 +3,6 @@
 
 #include <Framework/Wrapper/pz_cp_conv.h>
 
-#include <climits>
 #include <cstddef>
 #include <string>
 
@@ -94,9 +93,7 @@ void check_conversion(const ConversionCall& call, EN_XCP to, size_t dstUnit, siz
     Destination large((srcBytes + 1) * 16);
     const int all = convert(large.Data(), static_cast<unsigned int>(large.Size() / dstUnit));
     large.CheckGuards();
-    const size_t needed = static_cast<size_t>(all) * unit + (unit > 1 ? unit : 1);
-    const bool converts = all > 0 || large.Bytes(0, 1)[0] == Destination::kFill ||
-                          (unit > 1 && large.IsUntouchedFrom(unit));
+    const size_t needed = static_cast<size_t>(all) * unit + unit;
     if (result > 0) {
         fuzz_check(result == all, "a smaller destination gave another result");
         fuzz_check(dst.Size() >= needed, "no room for the terminator");
@@ -109,9 +106,13 @@ void check_conversion(const ConversionCall& call, EN_XCP to, size_t dstUnit, siz
         return;
     }
     fuzz_check(all == 0 || dst.Size() < needed, "refused a destination that is large enough");
-    if (all == 0 && converts) return;  // a text that converts into nothing
-    // A target that is not supported gets one zero byte unless it is wide.
-    fuzz_check(dst.HasZeros(0, to == XCP_WCHAR ? 4 : 1), "a failure left no empty text");
+    if (unit == 1 && large.IsUntouchedFrom(0)) {  // a text that converts into nothing
+        fuzz_check(dst.IsUntouchedFrom(0), "nothing was converted, but something written");
+        return;
+    }
+    // A 16-bit target that cannot be opened gets one zero byte only.
+    const bool isOneZero = is_utf16(to) && dst.HasZeros(0, 1) && dst.IsUntouchedFrom(1);
+    fuzz_check(dst.HasZeros(0, unit) || isOneZero, "a failure left no empty text");
 }
 
 }  // namespace pzfuzz
