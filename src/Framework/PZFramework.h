@@ -39,6 +39,7 @@
 #include <Framework/SharedMemory/PZSharedSyncObject.h>
 #include <Framework/Utility/PZBinary.h>
 #include <Framework/Utility/PZCRC.h>
+#include <Framework/Utility/PZLSysFileOut.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Utility/PZPList.h>
 #include <Framework/Utility/PZString.h>

@@ -1,0 +1,96 @@
+#ifndef PZ_FRAMEWORK_UTILITY_PZLSYSFILEOUT_H
+#define PZ_FRAMEWORK_UTILITY_PZLSYSFILEOUT_H
+
+#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/PZApi.h>
+
+#include <cstdio>
+#include <string>
+
+/// Writes a log, or any bytes, to a file, and keeps a bounded family of such files.
+///
+/// The number of files chooses their names; directory "/log", name "app" and extension "txt" give
+/// -  0: "/log/app.txt", the only file
+/// -  N: "/log/app_0.txt", with up to N older generations "/log/app_1.txt" ... "/log/app_N.txt"
+/// - -1: "/log/app240305_0708.txt", a file for each minute (UTC) in which Open was called; old ones
+///       are never deleted
+///
+/// Without a maximum size every Open begins an empty file; with one it appends. Where generations
+/// are kept, Open (without a maximum size) or a Write that reaches the maximum shifts them:
+/// generation N is deleted, then each generation, the oldest first, is copied to the next number.
+/// A generation that is there already is not overwritten, and none but the last is removed: so
+/// after the first shifts the younger ones stand still. Each step that fails prints a message.
+///
+/// Threads:   one object is used by one thread at a time.
+/// Ownership: nothing that is passed in is kept. The destructor does not close the file: call
+/// Close. Units:     bytes. Durability: Flush and Close, and each shift and reopening, write all
+/// file systems to their
+///            disks (sync), which takes long. Data in between are buffered.
+/// Failures:  answered by Open and Write; file-system operations report theirs.
+class PZ_API PZLSysFileOut : private PZUncopyable {
+public:
+    /// Answer of GetSize for a file that cannot be opened.
+    static constexpr unsigned int kNoSize = 0xFFFFFFFF;
+
+    /// Makes the directory and every missing one above it; when that fails, Open will.
+    ///
+    /// `directory` counts up to 256 characters, `name` up to 24, `extension` (without the dot) up
+    /// to 4; null counts as empty. A '/' is always added to the directory, also to one that ends in
+    /// it. The path in UTF-8 must not be longer than 255 bytes.
+    /// `maxSize` 0 means no maximum; `fileCount` as above. Other negative counts have no file name.
+    PZLSysFileOut(const wchar_t* directory, const wchar_t* name, const wchar_t* extension,
+                  bool binary, unsigned int maxSize, int fileCount);
+
+    /// Opens the file, after the one that may be open was closed. Shifts the generations first
+    /// where that is due. False when the file cannot be opened.
+    bool Open();
+
+    /// Writes a block. 0 without an open file, and for null with a length; 1 otherwise, also when
+    /// the block could not be written: a full disk must not stop whoever logs.
+    ///
+    /// Reopens the file, shifting the generations, when the block and the size counter together
+    /// reach the maximum. The counter is the size that the file had when this object was made, and
+    /// 0 after a shift. Writes do not advance it: blocks below the maximum never shift an empty
+    /// file.
+    int Write(const void* data, unsigned int length);
+
+    /// The same.
+    int SWrite(const void* data, unsigned int length);
+
+    /// Writes formatted text, cut to 279 bytes. 0 for null and for a format that fails; else as
+    /// Write.
+    int FWrite(const char* format, ...) PZ_PRINTF_FORMAT(2, 3);
+
+    /// Hands the buffered data over and syncs. Nothing happens without an open file.
+    void Flush();
+
+    /// The same, then closes the file.
+    void Close();
+
+    /// Low 32 bits of the size of a file; kNoSize when it cannot be opened.
+    static unsigned int GetSize(const wchar_t* path);
+
+private:
+    PZ_LOCAL std::wstring PathWith(const std::wstring& tail) const;
+    PZ_LOCAL std::wstring GenerationPath(int generation) const;
+    PZ_LOCAL void SetPath(const std::wstring& path);
+    PZ_LOCAL void RefreshFilePath();
+    PZ_LOCAL bool CheckMaxFileNum(wchar_t* oldest) const;
+    PZ_LOCAL bool OpenAct();
+    PZ_LOCAL void CloseAct();
+    PZ_LOCAL void BackupAct();
+    PZ_LOCAL static constexpr void check_layout();
+
+    // A text that fills its field has no terminator.
+    wchar_t directory_[256];  // ends in '/'
+    wchar_t name_[24];
+    wchar_t extension_[4];
+    bool isBinary_;
+    int fileCount_;
+    unsigned int maxSize_;      // 0: none
+    std::FILE* stream_;         // null: not open
+    wchar_t path_[256];         // of the file that is or will be open
+    unsigned int sizeCounter_;  // bytes assumed to be in it
+};
+
+#endif  // PZ_FRAMEWORK_UTILITY_PZLSYSFILEOUT_H
