@@ -1,4 +1,4 @@
-# Headers, library, CMake package and pkg-config file.
+# Headers, library, CMake package and pkg-config files.
 include(CMakePackageConfigHelpers)
 
 set(PZ_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/PZFramework)
@@ -18,11 +18,13 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/PZFrameworkConfigVersion.
 install(FILES
     ${PROJECT_BINARY_DIR}/PZFrameworkConfig.cmake
     ${PROJECT_BINARY_DIR}/PZFrameworkConfigVersion.cmake
+    cmake/PZFrameworkICU.cmake
     DESTINATION ${PZ_CMAKE_DIR})
 
-# The pkg-config file finds its prefix from its own place, wherever `cmake --install` puts it.
+# The pkg-config files find their prefix from their own place, wherever `cmake --install` puts them.
 file(RELATIVE_PATH PZ_PC_PREFIX
     /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(packaging/pzframework.pc.in ${PROJECT_BINARY_DIR}/pzframework.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/pzframework.pc
+configure_file(packaging/pzframework-icu.pc.in ${PROJECT_BINARY_DIR}/pzframework-icu.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/pzframework.pc ${PROJECT_BINARY_DIR}/pzframework-icu.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
