@@ -17,7 +17,7 @@ namespace {
 
 using Queue = PZMsgQ::PZMessageQueue<2>;
 
-constexpr unsigned int kBufferSize = 1028;
+constexpr unsigned int kBufferSize = Queue::kMinReceiveSize;
 constexpr unsigned char kPriority = 128;
 
 std::string queue_name() {

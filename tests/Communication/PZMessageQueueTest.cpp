@@ -106,12 +106,12 @@ protected:
     struct Received {
         int result;
         int type;
-        std::string data;  // of a buffer of 1028 bytes, up to the last byte that was written
+        std::string data;  // up to the last byte that was written
     };
     Received Receive() {
         std::string data(1100, '\xEE');
         MSG_TYPE type = static_cast<MSG_TYPE>(99);
-        const int result = core.receive(type, &data[0], 1028);
+        const int result = core.receive(type, &data[0], Core::kMinReceiveSize);
         data.resize(data.find_last_not_of('\xEE') + 1);
         return {result, type, data};
     }
@@ -137,6 +137,10 @@ TEST_F(PZMessageQueueTest, MessageTypesAreSingleBytes) {
     EXPECT_EQ(1U, sizeof(MSG_TYPE));
     EXPECT_EQ(1, en_MSG_TYPE_USER);
     EXPECT_EQ(2, en_MSG_TYPE_QUIT);
+}
+
+TEST_F(PZMessageQueueTest, AsksCallersFor1028BytesToReceiveInto) {
+    EXPECT_EQ(1028U, Core::kMinReceiveSize + 0);
 }
 
 TEST_F(PZMessageQueueTest, IsNotOpenAtFirst) {
@@ -563,7 +567,7 @@ TEST_F(PZMessageQueueTest, ReceiveNeedsAnOpenQueue) {
 TEST_F(PZMessageQueueTest, TheSizeIsNoLimitBeyondBeingNonzero) {
     ASSERT_TRUE(OpenCore());
     ASSERT_EQ(0, Send("payload"));
-    std::string data(1028, '\xEE');
+    std::string data(Core::kMinReceiveSize, '\xEE');
     MSG_TYPE type = kForeignType;
     EXPECT_EQ(11, core.receive(type, &data[0], 1));
     EXPECT_EQ("payload", data.substr(0, 7));
