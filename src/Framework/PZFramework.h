@@ -4,6 +4,7 @@
 // Every public header of the framework.
 
 #include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/Diagnostics/PZReport.h>

@@ -1,0 +1,149 @@
+#ifndef PZ_FRAMEWORK_COMMUNICATION_PZFILEGUARD_H
+#define PZ_FRAMEWORK_COMMUNICATION_PZFILEGUARD_H
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <cerrno>
+#include <string>
+
+#include <Framework/PZApi.h>
+
+/// One recursive mutex of several processes, with which they take turns at a shared file.
+///
+/// Sides:     one process, the system side, makes the mutex with initForSystem and takes it away
+///            with destroyMutex. Every other one, an application side, comes to it with
+///            initForApp. An application may start first: its guard attaches, and refuses to
+///            lock until the system side is there. It does need the key files, which only the
+///            system side makes; without them every canLock, lock and tryLock tries once more,
+///            and reports the files that are missing.
+/// Processes: the mutex, and one byte that tells whether it may be used, are two System V
+///            shared-memory segments. Their keys are ftok(path, 1) of the files
+///            directory + name + "_mutex" and directory + name + "_initflag", empty files that are
+///            open to everybody. All processes of a guard are built for the same kind of machine:
+///            the mutex segment is as large as its pthread_mutex_t.
+/// Threads:   an object belongs to one thread at a time; threads that lock against each other have
+///            a guard each. The thread that locked unlocks. Locks nest.
+/// Ownership: a process that ends while it holds the mutex leaves it locked.
+/// Failures:  reported and answered with false, never thrown.
+class PZ_API PZFileGuard {
+public:
+    /// The directory "/temp/system_data/", and no file name yet.
+    PZFileGuard();
+
+    /// The directory "/temp/system_data/". The name is the base name of the guarded file.
+    explicit PZFileGuard(const std::string& fileName);
+
+    /// A directory without a '/' at its end gets one; an empty one is "/".
+    PZFileGuard(const std::string& dirPath, const std::string& fileName);
+
+    /// Does what destroyMutex does, when the mutex is attached.
+    virtual ~PZFileGuard();
+
+    PZFileGuard(const PZFileGuard&) = delete;
+    PZFileGuard& operator=(const PZFileGuard&) = delete;
+
+    /// False, and nothing changed, for an empty name, and between initForSystem or initForApp and
+    /// destroyMutex.
+    bool setFileName(const std::string& name);
+
+    /// Like setFileName, with the directory as in the constructor.
+    bool setFilePath(const std::string& dirPath, const std::string& fileName);
+
+    /// Becomes the system side: makes the directory and the key files as far as they are missing
+    /// (open to everybody), attaches both segments, initialises the mutex afresh, whoever may hold
+    /// it, and lets the applications in. After a failure beyond an empty file name or a second
+    /// call the object is of no more use.
+    bool initForSystem();
+
+    /// Becomes an application side and attaches both segments, which are made when there are none.
+    /// It is an application side also when that fails: canLock, lock and tryLock try again.
+    bool initForApp();
+
+    /// True while the system side is there. An application side that is not attached yet attaches.
+    bool canLock();
+
+    /// Waits for the mutex without a time limit; false when canLock is false (reported) or the
+    /// mutex is not usable.
+    bool lock();
+
+    /// Like lock, but does not wait: false when another thread or process holds the mutex
+    /// (reported), or when canLock is false (not reported).
+    bool tryLock();
+
+    /// Gives back one lock, also when the system side is gone meanwhile. False when the mutex is
+    /// not attached. A thread that does not hold the mutex is answered true, and nothing happens.
+    bool unlock();
+
+    /// On the system side shuts the applications out and removes the segments; they vanish when
+    /// the last process that has them attached detaches or ends, this one included: it stays
+    /// attached. While somebody holds the mutex this fails, and the segments stay; initForSystem
+    /// followed by destroyMutex removes them later.
+    /// On an application side detaches. Afterwards the guard can be given another file, and begin
+    /// anew. False, with a call stack, when it is neither.
+    bool destroyMutex();
+
+private:
+    enum EN_MODE : int { en_MODE_NONE = 0, en_MODE_SYSTEM = 1, en_MODE_APP = 2 };
+
+    static constexpr unsigned char kUsable = 0xA5;  // init flag: the mutex may be used
+
+    void checkPath();
+    static bool makeDir(const std::string& dirPath);
+    key_t getMkey(const std::string& path) const;
+    static key_t getMkeyForSystem(const std::string& path);
+    static key_t getMkeyForApp(const std::string& path);
+    bool attachSharedMem();
+    bool initMutex();
+    bool destroyMutexForSystem();
+    bool destroyMutexForApp();
+
+    /// True when the init flag can be read and says so. The other processes write it at any time;
+    /// what the system side did to the mutex before is seen by who reads it.
+    bool isUsable() const {
+        return initFlag_ != nullptr && __atomic_load_n(initFlag_, __ATOMIC_ACQUIRE) == kUsable;
+    }
+
+    /// True when nothing stands between a lock and the mutex.
+    bool isReady() const { return initialized_ && mutex_ != nullptr && isUsable(); }
+
+    /// What lock does when the guard is not ready at once; false when it is not ready at all.
+    bool getReadyToLock();
+
+    /// Reports what an operation got from the mutex, and answers false.
+    static bool reportLock(int error);
+    static bool reportTryLock(int error);
+    static bool reportUnlock(int error);
+
+    std::string dirPath_;
+    std::string fileName_;
+    int mutexShmId_;           // -1: not attached
+    pthread_mutex_t* mutex_;   // in the mutex segment; null: not attached
+    int initFlagShmId_;        // -1: not attached
+    unsigned char* initFlag_;  // in the init-flag segment; null: not attached
+    bool initialized_;         // has attached at some time; not taken back by destroyMutex
+    EN_MODE mode_;
+};
+
+// Taking a free mutex and giving it back are short enough to run in the caller's own code: calling
+// them in the library takes half as long again as the mutex's own work. The rest is called.
+
+inline bool PZFileGuard::lock() {
+    if (!isReady() && !getReadyToLock()) return false;
+    const int result = pthread_mutex_lock(mutex_);
+    return result != EINVAL || reportLock(result);  // no other result counts as a failure
+}
+
+inline bool PZFileGuard::tryLock() {
+    if (!isReady() && (!canLock() || mutex_ == nullptr)) return false;
+    const int result = pthread_mutex_trylock(mutex_);
+    return (result != EINVAL && result != EBUSY) || reportTryLock(result);
+}
+
+inline bool PZFileGuard::unlock() {
+    if (mutex_ == nullptr) return false;
+    const int result = pthread_mutex_unlock(mutex_);
+    return result != EINVAL || reportUnlock(result);
+}
+
+#endif  // PZ_FRAMEWORK_COMMUNICATION_PZFILEGUARD_H

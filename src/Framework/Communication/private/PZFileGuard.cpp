@@ -1,0 +1,361 @@
+#include "Framework/Communication/PZFileGuard.h"
+
+#include <dirent.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include <Framework/Diagnostics/PZCallStack.h>
+#include <Framework/Diagnostics/PZReport.h>
+
+#if __SIZEOF_POINTER__ == 4
+static_assert(sizeof(pthread_mutex_t) == 24, "format shared between processes");
+static_assert(sizeof(PZFileGuard) == 4 + 2 * sizeof(std::string) + 24, "record layout");
+#endif
+
+namespace {
+
+constexpr char kDefaultDir[] = "/temp/system_data/";
+constexpr char kMutexSuffix[] = "_mutex";
+constexpr char kInitFlagSuffix[] = "_initflag";
+constexpr int kKeyProject = 1;  // second argument of ftok
+constexpr key_t kNoKey = -1;
+constexpr int kNotAttached = -1;
+constexpr mode_t kOpenToAll = 0777;
+constexpr int kSegmentFlags = IPC_CREAT | 0666;
+constexpr int kCallStackDepth = 5;
+
+// The init flag: the system side is gone. A new segment reads 0, not initialised yet.
+constexpr unsigned char kDestroyed = 0xFF;
+
+/// The other processes read the flag at any time: what was done to the mutex before comes first.
+void store_flag(unsigned char* flag, unsigned char state) {
+    __atomic_store_n(flag, state, __ATOMIC_RELEASE);
+}
+
+/// Attributes of a mutex, released at the end of the scope.
+class MutexAttributes {
+public:
+    MutexAttributes() { pthread_mutexattr_init(&attributes_); }
+    ~MutexAttributes() { pthread_mutexattr_destroy(&attributes_); }
+
+    MutexAttributes(const MutexAttributes&) = delete;
+    MutexAttributes& operator=(const MutexAttributes&) = delete;
+
+    pthread_mutexattr_t* Get() { return &attributes_; }
+
+private:
+    pthread_mutexattr_t attributes_ = {};
+};
+
+bool is_directory(const std::string& path) {
+    DIR* const directory = opendir(path.c_str());
+    if (directory == nullptr) return false;
+    closedir(directory);
+    return true;
+}
+
+/// Attaches the segment of this key, which is made when there is none. On failure `id` and
+/// `content` stay as they are, and a segment that cannot be attached is removed.
+template <typename T>
+bool attach(key_t key, int& id, T*& content) {
+    const int found = shmget(key, sizeof(T), kSegmentFlags);
+    if (found < 0) return false;
+    void* const address = shmat(found, nullptr, 0);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): shmat's own failure value
+    if (address == reinterpret_cast<void*>(-1)) {
+        shmctl(found, IPC_RMID, nullptr);
+        return false;
+    }
+    id = found;
+    content = static_cast<T*>(address);
+    return true;
+}
+
+/// Detaches a segment, if it is attached; false with errno set when that fails.
+template <typename T>
+bool detach(int& id, T*& content) {
+    if (content != nullptr && shmdt(content) != 0) return false;
+    content = nullptr;
+    id = kNotAttached;
+    return true;
+}
+
+}  // namespace
+
+PZFileGuard::PZFileGuard() : PZFileGuard(std::string()) {}
+
+PZFileGuard::PZFileGuard(const std::string& fileName)
+    : dirPath_(kDefaultDir),
+      fileName_(fileName),
+      mutexShmId_(kNotAttached),
+      mutex_(nullptr),
+      initFlagShmId_(kNotAttached),
+      initFlag_(nullptr),
+      initialized_(false),
+      mode_(en_MODE_NONE) {}
+
+PZFileGuard::PZFileGuard(const std::string& dirPath, const std::string& fileName)
+    : PZFileGuard(fileName) {
+    dirPath_ = dirPath;
+    checkPath();
+}
+
+PZFileGuard::~PZFileGuard() {
+    if (mutex_ != nullptr) destroyMutex();
+}
+
+bool PZFileGuard::setFileName(const std::string& name) {
+    if (mode_ != en_MODE_NONE || name.empty()) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    fileName_ = name;
+    return true;
+}
+
+bool PZFileGuard::setFilePath(const std::string& dirPath, const std::string& fileName) {
+    if (mode_ != en_MODE_NONE || fileName.empty()) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    dirPath_ = dirPath;
+    fileName_ = fileName;
+    checkPath();
+    return true;
+}
+
+bool PZFileGuard::initForSystem() {
+    if (mode_ != en_MODE_NONE || fileName_.empty()) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    mode_ = en_MODE_SYSTEM;
+    makeDir(dirPath_);  // a directory that is missing still shows when the key files are made
+    if (!attachSharedMem()) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    if (!initMutex()) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    initialized_ = true;
+    return true;
+}
+
+bool PZFileGuard::initForApp() {
+    if (mode_ != en_MODE_NONE) {
+        PZ_REPORT_ERROR("error already init [%d]\n", mode_);
+        return false;
+    }
+    mode_ = en_MODE_APP;
+    if (!attachSharedMem()) {
+        PZ_REPORT_ERROR("error\n");
+        PZCallStack::dumpDirectly(kCallStackDepth);
+        return false;
+    }
+    initialized_ = true;
+    return true;
+}
+
+bool PZFileGuard::canLock() {
+    if (!initialized_) {
+        if (mode_ != en_MODE_APP || !attachSharedMem()) return false;
+        initialized_ = true;
+    }
+    return isUsable();
+}
+
+bool PZFileGuard::getReadyToLock() {
+    if (canLock()) return mutex_ != nullptr;
+    PZDbgOutput::DbgPrint(__FILE__, "lock", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                          "error not initialized\n");
+    return false;
+}
+
+bool PZFileGuard::reportLock(int error) {
+    PZDbgOutput::DbgPrint(__FILE__, "lock", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                          "PZFileGuard::lock() pthread_mutex_lock() Failed [%s]",
+                          std::strerror(error));
+    return false;
+}
+
+bool PZFileGuard::reportTryLock(int error) {
+    if (error == EBUSY) {
+        PZDbgOutput::DbgPrint(__FILE__, "tryLock", __LINE__, PZDbgOutput::en_TAG_ERROR, "error\n");
+    } else {
+        PZDbgOutput::DbgPrint(__FILE__, "tryLock", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                              "PZFileGuard::tryLock() pthread_mutex_trylock() Failed [%s]",
+                              std::strerror(error));
+    }
+    return false;
+}
+
+bool PZFileGuard::reportUnlock(int error) {
+    PZDbgOutput::DbgPrint(__FILE__, "unlock", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                          "PZFileGuard::unlock() pthread_mutex_unlock() Failed [%s]",
+                          std::strerror(error));
+    return false;
+}
+
+bool PZFileGuard::destroyMutex() {
+    if (initialized_ && mode_ == en_MODE_SYSTEM) return destroyMutexForSystem();
+    if (initialized_ && mode_ == en_MODE_APP) return destroyMutexForApp();
+    PZ_REPORT_ERROR("error not initialized[%d]\n", mode_);
+    PZCallStack::dumpDirectly(kCallStackDepth);
+    return false;
+}
+
+void PZFileGuard::checkPath() {
+    if (dirPath_.empty() || dirPath_.back() != '/') dirPath_ += '/';
+}
+
+/// Makes every directory of the path that is missing, from the second character on: the root, and
+/// a name of one character at the beginning, are taken as they are.
+bool PZFileGuard::makeDir(const std::string& dirPath) {
+    constexpr size_t kFirstEnd = 2;
+    const size_t last = dirPath.rfind('/');
+    if (last == std::string::npos) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
+    if (last < kFirstEnd) return true;
+    for (size_t end = dirPath.find('/', kFirstEnd); end != std::string::npos;
+         end = dirPath.find('/', end + 1)) {
+        const std::string directory = dirPath.substr(0, end);
+        if (is_directory(directory)) continue;
+        if (mkdir(directory.c_str(), kOpenToAll) != 0) {
+            PZ_REPORT_ERROR("PZFileGuard::makeDir() mkdir() Failed [%s]", std::strerror(errno));
+            return false;
+        }
+        chmod(directory.c_str(), kOpenToAll);  // whatever the umask took away
+    }
+    return true;
+}
+
+key_t PZFileGuard::getMkey(const std::string& path) const {
+    switch (mode_) {
+        case en_MODE_SYSTEM:
+            return getMkeyForSystem(path);
+        case en_MODE_APP:
+            return getMkeyForApp(path);
+        case en_MODE_NONE:
+            break;
+    }
+    return kNoKey;
+}
+
+key_t PZFileGuard::getMkeyForSystem(const std::string& path) {
+    key_t key = ftok(path.c_str(), kKeyProject);
+    if (key < 0) {
+        std::FILE* const file = std::fopen(path.c_str(), "a+");
+        if (file == nullptr) {
+            PZ_REPORT_ERROR("PZFileGuard::initMutex() fopen(%s) Failed [%s]", path.c_str(),
+                            std::strerror(errno));
+            return kNoKey;
+        }
+        std::fclose(file);
+        key = getMkeyForApp(path);
+        if (key < 0) return kNoKey;
+    }
+    chmod(path.c_str(), kOpenToAll);
+    return key;
+}
+
+key_t PZFileGuard::getMkeyForApp(const std::string& path) {
+    const key_t key = ftok(path.c_str(), kKeyProject);
+    if (key < 0) {
+        PZ_REPORT_ERROR("PZFileGuard::initMutex() ftok(%s) Failed [%s]", path.c_str(),
+                        std::strerror(errno));
+        return kNoKey;
+    }
+    return key;
+}
+
+/// Attaches what is not attached yet: after a failure the next call goes on where it stopped.
+bool PZFileGuard::attachSharedMem() {
+    if (mutexShmId_ == kNotAttached) {
+        const key_t key = getMkey(dirPath_ + fileName_ + kMutexSuffix);
+        if (key < 0) {
+            PZ_REPORT_ERROR("error\n");
+            return false;
+        }
+        if (!attach(key, mutexShmId_, mutex_)) return false;
+    }
+    if (initFlagShmId_ == kNotAttached) {
+        const key_t key = getMkey(dirPath_ + fileName_ + kInitFlagSuffix);
+        if (key < 0) {
+            PZ_REPORT_ERROR("error\n");
+            return false;
+        }
+        if (!attach(key, initFlagShmId_, initFlag_)) return false;
+    }
+    return true;
+}
+
+bool PZFileGuard::initMutex() {
+    // A mutex segment that could not be removed keeps its id, but nobody knows its address.
+    if (mutex_ == nullptr || initFlag_ == nullptr) return false;
+
+    MutexAttributes attributes;
+    int result = pthread_mutexattr_settype(attributes.Get(), PTHREAD_MUTEX_RECURSIVE);
+    if (result != 0) {
+        PZ_REPORT_ERROR(
+            "PZFileGuard::initMutexForSystem() pthread_mutexattr_settype() Failed. [%s].",
+            std::strerror(result));
+        return false;
+    }
+    result = pthread_mutexattr_setpshared(attributes.Get(), PTHREAD_PROCESS_SHARED);
+    if (result != 0) {
+        // This text has a "%d" and no closing bracket; readers of the log know it so. A "%d" cannot
+        // take strerror's text: the reader sees the error's number instead, "[22s.".
+        PZ_REPORT_ERROR(
+            "PZFileGuard::initMutexForSystem() pthread_mutexattr_setpshared Failed() [%ds.",
+            result);
+        return false;
+    }
+    pthread_mutex_init(mutex_, attributes.Get());  // afresh, whoever may hold an earlier one
+    store_flag(initFlag_, kUsable);
+    return true;
+}
+
+bool PZFileGuard::destroyMutexForSystem() {
+    mode_ = en_MODE_NONE;
+    store_flag(initFlag_, kDestroyed);
+    const int result = pthread_mutex_destroy(mutex_);
+    if (result != 0) {
+        // The text names another function; readers of the log know it so.
+        PZ_REPORT_ERROR(
+            "PZFileGuard::destroyMutexForSystem() pthread_mutexattr_destroy() Failed. [%s].",
+            std::strerror(result));
+        return false;
+    }
+    mutex_ = nullptr;  // the segments stay attached, see the header
+    for (int* const id : {&mutexShmId_, &initFlagShmId_}) {
+        if (shmctl(*id, IPC_RMID, nullptr) != 0) {
+            PZ_REPORT_ERROR("PZFileGuard::destroyMutexForSystem() shmctl() Failed. [%s].",
+                            std::strerror(errno));
+            return false;
+        }
+        *id = kNotAttached;
+    }
+    initFlag_ = nullptr;
+    return true;
+}
+
+bool PZFileGuard::destroyMutexForApp() {
+    mode_ = en_MODE_NONE;
+    if (!detach(mutexShmId_, mutex_) || !detach(initFlagShmId_, initFlag_)) {
+        PZ_REPORT_ERROR("PZFileGuard::destroyMutexForApp() shmdt() Failed. [%s].",
+                        std::strerror(errno));
+        return false;
+    }
+    return true;
+}
