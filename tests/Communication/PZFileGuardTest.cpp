@@ -274,9 +274,12 @@ protected:
 
     /// Expects these reports, followed by the five innermost frames of the call stack.
     void ExpectReportsAndFrames(const Texts& expected) {
-        Texts messages = Messages();
-        ASSERT_EQ(expected.size() + 5, messages.size());
-        EXPECT_NE(std::string::npos, messages[expected.size()].find("dumpDirectly"));
+        constexpr size_t kFrames = 5;
+        const std::string text = output_.Take();
+        Texts messages = pztest::error_messages(text);
+        ASSERT_EQ(expected.size() + kFrames, messages.size());
+        EXPECT_EQ(kFrames, pztest::count_of(text, "dumpDirectly()@PZCallStack.cpp"));
+        EXPECT_TRUE(pztest::has_report(text, "dumpDirectly", "PZCallStack.cpp", messages.back()));
         messages.resize(expected.size());
         EXPECT_EQ(expected, messages);
     }
