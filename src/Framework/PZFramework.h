@@ -3,8 +3,8 @@
 
 // Every public header of the framework.
 
-#include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Communication/PZFileGuard.h>
+#include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/Diagnostics/PZReport.h>
