@@ -1,8 +1,8 @@
 #include <Framework/Pattern/PZSerializable.h>
 
-#include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "support/FuzzInput.h"
 #include "support/fuzz_check.h"
@@ -151,10 +151,13 @@ private:
     template <typename T>
     void FloatingPoint() {
         T value = 77;
-        std::string expected(reinterpret_cast<const char*>(&value), sizeof value);
+        const auto bytes = [&value] {
+            return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+        };
+        std::string expected = bytes();
         model_.Take(sizeof value, expected);
         archive_.read(value);
-        fuzz_check(std::memcmp(&value, expected.data(), sizeof value) == 0, "a wrong value");
+        fuzz_check(bytes() == expected, "a wrong value");
     }
 
     void Block() {
@@ -165,20 +168,23 @@ private:
         fuzz_check(block == expected, "a wrong block");
     }
 
+    template <typename Text>
+    static Text CutAtZero(const Text& text) {
+        return text.substr(0, text.find(typename Text::value_type{0}));
+    }
+
     void NarrowText() {
         std::string expected = "old";
         model_.TakeUnits(1, expected);
         std::string text = "old";
         archive_.read(text);
-        fuzz_check(text == expected.c_str() && text.size() == std::strlen(expected.c_str()),
-                   "a wrong text");
+        fuzz_check(text == CutAtZero(expected), "a wrong text");
     }
 
-    /// `units` as a text up to its first zero.
     static std::wstring WideOf(const std::string& units) {
         std::wstring text(units.size() / sizeof(wchar_t), L'\0');
         if (!text.empty()) std::memcpy(&text[0], units.data(), units.size());
-        return text.substr(0, std::min(text.find(L'\0'), text.size()));
+        return CutAtZero(text);
     }
 
     void WideText() {
@@ -198,7 +204,7 @@ private:
         std::string units;
         const bool tagged = model_.TakeNumber(4, codePage) && model_.TakeNumber(4, form);
         if (tagged && form == 0 && model_.TakeUnits(1, units)) {
-            fuzz_check(text.RefCHAR() != nullptr && units.c_str() == std::string(text.RefCHAR()),
+            fuzz_check(text.RefCHAR() != nullptr && CutAtZero(units) == text.RefCHAR(),
                        "a wrong narrow text");
         } else if (tagged && form == 1 && model_.TakeUnits(sizeof(wchar_t), units)) {
             fuzz_check(text.RefWCHAR() != nullptr && WideOf(units) == text.RefWCHAR(),
