@@ -302,7 +302,7 @@ bool PZFileSys::FindFirst(const char* path, ST_FIND_DATA& data) {
         if (slash == std::string_view::npos) return false;  // names no directory
         dir_ = ::opendir(std::string(path, slash).c_str());
         if (dir_ == nullptr) return false;
-        std::strcpy(pattern_, path + slash + 1);
+        std::memcpy(pattern_, path + slash + 1, length - slash);  // terminator included
     } else {
         chkAttribute(path);  // for its report
         dir_ = ::opendir(path);
