@@ -58,6 +58,7 @@ std::vector<Match> ask_icu(const std::string& text) {
     int32_t count = 0;
     const UCharsetMatch** const list = ucsdet_detectAll(detector, &count, &error);
     std::vector<Match> matches;
+    matches.reserve(static_cast<size_t>(count));
     for (int32_t i = 0; i < count; ++i) {
         matches.push_back({ucsdet_getName(list[i], &error), ucsdet_getConfidence(list[i], &error)});
     }
@@ -85,7 +86,8 @@ int choose(const std::vector<Match>& matches, EN_XCP hint, int threshold) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput input(data, size);
     const EN_XCP hint = take_page(input);
-    const int threshold = static_cast<int8_t>(input.Byte());
+    const int byte = input.Byte();
+    const int threshold = byte < 0xF0 ? byte : byte - 0x100;  // some are negative
     const std::string text = input.Rest();
     const std::vector<char> bytes(text.begin(), text.end());
     const EN_XCP found =

@@ -26,7 +26,8 @@ constexpr unsigned int kMaxBytes = 2048;  // operands double quickly
 using Units = StringModel::Units;
 
 std::string take_text(FuzzInput& input) {
-    return input.Bytes(input.Byte() & 0x0FU).c_str();
+    const std::string bytes = input.Bytes(input.Byte() & 0x0FU);
+    return bytes.substr(0, bytes.find('\0'));
 }
 
 /// ASCII, Cyrillic for most of the other bytes, and something beyond 16 bits.
@@ -78,7 +79,7 @@ const PZString& only_page(EN_XCP page) {
 void check_units(const PZString& object, const StringModel& model) {
     PZString copy(object);
     const unsigned short* const units = copy.ToWCHAR16(model.page);
-    fuzz_check(units != nullptr, "the 16-bit form is missing");
+    if (units == nullptr) return fuzz_check(false, "the 16-bit form is missing");
     const Units expected = *model.units;
     fuzz_check(Units(units, units + expected.size()) == expected, "other units");
     fuzz_check(units[expected.size()] == 0, "the units have no terminator");

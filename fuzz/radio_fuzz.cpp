@@ -30,7 +30,7 @@ std::string convert_character(const RadioSet& set, char character) {
     Destination dst(7);
     const int result = set.convert(dst.Data(), 7, &character, 1);
     fuzz_check(result >= 1 && result <= 3, "a character has 1 to 3 bytes");
-    const std::string bytes = dst.Bytes(0, static_cast<size_t>(result));
+    std::string bytes = dst.Bytes(0, static_cast<size_t>(result));
     fuzz_check(static_cast<unsigned char>(bytes[0]) < 0x80 ? result == 1 : result > 1,
                "no UTF-8 character");
     dst.CheckGuards();

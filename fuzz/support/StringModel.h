@@ -75,6 +75,7 @@ struct StringModel {
         EN_XCP pageAfter = XCP_NONE;
         if (narrow->empty()) {
             pageAfter = page;
+            // NOLINTNEXTLINE(clang-analyzer-cplusplus.InnerPointer): not used after it
         } else if (pz_mbtowc(buffer.data(), static_cast<unsigned int>(buffer.size()),
                              narrow->c_str(), static_cast<unsigned int>(narrow->size()),
                              page) < 1) {
@@ -90,6 +91,7 @@ struct StringModel {
         if (!narrow) return !wide && units && page == cp;
         std::vector<unsigned short> buffer(narrow->size() + 1);
         if (!narrow->empty() &&
+            // NOLINTNEXTLINE(clang-analyzer-cplusplus.InnerPointer): not used after it
             pz_mbtowc16(buffer.data(), static_cast<unsigned int>(buffer.size()), cp,
                         narrow->c_str(), static_cast<unsigned int>(narrow->size()), page) < 1) {
             return false;
