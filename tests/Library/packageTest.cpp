@@ -56,10 +56,12 @@ int detected_by(const std::string& program) {
     return run_command(program + " <" + dir.File("text")).status;
 }
 
+#ifdef PZ_ICU_CONSUMER
 void expect_detection_with_icu(const std::string& program) {
     EXPECT_TRUE(has_library(needed_by(program), "libicui18n.so."));
     EXPECT_EQ(XCP_KOI8_R, detected_by(program));
 }
+#endif
 
 void expect_no_detection(const std::string& program) {
     EXPECT_TRUE(has_library(needed_by(program), "libpzframework.so."));

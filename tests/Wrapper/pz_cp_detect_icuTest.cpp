@@ -1,202 +1,240 @@
 #include <Framework/Wrapper/pz_cp_conv.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <unicode/ucsdet.h>
 
-#include <cstring>
+#include <cstdint>
+#include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-// Detection with the machine's own ICU, which is asked directly, too.
+#include "support/RunCommand.h"
+#include "support/TempDir.h"
+
+// Detection of real texts with the machine's own ICU, which is asked directly, too. The test brings
+// ICU into its process at run time: it needs the runtime library only, on every kind of machine.
 
 namespace {
 
-const char kEnglish[] =
-    "The receiver looks for a station in the background and keeps a list of all it can hear. When "
-    "the driver turns the knob, the list is already there, and the tuner jumps to the next entry.";
-const char kFrench[] =
-    "Le récepteur cherche une station en arrière-plan et garde la liste de tout ce qu'il entend. "
-    "Quand le conducteur tourne le bouton, la liste est déjà prête, même à l'étranger.";
-const char kPolish[] =
-    "Odbiornik szuka stacji w tle i przechowuje listę wszystkiego, co słyszy. Gdy kierowca kręci "
-    "gałką, lista jest już gotowa i źródło przełącza się natychmiast na następną pozycję.";
-const char kRussian[] =
-    "Приёмник ищет станции в фоновом режиме и хранит список всего, что слышит. Когда водитель "
-    "поворачивает ручку, список уже готов, и тюнер переходит к следующей записи.";
-const char kGreek[] =
-    "Ο δέκτης ψάχνει για σταθμούς στο παρασκήνιο και κρατά μια λίστα με όλα όσα ακούει. Όταν ο "
-    "οδηγός γυρίζει το κουμπί, η λίστα είναι ήδη έτοιμη και ο δέκτης πηγαίνει στον επόμενο.";
-const char kTurkish[] =
-    "Alıcı arka planda istasyon arar ve duyduğu her şeyin listesini tutar. Sürücü düğmeyi "
-    "çevirdiğinde liste hazırdır ve radyo bir sonraki kayda geçer; böylece beklemek gerekmez.";
-const char kArabic[] =
-    "يبحث جهاز الاستقبال عن المحطات في الخلفية ويحتفظ بقائمة بكل ما يسمعه وعندما يدير السائق "
-    "المقبض "
-    "تكون القائمة جاهزة وينتقل الجهاز الى المحطة التالية في الحال";
-const char kHebrew[] =
-    "המקלט מחפש תחנות ברקע ושומר רשימה של כל מה שהוא שומע. כאשר הנהג מסובב את הכפתור הרשימה כבר "
-    "מוכנה והמקלט עובר מיד לתחנה הבאה ברשימה שלו.";
-const char kJapanese[] =
-    "受信機は背後で放送局を探し、聞こえるすべての局の一覧を持っています。運転者がつまみを回すと、一"
-    "覧は"
-    "すでに用意されていて、受信機は次の局に移ります。カタカナも表示できます。";
-const char kKorean[] =
-    "수신기는 배경에서 방송국을 찾고 들리는 모든 방송국의 목록을 보관합니다. 운전자가 손잡이를 "
-    "돌리면 "
-    "목록이 이미 준비되어 있으며 수신기는 다음 방송국으로 넘어갑니다.";
-const char kSimplified[] =
-    "接收机在后台搜索电台，并保存所有能收到的电台列表。当驾驶员转动旋钮时，列表已经准备好，接收机立"
-    "即跳到"
-    "下一个电台。这样就不需要等待，也不会错过节目。";
-const char kTraditional[] =
-    "接收機在背景搜尋電台，並保存所有能收到的電台清單。當駕駛轉動旋鈕時，清單已經準備好，接收機立即"
-    "跳到"
-    "下一個電台。這樣就不需要等待，也不會錯過節目。";
+/// ICU's detector, as the test asks it.
+class Icu {
+public:
+    Icu() {
+        for (int version = 99; library_ == nullptr && version >= 40; --version) {
+            suffix_ = std::to_string(version);
+            library_ = dlopen(("libicui18n.so." + suffix_).c_str(), RTLD_NOW | RTLD_GLOBAL);
+        }
+        find(open_, "ucsdet_open_");
+        find(setText_, "ucsdet_setText_");
+        find(detectAll_, "ucsdet_detectAll_");
+        find(getName_, "ucsdet_getName_");
+        find(getConfidence_, "ucsdet_getConfidence_");
+        find(close_, "ucsdet_close_");
+    }
 
-/// A paragraph, and the code page it is written in.
-struct Paragraph {
-    const char* text;
-    EN_XCP page;
+    bool IsComplete() const { return complete_; }
+
+    struct Match {
+        std::string name;
+        int confidence;
+    };
+
+    /// ICU's candidates, best first.
+    std::vector<Match> Ask(const std::string& bytes) const {
+        int error = 0;
+        void* const detector = open_(&error);
+        setText_(detector, bytes.data(), static_cast<int32_t>(bytes.size()), &error);
+        int32_t count = 0;
+        const void* const* const matches = detectAll_(detector, &count, &error);
+        std::vector<Match> list;
+        for (int32_t i = 0; i < count; ++i) {
+            list.push_back({getName_(matches[i], &error), getConfidence_(matches[i], &error)});
+        }
+        close_(detector);
+        EXPECT_EQ(0, error);
+        return list;
+    }
+
+private:
+    template <typename Function>
+    void find(Function*& function, const char* name) {
+        if (library_ == nullptr) complete_ = false;
+        if (!complete_) return;
+        function = reinterpret_cast<Function*>(dlsym(library_, (name + suffix_).c_str()));
+        if (function == nullptr) complete_ = false;
+    }
+
+    std::string suffix_;
+    void* library_ = nullptr;  // stays loaded: the library looks for it in the process
+    bool complete_ = true;
+    void* (*open_)(int*) = nullptr;
+    void (*setText_)(void*, const char*, int32_t, int*) = nullptr;
+    const void* const* (*detectAll_)(void*, int32_t*, int*) = nullptr;
+    const char* (*getName_)(const void*, int*) = nullptr;
+    int32_t (*getConfidence_)(const void*, int*) = nullptr;
+    void (*close_)(void*) = nullptr;
 };
 
-// What ICU tells apart reliably. "windows-1252" and the like have no code page of their own here.
-constexpr Paragraph kParagraphs[] = {
-    {kRussian, XCP_UTF8},         {kJapanese, XCP_UTF8},         {kEnglish, XCP_UTF16BE},
-    {kRussian, XCP_UTF16LE},      {kRussian, XCP_KOI8_R},        {kRussian, XCP_ISO8859_5},
-    {kRussian, XCP_WINDOWS_1251}, {kPolish, XCP_ISO8859_2},      {kTurkish, XCP_ISO8859_9},
-    {kGreek, XCP_ISO8859_7},      {kArabic, XCP_ISO8859_6},      {kArabic, XCP_WINDOWS_1256},
-    {kHebrew, XCP_ISO8859_8},     {kJapanese, XCP_SJIS},         {kJapanese, XCP_EUC_JP},
-    {kJapanese, XCP_ISO2022_JP},  {kKorean, XCP_EUC_KR},         {kKorean, XCP_ISO2022_KR},
-    {kSimplified, XCP_GB18030},   {kSimplified, XCP_ISO2022_CN}, {kTraditional, XCP_BIG5},
-    {kEnglish, XCP_ISO8859_1},    {kFrench, XCP_ISO8859_1}};
+/// The texts of the data file, by name.
+std::map<std::string, std::string> read_prose() {
+    std::map<std::string, std::string> texts;
+    std::istringstream lines(pztest::read_file(PZ_PROSE));
+    std::string name;
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        if (line[0] == '[') {
+            name = line.substr(1, line.find(']') - 1);
+        } else {
+            texts[name] += line + "\n";
+        }
+    }
+    return texts;
+}
 
-/// The bytes of a paragraph. The 16-bit forms begin with the mark that ICU recognises them by.
-std::string encode(const Paragraph& paragraph) {
-    char bytes[2048] = "";
-    const bool wide = paragraph.page == XCP_UTF16BE || paragraph.page == XCP_UTF16LE;
-    const std::string text = wide ? std::string("\xEF\xBB\xBF") + paragraph.text : paragraph.text;
-    const int units = pz_cp_conv(bytes, sizeof bytes, paragraph.page, text.data(),
-                                 static_cast<unsigned int>(text.size()), XCP_UTF8);
-    EXPECT_GT(units, 0);
-    return std::string(bytes, static_cast<size_t>(wide ? 2 * units : units));
+/// A code page, its name for ICU and for iconv(1), and the text that the test writes in it.
+struct Sample {
+    EN_XCP page;
+    const char* icuName;
+    const char* iconvName;
+    const char* text;
+};
+
+// Every code page that detection can answer. A text in one of the 16-bit forms begins with the mark
+// that ICU recognises them by.
+// clang-format off
+constexpr Sample kSamples[] = {
+    { XCP_UTF8,         "UTF-8",        "UTF-8",       "russian"     },
+    { XCP_UTF8,         "UTF-8",        "UTF-8",       "japanese"    },
+    { XCP_UTF8,         "UTF-8",        "UTF-8",       "polish"      },
+    { XCP_UTF16BE,      "UTF-16BE",     "UTF-16BE",    "english"     },
+    { XCP_UTF16LE,      "UTF-16LE",     "UTF-16LE",    "russian"     },
+    { XCP_ISO8859_1,    "ISO-8859-1",   "ISO-8859-1",  "english"     },
+    { XCP_ISO8859_1,    "ISO-8859-1",   "ISO-8859-1",  "french"      },
+    { XCP_ISO8859_2,    "ISO-8859-2",   "ISO-8859-2",  "polish"      },
+    { XCP_ISO8859_5,    "ISO-8859-5",   "ISO-8859-5",  "russian"     },
+    { XCP_ISO8859_6,    "ISO-8859-6",   "ISO-8859-6",  "arabic"      },
+    { XCP_ISO8859_7,    "ISO-8859-7",   "ISO-8859-7",  "greek"       },
+    { XCP_ISO8859_8,    "ISO-8859-8-I", "ISO-8859-8",  "hebrew"      },
+    { XCP_ISO8859_9,    "ISO-8859-9",   "ISO-8859-9",  "turkish"     },
+    { XCP_WINDOWS_1251, "windows-1251", "CP1251",      "russian"     },
+    { XCP_WINDOWS_1256, "windows-1256", "CP1256",      "arabic"      },
+    { XCP_KOI8_R,       "KOI8-R",       "KOI8-R",      "russian"     },
+    { XCP_SJIS,         "Shift_JIS",    "SJIS",        "japanese"    },
+    { XCP_EUC_JP,       "EUC-JP",       "EUC-JP",      "japanese"    },
+    { XCP_ISO2022_JP,   "ISO-2022-JP",  "ISO-2022-JP", "japanese"    },
+    { XCP_EUC_KR,       "EUC-KR",       "EUC-KR",      "korean"      },
+    { XCP_ISO2022_KR,   "ISO-2022-KR",  "ISO-2022-KR", "korean"      },
+    { XCP_GB18030,      "GB18030",      "GB18030",     "simplified"  },
+    { XCP_ISO2022_CN,   "ISO-2022-CN",  "ISO-2022-CN", "simplified"  },
+    { XCP_BIG5,         "Big5",         "BIG5",        "traditional" },
+};
+// clang-format on
+
+/// The page of a name of ICU's; XCP_NONE for those without one.
+EN_XCP page_of(const std::string& icuName) {
+    if (icuName == "ISO-8859-8") return XCP_ISO8859_8;
+    for (const Sample& sample : kSamples) {
+        if (sample.icuName == icuName) return sample.page;
+    }
+    return XCP_NONE;
 }
 
 EN_XCP detect(const std::string& bytes, EN_XCP hint = XCP_NONE, int threshold = 0) {
     return pz_cp_detect(bytes.data(), static_cast<unsigned int>(bytes.size()), hint, threshold);
 }
 
-/// ICU's own answer: its candidates' names, best first.
-std::vector<std::string> ask_icu(const std::string& bytes, std::vector<int>* confidences) {
-    UErrorCode error = U_ZERO_ERROR;
-    UCharsetDetector* const detector = ucsdet_open(&error);
-    ucsdet_setText(detector, bytes.data(), static_cast<int32_t>(bytes.size()), &error);
-    int32_t count = 0;
-    const UCharsetMatch** const matches = ucsdet_detectAll(detector, &count, &error);
-    std::vector<std::string> names;
-    for (int32_t i = 0; i < count; ++i) {
-        names.emplace_back(ucsdet_getName(matches[i], &error));
-        confidences->push_back(ucsdet_getConfidence(matches[i], &error));
+/// What ICU's own answers mean with a hint: the first candidate that is certain enough or the hint
+/// itself, else the best.
+EN_XCP choose(const std::vector<Icu::Match>& matches, const Sample& hint, int threshold) {
+    for (const Icu::Match& match : matches) {
+        if (match.confidence < threshold && match.name != hint.icuName) continue;
+        const EN_XCP page = page_of(match.name);
+        if (page != XCP_NONE) return page;
+        break;
     }
-    ucsdet_close(detector);
-    EXPECT_EQ(U_ZERO_ERROR, error);
-    return names;
+    return page_of(matches[0].name);
 }
 
-/// ICU's name of a code page, for those of the paragraphs.
-const char* icu_name(EN_XCP page) {
-    switch (page) {
-        case XCP_UTF8:
-            return "UTF-8";
-        case XCP_UTF16BE:
-            return "UTF-16BE";
-        case XCP_UTF16LE:
-            return "UTF-16LE";
-        case XCP_KOI8_R:
-            return "KOI8-R";
-        case XCP_ISO8859_1:
-            return "ISO-8859-1";
-        case XCP_ISO8859_2:
-            return "ISO-8859-2";
-        case XCP_ISO8859_5:
-            return "ISO-8859-5";
-        case XCP_ISO8859_6:
-            return "ISO-8859-6";
-        case XCP_ISO8859_7:
-            return "ISO-8859-7";
-        case XCP_ISO8859_8:
-            return "ISO-8859-8-I";
-        case XCP_ISO8859_9:
-            return "ISO-8859-9";
-        case XCP_WINDOWS_1251:
-            return "windows-1251";
-        case XCP_WINDOWS_1256:
-            return "windows-1256";
-        case XCP_SJIS:
-            return "Shift_JIS";
-        case XCP_EUC_JP:
-            return "EUC-JP";
-        case XCP_EUC_KR:
-            return "EUC-KR";
-        case XCP_GB18030:
-            return "GB18030";
-        case XCP_BIG5:
-            return "Big5";
-        case XCP_ISO2022_JP:
-            return "ISO-2022-JP";
-        case XCP_ISO2022_KR:
-            return "ISO-2022-KR";
-        case XCP_ISO2022_CN:
-            return "ISO-2022-CN";
-        default:
-            return "";
+class pz_cp_detect_icuTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(icu.IsComplete()) << "libicui18n is missing: scripts/bootstrap installs it";
+        const std::map<std::string, std::string> prose = read_prose();
+        for (const Sample& sample : kSamples) {
+            ASSERT_EQ(1U, prose.count(sample.text)) << sample.text;
+            const bool marked = sample.page == XCP_UTF16BE || sample.page == XCP_UTF16LE;
+            const pztest::IconvResult encoded = pztest::run_iconv(
+                "UTF-8", sample.iconvName, (marked ? "\xEF\xBB\xBF" : "") + prose.at(sample.text));
+            ASSERT_EQ(0, encoded.status) << sample.iconvName << encoded.error;
+            texts.push_back(encoded.output);
+        }
     }
-}
+
+    const Icu icu;
+    std::vector<std::string> texts;  // in the order of kSamples
+};
 
 }  // namespace
 
-TEST(pz_cp_detect_icuTest, DetectsThePageOfEveryParagraphAsIcuDoes) {
-    for (const Paragraph& paragraph : kParagraphs) {
-        const std::string bytes = encode(paragraph);
-        std::vector<int> confidences;
-        const std::vector<std::string> names = ask_icu(bytes, &confidences);
-        ASSERT_FALSE(names.empty());
-        EXPECT_EQ(icu_name(paragraph.page), names[0]);
-        EXPECT_EQ(paragraph.page, detect(bytes)) << names[0];
+TEST_F(pz_cp_detect_icuTest, DetectsThePageOfEveryTextAsIcuDoes) {
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const std::vector<Icu::Match> matches = icu.Ask(texts[i]);
+        ASSERT_FALSE(matches.empty());
+        EXPECT_EQ(kSamples[i].icuName, matches[0].name) << kSamples[i].text;
+        EXPECT_EQ(kSamples[i].page, detect(texts[i])) << matches[0].name;
     }
 }
 
-TEST(pz_cp_detect_icuTest, LetsTheHintWinWhereIcuHasItAmongItsCandidates) {
-    const std::string bytes = encode({kRussian, XCP_KOI8_R});
-    std::vector<int> confidences;
-    const std::vector<std::string> names = ask_icu(bytes, &confidences);
-    ASSERT_EQ("KOI8-R", names[0]);
-    bool found = false;
-    for (size_t i = 1; i < names.size(); ++i) {
-        if (names[i] != icu_name(XCP_WINDOWS_1251)) continue;
-        found = true;
-        EXPECT_EQ(XCP_WINDOWS_1251, detect(bytes, XCP_WINDOWS_1251, confidences[0] + 1));
-        EXPECT_EQ(XCP_KOI8_R, detect(bytes, XCP_WINDOWS_1251, confidences[0]));
+TEST_F(pz_cp_detect_icuTest, WeighsEveryHintByIcusConfidence) {
+    unsigned int wonByHint = 0;
+    for (size_t i = 0; i < texts.size(); ++i) {
+        const std::vector<Icu::Match> matches = icu.Ask(texts[i]);
+        ASSERT_FALSE(matches.empty());
+        for (const Sample& hint : kSamples) {
+            const int best = matches[0].confidence;
+            for (const int threshold : {0, 50, best, best + 1, 101}) {
+                const EN_XCP expected = choose(matches, hint, threshold);
+                EXPECT_EQ(expected, detect(texts[i], hint.page, threshold))
+                    << kSamples[i].icuName << ", hint " << hint.icuName << " at " << threshold;
+                if (expected == hint.page && expected != kSamples[i].page) ++wonByHint;
+            }
+        }
     }
-    EXPECT_TRUE(found);
+    EXPECT_GT(wonByHint, 0U);
 }
 
-TEST(pz_cp_detect_icuTest, AnswersNoneForUtf32) {
+TEST_F(pz_cp_detect_icuTest, LetsTheHintWinWhereIcuHasItAmongItsCandidates) {
+    for (size_t i = 0; i < texts.size(); ++i) {
+        if (kSamples[i].page != XCP_KOI8_R) continue;
+        const int best = icu.Ask(texts[i])[0].confidence;
+        EXPECT_EQ(XCP_WINDOWS_1251, detect(texts[i], XCP_WINDOWS_1251, best + 1));
+        EXPECT_EQ(XCP_KOI8_R, detect(texts[i], XCP_WINDOWS_1251, best));
+    }
+}
+
+TEST_F(pz_cp_detect_icuTest, TakesAPageThatIcuDoesNotDetectAsNoHint) {
+    for (size_t i = 0; i < texts.size(); ++i) {
+        for (const EN_XCP hint : {XCP_CP932, XCP_KOI8_U, XCP_NONE, XCP_RDS}) {
+            EXPECT_EQ(kSamples[i].page, detect(texts[i], hint, 101));
+        }
+    }
+}
+
+TEST_F(pz_cp_detect_icuTest, AnswersNoneForUtf32) {
     const std::string bytes = std::string("\0\0\xFE\xFF", 4) + std::string("\0\0\0a\0\0\0b", 8);
-    std::vector<int> confidences;
-    ASSERT_EQ("UTF-32BE", ask_icu(bytes, &confidences)[0]);
+    ASSERT_EQ("UTF-32BE", icu.Ask(bytes)[0].name);
     EXPECT_EQ(XCP_NONE, detect(bytes));
 }
 
-TEST(pz_cp_detect_icuTest, DetectsInSeveralThreadsAtOnce) {
-    std::vector<std::string> texts;
-    for (const Paragraph& paragraph : kParagraphs) texts.push_back(encode(paragraph));
+TEST_F(pz_cp_detect_icuTest, DetectsInSeveralThreadsAtOnce) {
     std::vector<int> wrong(8, 0);
     std::vector<std::thread> threads;
     threads.reserve(wrong.size());
     for (int& count : wrong) {
-        threads.emplace_back([&] {
+        threads.emplace_back([this, &count] {
             for (size_t i = 0; i < texts.size(); ++i) {
-                if (detect(texts[i]) != kParagraphs[i].page) ++count;
+                if (detect(texts[i]) != kSamples[i].page) ++count;
             }
         });
     }
