@@ -22,7 +22,11 @@
 #include <thread>
 #include <vector>
 
+#include <Framework/Foundation/PZClock.h>
+#include <Framework/Foundation/pz_identity.h>
+
 #include "support/ChildProcess.h"
+#include "support/FakeSyslog.h"
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
@@ -121,10 +125,24 @@ bool is_accepted(void* data) {
     return pztest::count_of(output.Take(), "[error] ReleaceMemBlockInf()@") == 0;
 }
 
-std::string leak_report() {
+/// What FinMemMng tells.
+struct Report {
+    std::string printed;
+    std::set<std::string> fileNames;
+    std::string file;  // its text, when there is exactly one
+};
+
+Report report() {
+    const pztest::FakeSyslog syslogFolder;
     pztest::StdoutCapture output;
     FinMemMng();
-    return output.Take();
+    Report result = {output.Take(), syslogFolder.Names(), ""};
+    if (result.fileNames.size() == 1) result.file = syslogFolder.Content(*result.fileNames.begin());
+    return result;
+}
+
+std::string leak_report() {
+    return report().printed;
 }
 
 /// The addresses of the blocks in the leak report, in its order.
@@ -188,6 +206,9 @@ volatile int levels_left_behind = 0;
     return site;
 }
 
+const char* process_name = "";
+PZClock::ST_CLOCK utc = {2024, 3, 2, 5, 7, 8, 9};
+
 pztest::Interposed<int(sem_t*, int, unsigned int)> sem_init_call("sem_init");
 pztest::Interposed<int(sem_t*)> sem_destroy_call("sem_destroy");
 pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
@@ -205,6 +226,14 @@ extern "C" int sem_wait(sem_t* sem) {
 }
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*priority*/, const char* /*format*/, ...) {}
+
+const char* pz_GetName() {
+    return process_name;
+}
+bool PZClock::GetUtc(ST_CLOCK* clock) {
+    *clock = utc;
+    return true;
+}
 
 TEST(PZLHeapMngTest, GivesMemoryAlignedAsByMalloc) {
     for (unsigned int size = 0; size < 40; ++size) {
@@ -866,6 +895,313 @@ TEST(PZLHeapMngReportTest, LeavesTheBlocksAsTheyAre) {
     EXPECT_EQ(addresses({p}), reported_addresses());
     EXPECT_EQ(addresses({p}), reported_addresses());
     EXPECT_EQ(Errors(), errors_of_free(p));
+}
+
+// The report file
+
+namespace {
+
+/// Hexadecimal with "0x", filled with zeros to ten characters; 0 has no "0x".
+std::string hex(unsigned long value) {
+    std::ostringstream digits;
+    digits << std::hex << value;
+    std::string text = digits.str();
+    const size_t width = value != 0 ? 8 : 10;
+    if (text.size() < width) text.insert(0, width - text.size(), '0');
+    return value != 0 ? "0x" + text : text;
+}
+
+std::string hex(const void* address) {
+    return hex(reinterpret_cast<unsigned long>(address));
+}
+
+std::string decimal(unsigned int value, size_t digits) {
+    std::string text = std::to_string(value);
+    if (text.size() < digits) text.insert(0, digits - text.size(), '0');
+    return text;
+}
+
+std::string totals_text(int count, int maxCount, int size, int maxSize) {
+    return "[Memory Info Summary]\nCurrent Total Count = " + std::to_string(count) +
+           ", Max Total Count = " + std::to_string(maxCount) +
+           ", Current Total Size = " + std::to_string(size) +
+           ", Max Total Size = " + std::to_string(maxSize) + "\n";
+}
+
+constexpr char kThreadsHead[] =
+    "\n[Memory Info about Each Thread]\n"
+    "   TID   : Current Count : Max Count : Current Size : Max Size\n";
+constexpr char kBlocksHead[] =
+    "\n[Memory Leak Info]\n#\tTID\t\tAddress\t\tSize\tOverrun"
+    "\tMethod(0)\tMethod(1)\tMethod(2)\tMethod(3)\tMethod(4)"
+    "\tMethod(5)\tMethod(6)\tMethod(7)\tMethod(8)\tMethod(9)\n";
+
+/// The row of a thread.
+std::string thread_text(unsigned int id, unsigned int count, unsigned int maxCount,
+                        unsigned int size, unsigned int maxSize) {
+    return hex(id) + "     " + decimal(count, 5) + "         " + decimal(maxCount, 5) + "        " +
+           decimal(size, 7) + "     " + decimal(maxSize, 7) + "\n";
+}
+
+/// The rows of the live blocks, split into their columns.
+std::vector<std::vector<std::string>> block_rows(const std::string& file) {
+    std::vector<std::vector<std::string>> rows;
+    const size_t head = file.find(kBlocksHead);
+    if (head == std::string::npos) return rows;
+    std::istringstream lines(file.substr(head + sizeof kBlocksHead - 1));
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        rows.emplace_back();
+        for (std::string field; std::getline(fields, field, '\t');) rows.back().push_back(field);
+    }
+    return rows;
+}
+
+class PZLHeapMngFileTest : public testing::Test {
+protected:
+    void SetUp() override { InitMemMng(); }
+
+    const unsigned int thread = this_thread();
+};
+
+}  // namespace
+
+TEST_F(PZLHeapMngFileTest, TellsTotalsThreadsAndLiveBlocks) {
+    void* a = Malloc(16);
+    auto* b = static_cast<unsigned char*>(Malloc(1234567));
+    b[1234567] = 0;
+    Free(Malloc(2000000));
+    unsigned int other = 0;
+    run_in_thread([&] {
+        other = this_thread();
+        void* first = Malloc(7);
+        void* second = Malloc(8);
+        Free(first);
+        Free(second);
+    });
+    header_of(a)->threadId = 0x1A2B;
+    for (unsigned int i = 0; i < 10; ++i) {
+        header_of(a)->callers[i] = reinterpret_cast<void*>(uintptr_t{0x1000} + i);
+    }
+    header_of(b)->threadId = 0;
+    std::memset(header_of(b)->callers, 0, sizeof header_of(b)->callers);
+    header_of(b)->callers[0] = reinterpret_cast<void*>(uintptr_t{0xFEDCBA98});
+
+    EXPECT_EQ(totals_text(2, 4, 1234583, 3234583) + kThreadsHead +
+                  thread_text(thread, 2, 3, 1234583, 3234583) + thread_text(other, 0, 2, 0, 15) +
+                  kBlocksHead + "0000\t0x00001a2b\t" + hex(a) +
+                  "\t000016\t-\t0x00001000\t0x00001001\t0x00001002\t0x00001003\t0x00001004"
+                  "\t0x00001005\t0x00001006\t0x00001007\t0x00001008\t0x00001009\n"
+                  "0001\t0000000000\t" +
+                  hex(b) +
+                  "\t1234567\tNG\t0xfedcba98\t0000000000\t0000000000\t0000000000\t0000000000"
+                  "\t0000000000\t0000000000\t0000000000\t0000000000\t0000000000\n",
+              report().file);
+}
+
+TEST_F(PZLHeapMngFileTest, NamesTheCallersOfABlock) {
+    const Site site = malloc_here(5);
+    const auto rows = block_rows(report().file);
+    ASSERT_EQ(1U, rows.size());
+    ASSERT_EQ(15U, rows[0].size());
+    EXPECT_EQ("0000", rows[0][0]);
+    const auto number = [&](size_t column) { return std::stoul(rows[0][column], nullptr, 16); };
+    EXPECT_EQ(thread, number(1));
+    EXPECT_EQ(reinterpret_cast<unsigned long>(site.data), number(2));
+    EXPECT_EQ("000005", rows[0][3]);
+    EXPECT_EQ("-", rows[0][4]);
+    EXPECT_NE(0UL, number(5));
+    EXPECT_EQ(reinterpret_cast<unsigned long>(site.caller), number(6));
+    Free(site.data);
+}
+
+TEST_F(PZLHeapMngFileTest, NumbersTheBlocksFromTheOldest) {
+    const std::vector<void*> blocks = {Malloc(1), Malloc(2), Malloc(3)};
+    const auto rows = block_rows(report().file);
+    ASSERT_EQ(3U, rows.size());
+    for (size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_EQ(decimal(static_cast<unsigned int>(i), 4), rows[i].at(0));
+        EXPECT_EQ(hex(blocks[i]), rows[i].at(2));
+    }
+    for (void* block : blocks) Free(block);
+}
+
+TEST_F(PZLHeapMngFileTest, TellsThePeaksOfReallocatedBlocks) {
+    // The old block is released before the new one is counted: never both.
+    void* p = Realloc(Realloc(Malloc(100), 300), 50);
+    const std::string expected = totals_text(1, 1, 50, 300) + kThreadsHead +
+                                 thread_text(thread, 1, 1, 50, 300) + kBlocksHead;
+    EXPECT_EQ(expected, report().file.substr(0, expected.size()));
+    Free(p);
+}
+
+TEST_F(PZLHeapMngFileTest, ChargesABlockToTheThreadThatAllocatedIt) {
+    void* p = Malloc(100);
+    void* kept = Malloc(10);
+    unsigned int other = 0;
+    void* own = nullptr;
+    run_in_thread([&] {
+        other = this_thread();
+        own = Malloc(1000);
+        Free(p);
+    });
+    const std::string expected = totals_text(2, 3, 1010, 1110) + kThreadsHead +
+                                 thread_text(thread, 1, 2, 10, 110) +
+                                 thread_text(other, 1, 1, 1000, 1000) + kBlocksHead;
+    EXPECT_EQ(expected, report().file.substr(0, expected.size()));
+    Free(kept);
+    Free(own);
+}
+
+TEST_F(PZLHeapMngFileTest, TellsWhatARefusedReleaseLeaves) {
+    void* ofOther = nullptr;
+    unsigned int other = 0;
+    run_in_thread([&] {
+        other = this_thread();
+        ofOther = Malloc(1000);
+    });
+    void* p = Malloc(100);
+    const ForgedBlock forged(101);
+    EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));
+    const std::string expected = totals_text(1, 2, 999, 1100) + kThreadsHead +
+                                 thread_text(other, 1, 1, 1000, 1000) +
+                                 thread_text(thread, 1, 1, 100, 100) + kBlocksHead;
+    const std::string file = report().file;
+    EXPECT_EQ(expected, file.substr(0, expected.size()));
+    EXPECT_EQ(2U, block_rows(file).size());
+    static_cast<void>(ofOther);
+    static_cast<void>(p);
+}
+
+TEST_F(PZLHeapMngFileTest, EndsWithTheHeadLineWhenTheListIsEmpty) {
+    void* early = Malloc(5);
+    InitMemMng();
+    Free(early);
+    const ForgedBlock forged(0, /*threadId=*/0x7FFFFFFF);
+    EXPECT_EQ(Errors{kTooMuchFree}, errors_of_free(forged.Data()));  // one count too few now
+    const Report result = report();
+    EXPECT_EQ("", result.printed);
+    EXPECT_EQ(totals_text(-1, 1, 0, 5) + kThreadsHead + thread_text(thread, 0, 1, 0, 5) +
+                  thread_text(0x7FFFFFFF, 0, 0, 0, 0) + kBlocksHead,
+              result.file);
+}
+
+TEST_F(PZLHeapMngFileTest, HasARowForEachOf200ThreadsAndNoMore) {
+    constexpr size_t kThreads = 200;
+    std::set<unsigned int> threads;
+    std::vector<void*> blocks;
+    while (threads.size() < kThreads + 1) {
+        run_in_thread([&] {
+            if (threads.insert(this_thread()).second) blocks.push_back(Malloc(2));
+        });
+    }
+    const std::string file = report().file;
+    const std::string totals = totals_text(201, 201, 402, 402);
+    EXPECT_EQ(totals, file.substr(0, totals.size()));
+    EXPECT_EQ(kThreads,
+              pztest::count_of(file, "     00001         00001        0000002     0000002\n"));
+    EXPECT_EQ(kThreads + 1, block_rows(file).size());
+    for (void* block : blocks) Free(block);
+}
+
+TEST_F(PZLHeapMngFileTest, IsNotWrittenWithoutAnAllocationSinceTheBeginning) {
+    const std::set<std::string> none;
+    EXPECT_EQ(none, report().fileNames);  // never any
+    Free(Malloc(1));
+    EXPECT_EQ(none, report().fileNames);  // all freed
+    void* early = Malloc(1);
+    InitMemMng();
+    EXPECT_EQ(none, report().fileNames);  // none since
+    Free(Malloc(2));
+    EXPECT_EQ(none, report().fileNames);  // all since freed
+    Free(early);
+}
+
+TEST_F(PZLHeapMngFileTest, ChangesNoAccount) {
+    void* p = Malloc(1);
+    const std::string first = report().file;
+    EXPECT_NE("", first);
+    EXPECT_EQ(first, report().file);
+    EXPECT_EQ(nullptr, header_of(p)->newer);
+    Free(p);
+}
+
+TEST_F(PZLHeapMngFileTest, IsNamedAfterTheProcessAndTheTime) {
+    void* p = Malloc(1);
+    const auto file_name = [](const char* process) {
+        process_name = process;
+        const std::set<std::string> names = report().fileNames;
+        return names.size() == 1 ? *names.begin() : "(not one file)";
+    };
+    EXPECT_EQ("HeapList_app240305_0708.txt", file_name("app"));
+    EXPECT_EQ("HeapList_240305_0708.txt", file_name(""));
+    EXPECT_EQ("HeapList_\u00e9240305_0708.txt", file_name("\u00e9"));
+    // 24 characters before the time
+    EXPECT_EQ("HeapList_123456789abcdef240305_0708.txt", file_name("123456789abcdef"));
+    EXPECT_EQ("HeapList_123456789abcdef240305_0708.txt", file_name("123456789abcdefg"));
+    EXPECT_EQ("HeapList_123456789abcdef240305_0708.txt",
+              file_name("123456789abcdefghijklmnopqrstuvwxyz0123456789abcdefghijklmnopqr"));
+    EXPECT_EQ("HeapList_240305_0708.txt", file_name("\xFF"));  // no UTF-8
+    EXPECT_EQ("(not one file)", file_name("no/such"));         // a folder that is missing
+    Free(p);
+}
+
+TEST_F(PZLHeapMngFileTest, ReplacesThatOfTheSameMinute) {
+    const pztest::FakeSyslog syslogFolder;
+    const pztest::StdoutCapture output;
+    void* p = Malloc(1);
+    void* q = Malloc(2);
+    FinMemMng();
+    Free(q);
+    FinMemMng();
+    EXPECT_EQ((std::set<std::string>{"HeapList_240305_0708.txt"}), syslogFolder.Names());
+    EXPECT_EQ(1U, block_rows(syslogFolder.Content("HeapList_240305_0708.txt")).size());
+    Free(p);
+}
+
+TEST_F(PZLHeapMngFileTest, IsMissingWhereItsFolderCannotBeMade) {
+    const pztest::FakeSyslog syslogFolder;
+    void* p = Malloc(1);
+    pztest::StdoutCapture output;
+    FinMemMng();
+    const std::string printed = output.Take();
+    pztest::FakeSyslog::Remove();
+    FinMemMng();
+    const std::string text = output.Take();
+    const std::string reason =
+        "std library error [" + std::to_string(EACCES) + " : " + std::strerror(EACCES) + "]";
+    EXPECT_EQ(Errors{reason}, pztest::error_messages(text));
+    ASSERT_LT(printed.size(), text.size());
+    EXPECT_EQ(printed, text.substr(text.size() - printed.size()));  // the table, as ever
+    Free(p);
+}
+
+TEST_F(PZLHeapMngFileTest, IsMissingWithoutAWordWhereItCannotBeOpened) {
+    const pztest::FakeSyslog syslogFolder;
+    void* p = Malloc(1);
+    pztest::StdoutCapture output;
+    FinMemMng();
+    const std::string printed = output.Take();
+    pztest::fopen_call.FailNext(EACCES);
+    FinMemMng();
+    EXPECT_EQ(printed, output.Take());
+    Free(p);
+}
+
+TEST_F(PZLHeapMngFileTest, LiesInTheSystemsLogFolder) {
+    if (access("/Syslog", W_OK) != 0) GTEST_SKIP() << "cannot write to /Syslog";
+    pztest::sync_call.Replace([] { return 0; });
+    const std::string process = "t" + std::to_string(getpid());
+    process_name = process.c_str();
+    const std::string path = "/Syslog/HeapList_" + process + "240305_0708.txt";
+    void* p = Malloc(1);
+    {
+        const pztest::StdoutCapture output;
+        FinMemMng();
+    }
+    EXPECT_EQ(1U, block_rows(pztest::read_file(path)).size());
+    EXPECT_EQ(0, unlink(path.c_str()));
+    Free(p);
 }
 
 // The lock

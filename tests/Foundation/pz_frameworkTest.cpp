@@ -7,8 +7,10 @@
 
 #include <cstdlib>
 #include <functional>
+#include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <Framework/Foundation/PZLHeapMng.h>
@@ -19,6 +21,7 @@
 #include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
 #include <Framework/Utility/PZLTimerMng.h>
 
+#include "support/FakeSyslog.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
@@ -146,6 +149,8 @@ protected:
         pz_FwFinalize();
         PZSingletonFinalizer::finalize();  // what a failed start leaves
     }
+
+    pztest::FakeSyslog syslogFolder;
 
     static constexpr unsigned long kHandle = 0x1234;  // of no thread
 
@@ -459,4 +464,40 @@ TEST_F(pz_frameworkTest, ReportsNoBlocksFromBeforeTheStart) {
     pz_FwFinalize();
     EXPECT_EQ("", output.Take());
     Free(early);
+}
+
+TEST_F(pz_frameworkTest, NamesTheLeaksOfAllThreadsInAFileOfItsOwn) {
+    pz_FwInitialize("leaky", 7);
+    void* first = Malloc(101);
+    void* second = nullptr;
+    std::thread([&] { second = Malloc(202); }).join();
+    void* third = Malloc(303);
+    Free(Malloc(404));
+    {
+        const pztest::StdoutCapture output;
+        pz_FwFinalize();
+    }
+    const std::set<std::string> names = syslogFolder.Names();
+    ASSERT_EQ(1U, names.size());
+    const std::string& name = *names.begin();
+    EXPECT_TRUE(std::regex_match(name, std::regex("HeapList_leaky[0-9]{6}_[0-9]{4}\\.txt")))
+        << name;
+    const std::string file = syslogFolder.Content(name);
+    EXPECT_EQ(0U, file.find("[Memory Info Summary]\nCurrent Total Count = 3, Max Total Count = 4, "
+                            "Current Total Size = 606, Max Total Size = 1010\n"))
+        << file;
+    EXPECT_EQ(1U, pztest::count_of(file, "     00002         00003        0000404     0000808\n"));
+    EXPECT_EQ(1U, pztest::count_of(file, "     00001         00001        0000202     0000202\n"));
+    for (const char* size : {"\t000101\t-", "\t000202\t-", "\t000303\t-"}) {
+        EXPECT_EQ(1U, pztest::count_of(file, size));
+    }
+    EXPECT_EQ(0U, pztest::count_of(file, "\t000404\t"));
+    for (void* block : {first, second, third}) Free(block);
+}
+
+TEST_F(pz_frameworkTest, WritesNoFileWithoutLeaks) {
+    pz_FwInitialize("tidy", 7);
+    Free(Malloc(1));
+    pz_FwFinalize();
+    EXPECT_EQ(std::set<std::string>(), syslogFolder.Names());
 }

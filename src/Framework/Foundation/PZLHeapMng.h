@@ -17,8 +17,11 @@
 /// Begins the measured period: FinMemMng reports only when blocks were allocated, or freed, since.
 PZ_API void InitMemMng();
 
-/// Ends the measured period. Unless the newest live block is still that of its beginning, prints a
-/// table of all live blocks, older ones included, on the standard output. Changes nothing.
+/// Ends the measured period. Unless the newest live block is still that of its beginning, writes
+/// totals, peaks, an account of each allocating thread and all live blocks, older ones included, to
+/// "/Syslog/HeapList_<process name><UTC time>.txt" (the part before the time is cut to 24
+/// characters; the folder is made when it is missing), and prints the live blocks, if any, on the
+/// standard output. Where the file cannot be written, only that table tells. Changes no account.
 PZ_API void FinMemMng();
 
 /// `size` bytes, aligned as malloc aligns; null when there is no memory.

@@ -14,6 +14,9 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/Foundation/pz_identity.h>
+#include <Framework/Utility/PZLSysFileOut.h>
+#include <Framework/Utility/PZString.h>
 
 namespace {
 
@@ -241,6 +244,65 @@ ST_MEM_BLOCK* resized_block(ST_MEM_BLOCK* block, unsigned int size) {
     return size != 0 ? static_cast<ST_MEM_BLOCK*>(memory) : nullptr;
 }
 
+const char* overrun_mark(const ST_MEM_BLOCK* block) {
+    return is_overrun(block) ? "NG" : "-";
+}
+
+unsigned long address_of(const void* pointer) {
+    return reinterpret_cast<unsigned long>(pointer);
+}
+
+/// The report shows counts and sizes as signed numbers.
+int printed(unsigned int quantity) {
+    return static_cast<int>(quantity);
+}
+
+void write_totals(PZLSysFileOut& file) {
+    const ST_USAGE& total = heap.total;
+    file.FWrite(
+        "[Memory Info Summary]\nCurrent Total Count = %d, Max Total Count = %d, "
+        "Current Total Size = %d, Max Total Size = %d\n",
+        printed(total.count), printed(total.maxCount), printed(total.size), printed(total.maxSize));
+}
+
+void write_threads(PZLSysFileOut& file) {
+    file.FWrite(
+        "\n[Memory Info about Each Thread]\n"
+        "   TID   : Current Count : Max Count : Current Size : Max Size\n");
+    for (const ST_THREAD_USAGE& entry : heap.threads) {
+        if (entry.threadId == 0) return;
+        const ST_USAGE& usage = entry.usage;
+        file.FWrite("%#010x     %05d         %05d        %07d     %07d\n", entry.threadId,
+                    printed(usage.count), printed(usage.maxCount), printed(usage.size),
+                    printed(usage.maxSize));
+    }
+}
+
+void write_live_blocks(PZLSysFileOut& file) {
+    file.FWrite("\n[Memory Leak Info]\n#\tTID\t\tAddress\t\tSize\tOverrun");
+    for (int i = 0; i < kCallers; ++i) file.FWrite("\tMethod(%d)", i);
+    file.FWrite("\n");
+    int number = 0;
+    for (const ST_MEM_BLOCK* block = heap.head; block != nullptr; block = block->newer) {
+        file.FWrite("%04d\t%#010x\t%#010lx\t%06u\t%s", number++, block->threadId,
+                    address_of(data_of(block)), block->size, overrun_mark(block));
+        for (const void* caller : block->callers) file.FWrite("\t%#010lx", address_of(caller));
+        file.FWrite("\n");
+    }
+}
+
+/// A file of its own for every minute and process name; without one when it cannot be opened.
+void write_report_file() {
+    PZString name(L"HeapList_");
+    name.Append(pz_GetName());
+    PZLSysFileOut file(L"/Syslog/", name.ToWCHAR(), L"txt", false, 0, -1);
+    if (!file.Open()) return;
+    write_totals(file);
+    write_threads(file);
+    write_live_blocks(file);
+    file.Close();
+}
+
 void print_line_of_stars() {
     constexpr int kStars = 126;
     for (int i = 0; i < kStars; ++i) std::putchar('*');
@@ -249,11 +311,9 @@ void print_line_of_stars() {
 
 void print_block(unsigned int number, const ST_MEM_BLOCK* block) {
     std::printf("[%04u] %#010x  %#010lx   %06lu    %s    ", number, block->threadId,
-                reinterpret_cast<unsigned long>(data_of(block)),
-                static_cast<unsigned long>(block->size), is_overrun(block) ? "NG" : "-");
-    for (const void* caller : block->callers) {
-        std::printf("(%#010lx)    ", reinterpret_cast<unsigned long>(caller));
-    }
+                address_of(data_of(block)), static_cast<unsigned long>(block->size),
+                overrun_mark(block));
+    for (const void* caller : block->callers) std::printf("(%#010lx)    ", address_of(caller));
     std::putchar('\n');
 }
 
@@ -279,6 +339,7 @@ void InitMemMng() {
 
 void FinMemMng() {
     if (heap.tail == heap.mark) return;
+    write_report_file();
     if (heap.head != nullptr) print_live_blocks();
 }
 
