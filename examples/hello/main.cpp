@@ -40,7 +40,7 @@ int main() {
     Ticker ticker(greeter);
     PZLTimerMng* timers = PZLTimerMng::GetTimerMng();
     PZLTimerMng::TimerSubInfo* handle = timers->AddTimer(&ticker, 100);  // milliseconds
-    done.WaitEvent(0xFFFFFFFF);                                          // without limit
+    if (handle != nullptr) done.WaitEvent(0xFFFFFFFF);                   // without limit
     timers->RemoveTimer(handle, &ticker);  // waits for a callback that still runs
     worker.End(0);
     pz_FwFinalize();
