@@ -7,8 +7,8 @@
 #include <Framework/Foundation/PZStopwatch.h>
 #include <Framework/Foundation/PZUnitFrame.h>
 
-#include "EndOfRun.h"
 #include "FileTotals.h"
+#include "common/EndOfRun.h"
 
 /// Counts what the reader sends: lines, words, bytes and a running checksum of each file.
 ///

@@ -14,10 +14,10 @@
 #include <Framework/Foundation/pz_framework.h>
 
 #include "CounterUnit.h"
-#include "EndOfRun.h"
 #include "FileTotals.h"
 #include "ProgressTimer.h"
 #include "ReaderUnit.h"
+#include "common/EndOfRun.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#ifndef FEED_ENDOFRUN_H
-#define FEED_ENDOFRUN_H
+#ifndef EXAMPLES_ENDOFRUN_H
+#define EXAMPLES_ENDOFRUN_H
 
 #include <pthread.h>
 #include <signal.h>
@@ -26,4 +26,4 @@ private:
     pthread_t waiter_;
 };
 
-#endif  // FEED_ENDOFRUN_H
+#endif  // EXAMPLES_ENDOFRUN_H
