@@ -13,6 +13,8 @@
 
 #include <Framework/Wrapper/pz_cp_conv.h>
 
+#include "common/CodePageNames.h"
+
 namespace {
 
 constexpr int kExitFailed = 1;
@@ -41,56 +43,6 @@ constexpr char kUsage[] =
     "Exit status: 0; 1 when a file cannot be read, converted, detected or written; 2 for bad\n"
     "usage. A file that cannot be converted leaves OUT as it was.\n";
 
-struct PageName {
-    EN_XCP page;
-    const char* name;
-};
-
-// clang-format off
-constexpr PageName kPages[] = {
-    { XCP_ASCII,        "ASCII"        },
-    { XCP_BIG5,         "Big5"         },
-    { XCP_CP850,        "CP850"        },
-    { XCP_CP874,        "CP874"        },
-    { XCP_CP932,        "CP932"        },
-    { XCP_CP936,        "CP936"        },
-    { XCP_CP949,        "CP949"        },
-    { XCP_CP950,        "CP950"        },
-    { XCP_CP1252,       "CP1252"       },
-    { XCP_CP1253,       "CP1253"       },
-    { XCP_CP1254,       "CP1254"       },
-    { XCP_EUC_JP,       "EUC-JP"       },
-    { XCP_EUC_KR,       "EUC-KR"       },
-    { XCP_GB18030,      "GB18030"      },
-    { XCP_ISO2022_CN,   "ISO-2022-CN"  },
-    { XCP_ISO2022_JP,   "ISO-2022-JP"  },
-    { XCP_ISO2022_KR,   "ISO-2022-KR"  },
-    { XCP_ISO8859_1,    "ISO-8859-1"   },
-    { XCP_ISO8859_2,    "ISO-8859-2"   },
-    { XCP_ISO8859_4,    "ISO-8859-4"   },
-    { XCP_ISO8859_5,    "ISO-8859-5"   },
-    { XCP_ISO8859_6,    "ISO-8859-6"   },
-    { XCP_ISO8859_7,    "ISO-8859-7"   },
-    { XCP_ISO8859_8,    "ISO-8859-8"   },
-    { XCP_ISO8859_9,    "ISO-8859-9"   },
-    { XCP_ISO8859_10,   "ISO-8859-10"  },
-    { XCP_ISO8859_16,   "ISO-8859-16"  },
-    { XCP_KOI8_R,       "KOI8-R"       },
-    { XCP_KOI8_U,       "KOI8-U"       },
-    { XCP_RBDS_2017,    "RBDS-2017"    },
-    { XCP_RDS,          "RDS"          },
-    { XCP_RDS_2017,     "RDS-2017"     },
-    { XCP_SJIS,         "SJIS"         },
-    { XCP_UTF16,        "UTF-16"       },
-    { XCP_UTF16BE,      "UTF-16BE"     },
-    { XCP_UTF16LE,      "UTF-16LE"     },
-    { XCP_UTF8,         "UTF-8"        },
-    { XCP_WINDOWS_1250, "windows-1250" },
-    { XCP_WINDOWS_1251, "windows-1251" },
-    { XCP_WINDOWS_1256, "windows-1256" },
-};
-// clang-format on
-
 struct Options {
     EN_XCP from = XCP_NONE;
     EN_XCP to = XCP_UTF8;
@@ -110,43 +62,13 @@ size_t unit_size(EN_XCP page) {
     return page == XCP_UTF16 || page == XCP_UTF16BE || page == XCP_UTF16LE ? 2 : 1;
 }
 
-char lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-/// The name in the form in which names are compared.
-std::string plain_name(const char* name) {
-    std::string plain;
-    for (const char* c = name; *c != '\0'; ++c) {
-        if (*c != '-' && *c != '_') plain += lower(*c);
-    }
-    return plain;
-}
-
-/// XCP_NONE for a name that is not in the list.
-EN_XCP page_of(const char* name) {
-    const std::string wanted = plain_name(name);
-    for (const PageName& row : kPages) {
-        if (plain_name(row.name) == wanted) return row.page;
-    }
-    return XCP_NONE;
-}
-
-/// Null for a page that is not in the list.
-const char* name_of(EN_XCP page) {
-    for (const PageName& row : kPages) {
-        if (row.page == page) return row.name;
-    }
-    return nullptr;
-}
-
 bool usage_error(const char* problem, const char* what) {
     std::fprintf(stderr, "textconv: %s%s\nTry textconv --help.\n", problem, what);
     return false;
 }
 
 bool parse_page(const char* name, EN_XCP& page) {
-    page = page_of(name);
+    page = code_page_of(name);
     return page != XCP_NONE || usage_error("unknown code page ", name);
 }
 
@@ -156,9 +78,11 @@ bool check(const Options& options) {
     if (options.file.empty()) return usage_error("no file", "");
     if (options.detect) return true;
     if (options.from == XCP_NONE) return usage_error("no code page of the file: use -f", "");
-    if (is_radio(options.to)) return usage_error("nothing converts into ", name_of(options.to));
+    if (is_radio(options.to))
+        return usage_error("nothing converts into ", code_page_name(options.to));
     if (is_radio(options.from) && options.to != XCP_UTF8) {
-        return usage_error("radio texts convert into UTF-8 only, not into ", name_of(options.to));
+        return usage_error("radio texts convert into UTF-8 only, not into ",
+                           code_page_name(options.to));
     }
     return true;
 }
@@ -272,7 +196,8 @@ bool convert(const Options& options, std::FILE* output) {
                    static_cast<unsigned int>(text.size()), options.from);
     if (units < 1) {
         std::fprintf(stderr, "textconv: cannot convert %s: it is not %s, or %s lacks a character\n",
-                     options.file.c_str(), name_of(options.from), name_of(options.to));
+                     options.file.c_str(), code_page_name(options.from),
+                     code_page_name(options.to));
         return false;
     }
     return write_all(options.out, output, result.data(),
@@ -287,7 +212,7 @@ bool detect(const Options& options, std::FILE* output) {
                             ? XCP_NONE
                             : pz_cp_detect(text.data(), static_cast<unsigned int>(text.size()),
                                            XCP_NONE, kNoThreshold);
-    const char* const name = name_of(page);
+    const char* const name = code_page_name(page);
     if (name == nullptr) {
         std::fprintf(stderr, "textconv: the code page of %s is unknown\n", options.file.c_str());
         return false;
@@ -297,7 +222,7 @@ bool detect(const Options& options, std::FILE* output) {
 }
 
 void list() {
-    for (const PageName& row : kPages) std::printf("%s\n", row.name);
+    for (const CodePageName& row : code_page_names()) std::printf("%s\n", row.name);
 }
 
 }  // namespace
