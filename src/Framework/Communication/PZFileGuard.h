@@ -125,8 +125,8 @@ private:
     EN_MODE mode_;
 };
 
-// Taking a free mutex and giving it back are short enough to run in the caller's own code: calling
-// them in the library takes half as long again as the mutex's own work. The rest is called.
+// Taking a free mutex and giving it back are so short that a call into the library would be a good
+// part of their time: they run in the caller's own code. The rest is called.
 
 inline bool PZFileGuard::lock() {
     if (!isReady() && !getReadyToLock()) return false;
