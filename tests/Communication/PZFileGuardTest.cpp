@@ -1047,6 +1047,12 @@ TEST_F(PZFileGuardTest, ReportsAMutexSegmentThatCannotBeRemoved) {
     EXPECT_FALSE(system.initForSystem());
     ExpectReports({{"initForSystem", "error"}});
     EXPECT_EQ(kDestroyed, flag.Byte());
+
+    EXPECT_TRUE(system.destroyMutex());
+    EXPECT_TRUE(mutex.IsRemoved());
+    EXPECT_TRUE(flag.IsRemoved());
+    EXPECT_EQ((State{-1, false, -1, false, true, 0}), state_of(system));
+    EXPECT_EQ("", output_.Take());
 }
 
 TEST_F(PZFileGuardTest, ReportsAnInitFlagSegmentThatCannotBeRemoved) {
@@ -1061,6 +1067,34 @@ TEST_F(PZFileGuardTest, ReportsAnInitFlagSegmentThatCannotBeRemoved) {
                     "[Identifier removed]."}});
     EXPECT_EQ((State{-1, false, flag.Id(), true, true, 0}), state_of(system));
     EXPECT_TRUE(mutex.IsRemoved());
+}
+
+TEST_F(PZFileGuardTest, FindsNothingToRemoveWhenALaterSystemSideCouldNotAttach) {
+    PZFileGuard system(dir_, name_);
+    ASSERT_TRUE(system.initForSystem());
+    ASSERT_TRUE(system.destroyMutex());
+    shmget_call.FailNext(ENOSPC);
+    EXPECT_FALSE(system.initForSystem());
+    Messages();
+    EXPECT_FALSE(system.destroyMutex());
+    ExpectReports({{"destroyMutexForSystem",
+                    "PZFileGuard::destroyMutexForSystem() shmctl() Failed. [Invalid argument]."}});
+    EXPECT_EQ((State{-1, false, -1, false, true, 0}), state_of(system));
+}
+
+TEST_F(PZFileGuardTest, RemovesTheMutexSegmentOfALaterSystemSideThatHasNoInitFlagWhenItGoes) {
+    {
+        PZFileGuard system(dir_, name_);
+        ASSERT_TRUE(system.initForSystem());
+        ASSERT_TRUE(system.destroyMutex());
+        shmget_call.FailNext(ENOSPC, 1, 1);
+        EXPECT_FALSE(system.initForSystem());
+        ASSERT_TRUE(GuardSegment(files_.MutexFile()).Exists());
+        Messages();
+    }
+    ExpectReports({{"destroyMutexForSystem",
+                    "PZFileGuard::destroyMutexForSystem() shmctl() Failed. [Invalid argument]."}});
+    EXPECT_FALSE(GuardSegment(files_.MutexFile()).Exists());
 }
 
 TEST_F(PZFileGuardTest, OnlyDetachesOnTheApplicationSide) {

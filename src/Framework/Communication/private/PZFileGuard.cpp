@@ -326,10 +326,12 @@ bool PZFileGuard::initMutex() {
     return true;
 }
 
+/// A guard that was a system side before, and could not become one again, comes here too, without
+/// either segment or with one of them only.
 bool PZFileGuard::destroyMutexForSystem() {
     mode_ = en_MODE_NONE;
-    store_flag(initFlag_, kDestroyed);
-    const int result = pthread_mutex_destroy(mutex_);
+    if (initFlag_ != nullptr) store_flag(initFlag_, kDestroyed);
+    const int result = mutex_ != nullptr ? pthread_mutex_destroy(mutex_) : 0;
     if (result != 0) {
         // The text names another function; readers of the log know it so.
         PZ_REPORT_ERROR(
