@@ -168,8 +168,11 @@ int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
     return static_cast<int>(received);
 }
 
-// 0, or the error number: ETIMEDOUT for a full queue. The queue itself would make the sender wait
-// for room, so the wait is one that is over already.
+// 0, or the error number: ETIMEDOUT for a full queue.
+//
+// Never waits, although the queue may have filled up since it was looked at: mq_send would wait for
+// room then. With a time limit that is over already the message is sent while there is room, and
+// otherwise refused at once.
 int PZMessageQueue<2>::post(const unsigned char* message, size_t length,
                             unsigned int systemPriority) const {
     constexpr timespec kNoWait = {};
