@@ -18,6 +18,7 @@
 #include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZWatchDog.h>
 
 #include "support/Gate.h"
 #include "support/Interposed.h"
@@ -35,6 +36,9 @@ pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> p
     "pthread_create", EAGAIN);
 pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EINVAL);
 pztest::Interposed<int(const timespec*, timespec*)> nanosleep_call("nanosleep");
+
+std::atomic<int> into_waits{0};
+std::atomic<int> out_waits{0};
 
 }  // namespace
 
@@ -55,6 +59,14 @@ int pthread_join(pthread_t th, void** thread_return) {
 int nanosleep(const timespec* requested_time, timespec* remaining) {
     return nanosleep_call(requested_time, remaining);
 }
+}
+
+// The watchdog's hooks do nothing: counting them is the only way to see the calls.
+void PZWatchDog::IntoWait() {
+    ++into_waits;
+}
+void PZWatchDog::OutWait() {
+    ++out_waits;
 }
 
 namespace {
@@ -301,6 +313,18 @@ TEST_F(PZMessageQueueReceiverTest, NothingOfAMessageIsLeftForTheNext) {
     EXPECT_EQ(filled(""), calls[2].data);
     EXPECT_EQ(0U, calls[3].size) << "an empty message has no type that could end the thread";
     EXPECT_EQ(filled(""), calls[3].data);
+}
+
+TEST_F(PZMessageQueueReceiverTest, TellsTheWatchdogWhileItWaits) {
+    into_waits = 0;
+    out_waits = 0;
+    ASSERT_TRUE(Open());
+    ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
+    EXPECT_EQ(1, into_waits);
+    EXPECT_EQ(0, out_waits);
+    receiver->close();
+    EXPECT_EQ(1, into_waits);
+    EXPECT_EQ(1, out_waits);
 }
 
 TEST_F(PZMessageQueueReceiverTest, HandsOnEveryTypeButQuit) {
