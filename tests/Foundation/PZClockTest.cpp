@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -24,6 +25,7 @@
 #include <ctime>
 #include <deque>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -57,7 +59,7 @@ using Clock = PZClock::ST_CLOCK;
 // The C library's clock and calendar.
 
 pztest::Interposed<int(timeval*, void*)> gettimeofday_call("gettimeofday");
-pztest::Interposed<tm*(const time_t*)> gmtime_call("gmtime", nullptr);
+pztest::Interposed<tm*(const time_t*, tm*)> gmtime_r_call("gmtime_r", nullptr);
 pztest::Interposed<tm*(const time_t*)> localtime_call("localtime", nullptr);
 pztest::Interposed<time_t(tm*)> mktime_call("mktime");
 
@@ -227,8 +229,8 @@ std::string copy_step(const std::string& path) {
 extern "C" int gettimeofday(timeval* tv, void* tz) noexcept {
     return gettimeofday_call(tv, tz);
 }
-extern "C" tm* gmtime(const time_t* timer) noexcept {
-    return gmtime_call(timer);
+extern "C" tm* gmtime_r(const time_t* timer, tm* tp) noexcept {
+    return gmtime_r_call(timer, tp);
 }
 extern "C" tm* localtime(const time_t* timer) noexcept {
     return localtime_call(timer);
@@ -322,7 +324,7 @@ protected:
 
     void TearDown() override {
         gettimeofday_call.Reset();
-        gmtime_call.Reset();
+        gmtime_r_call.Reset();
         localtime_call.Reset();
         mktime_call.Reset();
         fork_call.Reset();
@@ -417,7 +419,7 @@ TEST_F(PZClockTest, ReportsThatTheTimeCannotBeRead) {
 }
 
 TEST_F(PZClockTest, ReportsThatTheCurrentTimeCannotBeConverted) {
-    gmtime_call.FailNext(EOVERFLOW);
+    gmtime_r_call.FailNext(EOVERFLOW);
     EXPECT_FALSE(PZClock::GetUtc(&clock));
     EXPECT_TRUE(
         has_report(output.Take(), "GetUtc", "PZClock.cpp", "err(" + error_text(EOVERFLOW) + ")"));
@@ -461,6 +463,42 @@ TEST_F(PZClockTest, ConvertsSecondsToUtcWhateverTheZone) {
     EXPECT_TRUE(PZClock::ToUtcTime(kMorningSeconds, &clock));
     EXPECT_CLOCK(kMorning, clock);
     EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZClockTest, LeavesTheCLibrarysSharedBufferAloneInUtc) {
+    const time_t epoch = 0;
+    const tm* const shared = std::gmtime(&epoch);
+    SetNow(kMorningSeconds);
+    EXPECT_TRUE(PZClock::GetUtc(&clock));
+    EXPECT_TRUE(PZClock::ToUtcTime(kMorningSeconds, &clock));
+    EXPECT_CLOCK(kMorning, clock);
+    EXPECT_EQ(70, shared->tm_year);
+    EXPECT_EQ(0, shared->tm_hour);
+}
+
+TEST_F(PZClockTest, ConvertsToUtcOnSeveralThreadsAtOnce) {
+    std::atomic<int> wrong{0};
+    const auto convert = [&wrong](unsigned long long seconds, const Clock& expected) {
+        for (int i = 0; i < 10000; ++i) {
+            Clock own = kUntouched;
+            if (!PZClock::ToUtcTime(seconds, &own) || fields(own) != fields(expected)) ++wrong;
+        }
+    };
+    std::thread other(convert, 0, Clock{1970, 1, 4, 1, 0, 0, 0});
+    convert(kMorningSeconds, kMorning);
+    other.join();
+    EXPECT_EQ(0, wrong);
+}
+
+TEST_F(PZClockTest, ReadsTheZoneAnewWithEveryLocalTime) {
+    SetNow(kMorningSeconds);
+    EXPECT_TRUE(PZClock::GetLocal(&clock));
+    EXPECT_CLOCK(kMorning, clock);
+    UseZone(kHalfPastFive);
+    EXPECT_TRUE(PZClock::GetLocal(&clock));
+    EXPECT_CLOCK((Clock{2024, 3, 2, 5, 12, 38, 9}), clock);
+    EXPECT_TRUE(PZClock::ToLocaltime(kMorningSeconds, &clock));
+    EXPECT_CLOCK((Clock{2024, 3, 2, 5, 12, 38, 9}), clock);
 }
 
 TEST_F(PZClockTest, ConvertsSecondsToLocalTime) {
@@ -552,7 +590,7 @@ TEST_F(PZClockTest, ConvertsEveryDayOf32BitsForthAndBack) {
 }
 
 TEST_F(PZClockTest, ReportsSecondsThatCannotBeConverted) {
-    gmtime_call.FailNext(EOVERFLOW);
+    gmtime_r_call.FailNext(EOVERFLOW);
     EXPECT_FALSE(PZClock::ToUtcTime(0, &clock));
     EXPECT_TRUE(has_report(output.Take(), "ToUtcTime", "PZClock.cpp", "error"));
     localtime_call.FailNext(EOVERFLOW);

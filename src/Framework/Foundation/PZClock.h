@@ -103,9 +103,9 @@ struct TimeZone {
 /// Seconds:   since 1970-01-01 00:00:00 UTC, without leap seconds. Seconds that are passed in or
 ///            converted count as 32 bits with a sign on every machine: from 1901-12-13 20:45:52
 ///            to 2038-01-19 03:14:07 UTC. The current time is as wide as the machine's own.
-/// Threads:   one at a time, and no lock is taken: the conversions share the C library's static
-///            buffers, and the zone belongs to the whole process. Any thread may call GetTime and
-///            checkCalenderTime.
+/// Threads:   one at a time, and no lock is taken: local times share the C library's static
+///            buffer, and the zone belongs to the whole process. Any thread may call GetUtc,
+///            ToUtcTime, GetTime and checkCalenderTime at any time.
 /// Ownership: keeps nothing that is passed in.
 /// Failures:  reported and answered with false, or with 0 by ToCalendarTime. A null record is
 ///            one. SetLocal may end the process.

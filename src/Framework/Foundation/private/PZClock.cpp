@@ -40,12 +40,24 @@ constexpr char kDateProgram[] = "/bin/date";
 
 constexpr int kFirstYear = 1900;  // of the C library's calendar
 
-/// The C library's conversion to UTC or to local time; null when it fails.
-using BreakDown = tm* (*)(const time_t*);
+/// The C library's conversion to UTC or to local time; null when it fails. The result need not be
+/// the buffer.
+using BreakDown = const tm* (*)(const time_t&, tm& buffer);
+
+/// Without the C library's shared buffer: threads name their log files by this time.
+const tm* to_utc(const time_t& seconds, tm& buffer) {
+    return ::gmtime_r(&seconds, &buffer);
+}
+
+/// With it: localtime_r would not notice that TZ has changed.
+const tm* to_local(const time_t& seconds, tm& /*buffer*/) {
+    return ::localtime(&seconds);
+}
 
 /// False when the C library cannot convert the time.
 bool break_down(BreakDown convert, time_t seconds, PZClock::ST_CLOCK& clock) {
-    const tm* const time = convert(&seconds);
+    tm buffer = {};
+    const tm* const time = convert(seconds, buffer);
     if (time == nullptr) return false;
     clock.year = time->tm_year + kFirstYear;
     clock.month = static_cast<unsigned int>(time->tm_mon + 1);
@@ -161,7 +173,7 @@ bool PZClock::GetUtc(ST_CLOCK* clock) {
         PZ_REPORT_ERROR("invalid arg\n");
         return false;
     }
-    if (!read_time(&::gmtime, *clock)) {
+    if (!read_time(&to_utc, *clock)) {
         PZ_REPORT_ERROR("err(%d:%s)\n", pz_get_last_err(), pz_get_last_err_string());
         return false;
     }
@@ -173,7 +185,7 @@ bool PZClock::GetLocal(ST_CLOCK* clock) {
         PZ_REPORT_ERROR("invalid arg\n");
         return false;
     }
-    if (!read_time(&::localtime, *clock)) {
+    if (!read_time(&to_local, *clock)) {
         PZ_REPORT_ERROR("err(%d:%s)\n", pz_get_last_err(), pz_get_last_err_string());
         return false;
     }
@@ -280,7 +292,7 @@ bool PZClock::ToLocaltime(unsigned long long seconds, ST_CLOCK* clock) {
         PZ_REPORT_ERROR("invalid arg\n");
         return false;
     }
-    if (!break_down(&::localtime, narrow_seconds(seconds), *clock)) {
+    if (!break_down(&to_local, narrow_seconds(seconds), *clock)) {
         PZ_REPORT_ERROR("error\n");
         return false;
     }
@@ -292,7 +304,7 @@ bool PZClock::ToUtcTime(unsigned long long seconds, ST_CLOCK* clock) {
         PZ_REPORT_ERROR("invalid arg\n");
         return false;
     }
-    if (!break_down(&::gmtime, narrow_seconds(seconds), *clock)) {
+    if (!break_down(&to_utc, narrow_seconds(seconds), *clock)) {
         PZ_REPORT_ERROR("error\n");
         return false;
     }
