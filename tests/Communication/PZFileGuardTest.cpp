@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -77,6 +78,15 @@ void reset_calls() {
     unlock_call.Reset();
 }
 
+/// The segments that are attached. A system side never detaches its own, and the machine has a
+/// limited number for all processes: the fixture detaches what a test leaves behind.
+std::set<const void*> attached_segments;
+
+void detach_segments() {
+    for (const void* const address : attached_segments) shmdt_call.Real(address);
+    attached_segments.clear();
+}
+
 /// The calls of the guard in order, while it is not null.
 Texts* trace = nullptr;
 
@@ -123,11 +133,15 @@ int shmget(key_t key, size_t size, int shmflg) noexcept {
 void* shmat(int shmid, const void* shmaddr, int shmflg) noexcept {
     note("shmat " + std::string(shmaddr == nullptr ? "anywhere" : "there") + " " +
          std::to_string(shmflg));
-    return shmat_call(shmid, shmaddr, shmflg);
+    void* const address = shmat_call(shmid, shmaddr, shmflg);
+    if (address != kNoAddress) attached_segments.insert(address);
+    return address;
 }
 int shmdt(const void* shmaddr) noexcept {
     note("shmdt");
-    return shmdt_call(shmaddr);
+    const int result = shmdt_call(shmaddr);
+    if (result == 0) attached_segments.erase(shmaddr);
+    return result;
 }
 int shmctl(int shmid, int cmd, shmid_ds* buf) noexcept {
     if (cmd == IPC_RMID) note("remove " + std::to_string(shmid));
@@ -254,6 +268,7 @@ protected:
     ~PZFileGuardTest() override {
         umask(oldMask_);
         reset_calls();  // before the files are cleared away
+        detach_segments();
     }
 
     /// The messages of the error lines since the last call.
