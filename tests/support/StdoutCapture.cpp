@@ -83,16 +83,18 @@ std::vector<std::string> error_messages(const std::string& output) {
 
 bool has_report(const std::string& output, const std::string& function, const std::string& base,
                 const std::string& message) {
+    return has_unended_report(output, function, base, message + "\n");
+}
+
+bool has_unended_report(const std::string& output, const std::string& function,
+                        const std::string& base, const std::string& message) {
     const std::string head = "[error] " + function + "()@" + base + "(";
     size_t pos = 0;
     while ((pos = output.find(head, pos)) != kNone) {
         const size_t end = output.find(kReset, pos);
         const std::string line = output.substr(pos, end - pos);
         const size_t start = line.find("} : ");
-        if (start != kNone &&
-            (line.substr(start + 4) == message + "\n" || line.substr(start + 4) == message)) {
-            return true;
-        }
+        if (start != kNone && line.substr(start + 4) == message) return true;
         pos += head.size();
     }
     return false;

@@ -32,10 +32,14 @@ std::string padded_line(const std::string& colour, const std::string& line);
 /// without the line feed, in order.
 std::vector<std::string> error_messages(const std::string& output);
 
-/// True when an error line of `function` in the file `base` says `message` (no line feed). Shows
-/// that a report names the right place.
+/// True when an error line of `function` in the file `base` says `message` and then ends with a
+/// line feed, which is no part of `message`. Shows that a report names the right place.
 bool has_report(const std::string& output, const std::string& function, const std::string& base,
                 const std::string& message);
+
+/// The same for the few reports that end without a line feed.
+bool has_unended_report(const std::string& output, const std::string& function,
+                        const std::string& base, const std::string& message);
 
 /// How often `text` stands in `output`.
 unsigned int count_of(const std::string& output, const std::string& text);
