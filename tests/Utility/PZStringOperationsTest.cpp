@@ -456,6 +456,8 @@ TEST_F(PZStringOperationsTest, DoesNotCutOutsideOfItsText) {
     EXPECT_STREQ("abcdef", text.SubStr(0, 6).RefCHAR());
     EXPECT_STREQ("abcdef", text.SubStr(6, 3).RefCHAR());
     EXPECT_STREQ("abcdef", text.SubStr(6).RefCHAR());
+    EXPECT_STREQ("abcdef", text.SubStr(6, 5).RefCHAR());
+    EXPECT_STREQ(L"ab", PZString(L"ab").SubStr(8, 7).RefWCHAR());
     EXPECT_STREQ("", PZString("").SubStr(0).RefCHAR());
     EXPECT_EQ(nullptr, PZString().SubStr(0).RefCHAR());
     EXPECT_EQ(nullptr, PZString().SubStr(0, 0).RefCHAR());

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <cwchar>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -200,6 +202,17 @@ TEST_F(PZStringTest, HoldsNothingWhenMadeOfUnitsInARefusedCodePage) {
     EXPECT_TRUE(pztest::has_report(output, "Copy", "PZString.cpp", "not support for now."));
     EXPECT_TRUE(pztest::has_report(output, "PZString", "PZString.cpp", "error"));
     EXPECT_TRUE(has_code_page(text, XCP_UTF16));
+    EXPECT_TRUE(holds_nothing(text));
+}
+
+TEST_F(PZStringTest, KeepsTheCodePageWhenMadeOfUnitsInAPageOfOtherText) {
+    PZString text(kLittle, XCP_UTF8);
+    const std::string output = capture.Take();
+    EXPECT_EQ((std::vector<std::string>{"invalid param.", "error"}),
+              pztest::error_messages(output));
+    EXPECT_TRUE(pztest::has_report(output, "Copy", "PZString.cpp", "invalid param."));
+    EXPECT_TRUE(pztest::has_report(output, "PZString", "PZString.cpp", "error"));
+    EXPECT_TRUE(has_code_page(text, XCP_UTF8));
     EXPECT_TRUE(holds_nothing(text));
 }
 
@@ -572,6 +585,34 @@ TEST_F(PZStringTest, DoesNotAddAnObjectWithoutTextToWideText) {
     EXPECT_STREQ(L"abc", text.RefWCHAR());
 }
 
+TEST_F(PZStringTest, KeepsItsTextWhenAnAddedObjectCannotBeConverted) {
+    PZString narrow("a", XCP_ISO8859_1);
+    EXPECT_FALSE(narrow.Append(PZString(L"\u3042")));
+    EXPECT_TRUE(ReportedLast("ToCHAR", "faild to convert"));
+    EXPECT_FALSE(narrow.AppendToHead(PZString("\xE3\x81\x82")));
+    EXPECT_TRUE(ReportedLast("ToCHAR", "faild to convert ret[0]"));
+    EXPECT_STREQ("a", narrow.RefCHAR());
+    EXPECT_TRUE(has_code_page(narrow, XCP_ISO8859_1));
+
+    PZString wide(L"a");
+    EXPECT_FALSE(wide.Append(PZString("\xFF")));
+    EXPECT_TRUE(ReportedLast("ToWCHAR", "faild to convert"));
+    EXPECT_FALSE(wide.AppendToHead(PZString("", XCP_NONE)));
+    EXPECT_TRUE(Reported("ToWCHAR", "unknown code page"));
+    EXPECT_STREQ(L"a", wide.RefWCHAR());
+    EXPECT_TRUE(has_code_page(wide, XCP_NONE));
+}
+
+TEST_F(PZStringTest, AddsAnEmptyObjectOfAnyCodePage) {
+    PZString text("a", XCP_ISO8859_1);
+    EXPECT_TRUE(text.Append(PZString("")));
+    EXPECT_TRUE(text.AppendToHead(PZString(L"")));
+    EXPECT_TRUE(text.Append(PZString("", XCP_NONE)));
+    EXPECT_STREQ("a", text.RefCHAR());
+    EXPECT_TRUE(has_code_page(text, XCP_ISO8859_1));
+    EXPECT_TRUE(Silent());
+}
+
 TEST_F(PZStringTest, AddsItselfToItself) {
     const std::string once = "0123456789abcdefghij";
     PZString text(once);
@@ -679,6 +720,18 @@ TEST_F(PZStringTest, ToCharReadsRadioText) {
     PZString arrows(std::string(50, '\xAD').c_str(), XCP_RDS);
     ASSERT_NE(nullptr, arrows.ToCHAR(XCP_UTF8));
     EXPECT_EQ(50U, arrows.Length());
+}
+
+TEST_F(PZStringTest, TurnsRadioTextIntoNoOtherForm) {
+    for (const EN_XCP page : {XCP_RDS, XCP_RDS_2017, XCP_RBDS_2017}) {
+        PZString text("a", page);
+        EXPECT_EQ(nullptr, text.ToWCHAR());
+        EXPECT_TRUE(ReportedLast("ToWCHAR", "faild to convert"));
+        EXPECT_EQ(nullptr, text.ToWCHAR16(XCP_UTF16LE));
+        EXPECT_TRUE(ReportedLast("ToWCHAR16", "faild to convert"));
+        EXPECT_STREQ("a", text.RefCHAR());
+        EXPECT_TRUE(has_code_page(text, page));
+    }
 }
 
 TEST_F(PZStringTest, ToCharLeavesEmptyNarrowTextInItsCodePage) {
@@ -896,6 +949,31 @@ TEST_F(PZStringTest, ConvertsThroughZeroedBuffersOfSettledSizes) {
     EXPECT_TRUE(offeredZeros);
     EXPECT_EQ(5, iconv_call.Calls());
     EXPECT_STREQ("abc", text.RefCHAR());
+}
+
+TEST_F(PZStringTest, IsCopiedAndConvertedByEightThreadsAtOnce) {
+    const PZString original(kUtf8);
+    std::vector<int> wrong(8, -1);
+    std::vector<std::thread> threads;
+    threads.reserve(wrong.size());
+    for (int& count : wrong) {
+        threads.emplace_back([&count, &original] {
+            count = 0;
+            for (int round = 0; round < 100; ++round) {
+                PZString text(original);
+                const wchar_t* const wide = text.ToWCHAR();
+                if (wide == nullptr || std::wcscmp(kWide, wide) != 0) ++count;
+                const char* const latin = text.ToCHAR(XCP_ISO8859_1);
+                if (latin == nullptr || std::strcmp(kLatin1, latin) != 0) ++count;
+                if (units(text.ToWCHAR16(XCP_UTF16BE)) != units(kBig)) ++count;
+                const char* const back = text.ToTCHAR();
+                if (back == nullptr || std::strcmp(kUtf8, back) != 0) ++count;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(std::vector<int>(8, 0), wrong);
+    EXPECT_STREQ(kUtf8, original.RefCHAR());
 }
 
 TEST_F(PZStringTest, KeepsItsPointersWhileItIsOnlyRead) {

@@ -84,6 +84,12 @@ size_t fail_after_two_bytes(iconv_t converter, char** in, size_t* inLeft, char**
     return static_cast<size_t>(-1);
 }
 
+int close_and_leave_an_error(iconv_t converter) {
+    const int result = iconv_close_call.Real(converter);
+    errno = EBADF;
+    return result;
+}
+
 EN_XCP page(int value) {
     return static_cast<EN_XCP>(value);
 }
@@ -339,6 +345,16 @@ TEST_F(pz_cp_convTest, ReportsBytesThatAreNotOfTheSourcePage) {
     EXPECT_EQ(std::string("\0b-", 3), dst.First(3));
     EXPECT_EQ(1, iconv_call.Calls());
     EXPECT_EQ(1, iconv_close_call.Calls());
+}
+
+TEST_F(pz_cp_convTest, ReportsTheErrorOfTheConversionWhateverClosingLeavesInErrno) {
+    iconv_close_call.Replace(close_and_leave_an_error);
+    Buffer dst;
+    pztest::StdoutCapture output;
+    EXPECT_EQ(0, pz_cp_conv(dst.bytes, 2, XCP_UTF8, "abc", 3, XCP_UTF8));
+    EXPECT_TRUE(reports(output.Take(),
+                        "conv_character_code : iconv error [-1] [7:Argument list too long] : "
+                        "dst[UTF-8] sz[2] : src[UTF-8] sz[3]"));
 }
 
 TEST_F(pz_cp_convTest, ReportsCharactersThatTheTargetPageLacks) {
