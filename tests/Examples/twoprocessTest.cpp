@@ -1,13 +1,15 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fcntl.h>
 #include <algorithm>
+#include <cstdio>
 #include <memory>
-#include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <Framework/Communication/PZFileGuard.h>
@@ -55,6 +57,31 @@ std::vector<std::string> lines_of(const std::string& text) {
     return lines;
 }
 
+/// The text without the codes that colour the lines of the framework's log.
+std::string without_colours(std::string text) {
+    for (size_t at = 0; (at = text.find("\033[", at)) != std::string::npos;)
+        text.erase(at, text.find('m', at) + 1 - at);
+    return text;
+}
+
+/// The number behind `before`; 0 when the text does not tell one.
+unsigned int number_behind(const std::string& before, const std::string& text) {
+    const size_t at = text.find(before);
+    unsigned int number = 0;
+    if (at != std::string::npos) std::sscanf(text.c_str() + at + before.size(), "%u", &number);
+    return number;
+}
+
+/// Whether the settings are complete: a number behind every name, and nothing else.
+bool are_whole_settings(const std::string& text) {
+    const std::vector<std::string> names = {
+        "tuner.run=", "tuner.on=", "tuner.station=", "display.run=", "display.tuner="};
+    std::string expected;
+    for (const std::string& name : names)
+        expected += name + std::to_string(number_behind(name, text)) + "\n";
+    return text == expected;
+}
+
 bool has_whole_broadcast(const std::vector<std::string>& lines) {
     for (const auto& station : kBroadcast) {
         for (const std::string& line : station) {
@@ -100,9 +127,7 @@ public:
 
     /// Lines on the standard output that are not of the framework's log.
     std::vector<std::string> Shown() const {
-        static const std::regex kColour("\033\\[[0-9]*m");
-        std::vector<std::string> lines =
-            lines_of(std::regex_replace(read_file(out_), kColour, std::string()));
+        std::vector<std::string> lines = lines_of(without_colours(read_file(out_)));
         lines.erase(std::remove_if(lines.begin(), lines.end(),
                                    [](const std::string& line) { return contains(line, "{pz_"); }),
                     lines.end());
@@ -210,13 +235,6 @@ protected:
     int tuners = 0;
     int displays = 0;
 };
-
-constexpr char kSettingsForm[] =
-    "tuner\\.run=[0-9]+\n"
-    "tuner\\.on=[01]\n"
-    "tuner\\.station=(8930|9410|10190)\n"
-    "display\\.run=[0-9]+\n"
-    "display\\.tuner=[0-9]+\n";
 
 }  // namespace
 
@@ -335,12 +353,9 @@ TEST_F(twoprocessTest, ADisplaySkipsWhatWasMeantForTheKilledOne) {
     EXPECT_EQ(0, display->End());
     EXPECT_EQ(0, tuner->End());
     expect_only_the_broadcast(display->Shown());
-    std::smatch skipped;
     const std::string notes = display->Notes();
-    ASSERT_TRUE(std::regex_search(notes, skipped,
-                                  std::regex("pz_display: ([0-9]+) old messages skipped\n")))
-        << notes;
-    EXPECT_GE(std::stoi(skipped[1]), 64);
+    EXPECT_TRUE(contains(notes, " old messages skipped\n")) << notes;
+    EXPECT_GE(number_behind("listens to tuner 1\npz_display: ", notes), 64U) << notes;
     ExpectNothingLeftBehind();
 }
 
@@ -353,10 +368,8 @@ TEST_F(twoprocessTest, ATunerTellsTheStationFirstWhenAFullQueueHasRoomAgain) {
     const std::string station = Setting("tuner.station");
     ASSERT_TRUE(wait_until([&] { return Setting("tuner.station") != station; }));
     display->Signal(SIGCONT);
-    EXPECT_TRUE(wait_until([&] {
-        return std::regex_search(tuner->Notes(),
-                                 std::regex("pz_tuner: the queue has room: [1-9][0-9]* dropped\n"));
-    }));
+    const std::string room = "pz_tuner: the queue has room: ";
+    EXPECT_TRUE(wait_until([&] { return number_behind(room, tuner->Notes()) > 0; }));
     EXPECT_TRUE(WaitForBroadcast(*display));
     EXPECT_EQ(0, display->End());
     EXPECT_EQ(0, tuner->End());
@@ -471,18 +484,17 @@ TEST_F(twoprocessTest, ADisplayEndsAlthoughATunerDiedWithTheMutex) {
 }
 
 TEST_F(twoprocessTest, TheSettingsAreWholeWheneverATunerIsKilled) {
-    const std::regex form(kSettingsForm);
     for (int run = 1; run <= 20; ++run) {
         const ProgramPtr tuner = StartTuner("1");
         ASSERT_TRUE(WaitForSetting("tuner.run", std::to_string(run)));
         const std::string station = Setting("tuner.station");
         // The file is being replaced at these moments.
         ASSERT_TRUE(wait_until([&] {
-            EXPECT_TRUE(std::regex_match(SettingsText(), form)) << SettingsText();
+            EXPECT_TRUE(are_whole_settings(SettingsText())) << SettingsText();
             return Setting("tuner.station") != station;
         }));
         tuner->Kill();
-        EXPECT_TRUE(std::regex_match(SettingsText(), form)) << SettingsText();
+        EXPECT_TRUE(are_whole_settings(SettingsText())) << SettingsText();
     }
 }
 
@@ -505,7 +517,7 @@ TEST_F(twoprocessTest, BothPutRightASettingsFileThatWasSpoiled) {
     EXPECT_TRUE(WaitForListener("1", "1"));
     EXPECT_EQ(0, display->End());
     EXPECT_EQ(0, tuner->End());
-    EXPECT_TRUE(std::regex_match(SettingsText(), std::regex(kSettingsForm))) << SettingsText();
+    EXPECT_TRUE(are_whole_settings(SettingsText())) << SettingsText();
     ExpectNothingLeftBehind();
 }
 
