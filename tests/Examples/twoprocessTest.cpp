@@ -1,9 +1,9 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fcntl.h>
 #include <algorithm>
 #include <cstdio>
 #include <memory>
