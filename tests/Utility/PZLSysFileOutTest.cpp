@@ -1,5 +1,6 @@
 #include "Framework/Utility/PZLSysFileOut.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -348,6 +349,14 @@ TEST_F(PZLSysFileOutTest, OpensInTheModeOfItsKind) {
     EXPECT_EQ("wb+", mode(0, true));
     EXPECT_EQ("a+", mode(1000, false));
     EXPECT_EQ("ab+", mode(1000, true));
+}
+
+TEST_F(PZLSysFileOutTest, KeepsItsFileFromProgramsThatTheProcessStarts) {
+    for (const unsigned int maxSize : {0U, 1000U}) {
+        Log log(*this, maxSize, 0);
+        ASSERT_TRUE(log.Open());
+        EXPECT_EQ(FD_CLOEXEC, fcntl(fileno(opened_files.back().stream), F_GETFD) & FD_CLOEXEC);
+    }
 }
 
 TEST_F(PZLSysFileOutTest, EmptiesTheSingleFileAtEveryOpenWithoutAMaximum) {

@@ -21,12 +21,13 @@
 /// A generation that is there already is not overwritten, and none but the last is removed: so
 /// after the first shifts the younger ones stand still. Each step that fails prints a message.
 ///
-/// Threads:   one object is used by one thread at a time.
-/// Ownership: nothing that is passed in is kept. The destructor does not close the file: call
-/// Close. Units:     bytes. Durability: Flush and Close, and each shift and reopening, write all
-/// file systems to their
-///            disks (sync), which takes long. Data in between are buffered.
-/// Failures:  answered by Open and Write; file-system operations report theirs.
+/// Threads:    one object is used by one thread at a time.
+/// Ownership:  nothing that is passed in is kept. The destructor does not close the file: call
+///             Close. Programs that this process starts do not inherit the file.
+/// Units:      bytes.
+/// Durability: Flush and Close, and each shift and reopening, write all file systems to their
+///             disks (sync), which takes long. Data in between are buffered.
+/// Failures:   answered by Open and Write; file-system operations report theirs.
 class PZ_API PZLSysFileOut : private PZUncopyable {
 public:
     /// Answer of GetSize for a file that cannot be opened.

@@ -5,6 +5,7 @@
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -199,7 +200,10 @@ bool PZLSysFileOut::OpenAct() {
     const char* const appending = isBinary_ ? "ab+" : "a+";
     const char* const fromEmpty = isBinary_ ? "wb+" : "w+";
     stream_ = std::fopen(path, isAppending ? appending : fromEmpty);
-    return stream_ != nullptr;
+    if (stream_ == nullptr) return false;
+    // A program that this process starts must not keep an old log file in use.
+    fcntl(fileno(stream_), F_SETFD, FD_CLOEXEC);
+    return true;
 }
 
 void PZLSysFileOut::CloseAct() {
