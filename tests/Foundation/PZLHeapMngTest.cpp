@@ -1126,6 +1126,54 @@ TEST_F(PZLHeapMngFileTest, ChangesNoAccount) {
     Free(p);
 }
 
+namespace {
+
+/// A report file that is written on while another thread allocates: a hundred blocks for each
+/// handing over of data, which tells of fewer.
+struct BusyFile {
+    std::string text;
+    std::vector<void*> added;
+
+    static inline BusyFile* current = nullptr;
+    static constexpr size_t kMaxAdded = 3000;  // an endless report ends here
+
+    static ssize_t Write(void* /*cookie*/, const char* data, size_t size) {
+        current->text.append(data, size);
+        run_in_thread([] {
+            for (int i = 0; i < 100 && current->added.size() < kMaxAdded; ++i) {
+                current->added.push_back(Malloc(1));
+            }
+        });
+        return static_cast<ssize_t>(size);
+    }
+
+    static FILE* Open(const char* /*path*/, const char* mode) {
+        cookie_io_functions_t calls = {};
+        calls.write = &Write;
+        return fopencookie(nullptr, mode, calls);
+    }
+};
+
+}  // namespace
+
+TEST_F(PZLHeapMngFileTest, LeavesOutBlocksThatOtherThreadsAllocateMeanwhile) {
+    std::vector<void*> blocks;
+    for (unsigned int i = 0; i < 100; ++i) blocks.push_back(Malloc(i));
+    const pztest::FakeSyslog syslogFolder;
+    BusyFile busy;
+    BusyFile::current = &busy;
+    pztest::fopen_call.Replace(&BusyFile::Open);
+    pztest::StdoutCapture output;
+    FinMemMng();
+    EXPECT_FALSE(busy.added.empty());
+    const auto rows = block_rows(busy.text);
+    ASSERT_EQ(blocks.size(), rows.size());
+    for (size_t i = 0; i < rows.size(); ++i) EXPECT_EQ(hex(blocks[i]), rows[i].at(2));
+    EXPECT_EQ(blocks.size(), pztest::count_of(output.Take(), "    -    (0x"));
+    for (void* block : blocks) Free(block);
+    for (void* block : busy.added) Free(block);
+}
+
 TEST_F(PZLHeapMngFileTest, IsNamedAfterTheProcessAndTheTime) {
     void* p = Malloc(1);
     const auto file_name = [](const char* process) {

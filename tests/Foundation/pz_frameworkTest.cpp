@@ -6,6 +6,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <set>
@@ -495,6 +496,50 @@ TEST_F(pz_frameworkTest, NamesTheLeaksOfAllThreadsInAFileOfItsOwn) {
     }
     EXPECT_EQ(0U, pztest::count_of(file, "\t000404\t"));
     for (void* block : {first, second, third}) Free(block);
+}
+
+TEST_F(pz_frameworkTest, ReportsTheLeaksWhileOtherThreadsStillAllocate) {
+    constexpr size_t kMaxBlocks = 3000;  // of each thread
+    pz_FwInitialize("busy", 7);
+    void* leak = Malloc(101);
+    std::atomic<bool> isReporting{false};
+    std::atomic<bool> isOver{false};
+    std::atomic<int> allocating{0};
+    std::vector<void*> blocks[2];
+    std::vector<std::thread> threads;
+    for (auto& own : blocks) {
+        threads.emplace_back([&] {
+            own.push_back(Malloc(202));
+            pztest::wait_until([&] { return isReporting.load(); });
+            ++allocating;
+            while (!isOver && own.size() < kMaxBlocks) own.push_back(Malloc(303));
+        });
+    }
+    onStep = [&](const std::string& step) {
+        if (step != "FinMemMng") return;
+        isReporting = true;
+        pztest::wait_until([&] { return allocating == 2; });
+    };
+    pztest::StdoutCapture output;
+    pz_FwFinalize();
+    isOver = true;
+    for (std::thread& thread : threads) thread.join();
+
+    ASSERT_EQ(1U, syslogFolder.Names().size());
+    const std::string file = syslogFolder.Content(*syslogFolder.Names().begin());
+    const std::string table = output.Take();
+    EXPECT_EQ(1U, pztest::count_of(file, "\t000101\t-\t0x"));
+    EXPECT_EQ(2U, pztest::count_of(file, "\t000202\t-\t0x"));
+    EXPECT_EQ(1U, pztest::count_of(table, "   000101    -    (0x"));
+    EXPECT_EQ(2U, pztest::count_of(table, "   000202    -    (0x"));
+    // Both tell of the same blocks, each of them whole.
+    const unsigned int rows = pztest::count_of(file, "\t-\t0x");
+    EXPECT_EQ(rows, pztest::count_of(table, "    -    (0x"));
+    EXPECT_EQ(0U, pztest::count_of(file, "\tNG\t"));
+    Free(leak);
+    for (const auto& own : blocks) {
+        for (void* block : own) Free(block);
+    }
 }
 
 TEST_F(pz_frameworkTest, WritesNoFileWithoutLeaks) {

@@ -8,7 +8,8 @@
 //
 // Threads:   any thread may allocate and release, also what another thread allocated; one lock
 //            serialises them. InitMemMng and FinMemMng belong to the start and stop of the
-//            framework, take no lock, and want all other threads at rest.
+//            framework and take no lock. A thread that still allocates during FinMemMng does no
+//            harm; its new blocks are left out. No thread may release blocks meanwhile.
 // Ownership: what Malloc and Realloc give goes to Free or Realloc of this heap, never to the C
 //            library's.
 // Cost:      about 2.6 KiB and one call-stack capture for each block: a diagnostic allocator.

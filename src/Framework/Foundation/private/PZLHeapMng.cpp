@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -27,11 +28,18 @@ constexpr int kCallers = 10;
 constexpr int kCallerNameSize = 256;
 constexpr int kThreads = 200;
 
+struct ST_MEM_BLOCK;
+
+/// The report follows the links and reads the accounts without the lock: of a thread that still
+/// allocates meanwhile it sees each block whole or not at all.
+using Link = std::atomic<ST_MEM_BLOCK*>;
+using Count = std::atomic<unsigned int>;
+
 /// What stands in front of the caller's data; the trailer stands behind them.
 struct ST_MEM_BLOCK {
     unsigned int guards[2];  // written for a reader of memory dumps, never examined
-    ST_MEM_BLOCK* older;
-    ST_MEM_BLOCK* newer;
+    Link older;
+    Link newer;
     unsigned int size;                      // of the caller's data
     unsigned int threadId;                  // kernel id of the allocating thread
     void* callers[kCallers];                // return addresses, the direct caller first
@@ -56,33 +64,35 @@ static_assert(offsetof(ST_MEM_BLOCK, callers) == 32);
 static_assert(offsetof(ST_MEM_BLOCK, names) == 112);
 #endif
 static_assert(offsetof(ST_MEM_BLOCK, guards) == 0);
+static_assert(Link::is_always_lock_free && Count::is_always_lock_free);
 static_assert(sizeof(ST_MEM_BLOCK) == kHeaderSize);
 static_assert(kHeaderSize % alignof(std::max_align_t) == 0, "the data are aligned as by malloc");
 
 /// Live blocks and their requested bytes, with the peaks.
 struct ST_USAGE {
-    unsigned int count;
-    unsigned int maxCount;
-    unsigned int size;
-    unsigned int maxSize;
+    Count count;
+    Count maxCount;
+    Count size;
+    Count maxSize;
 
     void Add(unsigned int bytes) {
         size += bytes;
-        maxSize = std::max(maxSize, size);
+        maxSize = std::max(maxSize.load(), size.load());
         ++count;
-        maxCount = std::max(maxCount, count);
+        maxCount = std::max(maxCount.load(), count.load());
     }
 };
 
 struct ST_THREAD_USAGE {
-    unsigned int threadId;  // kernel id; 0: the entry is free, and so are all behind it
+    Count threadId;  // kernel id; 0: the entry is free, and so are all behind it
     ST_USAGE usage;
 };
 
-/// The accounts of the process. Guarded by heap_lock().
+/// The accounts of the process. Guarded by heap_lock(), but for the mark, which belongs to the
+/// thread that starts and stops the framework.
 struct ST_HEAP {
-    ST_MEM_BLOCK* head;        // oldest live block
-    ST_MEM_BLOCK* tail;        // newest live block
+    Link head;                 // oldest live block
+    Link tail;                 // newest live block
     const ST_MEM_BLOCK* mark;  // the tail when the measured period began; compared, never followed
     ST_USAGE total;
     ST_THREAD_USAGE threads[kThreads];
@@ -140,19 +150,22 @@ ST_THREAD_USAGE* find_thread_locked(unsigned int threadId) {
 }
 
 void append_locked(ST_MEM_BLOCK* block) {
-    block->older = heap.tail;
+    ST_MEM_BLOCK* const older = heap.tail;
+    block->older = older;
     block->newer = nullptr;
-    (heap.tail != nullptr ? heap.tail->newer : heap.head) = block;
+    (older != nullptr ? older->newer : heap.head) = block;
     heap.tail = block;
 }
 
 /// An inconsistent list is reported, and the block leaves it all the same.
 void unlink_locked(ST_MEM_BLOCK* block) {
-    ST_MEM_BLOCK*& fromOlder = block->older != nullptr ? block->older->newer : heap.head;
-    ST_MEM_BLOCK*& fromNewer = block->newer != nullptr ? block->newer->older : heap.tail;
+    ST_MEM_BLOCK* const older = block->older;
+    ST_MEM_BLOCK* const newer = block->newer;
+    Link& fromOlder = older != nullptr ? older->newer : heap.head;
+    Link& fromNewer = newer != nullptr ? newer->older : heap.tail;
     if (fromOlder != block || fromNewer != block) PZ_REPORT_ASSERTION();
-    fromOlder = block->newer;
-    fromNewer = block->older;
+    fromOlder = newer;
+    fromNewer = older;
 }
 
 /// Records the memory as a live block of the calling thread, allocated by the code behind
@@ -257,6 +270,17 @@ int printed(unsigned int quantity) {
     return static_cast<int>(quantity);
 }
 
+/// Calls `visit` for each live block, the oldest first and `newest` last: blocks that other threads
+/// add meanwhile would keep the report from ever ending.
+template <typename Visitor>
+void for_each_live_block(const ST_MEM_BLOCK* newest, const Visitor& visit) {
+    const ST_MEM_BLOCK* block = newest != nullptr ? heap.head.load() : nullptr;
+    while (block != nullptr) {
+        visit(*block);
+        block = block != newest ? block->newer.load() : nullptr;
+    }
+}
+
 void write_totals(PZLSysFileOut& file) {
     const ST_USAGE& total = heap.total;
     file.FWrite(
@@ -272,34 +296,34 @@ void write_threads(PZLSysFileOut& file) {
     for (const ST_THREAD_USAGE& entry : heap.threads) {
         if (entry.threadId == 0) return;
         const ST_USAGE& usage = entry.usage;
-        file.FWrite("%#010x     %05d         %05d        %07d     %07d\n", entry.threadId,
+        file.FWrite("%#010x     %05d         %05d        %07d     %07d\n", entry.threadId.load(),
                     printed(usage.count), printed(usage.maxCount), printed(usage.size),
                     printed(usage.maxSize));
     }
 }
 
-void write_live_blocks(PZLSysFileOut& file) {
+void write_live_blocks(PZLSysFileOut& file, const ST_MEM_BLOCK* newest) {
     file.FWrite("\n[Memory Leak Info]\n#\tTID\t\tAddress\t\tSize\tOverrun");
     for (int i = 0; i < kCallers; ++i) file.FWrite("\tMethod(%d)", i);
     file.FWrite("\n");
     int number = 0;
-    for (const ST_MEM_BLOCK* block = heap.head; block != nullptr; block = block->newer) {
-        file.FWrite("%04d\t%#010x\t%#010lx\t%06u\t%s", number++, block->threadId,
-                    address_of(data_of(block)), block->size, overrun_mark(block));
-        for (const void* caller : block->callers) file.FWrite("\t%#010lx", address_of(caller));
+    for_each_live_block(newest, [&](const ST_MEM_BLOCK& block) {
+        file.FWrite("%04d\t%#010x\t%#010lx\t%06u\t%s", number++, block.threadId,
+                    address_of(data_of(&block)), block.size, overrun_mark(&block));
+        for (const void* caller : block.callers) file.FWrite("\t%#010lx", address_of(caller));
         file.FWrite("\n");
-    }
+    });
 }
 
 /// A file of its own for every minute and process name; without one when it cannot be opened.
-void write_report_file() {
+void write_report_file(const ST_MEM_BLOCK* newest) {
     PZString name(L"HeapList_");
     name.Append(pz_GetName());
     PZLSysFileOut file(L"/Syslog/", name.ToWCHAR(), L"txt", false, 0, -1);
     if (!file.Open()) return;
     write_totals(file);
     write_threads(file);
-    write_live_blocks(file);
+    write_live_blocks(file, newest);
     file.Close();
 }
 
@@ -309,24 +333,22 @@ void print_line_of_stars() {
     std::putchar('\n');
 }
 
-void print_block(unsigned int number, const ST_MEM_BLOCK* block) {
-    std::printf("[%04u] %#010x  %#010lx   %06lu    %s    ", number, block->threadId,
-                address_of(data_of(block)), static_cast<unsigned long>(block->size),
-                overrun_mark(block));
-    for (const void* caller : block->callers) std::printf("(%#010lx)    ", address_of(caller));
+void print_block(unsigned int number, const ST_MEM_BLOCK& block) {
+    std::printf("[%04u] %#010x  %#010lx   %06lu    %s    ", number, block.threadId,
+                address_of(data_of(&block)), static_cast<unsigned long>(block.size),
+                overrun_mark(&block));
+    for (const void* caller : block.callers) std::printf("(%#010lx)    ", address_of(caller));
     std::putchar('\n');
 }
 
 /// The table of all live blocks on the standard output, the oldest first.
-void print_live_blocks() {
+void print_live_blocks(const ST_MEM_BLOCK* newest) {
     print_line_of_stars();
     std::printf("[Memory Leak Info]\n [#]       TID    :  Address  :  Size  : Overrun : ");
     for (int i = 0; i < kCallers; ++i) std::printf("Method(%d) : ", i);
     std::putchar('\n');
     unsigned int number = 0;
-    for (const ST_MEM_BLOCK* block = heap.head; block != nullptr; block = block->newer) {
-        print_block(number++, block);
-    }
+    for_each_live_block(newest, [&](const ST_MEM_BLOCK& block) { print_block(number++, block); });
     print_line_of_stars();
     std::fflush(stdout);
 }
@@ -338,9 +360,10 @@ void InitMemMng() {
 }
 
 void FinMemMng() {
-    if (heap.tail == heap.mark) return;
-    write_report_file();
-    if (heap.head != nullptr) print_live_blocks();
+    const ST_MEM_BLOCK* const newest = heap.tail;
+    if (newest == heap.mark) return;
+    write_report_file(newest);
+    if (newest != nullptr) print_live_blocks(newest);
 }
 
 void* Malloc(unsigned int size) {
