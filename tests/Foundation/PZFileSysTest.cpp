@@ -207,18 +207,40 @@ TEST_F(PZFileSysTest, FailsWithoutAWordForNullAndEmptyWidePaths) {
 }
 
 TEST_F(PZFileSysTest, FailsForWidePathsThatAreNoText) {
-    // Half a pair of UTF-16 is no character.
-    const std::wstring text = Wide(dir.File("x")) + static_cast<wchar_t>(0xD800);
-    const wchar_t* const half = text.c_str();
     PZFileSys::DiskInfo info = {1, 2, 3};
     mkdir_call.Reset();  // the fixture's own
-    EXPECT_FALSE(PZFileSys::IsExist(half));
-    EXPECT_FALSE(PZFileSys::Delete(half, true));
-    EXPECT_FALSE(PZFileSys::RemoveDirectory(half, true));
-    EXPECT_FALSE(PZFileSys::CreateDirectory(half, true));
-    EXPECT_FALSE(PZFileSys::GetDiskFreeSpace(half, info));
-    EXPECT_FALSE(files.FindFirst(half, data));
+    // Half a pair of UTF-16, and what no encoding reaches.
+    for (const unsigned int noCharacter : {0xD800U, 0x80000000U, 0xFFFFFFFFU}) {
+        const std::wstring text = Wide(dir.File("x")) + static_cast<wchar_t>(noCharacter);
+        const wchar_t* const bad = text.c_str();
+        EXPECT_FALSE(PZFileSys::IsExist(bad)) << noCharacter;
+        EXPECT_FALSE(PZFileSys::Delete(bad, true)) << noCharacter;
+        EXPECT_FALSE(PZFileSys::RemoveDirectory(bad, true)) << noCharacter;
+        EXPECT_FALSE(PZFileSys::CreateDirectory(bad, true)) << noCharacter;
+        EXPECT_FALSE(PZFileSys::CreateDirectorySupportingLayers(bad)) << noCharacter;
+        EXPECT_FALSE(PZFileSys::GetDiskFreeSpace(bad, info)) << noCharacter;
+        EXPECT_FALSE(files.FindFirst(bad, data)) << noCharacter;
+        EXPECT_FALSE(files.FindFirstWithFilter(bad, data, kFile, false)) << noCharacter;
+    }
     EXPECT_EQ(0, stat_call.Calls() + mkdir_call.Calls() + statfs_call.Calls() + syncs);
+}
+
+// Behind the last character UTF-8 may go on or not: that is the conversion's choice. What it must
+// never do is to leave the character out.
+TEST_F(PZFileSysTest, NeverShortensAWidePathByWhatIsNoCharacter) {
+    for (const unsigned int noCharacter : {0x110000U, 0x7FFFFFFFU}) {
+        const std::wstring text = Wide(dir.File("x")) + static_cast<wchar_t>(noCharacter);
+        const bool isCreated = PZFileSys::CreateDirectory(text.c_str(), true);
+        EXPECT_EQ(isCreated, PZFileSys::IsExist(text.c_str())) << noCharacter;
+        EXPECT_EQ(isCreated, files.FindFirst(dir.Path().c_str(), data)) << noCharacter;
+        if (isCreated) {
+            EXPECT_EQ('x', data.name[0]);
+            EXPECT_LT(1u, std::strlen(data.name));
+            EXPECT_FALSE(files.FindNext(data)) << "that directory alone";
+        }
+        EXPECT_EQ(isCreated, PZFileSys::RemoveDirectory(text.c_str(), false)) << noCharacter;
+        EXPECT_FALSE(files.FindFirst(dir.Path().c_str(), data)) << noCharacter;
+    }
 }
 
 // ---- GetDiskFreeSpace ----
@@ -304,8 +326,9 @@ TEST_F(PZFileSysTest, RefusesToDeleteWhatIsNoFileWithTenFrames) {
     EXPECT_TRUE(Exists(dir.Path()));
     EXPECT_EQ(0, syncs);
 
-    EXPECT_FALSE(PZFileSys::Delete("/no/file", true));
-    EXPECT_EQ(1u, pztest::count_of(output.Take(), "this is not file [/no/file]\n"));
+    const std::string none = dir.File("none");
+    EXPECT_FALSE(PZFileSys::Delete(none.c_str(), true));
+    EXPECT_EQ(1u, pztest::count_of(output.Take(), "this is not file [" + none + "]\n"));
 }
 
 TEST_F(PZFileSysTest, ReportsAFileThatCannotBeDeleted) {
@@ -488,6 +511,42 @@ TEST_F(PZFileSysTest, FollowsNoLinkThatTakesThePlaceOfADirectory) {
     EXPECT_TRUE(PZFileSys::RemoveDirectory(top.c_str(), true)) << "b cannot be opened";
     EXPECT_TRUE(Exists(outside + "/f"));
     EXPECT_TRUE(Exists(top));
+    EXPECT_EQ(1, syncs);
+}
+
+TEST_F(PZFileSysTest, StaysInADirectoryThatGivesWayToALinkWhileItIsEmptied) {
+    static std::string swapped;
+    static std::string away;
+    const std::string outside = MakeDir("outside");
+    Make("outside/f");
+    const std::string top = MakeDir("a");
+    swapped = MakeDir("a/b");
+    Make("a/b/f");
+    away = dir.File("away");
+    unlinkat_call.Replace([](int fd, const char* path, int flags) {
+        if (::rename(swapped.c_str(), away.c_str()) == 0) {
+            EXPECT_EQ(0, ::symlink("../outside", swapped.c_str()));
+        }
+        return unlinkat_call.Real(fd, path, flags);
+    });
+    EXPECT_FALSE(PZFileSys::RemoveDirectory(top.c_str(), true)) << "a link is no directory";
+    EXPECT_TRUE(Exists(outside + "/f"));
+    EXPECT_FALSE(Exists(away + "/f")) << "the file that was found";
+    EXPECT_EQ(0, syncs);
+}
+
+TEST_F(PZFileSysTest, EmptiesTheDirectoryBehindALinkThatIsItsPathAndKeepsTheLink) {
+    const std::string folder = MakeDir("a");
+    Make("a/f");
+    const std::string link = dir.File("link");
+    ASSERT_EQ(0, ::symlink("a", link.c_str()));
+    EXPECT_FALSE(PZFileSys::RemoveDirectory(link.c_str(), true));
+    EXPECT_FALSE(Exists(folder + "/f"));
+    EXPECT_TRUE(Exists(folder));
+    EXPECT_TRUE(Exists(link));
+    EXPECT_FALSE(PZFileSys::RemoveDirectory(link.c_str(), false));
+    EXPECT_TRUE(Exists(link));
+    EXPECT_EQ(0, syncs);
 }
 
 TEST_F(PZFileSysTest, ReachesPathsOf511BytesAndReportsLongerOnes) {
