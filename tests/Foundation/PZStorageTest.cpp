@@ -51,7 +51,6 @@ using pztest::StdoutCapture;
 using pztest::write_file;
 
 constexpr long long kFiveGiB = 5LL << 30;
-constexpr wchar_t kNoCharacter[] = {L'x', static_cast<wchar_t>(0xD800), L'\0'};
 
 std::string last_error_text(int error) {
     return "std library error [" + std::to_string(error) + " : " + std::strerror(error) + "]";
@@ -196,13 +195,42 @@ TEST_F(PZStorageTest, OpensWidePathsInUtf8) {
 }
 
 TEST_F(PZStorageTest, RefusesWideTextsThatCannotBeConverted) {
+    const std::wstring widePath(path.begin(), path.end());
     StdoutCapture output;
-    EXPECT_EQ(1, storage.Open(kNoCharacter, L"wb"));
-    EXPECT_EQ(1, storage.Open(L"/tmp", kNoCharacter));
-    EXPECT_EQ(0, PZStorage::GetSize(kNoCharacter));
-    EXPECT_FALSE(storage.IsOpen());
+    // Half a pair of UTF-16, and what no encoding reaches.
+    for (const unsigned int noCharacter : {0xD800U, 0x80000000U, 0xFFFFFFFFU}) {
+        const std::wstring badPath = widePath + static_cast<wchar_t>(noCharacter);
+        const std::wstring badMode = std::wstring(L"wb") + static_cast<wchar_t>(noCharacter);
+        EXPECT_EQ(1, storage.Open(badPath.c_str(), L"wb")) << noCharacter;
+        EXPECT_EQ(1, storage.Open(widePath.c_str(), badMode.c_str())) << noCharacter;
+        EXPECT_EQ(0, PZStorage::GetSize(badPath.c_str())) << noCharacter;
+        EXPECT_FALSE(storage.IsOpen()) << noCharacter;
+        EXPECT_EQ(2U, pztest::count_of(output.Take(), last_error_text(EINVAL))) << noCharacter;
+    }
     EXPECT_EQ(0, fopen_call.Calls());
-    EXPECT_EQ(2U, pztest::count_of(output.Take(), last_error_text(EINVAL)));
+}
+
+TEST_F(PZStorageTest, ClosesTheFirstFileWhenTheSecondHasNoName) {
+    Create();
+    StdoutCapture output;
+    const wchar_t* const noText = nullptr;
+    EXPECT_EQ(1, storage.Open(noText, L"rb"));
+    EXPECT_FALSE(storage.IsOpen());
+}
+
+// Behind the last character UTF-8 may go on or not: that is the conversion's choice.
+TEST_F(PZStorageTest, NeverShortensAWidePathByWhatIsNoCharacter) {
+    const std::wstring widePath(path.begin(), path.end());
+    StdoutCapture output;
+    for (const unsigned int noCharacter : {0x110000U, 0x7FFFFFFFU}) {
+        const std::wstring text = widePath + static_cast<wchar_t>(noCharacter);
+        const bool isOpen = storage.Open(text.c_str(), L"wb") == 0;
+        EXPECT_EQ(isOpen, storage.IsOpen()) << noCharacter;
+        EXPECT_EQ(isOpen ? 3 : 0, storage.Write("abc", 3)) << noCharacter;
+        storage.Close();
+        EXPECT_EQ(isOpen ? 3 : 0, PZStorage::GetSize(text.c_str())) << noCharacter;
+        EXPECT_EQ(-1, size_on_disk(path)) << noCharacter;
+    }
 }
 
 TEST_F(PZStorageTest, RefusesNullWideTexts) {
@@ -367,6 +395,7 @@ TEST_F(PZStorageTest, SyncsTheDescriptorOfItsFile) {
 }
 
 TEST_F(PZStorageTest, FlushIsOneWhenTheDataCannotBeHandedOver) {
+    ASSERT_TRUE(std::filesystem::is_character_file("/dev/full"));
     ASSERT_EQ(0, storage.Open("/dev/full", "wb"));
     EXPECT_EQ(3, storage.Write("abc", 3));  // buffered
     EXPECT_EQ(1, storage.Flush());
