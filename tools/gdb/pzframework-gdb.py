@@ -1,0 +1,610 @@
+"""gdb's view of the framework's objects: texts as texts, queues as lists, locks with their owners.
+
+gdb loads this file together with the installed library; elsewhere `source` loads it. See
+docs/gdb.md. It needs gdb 9 or later, and the debug information of the program or the library.
+
+Nothing here calls into the program, so that core files are shown as well, and nothing trusts an
+object: what is null, not yet constructed or overwritten is shown as far as it can be read. At most
+as many elements are printed as `set print elements` says.
+"""
+
+import fcntl
+import functools
+import itertools
+import os
+import stat
+import struct
+import termios
+import time
+
+import gdb
+import gdb.printing
+import gdb.types
+
+MOST_ELEMENTS = 4096  # however many the user asks for: a count may be garbage
+
+# What reading a broken object raises.
+UNREADABLE = (gdb.error, RuntimeError, ValueError, TypeError, OverflowError, IndexError, KeyError,
+              OSError, struct.error)
+
+
+# What every printer needs.
+
+
+def most_elements():
+    """The limit of `set print elements`."""
+    limit = gdb.parameter("print elements")
+    return min(limit, MOST_ELEMENTS) if limit else MOST_ELEMENTS
+
+
+def in_host_charset(text):
+    """The text with escapes for what the terminal's character set does not have."""
+    charset = gdb.host_charset() if hasattr(gdb, "host_charset") else "ascii"
+    try:
+        return text.encode(charset, "backslashreplace").decode(charset)
+    except LookupError:
+        return text.encode("ascii", "backslashreplace").decode("ascii")
+
+
+def escaped(character):
+    """A character as it stands between quotes; surrogates without a partner as \\udxxx."""
+    special = {'"': '\\"', "\\": "\\\\"}
+    if character in special:
+        return special[character]
+    if character.isprintable():
+        return character
+    return character.encode("unicode_escape").decode("ascii")
+
+
+def escaped_byte(character):
+    """The same for a decoded byte; those that the code page does not have as \\xnn."""
+    if 0xDC80 <= ord(character) <= 0xDCFF:  # from "surrogateescape"
+        return "\\x%02x" % (ord(character) - 0xDC00)
+    return escaped(character)
+
+
+def quoted(text, escape=escaped):
+    """The text between quotes, on one line."""
+    return '"' + in_host_charset("".join(escape(c) for c in text)) + '"'
+
+
+def count_of(number, thing):
+    return "%d %s%s" % (number, thing, "" if number == 1 else "s")
+
+
+def unsigned(value, bits):
+    return int(value) & ((1 << bits) - 1)
+
+
+def memory(address, size):
+    return bytes(gdb.selected_inferior().read_memory(address, size))
+
+
+def hex_dump(address, size):
+    """The bytes in two digits each, as many as the limit allows."""
+    shown = min(size, most_elements())
+    dump = memory(address, shown).hex(" ")
+    return dump + " ..." if shown < size else dump
+
+
+def is_pointer(type_):
+    return type_.strip_typedefs().code == gdb.TYPE_CODE_PTR
+
+
+def size_behind(pointer):
+    """The size of what the pointer's type points at."""
+    return pointer.type.strip_typedefs().target().sizeof
+
+
+def held_pointer(value):
+    """The pointer in a std::unique_ptr or std::atomic, wherever it is nested; None without one."""
+    for field in value.type.strip_typedefs().fields():
+        if not hasattr(field, "bitpos"):
+            continue  # a static member
+        if is_pointer(field.type):
+            return value[field]
+        if field.type.strip_typedefs().code == gdb.TYPE_CODE_STRUCT:
+            pointer = held_pointer(value[field])
+            if pointer is not None:
+                return pointer
+    return None
+
+
+def dynamic_name(pointer):
+    """The class of the object behind a base pointer, and its address."""
+    if int(pointer) == 0:
+        return "null"
+    name = str(pointer.dynamic_type.target().unqualified())
+    return "%s at 0x%x" % (name, int(pointer))
+
+
+def elements_of_vector(vector):
+    """Address of the first element and the number of elements."""
+    first, last = vector["_M_impl"]["_M_start"], vector["_M_impl"]["_M_finish"]
+    return first, (int(last) - int(first)) // size_behind(first)
+
+
+def nodes_of_tree(tree):
+    """The nodes of a std::map or std::set in order; ends at a link that leads nowhere."""
+    header = tree["_M_t"]["_M_impl"]["_M_header"]
+    count = unsigned(tree["_M_t"]["_M_impl"]["_M_node_count"], 64)
+    node = header["_M_left"]
+    for _ in range(min(count, MOST_ELEMENTS)):
+        if int(node) == 0:
+            return
+        yield node
+        node = next_node(node)
+
+
+def next_node(node):
+    """As the C++ library steps; a tree is no deeper than its longest walk here."""
+    if int(node["_M_right"]) != 0:
+        node = node["_M_right"]
+        for _ in range(MOST_ELEMENTS):
+            if int(node["_M_left"]) == 0:
+                return node
+            node = node["_M_left"]
+        raise ValueError("broken tree")
+    parent = node["_M_parent"]
+    for _ in range(MOST_ELEMENTS):
+        if node != parent["_M_right"]:
+            break
+        node, parent = parent, parent["_M_parent"]
+    return parent if node["_M_right"] != parent else node
+
+
+def items_of_map(map_):
+    """Keys and values of a std::map."""
+    pair = map_.type.strip_typedefs().template_argument(3).template_argument(0)
+    for node in nodes_of_tree(map_):
+        item = (node + 1).cast(pair.pointer()).dereference()
+        yield item["first"], item["second"]
+
+
+def keys_of_set(set_):
+    """The keys of a std::set of pointers."""
+    key = set_.type.strip_typedefs().template_argument(0)
+    for node in nodes_of_tree(set_):
+        yield (node + 1).cast(key.pointer()).dereference()
+
+
+def elements_of_deque(deque):
+    """The elements of a std::deque from the front, and their number first."""
+    start, finish = deque["_M_impl"]["_M_start"], deque["_M_impl"]["_M_finish"]
+    size = size_behind(start["_M_cur"])
+    per_node = max(1, 512 // size)
+    nodes = (int(finish["_M_node"]) - int(start["_M_node"])) // start["_M_node"].type.sizeof
+    skipped = (int(start["_M_cur"]) - int(start["_M_first"])) // size
+    in_last = (int(finish["_M_cur"]) - int(finish["_M_first"])) // size
+    count = nodes * per_node + in_last - skipped
+    yield count
+    for index in range(skipped, skipped + count):
+        yield (start["_M_node"] + index // per_node).dereference()[index % per_node]
+
+
+def thread_numbers():
+    """gdb's numbers of the threads by their pthread_t, as far as it knows them."""
+    numbers = {}
+    for thread in gdb.selected_inferior().threads():
+        try:
+            handle = int.from_bytes(thread.handle(), "little")
+        except (AttributeError,) + UNREADABLE:
+            continue
+        numbers[handle] = thread.num
+    return numbers
+
+
+def thread_text(handle):
+    number = thread_numbers().get(handle)
+    return "thread %d" % number if number is not None else "thread 0x%x" % handle
+
+
+def is_live_here():
+    """Whether the program runs on this machine, so that its clock and descriptors are ours."""
+    inferior = gdb.selected_inferior()
+    connection = getattr(inferior, "connection", None)
+    return inferior.pid != 0 and connection is not None and connection.type == "native"
+
+
+def readable(operation):
+    """Makes an answer of whatever cannot be read."""
+    @functools.wraps(operation)
+    def guarded(*args):
+        try:
+            return operation(*args)
+        except UNREADABLE as error:
+            return "<not readable: %s>" % error
+    return guarded
+
+
+def readable_children(operation):
+    """The children up to the one that cannot be read. gdb itself stops at the user's limit."""
+    @functools.wraps(operation)
+    def guarded(*args):
+        try:
+            for name, value in itertools.islice(operation(*args), MOST_ELEMENTS):
+                yield name, value
+        except UNREADABLE as error:
+            yield "...", "<not readable: %s>" % error
+    return guarded
+
+
+# Texts and bytes.
+
+
+# Of the code pages by script, Python's name. All others have the number or the name in common.
+CODECS = {
+    "XCP_LATIN_ASCII": "ascii", "XCP_ARABIC": "cp1256", "XCP_CYRILLIC": "cp1251",
+    "XCP_LATIN_OEM": "cp850", "XCP_THAI": "cp874", "XCP_WESTERN": "cp1252",
+    "XCP_GREEK": "cp1253", "XCP_TURKISH": "cp1254", "XCP_CP936": "gbk", "XCP_SJIS": "shift_jis",
+    "XCP_ISO646_US": "ascii",
+}
+
+
+def quoted_bytes(text, page):
+    """A narrow text; of a code page that Python does not have, the ASCII and escapes."""
+    codec = CODECS.get(page) or page[len("XCP_"):].lower()
+    try:
+        decoded = text.decode(codec, "surrogateescape")
+    except (LookupError, UnicodeError):
+        decoded = text.decode("ascii", "surrogateescape")
+    return quoted(decoded, escaped_byte)
+
+
+def quoted_array(value):
+    """A character array in UTF-8 up to its zero, or whole without one."""
+    characters = bytes(unsigned(value[i], 8) for i in range(value.type.sizeof))
+    return quoted_bytes(characters.split(b"\0")[0], "XCP_UTF8")
+
+
+def quoted_wide(text):
+    """Wide characters; numbers that are none as U+FFFD."""
+    numbers = (number for number, in struct.iter_unpack("<I", text))
+    return quoted("".join(chr(n) if n < 0x110000 else "\ufffd" for n in numbers))
+
+
+def quoted_units(text, page):
+    order = "utf-16-be" if page == "XCP_UTF16BE" else "utf-16-le"
+    return quoted(text.decode(order, "surrogatepass"))
+
+
+class StringPrinter:
+    """PZString: the form that is held, its code page and the text."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        page = str(self.value["codePage_"])
+        narrow = held_pointer(self.value["narrow_"])
+        wide = held_pointer(self.value["wide_"])
+        units = held_pointer(self.value["units_"])
+        if narrow:
+            text, more = self.text_of(narrow.dereference(), 1)
+            return "%s %s%s" % (page, quoted_bytes(text, page), more)
+        if wide:
+            text, more = self.text_of(wide.dereference(), 4)
+            return "wide %s%s" % (quoted_wide(text), more)
+        if units:
+            text, more = self.units_of(units.dereference())
+            return "%s %s%s" % (page, quoted_units(text, page), more)
+        return "nothing" if page == "XCP_NONE" else "nothing, %s" % page
+
+    @staticmethod
+    def text_of(string, unit):
+        """The bytes of a std::string or std::wstring, and dots when some are left out."""
+        length = unsigned(string["_M_string_length"], 64)
+        shown = min(length, most_elements())
+        return memory(int(string["_M_dataplus"]["_M_p"]), shown * unit), "..." if shown < length else ""
+
+    @staticmethod
+    def units_of(vector):
+        first, count = elements_of_vector(vector)
+        count -= 1  # the terminator
+        if count < 0:
+            raise ValueError("16-bit text without terminator")
+        shown = min(count, most_elements())
+        return memory(int(first), shown * 2), "..." if shown < count else ""
+
+
+class BinaryPrinter:
+    """PZBinary: size, cursor and the bytes."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        size, cursor = unsigned(self.value["size_"], 32), unsigned(self.value["cursor_"], 32)
+        buffer = held_pointer(self.value["buffer_"])
+        head = "%s, cursor at %d" % (count_of(size, "byte"), cursor)
+        if size == 0:
+            return head
+        return "%s: %s" % (head, hex_dump(int(buffer), size))
+
+
+class ArchivePrinter:
+    """PZSerialization::Archive: size, read position and the bytes."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        first, size = elements_of_vector(self.value["buffer_"])
+        if size < 0:
+            raise ValueError("size below 0")
+        position = unsigned(self.value["readPosition_"], 32)
+        head = "%s, read up to %d" % (count_of(size, "byte"), position)
+        if size == 0:
+            return head
+        return "%s: %s" % (head, hex_dump(int(first), size))
+
+
+# Locks and events.
+
+
+class SyncPrinter:
+    """PZSync: kind, name, owner and how often the owner has locked it."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        if int(self.value["handle_"]) == 0:
+            return "not created"
+        kind = "named lock" if int(self.value["type_"]) == 0 else "lock"
+        name = quoted_array(self.value["name_"])
+        head = kind if name == '""' else "%s %s" % (kind, name)
+        # pthread_t is a number; an unsigned one, whatever gdb makes of it.
+        owner = unsigned(self.value["owner_"]["_M_i"], 64)
+        if owner == 0:
+            return head + ", not held here" if kind == "named lock" else head + ", free"
+        times = unsigned(self.value["nest_"], 32) + 1
+        nested = "" if times == 1 else ", %d times" % times
+        return "%s, held by %s%s" % (head, thread_text(owner), nested)
+
+
+class EventPrinter:
+    """PZEvent: the pending signals, where they can be counted, and the descriptors."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        read_fd, write_fd = int(self.value["readFd_"]), int(self.value["writeFd_"])
+        if read_fd == write_fd or -1 in (read_fd, write_fd):
+            return "not created"
+        pipe = "pipe %d to %d" % (write_fd, read_fd)
+        signals = self.pending(read_fd)
+        return pipe if signals is None else "%s, %s" % (count_of(signals, "signal"), pipe)
+
+    @staticmethod
+    def pending(read_fd):
+        """The bytes in the pipe; None for a core file, another machine and what is no pipe."""
+        path = "/proc/%d/fd/%d" % (gdb.selected_inferior().pid, read_fd)
+        try:
+            if not is_live_here() or not stat.S_ISFIFO(os.stat(path).st_mode):
+                return None
+            # A second reader, for this moment: the program stands still.
+            fd = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
+            try:
+                answer = fcntl.ioctl(fd, termios.FIONREAD, struct.pack("i", 0))
+                return struct.unpack("i", answer)[0]
+            finally:
+                os.close(fd)
+        except OSError:
+            return None
+
+
+# Message boxes.
+
+
+class MsgBoxPrinter:
+    """PZLMsgBox: what is pending, in the order of service, the receivers and the locks."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        messages = next(elements_of_deque(self.value["msgs_"]["ques_"]))
+        events = next(elements_of_deque(self.value["events_"]["c"]))
+        worker = int(self.value["workerId_"])
+        state = "worker %d" % worker if worker != 0 else "not served yet"
+        return "%s, %s, %s" % (state, count_of(messages, "message"), count_of(events, "event"))
+
+    @readable_children
+    def children(self):
+        yield "message lock", self.value["msgSync_"]
+        yield "dispatcher lock", self.value["dispatcherSync_"]
+        # The back of the queue is served first.
+        queue = elements_of_deque(self.value["msgs_"]["ques_"])
+        next(queue)
+        messages = list(itertools.islice(queue, MOST_ELEMENTS))
+        for index, message in enumerate(reversed(messages)):
+            yield "message %d" % index, self.message_text(message)
+        events = elements_of_deque(self.value["events_"]["c"])
+        next(events)
+        for index, event in enumerate(events):
+            yield "event %d" % index, "0x%x for %s" % (unsigned(event["bits"], 32),
+                                                       self.receiver(event["id"]))
+        for index, dispatcher in enumerate(keys_of_set(self.value["dispatchers_"])):
+            yield "dispatcher %d" % index, self.receiver(dispatcher)
+
+    def message_text(self, message):
+        priority = unsigned(message["Priority"], 32)
+        urgency = "emergency" if priority == 0 else "priority %d" % priority
+        head = "id %d, %s, for %s" % (unsigned(message["MsgID"], 32), urgency,
+                                      self.receiver(message["SID"]))
+        if int(message["Buff"]) == 0:
+            return head
+        size = unsigned(message["BuffSize"], 32)
+        return "%s, %s: %s" % (head, count_of(size, "byte"), self.payload(message, size))
+
+    @staticmethod
+    @readable
+    def payload(message, size):
+        return hex_dump(int(message["Buff"]), size)
+
+    @staticmethod
+    def receiver(id_):
+        """The class of a dispatcher, whose address is its identifier."""
+        try:
+            return dynamic_name(id_.cast(gdb.lookup_type("PZIDispatcher").pointer()))
+        except UNREADABLE:
+            return "0x%x" % unsigned(id_, 64)
+
+
+# Timers and threads.
+
+
+class TimerThreadPrinter:
+    """PZLTimerSubMng: its thread and the active timers, the next one first."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        name = quoted_array(self.value["thread_"]["name_"])
+        count = unsigned(self.value["timers_"]["_M_t"]["_M_impl"]["_M_node_count"], 64)
+        return "%s, %s" % ("not started" if name == '""' else name, count_of(count, "timer"))
+
+    @readable_children
+    def children(self):
+        last = unsigned(self.value["lastCheck_"], 32)
+        timers = list(items_of_map(self.value["timers_"]))
+        timers.sort(key=lambda item: unsigned(int(item[1]["expiry"]) - last, 32))
+        for timer, info in timers:
+            yield self.name_of(timer), self.timer_text(info)
+
+    @staticmethod
+    def name_of(timer):
+        try:
+            return dynamic_name(timer)
+        except UNREADABLE:
+            return "0x%x" % int(timer)
+
+    @staticmethod
+    def timer_text(info):
+        expiry = unsigned(info["expiry"], 32)
+        text = "interval %d ms, due at tick %d" % (unsigned(info["interval"], 32), expiry)
+        if not is_live_here():
+            return text
+        now = int(time.clock_gettime(time.CLOCK_MONOTONIC) * 1000)
+        left = unsigned(expiry - now, 32)
+        if left < 1 << 31:
+            return "%s, in %d ms" % (text, left)
+        return "%s, %d ms ago" % (text, (1 << 32) - left)
+
+
+class TimerMngPrinter:
+    """PZLTimerMng: the timer threads by the priorities of their callers."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        return count_of(unsigned(self.value["count_"], 32), "band")
+
+    @readable_children
+    def children(self):
+        for index in range(unsigned(self.value["count_"], 32)):
+            band = self.value["subs_"][index]
+            yield ("priorities %d to %d" % (int(band["lo"]), int(band["hi"])),
+                   band["sub"].dereference())
+
+
+class ThreadMngPrinter:
+    """PZThreadMng: the registered threads in the order of gdb's numbers."""
+
+    def __init__(self, value):
+        self.value = value
+
+    @readable
+    def to_string(self):
+        count = unsigned(self.value["threads_"]["_M_t"]["_M_impl"]["_M_node_count"], 64)
+        return count_of(count, "thread")
+
+    @readable_children
+    def children(self):
+        numbers = thread_numbers()
+        threads = [(unsigned(handle, 64), info)
+                   for handle, info in items_of_map(self.value["threads_"])]
+        threads.sort(key=lambda item: (numbers.get(item[0], MOST_ELEMENTS), item[0]))
+        for handle, info in threads:
+            yield thread_text(handle), self.thread_info(info)
+
+    @staticmethod
+    def thread_info(info):
+        states = {0: "waiting", 1: "running"}
+        status = int(info["status"])
+        return "%s, priority %d, %s, watch time %d ms" % (
+            quoted_array(info["name"]), int(info["priority"]),
+            states.get(status, "status %d" % status), unsigned(info["watchTime"], 32))
+
+
+# Registration.
+
+
+PRINTERS = {
+    "PZString": StringPrinter,
+    "PZBinary": BinaryPrinter,
+    "PZSerialization::Archive": ArchivePrinter,
+    "PZSync": SyncPrinter,
+    "PZEvent": EventPrinter,
+    "PZLMsgBox": MsgBoxPrinter,
+    "PZLTimerSubMng": TimerThreadPrinter,
+    "PZLTimerMng": TimerMngPrinter,
+    "PZThreadMng": ThreadMngPrinter,
+}
+
+
+class PrinterOfClass(gdb.printing.PrettyPrinter):
+    """Chooses the printer; `disable pretty-printer global pzframework` shows the raw fields."""
+
+    def __init__(self):
+        super().__init__("pzframework", [gdb.printing.SubPrettyPrinter(name) for name in PRINTERS])
+
+    def __call__(self, value):
+        type_ = gdb.types.get_basic_type(value.type)
+        if type_.code != gdb.TYPE_CODE_STRUCT or type_.name not in PRINTERS:
+            return None
+        if any(sub.name == type_.name and not sub.enabled for sub in self.subprinters):
+            return None
+        if value.type.strip_typedefs().code in (gdb.TYPE_CODE_REF, gdb.TYPE_CODE_RVALUE_REF):
+            value = value.referenced_value()
+        return PRINTERS[type_.name](value)
+
+
+class SingletonCommand(gdb.Command):
+    """Prints the one object of a class, one line for each element."""
+
+    def __init__(self, name, class_, documentation):
+        self.__doc__ = documentation
+        self.class_ = class_
+        super().__init__(name, gdb.COMMAND_DATA)
+
+    def invoke(self, argument, from_tty):
+        try:
+            self.print_object()
+        except UNREADABLE as error:
+            print("not readable: %s" % error)
+
+    def print_object(self):
+        holder = gdb.parse_and_eval("'PZSingleton<%s>::pInstance_'" % self.class_)
+        instance = held_pointer(holder)
+        if int(instance) == 0:
+            print("there is no %s" % self.class_)
+            return
+        print(instance.dereference().format_string(pretty_structs=True))
+
+
+gdb.printing.register_pretty_printer(gdb.current_objfile(), PrinterOfClass(), replace=True)
+SingletonCommand("pz-threads", "PZThreadMng", "List the registered threads of the program.")
+SingletonCommand("pz-timers", "PZLTimerMng", "List the active timers by their threads.")
