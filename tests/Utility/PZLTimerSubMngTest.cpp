@@ -120,6 +120,8 @@ protected:
 
     void StartAt(long long tickMs) {
         tick.Set(tickMs);
+        into_waits = 0;
+        out_waits = 0;
         ASSERT_EQ(1, sub.start("timers"));
         ASSERT_TRUE(waits.AwaitCount(1));
     }
