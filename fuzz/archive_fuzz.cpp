@@ -28,13 +28,13 @@ public:
     std::string Rest() const { return bytes_.substr(position_); }
 
     /// The next `size` bytes. False, and at the end, when fewer are left.
-    bool Take(size_t size, std::string& taken) {
+    bool Take(unsigned long long size, std::string& taken) {
         if (size > bytes_.size() - position_) {
             position_ = bytes_.size();
             return false;
         }
-        taken = bytes_.substr(position_, size);
-        position_ += size;
+        taken = bytes_.substr(position_, static_cast<size_t>(size));
+        position_ += taken.size();
         return true;
     }
 
