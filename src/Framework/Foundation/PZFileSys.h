@@ -155,6 +155,8 @@ public:
     ///
     /// A link, device, pipe or socket in a directory ends the copy with false. Below `src` a
     /// directory that cannot be opened counts as empty. A file that is copied in part stays.
+    /// `dst` must not lie in the directory `src`: with `createDirs` the copy is copied, too, level
+    /// below level, until a path takes 1024 bytes.
     static bool Copy(const char* src, const char* dst, bool failIfExists, bool createDirs);
     static bool Copy(const wchar_t* src, const wchar_t* dst, bool failIfExists, bool createDirs);
 
@@ -165,7 +167,7 @@ public:
     static bool Move(const char* src, const char* dst);
     static bool Move(const wchar_t* src, const wchar_t* dst);
 
-    // The steps of the operations above.
+    // The steps of the operations above. Those of a copy take no null.
 
     /// One regular file; the missing directories above `dst` with `createDirs`.
     static bool copyFile(const char* src, const char* dst, bool failIfExists, bool createDirs);
