@@ -5,6 +5,7 @@
 #include <sstream>
 #include <string>
 
+#include "support/ElfFile.h"
 #include "support/RunCommand.h"
 
 namespace {
@@ -80,3 +81,17 @@ TEST(exportedSymbolsTest, EveryPublicNameIsExported) {
         EXPECT_EQ(1U, members.count(name)) << name << " is not exported";
     }
 }
+
+#ifdef PZ_NEEDED_SYMBOLS
+TEST(exportedSymbolsTest, WhatItTakesFromTheCLibraryIsListed) {
+    std::istringstream lines(
+        pztest::run_command("nm -D --undefined-only --without-symbol-versions " PZ_LIBRARY).output);
+    std::set<std::string> taken;
+    for (std::string line; std::getline(lines, line);) {
+        const std::string name = line.substr(line.find_last_of(' ') + 1);
+        if (name[0] != '_') taken.insert(name);
+    }
+    ASSERT_FALSE(taken.empty());
+    EXPECT_EQ(pztest::read_list(PZ_NEEDED_SYMBOLS), taken) << "see abi/undefined.txt";
+}
+#endif
