@@ -1,6 +1,5 @@
 #include "Framework/Foundation/pz_framework.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
@@ -23,6 +22,7 @@
 #include <Framework/Utility/PZLTimerMng.h>
 
 #include "support/FakeSyslog.h"
+#include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
@@ -118,16 +118,7 @@ using Steps = std::vector<std::string>;
 
 /// Kernel ids of the living timer threads.
 std::set<std::string> timer_threads() {
-    std::set<std::string> ids;
-    DIR* tasks = opendir("/proc/self/task");
-    if (tasks == nullptr) std::abort();
-    while (const dirent* entry = readdir(tasks)) {
-        const std::string id = static_cast<const char*>(entry->d_name);
-        const std::string name = pztest::read_file("/proc/self/task/" + id + "/comm");
-        if (name.compare(0, 14, "ZLTimerSubMng_") == 0) ids.insert(id);
-    }
-    closedir(tasks);
-    return ids;
+    return pztest::threads_named("ZLTimerSubMng_");
 }
 
 /// A joined thread stays visible for a moment.

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Document.h"
 #include "support/TempDir.h"
 
 // docs/error-texts.md explains every text that the library reports: what the sources report and
@@ -127,22 +128,12 @@ Texts texts_of_the_library() {
     return texts;
 }
 
-/// The lines of a text.
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = std::min(text.find('\n', at), text.size());
-        lines.push_back(text.substr(at, end - at));
-        at = end + 1;
-    }
-    return lines;
-}
-
 /// The page: its headings, and the code in the first column of the tables below them.
 Texts texts_of_the_page() {
     Texts texts;
     std::string heading;
-    for (const std::string& line : lines_of(pztest::read_file(PZ_ROOT "/docs/error-texts.md"))) {
+    for (const std::string& line :
+         pztest::lines_of(pztest::read_file(PZ_ROOT "/docs/error-texts.md"))) {
         if (line.compare(0, 3, "## ") == 0) heading = line.substr(3);
         if (line.compare(0, 3, "| `") != 0) continue;
         const std::string text = line.substr(3, line.find("` |") - 3);

@@ -1,0 +1,318 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <Framework/Communication/PZFileGuard.h>
+#include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
+#include <Framework/Utility/PZLSysFileOut.h>
+#include <Framework/Utility/PZLTimerMng.h>
+
+#include "support/ChildProcess.h"
+#include "support/FakeSyslog.h"
+#include "support/GuardFiles.h"
+#include "support/OwnProcess.h"
+#include "support/RunCommand.h"
+#include "support/TempDir.h"
+#include "support/TestQueue.h"
+#include "support/WaitUntil.h"
+
+// The rows of docs/process.md that no test of a class covers. What a process keeps can be seen only
+// in a process that has nothing of it yet: every test runs in a child.
+
+// The tests' own system log is not the machine's.
+extern "C" void syslog(int /*priority*/, const char* /*format*/, ...) {}
+
+namespace {
+
+using pztest::added;
+using pztest::Descriptors;
+
+constexpr char kTimerThreads[] = "ZLTimerSubMng_";
+
+/// Waits and the like say what they found, so that a failure can be read.
+bool holds(bool condition, const char* what) {
+    if (!condition) std::printf("FAILED: %s\n", what);
+    return condition;
+}
+#define HOLDS(condition) holds(condition, #condition)
+
+/// Runs the body in a child; its checks are the words behind "FAILED" in the child's output.
+void in_child(const std::function<bool()>& body) {
+    const pztest::ChildResult child = pztest::run_in_child([&body] { return body() ? 0 : 1; });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status) << child.output;
+}
+
+bool start() {
+    return HOLDS(pz_FwInitialize("process", 7) != 0);
+}
+
+Descriptors open_now() {
+    return pztest::open_descriptors_by_kind(/*onlyInherited=*/false);
+}
+
+/// Waits until as many waits for events are going on.
+bool waits_are(int count) {
+    return pztest::wait_until([count] {
+        Descriptors open = open_now();
+        return open["anon_inode:[eventpoll]"] == count;
+    });
+}
+
+/// The system log's own connection, which is there only where a log daemon runs.
+Descriptors without_sockets(Descriptors descriptors) {
+    descriptors.erase("socket");
+    return descriptors;
+}
+
+/// Everything else that belongs to the process and can be asked for.
+std::string settings() {
+    std::string text = setlocale(LC_ALL, nullptr);
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        text += "\n" + std::string(*variable);
+    }
+    const std::unique_ptr<char, void (*)(void*)> folder(getcwd(nullptr, 0), &std::free);
+    text += "\ncwd " + std::string(folder.get());
+    text += "\nlimits " + pztest::read_file("/proc/self/limits");
+    const std::string main = std::to_string(getpid());
+    for (const char* const key : {"Umask", "Uid", "Gid", "SigBlk"}) {
+        text += "\n" + std::string(key) + " " + pztest::thread_status(main, key);
+    }
+    text += "\nname " + pztest::read_file("/proc/self/task/" + main + "/comm");
+    text += "\nnice " + std::to_string(getpriority(PRIO_PROCESS, 0));
+    text += "\npolicy " + std::to_string(sched_getscheduler(0));
+    return text;
+}
+
+class Nothing : public PZLTimerBase {
+public:
+    int OnTimer(PZLTimerSubMng::_TimerInfo* /*info*/) override { return 0; }
+};
+
+/// Something of everything but the queues.
+bool use_the_framework() {
+    const pztest::FakeSyslog noSync;
+    if (!start()) return false;
+    PZWorker worker(1, 4000, 1);
+    if (!HOLDS(worker.Start("worker") == 0)) return false;
+    Nothing timer;
+    auto* const handle = PZLTimerMng::GetTimerMng()->AddTimer(&timer, 60000);
+    PZLTimerMng::GetTimerMng()->RemoveTimer(handle, &timer);
+    const pztest::TempDir dir;
+    PZLSysFileOut log(std::wstring(dir.Path().begin(), dir.Path().end()).c_str(), L"app", L"txt",
+                      false, 0, 0);
+    if (!HOLDS(log.Open())) return false;
+    log.Close();
+    const pztest::GuardFiles files;
+    PZFileGuard guard(files.Dir(), files.Name());
+    if (!HOLDS(guard.initForSystem() && guard.lock() && guard.unlock())) return false;
+    guard.destroyMutex();
+    worker.End(0);
+    pz_FwFinalize();
+    return true;
+}
+
+/// The handling of every signal of the process; 0 stands for signals that have none.
+std::vector<void (*)(int)> signal_handling() {
+    std::vector<void (*)(int)> handlers;
+    for (int number = 1; number < NSIG; ++number) {
+        struct sigaction action = {};
+        handlers.push_back(sigaction(number, nullptr, &action) == 0 ? action.sa_handler : nullptr);
+    }
+    return handlers;
+}
+
+}  // namespace
+
+TEST(processTest, LoadingStartsNothingAndLeavesSigpipe) {
+    in_child([] {
+        return HOLDS(pztest::threads_named(kTimerThreads).empty()) &&
+               HOLDS(signal_handling()[SIGPIPE - 1] == SIG_DFL);
+    });
+}
+
+TEST(processTest, TheLibraryStaysLoaded) {
+    const auto flags = pztest::run_command("readelf -dW '" PZ_LIBRARY "' | grep FLAGS_1");
+    EXPECT_NE(std::string::npos, flags.output.find("NODELETE")) << flags.output;
+}
+
+TEST(processTest, OnlySigpipeIsHandledOtherwise) {
+    in_child([] {
+        auto expected = signal_handling();
+        expected[SIGPIPE - 1] = SIG_IGN;
+        return use_the_framework() && HOLDS(signal_handling() == expected);
+    });
+}
+
+TEST(processTest, KeepsItsSettings) {
+    in_child([] {
+        umask(027);
+        const std::string before = settings();
+        return use_the_framework() && HOLDS(settings() == before);
+    });
+}
+
+TEST(processTest, ThreadsHaveTheSignalMaskOfTheThreadThatStartedThem) {
+    in_child([] {
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGUSR1);
+        sigaddset(&mask, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &mask, nullptr);
+        if (!start()) return false;
+        const auto threads = pztest::threads_named(kTimerThreads);
+        if (!HOLDS(threads.size() == 5)) return false;
+        const std::string own = pztest::thread_status(std::to_string(getpid()), "SigBlk");
+        for (const std::string& thread : threads) {
+            if (!HOLDS(pztest::thread_status(thread, "SigBlk") == own)) return false;
+        }
+        pz_FwFinalize();
+        return true;
+    });
+}
+
+TEST(processTest, AQueueClearsTheFileCreationMask) {
+    in_child([] {
+        umask(027);
+        const pztest::QueueName name;
+        PZMsgQ::PZMessageQueue<0> queue;
+        return HOLDS(queue.open({name.Get()})) && HOLDS(umask(0) == 0);
+    });
+}
+
+TEST(processTest, TheStartTakes20DescriptorsAndEveryWaitOne) {
+    in_child([] {
+        const Descriptors before = open_now();
+        const Descriptors inherited = pztest::open_descriptors_by_kind(true);
+        if (!start() || !HOLDS(waits_are(5))) return false;
+        const Descriptors expected = {{"pipe", 20}, {"anon_inode:[eventpoll]", 5}};
+        const Descriptors expectedInherited = {{"anon_inode:[eventpoll]", 5}};
+        if (!HOLDS(without_sockets(added(before, open_now())) == expected)) return false;
+        if (!HOLDS(added(inherited, pztest::open_descriptors_by_kind(true)) == expectedInherited)) {
+            return false;
+        }
+        pz_FwFinalize();
+        return HOLDS(open_now() == before);
+    });
+}
+
+TEST(processTest, AWorkerTakes6DescriptorsAndOneForItsWait) {
+    in_child([] {
+        const Descriptors before = open_now();
+        const Descriptors inherited = pztest::open_descriptors_by_kind(true);
+        const Descriptors made = {{"pipe", 6}};
+        const Descriptors waiting = {{"anon_inode:[eventpoll]", 1}};
+        Descriptors running = made;
+        running.insert(waiting.begin(), waiting.end());
+        {
+            PZWorker worker(1, 4000, 1);
+            if (!HOLDS(added(before, open_now()) == made)) return false;
+            if (!HOLDS(worker.Start("worker") == 0) || !HOLDS(waits_are(1))) return false;
+            if (!HOLDS(added(before, open_now()) == running)) return false;
+            if (!HOLDS(added(inherited, pztest::open_descriptors_by_kind(true)) == waiting)) {
+                return false;
+            }
+            worker.End(0);
+            if (!HOLDS(added(before, open_now()) == made)) return false;
+        }
+        return HOLDS(open_now() == before);
+    });
+}
+
+TEST(processTest, AQueueAndALogTakeOneDescriptorThatIsNotInherited) {
+    in_child([] {
+        const pztest::FakeSyslog noSync;
+        const pztest::TempDir dir;
+        const pztest::QueueName name;
+        const Descriptors before = open_now();
+        const Descriptors inherited = pztest::open_descriptors_by_kind(true);
+        PZMsgQ::PZMessageQueue<0> queue;
+        PZLSysFileOut log(std::wstring(dir.Path().begin(), dir.Path().end()).c_str(), L"app",
+                          L"txt", false, 0, 0);
+        if (!HOLDS(queue.open({name.Get()})) || !HOLDS(log.Open())) return false;
+        const Descriptors expected = {{name.System(), 1}, {dir.File("app.txt"), 1}};
+        const bool areOpen = HOLDS(added(before, open_now()) == expected);
+        const bool stay = HOLDS(pztest::open_descriptors_by_kind(true) == inherited);
+        queue.close();
+        log.Close();
+        return areOpen && stay && HOLDS(open_now() == before);
+    });
+}
+
+TEST(processTest, AGuardAndANamedLockTakeNoDescriptor) {
+    in_child([] {
+        const pztest::GuardFiles files;
+        const Descriptors before = open_now();
+        PZFileGuard guard(files.Dir(), files.Name());
+        const std::string name = "pzt" + std::to_string(getpid());
+        PZSync lock(name.c_str(), PZSync::en_TYPE_NAMED);
+        const bool done =
+            HOLDS(guard.initForSystem()) && HOLDS(lock.Lock(0) == 0) && HOLDS(open_now() == before);
+        sem_unlink(("/" + name).c_str());
+        guard.destroyMutex();
+        return done;
+    });
+}
+
+TEST(processTest, ThreadsHaveTheDefaultStackSizeOfTheProcess) {
+    in_child([] {
+        constexpr size_t kStack = 1U << 20U;
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, kStack);
+        if (!HOLDS(pthread_setattr_default_np(&attributes) == 0) || !start()) return false;
+        std::vector<unsigned long> threads;
+        PZThreadMng::GetInstance()->getActiveThreadList(threads);
+        if (!HOLDS(threads.size() == 5)) return false;
+        for (const unsigned long thread : threads) {
+            pthread_attr_t own;
+            size_t size = 0;
+            if (!HOLDS(pthread_getattr_np(thread, &own) == 0)) return false;
+            pthread_attr_getstacksize(&own, &size);
+            pthread_attr_destroy(&own);
+            if (!HOLDS(size == kStack)) return false;
+        }
+        pz_FwFinalize();
+        return true;
+    });
+}
+
+TEST(processTest, EndsWithItsThreadsRunningAndWithoutALeakReport) {
+    const pztest::ChildResult child = pztest::run_in_child([]() -> int {
+        if (!start()) return 1;
+        std::fflush(stdout);
+        std::exit(3);
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(3, child.status);
+    EXPECT_EQ(std::string::npos, child.output.find("[Memory Leak Info]"));
+}
+
+TEST(processTest, AForkedChildHasNoneOfTheThreads) {
+    in_child([] {
+        if (!start() || !HOLDS(pztest::threads_named(kTimerThreads).size() == 5)) return false;
+        const pid_t child = fork();
+        if (child == 0) _exit(pztest::threads_named(kTimerThreads).empty() ? 0 : 1);
+        int status = -1;
+        const bool done = HOLDS(waitpid(child, &status, 0) == child) && HOLDS(status == 0);
+        pz_FwFinalize();
+        return done;
+    });
+}
