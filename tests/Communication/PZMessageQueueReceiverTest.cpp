@@ -22,6 +22,7 @@
 
 #include "support/Gate.h"
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TestQueue.h"
 #include "support/WaitUntil.h"

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TestQueue.h"
 #include "support/WaitUntil.h"

@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZEvent.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -23,11 +22,13 @@
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
 using pztest::error_messages;
 using pztest::has_report;
+using pztest::open_descriptors;
 using pztest::StdoutCapture;
 using pztest::wait_until;
 using std::chrono::milliseconds;
@@ -88,15 +89,6 @@ struct FullHouse {
 
 std::string std_error(int error) {
     return "std library error [" + std::to_string(error) + " : " + strerror(error) + "]";
-}
-
-int open_descriptors() {
-    DIR* const folder = opendir("/proc/self/fd");
-    if (folder == nullptr) return -1;
-    int count = 0;
-    while (readdir(folder) != nullptr) ++count;
-    closedir(folder);
-    return count;
 }
 
 bool sigpipe_is(sighandler_t handler) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
@@ -46,6 +47,7 @@ void syslog(int /*priority*/, const char* /*format*/, ...) {}
 namespace {
 
 using pztest::has_report;
+using pztest::open_descriptors;
 using pztest::read_file;
 using pztest::StdoutCapture;
 using pztest::write_file;
@@ -54,11 +56,6 @@ constexpr long long kFiveGiB = 5LL << 30;
 
 std::string last_error_text(int error) {
     return "std library error [" + std::to_string(error) + " : " + std::strerror(error) + "]";
-}
-
-size_t open_descriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 long long size_on_disk(const std::string& path) {
@@ -253,7 +250,7 @@ TEST_F(PZStorageTest, RefusesAnEmptyPath) {
 TEST_F(PZStorageTest, ClosesTheFirstFileBeforeItOpensTheSecond) {
     Create();
     storage.Write("abc", 3);
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     EXPECT_EQ(0, storage.Open(dir.File("other").c_str(), "wb"));
     EXPECT_EQ(descriptors, open_descriptors());
     EXPECT_EQ("abc", read_file(path));
@@ -262,7 +259,7 @@ TEST_F(PZStorageTest, ClosesTheFirstFileBeforeItOpensTheSecond) {
 
 TEST_F(PZStorageTest, ClosesTheFirstFileWhenTheSecondCannotBeOpened) {
     Create();
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     StdoutCapture output;
     EXPECT_EQ(1, storage.Open(dir.File("missing").c_str(), "rb"));
     EXPECT_FALSE(storage.IsOpen());
@@ -270,7 +267,7 @@ TEST_F(PZStorageTest, ClosesTheFirstFileWhenTheSecondCannotBeOpened) {
 }
 
 TEST_F(PZStorageTest, ClosesOnce) {
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     Create();
     EXPECT_EQ(descriptors + 1, open_descriptors());
     storage.Close();
@@ -281,7 +278,7 @@ TEST_F(PZStorageTest, ClosesOnce) {
 }
 
 TEST_F(PZStorageTest, ClosesInTheDestructor) {
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     {
         PZStorage local(path.c_str(), "wb");
         local.Write("abc", 3);
@@ -654,7 +651,7 @@ TEST_F(PZStorageTest, MeasuresANamedFileWithoutTouchingTheOpenOne) {
     Read("abcdef");
     storage.Seek(2, PZStorage::en_POS_BEGIN);
     write_file(dir.File("other"), "xyz");
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     EXPECT_EQ(3, storage.GetSize(dir.File("other").c_str()));
     EXPECT_EQ(2, storage.GetCurPos());
     EXPECT_EQ(descriptors, open_descriptors());

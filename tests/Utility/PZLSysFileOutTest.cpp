@@ -17,6 +17,7 @@
 #include <Framework/Foundation/PZClock.h>
 
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
@@ -62,6 +63,7 @@ bool PZClock::GetUtc(ST_CLOCK* clock) {
 namespace {
 
 using pztest::count_of;
+using pztest::open_descriptors;
 using pztest::read_file;
 using pztest::StdoutCapture;
 using pztest::write_file;
@@ -71,11 +73,6 @@ constexpr unsigned int kNoSize = 0xFFFFFFFF;
 
 std::wstring wide(const std::string& ascii) {
     return {ascii.begin(), ascii.end()};
-}
-
-size_t open_descriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 std::set<std::string> names_in(const std::string& directory) {
@@ -389,7 +386,7 @@ TEST_F(PZLSysFileOutTest, OpenClosesTheFileThatIsOpen) {
     Log log(*this, 1000, 0);
     ASSERT_TRUE(log.Open());
     log.Text("kept");
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     ASSERT_TRUE(log.Open());
     EXPECT_EQ(descriptors, open_descriptors());
     EXPECT_EQ("kept", Content("app.txt"));
@@ -623,7 +620,7 @@ TEST_F(PZLSysFileOutTest, AddsBlockAndCounterWithoutOverflow) {
 TEST_F(PZLSysFileOutTest, GoesOnWithoutAFileWhenItCannotBeReopened) {
     Log log(*this, 10, 0);
     ASSERT_TRUE(log.Open());
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     fopen_call.FailNext(EMFILE);
     EXPECT_EQ(1, log.Text("0123456789"));
     EXPECT_EQ(descriptors - 1, open_descriptors());
@@ -798,7 +795,7 @@ TEST_F(PZLSysFileOutTest, FlushAndCloseDoNothingWithoutAFile) {
 
 TEST_F(PZLSysFileOutTest, ClosesOnceAndCanBeOpenedAgain) {
     Log log(*this, 1000, 0);
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     ASSERT_TRUE(log.Open());
     EXPECT_EQ(descriptors + 1, open_descriptors());
     log.Text("abc");
@@ -816,7 +813,7 @@ TEST_F(PZLSysFileOutTest, ClosesOnceAndCanBeOpenedAgain) {
 }
 
 TEST_F(PZLSysFileOutTest, LeavesItsFileOpenWhenItIsDestroyed) {
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     {
         PZLSysFileOut log(wide(dir.Path()).c_str(), L"app", L"txt", false, 0, 0);
         ASSERT_TRUE(log.Open());
@@ -830,7 +827,7 @@ TEST_F(PZLSysFileOutTest, LeavesItsFileOpenWhenItIsDestroyed) {
 TEST_F(PZLSysFileOutTest, MeasuresAFile) {
     write_file(Path("file"), "12345");
     write_file(Path("empty"), "");
-    const size_t descriptors = open_descriptors();
+    const int descriptors = open_descriptors();
     EXPECT_EQ(5U, PZLSysFileOut::GetSize(wide(Path("file")).c_str()));
     EXPECT_EQ("rb", opened_files.back().mode);
     EXPECT_EQ(0U, PZLSysFileOut::GetSize(wide(Path("empty")).c_str()));

@@ -1,7 +1,6 @@
 #ifndef PZ_TESTS_SUPPORT_TESTQUEUE_H
 #define PZ_TESTS_SUPPORT_TESTQUEUE_H
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <mqueue.h>
 #include <unistd.h>
@@ -114,15 +113,6 @@ public:
 private:
     mqd_t handle_;
 };
-
-/// How many descriptors the process has open; queues are descriptors, too.
-inline int open_descriptors() {
-    DIR* const folder = opendir("/proc/self/fd");
-    int count = 0;
-    while (readdir(folder) != nullptr) ++count;
-    closedir(folder);
-    return count;
-}
 
 }  // namespace pztest
 
