@@ -4,7 +4,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <type_traits>
+#include <vector>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include "support/Interposed.h"
@@ -89,6 +92,10 @@ protected:
 };
 
 }  // namespace
+
+TEST_F(PZCRCTest, HasNoState) {
+    EXPECT_TRUE(std::is_empty<PZCRC>::value);
+}
 
 // ---- memory ----
 
@@ -220,6 +227,28 @@ TEST_F(PZCRCTest, ReadsPiecesUntilOneIsEmptyAndClosesTheFile) {
     EXPECT_TRUE(crc.CRC32(path.c_str(), result));
     EXPECT_EQ(3, fread_call.Calls());
     EXPECT_EQ(1, fclose_call.Calls());
+}
+
+TEST_F(PZCRCTest, KeepsItsFileFromProgramsThatTheProcessStarts) {
+    static int flags;
+    flags = -1;
+    fread_call.Replace([](void* buffer, size_t size, size_t count, FILE* file) {
+        flags = ::fcntl(::fileno(file), F_GETFD);
+        return fread_call.Real(buffer, size, count, file);
+    });
+    EXPECT_EQ(0xCBF43926U, OfFile("123456789"));
+    EXPECT_EQ(FD_CLOEXEC, flags);
+}
+
+TEST_F(PZCRCTest, AsksForAWholePieceWithEveryRead) {
+    static std::vector<size_t> asked;
+    asked.clear();
+    fread_call.Replace([](void* buffer, size_t size, size_t count, FILE* file) {
+        asked.push_back(size * count);
+        return fread_call.Real(buffer, size, count, file);
+    });
+    OfFile(bytes_of(kPiece + 1));
+    EXPECT_EQ((std::vector<size_t>{kPiece, kPiece, kPiece}), asked);
 }
 
 TEST_F(PZCRCTest, TakesAFileThatCannotBeReadOnAsEndedThere) {

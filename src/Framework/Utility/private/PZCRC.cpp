@@ -1,5 +1,7 @@
 #include "Framework/Utility/PZCRC.h"
 
+#include <fcntl.h>
+
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -47,6 +49,8 @@ bool PZCRC::CRC32(const char* path, unsigned long& result) const {
     if (path == nullptr || *path == '\0') return false;
     const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path, "rb"), &std::fclose);
     if (file == nullptr) return false;
+    // A long file is read for long: programs that are started meanwhile must not keep it in use.
+    ::fcntl(::fileno(file.get()), F_SETFD, FD_CLOEXEC);
 
     unsigned char piece[kPieceSize];
     unsigned long value = kStart;
