@@ -15,6 +15,7 @@
 #include <Framework/Foundation/PZFileSys.h>
 
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
@@ -379,6 +380,41 @@ TEST_F(PZFileSysCopyTest, CreatesNoFolderForADestinationWithoutASlash) {
     EXPECT_EQ(1, syncs);
 }
 
+TEST_F(PZFileSysCopyTest, CreatesTheFoldersAboveTheCopyBeforeItLooksAtTheSource) {
+    EXPECT_FALSE(Copy(dir.File("none"), dir.File("x/dst"), true, true));
+    EXPECT_TRUE(Exists(dir.File("x")));
+    EXPECT_FALSE(Exists(dir.File("x/dst")));
+    EXPECT_EQ(1, syncs) << "x";
+}
+
+TEST_F(PZFileSysCopyTest, OpensTheDestinationEvenWhenItsFoldersCannotBeCreated) {
+    const std::string src = Make("src", "x");
+    const std::string dst = Make("f", "in the way") + "/dst";
+    EXPECT_FALSE(Copy(src, dst, false, true));
+    EXPECT_EQ((Messages{"std library error [17 : File exists]", "failed to open [" + dst + "]"}),
+              Reports());
+    EXPECT_EQ("in the way", pztest::read_file(dir.File("f")));
+}
+
+TEST_F(PZFileSysCopyTest, ClosesItsFilesHoweverTheCopyEnds) {
+    const std::string src = Make("src", some_bytes(3000));
+    const std::string dst = dir.File("dst");
+    const int before = pztest::open_descriptors();
+    EXPECT_TRUE(Copy(src, dst));
+    EXPECT_EQ(before, pztest::open_descriptors());
+    EXPECT_FALSE(Copy(src, dir.File("no/dst"))) << "no destination";
+    EXPECT_EQ(before, pztest::open_descriptors());
+    fwrite_call.FailNext(ENOSPC);
+    watching = true;
+    EXPECT_FALSE(Copy(src, dst));
+    watching = false;
+    EXPECT_EQ(before, pztest::open_descriptors());
+    badSource = {src, 1024};
+    fopen_call.Replace(open_bad_source);
+    EXPECT_FALSE(Copy(src, dst));
+    EXPECT_EQ(before, pztest::open_descriptors());
+}
+
 TEST_F(PZFileSysCopyTest, ProtectsTheDestinationOfOneFileWithItsOwnMessage) {
     const std::string src = Make("src", "x");
     const std::string dst = Make("dst", "y");
@@ -451,6 +487,26 @@ TEST_F(PZFileSysCopyTest, FailsAtALinkAsAtAFileWithoutAName) {
               Reports());
     EXPECT_FALSE(Exists(dir.File("z/link")));
     EXPECT_EQ(1, syncs) << "z";
+}
+
+TEST_F(PZFileSysCopyTest, CopiesADirectoryIntoItselfUntilAPathIsTooLong) {
+    const std::string src = MakeDir("a");
+    Make("a/f", "1");
+    const std::string level = "/" + std::string(200, 'd');
+    EXPECT_TRUE(Copy(src, src + level, false, true));
+    std::string notSearched = src;
+    while (notSearched.size() < 1024) notSearched += level;
+    EXPECT_TRUE(Exists(notSearched + level)) << "the copy of the last one that was found";
+    EXPECT_FALSE(Exists(notSearched + level + level));
+}
+
+TEST_F(PZFileSysCopyTest, ClosesEveryDirectoryOfACopyThatFailsBelow) {
+    const std::string src = MakeTree();
+    ASSERT_EQ(0, ::symlink("nowhere", (src + "/b/c/link").c_str()));
+    const int before = pztest::open_descriptors();
+    EXPECT_FALSE(Copy(src, dir.File("z"), false, true));
+    EXPECT_EQ(before, pztest::open_descriptors());
+    EXPECT_TRUE(Exists(dir.File("z/b/c"))) << "what was copied stays";
 }
 
 // ---- moving ----

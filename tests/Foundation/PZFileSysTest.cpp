@@ -406,10 +406,14 @@ TEST_F(PZFileSysTest, FailsWhereAFileIsInTheWay) {
 TEST_F(PZFileSysTest, ReportsEmptyDirectoryNamesWhereTheyAreWide) {
     EXPECT_FALSE(PZFileSys::CreateDirectory(kNoPath, true));
     EXPECT_FALSE(PZFileSys::CreateDirectory("", false));
+    EXPECT_FALSE(PZFileSys::CreateDirectorySupportingLayers(kNoPath));
+    EXPECT_FALSE(PZFileSys::CreateDirectorySupportingLayers(""));
     EXPECT_EQ("", output.Take());
     EXPECT_FALSE(PZFileSys::CreateDirectory(kNoWidePath, true));
     EXPECT_FALSE(PZFileSys::CreateDirectory(L"", false));
-    EXPECT_EQ((Messages{"invalid arg", "invalid arg"}), Reports());
+    EXPECT_FALSE(PZFileSys::CreateDirectorySupportingLayers(kNoWidePath));
+    EXPECT_FALSE(PZFileSys::CreateDirectorySupportingLayers(L""));
+    EXPECT_EQ(Messages(4, "invalid arg"), Reports());
     EXPECT_FALSE(PZFileSys::createDirectorySub(nullptr));
     EXPECT_FALSE(PZFileSys::createDirectorySub(""));
     EXPECT_EQ((Messages{"invalid arg", "invalid arg"}), Reports());
@@ -648,6 +652,24 @@ TEST_F(PZFileSysTest, TakesSearchPathsOf1023Bytes) {
     EXPECT_TRUE(files.FindFirst(pattern.c_str(), data));
     EXPECT_FALSE(files.FindFirst((longest + "*").c_str(), data));
     EXPECT_FALSE(files.FindNext(data)) << "the search before has ended";
+}
+
+TEST_F(PZFileSysTest, EndsTheSearchForEveryNarrowPathButForNoRefusedWideOne) {
+    Make("1");
+    Make("2");
+    for (const wchar_t* path : {kNoWidePath, L""}) {
+        ASSERT_TRUE(files.FindFirst(dir.Path().c_str(), data));
+        EXPECT_FALSE(files.FindFirst(path, data));
+        EXPECT_TRUE(files.FindNext(data)) << "of the search before";
+    }
+    for (const std::string& path : {std::string(), dir.File("none"), dir.File("none/*")}) {
+        ASSERT_TRUE(files.FindFirst(dir.Path().c_str(), data));
+        EXPECT_FALSE(files.FindFirst(path.c_str(), data)) << path;
+        EXPECT_FALSE(files.FindNext(data)) << path;
+    }
+    ASSERT_TRUE(files.FindFirst(dir.Path().c_str(), data));
+    EXPECT_FALSE(files.FindFirst(kNoPath, data));
+    EXPECT_FALSE(files.FindNext(data));
 }
 
 TEST_F(PZFileSysTest, EndsTheSearchOnRequest) {

@@ -101,7 +101,7 @@ public:
     // "..". At the end FindNext answers false and the search stays open.
 
     /// Begins a search, instead of the one before, and finds the first entry. False when there is
-    /// none; then no search is open.
+    /// none; then no search is open. (A wide path that is refused leaves the one before open.)
     ///
     /// A path with a '*' names a directory and, behind the last '/' before that first '*', a
     /// pattern (see strcmp_wild). Without a '/' there, or when nothing stands before it, no
@@ -164,6 +164,7 @@ public:
     ///
     /// Only directories are removed, see RemoveDirectory: a single file is copied and stays, with
     /// the result true; and after a failed copy a directory is cleaned up, a partial file stays.
+    /// `dst` must not lie in the directory `src`: what is in `src` would be lost with the copy.
     static bool Move(const char* src, const char* dst);
     static bool Move(const wchar_t* src, const wchar_t* dst);
 
