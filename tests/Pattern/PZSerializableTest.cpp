@@ -311,6 +311,18 @@ TEST_F(PZArchiveTest, StandsFirstInASerializableObject) {
               reinterpret_cast<const char*>(&note.OwnArchive()));
 }
 
+TEST_F(PZSerializableTest, KeepsTheOrderOfItsVirtualOperations) {
+    // A pointer to a virtual member holds the byte offset in the table, by the machine's rule with
+    // or without its lowest bit set.
+    const auto slot_of = [](auto operation) {
+        size_t offset = 0;
+        std::memcpy(&offset, &operation, sizeof offset);
+        return offset / sizeof(void*);
+    };
+    EXPECT_EQ(2U, slot_of(&PZSerializable::serialize)) << "behind the destructor, which takes two";
+    EXPECT_EQ(3U, slot_of(&PZSerializable::deserialize));
+}
+
 // ---- the bytes of every type ----
 
 TEST_F(PZArchiveTest, WritesABoolAsOneByte) {
@@ -391,6 +403,13 @@ TEST_F(PZArchiveTest, WritesTheFirstCharactersOfAString) {
     EXPECT_EQ(bytes("\0\0\0\6h\xC3\xA9llo"), written(std::numeric_limits<int>::max()));
     EXPECT_EQ(bytes("\0\0\0\6h\xC3\xA9llo"), written(-1));
     EXPECT_EQ(bytes("\0\0\0\6h\xC3\xA9llo"), written(std::numeric_limits<int>::min()));
+
+    // Every byte but 0x80 to 0xBF begins a character.
+    archive.clear();
+    archive.write(std::string("\x7F\xC0\xBF\x80\xFF"
+                              "z"),
+                  3);
+    EXPECT_EQ(bytes("\0\0\0\5\x7F\xC0\xBF\x80\xFF"), content(archive));
 }
 
 TEST_F(PZArchiveTest, WritesAWideStringWithItsNumberOfCharacters) {

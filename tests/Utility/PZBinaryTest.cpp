@@ -342,18 +342,19 @@ TEST_F(PZBinaryTest, ReadsZeroWhereCursorAndOffsetDoNotFit32Bits) {
 
 TEST_F(PZBinaryTest, MovesTheCursorInNoReader) {
     abc.seek(1, 0);
-    EXPECT_EQ('b', abc.readUInt8(0));
-    EXPECT_EQ('a', abc.getUInt8(0));
-    abc.readUInt16(0, true);
-    abc.readUInt32(0, true);
-    abc.readUInt64(0, true);
-    abc.getUInt16(0, true);
-    abc.getUInt32(0, true);
-    abc.getUInt64(0, true);
-    abc.getString(0, 2);
-    abc.readString(0, 2);
-    abc.getBinary(0, 2);
-    abc.readBinary(0, 2);
+    const PZBinary& reader = abc;
+    EXPECT_EQ('b', reader.readUInt8(0));
+    EXPECT_EQ('a', reader.getUInt8(0));
+    reader.readUInt16(0, true);
+    reader.readUInt32(0, true);
+    reader.readUInt64(0, true);
+    reader.getUInt16(0, true);
+    reader.getUInt32(0, true);
+    reader.getUInt64(0, true);
+    reader.getString(0, 2);
+    reader.readString(0, 2);
+    reader.getBinary(0, 2);
+    reader.readBinary(0, 2);
     EXPECT_EQ(1U, cursor_of(abc));
 }
 
