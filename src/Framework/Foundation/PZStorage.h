@@ -16,7 +16,8 @@
 ///            that is passed in is kept.
 /// Units:     bytes. Sizes and positions are 64 bits wide on every machine, but see Read.
 /// Modes:     those of the C library: "rb", "wb+", "ab+" ... Between reading and writing, and back,
-///            a Seek or Flush is needed, as the C library asks for it.
+///            a Seek or Flush is needed, as the C library asks for it. An 'e' ("rbe") keeps the
+///            file from programs that this process starts.
 /// Failures:  answered with a result; note that 0 is success for some operations and nothing done
 ///            for others. On a closed object every operation fails, Close excepted.
 class PZ_API PZStorage : private PZUncopyable {
