@@ -10,7 +10,7 @@ TEST(readmeTest, ItsProgramIsTheOneThatIsBuilt) {
     const std::string readme = pztest::read_file(PZ_ROOT "/README.md");
     const std::string program = pztest::read_file(PZ_ROOT "/examples/hello/main.cpp");
     ASSERT_FALSE(program.empty());
-    EXPECT_EQ(program, pztest::block_of(readme, "cpp"));
+    EXPECT_EQ(program, pztest::block_of(readme, "cpp main.cpp"));
 }
 
 TEST(readmeTest, ItsProgramPrintsWhatItShows) {
