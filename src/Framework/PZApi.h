@@ -1,6 +1,9 @@
 #ifndef PZ_FRAMEWORK_PZAPI_H
 #define PZ_FRAMEWORK_PZAPI_H
 
+/// @file
+/// Attributes of the library's names.
+
 /// Marks what the shared library exports; everything else stays hidden in it.
 #define PZ_API __attribute__((visibility("default")))
 

@@ -1,7 +1,8 @@
 #ifndef PZ_FRAMEWORK_PZFRAMEWORK_H
 #define PZ_FRAMEWORK_PZFRAMEWORK_H
 
-// Every public header of the framework.
+/// @file
+/// Every public header of the framework.
 
 #include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Communication/PZMessageQueue.h>

@@ -53,14 +53,15 @@ class PZMessageQueue;
 template <>
 class PZ_API PZMessageQueue<2> {
 public:
+    /// What open needs to know.
     struct OpenParam {
         const char* name;  ///< without "/", at most 32 characters; copied
         int maxMsg;        ///< messages that a new queue holds, at most fs.mqueue.msg_max
     };
 
-    static constexpr unsigned int kMaxNameLength = 32;
-    static constexpr unsigned int kMaxMessageSize = 1024;  // of a new queue, type byte included
-    static constexpr unsigned int kMinReceiveSize = 1028;  // bytes that `receive` may fill
+    static constexpr unsigned int kMaxNameLength = 32;     ///< characters, without "/"
+    static constexpr unsigned int kMaxMessageSize = 1024;  ///< of a new queue, type byte included
+    static constexpr unsigned int kMinReceiveSize = 1028;  ///< bytes that `receive` may fill
 
     PZMessageQueue();
 
@@ -77,6 +78,7 @@ public:
     /// The process's file creation mask is 0 from now on.
     bool open(const OpenParam& p);
 
+    /// Whether there is a queue to send to.
     bool isOpened() const noexcept { return handle_ != kNoQueue; }
 
     /// Closes the queue when it is open. With `unlink` also removes the name that was opened last,
@@ -125,6 +127,7 @@ private:
 template <>
 class PZ_API PZMessageQueue<0> {
 public:
+    /// What open needs to know.
     struct OpenParam {
         const char* name;  ///< see PZMessageQueue<2>
     };
@@ -165,6 +168,7 @@ private:
 template <>
 class PZ_API PZMessageQueue<1> : public PZSubject {
 public:
+    /// What open needs to know.
     struct OpenParam {
         const char* name;       ///< see PZMessageQueue<2>
         PZObserver_* observer;  ///< called with each message
@@ -196,9 +200,11 @@ public:
     void close();
 
     /// The phases of the thread, see PZThread.
+    /// @{
     int Initialize();
     void MainProc();
     void Finalize();
+    /// @}
 
 private:
     /// How the thread learns that it must end.

@@ -1,6 +1,9 @@
 #ifndef PZ_FRAMEWORK_DIAGNOSTICS_PZREPORT_H
 #define PZ_FRAMEWORK_DIAGNOSTICS_PZREPORT_H
 
+/// @file
+/// Reports that name the place which they come from.
+
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/PZApi.h>
 

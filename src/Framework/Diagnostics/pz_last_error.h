@@ -3,7 +3,8 @@
 
 #include <Framework/PZApi.h>
 
-// The calling thread's last error of the C library (errno). Any thread may call these.
+/// @file
+/// The calling thread's last error of the C library (errno). Any thread may call these.
 
 /// Sets the last error to 0.
 PZ_API void pz_clear_last_err();

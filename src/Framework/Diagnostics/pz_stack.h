@@ -3,7 +3,8 @@
 
 #include <Framework/PZApi.h>
 
-// Entry points of stack accounting. They are kept for callers and account nothing.
+/// @file
+/// Entry points of stack accounting. They are kept for callers and account nothing.
 
 /// Does nothing.
 PZ_API void pz_InitStack();

@@ -111,7 +111,7 @@ struct TimeZone {
 ///            one. SetLocal may end the process.
 class PZ_API PZClock {
 public:
-    using TimeZone = ::TimeZone;
+    using TimeZone = ::TimeZone;  ///< the areas
 
     /// A broken-down time. The ranges are those that checkCalenderTime accepts.
     struct ST_CLOCK {
@@ -126,16 +126,16 @@ public:
 
     /// The zone file of an area.
     struct ST_TIME_ZONE {
-        TimeZone::Area area;
-        float hours;  ///< standard offset from UTC, for information
-        const char* path;
+        TimeZone::Area area;  ///< the row's number
+        float hours;          ///< standard offset from UTC, for information
+        const char* path;     ///< of the zone file
     };
 
     /// The zone file of an offset from UTC.
     struct ST_TIME_ZONE_GMT {
-        unsigned int id;  ///< 86 and the row's number; nothing uses it
-        float hours;
-        const char* path;
+        unsigned int id;   ///< 86 and the row's number; nothing uses it
+        float hours;       ///< ahead of UTC
+        const char* path;  ///< of the zone file
     };
 
     virtual ~PZClock();
@@ -188,8 +188,8 @@ public:
     /// the fields are reported.
     static bool checkCalenderTime(ST_CLOCK& clock);
 
-    static constexpr unsigned int kAreas = 84;
-    static constexpr unsigned int kOffsets = 111;
+    static constexpr unsigned int kAreas = 84;     ///< rows of timeZoneTbl_
+    static constexpr unsigned int kOffsets = 111;  ///< rows of timeZoneGmtTbl_
 
     static const ST_TIME_ZONE timeZoneTbl_[kAreas];           ///< a row's number is its area
     static const ST_TIME_ZONE_GMT timeZoneGmtTbl_[kOffsets];  ///< falls by quarters of an hour

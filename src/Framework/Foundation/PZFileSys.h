@@ -30,14 +30,16 @@ public:
         en_ATTR_FILE = 32       ///< a regular file
     };
 
+    /// Options of a search.
     struct FuncOption {
         bool getSize;  ///< a search fills in the sizes of regular files
     };
 
+    /// Space on a file system.
     struct DiskInfo {
         std::uint64_t availableBytes;  ///< free for users without privileges
-        std::uint64_t totalBytes;
-        std::uint64_t freeBytes;
+        std::uint64_t totalBytes;      ///< of the whole file system
+        std::uint64_t freeBytes;       ///< free for privileged users
     };
 
     /// One result of a search. A link, device, pipe or socket has attribute 0 and an empty name.
@@ -47,30 +49,39 @@ public:
         char name[256];           ///< without its directory, terminated
     };
 
+    /// No search is open. Without an option searches find no sizes.
+    /// @{
     PZFileSys();
     explicit PZFileSys(FuncOption& option);
+    /// @}
     ~PZFileSys();
 
     // Questions.
 
     /// Space on the file system that holds `path`. A failed query is reported; only null is silent.
+    /// @{
     static bool GetDiskFreeSpace(const char* path, DiskInfo& info);
     static bool GetDiskFreeSpace(const wchar_t* path, DiskInfo& info);
+    /// @}
 
     /// en_ATTR_FILE or en_ATTR_DIRECTORY; 0 for everything else and for nothing at all. Follows
     /// symbolic links. A failure is reported unless there is no such file (ENOENT).
     static unsigned int chkAttribute(const char* path);
 
     /// Whether `path` is a regular file or a directory.
+    /// @{
     static bool IsExist(const char* path);
     static bool IsExist(const wchar_t* path);
+    /// @}
 
     // Deleting.
 
     /// Deletes one regular file (or a symbolic link to one: the link), then syncs when `sync` is
     /// true. Anything else is refused: reported, with a call stack of 10 frames.
+    /// @{
     static bool Delete(const char* path, bool sync);
     static bool Delete(const wchar_t* path, bool sync);
+    /// @}
 
     /// Removes an empty directory, or with `recursive` one with all its contents, and syncs.
     ///
@@ -82,20 +93,26 @@ public:
     /// - Links below the directory are removed, never followed, not even when one takes the place
     ///   of a directory meanwhile. `path` itself may lead through links: a link to a directory
     ///   loses the contents of that directory, then the result is false.
+    /// @{
     static bool RemoveDirectory(const char* path, bool recursive);
     static bool RemoveDirectory(const wchar_t* path, bool recursive);
+    /// @}
 
     // Creating. The mode is 0777 less the umask; every directory that is created is synced; one
     // that is there already is a success. Failures are reported.
 
     /// Creates a directory, with `layers` also every missing one above it. A null or empty path
     /// fails, reported if it is wide.
+    /// @{
     static bool CreateDirectory(const char* path, bool layers);
     static bool CreateDirectory(const wchar_t* path, bool layers);
+    /// @}
 
     /// CreateDirectory(path, true).
+    /// @{
     static bool CreateDirectorySupportingLayers(const char* path);
     static bool CreateDirectorySupportingLayers(const wchar_t* path);
+    /// @}
 
     // Searching one directory, in the order in which the file system lists it; without "." and
     // "..". At the end FindNext answers false and the search stays open.
@@ -110,17 +127,21 @@ public:
     ///
     /// With a pattern, sizes are not found (reported, 0), nor are entries on a file system that
     /// does not tell their types (reported, attribute 0 and no name).
+    /// @{
     bool FindFirst(const char* path, ST_FIND_DATA& data);
     bool FindFirst(const wchar_t* path, ST_FIND_DATA& data);
+    /// @}
 
     /// Finds the next entry. An entry with a name of more than 255 bytes ends the search.
     bool FindNext(ST_FIND_DATA& data);
 
     /// The same, passing over the entries that the filter rejects (see IsValidData).
+    /// @{
     bool FindFirstWithFilter(const char* path, ST_FIND_DATA& data, unsigned int filter, bool exact);
     bool FindFirstWithFilter(const wchar_t* path, ST_FIND_DATA& data, unsigned int filter,
                              bool exact);
     bool FindNextWithFilter(ST_FIND_DATA& data, unsigned int filter, bool exact);
+    /// @}
 
     /// Ends the search. Nothing happens when none is open.
     void doFindClose();
@@ -157,16 +178,20 @@ public:
     /// directory that cannot be opened counts as empty. A file that is copied in part stays.
     /// `dst` must not lie in the directory `src`: with `createDirs` the copy is copied, too, level
     /// below level, until a path takes 1024 bytes.
+    /// @{
     static bool Copy(const char* src, const char* dst, bool failIfExists, bool createDirs);
     static bool Copy(const wchar_t* src, const wchar_t* dst, bool failIfExists, bool createDirs);
+    /// @}
 
     /// Copies to `dst`, which must not exist, then removes the source and syncs. Never renames.
     ///
     /// Only directories are removed, see RemoveDirectory: a single file is copied and stays, with
     /// the result true; and after a failed copy a directory is cleaned up, a partial file stays.
     /// `dst` must not lie in the directory `src`: what is in `src` would be lost with the copy.
+    /// @{
     static bool Move(const char* src, const char* dst);
     static bool Move(const wchar_t* src, const wchar_t* dst);
+    /// @}
 
     // The steps of the operations above. Those of a copy take no null.
 

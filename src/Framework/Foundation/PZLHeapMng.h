@@ -3,17 +3,18 @@
 
 #include <Framework/PZApi.h>
 
-// The accounted heap: the C library's allocator with the allocating thread and call stack of every
-// block, an overrun check when it is released, totals, and a leak report.
-//
-// Threads:   any thread may allocate and release, also what another thread allocated; one lock
-//            serialises them. InitMemMng and FinMemMng belong to the start and stop of the
-//            framework and take no lock. A thread that still allocates during FinMemMng does no
-//            harm; its new blocks are left out. No thread may release blocks meanwhile.
-// Ownership: what Malloc and Realloc give goes to Free or Realloc of this heap, never to the C
-//            library's.
-// Cost:      about 2.6 KiB and one call-stack capture for each block: a diagnostic allocator.
-// Failures:  a block that is refused (see Free) is reported; nothing is thrown.
+/// @file
+/// The accounted heap: the C library's allocator with the allocating thread and call stack of every
+/// block, an overrun check when it is released, totals, and a leak report.
+///
+/// Threads:   any thread may allocate and release, also what another thread allocated; one lock
+///            serialises them. InitMemMng and FinMemMng belong to the start and stop of the
+///            framework and take no lock. A thread that still allocates during FinMemMng does no
+///            harm; its new blocks are left out. No thread may release blocks meanwhile.
+/// Ownership: what Malloc and Realloc give goes to Free or Realloc of this heap, never to the C
+///            library's.
+/// Cost:      about 2.6 KiB and one call-stack capture for each block: a diagnostic allocator.
+/// Failures:  a block that is refused (see Free) is reported; nothing is thrown.
 
 /// Begins the measured period: FinMemMng reports only when blocks were allocated, or freed, since.
 PZ_API void InitMemMng();

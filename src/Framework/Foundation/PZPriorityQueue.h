@@ -18,14 +18,19 @@ public:
         unsigned int priority;  ///< 0 to 255; push keeps the low 8 bits
     };
 
+    /// Empty; `max` is the limit that its user keeps.
     explicit PZPriorityQueue(unsigned int max) : max_(max) {}
 
+    /// Number of stored records.
     unsigned int size() const noexcept { return static_cast<unsigned int>(ques_.size()); }
+
+    /// Whether there is no record.
     bool empty() const noexcept { return ques_.empty(); }
 
     /// The limit given to the constructor.
     unsigned int capacity() const noexcept { return max_; }
 
+    /// Stores a copy behind all records that are served before it.
     void push(const que& element) {
         que stored = element;
         stored.priority &= 0xFFU;

@@ -32,8 +32,10 @@ public:
     /// A closed object.
     PZStorage();
     /// Opens at once; IsOpen tells whether that succeeded.
+    /// @{
     PZStorage(const char* path, const char* mode);
     PZStorage(const wchar_t* path, const wchar_t* mode);
+    /// @}
     ~PZStorage();
 
     /// Closes what is open, then opens `path`. 0 for success. 1, reported, when that fails, also
@@ -42,6 +44,7 @@ public:
     /// The same, in UTF-8. Texts that cannot be converted fail like null.
     int Open(const wchar_t* path, const wchar_t* mode);
 
+    /// Whether there is an open file.
     bool IsOpen() const;
 
     /// Closes the stream. What was written goes to the medium first. An object that was once
@@ -66,8 +69,10 @@ public:
     int WriteLine(const char* text);
 
     /// Size of the named file; 0 when it cannot be opened or measured.
+    /// @{
     static long long GetSize(const char* path);
     static long long GetSize(const wchar_t* path);
+    /// @}
 
     /// Size of the open file, data that are still buffered included. The position stays; the end of
     /// file indicator is cleared. 0 when it cannot be measured (a pipe) and on a closed object.

@@ -24,6 +24,7 @@
 ///            created answers every Lock with 2.
 class PZ_API PZ_CAPABILITY("PZSync") PZSync {
 public:
+    /// Who shares the lock.
     enum EN_TYPE : int {
         en_TYPE_NAMED = 0,   ///< shared between processes: the semaphore "/name", made or opened
         en_TYPE_UNNAMED = 1  ///< private to the process

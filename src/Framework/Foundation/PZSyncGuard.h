@@ -8,7 +8,9 @@ class PZ_API PZSyncObjectBase {
 public:
     virtual ~PZSyncObjectBase();
 
+    /// Waits for the lock, as long as the class that implements it says.
     virtual void lock() const = 0;
+    /// Gives it back.
     virtual void unlock() const = 0;
 };
 
@@ -17,6 +19,7 @@ public:
 /// Keeps a reference only: the object must outlive the guard. One guard belongs to one thread.
 class PZ_API PZSyncGuard {
 public:
+    /// Locks `obj`; the destructor unlocks it.
     explicit PZSyncGuard(const PZSyncObjectBase& obj);
     virtual ~PZSyncGuard();
 

@@ -9,6 +9,7 @@
 /// section runs without it.
 class PZ_SCOPED_CAPABILITY PZSyncLock {
 public:
+    /// Waits for the lock without a time limit.
     explicit PZSyncLock(PZSync& sync) PZ_ACQUIRE(sync)
         : sync_(sync), acquired_(sync.Lock(0xFFFFFFFFU) == 0) {}
 

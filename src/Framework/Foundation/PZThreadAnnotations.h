@@ -1,8 +1,10 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZTHREADANNOTATIONS_H
 #define PZ_FRAMEWORK_FOUNDATION_PZTHREADANNOTATIONS_H
 
-// Attributes of Clang's thread-safety analysis (-Wthread-safety); empty for other compilers.
+/// @file
+/// Attributes of Clang's thread-safety analysis (-Wthread-safety); empty for other compilers.
 
+/// An attribute for Clang, nothing for others.
 #if defined(__clang__)
 #define PZ_THREAD_ATTRIBUTE(x) __attribute__((x))
 #else
@@ -21,8 +23,10 @@
 /// A function that may be called only while the locks are held.
 #define PZ_REQUIRES(...) PZ_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
 
-/// A function that takes, or gives back, the locks.
+/// A function that takes the locks.
 #define PZ_ACQUIRE(...) PZ_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+
+/// A function that gives the locks back.
 #define PZ_RELEASE(...) PZ_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 
 /// A function that the analysis cannot follow; the reason stands beside it.

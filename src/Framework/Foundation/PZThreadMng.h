@@ -38,14 +38,18 @@ public:
     static void DelInstance();
 
     /// Starts, or stops, the watchdog. initialize answers 0 when that failed.
+    /// @{
     int initialize();
     void finalize();
+    /// @}
 
     /// Registers a running thread. A null name leaves the label empty; 256 characters or more are
     /// cut to 255. A handle that is registered already keeps its record. Always true.
+    /// @{
     bool registerThreadInfo(unsigned long handle, const char* name, int priority,
                             unsigned int watchTime);
     bool registerThreadInfo(const ThreadInfo& info);
+    /// @}
 
     /// True when the handle was registered.
     bool unregisterThreadInfo(unsigned long handle);
@@ -76,8 +80,10 @@ public:
 
     /// Marks the calling thread's record as waiting, or running. For threads of the application
     /// around their blocking waits.
+    /// @{
     void notifyToWaiting();
     void notifyToRunning();
+    /// @}
 
     /// Refreshes the run time of each running thread whose processor-time clock answers with a
     /// failure, on purpose: run times stay 0 in practice. Walks the registry without its lock: no

@@ -1,6 +1,9 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZUNITFRAME_H
 #define PZ_FRAMEWORK_FOUNDATION_PZUNITFRAME_H
 
+/// @file
+/// The unit and the priorities of its messages.
+
 #include <Framework/Foundation/PZIDispatcher.h>
 #include <Framework/Foundation/PZIMsgBox.h>
 #include <Framework/PZApi.h>

@@ -21,18 +21,26 @@ public:
     /// Does nothing: the instance dies with the other singletons.
     static void DelInstance();
 
-    /// Always true.
+    /// Called with the start and the stop of the framework. Always true.
+    /// @{
     bool start();
     void stop();
+    /// @}
 
+    /// Called around a blocking wait.
+    /// @{
     void IntoWait();
     void OutWait();
+    /// @}
 
     /// Thread hooks. Initialize answers 0.
+    /// @{
     int Initialize();
     void MainProc();
     void Finalize();
+    /// @}
 
+    /// Does nothing, as all of it.
     void checkOccupationTime();
 
 private:

@@ -1,6 +1,9 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZWORKER_H
 #define PZ_FRAMEWORK_FOUNDATION_PZWORKER_H
 
+/// @file
+/// The worker and its priorities.
+
 #include <memory>
 
 #include <Framework/Foundation/PZIMsgBox.h>
@@ -75,9 +78,11 @@ public:
     const char* getName() const;
 
     /// Hooks of the thread.
+    /// @{
     int Initialize();
     void MainProc();
     void Finalize();
+    /// @}
 
 private:
     const std::unique_ptr<PZLMsgBox> msgBox_;

@@ -3,7 +3,8 @@
 
 #include <Framework/PZApi.h>
 
-// Start and stop of the framework in a process: once each, from the main thread. No lock is taken.
+/// @file
+/// Start and stop of the framework in a process: once each, from the main thread. No lock is taken.
 
 /// Starts the framework: heap accounting, process identity, the system log under `name`, the
 /// thread manager and the timer manager with its five threads.

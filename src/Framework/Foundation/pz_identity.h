@@ -3,9 +3,10 @@
 
 #include <Framework/PZApi.h>
 
-// The name and id that the application gave to pz_FwInitialize. They stay readable after
-// pz_FwFinalize. Written by the starting thread before any framework thread exists, then only
-// read, by any thread.
+/// @file
+/// The name and id that the application gave to pz_FwInitialize. They stay readable after
+/// pz_FwFinalize. Written by the starting thread before any framework thread exists, then only
+/// read, by any thread.
 
 /// The process name, at most 63 characters; "" before start-up. A static buffer.
 PZ_API const char* pz_GetName();

@@ -40,6 +40,7 @@ class PZSerializable;
 ///            end, so that what is read next stays as it was, too.
 class PZ_API Archive : private PZUncopyable {
 public:
+    /// The origin of seek.
     enum SEEK_OPT : int {
         en_SEEK_START = 0,    ///< from the first byte
         en_SEEK_CURRENT = 1,  ///< forward from the read position
@@ -60,8 +61,8 @@ public:
     /// Number of bytes written.
     unsigned int getSize() const;
 
-    // A plain char is written as an int.
-
+    /// Appends the value. A plain char is written as an int.
+    /// @{
     void write(bool value);
     void write(signed char value);
     void write(unsigned char value);
@@ -73,12 +74,14 @@ public:
     void write(unsigned long long value);
     void write(float value);
     void write(double value);
+    /// @}
 
     /// Does nothing when `data` is null, or `size` is 0 or above 0x7FFFFFFF.
     void write(const void* data, unsigned int size);
 
     /// With `maxChars` of 0 or more, only the bytes of that many UTF-8 characters at the beginning.
     void write(const std::string& s, int maxChars = -1);
+    /// Appends the text.
     void write(const std::wstring& s);
 
     /// When `s` holds neither a narrow nor a wide text, only its code page is written: what is
@@ -97,6 +100,9 @@ public:
 
     /// A byte other than 0 and 1 is reported as an assertion; the target stays as it was.
     void read(bool& value);
+
+    /// Takes the value from the read position.
+    /// @{
     void read(signed char& value);
     void read(unsigned char& value);
     void read(short& value);
@@ -107,14 +113,16 @@ public:
     void read(unsigned long long& value);
     void read(float& value);
     void read(double& value);
+    /// @}
 
     /// Does nothing when `data` is null or `size` is 0.
     void read(void* data, unsigned int size);
 
-    // The target ends at the first zero of the stored text; the whole of it is passed over.
-
+    /// The target ends at the first zero of the stored text; the whole of it is passed over.
+    /// @{
     void read(std::string& s);
     void read(std::wstring& s);
+    /// @}
 
     /// A narrow text comes back with the code page XCP_UTF8, whatever was stored, a wide one with
     /// XCP_NONE. When something else than a text follows, or none is left, only the code page of
@@ -175,7 +183,7 @@ public:
     virtual void deserialize(const unsigned char* data, unsigned int size) = 0;
 
 protected:
-    Archive archive_;
+    Archive archive_;  ///< what serialize makes
 
     friend class Archive;  // reads archive_
 };

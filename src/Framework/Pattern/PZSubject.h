@@ -1,6 +1,9 @@
 #ifndef PZ_FRAMEWORK_PATTERN_PZSUBJECT_H
 #define PZ_FRAMEWORK_PATTERN_PZSUBJECT_H
 
+/// @file
+/// The subject, its observers, and whom a notification reaches.
+
 #include <list>
 #include <vector>
 

@@ -7,10 +7,13 @@
 /// Its operations do nothing.
 class PZ_API PZSharedMemoryFinalizer {
 public:
+    /// Does nothing.
+    /// @{
     static void addShmHdl(int handle);
     static void addSyncShmHdl(int handle);
     static void addSyncHdl(void* handle);
     static void finalize();
+    /// @}
 };
 
 #endif  // PZ_FRAMEWORK_SHAREDMEMORY_PZSHAREDMEMORYFINALIZER_H

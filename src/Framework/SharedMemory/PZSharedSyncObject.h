@@ -14,6 +14,7 @@
 /// Failures:  reported, never thrown. An object that could not be created reports every call.
 class PZ_API PZSharedSyncObject : public PZSyncObjectBase {
 public:
+    /// Makes or opens the semaphore "/name", see PZSync. A null name is reported.
     explicit PZSharedSyncObject(const char* name);
     ~PZSharedSyncObject() override;
 

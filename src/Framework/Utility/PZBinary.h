@@ -30,21 +30,29 @@ public:
     /// Holds a copy; nothing when `data` is null or `size` is 0.
     PZBinary(const unsigned char* data, unsigned int size);
     /// A copy of the bytes and the cursor. The copy of an empty object has its cursor at 0.
+    /// @{
     PZBinary(const PZBinary& other);
     PZBinary& operator=(const PZBinary& other);
+    /// @}
     virtual ~PZBinary();
 
     /// The bytes; null when there are none.
+    /// @{
     unsigned char* getBuffer() { return buffer_.get(); }
     const unsigned char* getBuffer() const { return buffer_.get(); }
+    /// @}
+
+    /// Number of bytes.
     unsigned int getSize() const { return size_; }
 
     /// Appends a copy; the cursor stays. Does nothing when `data` is null, when `size` is 0, or
     /// when both sizes together exceed 0xFFFFFFFF.
     ///
     /// Moves all bytes on every call: what comes in many pieces is better put together elsewhere.
+    /// @{
     void add(const unsigned char* data, unsigned int size);
     void add(const PZBinary& other);
+    /// @}
 
     /// Holds a copy of these bytes instead, with the cursor at 0; nothing when `data` is null or
     /// `size` is 0.
@@ -53,6 +61,8 @@ public:
     /// Frees the bytes; the cursor goes to 0.
     void clear();
 
+    /// The number at an offset from the first byte; 0 when out of range.
+    /// @{
     unsigned char getUInt8(unsigned int offset) const {
         return GetNumber<unsigned char>(offset, false);
     }
@@ -65,7 +75,10 @@ public:
     unsigned long long getUInt64(unsigned int offset, bool swap) const {
         return GetNumber<unsigned long long>(offset, swap);
     }
+    /// @}
 
+    /// The number at an offset from the cursor; 0 when out of range.
+    /// @{
     unsigned char readUInt8(unsigned int offset) const {
         return GetNumber<unsigned char>(FromCursor(offset), false);
     }
@@ -78,6 +91,7 @@ public:
     unsigned long long readUInt64(unsigned int offset, bool swap) const {
         return GetNumber<unsigned long long>(FromCursor(offset), swap);
     }
+    /// @}
 
     /// `length` + 1 characters: the bytes and a NUL that counts. Out of range, the same number of
     /// NULs; but an empty string when `length` is 0x7FFFFFFF or more, which no 32-bit build could
@@ -87,8 +101,10 @@ public:
     std::string readString(unsigned int offset, unsigned int length) const;
 
     /// An object with a copy of `length` bytes, its cursor at 0; empty when out of range.
+    /// @{
     PZBinary getBinary(unsigned int offset, unsigned int length) const;
     PZBinary readBinary(unsigned int offset, unsigned int length) const;
+    /// @}
 
     /// Moves the cursor and answers where it is afterwards. `origin`:
     /// - 0: to `offset`, even behind the end

@@ -67,9 +67,11 @@ public:
     int removeTimer(PZLTimerBase* t);
 
     /// Thread hooks, called by the timer thread.
+    /// @{
     int Initialize();
     void MainProc();
     void Finalize();
+    /// @}
 
 private:
     using TimerMap = std::map<PZLTimerBase*, _TimerInfo, std::less<PZLTimerBase*>>;
@@ -139,8 +141,9 @@ public:
 ///
 /// A callback may itself call AddTimer, RemoveTimer and IsActive. The timers that are due in the
 /// same check, its own included, are not active until all their callbacks have returned:
-///   - RemoveTimer of one of them answers 0 and stops nothing; only its callback's result does.
-///   - AddTimer of one of them succeeds, and its interval and expiry win over the repetition.
+/// - RemoveTimer of one of them answers 0 and stops nothing; only its callback's result does.
+/// - AddTimer of one of them succeeds, and its interval and expiry win over the repetition.
+///
 /// AddTimer from a callback files by the timer thread's own priority, and all five lie in the
 /// first band: a timer of another band does not re-add itself there, it repeats by its result.
 /// A callback that calls into another band waits for that band's callbacks; two bands whose
@@ -148,13 +151,13 @@ public:
 ///
 /// Time is the 32-bit millisecond tick. A timer fires at its expiry or later, never before. The
 /// period counts from the check that fired it, so a late timer is not caught up.
-///   - An interval of 0 fires at the next check; adding a timer brings one about at once. A timer
-///     that repeats with an interval of 0 brings about none: its band then waits without limit,
-///     other timers included, until a timer is added to it. Repeat with 1 or more.
-///   - Intervals of 0x80000000 (24.8 days) or more are not supported: they are waited for without
-///     limit, or fire at once when the band's previous check was long ago.
-///   - Every 49.7 days, shortly before the tick wraps, a band whose timers all expire beyond the
-///     wrap may wait without limit, until a timer is added to it.
+/// - An interval of 0 fires at the next check; adding a timer brings one about at once. A timer
+///   that repeats with an interval of 0 brings about none: its band then waits without limit,
+///   other timers included, until a timer is added to it. Repeat with 1 or more.
+/// - Intervals of 0x80000000 (24.8 days) or more are not supported: they are waited for without
+///   limit, or fire at once when the band's previous check was long ago.
+/// - Every 49.7 days, shortly before the tick wraps, a band whose timers all expire beyond the
+///   wrap may wait without limit, until a timer is added to it.
 ///
 /// Threads:   any thread may call anything.
 /// Ownership: timers belong to their user. After RemoveTimer a timer is not touched any more and

@@ -11,14 +11,17 @@
 template <typename T>
 class PZAllocator {
 public:
-    using value_type = T;
+    using value_type = T;  ///< what the memory is for
 
     PZAllocator() noexcept = default;
+    /// Allocators of all types are the same.
     template <typename U>
     // NOLINTNEXTLINE(google-explicit-constructor): containers convert allocators silently
     PZAllocator(const PZAllocator<U>& /*other*/) noexcept {}
 
+    /// Memory for `count` objects; throws std::bad_alloc when there is none.
     T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
+    /// Gives it back.
     void deallocate(T* memory, std::size_t count) noexcept {
         std::allocator<T>().deallocate(memory, count);
     }
@@ -30,35 +33,39 @@ public:
 /// A node of a PZPList: its neighbours (null at the ends) and the element it points at.
 template <typename T>
 struct PZPListObj {
-    PZPListObj* prev;
-    PZPListObj* next;
-    T* element;  ///< the user's; may be null
+    PZPListObj* prev;  ///< towards the head
+    PZPListObj* next;  ///< towards the tail
+    T* element;        ///< the user's; may be null
 };
 
 /// Links nodes that have a `prev` and a `next` into a chain. Neither makes nor frees them.
 template <typename NODE>
 class PZListBase : private PZUncopyable {
 public:
+    /// Number of nodes.
     unsigned int GetCount() const noexcept { return count_; }
 
     /// The first node; null when the list is empty.
     NODE* GetHead() const noexcept { return head_; }
 
     // A walk with the list's own cursor, which stays valid while nodes are erased: when its node
-    // goes, it stands on the one after. All three answer the node that it stands on then, null
-    // behind the last one.
+    // goes, it stands on the one after.
 
+    /// The cursor goes to the first node, which is answered; null when the list is empty.
     NODE* MoveFirst() noexcept { return current_ = head_; }
+    /// It goes on to the next node, which is answered; null behind the last one.
     NODE* MoveNext() noexcept {
         if (current_ != nullptr) current_ = current_->next;
         return current_;
     }
+    /// The node that it stands on; null behind the last one.
     NODE* GetCurrent() const noexcept { return current_; }
 
 protected:
     PZListBase() noexcept = default;
     ~PZListBase() = default;
 
+    /// Makes `node`, which is in no list, the last one.
     void LinkTail(NODE* node) noexcept {
         node->prev = tail_;
         node->next = nullptr;
@@ -67,7 +74,7 @@ protected:
         ++count_;
     }
 
-    /// `node` must be in this list.
+    /// Takes `node` out; it must be in this list.
     void Unlink(NODE* node) noexcept {
         (node->prev != nullptr ? node->prev->next : head_) = node->next;
         (node->next != nullptr ? node->next->prev : tail_) = node->prev;
@@ -90,19 +97,25 @@ private:
 template <typename T, typename ALLOCATOR = PZAllocator<T*>>
 class PZPList : public PZListBase<PZPListObj<T>> {
 public:
-    using Node = PZPListObj<T>;
+    using Node = PZPListObj<T>;  ///< the list's own
 
     /// Yields the elements from head to tail. Erasing another node leaves it valid.
     class iterator {
     public:
+        /// What the standard library asks of an iterator.
+        /// @{
         using iterator_category = std::forward_iterator_tag;
         using value_type = T*;
         using difference_type = std::ptrdiff_t;
         using pointer = T* const*;
         using reference = T*;
+        /// @}
 
+        /// Stands on `node`; null is the end.
         explicit iterator(const Node* node = nullptr) noexcept : node_(node) {}
 
+        /// The element of the node; on to the next node.
+        /// @{
         T* operator*() const noexcept { return node_->element; }
         iterator& operator++() noexcept {
             node_ = node_->next;
@@ -113,6 +126,7 @@ public:
             ++*this;
             return before;
         }
+        /// @}
         friend bool operator==(iterator a, iterator b) noexcept { return a.node_ == b.node_; }
         friend bool operator!=(iterator a, iterator b) noexcept { return a.node_ != b.node_; }
 
@@ -142,8 +156,11 @@ public:
         AllocatorTraits::deallocate(allocator, node, 1);
     }
 
+    /// The elements, for range-based for loops.
+    /// @{
     iterator begin() const noexcept { return iterator(this->GetHead()); }
     iterator end() const noexcept { return iterator(); }
+    /// @}
 
 private:
     using Allocator = typename std::allocator_traits<ALLOCATOR>::template rebind_alloc<Node>;

@@ -34,7 +34,7 @@ class Archive;
 ///            SubStr alone can throw.
 class PZ_API PZString {
 public:
-    using EN_CP = EN_XCP;
+    using EN_CP = EN_XCP;  ///< a code page
 
     /// What Split fills. The elements are the user's: free them with DeleteSplitString.
     using SplitList = PZPList<PZString, PZAllocator<PZString*>>;
@@ -44,8 +44,11 @@ public:
 
     /// Holds nothing.
     PZString();
-    // Texts convert silently. A null text, or a refused code page of 16-bit text, is reported: the
-    // object holds nothing then. With a code page argument it still has that code page.
+
+    /// Holds a copy. Texts convert silently. A null text, or a refused code page of 16-bit text, is
+    /// reported: the object holds nothing then. With a code page argument it still has that code
+    /// page.
+    /// @{
     // NOLINTBEGIN(google-explicit-constructor)
     PZString(const char* s, EN_CP cp = XCP_UTF8);
     PZString(const std::string& s);
@@ -54,13 +57,14 @@ public:
     // NOLINTEND(google-explicit-constructor)
     PZString(const unsigned short* s, EN_CP cp);
     PZString(const PZString& o);
+    /// @}
     ~PZString();
 
     /// Frees the text; afterwards the object is as default-constructed.
     void DeleteStr();
 
-    // Setting. Texts end at their first zero. False, and nothing changed, for a null text.
-
+    /// Sets the text, which ends at its first zero. False, and nothing changed, for a null text.
+    /// @{
     bool Copy(const char* s, EN_CP cp = XCP_UTF8);
     bool Copy(const std::string& s);
     bool Copy(const wchar_t* s);
@@ -68,37 +72,44 @@ public:
     /// Refuses, reported, every code page but XCP_UTF16BE and XCP_UTF16LE.
     bool Copy(const unsigned short* s, EN_CP cp);
     bool Copy(const PZString& o);
+    /// @}
 
+    /// Sets the text as Copy does.
+    /// @{
     PZString& operator=(const char* s);
     PZString& operator=(const std::string& s);
     PZString& operator=(const wchar_t* s);
     /// Always refuses, reported, and changes nothing: the byte order is missing. Use Copy.
     PZString& operator=(const unsigned short* s);
     PZString& operator=(const PZString& o);
+    /// @}
 
-    // Adding at the end. Bytes that join a narrow text are taken to be in its code page already;
-    // everything else is converted into the form that is held. Where neither a narrow nor a wide
-    // text is held, the object becomes the argument, and a 16-bit text is lost.
-    // False for a null text and for one that cannot be converted.
-
+    /// Adds at the end. Bytes that join a narrow text are taken to be in its code page already;
+    /// everything else is converted into the form that is held. Where neither a narrow nor a wide
+    /// text is held, the object becomes the argument, and a 16-bit text is lost.
+    /// False for a null text and for one that cannot be converted.
+    ///
     /// A wide text takes `s` in the object's code page; if that is XCP_NONE, it becomes and stays
     /// XCP_UTF8.
+    /// The 16-bit form of a PZString is not added: false.
+    /// @{
     bool Append(const char* s);
     bool Append(const std::string& s);
     bool Append(const wchar_t* w);
-    /// The 16-bit form of `o` is not added: false.
     bool Append(const PZString& o);
+    /// @}
 
-    // The same at the beginning. The text must not be null.
-
-    /// A wide text takes `s` in UTF-8, and the object keeps its code page.
+    /// The same at the beginning. The text must not be null. A wide text takes bytes as UTF-8, and
+    /// the object keeps its code page.
+    /// @{
     bool AppendToHead(const char* s);
     bool AppendToHead(const std::string& s);
     bool AppendToHead(const wchar_t* w);
     bool AppendToHead(const PZString& o);
+    /// @}
 
-    // Append, on this object: `a + b` changes `a`, exactly like `a += b`. A failure is reported.
-
+    /// Append, on this object: `a + b` changes `a`, exactly like `a += b`. A failure is reported.
+    /// @{
     PZString& operator+(const char* s);
     PZString& operator+(const std::string& s);
     PZString& operator+(const wchar_t* w);
@@ -107,6 +118,7 @@ public:
     PZString& operator+=(const std::string& s);
     PZString& operator+=(const wchar_t* w);
     PZString& operator+=(const PZString& o);
+    /// @}
 
     // Reading, with conversion in place. Null when nothing is held, or when it cannot be converted
     // (reported). An empty text changes its form but keeps its code page, except for ToWCHAR16.
@@ -116,47 +128,58 @@ public:
     const char* ToCHAR(EN_CP cp = XCP_UTF8);
     /// The narrow text in UTF-8.
     const char* ToTCHAR();
+    /// The wide text.
     const wchar_t* ToWCHAR();
     /// The units in the byte order `cp`: XCP_UTF16BE or XCP_UTF16LE.
     const unsigned short* ToWCHAR16(EN_CP cp);
 
-    // Reading without conversion: null when another form is held.
-
+    /// Reading without conversion: null when another form is held.
+    /// @{
     const char* RefCHAR() const;
     const wchar_t* RefWCHAR() const;
+    /// @}
 
-    // Order: by unit (bytes are unsigned), then by length. False where the forms differ or the text
-    // is null.
-
+    /// Order: by unit (bytes are unsigned), then by length. False where the forms differ or the
+    /// text is null.
+    /// @{
     bool operator<(const PZString& o) const;
     bool operator<(const char* s) const;
     bool operator<(const std::string& s) const;
     bool operator<(const wchar_t* w) const;
+    /// @}
 
-    // Not less: equal texts count as greater, and so do texts that cannot be compared.
-
+    /// Not less: equal texts count as greater, and so do texts that cannot be compared.
+    /// @{
     bool operator>(const PZString& o) const { return !(*this < o); }
     bool operator>(const char* s) const { return !(*this < s); }
     bool operator>(const std::string& s) const { return !(*this < s); }
     bool operator>(const wchar_t* w) const { return !(*this < w); }
+    /// @}
 
     /// False when both hold the same form, narrow or wide, with different texts. Otherwise the code
     /// pages alone decide; 16-bit texts are not compared.
     bool operator==(const PZString& o) const;
     /// True when that form is held and equal; never for null.
+    /// @{
     bool operator==(const char* s) const;
     bool operator==(const std::string& s) const;
     bool operator==(const wchar_t* w) const;
+    /// @}
 
+    /// The opposite of operator==.
+    /// @{
     bool operator!=(const PZString& o) const { return !(*this == o); }
     bool operator!=(const char* s) const { return !(*this == s); }
     bool operator!=(const std::string& s) const { return !(*this == s); }
     bool operator!=(const wchar_t* w) const { return !(*this == w); }
+    /// @}
 
     /// As operator==, but an object that holds nothing equals null.
+    /// @{
     bool IsEqual(const char* s) const;
     bool IsEqual(const std::string& s) const;
     bool IsEqual(const wchar_t* w) const;
+    /// @}
     /// Two narrow texts: equal bytes and code pages. Two wide texts: equal characters. Any other
     /// pair: true when `o` holds neither a narrow nor a wide text, whatever this object holds.
     bool IsEqual(const PZString& o) const;

@@ -3,21 +3,22 @@
 
 #include <Framework/PZApi.h>
 
-// Converts text between code pages and guesses the code page of unknown bytes.
-//
-// Threads:   any thread may call anything; nothing is shared between calls.
-// Ownership: nothing that is passed in is kept. Source and destination do not overlap.
-// Results:   the converters answer the number of units written, terminator not counted: bytes for
-//            narrow targets, characters for XCP_WCHAR, 16-bit units for XCP_UTF16, XCP_UTF16BE
-//            and XCP_UTF16LE. A result below 1 is a failure; so is converting an empty text.
-// Sizes:     a source length of -1 means up to the terminator. A size in bytes that does not fit
-//            a positive 32-bit number is an invalid argument.
-// Failures:  reported. A failed conversion leaves an empty, terminated destination (the terminator
-//            cut to the destination's size); invalid arguments leave it untouched.
-// Narrow:    a narrow target gets no terminator, although there must be room for one: hand in a
-//            zero-filled buffer.
-// States:    a stateful target (XCP_ISO2022_JP, _KR, _CN) is not returned to its initial state.
-//            XCP_UTF16 begins with a byte order mark.
+/// @file
+/// Converts text between code pages and guesses the code page of unknown bytes.
+///
+/// Threads:   any thread may call anything; nothing is shared between calls.
+/// Ownership: nothing that is passed in is kept. Source and destination do not overlap.
+/// Results:   the converters answer the number of units written, terminator not counted: bytes for
+///            narrow targets, characters for XCP_WCHAR, 16-bit units for XCP_UTF16, XCP_UTF16BE
+///            and XCP_UTF16LE. A result below 1 is a failure; so is converting an empty text.
+/// Sizes:     a source length of -1 means up to the terminator. A size in bytes that does not fit
+///            a positive 32-bit number is an invalid argument.
+/// Failures:  reported. A failed conversion leaves an empty, terminated destination (the terminator
+///            cut to the destination's size); invalid arguments leave it untouched.
+/// Narrow:    a narrow target gets no terminator, although there must be room for one: hand in a
+///            zero-filled buffer.
+/// States:    a stateful target (XCP_ISO2022_JP, _KR, _CN) is not returned to its initial state.
+///            XCP_UTF16 begins with a byte order mark.
 
 /// The code pages. The numbers are those of stored data and never change; the first two groups
 /// name partly the same pages.

@@ -5,9 +5,10 @@
 
 #include <Framework/PZApi.h>
 
-// The C library's string, number, sleep and process calls behind one calling style. Everything
-// here is re-entrant; any thread may call it. The copy helpers clear errno, return 0 and never
-// print.
+/// @file
+/// The C library's string, number, sleep and process calls behind one calling style. Everything
+/// here is re-entrant; any thread may call it. The copy helpers clear errno, return 0 and never
+/// print.
 
 /// Copies `src` with its terminator. `dstSize` is not enforced: `dst` must be large enough.
 PZ_API int pz_strcpy(char* dst, unsigned int dstSize, const char* src);
@@ -66,6 +67,7 @@ PZ_API int pz_sleep(unsigned int s);
 /// Writes the file systems' buffers to the disks.
 PZ_API void pz_sync();
 
+/// The kernel's id of the process.
 PZ_API pid_t pz_get_current_process_id();
 
 /// The kernel's id of the calling thread.
