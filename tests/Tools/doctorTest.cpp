@@ -1,0 +1,927 @@
+#include <doctor/Checks.h>
+#include <doctor/Report.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <iconv.h>
+#include <mqueue.h>
+#include <semaphore.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <Framework/PZFramework.h>
+
+#include "support/ChildProcess.h"
+#include "support/Interposed.h"
+#include "support/JsonReader.h"
+#include "support/RunCommand.h"
+#include "support/TempDir.h"
+#include "support/WaitUntil.h"
+
+using pztest::CommandResult;
+using pztest::JsonValue;
+using pztest::read_file;
+using pztest::read_json;
+using pztest::run_command;
+using pztest::TempDir;
+using pztest::wait_until;
+using pztest::write_file;
+
+namespace {
+
+pztest::Interposed<iconv_t(const char*, const char*)> iconv_open_call(
+    "iconv_open", reinterpret_cast<iconv_t>(-1));
+pztest::Interposed<int(const char*, int)> access_call("access");
+pztest::Interposed<int(const char*, struct statfs64*)> statfs_call("statfs64");
+pztest::Interposed<int(const char*, struct statvfs64*)> statvfs_call("statvfs64");
+
+CommandResult run_doctor(const std::string& arguments) {
+    return run_command(PZ_DOCTOR " " + arguments + " 2>&1");
+}
+
+/// The bytes that a semaphore of this value has in its file.
+std::string semaphore_bytes(unsigned int value) {
+    sem_t semaphore;
+    std::memset(&semaphore, 0, sizeof semaphore);
+    sem_init(&semaphore, 1, value);
+    std::string bytes(sizeof semaphore, '\0');
+    std::memcpy(&bytes[0], &semaphore, sizeof semaphore);
+    sem_destroy(&semaphore);
+    return bytes;
+}
+
+std::string limits(const std::string& files, const std::string& processes,
+                   const std::string& queues, const std::string& nice) {
+    return "Limit                     Soft Limit           Hard Limit           Units     \n"
+           "Max cpu time              unlimited            unlimited            seconds   \n"
+           "Max processes             " +
+           processes +
+           "                 96365                processes \n"
+           "Max open files            " +
+           files +
+           "                 1048576              files     \n"
+           "Max msgqueue size         " +
+           queues +
+           "               unlimited            bytes     \n"
+           "Max nice priority         " +
+           nice + "                   40                   \n";
+}
+
+/// What /proc/self/stat holds for a program whose name is made to mislead.
+std::string stat_line(int nice) {
+    return "321 (a) S 5 9 9) S 300 321 300 34816 321 4194304 110 0 0 0 1 2 3 4 20 " +
+           std::to_string(nice) + " 1 0 987654 8192000 512\n";
+}
+
+std::string segment_row(long key, int id, int mode, int bytes, int creator, int attached) {
+    char row[256];
+    std::snprintf(row, sizeof row,
+                  "%10ld %10d  %4o %21d %5d %5d  %5d     0     0     0     0 1795274892 "
+                  "1795274892 1795274892                     0                     0\n",
+                  key, id, static_cast<unsigned int>(mode), bytes, creator, creator, attached);
+    return row;
+}
+
+constexpr char kSegmentColumns[] =
+    "       key      shmid perms                  size  cpid  lpid nattch   uid   gid  cuid  cgid"
+    "      atime      dtime      ctime                   rss                  swap\n";
+
+/// A file tree that stands for a machine.
+class doctorTest : public testing::Test {
+protected:
+    void TearDown() override {
+        access_call.Reset();
+        statvfs_call.Reset();
+    }
+
+    std::string Root() const { return dir_.Path(); }
+
+    CommandResult Doctor(const std::string& arguments = "") const {
+        return run_doctor("--root " + Root() + " " + arguments);
+    }
+
+    /// The table as it should be, below its first lines.
+    std::string Table(const std::string& rows) const {
+        return "pz-doctor 1.0.0, the files under " + Root() + "\n\n" + rows;
+    }
+
+    void Folder(const std::string& path, mode_t mode = 0755) const {
+        std::filesystem::create_directories(Root() + path);
+        chmod((Root() + path).c_str(), mode);
+    }
+
+    /// Makes the folder as well; takes the place of what is there.
+    void File(const std::string& path, const std::string& content = "", mode_t mode = 0644) const {
+        MakeWay(path);
+        write_file(Root() + path, content);
+        chmod((Root() + path).c_str(), mode);
+    }
+
+    void Link(const std::string& path, const std::string& target) const {
+        MakeWay(path);
+        ASSERT_EQ(0, symlink(target.c_str(), (Root() + path).c_str()));
+    }
+
+    /// A device that needs no rights to be made, or a socket.
+    void Node(const std::string& path, mode_t mode) const {
+        MakeWay(path);
+        ASSERT_EQ(0, mknod((Root() + path).c_str(), mode, makedev(0, 0)));
+    }
+
+    void Remove(const std::string& path) const { std::filesystem::remove_all(Root() + path); }
+
+    /// The zone files of all rows but those that only a repair brings.
+    void ZoneFiles() const {
+        for (const PZClock::ST_TIME_ZONE& row : PZClock::timeZoneTbl_) File(row.path, "TZif2");
+        for (const PZClock::ST_TIME_ZONE_GMT& row : PZClock::timeZoneGmtTbl_) {
+            File(row.path, "TZif2");
+        }
+    }
+
+    /// Everything that the library needs, and holders for what is in use.
+    void GoodMachine() const {
+        for (const char* path : {"/temp", "/temp/system_data", "/Syslog", "/tmp", "/dev/shm"}) {
+            Folder(path, 01777);
+        }
+        File("/tmp/tzfile", "TZif2");
+        Link("/etc/localtime", "/tmp/tzfile");
+        File("/usr/bin/date", "", 0755);
+        Link("/bin", "usr/bin");
+        Node("/dev/rtc0", S_IFCHR | 0600);
+        Node("/run/log/socket", S_IFSOCK | 0666);
+        Link("/dev/log", "/run/log/socket");
+        ZoneFiles();
+        File("/usr/lib/x86_64-linux-gnu/libicui18n.so.72");
+
+        File("/proc/self/limits", limits("4096", "unlimited", "819200", "40"));
+        File("/proc/self/status", "Name:\tx\nCapEff:\t0000000002000000\nSeccomp:\t0\n");
+        File("/proc/self/stat", stat_line(4));
+        File("/proc/self/environ", std::string("HOME=/\0LTZ=UTC\0TZDIR=/x\0", 24));
+        File("/proc/sys/fs/mqueue/msg_max", "256\n");
+        File("/proc/sys/fs/mqueue/msgsize_max", "8192\n");
+        File("/proc/sys/fs/mqueue/queues_max", "256\n");
+        File("/proc/sys/kernel/shmmni", "4096\n");
+
+        File("/dev/mqueue/radio");
+        File("/dev/mqueue/tuner");
+        File("/dev/shm/sem.free", semaphore_bytes(1));
+        File("/dev/shm/sem.taken", semaphore_bytes(0));
+        File("/dev/shm/other", semaphore_bytes(0));
+        File("/proc/sysvipc/shm",
+             kSegmentColumns + segment_row(16787, 7, 0666, 40, 900, 2) +
+                 segment_row(16788, 8, 0666, 1, 101, 0) + segment_row(16789, 9, 0666, 24, 0, 0) +
+                 segment_row(16790, 10, 0600, 40, 900, 0) +
+                 segment_row(16791, 11, 0666, 4096, 900, 0) + segment_row(0, 12, 0666, 40, 900, 0) +
+                 segment_row(-16792, 15, 0666, 40, 900, 0));
+        Link("/proc/101/fd/0", "/dev/null");
+        Link("/proc/101/fd/3", "/radio");
+        Link("/proc/101/fd/4", "/dev/mqueue/tuner");
+        File("/proc/101/maps",
+             "7f0000000000-7f0000001000 rw-p 00000000 00:00 0 \n"
+             "7f1000000000-7f1000001000 rw-s 00000000 00:1b 5      /dev/shm/sem.taken\n");
+    }
+
+private:
+    void MakeWay(const std::string& path) const {
+        const std::filesystem::path place = Root() + path;
+        std::filesystem::create_directories(place.parent_path());
+        std::filesystem::remove_all(place);
+    }
+
+    const TempDir dir_;
+};
+
+/// The finding of one check, made in the test itself.
+Finding find(const Machine& machine, const std::vector<Check>& family, const std::string& name) {
+    for (const Check& check : family) {
+        if (name == check.name) return check.run(machine);
+    }
+    return skipped("no such check");
+}
+
+Finding find_here(const std::vector<Check>& family, const std::string& name) {
+    return find(Machine(), family, name);
+}
+
+/// Every name in the first column of --list.
+std::vector<std::string> all_names() {
+    std::istringstream lines(run_doctor("--list").output);
+    std::vector<std::string> names;
+    for (std::string line; std::getline(lines, line);) {
+        names.push_back(line.substr(0, line.find(' ')));
+    }
+    return names;
+}
+
+}  // namespace
+
+extern "C" iconv_t iconv_open(const char* to, const char* from) {
+    return iconv_open_call(to, from);
+}
+
+extern "C" int access(const char* path, int mode) noexcept {
+    return access_call(path, mode);
+}
+
+extern "C" int statfs64(const char* path, struct statfs64* status) noexcept {
+    return statfs_call(path, status);
+}
+
+extern "C" int statvfs64(const char* path, struct statvfs64* status) noexcept {
+    return statvfs_call(path, status);
+}
+
+TEST_F(doctorTest, FindsAMachineWithEverythingGreen) {
+    GoodMachine();
+    const CommandResult doctor = Doctor();
+    EXPECT_EQ(Table(
+                  // clang-format off
+"green   temp-folder         /temp has mode 1777\n"
+"green   system-data-folder  /temp/system_data has mode 1777\n"
+"green   syslog-folder       /Syslog has mode 1777\n"
+"green   log-space           at least 1 MiB is free for /Syslog\n"
+"green   tmp-folder          /tmp has mode 1777\n"
+"green   shm-folder          /dev/shm has mode 1777\n"
+"green   proc-folder         /proc is there\n"
+"green   zone-file           /tmp/tzfile is a compiled zone file\n"
+"green   local-zone          /etc/localtime leads to /tmp/tzfile\n"
+"green   tz-variable         TZ is not set\n"
+"green   date-program        /bin/date is a program\n"
+"green   rtc-device          /dev/rtc0 is a device that this user may write\n"
+"green   log-socket          /dev/log is a socket\n"
+"green   zone-areas          zone files of all 84 rows\n"
+"green   zone-offsets        zone files of all 111 rows\n"
+"skipped code-pages          needs the running machine\n"
+"green   icu-detector        ICU 72, libicui18n.so.72\n"
+"green   nice-limit          nice values from -20\n"
+"green   own-nice            nice value 4\n"
+"green   descriptors         4096 open files, room for 581 workers\n"
+"green   threads             unlimited threads of one user\n"
+"green   clock-rights        CAP_SYS_TIME\n"
+"green   queue-messages      fs.mqueue.msg_max is 256\n"
+"green   queue-message-size  fs.mqueue.msgsize_max is 8192\n"
+"green   queue-count         fs.mqueue.queues_max is 256, 2 in use\n"
+"green   queue-bytes         819200 bytes, room for 11 queues of one user\n"
+"green   queue-folder        /dev/mqueue shows the queues\n"
+"green   queue-leftovers     no queue without a process\n"
+"green   semaphore-leftovers no semaphore taken by a dead process\n"
+"green   segment-leftovers   no segment of a dead process\n"
+"green   segment-count       kernel.shmmni is 4096, 7 in use\n"
+"\n"
+"31 checks: 30 green, 0 yellow, 0 red, 1 skipped\n"),
+              // clang-format on
+              doctor.output);
+    EXPECT_EQ(0, doctor.status);
+}
+
+TEST_F(doctorTest, FindsAnEmptyMachineRedAndNamesEveryRepair) {
+    const CommandResult doctor = Doctor();
+    EXPECT_EQ(
+        Table(
+            // clang-format off
+"red     temp-folder         /temp is missing\n"
+"                            why:    every process writes its thread status to /temp/ThreadInfo\n"
+"                            repair: install -d -m 1777 /temp\n"
+"red     system-data-folder  /temp/system_data is missing\n"
+"                            why:    file guards keep their key files in /temp/system_data\n"
+"                            repair: install -d -m 1777 /temp/system_data\n"
+"red     syslog-folder       /Syslog is missing\n"
+"                            why:    log files and heap leak reports are written to /Syslog\n"
+"                            repair: install -d -m 1777 /Syslog\n"
+"skipped log-space           needs /Syslog\n"
+"red     tmp-folder          /tmp is missing\n"
+"                            why:    selecting a time zone writes /tmp/tzfile\n"
+"                            repair: install -d -m 1777 /tmp\n"
+"red     shm-folder          /dev/shm is missing\n"
+"                            why:    locks shared between processes are semaphores in /dev/shm\n"
+"                            repair: mkdir -p /dev/shm && mount -t tmpfs -o mode=1777,nosuid,nodev tmpfs /dev/shm\n"
+"red     proc-folder         /proc is missing\n"
+"                            why:    limits, queues and leftovers are read from /proc\n"
+"                            repair: mkdir -p /proc && mount -t proc proc /proc\n"
+"yellow  zone-file           /tmp/tzfile is missing\n"
+"                            why:    local times are UTC until a time zone has been selected\n"
+"                            repair: cp /usr/share/zoneinfo/Etc/UTC /tmp/tzfile\n"
+"red     local-zone          /etc/localtime is missing\n"
+"                            why:    a selected time zone reaches processes through /etc/localtime only\n"
+"                            repair: ln -sfn /tmp/tzfile /etc/localtime\n"
+"skipped tz-variable         needs /proc\n"
+"red     date-program        /bin/date is missing\n"
+"                            why:    setting the local time runs /bin/date\n"
+"                            repair: apt-get install -y --reinstall coreutils\n"
+"red     rtc-device          /dev/rtc0 is missing\n"
+"                            why:    setting UTC writes the real-time clock /dev/rtc0\n"
+"                            repair: modprobe rtc-cmos || modprobe rtc-efi\n"
+"red     log-socket          /dev/log is missing\n"
+"                            why:    tagged debug lines go to the system log through /dev/log\n"
+"                            repair: service rsyslog start || busybox syslogd\n"
+"red     zone-areas          no zone file for 84 of 84 rows: /usr/share/zoneinfo/Pacific/Midway, /usr/share/zoneinfo/Pacific/Honolulu, /usr/share/zoneinfo/America/Anchorage and 81 more\n"
+"                            why:    selecting a time zone by area copies the area's zone file\n"
+"                            repair: apt-get install -y tzdata-legacy || apt-get install -y --reinstall tzdata\n"
+"red     zone-offsets        no zone file for 111 of 111 rows: /usr/share/zoneinfo/Etc/GMT-1445, /usr/share/zoneinfo/Etc/GMT-1430, /usr/share/zoneinfo/Etc/GMT-1415 and 108 more\n"
+"                            why:    selecting a time zone by offset copies the offset's zone file\n"
+"                            repair: pz-doctor --zones | zic -d /usr/share/zoneinfo -\n"
+"skipped code-pages          needs the running machine\n"
+"red     icu-detector        no libicui18n.so of version 40 to 99\n"
+"                            why:    the code page of a text is detected by ICU\n"
+"                            repair: apt-get install -y '^libicu[0-9]+$'\n"
+"skipped nice-limit          needs /proc\n"
+"skipped own-nice            needs /proc\n"
+"skipped descriptors         needs /proc\n"
+"skipped threads             needs /proc\n"
+"skipped clock-rights        needs /proc\n"
+"skipped queue-messages      needs /proc\n"
+"skipped queue-message-size  needs /proc\n"
+"skipped queue-count         needs /proc\n"
+"skipped queue-bytes         needs /proc\n"
+"yellow  queue-folder        /dev/mqueue does not show the queues\n"
+"                            why:    left queues are found and removed in /dev/mqueue\n"
+"                            repair: mkdir -p /dev/mqueue && mount -t mqueue none /dev/mqueue\n"
+"skipped queue-leftovers     needs /dev/mqueue\n"
+"skipped semaphore-leftovers needs /dev/shm\n"
+"skipped segment-leftovers   needs /proc\n"
+"skipped segment-count       needs /proc\n"
+"\n"
+"31 checks: 0 green, 2 yellow, 13 red, 16 skipped\n"),
+        // clang-format on
+        doctor.output);
+    EXPECT_EQ(13, doctor.status);
+}
+
+TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
+    GoodMachine();
+    Folder("/temp", 0755);
+    Remove("/temp/system_data");
+    File("/temp/system_data");
+    Folder("/Syslog", 0777);
+    File("/tmp/tzfile", "UTC0");
+    Remove("/etc/localtime");
+    Link("/etc/localtime", "/usr/share/zoneinfo/Asia/Tokyo");
+    File("/usr/bin/date", "", 0644);
+    File("/dev/rtc0");
+    Remove("/dev/log");
+    File("/dev/log");
+    Remove("/usr/share/zoneinfo/Asia/Tokyo");
+    File("/usr/share/zoneinfo/Asia/Baku", "text");
+    Remove("/usr/share/zoneinfo/Etc/GMT+130");
+    Remove("/usr/lib");
+    File("/proc/self/limits", limits("35", "63", "71679", "29"));
+    File("/proc/self/status", "CapEff:\t0000000001000000\n");
+    File("/proc/self/stat", stat_line(5));
+    File("/proc/self/environ", std::string("HOME=/\0TZ=UTC\0", 14));
+    File("/proc/sys/fs/mqueue/msg_max", "10\n");
+    File("/proc/sys/fs/mqueue/msgsize_max", "1023\n");
+    File("/proc/sys/fs/mqueue/queues_max", "2\n");
+    File("/proc/sys/kernel/shmmni", "7\n");
+    File("/proc/101/maps");
+    Remove("/proc/101/fd/3");
+    File("/proc/sysvipc/shm", read_file(Root() + "/proc/sysvipc/shm") +
+                                  segment_row(16792, 13, 01666, 40, 900, 0) +
+                                  segment_row(16793, 14, 0666, 1, 900, 0));
+    const CommandResult doctor = Doctor();
+    EXPECT_EQ(
+        Table(
+            // clang-format off
+"red     temp-folder         /temp has mode 0755\n"
+"                            why:    every process writes its thread status to /temp/ThreadInfo\n"
+"                            repair: chmod 1777 /temp\n"
+"red     system-data-folder  /temp/system_data is not a folder\n"
+"                            why:    file guards keep their key files in /temp/system_data\n"
+"                            repair: mv /temp/system_data /temp/system_data.old && install -d -m 1777 /temp/system_data\n"
+"yellow  syslog-folder       /Syslog has mode 0777\n"
+"                            why:    log files and heap leak reports are written to /Syslog\n"
+"                            repair: chmod 1777 /Syslog\n"
+"green   log-space           at least 1 MiB is free for /Syslog\n"
+"green   tmp-folder          /tmp has mode 1777\n"
+"green   shm-folder          /dev/shm has mode 1777\n"
+"green   proc-folder         /proc is there\n"
+"red     zone-file           /tmp/tzfile is not a compiled zone file\n"
+"                            why:    local times are UTC until a time zone has been selected\n"
+"                            repair: mv /tmp/tzfile /tmp/tzfile.old && cp /usr/share/zoneinfo/Etc/UTC /tmp/tzfile\n"
+"red     local-zone          /etc/localtime leads to /usr/share/zoneinfo/Asia/Tokyo\n"
+"                            why:    a selected time zone reaches processes through /etc/localtime only\n"
+"                            repair: ln -sfn /tmp/tzfile /etc/localtime\n"
+"yellow  tz-variable         TZ is set to \"UTC\"\n"
+"                            why:    a process with TZ set keeps its zone when another one is selected\n"
+"                            repair: unset TZ\n"
+"red     date-program        /bin/date may not be executed by everybody\n"
+"                            why:    setting the local time runs /bin/date\n"
+"                            repair: chmod 755 /bin/date\n"
+"red     rtc-device          /dev/rtc0 is not a device\n"
+"                            why:    setting UTC writes the real-time clock /dev/rtc0\n"
+"                            repair: mv /dev/rtc0 /dev/rtc0.old && udevadm trigger -s rtc\n"
+"red     log-socket          /dev/log is not a socket\n"
+"                            why:    tagged debug lines go to the system log through /dev/log\n"
+"                            repair: mv /dev/log /dev/log.old && { service rsyslog start || busybox syslogd; }\n"
+"red     zone-areas          no zone file for 2 of 84 rows: /usr/share/zoneinfo/Asia/Baku, /usr/share/zoneinfo/Asia/Tokyo\n"
+"                            why:    selecting a time zone by area copies the area's zone file\n"
+"                            repair: apt-get install -y tzdata-legacy || apt-get install -y --reinstall tzdata\n"
+"red     zone-offsets        no zone file for 1 of 111 rows: /usr/share/zoneinfo/Etc/GMT+130\n"
+"                            why:    selecting a time zone by offset copies the offset's zone file\n"
+"                            repair: pz-doctor --zones | zic -d /usr/share/zoneinfo -\n"
+"skipped code-pages          needs the running machine\n"
+"red     icu-detector        no libicui18n.so of version 40 to 99\n"
+"                            why:    the code page of a text is detected by ICU\n"
+"                            repair: apt-get install -y '^libicu[0-9]+$'\n"
+"red     nice-limit          nice values from -9\n"
+"                            why:    workers and timers take nice values down to -20\n"
+"                            repair: prlimit --pid $$ --nice=40:40  # in a unit: LimitNICE=-20\n"
+"red     own-nice            nice value 5\n"
+"                            why:    a thread with a nice value above 4 can add no timer\n"
+"                            repair: renice -n 0 -p $$\n"
+"red     descriptors         35 open files, room for 1 workers\n"
+"                            why:    an event takes 2 descriptors, a worker 7\n"
+"                            repair: ulimit -n 1024  # in a unit: LimitNOFILE=1024\n"
+"red     threads             63 threads of one user\n"
+"                            why:    every worker, timer band and receiving queue has a thread\n"
+"                            repair: ulimit -u 1024  # in a unit: LimitNPROC=1024\n"
+"yellow  clock-rights        no CAP_SYS_TIME\n"
+"                            why:    only a process with CAP_SYS_TIME sets clocks\n"
+"                            repair: setcap cap_sys_time+ep PROGRAM\n"
+"red     queue-messages      fs.mqueue.msg_max is 10\n"
+"                            why:    a message queue asks for 64 messages\n"
+"                            repair: sysctl -w fs.mqueue.msg_max=256\n"
+"red     queue-message-size  fs.mqueue.msgsize_max is 1023\n"
+"                            why:    a message queue asks for messages of 1024 bytes\n"
+"                            repair: sysctl -w fs.mqueue.msgsize_max=8192\n"
+"red     queue-count         fs.mqueue.queues_max is 2, 2 in use\n"
+"                            why:    every receiving process makes a queue\n"
+"                            repair: sysctl -w fs.mqueue.queues_max=256\n"
+"red     queue-bytes         71679 bytes, room for 0 queues of one user\n"
+"                            why:    a queue of 64 messages counts 71680 bytes of its user's limit\n"
+"                            repair: ulimit -q 819200  # in a unit: LimitMSGQUEUE=819200\n"
+"green   queue-folder        /dev/mqueue shows the queues\n"
+"yellow  queue-leftovers     queues without a process: radio\n"
+"                            why:    the next receiver finds the messages of a dead one\n"
+"                            repair: rm -f /dev/mqueue/radio\n"
+"red     semaphore-leftovers semaphores taken by dead processes: taken\n"
+"                            why:    a shared lock that died taken is never free again\n"
+"                            repair: rm -f /dev/shm/sem.taken\n"
+"yellow  segment-leftovers   segments left by dead processes: 13, 14\n"
+"                            why:    file guards of dead processes fill the table of segments\n"
+"                            repair: ipcrm -m 13 -m 14\n"
+"red     segment-count       kernel.shmmni is 7, 9 in use\n"
+"                            why:    a file guard needs two segments of shared memory\n"
+"                            repair: sysctl -w kernel.shmmni=4096\n"
+"\n"
+"31 checks: 5 green, 5 yellow, 20 red, 1 skipped\n"),
+        // clang-format on
+        doctor.output);
+    EXPECT_EQ(20, doctor.status);
+}
+
+TEST_F(doctorTest, FindsARestrictionYellow) {
+    GoodMachine();
+    File("/proc/self/limits", limits("1023", "255", "71680", "30"));
+    File("/proc/sys/fs/mqueue/msg_max", "255\n");
+    File("/proc/sys/fs/mqueue/queues_max", "17\n");
+    const CommandResult doctor =
+        Doctor("nice-limit descriptors threads queue-messages queue-count queue-bytes");
+    EXPECT_EQ(
+        Table(
+            // clang-format off
+"yellow  nice-limit          nice values from -10\n"
+"                            why:    workers and timers take nice values down to -20\n"
+"                            repair: prlimit --pid $$ --nice=40:40  # in a unit: LimitNICE=-20\n"
+"yellow  descriptors         1023 open files, room for 142 workers\n"
+"                            why:    an event takes 2 descriptors, a worker 7\n"
+"                            repair: ulimit -n 1024  # in a unit: LimitNOFILE=1024\n"
+"yellow  threads             255 threads of one user\n"
+"                            why:    every worker, timer band and receiving queue has a thread\n"
+"                            repair: ulimit -u 1024  # in a unit: LimitNPROC=1024\n"
+"yellow  queue-messages      fs.mqueue.msg_max is 255\n"
+"                            why:    a message queue asks for 64 messages\n"
+"                            repair: sysctl -w fs.mqueue.msg_max=256\n"
+"yellow  queue-count         fs.mqueue.queues_max is 17, 2 in use\n"
+"                            why:    every receiving process makes a queue\n"
+"                            repair: sysctl -w fs.mqueue.queues_max=256\n"
+"green   queue-bytes         71680 bytes, room for 1 queues of one user\n"
+"\n"
+"6 checks: 1 green, 5 yellow, 0 red, 0 skipped\n"),
+        // clang-format on
+        doctor.output);
+    EXPECT_EQ(0, doctor.status);
+}
+
+TEST_F(doctorTest, DrawsTheLineBetweenColoursExactly) {
+    GoodMachine();
+    const auto status = [this](const std::string& check) {
+        const std::string table = Doctor(check).output;
+        const size_t row = table.find("\n\n") + 2;
+        return table.substr(row, table.find(' ', row) - row);
+    };
+    File("/proc/self/limits", limits("1024", "256", "unlimited", "39"));
+    File("/proc/sys/fs/mqueue/msg_max", "64\n");
+    File("/proc/sys/fs/mqueue/msgsize_max", "1024\n");
+    File("/proc/sys/fs/mqueue/queues_max", "18\n");
+    File("/proc/sys/kernel/shmmni", "9\n");
+    EXPECT_EQ("green", status("descriptors"));
+    EXPECT_EQ("green", status("threads"));
+    EXPECT_EQ("green", status("queue-bytes"));
+    EXPECT_EQ("yellow", status("nice-limit"));
+    EXPECT_EQ("yellow", status("queue-messages"));
+    EXPECT_EQ("green", status("queue-message-size"));
+    EXPECT_EQ("green", status("queue-count"));
+    EXPECT_EQ("green", status("segment-count"));
+
+    File("/proc/self/limits", limits("256", "64", "0", "0"));
+    File("/proc/sys/fs/mqueue/msg_max", "63\n");
+    File("/proc/sys/kernel/shmmni", "8\n");
+    EXPECT_EQ("yellow", status("descriptors"));
+    EXPECT_EQ("yellow", status("threads"));
+    EXPECT_EQ("red", status("queue-bytes"));
+    EXPECT_EQ("red", status("nice-limit"));
+    EXPECT_EQ("red", status("queue-messages"));
+    EXPECT_EQ("red", status("segment-count"));
+
+    File("/proc/self/limits", limits("255", "63", "0", "unlimited"));
+    EXPECT_EQ("red", status("descriptors"));
+    EXPECT_EQ("red", status("threads"));
+    EXPECT_EQ("green", status("nice-limit"));
+    Remove("/dev/mqueue");
+    EXPECT_EQ("green", status("queue-count"));
+}
+
+TEST_F(doctorTest, FindsAFullFileSystemOfLogsRed) {
+    Folder("/Syslog");
+    static fsblkcnt64_t blocks;
+    statvfs_call.Replace([](const char*, struct statvfs64* status) {
+        *status = {};
+        status->f_frsize = 4096;
+        status->f_bfree = 1000;  // most of them kept for root
+        status->f_bavail = blocks;
+        return 0;
+    });
+    blocks = 255;
+    const Finding full = find(Machine(Root()), folder_checks(), "log-space");
+    EXPECT_EQ(Status::Red, full.status);
+    EXPECT_EQ("less than 1 MiB is free for /Syslog", full.found);
+    EXPECT_EQ("find /Syslog -type f -mtime +7 -delete", full.repair);
+    blocks = 256;
+    EXPECT_EQ(Status::Green, find(Machine(Root()), folder_checks(), "log-space").status);
+}
+
+TEST_F(doctorTest, FindsFoldersOfAReadOnlyFileSystemRed) {
+    Folder("/temp", 01777);
+    access_call.FailNext(EROFS);
+    const Finding finding = find(Machine(Root()), folder_checks(), "temp-folder");
+    EXPECT_EQ(Status::Red, finding.status);
+    EXPECT_EQ("the file system of /temp is read-only", finding.found);
+    EXPECT_EQ("mount -o remount,rw \"$(findmnt -n -o TARGET -T /temp)\"", finding.repair);
+    EXPECT_EQ(Status::Green, find(Machine(Root()), folder_checks(), "temp-folder").status);
+}
+
+TEST_F(doctorTest, FindsAClockThatOnlyOthersMayWriteYellow) {
+    Node("/dev/rtc0", S_IFCHR | 0600);
+    access_call.FailNext(EACCES);
+    const Finding finding = find(Machine(Root()), device_checks(), "rtc-device");
+    EXPECT_EQ(Status::Yellow, finding.status);
+    EXPECT_EQ("/dev/rtc0 cannot be written by this user", finding.found);
+    EXPECT_EQ("chmod 666 /dev/rtc0", finding.repair);
+}
+
+TEST_F(doctorTest, FindsEveryNiceValueAllowedWithTheCapability) {
+    GoodMachine();
+    File("/proc/self/limits", limits("4096", "unlimited", "819200", "0"));
+    File("/proc/self/status", "CapEff:\t0000000000800000\n");
+    EXPECT_EQ(Table("green   nice-limit          CAP_SYS_NICE: every nice value\n"
+                    "\n1 checks: 1 green, 0 yellow, 0 red, 0 skipped\n"),
+              Doctor("nice-limit").output);
+}
+
+TEST_F(doctorTest, FindsAKernelWithoutQueuesSegmentsOrLimitsRed) {
+    Folder("/proc/self");
+    const CommandResult doctor = Doctor(
+        "nice-limit own-nice descriptors threads queue-messages queue-message-size queue-count "
+        "queue-bytes segment-leftovers segment-count tz-variable");
+    EXPECT_EQ(11, doctor.status);
+    for (const char* path :
+         {"/proc/self/limits", "/proc/self/stat", "/proc/self/environ",
+          "/proc/sys/fs/mqueue/msg_max", "/proc/sys/fs/mqueue/msgsize_max",
+          "/proc/sys/fs/mqueue/queues_max", "/proc/sysvipc/shm", "/proc/sys/kernel/shmmni"}) {
+        EXPECT_NE(std::string::npos, doctor.output.find(path + std::string(" cannot be read\n")))
+            << path;
+    }
+}
+
+TEST_F(doctorTest, LeavesHeldThingsInDoubtWhenAProcessMayNotBeLookedInto) {
+    GoodMachine();
+    Remove("/proc/101/fd");
+    File("/proc/101/maps");
+    Folder("/proc/102");
+    const CommandResult doctor = Doctor("queue-leftovers semaphore-leftovers");
+    EXPECT_EQ(Table(
+                  // clang-format off
+"yellow  queue-leftovers     queues without a process: radio, tuner, unless one of 2 processes that this user may not look into holds them\n"
+"                            why:    the next receiver finds the messages of a dead one\n"
+"                            repair: sudo pz-doctor\n"
+"yellow  semaphore-leftovers semaphores taken by dead processes: taken, unless one of 2 processes that this user may not look into holds them\n"
+"                            why:    a shared lock that died taken is never free again\n"
+"                            repair: sudo pz-doctor\n"
+"\n"
+"2 checks: 0 green, 2 yellow, 0 red, 0 skipped\n"),
+              // clang-format on
+              doctor.output);
+    EXPECT_EQ(0, doctor.status);
+}
+
+TEST_F(doctorTest, QuotesNamesInItsRepairsAndKeepsThemFromTheTerminal) {
+    GoodMachine();
+    const std::string file = "/dev/shm/sem.a b'c\\\x1b[31m\xc3\xa9\n7";
+    File(file, semaphore_bytes(0));
+    const std::string output = Doctor("semaphore-leftovers").output;
+    EXPECT_EQ(Table("red     semaphore-leftovers semaphores taken by dead processes: "
+                    "a b'c\\?[31m???7\n"
+                    "                            why:    a shared lock that died taken is never "
+                    "free again\n"
+                    "                            repair: rm -f "
+                    "$'/dev/shm/sem.a b\\'c\\\\\\033[31m\\303\\251\\0127'\n"
+                    "\n1 checks: 0 green, 0 yellow, 1 red, 0 skipped\n"),
+              output);
+
+    // The shell reads the word as the name.
+    const size_t word = output.find("$'");
+    const std::string script = Root() + "/script";
+    write_file(script, "printf %s " + output.substr(word, output.find('\n', word) - word));
+    EXPECT_EQ(file, run_command("bash " + script).output);
+}
+
+TEST_F(doctorTest, FollowsLinksInsideOfTheTreeOnly) {
+    Folder("/data/temp", 01777);
+    Link("/temp", "../../data/./temp");
+    EXPECT_EQ(0, Doctor("temp-folder").status);
+    Remove("/temp");
+    Link("/temp", "/tmp");  // this machine's has the right mode, the tree has none
+    EXPECT_EQ(1, Doctor("temp-folder").status);
+    Remove("/temp");
+    Link("/temp", "temp");
+    EXPECT_EQ(1, Doctor("temp-folder").status);
+}
+
+TEST_F(doctorTest, ItsZoneSourceRepairsTheOffsets) {
+    EXPECT_EQ(1, Doctor("zone-offsets").status);
+    ASSERT_EQ(
+        0, Doctor("--zones | /usr/sbin/zic -b slim -d " + Root() + "/usr/share/zoneinfo -").status);
+    EXPECT_EQ(0, Doctor("zone-offsets").status);
+    EXPECT_EQ("", Doctor("--zones").output);
+
+    // A compiled file ends with its rule, whose sign is the inverse one.
+    const auto rule = [this](const std::string& name) {
+        const std::string file = read_file(Root() + "/usr/share/zoneinfo/Etc/" + name);
+        const size_t start = file.rfind('\n', file.size() - 2);
+        return file.substr(start + 1, file.size() - start - 2);
+    };
+    EXPECT_EQ("<+1445>-14:45", rule("GMT-1445"));
+    EXPECT_EQ("<+09>-9", rule("GMT-9").replace(4, 2, ""));
+    EXPECT_EQ("<-0030>0:30", rule("GMT+0030"));
+    EXPECT_EQ("<-1130>11:30", rule("GMT+130"));
+    EXPECT_EQ("<-1145>11:45", rule("GMT+145"));
+    EXPECT_EQ("<-1245>12:45", rule("GMT+1345"));
+}
+
+TEST_F(doctorTest, WritesTheSameAsJson) {
+    GoodMachine();
+    File("/proc/sys/fs/mqueue/msg_max", "10\n");
+    const CommandResult doctor = Doctor("--json date-program queue-messages code-pages");
+    EXPECT_EQ(
+        "{\n"
+        "  \"version\": \"1.0.0\",\n"
+        "  \"root\": \"" +
+            Root() +
+            "\",\n"
+            "  \"checks\": [\n"
+            "    {\"name\": \"date-program\", \"status\": \"green\",\n"
+            "     \"found\": \"/bin/date is a program\",\n"
+            "     \"why\": \"setting the local time runs /bin/date\",\n"
+            "     \"repair\": \"\"},\n"
+            "    {\"name\": \"queue-messages\", \"status\": \"red\",\n"
+            "     \"found\": \"fs.mqueue.msg_max is 10\",\n"
+            "     \"why\": \"a message queue asks for 64 messages\",\n"
+            "     \"repair\": \"sysctl -w fs.mqueue.msg_max=256\"},\n"
+            "    {\"name\": \"code-pages\", \"status\": \"skipped\",\n"
+            "     \"found\": \"needs the running machine\",\n"
+            "     \"why\": \"text is converted by the C library's iconv modules\",\n"
+            "     \"repair\": \"\"}\n"
+            "  ],\n"
+            "  \"green\": 1,\n"
+            "  \"yellow\": 0,\n"
+            "  \"red\": 1,\n"
+            "  \"skipped\": 1\n"
+            "}\n",
+        doctor.output);
+    EXPECT_EQ(1, doctor.status);
+}
+
+TEST_F(doctorTest, EscapesWhatJsonDoesNotTake) {
+    Link("/etc/localtime", "/a\"b\\c");
+    const auto json = read_json(Doctor("--json local-zone").output);
+    ASSERT_TRUE(json);
+    EXPECT_EQ("/etc/localtime leads to /a\"b\\c",
+              json->At("checks").members[0].second.At("found").text);
+
+    const Report report = {"1", "/caf\xc3\xa9\n", {}};
+    const auto other = read_json(json_text(report));
+    ASSERT_TRUE(other);
+    EXPECT_EQ("/caf\xc3\xa9\n", other->At("root").text);
+}
+
+TEST_F(doctorTest, ListsEveryCheckWithItsReason) {
+    EXPECT_EQ(0U, run_doctor("--list").output.find("temp-folder         every process writes its "
+                                                   "thread status to /temp/ThreadInfo\n"));
+    EXPECT_EQ(31U, all_names().size());
+    for (const std::string& name : all_names()) {
+        EXPECT_NE(std::string::npos, Doctor(name).output.find(" " + name + " ")) << name;
+    }
+}
+
+TEST_F(doctorTest, ItsManualDescribesEveryCheckAndOption) {
+    std::string manual = read_file(PZ_DOCTOR_MANUAL);
+    manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
+    for (const std::string& name : all_names()) {
+        EXPECT_NE(std::string::npos, manual.find("\n.TP\n.B " + name + "\n")) << name;
+    }
+    for (const char* option : {"--root", "--json", "--zones", "--list", "--version", "--help"}) {
+        EXPECT_NE(std::string::npos, run_doctor("--help").output.find(option)) << option;
+        const bool described =
+            manual.find(std::string("\n.TP\n.B ") + option + "\n") != std::string::npos ||
+            manual.find(std::string("\n.TP\n.BI ") + option + " ") != std::string::npos;
+        EXPECT_TRUE(described) << option;
+    }
+}
+
+TEST_F(doctorTest, RefusesWhatItDoesNotKnow) {
+    const auto refused = [](const std::string& arguments, const std::string& problem) {
+        const CommandResult doctor = run_doctor(arguments);
+        EXPECT_EQ("pz-doctor: " + problem + "\nTry pz-doctor --help.\n", doctor.output);
+        EXPECT_EQ(126, doctor.status);
+    };
+    refused("--jason", "unknown option --jason");
+    refused("date", "unknown check date");
+    refused("--root", "--root needs a folder");
+    refused("--root /dev/null", "not a folder: /dev/null");
+    refused("--root " + Root() + "/none", "not a folder: " + Root() + "/none");
+}
+
+TEST_F(doctorTest, SaysHowItIsUsed) {
+    const CommandResult help = run_doctor("--help");
+    EXPECT_EQ(0U, help.output.find("usage: pz-doctor "));
+    EXPECT_EQ(0, help.status);
+    EXPECT_EQ("pz-doctor 1.0.0\n", run_doctor("--version").output);
+}
+
+TEST_F(doctorTest, SaysThatItsAnswerCouldNotBeWritten) {
+    const CommandResult doctor = run_command(PZ_DOCTOR " --list 2>&1 >/dev/full");
+    EXPECT_EQ("pz-doctor: No space left on device\n", doctor.output);
+    EXPECT_EQ(126, doctor.status);
+}
+
+TEST(doctorReportTest, CountsAtMost125Reds) {
+    Report report = {"1", "", {}};
+    for (int i = 0; i < 125; ++i) report.results.push_back({"a", "b", red("c", "d")});
+    EXPECT_EQ(125, exit_status(report));
+    report.results.push_back({"a", "b", red("c", "d")});
+    EXPECT_EQ(125, exit_status(report));
+    report.results.assign(3, {"a", "b", red("c", "d")});
+    report.results.push_back({"a", "b", yellow("c", "d")});
+    EXPECT_EQ(3, exit_status(report));
+}
+
+TEST(doctorReportTest, ColoursTheStatusOnly) {
+    const Report report = {"1", "", {{"a", "w", green("f")}, {"b", "w", red("f", "r")}}};
+    EXPECT_EQ(
+        "pz-doctor 1, this machine\n\n"
+        "\033[32mgreen   \033[0ma                   f\n"
+        "\033[31mred     \033[0mb                   f\n"
+        "                            why:    w\n"
+        "                            repair: r\n"
+        "\n2 checks: 1 green, 0 yellow, 1 red, 0 skipped\n",
+        table_text(report, true));
+}
+
+TEST(doctorLiveTest, EndsWithTheNumberOfRedsOfThisMachine) {
+    const CommandResult doctor = run_doctor("--json");
+    const auto json = read_json(doctor.output);
+    ASSERT_TRUE(json) << doctor.output;
+    EXPECT_EQ("", json->At("root").text);
+    EXPECT_EQ(31U, json->At("checks").members.size());
+    EXPECT_EQ(doctor.status, json->At("red").number);
+    EXPECT_EQ(31, json->At("green").number + json->At("yellow").number + json->At("red").number +
+                      json->At("skipped").number);
+    for (const auto& member : json->At("checks").members) {
+        const JsonValue& check = member.second;
+        const std::string& status = check.At("status").text;
+        const bool broken = status == "yellow" || status == "red";
+        EXPECT_NE("", check.At("name").text);
+        EXPECT_NE("", check.At("found").text);
+        EXPECT_NE("", check.At("why").text);
+        EXPECT_EQ(broken, !check.At("repair").text.empty()) << check.At("name").text;
+    }
+}
+
+TEST(doctorLiveTest, OpensAConversionForEveryCodePage) {
+    iconv_open_call.Reset();
+    Finding finding = find_here(text_checks(), "code-pages");
+    EXPECT_EQ(Status::Green, finding.status);
+    EXPECT_EQ("conversions to and from UTF-8 of 49 code pages", finding.found);
+    EXPECT_EQ(98, iconv_open_call.Calls());
+
+    iconv_open_call.FailNext(EINVAL, 2, 6);  // to UTF-8: the fourth and, alone, the fifth page
+    finding = find_here(text_checks(), "code-pages");
+    EXPECT_EQ(Status::Red, finding.status);
+    EXPECT_EQ("no conversion for 2 of 49 code pages: CP850, CP874", finding.found);
+    EXPECT_EQ("apt-get install -y --reinstall libc6 && iconvconfig", finding.repair);
+}
+
+TEST(doctorLiveTest, FindsTheSemaphoreOfADeadProcess) {
+    const std::string name = "+pz_doctor_" + std::to_string(getpid());  // before other names
+    const std::string file = "/dev/shm/sem." + name;
+    ASSERT_EQ(0, pztest::run_in_child([&name] {
+                     PZSharedSyncObject(name.c_str()).lock();  // never unlocked
+                     return 0;
+                 }).status);
+    const Finding dead = find_here(leftover_checks(), "semaphore-leftovers");
+    {
+        const PZSync user(name.c_str(), PZSync::en_TYPE_NAMED);
+        const Finding used = find_here(leftover_checks(), "semaphore-leftovers");
+        EXPECT_EQ(std::string::npos, (used.found + used.repair).find(name));
+    }
+    sem_unlink(("/" + name).c_str());
+
+    EXPECT_EQ(0U, dead.found.find("semaphores taken by dead processes: " + name)) << dead.found;
+    if (dead.status == Status::Red) {
+        EXPECT_EQ(0U, (dead.repair + " ").find("rm -f " + file + " ")) << dead.repair;
+        return;
+    }
+    // Some process may not be looked into: here as well, by other means.
+    EXPECT_EQ(Status::Yellow, dead.status);
+    EXPECT_NE(std::string::npos, run_command("LC_ALL=C cat /proc/[0-9]*/maps 2>&1 >/dev/null")
+                                     .output.find("Permission denied"));
+}
+
+TEST(doctorLiveTest, TakesNoFolderForTheQueuesThatDoesNotShowThem) {
+    const auto answer_type = [](unsigned int type) {
+        static unsigned int asked;
+        asked = type;
+        statfs_call.Replace([](const char*, struct statfs64* status) {
+            *status = {};
+            status->f_type = static_cast<decltype(status->f_type)>(asked);
+            return 0;
+        });
+    };
+    answer_type(0x01021994);  // a folder in memory
+    EXPECT_EQ(Status::Yellow, find_here(queue_checks(), "queue-folder").status);
+    EXPECT_EQ("needs /dev/mqueue", find_here(leftover_checks(), "queue-leftovers").found);
+    answer_type(0x19800202);  // the kernel's queues
+    const bool folder = Machine().Stat("/dev/mqueue").has_value();
+    EXPECT_EQ(folder ? Status::Green : Status::Yellow,
+              find_here(queue_checks(), "queue-folder").status);
+    statfs_call.Reset();
+    statfs_call.FailNext(ENOENT);
+    EXPECT_EQ(Status::Yellow, find_here(queue_checks(), "queue-folder").status);
+    statfs_call.Reset();
+}
+
+TEST(doctorLiveTest, KnowsAnOpenQueueByItsName) {
+    const std::string name = "/pz_doctor_" + std::to_string(getpid());
+    const mqd_t queue = mq_open(name.c_str(), O_CREAT | O_RDWR, 0600, nullptr);
+    ASSERT_NE(-1, queue);
+    const auto target = Machine().LinkTarget("/proc/self/fd/" + std::to_string(queue));
+    mq_close(queue);
+    mq_unlink(name.c_str());
+    EXPECT_EQ(name, target);
+}
+
+namespace {
+
+long open_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+}  // namespace
+
+// What the check of descriptors counts with: 28 with the standard streams, and 7 for each worker.
+TEST(doctorLiveTest, FrameworkTakes25DescriptorsAndAWorker7) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        const long before = open_descriptors();
+        if (pz_FwInitialize("doctor", 1) == 0) return 1;
+        if (!wait_until([=] { return open_descriptors() == before + 25; })) return 2;
+        PZWorker worker(1, 4000, 1);
+        worker.Start("worker");
+        if (!wait_until([=] { return open_descriptors() == before + 25 + 7; })) return 3;
+        worker.End(0);
+        pz_FwFinalize();
+        return 0;
+    });
+    EXPECT_EQ(0, child.status) << child.output;
+}

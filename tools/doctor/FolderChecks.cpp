@@ -1,0 +1,101 @@
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "Checks.h"
+
+namespace {
+
+constexpr mode_t kPermissions = 07777;
+constexpr mode_t kForAll = 0777;
+constexpr mode_t kForAllAndSticky = 01777;
+constexpr unsigned long long kLeastFreeBytes = 1U << 20;
+
+std::string octal(mode_t mode) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%04o", mode);
+    return text;
+}
+
+bool is_read_only(const Machine& machine, const std::string& path) {
+    return access(machine.Resolve(path).c_str(), W_OK) != 0 && errno == EROFS;
+}
+
+Finding check_folder(const Machine& machine, const std::string& path, const std::string& make) {
+    const auto info = machine.Stat(path);
+    if (!info) return red(path + " is missing", make);
+    if (!S_ISDIR(info->st_mode)) {
+        return red(path + " is not a folder", move_away(path) + make);
+    }
+    const mode_t mode = info->st_mode & kPermissions;
+    const std::string found = path + " has mode " + octal(mode);
+    if ((mode & kForAll) != kForAll) return red(found, "chmod 1777 " + path);
+    if (is_read_only(machine, path)) {
+        return red("the file system of " + path + " is read-only",
+                   "mount -o remount,rw \"$(findmnt -n -o TARGET -T " + path + ")\"");
+    }
+    if (mode != kForAllAndSticky) return yellow(found, "chmod 1777 " + path);
+    return green(found);
+}
+
+Finding check_own_folder(const Machine& machine, const std::string& path) {
+    return check_folder(machine, path, "install -d -m 1777 " + path);
+}
+
+Finding check_temp(const Machine& machine) {
+    return check_own_folder(machine, "/temp");
+}
+
+Finding check_system_data(const Machine& machine) {
+    return check_own_folder(machine, "/temp/system_data");
+}
+
+Finding check_syslog(const Machine& machine) {
+    return check_own_folder(machine, "/Syslog");
+}
+
+Finding check_tmp(const Machine& machine) {
+    return check_own_folder(machine, "/tmp");
+}
+
+Finding check_shm(const Machine& machine) {
+    return check_folder(
+        machine, "/dev/shm",
+        "mkdir -p /dev/shm && mount -t tmpfs -o mode=1777,nosuid,nodev tmpfs /dev/shm");
+}
+
+Finding check_log_space(const Machine& machine) {
+    struct statvfs space;
+    if (statvfs(machine.Resolve("/Syslog").c_str(), &space) != 0) {
+        return skipped("needs /Syslog");
+    }
+    const unsigned long long bytes =
+        static_cast<unsigned long long>(space.f_bavail) * space.f_frsize;
+    if (bytes < kLeastFreeBytes) {
+        return red("less than 1 MiB is free for /Syslog", "find /Syslog -type f -mtime +7 -delete");
+    }
+    return green("at least 1 MiB is free for /Syslog");
+}
+
+Finding check_proc(const Machine& machine) {
+    if (machine.HasProc()) return green("/proc is there");
+    return red("/proc is missing", "mkdir -p /proc && mount -t proc proc /proc");
+}
+
+}  // namespace
+
+std::vector<Check> folder_checks() {
+    return {
+        {"temp-folder", "every process writes its thread status to /temp/ThreadInfo", check_temp},
+        {"system-data-folder", "file guards keep their key files in /temp/system_data",
+         check_system_data},
+        {"syslog-folder", "log files and heap leak reports are written to /Syslog", check_syslog},
+        {"log-space", "log files are cut short on a full file system", check_log_space},
+        {"tmp-folder", "selecting a time zone writes /tmp/tzfile", check_tmp},
+        {"shm-folder", "locks shared between processes are semaphores in /dev/shm", check_shm},
+        {"proc-folder", "limits, queues and leftovers are read from /proc", check_proc},
+    };
+}
