@@ -23,8 +23,8 @@
 //   ```LANGUAGE NAME  the block is also the file NAME of the folder
 //
 // In such a text `...` stands for anything within a line, or as a line for any number of lines, and
-// ~5 for a number that differs from run to run. Colours are not compared, nor the padding and the
-// line number of a report.
+// ~5 for a number that differs from run to run. Colours and blanks at the end of a line are not
+// compared, nor the padding and the line number of a report.
 
 using pztest::CommandResult;
 using pztest::lines_of;
@@ -162,12 +162,14 @@ bool lines_match(LineIterator pattern, LineIterator patternEnd, LineIterator lin
            lines_match(pattern + 1, patternEnd, line + 1, lineEnd);
 }
 
-/// The lines without colours; those that name a place in a source, without padding and number.
+/// The lines without colours and blanks at their ends; those that name a place in a source, without
+/// padding and number.
 std::vector<std::string> comparable(std::string text) {
     for (size_t at = 0; (at = text.find("\033[", at)) != std::string::npos;)
         text.erase(at, text.find('m', at) + 1 - at);
     std::vector<std::string> lines = lines_of(text);
     for (std::string& line : lines) {
+        line.erase(line.find_last_not_of(' ') + 1);
         const size_t place = line.find("()@");
         if (place == std::string::npos) continue;
         const size_t number = line.find('(', place + 3) + 1;
@@ -352,6 +354,28 @@ TEST_P(docsTest, ThePathsThatItNamesExist) {
 INSTANTIATE_TEST_SUITE_P(Documents, docsTest, testing::ValuesIn(split(PZ_DOCUMENTS, ':')),
                          name_of_document);
 
+TEST(docsIndexTest, HasEveryDocument) {
+    const std::string index = read_file(PZ_ROOT "/docs/README.md");
+    for (const std::string& document : split(PZ_DOCUMENTS, ':')) {
+        if (!starts_with(document, "docs/") || document == "docs/README.md") continue;
+        const std::string link = "](" + document.substr(std::strlen("docs/")) + ")";
+        EXPECT_NE(std::string::npos, index.find(link)) << document;
+    }
+}
+
+TEST(docsIndexTest, LeavesOutOnlyCommandsThatTheDocumentsHave) {
+    std::set<std::string> commands;
+    for (const std::string& document : split(PZ_DOCUMENTS, ':')) {
+        for (const Block& block : blocks_of(read_file(PZ_ROOT "/" + document))) {
+            if (block.language != "sh") continue;
+            for (const std::string& command : commands_of(block.text)) commands.insert(command);
+        }
+    }
+    for (const std::string& command : commands_not_run()) {
+        EXPECT_EQ(1U, commands.count(command)) << command;
+    }
+}
+
 // What the comparisons rest on.
 
 TEST(docsRulesTest, FindsTheBlocksAndWhatBelongsTogether) {
@@ -385,6 +409,8 @@ TEST(docsRulesTest, ComparesOutputsButForWhatDiffersFromRunToRun) {
     EXPECT_FALSE(output_matches("a ... c\n", "a b\n"));
     EXPECT_TRUE(output_matches("a\n...\nd\n", "a\nb\nc\nd\n"));
     EXPECT_FALSE(output_matches("a\n...\nd\n", "a\nb\nc\n"));
+    EXPECT_TRUE(output_matches(" a\n", " a  \n"));
+    EXPECT_FALSE(output_matches("a\n", " a\n"));
     EXPECT_TRUE(output_matches("[error] f()@a.cpp(7) {p} : x\n",
                                "\033[31m   [error] f()@a.cpp(1234) {p} : x\n\033[0m"));
     EXPECT_FALSE(output_matches("[error] f()@a.cpp(7) {p} : x\n",
