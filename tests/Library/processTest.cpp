@@ -215,6 +215,7 @@ TEST(processTest, TheStartTakes20DescriptorsAndEveryWaitOne) {
 
 TEST(processTest, AWorkerTakes6DescriptorsAndOneForItsWait) {
     in_child([] {
+        if (!start() || !HOLDS(waits_are(5))) return false;
         const Descriptors before = open_now();
         const Descriptors inherited = pztest::open_descriptors_by_kind(true);
         const Descriptors made = {{"pipe", 6}};
@@ -224,7 +225,7 @@ TEST(processTest, AWorkerTakes6DescriptorsAndOneForItsWait) {
         {
             PZWorker worker(1, 4000, 1);
             if (!HOLDS(added(before, open_now()) == made)) return false;
-            if (!HOLDS(worker.Start("worker") == 0) || !HOLDS(waits_are(1))) return false;
+            if (!HOLDS(worker.Start("worker") == 0) || !HOLDS(waits_are(6))) return false;
             if (!HOLDS(added(before, open_now()) == running)) return false;
             if (!HOLDS(added(inherited, pztest::open_descriptors_by_kind(true)) == waiting)) {
                 return false;
@@ -232,7 +233,9 @@ TEST(processTest, AWorkerTakes6DescriptorsAndOneForItsWait) {
             worker.End(0);
             if (!HOLDS(added(before, open_now()) == made)) return false;
         }
-        return HOLDS(open_now() == before);
+        const bool done = HOLDS(open_now() == before);
+        pz_FwFinalize();
+        return done;
     });
 }
 
@@ -263,8 +266,8 @@ TEST(processTest, AGuardAndANamedLockTakeNoDescriptor) {
         PZFileGuard guard(files.Dir(), files.Name());
         const std::string name = "pzt" + std::to_string(getpid());
         PZSync lock(name.c_str(), PZSync::en_TYPE_NAMED);
-        const bool done =
-            HOLDS(guard.initForSystem()) && HOLDS(lock.Lock(0) == 0) && HOLDS(open_now() == before);
+        const bool isThere = HOLDS(access(("/dev/shm/sem." + name).c_str(), F_OK) == 0);
+        const bool done = isThere && HOLDS(guard.initForSystem()) && HOLDS(open_now() == before);
         sem_unlink(("/" + name).c_str());
         guard.destroyMutex();
         return done;
