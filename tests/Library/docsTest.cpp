@@ -179,9 +179,16 @@ std::vector<std::string> comparable(std::string text) {
     return lines;
 }
 
+/// What a timer thread reports to a user who has no right to nice values below 0.
+bool is_refused_priority(const std::string& line) {
+    return line.find("SetPriority()@PZThreadMng.cpp") != std::string::npos &&
+           line.find("[13 : Permission denied]") != std::string::npos;
+}
+
 bool output_matches(const std::string& expected, const std::string& output) {
     const std::vector<std::string> pattern = comparable(expected);
-    const std::vector<std::string> lines = comparable(output);
+    std::vector<std::string> lines = comparable(output);
+    lines.erase(std::remove_if(lines.begin(), lines.end(), is_refused_priority), lines.end());
     return lines_match(pattern.begin(), pattern.end(), lines.begin(), lines.end());
 }
 
