@@ -26,7 +26,7 @@ inline const char kKoi8[] =  // Russian for "All happy families are alike" in KO
 inline int detected_by(const std::string& program) {
     const TempDir dir;
     write_file(dir.File("text"), kKoi8);
-    return run_command(program + " <" + dir.File("text")).status;
+    return run_command(PZ_EMULATOR + program + " <" + dir.File("text")).status;
 }
 
 inline void expect_detection_with_icu(const std::string& program) {
