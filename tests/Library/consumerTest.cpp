@@ -131,6 +131,8 @@ TEST_F(sharedConsumerTest, IsGivenLicenceDocumentationAndExamples) {
         EXPECT_EQ(read_file(PZ_ROOT "/" + file), read_file(prefix() + "/" PZ_DOCDIR "/" + file));
         EXPECT_NE("", read_file(prefix() + "/" PZ_DOCDIR "/" + file)) << file;
     }
+    EXPECT_EQ(0,
+              run_command("test -x " + prefix() + "/" PZ_DOCDIR "/examples/twoprocess/run").status);
 }
 
 TEST_F(sharedConsumerTest, IsGivenTheLibraryUnderItsThreeNames) {
