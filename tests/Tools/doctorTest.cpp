@@ -460,7 +460,7 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
 "                            repair: sysctl -w fs.mqueue.queues_max=256\n"
 "red     queue-bytes         71679 bytes, room for 0 queues of one user\n"
 "                            why:    a queue of 64 messages counts 71680 bytes of its user's limit\n"
-"                            repair: ulimit -q 819200  # in a unit: LimitMSGQUEUE=819200\n"
+"                            repair: ulimit -q 18350080  # in a unit: LimitMSGQUEUE=18350080\n"
 "green   queue-folder        /dev/mqueue shows the queues\n"
 "yellow  queue-leftovers     queues without a process: radio\n"
 "                            why:    the next receiver finds the messages of a dead one\n"
@@ -690,6 +690,78 @@ TEST_F(doctorTest, ItsZoneSourceRepairsTheOffsets) {
     EXPECT_EQ("<-1245>12:45", rule("GMT+1345"));
 }
 
+TEST_F(doctorTest, ItsZoneSourceIsTheOneThatIsInstalled) {
+    for (int hours = -14; hours <= 12; ++hours) {
+        char name[32];
+        std::snprintf(name, sizeof name, hours == 0 ? "GMT" : "GMT%+d", hours);
+        File(std::string("/usr/share/zoneinfo/Etc/") + name, "TZif2");
+    }
+    const std::string installed = Root() + "/installed";
+    ASSERT_EQ(0, run_command(PZ_ROOT "/packaging/zoneinfo/make-source " PZ_ROOT
+                                     "/src/Framework/Foundation/private/pz_time_zone_table.cpp " +
+                             installed)
+                     .status);
+    const CommandResult same = run_command("tr -s ' ' <" + installed);
+    EXPECT_EQ(84, std::count(same.output.begin(), same.output.end(), '\n'));
+    EXPECT_EQ(same.output, Doctor("--zones").output);
+}
+
+// The commands themselves, with the paths of the tree in place of the machine's.
+TEST_F(doctorTest, ItsRepairsOfFilesMakeTheChecksGreen) {
+    const std::string files =
+        "temp-folder system-data-folder syslog-folder tmp-folder zone-file date-program "
+        "rtc-device queue-leftovers semaphore-leftovers";
+    const auto repair = [&] {
+        const auto json = read_json(Doctor("--json " + files).output);
+        ASSERT_TRUE(json);
+        for (const auto& member : json->At("checks").members) {
+            std::string command = member.second.At("repair").text;
+            for (size_t at = 0; (at = command.find(" /", at)) != std::string::npos; at += 2) {
+                command.insert(at + 1, Root());
+            }
+            EXPECT_EQ(0, run_command(command).status) << command;
+        }
+    };
+    const auto colours = [&](Status status) {
+        return read_json(Doctor("--json " + files).output)->At(status_name(status)).number;
+    };
+    GoodMachine();
+    File("/usr/share/zoneinfo/Etc/UTC", "TZif2");
+
+    // Missing folders.
+    Remove("/temp");
+    Remove("/Syslog");
+    Remove("/tmp");
+    EXPECT_EQ(4, colours(Status::Red));
+    EXPECT_EQ(1, colours(Status::Yellow));  // with /tmp its file
+    repair();
+    EXPECT_EQ(9, colours(Status::Green));
+
+    // Wrong modes, and what dead processes left.
+    Folder("/temp", 0700);
+    Folder("/temp/system_data", 01777 & ~0002);
+    Folder("/Syslog", 0777);
+    Folder("/tmp", 01755);
+    File("/usr/bin/date", "", 0745);
+    Remove("/proc/101/fd/3");
+    File("/proc/101/maps");
+    EXPECT_EQ(5, colours(Status::Red));
+    EXPECT_EQ(2, colours(Status::Yellow));
+    repair();
+    EXPECT_EQ(9, colours(Status::Green));
+
+    // Other things in their places.
+    Remove("/temp");
+    File("/temp");
+    Remove("/Syslog");
+    File("/Syslog");
+    Remove("/tmp/tzfile");
+    Folder("/tmp/tzfile");
+    EXPECT_EQ(4, colours(Status::Red));
+    repair();
+    EXPECT_EQ(9, colours(Status::Green));
+}
+
 TEST_F(doctorTest, WritesTheSameAsJson) {
     GoodMachine();
     File("/proc/sys/fs/mqueue/msg_max", "10\n");
@@ -746,7 +818,7 @@ TEST_F(doctorTest, ListsEveryCheckWithItsReason) {
 }
 
 TEST_F(doctorTest, ItsManualDescribesEveryCheckAndOption) {
-    std::string manual = read_file(PZ_DOCTOR_MANUAL);
+    std::string manual = read_file(PZ_ROOT "/tools/doctor/pz-doctor.1");
     manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
     for (const std::string& name : all_names()) {
         EXPECT_NE(std::string::npos, manual.find("\n.TP\n.B " + name + "\n")) << name;
@@ -771,6 +843,11 @@ TEST_F(doctorTest, RefusesWhatItDoesNotKnow) {
     refused("--root", "--root needs a folder");
     refused("--root /dev/null", "not a folder: /dev/null");
     refused("--root " + Root() + "/none", "not a folder: " + Root() + "/none");
+    refused("''", "unknown check ");
+    refused("--list --zones", "only one of --json, --zones and --list");
+    refused("--json --list", "only one of --json, --zones and --list");
+    refused("temp-folder --zones", "no check with --zones or --list");
+    refused("--list temp-folder", "no check with --zones or --list");
 }
 
 TEST_F(doctorTest, SaysHowItIsUsed) {
@@ -827,6 +904,23 @@ TEST(doctorLiveTest, EndsWithTheNumberOfRedsOfThisMachine) {
         EXPECT_NE("", check.At("why").text);
         EXPECT_EQ(broken, !check.At("repair").text.empty()) << check.At("name").text;
     }
+}
+
+TEST(doctorLiveTest, ReadsWhatItInherits) {
+    const auto first_row = [](const std::string& before, const std::string& check) {
+        const std::string table =
+            run_command("bash -c '" + before + " " PZ_DOCTOR " " + check + "'").output;
+        const size_t row = table.find("\n\n") + 2;
+        return table.substr(row, table.find('\n', row) - row);
+    };
+    EXPECT_EQ("red     descriptors         100 open files, room for 10 workers",
+              first_row("ulimit -S -n 100;", "descriptors"));
+    EXPECT_EQ("red     queue-bytes         71679 bytes, room for 0 queues of one user",
+              first_row("ulimit -S -q 71679;", "queue-bytes"));
+    EXPECT_EQ("red     own-nice            nice value 19", first_row("nice -n 39", "own-nice"));
+    EXPECT_EQ("yellow  tz-variable         TZ is set to \":/tmp/tzfile\"",
+              first_row("TZ=:/tmp/tzfile", "tz-variable"));
+    EXPECT_EQ("green   tz-variable         TZ is not set", first_row("unset TZ;", "tz-variable"));
 }
 
 TEST(doctorLiveTest, OpensAConversionForEveryCodePage) {

@@ -91,6 +91,15 @@ bool* find_switch(const std::string& name, Options& options) {
     return nullptr;
 }
 
+/// False after a message when two of the switches ask for different answers.
+bool check_switches(const Options& options) {
+    const int answers = options.json + options.zones + options.list;
+    if (answers > 1) return usage_error("only one of --json, --zones and --list", "");
+    const bool fixed = options.zones || options.list;
+    if (fixed && !options.checks.empty()) return usage_error("no check with --zones or --list", "");
+    return true;
+}
+
 /// False after a message.
 bool parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
@@ -104,6 +113,7 @@ bool parse(int argc, char** argv, Options& options) {
             return false;
         }
     }
+    if (!check_switches(options)) return false;
     if (options.checks.empty()) options.checks = all_checks();
     return true;
 }
