@@ -62,7 +62,7 @@ Finding check_descriptors(const Machine& machine) {
         kDescriptorsOfWorker;
     std::string found = limit_text(*limit) + " open files";
     if (*limit != kUnlimited) found += ", room for " + std::to_string(workers) + " workers";
-    const std::string repair = "ulimit -n 1024  # in a unit: LimitNOFILE=1024";
+    const std::string repair = "ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024";
     if (*limit < kFewDescriptors) return red(found, repair);
     if (*limit < kEnoughDescriptors) return yellow(found, repair);
     return green(found);
@@ -72,7 +72,7 @@ Finding check_threads(const Machine& machine) {
     const auto limit = soft_limit(machine, "Max processes");
     if (!limit) return unreadable(machine, kLimitsPath, kNoLimitRow);
     const std::string found = limit_text(*limit) + " threads of one user";
-    const std::string repair = "ulimit -u 1024  # in a unit: LimitNPROC=1024";
+    const std::string repair = "ulimit -S -u 1024 || ulimit -u 1024  # in a unit: LimitNPROC=1024";
     if (*limit < kFewThreads) return red(found, repair);
     if (*limit < kEnoughThreads) return yellow(found, repair);
     return green(found);

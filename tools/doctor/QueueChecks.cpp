@@ -63,7 +63,9 @@ Finding check_queue_bytes(const Machine& machine) {
     const std::string found = std::to_string(*limit) + " bytes, room for " +
                               std::to_string(*limit / kBytesOfQueue) + " queues of one user";
     if (*limit < kBytesOfQueue) {
-        return red(found, "ulimit -q 18350080  # in a unit: LimitMSGQUEUE=18350080");
+        return red(
+            found,
+            "ulimit -S -q 18350080 || ulimit -q 18350080  # in a unit: LimitMSGQUEUE=18350080");
     }
     return green(found);
 }
