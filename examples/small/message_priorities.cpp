@@ -4,6 +4,7 @@
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
 
 #include <cstdio>
 
@@ -34,6 +35,7 @@ private:
 }  // namespace
 
 int main() {
+    if (pz_FwInitialize("message_priorities", 1) == 0) return 1;
     PZWorker worker(1, 4000, 1);
     if (worker.Start("desk") != 0) return 1;
     Desk desk;
@@ -46,5 +48,6 @@ int main() {
     isPosted = isPosted && desk.Post("emergency", en_MSG_EMERGENCY);
     desk.OpenDoors();
     worker.End(0);
+    pz_FwFinalize();
     return isPosted ? 0 : 1;
 }

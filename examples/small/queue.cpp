@@ -1,9 +1,9 @@
 // A queue between processes: one process sends and ends, the other receives.
 //
-// Messages wait in the system, the smaller priority value first. The receiving side removes the
-// queue when it closes.
+// Messages wait in the system, the smaller priority value first.
 #include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Foundation/PZEvent.h>
+#include <Framework/Foundation/pz_framework.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,9 +35,8 @@ bool send(PZMsgQ::PZMessageQueue<0>& queue, const char* text, unsigned char prio
 int sending_process(const char* name) {
     PZMsgQ::PZMessageQueue<0> queue;
     if (!queue.open({name})) return 1;
-    const bool isSent = send(queue, "tune to 98500 kHz", 128) && send(queue, "louder", 128) &&
-                        send(queue, "switch on", 1);
-    return isSent ? 0 : 1;
+    const bool isTuned = send(queue, "tune to 98500 kHz", 128) && send(queue, "louder", 128);
+    return isTuned && send(queue, "switch on", 1) ? 0 : 1;
 }
 
 }  // namespace
@@ -49,10 +48,12 @@ int main() {
     int status = -1;
     if (waitpid(other, &status, 0) != other || status != 0) return 1;
 
+    if (pz_FwInitialize("queue", 1) == 0) return 1;
     PZEvent received;
     Radio radio(received);
     PZMsgQ::PZMessageQueue<1> queue;
     if (!queue.open({name.c_str(), &radio})) return 1;
     for (int i = 0; i < 3; ++i) received.WaitEvent(0xFFFFFFFF);
-    queue.close();
+    queue.close();  // removes it from the system
+    pz_FwFinalize();
 }

@@ -3,6 +3,7 @@
 // It cannot be stopped from outside: the owner makes MainProc return, here with an event.
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZThread.h>
+#include <Framework/Foundation/pz_framework.h>
 
 #include <cstdio>
 
@@ -37,8 +38,10 @@ private:
 }  // namespace
 
 int main() {
+    if (pz_FwInitialize("thread", 1) == 0) return 1;
     Sensor sensor;
     if (!sensor.Start() || !sensor.Stop()) return 1;
     std::printf("once more\n");
     if (!sensor.Start() || !sensor.Stop()) return 1;
+    pz_FwFinalize();
 }

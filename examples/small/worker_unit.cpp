@@ -1,6 +1,7 @@
 // A unit on a worker: what it sends to itself is handled on the worker's thread.
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
 
 #include <cstdio>
 
@@ -28,6 +29,7 @@ public:
 }  // namespace
 
 int main() {
+    if (pz_FwInitialize("worker_unit", 1) == 0) return 1;
     PZWorker worker(1, 4000, 1);
     if (worker.Start("tuner") != 0) return 1;
     bool isSent = false;
@@ -38,5 +40,6 @@ int main() {
         }
         worker.End(0);  // when everything posted has been served
     }
+    pz_FwFinalize();
     return isSent ? 0 : 1;
 }
