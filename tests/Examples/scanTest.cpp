@@ -282,7 +282,7 @@ TEST_F(scanTest, ACatalogueThatCannotBeSavedIsStatus1) {
 
 TEST_F(scanTest, CtrlCStopsEarlyWithWhatWasFound) {
     write_file(File("endless"), "");
-    ASSERT_EQ(0, truncate(File("endless").c_str(), off_t{1} << 40));
+    ASSERT_EQ(0, truncate64(File("endless").c_str(), off64_t{1} << 40));
     const std::string output = Temp("output");
     const pid_t child = fork();
     ASSERT_NE(-1, child);
