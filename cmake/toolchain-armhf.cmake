@@ -4,7 +4,9 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
-set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")  # no notes on what differs from compilers before GCC 7.1
+# No notes on what differs from compilers before GCC 7.1. Tables also for functions that throw nothing:
+# a call stack ends at a function without.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi -funwind-tables")
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
 
