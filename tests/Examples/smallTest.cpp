@@ -5,12 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "support/GuardFiles.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
 
 // Every program of examples/small prints exactly what stands in the file beside it.
 
 using pztest::CommandResult;
+using pztest::make_key_file;
 using pztest::read_file;
 using pztest::run_command;
 using pztest::TempDir;
@@ -41,6 +43,9 @@ TEST_P(smallTest, PrintsWhatIsExpected) {
     const TempDir dir;
     const std::string expected = read_file(PZ_SOURCES "/" + GetParam() + ".expected");
     ASSERT_FALSE(expected.empty());
+    if (GetParam() == "file_guard") {
+        for (const char* file : {"number_mutex", "number_initflag"}) make_key_file(dir.File(file));
+    }
     const CommandResult result =
         run_command("cd " + dir.Path() + " && " PZ_PROGRAMS "/" + GetParam() + " 2>&1");
     EXPECT_EQ(0, result.status);

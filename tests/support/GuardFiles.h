@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <utility>
 
@@ -62,6 +63,17 @@ private:
     int id_;
     unsigned char* content_;
 };
+
+/// Makes an empty file whose key no segment has. Keys come from the numbers of files, which are
+/// used again, while the segments of a program that was killed stay.
+inline void make_key_file(const std::string& path) {
+    const TempDir rejected;  // keep their numbers until the end
+    for (int i = 0;; ++i) {
+        write_file(path, "");
+        if (shmget(ftok(path.c_str(), 1), 0, 0) == -1) return;
+        std::filesystem::rename(path, rejected.File(std::to_string(i)));
+    }
+}
 
 /// The place of one guard: a directory and a file name. Removes key files and segments at the end.
 class GuardFiles {
