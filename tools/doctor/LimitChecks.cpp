@@ -15,8 +15,9 @@ constexpr int kLowestNice = -20;       // workers of the highest priority
 constexpr int kLowestTimerNice = -10;  // the most urgent of the timer threads
 constexpr int kHighestNice = 4;        // the end of the framework's scale
 
-// Measured: the standard streams and the events of five timer threads, and those of one worker.
-constexpr unsigned long long kDescriptorsOfFramework = 28;
+// Measured: the standard streams, the system log and the events of five timer threads, and those of
+// one worker.
+constexpr unsigned long long kDescriptorsOfFramework = 29;
 constexpr unsigned long long kDescriptorsOfWorker = 7;
 constexpr unsigned long long kFewDescriptors = 256;
 constexpr unsigned long long kEnoughDescriptors = 1024;
