@@ -469,7 +469,7 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
 "                            why:    a shared lock that died taken is never free again\n"
 "                            repair: rm -f /dev/shm/sem.taken\n"
 "yellow  segment-leftovers   segments left by dead processes: 13, 14\n"
-"                            why:    file guards of dead processes fill the table of segments\n"
+"                            why:    a new file guard may get the key of a left segment and be refused\n"
 "                            repair: ipcrm -m 13 -m 14\n"
 "red     segment-count       kernel.shmmni is 7, 9 in use\n"
 "                            why:    a file guard needs two segments of shared memory\n"

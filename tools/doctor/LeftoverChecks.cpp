@@ -163,7 +163,7 @@ std::vector<Check> leftover_checks() {
         {"queue-leftovers", "the next receiver finds the messages of a dead one", check_queues},
         {"semaphore-leftovers", "a shared lock that died taken is never free again",
          check_semaphores},
-        {"segment-leftovers", "file guards of dead processes fill the table of segments",
+        {"segment-leftovers", "a new file guard may get the key of a left segment and be refused",
          check_segments},
         {"segment-count", "a file guard needs two segments of shared memory", check_segment_count},
     };
