@@ -46,9 +46,9 @@ private:
 };
 
 std::string make_source(const Folder& folder, std::int64_t mebibytes) {
-    const std::string path = folder.File("source");
+    std::string path = folder.File("source");
     std::ofstream file(path, std::ios::binary);
-    const std::string block(1024 * 1024, 'x');
+    const std::string block(size_t{1024} * 1024, 'x');
     for (std::int64_t i = 0; i < mebibytes; ++i) file << block;
     return path;
 }
