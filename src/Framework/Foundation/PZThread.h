@@ -25,6 +25,8 @@
 ///
 /// The thread is registered before Initialize, and stays registered after its end until WaitExit.
 ///
+/// Before:    call pz_FwInitialize first: the new thread may make singletons, whose list has no
+///            lock (see PZSingletonFinalizer).
 /// Threads:   Start, WaitExit and SetPriority belong to one controlling thread. WaitExit cannot
 ///            stop the thread: the owner makes MainProc return first.
 /// Ownership: the owner is not owned and must outlive the thread. Destruction neither stops nor

@@ -32,8 +32,8 @@ enum EN_WORKER_PRIORITY : int {
 ///     ...
 ///     worker.End(0);
 ///
-/// Life:     Start, End, and again. A worker must be ended before it is destroyed: the destructor
-///           destroys the box only.
+/// Life:     pz_FwInitialize before (see PZThread); Start, End, and again. A worker must be ended
+///           before it is destroyed: the destructor destroys the box only.
 /// Threads:  everything but the box belongs to the thread that owns the worker; End never to the
 ///           worker's own thread. Any thread may use the box.
 /// Failures: reported and answered with a result, never thrown.
