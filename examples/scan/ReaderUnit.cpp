@@ -23,7 +23,7 @@ void ReaderUnit::TakeBack(unsigned int block) {
 
 void ReaderUnit::OnReceiveMsg(unsigned int MsgID, const void* Buff, unsigned int) {
     if (MsgID == en_MSG_STOP) {
-        done_ = true;
+        if (!done_) Finish();
         return;
     }
     unsigned int block = 0;
@@ -89,6 +89,10 @@ void ReaderUnit::CloseFile(const char* remark) {
 void ReaderUnit::FinishWhenAllIsRead() {
     const bool isClosed = catalogue_.IsClosed();
     if (!isClosed || file_.IsOpen() || next_ < catalogue_.Count()) return;
+    Finish();
+}
+
+void ReaderUnit::Finish() {
     done_ = true;
     text_.TakeEnd();
 }

@@ -32,6 +32,7 @@ public:
     /// The block is not used any more.
     void TakeBack(unsigned int block);
 
+    /// Reads no more. The blocks that are on their way go theirs, and the end of the run follows.
     void Stop() { SendMsgSelf(en_MSG_STOP, en_MSG_EMERGENCY, nullptr, 0); }
 
     unsigned long long BytesRead() const { return bytesRead_; }
@@ -50,6 +51,9 @@ private:
     void ReadBlock();
     void CloseFile(const char* remark);
     void FinishWhenAllIsRead();
+
+    /// Nothing is read or sent from here on; tells the units behind.
+    void Finish();
 
     Catalogue& catalogue_;
     BlockPool& pool_;

@@ -147,6 +147,10 @@ int scan(const Options& options, Catalogue& catalogue, ScanLog& log, const EndOf
         if (!isFinished) {
             scanner.Stop();
             reader.Stop();
+            // The blocks on their way come back first: a message to a worker that has ended is
+            // lost.
+            while (!end.Wait()) {
+            }
         }
     }
     workers.End();
