@@ -189,12 +189,12 @@ TEST_F(scanTest, GoesOnPastEverythingThatCannotBeReadWithALineForEach) {
 }
 
 TEST_F(scanTest, ReportsFilesAndFoldersWithoutPermission) {
-    // The rights of a file do not stop root: the scan runs as somebody else then.
-    const std::string user = geteuid() == 0 ? "setpriv --reuid=65534 --clear-groups " : "";
+    // The rights of a file do not stop root: the scan runs without that privilege then. Another
+    // user might not reach the program, as in root's own folder.
+    const std::string user =
+        geteuid() == 0 ? "setpriv --bounding-set -dac_override,-dac_read_search " : "";
     write_file(File("locked"), "text\n");
     ASSERT_EQ(0, run_command("mkdir -p " + File("closed") + " " + Temp("log")).status);
-    ASSERT_EQ(0, chmod(Temp("log").c_str(), 0777));
-    ASSERT_EQ(0, run_command("chmod a+rx " + Files() + "/..").status);
     ASSERT_EQ(0, chmod(File("locked").c_str(), 0));
     ASSERT_EQ(0, chmod(File("closed").c_str(), 0));
     const CommandResult result =

@@ -1,6 +1,7 @@
 #ifndef PZ_TESTS_SUPPORT_GUARDFILES_H
 #define PZ_TESTS_SUPPORT_GUARDFILES_H
 
+#include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -48,6 +49,12 @@ public:
     /// True once it is marked for removal.
     bool IsRemoved() const {
         return (Status().shm_perm.mode & static_cast<unsigned>(SHM_DEST)) != 0;
+    }
+
+    /// The thread that holds the mutex of the segment, as the C library notes it; 0 when none does.
+    pid_t MutexOwner() const {
+        const auto* mutex = reinterpret_cast<const pthread_mutex_t*>(content_);
+        return __atomic_load_n(&mutex->__data.__owner, __ATOMIC_ACQUIRE);
     }
 
     unsigned char Byte() const { return __atomic_load_n(content_, __ATOMIC_ACQUIRE); }
