@@ -147,9 +147,8 @@ int scan(const Options& options, Catalogue& catalogue, ScanLog& log, const EndOf
         if (!isFinished) {
             scanner.Stop();
             reader.Stop();
-            // The blocks on their way come back first: a message to a worker that has ended is
-            // lost.
-            while (!end.Wait()) {
+            // The blocks on their way come back first: what is sent to an ended worker is lost.
+            while (!end.Wait()) {  // another Ctrl-C
             }
         }
     }

@@ -191,14 +191,14 @@ TEST_F(scanTest, GoesOnPastEverythingThatCannotBeReadWithALineForEach) {
 TEST_F(scanTest, ReportsFilesAndFoldersWithoutPermission) {
     // The rights of a file do not stop root: the scan runs without that privilege then. Another
     // user might not reach the program, as in root's own folder.
-    const std::string user =
+    const std::string unprivileged =
         geteuid() == 0 ? "setpriv --bounding-set -dac_override,-dac_read_search " : "";
     write_file(File("locked"), "text\n");
     ASSERT_EQ(0, run_command("mkdir -p " + File("closed") + " " + Temp("log")).status);
     ASSERT_EQ(0, chmod(File("locked").c_str(), 0));
     ASSERT_EQ(0, chmod(File("closed").c_str(), 0));
     const CommandResult result =
-        run_command(user + PZ_SCAN " --log " + Temp("log") + " " + Files() + " 2>&1");
+        run_command(unprivileged + PZ_SCAN " --log " + Temp("log") + " " + Files() + " 2>&1");
     EXPECT_EQ(0, result.status) << result.output;
     EXPECT_EQ("(cannot be read: Permission denied)", rows_of(result.output, File("locked")).at(1));
     EXPECT_TRUE(contains(result.output, File("closed") + ": cannot be read: Permission denied\n"));
