@@ -1,46 +1,19 @@
 // One debug line to a file, beside the formatted print and flush it stands on.
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include <Framework/Diagnostics/PZDbgOutput.h>
 
+#include "support/OutputToFile.h"
 #include "support/RatioReporter.h"
 
 namespace {
 
-/// The standard output goes to a file until the end of the scope.
-class OutputToFile {
-public:
-    OutputToFile() {
-        std::fflush(stdout);
-        char path[] = "/tmp/pz_bench_XXXXXX";
-        const int file = mkstemp(path);
-        if (file == -1) std::abort();
-        unlink(path);
-        saved_ = dup(STDOUT_FILENO);
-        dup2(file, STDOUT_FILENO);
-        close(file);
-    }
-    ~OutputToFile() {
-        std::fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-    }
-    OutputToFile(const OutputToFile&) = delete;
-    OutputToFile& operator=(const OutputToFile&) = delete;
-
-private:
-    int saved_ = -1;
-};
-
 // The tag is one that stays out of the system log: its price is the log's, not the line's.
 void debug_line(benchmark::State& state) {
-    const OutputToFile output;
+    const pzbench::OutputToFile output;
     for (auto _ : state) {
         PZDbgOutput::DbgPrint("src/Framework/Foundation/private/PZSync.cpp", "Lock", 123,
                               PZDbgOutput::en_TAG_INFO, "create error : errno[%d : %s]\n", 22,
@@ -49,7 +22,7 @@ void debug_line(benchmark::State& state) {
 }
 
 void debug_line_raw(benchmark::State& state) {
-    const OutputToFile output;
+    const pzbench::OutputToFile output;
     for (auto _ : state) {
         std::printf("%s[%s] %s()@%s(%d) {%s} : create error : errno[%d : %s]\n%s", "\033[49m",
                     "info", "Lock", "PZSync.cpp", 123, "", 22, "Invalid argument", "\033[0m");

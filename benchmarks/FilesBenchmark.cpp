@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
@@ -16,36 +15,18 @@
 #include <Framework/Foundation/PZFileSys.h>
 
 #include "support/RatioReporter.h"
+#include "support/TempFolder.h"
 
 // Both sides call it once for every copy. What the machine has to write meanwhile is not measured.
 extern "C" void sync() noexcept {}
 
 namespace {
 
+using pzbench::TempFolder;
+
 constexpr int kFiles = 10000;
 
-/// A folder that is gone at the end.
-class Folder {
-public:
-    Folder() {
-        char path[] = "/tmp/pz_files_XXXXXX";
-        if (::mkdtemp(path) == nullptr) std::abort();
-        path_ = path;
-    }
-    ~Folder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-
-    std::string File(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-std::string make_source(const Folder& folder, std::int64_t mebibytes) {
+std::string make_source(const TempFolder& folder, std::int64_t mebibytes) {
     std::string path = folder.File("source");
     std::ofstream file(path, std::ios::binary);
     const std::string block(size_t{1024} * 1024, 'x');
@@ -68,7 +49,7 @@ bool copy_by_calls(const char* src, const char* dst) {
 }
 
 void copy(benchmark::State& state, bool (*operation)(const char*, const char*)) {
-    const Folder folder;
+    const TempFolder folder;
     const std::string source = make_source(folder, state.range(0));
     const std::string copied = folder.File("copied");
     for (auto _ : state) {
@@ -87,14 +68,14 @@ void copy_file_raw(benchmark::State& state) {
 }
 
 /// "0.mp3", "1.txt", ...: every second one matches.
-void make_files(const Folder& folder) {
+void make_files(const TempFolder& folder) {
     for (int i = 0; i < kFiles; ++i) {
         std::ofstream(folder.File(std::to_string(i) + (i % 2 == 0 ? ".mp3" : ".txt")));
     }
 }
 
 void search(benchmark::State& state) {
-    const Folder folder;
+    const TempFolder folder;
     make_files(folder);
     const std::string pattern = folder.File("*.mp3");
     for (auto _ : state) {
@@ -114,7 +95,7 @@ bool ends_with(std::string_view name, std::string_view end) {
 }
 
 void search_raw(benchmark::State& state) {
-    const Folder folder;
+    const TempFolder folder;
     make_files(folder);
     const std::string path = folder.File("");
     for (auto _ : state) {

@@ -7,38 +7,16 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
-#include <system_error>
 
 #include <Framework/Communication/PZFileGuard.h>
 
 #include "support/RatioReporter.h"
+#include "support/TempFolder.h"
 
 namespace {
 
 constexpr unsigned char kUsable = 0xA5;
-
-/// A folder for the key files, removed at the end.
-class GuardFolder {
-public:
-    GuardFolder() {
-        char path[] = "/tmp/pz_bench_XXXXXX";
-        if (mkdtemp(path) == nullptr) std::abort();
-        path_ = path;
-    }
-    ~GuardFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    GuardFolder(const GuardFolder&) = delete;
-    GuardFolder& operator=(const GuardFolder&) = delete;
-
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
 
 /// A guard whose segments vanish with it.
 class SystemGuard {
@@ -49,7 +27,7 @@ public:
     PZFileGuard& Get() { return guard_; }
 
 private:
-    GuardFolder folder_;  // outlives the guard
+    pzbench::TempFolder folder_;  // of the key files; outlives the guard
     PZFileGuard guard_;
 };
 

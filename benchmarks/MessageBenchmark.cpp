@@ -1,7 +1,6 @@
 // Messages between two threads, on one processor and on two, beside the system calls they stand on.
 
 #include <benchmark/benchmark.h>
-#include <semaphore.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -11,6 +10,7 @@
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/Foundation/pz_framework.h>
 
+#include "support/Acknowledge.h"
 #include "support/Processors.h"
 #include "support/RatioReporter.h"
 #include "support/RawEvent.h"
@@ -20,27 +20,7 @@ namespace {
 constexpr unsigned int kPosterProcessor = 0;
 constexpr unsigned int kWatchMs = 4000;
 
-/// Lets the poster sleep until a number of messages has been handled.
-class Acknowledge {
-public:
-    Acknowledge() { sem_init(&sem_, 0, 0); }
-    ~Acknowledge() { sem_destroy(&sem_); }
-    Acknowledge(const Acknowledge&) = delete;
-    Acknowledge& operator=(const Acknowledge&) = delete;
-
-    void Expect(unsigned int messages) { left_ = messages; }
-    void Handled() {
-        if (--left_ == 0) sem_post(&sem_);
-    }
-    void Wait() {
-        while (sem_wait(&sem_) != 0) {
-        }
-    }
-
-private:
-    std::atomic<unsigned int> left_{0};
-    sem_t sem_ = {};
-};
+using pzbench::Acknowledge;
 
 class Unit : public PZUnitFrame, public PZIDispatcher {
 public:
