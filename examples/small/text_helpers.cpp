@@ -5,10 +5,10 @@
 #include <cstdio>
 
 int main() {
-    // Narrow text with %s, wide text with %S or %ls, a truth value with %b.
+    // Wide text with %s, narrow text with %hs, a truth value with %b.
     wchar_t line[64];
     const int count =
-        pz_swprintf(line, 64, L"%-8S|%6.2f|%04X|%b|%s", L"volume", 12.5, 255, true, "gr\xC3\xBCn");
+        pz_swprintf(line, 64, L"%-8s|%6.2f|%04X|%b|%hs", L"volume", 12.5, 255, true, "gr\xC3\xBCn");
     PZString text(line);
     std::printf("%s: %d characters\n", text.ToTCHAR(), count);
 

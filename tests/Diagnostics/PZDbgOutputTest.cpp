@@ -251,33 +251,64 @@ TEST_F(PZDbgOutputTest, KeepsTheFirst510CharactersOfAWideMessage) {
     }
 }
 
-TEST_F(PZDbgOutputTest, CutsAWideMessageToTheWholeCharactersThatFitInto511Bytes) {
-    struct Row {
-        std::wstring message;
-        std::string character;
-        size_t keptCharacters;
+namespace {
+
+/// A wide message of equal characters, and these characters in UTF-8.
+struct WideMessage {
+    size_t count;
+    wchar_t character;
+    std::string utf8;
+};
+
+}  // namespace
+
+TEST_F(PZDbgOutputTest, PrintsAWideMessageOfUpTo511BytesWhole) {
+    const WideMessage rows[] = {
+        {255, L'\u00e9', "\xc3\xa9"},
+        {170, L'\u20ac', "\xe2\x82\xac"},
+        {127, L'\U0001f600', "\xf0\x9f\x98\x80"},
     };
-    const Row rows[] = {
-        {std::wstring(255, L'\u00e9'), "\xc3\xa9", 255},
-        {std::wstring(256, L'\u00e9'), "\xc3\xa9", 255},
-        {std::wstring(170, L'\u20ac'), "\xe2\x82\xac", 170},
-        {std::wstring(171, L'\u20ac'), "\xe2\x82\xac", 170},
-        {std::wstring(127, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
-        {std::wstring(128, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
-        {std::wstring(510, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
-        {std::wstring(5000, L'\U0001f600'), "\xf0\x9f\x98\x80", 127},
-    };
-    for (const Row& row : rows) {
-        PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", row.message.c_str());
-        std::string line = kDefault + "f ()@unit(1) {} : ";
-        for (size_t i = 0; i < row.keptCharacters; ++i) line += row.character;
+    for (const WideMessage& row : rows) {
+        // One more byte, so that the messages of two-byte characters have 511 bytes.
+        const std::wstring message = L"a" + std::wstring(row.count, row.character);
+        PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", message.c_str());
+        std::string line = kDefault + "f ()@unit(1) {} : a";
+        for (size_t i = 0; i < row.count; ++i) line += row.utf8;
         EXPECT_EQ(line + kReset, output.Take());
     }
+}
 
-    std::string line = kDefault + "f ()@unit(1) {} : a";  // and 255 characters of two bytes: 511
-    PZDbgOutput::DbgPrint("unit", "f", 1, L"a%ls", std::wstring(300, L'\u00e9').c_str());
-    for (int i = 0; i < 255; ++i) line += "\xc3\xa9";
-    EXPECT_EQ(line + kReset, output.Take());
+TEST_F(PZDbgOutputTest, PrintsAWideLineWithoutItsMessageWhenThatNeedsMoreThan511Bytes) {
+    const WideMessage rows[] = {
+        {256, L'\u00e9', ""},     // 512 bytes: the terminator has no room
+        {257, L'\u00e9', ""},     // 514
+        {510, L'\u00e9', ""},     //
+        {5000, L'\u20ac', ""},    // 510 characters are left of it
+        {128, L'\U0001f600', ""}  // 512
+    };
+    for (const WideMessage& row : rows) {
+        const std::wstring message(row.count, row.character);
+        PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", message.c_str());
+        std::string text = output.Take();
+        EXPECT_EQ(1U, pztest::error_messages(text).size()) << row.count;  // the converter's
+        EXPECT_EQ(1U, pztest::count_of(text, padded_line(kDefault, "f ()@unit(1) {} : ")));
+
+        PZDbgOutput::DbgPrint("unit", "f", 1, PZDbgOutput::en_TAG_SYS, L"%ls", message.c_str());
+        text = output.Take();
+        EXPECT_EQ(1U, pztest::error_messages(text).size()) << row.count;
+        EXPECT_EQ(1U, pztest::count_of(text, padded_line(kDefault, "[sys] f ()@unit(1) {} : ")));
+        EXPECT_EQ("[sys] f ()@unit(1) {} : ", system_log.back().line);
+    }
+}
+
+TEST_F(PZDbgOutputTest, ReportsAWideMessageThatDoesNotFitWithTheWordsOfTheConverter) {
+    PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", std::wstring(256, L'\u00e9').c_str());
+    EXPECT_EQ(std::vector<std::string>{"buffer size is too few."},
+              pztest::error_messages(output.Take()));
+    PZDbgOutput::DbgPrint("unit", "f", 1, L"%ls", std::wstring(257, L'\u00e9').c_str());
+    EXPECT_EQ(std::vector<std::string>{"conv_character_code : iconv error [-1] [7:Argument list "
+                                       "too long] : dst[UTF-8] sz[512] : src[WCHAR_T] sz[1028]"},
+              pztest::error_messages(output.Take()));
 }
 
 TEST_F(PZDbgOutputTest, PrintsAWideLineWithoutItsMessageWhenThatIsNoText) {

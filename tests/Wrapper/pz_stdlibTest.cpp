@@ -607,24 +607,31 @@ TEST_F(pz_stdlibTest, SwprintfEndsAtAZeroCharacter) {
 }
 
 TEST_F(pz_stdlibTest, SwprintfReadsNarrowTextAsUtf8) {
-    EXPECT_EQ(L"<x \x20AC>", formatted(L"<%s>", "x \xE2\x82\xAC"));
-    EXPECT_EQ(L"<>", formatted(L"<%s>", ""));
+    EXPECT_EQ(L"<x \x20AC>", formatted(L"<%hs>", "x \xE2\x82\xAC"));
+    EXPECT_EQ(L"<>", formatted(L"<%hs>", ""));
     EXPECT_EQ(L"<x>", formatted(L"<%hS>", "x"));
 }
 
 TEST_F(pz_stdlibTest, SwprintfWritesWideText) {
-    EXPECT_EQ(L"<x \x20AC><y><>", formatted(L"<%S><%ls><%S>", L"x \x20AC", L"y", L""));
+    EXPECT_EQ(L"<x \x20AC><y><>", formatted(L"<%s><%S><%s>", L"x \x20AC", L"y", L""));
+    EXPECT_EQ(L"<x><y>", formatted(L"<%ls><%lS>", L"x", L"y"));
+}
+
+TEST_F(pz_stdlibTest, SwprintfMakesTheNamesOfLogFiles) {
+    EXPECT_EQ(L"/log/app_3.txt", formatted(L"%s%s_%d.%s", L"/log/", L"app", 3, L"txt"));
+    EXPECT_EQ(L"/log/app240305_0708.txt",
+              formatted(L"%s%s%02d%02d%02d_%02d%02d.%s", L"/log/", L"app", 24, 3, 5, 7, 8, L"txt"));
 }
 
 TEST_F(pz_stdlibTest, SwprintfWritesANullTextAsAWord) {
     const char* narrow = nullptr;
     const wchar_t* wide = nullptr;
-    EXPECT_EQ(L"(null) (null)", formatted(L"%s %S", narrow, wide));
+    EXPECT_EQ(L"(null) (null)", formatted(L"%hs %s", narrow, wide));
 }
 
 TEST_F(pz_stdlibTest, SwprintfPrintsNothingForBytesThatAreNotUtf8AndReportsThem) {
     pztest::StdoutCapture output;
-    EXPECT_EQ(L"<>", formatted(L"<%s>", "\xFF"));
+    EXPECT_EQ(L"<>", formatted(L"<%hs>", "\xFF"));
     EXPECT_EQ(1U, pztest::error_messages(output.Take()).size());
 }
 
@@ -652,21 +659,21 @@ TEST_F(pz_stdlibTest, SwprintfRoundsToThePrecision) {
 }
 
 TEST_F(pz_stdlibTest, SwprintfCutsTextsToThePrecision) {
-    EXPECT_EQ(L"<ab><\x20AC><>", formatted(L"<%.2s><%.1S><%.0s>", "abc", L"\x20AC!", "abc"));
+    EXPECT_EQ(L"<ab><\x20AC><>", formatted(L"<%.2hs><%.1s><%.0hs>", "abc", L"\x20AC!", "abc"));
 }
 
 TEST_F(pz_stdlibTest, SwprintfReadsNothingBehindThePrecisionOfAText) {
     const std::vector<wchar_t> wide = {L'a', L'b', L'\x20AC'};
-    EXPECT_EQ(L"ab\x20AC a", formatted(L"%.3S %.*ls", wide.data(), 1, wide.data()));
+    EXPECT_EQ(L"ab\x20AC a", formatted(L"%.3s %.*S", wide.data(), 1, wide.data()));
     const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
     const std::vector<char> narrow(text.begin(), text.end());
-    EXPECT_EQ(L"a\u00E9\u20AC\U0001F600", formatted(L"%.4s", narrow.data()));
+    EXPECT_EQ(L"a\u00E9\u20AC\U0001F600", formatted(L"%.4hs", narrow.data()));
     const char cut[] = "ab\xFF";  // the bytes that are no text stand behind the precision
-    EXPECT_EQ(L"ab", formatted(L"%.2s", cut));
+    EXPECT_EQ(L"ab", formatted(L"%.2hs", cut));
 }
 
 TEST_F(pz_stdlibTest, SwprintfCutsTheWordOfANullTextToThePrecision) {
-    EXPECT_EQ(L"(n", formatted(L"%.2s", static_cast<const char*>(nullptr)));
+    EXPECT_EQ(L"(n", formatted(L"%.2s", static_cast<const wchar_t*>(nullptr)));
 }
 
 TEST_F(pz_stdlibTest, SwprintfIgnoresThePrecisionOfWholeNumbers) {
@@ -675,23 +682,23 @@ TEST_F(pz_stdlibTest, SwprintfIgnoresThePrecisionOfWholeNumbers) {
 
 TEST_F(pz_stdlibTest, SwprintfFillsUpToTheWidthWithSpaces) {
     EXPECT_EQ(L"[   42][  -42][    x][   ab][ 1.50]",
-              formatted(L"[%5d][%5d][%5c][%5s][%5.2f]", 42, -42, 'x', "ab", 1.5));
+              formatted(L"[%5d][%5d][%5c][%5s][%5.2f]", 42, -42, 'x', L"ab", 1.5));
     EXPECT_EQ(L"[ true]", formatted(L"[%5b]", true));
     EXPECT_EQ(L"[   42]", formatted(L"[%*d]", 5, 42));
 }
 
 TEST_F(pz_stdlibTest, SwprintfNeverCutsToTheWidth) {
-    EXPECT_EQ(L"12345 abc", formatted(L"%2d %1s", 12345, "abc"));
+    EXPECT_EQ(L"12345 abc", formatted(L"%2d %1hs", 12345, "abc"));
 }
 
 TEST_F(pz_stdlibTest, SwprintfFillsWithZerosBehindTheSign) {
     EXPECT_EQ(L"00042 -0042 000ff 01.50", formatted(L"%05d %05d %05x %05.2f", 42, -42, 255, 1.5));
     EXPECT_EQ(L"0x00ff", formatted(L"%#06x", 255));
-    EXPECT_EQ(L"000ab", formatted(L"%05s", "ab"));
+    EXPECT_EQ(L"000ab", formatted(L"%05hs", "ab"));
 }
 
 TEST_F(pz_stdlibTest, SwprintfAlignsToTheLeft) {
-    EXPECT_EQ(L"[42   ][ab   ]", formatted(L"[%-5d][%-5s]", 42, "ab"));
+    EXPECT_EQ(L"[42   ][ab   ]", formatted(L"[%-5d][%-5s]", 42, L"ab"));
     EXPECT_EQ(L"[42   ]", formatted(L"[%-05d]", 42));
     EXPECT_EQ(L"[42   ]", formatted(L"[%*d]", -5, 42));
 }
@@ -719,7 +726,7 @@ TEST_F(pz_stdlibTest, SwprintfReadsArgumentsOfTheirLength) {
 
 TEST_F(pz_stdlibTest, SwprintfKeepsArgumentsInStepAcrossKinds) {
     EXPECT_EQ(L"1 2.5 x abc 4 y",
-              formatted(L"%d %.1f %c %s %lld %S", 1, 2.5, 'x', "abc", 4LL, L"y"));
+              formatted(L"%d %.1f %c %hs %lld %s", 1, 2.5, 'x', "abc", 4LL, L"y"));
 }
 
 TEST_F(pz_stdlibTest, SwprintfWritesAPercentSign) {

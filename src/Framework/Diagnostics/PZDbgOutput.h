@@ -12,8 +12,9 @@
 /// Line:      right-aligned to 80 columns, between a colour code and "\033[0m". Nothing adds a
 ///            line feed: formats end with "\n". The file is printed without its folders. The
 ///            process name is the one given to pz_FwInitialize, empty before.
-/// Limits:    a message keeps its first 510 characters, a wide one also no more than fit into 511
-///            bytes of UTF-8; the rest is cut silently. A line keeps its first 2047 bytes.
+/// Limits:    a message keeps its first 510 characters; the rest is cut silently. A wide one that
+///            then needs more than 511 bytes in UTF-8 is refused by the converter, which reports
+///            it, and the line is printed without a message. A line keeps its first 2047 bytes.
 /// Threads:   any thread may call anything; no lock is taken, and lines of different threads do
 ///            not mix within a line.
 /// Failures:  none; nothing is thrown, and errno keeps its value.

@@ -92,9 +92,8 @@ PZ_API bool pz_create_process(const char* program, pid_t* pidOut, const char* ar
 ///   u     unsigned decimal                   p      an address, in decimal
 ///   f F   floating point, never with an exponent; inf and nan in lower case
 ///   c     one wide character (wint_t or int)
-///   s     narrow text in UTF-8, wide text with length l; a null pointer prints "(null)", and
+///   s S   wide text, narrow text in UTF-8 with length h; a null pointer prints "(null)", and
 ///         bytes that are not UTF-8 print nothing and are reported
-///   S     wide text
 ///   b     a truth value: "true" or "false"
 ///   %     a percent sign
 /// Any other letter is copied as it stands, from its percent sign on, and takes no argument.

@@ -112,33 +112,14 @@ __attribute__((format(printf, 2, 0))) void format_message(char (&message)[kMessa
     std::vsnprintf(message, kMessageLimit, format, args);
 }
 
-size_t utf8_size(wchar_t character) {
-    if (character < 0x80) return 1;
-    if (character < 0x800) return 2;
-    return character < 0x10000 ? 3 : 4;
-}
-
-/// Ends `text` before the first character that goes beyond `limit` bytes of UTF-8. The converter
-/// refuses a text that does not fit, and the message would be lost.
-void cut_to_utf8_size(wchar_t* text, size_t limit) {
-    size_t used = 0;
-    for (; *text != L'\0'; ++text) {
-        used += utf8_size(*text);
-        if (used > limit) {
-            *text = L'\0';
-            return;
-        }
-    }
-}
-
 void format_message(char (&message)[kMessageSize], const wchar_t* format, va_list args) {
     // Zeroed: a text that is too long is cut without a terminator.
     wchar_t text[kMessageSize] = {};
     std::vswprintf(text, kMessageLimit, format, args);
-    cut_to_utf8_size(text, sizeof message - 1);
 
     std::memset(message, 0, sizeof message);  // the converter writes no terminator
     if (text[0] == L'\0') return;             // and takes an empty text for a failure
+    // What does not fit is refused and reported there, and leaves an empty message.
     pz_wctomb(message, sizeof message, text, -1, XCP_UTF8);
 }
 

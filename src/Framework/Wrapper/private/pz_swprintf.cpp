@@ -1,3 +1,4 @@
+#include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 
@@ -9,6 +10,7 @@
 #include <cwchar>
 #include <iomanip>
 #include <locale>
+#include <new>
 #include <sstream>
 #include <string>
 
@@ -156,8 +158,7 @@ std::wstring decode(const char* text, size_t size) {
 }
 
 std::wstring take_text(const ST_CONVERSION& conversion, ST_ARGS& args) {
-    const bool wide = conversion.length == Length::en_LONG ||
-                      (conversion.letter == L'S' && conversion.length != Length::en_SHORT);
+    const bool wide = conversion.length != Length::en_SHORT;
     const size_t limit =
         conversion.precision < 0 ? SIZE_MAX : static_cast<size_t>(conversion.precision);
     const void* const text = va_arg(args.list, const void*);
@@ -183,6 +184,7 @@ void put_floating(std::wostream& out, const ST_CONVERSION& conversion, ST_ARGS& 
 
 /// A stream for one conversion.
 void prepare(std::wostream& out, const ST_CONVERSION& conversion) {
+    out.exceptions(std::ios::badbit);  // a lack of memory must not pass for a shorter text
     out.imbue(std::locale::classic());
     out << std::setw(conversion.width);
     if (conversion.left) {
@@ -264,9 +266,14 @@ std::wstring format_text(const wchar_t* format, ST_ARGS& args) {
 
 int pz_swprintf(wchar_t* dst, unsigned int count, const wchar_t* format, ...) {
     if (dst == nullptr || format == nullptr) return 0;
+    std::wstring text;
     ST_ARGS args;
     va_start(args.list, format);
-    const std::wstring text = format_text(format, args);
+    try {
+        text = format_text(format, args);
+    } catch (const std::bad_alloc&) {
+        PZ_REPORT_ERROR("failed to allocate memory\n");
+    }
     va_end(args.list);
     pz_wcsncpy(dst, count, text.c_str(), count);
     return static_cast<int>(pz_wcsnlen(dst, count));
