@@ -31,7 +31,8 @@ namespace {
 
 using ThreadEntry = void* (*)(void*);
 
-pztest::Interposed<int(mqd_t, mq_attr*)> mq_getattr_call("mq_getattr");
+pztest::Interposed<int(mqd_t, const char*, size_t, unsigned int, const timespec*)>
+    mq_timedsend_call("mq_timedsend");
 pztest::Interposed<ssize_t(mqd_t, char*, size_t, unsigned int*)> mq_receive_call("mq_receive");
 pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
     "pthread_create", EAGAIN);
@@ -44,8 +45,9 @@ std::atomic<int> out_waits{0};
 }  // namespace
 
 extern "C" {
-int mq_getattr(mqd_t mqdes, mq_attr* mqstat) noexcept {
-    return mq_getattr_call(mqdes, mqstat);
+int mq_timedsend(mqd_t mqdes, const char* msg_ptr, size_t msg_len, unsigned int msg_prio,
+                 const timespec* abs_timeout) {
+    return mq_timedsend_call(mqdes, msg_ptr, msg_len, msg_prio, abs_timeout);
 }
 ssize_t mq_receive(mqd_t mqdes, char* msg_ptr, size_t msg_len, unsigned int* msg_prio) {
     return mq_receive_call(mqdes, msg_ptr, msg_len, msg_prio);
@@ -159,7 +161,7 @@ protected:
     }
 
     static void Reset() {
-        mq_getattr_call.Reset();
+        mq_timedsend_call.Reset();
         mq_receive_call.Reset();
         pthread_create_call.Reset();
         pthread_join_call.Reset();
@@ -387,21 +389,30 @@ TEST_F(PZMessageQueueReceiverTest, ReceivesOnAfterAFailure) {
 }
 
 std::atomic<int> pauses{0};
+std::atomic<int> bracketed_pauses{0};  // those that the watchdog takes for a wait
 
 int count_pauses(const timespec* time, timespec* rest) {
-    if (time->tv_sec == 0 && time->tv_nsec == 100000000) ++pauses;
+    if (time->tv_sec == 0 && time->tv_nsec == 100000000) {
+        ++pauses;
+        if (into_waits == out_waits + 1) ++bracketed_pauses;
+    }
     return nanosleep_call.Real(time, rest);
 }
 
 TEST_F(PZMessageQueueReceiverTest, AFailureThatLastsIsNotTriedWithoutPauseAndDoesNotHinderClose) {
     const RawQueue peer(name, 4, 2048);
+    into_waits = 0;
+    out_waits = 0;
     pauses = 0;
+    bracketed_pauses = 0;
     nanosleep_call.Replace(&count_pauses);
     StdoutCapture out;
     ASSERT_TRUE(Open());
     ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() >= 3; }));
     receiver->close();
     EXPECT_EQ(mq_receive_call.Calls(), pauses + 1) << "the last one was after close";
+    EXPECT_EQ(pauses, bracketed_pauses);
+    EXPECT_EQ(into_waits, out_waits);
     EXPECT_FALSE(name.Exists());
     for (const std::string& message : error_messages(out.Take())) {
         EXPECT_EQ("error : errno[90 : Message too long]", message);
@@ -545,17 +556,11 @@ TEST_F(PZMessageQueueReceiverTest, CloseEndsTheThreadAlsoWhenTheQueueIsFull) {
     EXPECT_TRUE(reported_from(printed, "send", "que full (" + name.Text() + ") 64/64"));
 }
 
-int getattr_of_a_full_queue(mqd_t queue, mq_attr* attr) {
-    const int result = mq_getattr_call.Real(queue, attr);
-    attr->mq_curmsgs = attr->mq_maxmsg;
-    return result;
-}
-
 TEST_F(PZMessageQueueReceiverTest, CloseEndsTheThreadThatHasJustEmptiedTheFullQueue) {
     StdoutCapture out;
     ASSERT_TRUE(Open());
     ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
-    mq_getattr_call.Replace(&getattr_of_a_full_queue);
+    mq_timedsend_call.FailNext(ETIMEDOUT);
     receiver->close();
     EXPECT_EQ(Messages{"que full (" + name.Text() + ") 64/64"}, error_messages(out.Take()));
     EXPECT_FALSE(name.Exists());
@@ -617,12 +622,15 @@ TEST_F(PZMessageQueueReceiverTest, ReportsAFailedJoin) {
     ASSERT_TRUE(Open());
     pthread_join_call.Replace([](pthread_t thread, void** result) {
         pthread_join_call.Real(thread, result);
+        errno = EINVAL;
         return EINVAL;
     });
     StdoutCapture out;
     receiver->close();
     const std::string printed = out.Take();
-    EXPECT_NE(std::string::npos, printed.find("pthread_join failed !! ret[22] errno["));
+    EXPECT_TRUE(reported_from(printed, "close",
+                              "pthread_join failed !! ret[22] errno[22 : Invalid argument]"));
+    EXPECT_EQ(1U, pztest::count_of(printed, "pthread_join failed"));
     EXPECT_EQ(1U, banners_in(printed));
     EXPECT_LT(printed.find("pthread_join failed"), printed.find("ASSERT Failed"));
     EXPECT_LT(printed.find("ASSERT Failed"), printed.find("dumpDirectly()@PZCallStack.cpp"));

@@ -443,6 +443,76 @@ TEST_F(PZMessageQueueTest, SendChecksSizeThenPriorityThenTheQueue) {
     EXPECT_EQ((Messages{"size over(1025)", "invalid priority(0)"}), error_messages(out.Take()));
 }
 
+TEST_F(PZMessageQueueTest, NullDataOnAQueueThatIsNotOpenIsAnsweredAsNotOpen) {
+    StdoutCapture out;
+    EXPECT_EQ(-1, core.send(en_MSG_TYPE_USER, nullptr, 1, 1));
+    EXPECT_EQ(Messages{"not opened"}, error_messages(out.Take()));
+}
+
+/// Everything that can be wrong with a send, the first to be answered first.
+enum EN_OBSTACLE : unsigned int {
+    en_OVER_1024 = 1,
+    en_PRIORITY_0 = 2,
+    en_NOT_OPEN = 4,
+    en_NULL_DATA = 8,
+    en_FULL = 16,
+    en_OVER_1020 = 32,
+    en_ALL_OBSTACLES = 63
+};
+
+TEST_F(PZMessageQueueTest, OfSeveralReasonsToRefuseASendTheFirstIsAnswered) {
+    const std::string full = "que full (" + name.Text() + ") 2/2";
+    const struct {
+        unsigned int obstacle;
+        int result;
+        std::string message;
+    } kAnswers[] = {{en_OVER_1024, -3, "size over(1025)"},
+                    {en_PRIORITY_0, -3, "invalid priority(0)"},
+                    {en_NOT_OPEN, -1, "not opened"},
+                    {en_NULL_DATA, -3, "invalid args"},
+                    {en_FULL, -2, full},
+                    {en_OVER_1020, -1, "error : errno[90 : Message too long]"}};
+    ASSERT_TRUE(OpenCore(2));
+    const RawQueue peer(name);
+    const std::string data(1025, 'p');
+    for (unsigned int set = 1; set <= en_ALL_OBSTACLES; ++set) {
+        SCOPED_TRACE(set);
+        while (peer.Receive().bytes != "(none)") {
+        }
+        if ((set & en_FULL) != 0) peer.Fill("x", 1);
+        const bool isOpen = (set & en_NOT_OPEN) == 0;
+        if (isOpen) {
+            ASSERT_TRUE(core.isOpened() || OpenCore(2));
+        } else {
+            core.close(false);
+        }
+        const bool isOver1024 = (set & en_OVER_1024) != 0;
+        const bool isOver1020 = (set & en_OVER_1020) != 0;
+        const long before = peer.Count();
+        StdoutCapture out;
+        const int result =
+            core.send(en_MSG_TYPE_USER, (set & en_NULL_DATA) != 0 ? nullptr : data.data(),
+                      isOver1024   ? 1025
+                      : isOver1020 ? 1021
+                                   : 1,
+                      (set & en_PRIORITY_0) != 0 ? 0 : 1);
+        const auto* expected = kAnswers;
+        while ((set & expected->obstacle) == 0) ++expected;
+        EXPECT_EQ(expected->result, result);
+        EXPECT_EQ(Messages{expected->message}, error_messages(out.Take()));
+        EXPECT_EQ(before, peer.Count());
+    }
+}
+
+TEST_F(PZMessageQueueTest, AsksForTheQueuesAttributesOnlyAfterARefusal) {
+    ASSERT_TRUE(OpenCore(1));
+    StdoutCapture out;
+    EXPECT_EQ(0, Send("x"));
+    EXPECT_EQ(0, mq_getattr_call.Calls());
+    EXPECT_EQ(-2, Send("x"));
+    EXPECT_EQ(1, mq_getattr_call.Calls());
+}
+
 TEST_F(PZMessageQueueTest, RefusesTheMessageAfterTheLastPlaceAtOnce) {
     ASSERT_TRUE(OpenCore(3));
     StdoutCapture out;
@@ -511,6 +581,7 @@ TEST_F(PZMessageQueueTest, ReportsAFailedSend) {
     mq_timedsend_call.FailNext(EIO);
     EXPECT_EQ(-1, Send("x"));
     EXPECT_TRUE(reported_from(out.Take(), "send", "error : errno[5 : Input/output error]"));
+    mq_timedsend_call.FailNext(EIO);
     mq_getattr_call.FailNext(EBADF);
     EXPECT_EQ(-1, Send("x"));
     EXPECT_TRUE(reported_from(out.Take(), "send", "error : errno[9 : Bad file descriptor]"));

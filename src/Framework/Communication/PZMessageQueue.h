@@ -85,13 +85,14 @@ public:
     /// open or not: a new queue may then be created under it.
     void close(bool unlink);
 
-    /// Sends `size` bytes of `data` (null only for 0 bytes), and never waits:
+    /// Sends `size` bytes of `data` (null only for 0 bytes), and never waits for room:
     ///  0  sent;
     /// -1  not open, or refused by the system: a queue as it is created here takes 1020 bytes, of
     ///     the 1024 that are allowed;
     /// -2  the queue is full;
-    /// -3  more than 1024 bytes, null data, or user data with priority 0: that is for control
-    ///     messages.
+    /// -3  more than 1024 bytes, user data with priority 0 (that is for control messages), or null
+    ///     data.
+    /// Where several apply: size, priority, not open, null data, full, refused.
     int send(MSG_TYPE type, const void* data, unsigned int size, unsigned char priority);
 
     /// Waits without limit for a message, and takes the most urgent one.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <memory>
 
 #include <Framework/Diagnostics/PZReport.h>
@@ -91,15 +92,24 @@ public:
     /// The result of the join: 0 on success, else its error number (reported; the thread is
     /// forgotten all the same). 0 at once when there is no thread.
     int WaitExit() {
-        if (!isStarted()) return 0;
-        const int result = pthread_join(handle_, nullptr);
+        const int result = Join();
         if (result != 0) {
             PZ_REPORT_ERROR("pthread_join failed !! ret[%d] errno[%d : %s]\n", result,
                             pz_get_last_err(), pz_get_last_err_string());
         }
+        return result;
+    }
+
+    /// WaitExit without its report, for an owner that has words of its own. Errno is what the join
+    /// left in it.
+    int Join() {
+        if (!isStarted()) return 0;
+        const int result = pthread_join(handle_, nullptr);
+        const int error = errno;
         PZThreadMng::GetInstance()->unregisterThreadInfo(handle_);
         handle_ = kNoThread;
         tid_ = kNoTid;
+        errno = error;
         return result;
     }
 

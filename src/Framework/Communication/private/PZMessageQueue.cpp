@@ -106,39 +106,34 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
         PZ_REPORT_ERROR("invalid priority(%d)\n", priority);
         return kInvalid;
     }
-    if (data == nullptr && size != 0) {
-        PZ_REPORT_ERROR("invalid args\n");
-        return kInvalid;
-    }
     if (!isOpened()) {
         PZ_REPORT_ERROR("not opened\n");
         return kError;
     }
-
-    mq_attr attr = {};
-    int error = mq_getattr(handle_, &attr) == 0 ? 0 : errno;
-    bool isFull = error == 0 && attr.mq_curmsgs >= attr.mq_maxmsg;
-    if (error == 0 && !isFull) {
-        unsigned char message[1 + kMaxPayload + kTrailer];
-        message[0] = type;
-        if (size != 0) std::memcpy(message + 1, data, size);
-        std::memset(message + 1 + size, 0, kTrailer);
-        error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
-        if (error == ETIMEDOUT) {  // another sender took the last place meanwhile
-            isFull = true;
-            attr.mq_curmsgs = attr.mq_maxmsg;
-        }
+    if (data == nullptr && size != 0) {
+        PZ_REPORT_ERROR("invalid args\n");
+        return kInvalid;
     }
-    if (isFull) {
-        PZ_REPORT_ERROR("que full (%s) %d/%d\n", name_, static_cast<int>(attr.mq_curmsgs),
+    unsigned char message[1 + kMaxPayload + kTrailer];
+    message[0] = type;
+    if (size != 0) std::memcpy(message + 1, data, size);
+    std::memset(message + 1 + size, 0, kTrailer);
+    int error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
+    if (error == 0) return 0;
+
+    // Only now asked for, because asking costs as much as sending. A full queue answers so whatever
+    // else is wrong with the message.
+    mq_attr attr = {};
+    if (mq_getattr(handle_, &attr) != 0) {
+        error = errno;
+    } else if (error == ETIMEDOUT || attr.mq_curmsgs >= attr.mq_maxmsg) {
+        // Somebody may have taken a message since this one was refused.
+        PZ_REPORT_ERROR("que full (%s) %d/%d\n", name_, static_cast<int>(attr.mq_maxmsg),
                         static_cast<int>(attr.mq_maxmsg));
         return kFull;
     }
-    if (error != 0) {
-        PZ_REPORT_ERROR("error : errno[%d : %s]\n", error, std::strerror(error));
-        return kError;
-    }
-    return 0;
+    PZ_REPORT_ERROR("error : errno[%d : %s]\n", error, std::strerror(error));
+    return kError;
 }
 
 int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
@@ -170,9 +165,8 @@ int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
 
 // 0, or the error number: ETIMEDOUT for a full queue.
 //
-// Never waits, although the queue may have filled up since it was looked at: mq_send would wait for
-// room then. With a time limit that is over already the message is sent while there is room, and
-// otherwise refused at once.
+// Never waits for room, as mq_send would: with a time limit that is over already the message is
+// sent while there is room, and otherwise refused at once.
 int PZMessageQueue<2>::post(const unsigned char* message, size_t length,
                             unsigned int systemPriority) const {
     constexpr timespec kNoWait = {};
@@ -243,7 +237,10 @@ void PZMessageQueue<1>::close() {
     RemoveObserver(observer_);
     observer_ = nullptr;
     sendQuit();
-    if (thread_.WaitExit() != 0) {
+    const int result = thread_.Join();
+    if (result != 0) {
+        PZ_REPORT_ERROR("pthread_join failed !! ret[%d] errno[%d : %s]\n", result,
+                        pz_get_last_err(), pz_get_last_err_string());
         PZ_REPORT_ASSERTION();  // the thread may run on: the queue is its own
         return;
     }
@@ -303,7 +300,9 @@ bool PZMessageQueue<1>::serveOne() {
 // A failure may last: of a queue with larger messages nothing can be received, a quit neither.
 bool PZMessageQueue<1>::mayServeAfterFailure() const {
     if (!queue_.isOpened() || state_ != en_STATE_SERVING) return false;
+    PZWatchDog::GetInstance()->IntoWait();
     pz_msleep(kRetryPauseMs);
+    PZWatchDog::GetInstance()->OutWait();
     return true;
 }
 
