@@ -5,6 +5,7 @@
 #include <semaphore.h>
 
 #include <cstddef>
+#include <cstdlib>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -14,7 +15,9 @@
 
 #include <Framework/Foundation/PZTickCount.h>
 
+#include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
@@ -221,6 +224,37 @@ TEST_F(PZSingletonTest, TriesAgainAfterAnExceptionAlsoFromAnotherThread) {
     EXPECT_EQ(0, Refusing::blocks);
 }
 
+TEST_F(PZSingletonTest, KeepsNothingWhenThereIsNoMemory) {
+    int refusals = 0;
+    for (int skip = 0;; ++skip) {
+        PZSingletonFinalizer::finalize();
+        events.clear();
+        events.reserve(8);
+        A* instance = nullptr;
+        bool refused = false;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            try {
+                instance = A::GetInstance();
+            } catch (const std::bad_alloc&) {
+                refused = true;
+            }
+            if (shortage.Refused() == 0) break;
+        }
+        ++refusals;
+        ASSERT_TRUE(refused) << "refused allocation " << skip;
+        ASSERT_EQ(nullptr, instance);
+        // Whatever was made is gone, and the next one is made and destroyed as ever.
+        const Texts made = events;
+        ASSERT_TRUE(made == Texts{} || made == (Texts{"+A", "-A"})) << "allocation " << skip;
+        events.clear();
+        ASSERT_NE(nullptr, A::GetInstance());
+        PZSingletonFinalizer::finalize();
+        ASSERT_EQ((Texts{"+A", "-A"}), events) << "refused allocation " << skip;
+    }
+    EXPECT_EQ(3, refusals);  // the instance, the list, the entry in it
+}
+
 /// Uses another singleton while it is made.
 class Outer : public PZSingleton<Outer> {
 private:
@@ -252,6 +286,47 @@ const int earlyWaits = sem_wait_call.Calls();
 TEST(PZSingletonOfTheFrameworkTest, CanBeUsedBeforeMain) {
     EXPECT_NE(nullptr, early);
     EXPECT_EQ(1, earlyWaits);
+}
+
+/// Singletons of the program's own, used by its static objects.
+template <char kName>
+class Own : public PZSingleton<Own<kName>> {
+private:
+    friend class PZSingleton<Own<kName>>;
+    Own() = default;
+};
+
+struct EarlyUse {
+    EarlyUse() {
+        pztest::StdoutCapture capture;
+        const int waitsBefore = sem_wait_call.Calls();
+        instance = Own<'e'>::GetInstance();
+        waits = sem_wait_call.Calls() - waitsBefore;
+        output = capture.Take();
+    }
+    Own<'e'>* instance;
+    int waits;
+    std::string output;
+};
+const EarlyUse earlyUse;
+
+TEST(PZSingletonOfTheProgramTest, IsMadeQuietlyUnderItsLockBeforeMain) {
+    EXPECT_EQ("", earlyUse.output);
+    EXPECT_EQ(1, earlyUse.waits);
+    EXPECT_NE(nullptr, earlyUse.instance);
+}
+
+/// Uses a singleton for the first time when the process ends.
+struct LateUse {
+    ~LateUse() { Own<'l'>::GetInstance(); }
+};
+const LateUse lateUse;
+
+TEST(PZSingletonOfTheProgramTest, IsMadeQuietlyWhileTheProcessEnds) {
+    const pztest::ChildResult child = pztest::run_in_child([]() -> int { std::exit(3); });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(3, child.status);
+    EXPECT_EQ("", child.output);
 }
 
 TEST(PZSingletonOfTheFrameworkTest, IsOneObjectForTheLibraryAndTheProgram) {

@@ -3,6 +3,7 @@
 std::list<void (*)()>* PZSingletonFinalizer::destroyList_ = nullptr;
 
 void PZSingletonFinalizer::addDestroyFunc(void (*fn)()) {
+    // An empty list that is left by a failing push_front serves the next registration.
     if (destroyList_ == nullptr) destroyList_ = new std::list<void (*)()>;
     destroyList_->push_front(fn);
 }
