@@ -3,6 +3,7 @@
 //
 // Conversion and detection need no started framework: the program only links the library.
 
+#include <getopt.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,18 +25,19 @@ constexpr int kExitUsage = 2;
 constexpr size_t kMaxFileSize = 64U << 20;
 
 constexpr char kUsage[] =
-    "usage: textconv -f PAGE [-t PAGE] [-o OUT] FILE\n"
-    "       textconv --detect FILE\n"
+    "usage: textconv -f PAGE [-t PAGE] [-o OUT] [FILE]\n"
+    "       textconv --detect [FILE]\n"
     "       textconv --list\n"
     "\n"
-    "Converts a text file between code pages. FILE - is the standard input.\n"
+    "Converts a text file between code pages. Without FILE, or with -, it reads the standard\n"
+    "input.\n"
     "\n"
-    "  -f PAGE    the code page of FILE\n"
-    "  -t PAGE    the code page of the result (UTF-8 when left out)\n"
-    "  -o OUT     write into OUT instead of the standard output\n"
-    "  --detect   print the code page that FILE is likely written in\n"
-    "  --list     print the names of all code pages\n"
-    "  --help     show this help\n"
+    "  -f, --from PAGE    the code page of FILE\n"
+    "  -t, --to PAGE      the code page of the result (UTF-8 when left out)\n"
+    "  -o, --output OUT   write into OUT instead of the standard output\n"
+    "  -d, --detect       print the code page that FILE is likely written in\n"
+    "  -l, --list         print the names of all code pages\n"
+    "  -h, --help         show this help\n"
     "\n"
     "Upper and lower case, '-' and '_' make no difference in a PAGE. The radio sets convert\n"
     "into UTF-8 only. A file may have at most 64 MiB.\n"
@@ -47,7 +49,7 @@ struct Options {
     EN_XCP from = XCP_NONE;
     EN_XCP to = XCP_UTF8;
     std::string out = "-";
-    std::string file;
+    std::string file = "-";  // the standard input
     bool detect = false;
     bool list = false;
     bool help = false;
@@ -75,7 +77,6 @@ bool parse_page(const char* name, EN_XCP& page) {
 /// Checks what belongs together; false after a message.
 bool check(const Options& options) {
     if (options.help || options.list) return true;
-    if (options.file.empty()) return usage_error("no file", "");
     if (options.detect) return true;
     if (options.from == XCP_NONE) return usage_error("no code page of the file: use -f", "");
     if (is_radio(options.to))
@@ -87,32 +88,55 @@ bool check(const Options& options) {
     return true;
 }
 
+constexpr char kShortOptions[] =
+    ":f:t:o:dlh";  // the first: a missing value is an answer of its own
+const option kLongOptions[] = {
+    {"from", required_argument, nullptr, 'f'},
+    {"to", required_argument, nullptr, 't'},
+    {"output", required_argument, nullptr, 'o'},
+    {"detect", no_argument, nullptr, 'd'},
+    {"list", no_argument, nullptr, 'l'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+/// Takes one answer of getopt_long; false after a message.
+bool take_option(int answer, char** argv, Options& options) {
+    const char letter[] = {'-', static_cast<char>(optopt), '\0'};
+    switch (answer) {
+        case 'f':
+            return parse_page(optarg, options.from);
+        case 't':
+            return parse_page(optarg, options.to);
+        case 'o':
+            options.out = optarg;
+            return true;
+        case 'd':
+            options.detect = true;
+            return true;
+        case 'l':
+            options.list = true;
+            return true;
+        case 'h':
+            options.help = true;
+            return true;
+        case ':':
+            return usage_error("a value is missing after ", argv[optind - 1]);
+        default:
+            return usage_error("unknown option ", optopt != 0 ? letter : argv[optind - 1]);
+    }
+}
+
 /// False after a message.
 bool parse(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        const bool takesValue = argument == "-f" || argument == "-t" || argument == "-o";
-        if (takesValue) {
-            if (++i == argc) return usage_error("a value is missing behind ", argv[i - 1]);
-            if (argument == "-o") {
-                options.out = argv[i];
-            } else if (!parse_page(argv[i], argument == "-f" ? options.from : options.to)) {
-                return false;
-            }
-        } else if (argument == "--detect") {
-            options.detect = true;
-        } else if (argument == "--list") {
-            options.list = true;
-        } else if (argument == "--help") {
-            options.help = true;
-        } else if (argument.size() > 1 && argument[0] == '-') {
-            return usage_error("unknown option ", argv[i]);
-        } else if (!options.file.empty()) {
-            return usage_error("more than one file: ", argv[i]);
-        } else {
-            options.file = argument;
-        }
+    opterr = 0;  // the messages are ours
+    for (;;) {
+        const int answer = getopt_long(argc, argv, kShortOptions, kLongOptions, nullptr);
+        if (answer == -1) break;
+        if (!take_option(answer, argv, options)) return false;
     }
+    if (optind < argc) options.file = argv[optind++];
+    if (optind < argc) return usage_error("more than one file: ", argv[optind]);
     return check(options);
 }
 

@@ -123,6 +123,12 @@ TEST(textconvTest, TakesTheStandardInputAsAFile) {
         run_command("printf '\\351t\\351\\n' | " PZ_TEXTCONV " -f ISO-8859-1 -t UTF-8 -").output);
 }
 
+TEST(textconvTest, ReadsTheStandardInputWithoutAFile) {
+    const std::string command = "printf '\\351t\\351\\n' | " PZ_TEXTCONV " ";
+    EXPECT_EQ("\xC3\xA9t\xC3\xA9\n", run_command(command + "-f ISO-8859-1").output);
+    EXPECT_EQ("\351t\351\n", run_command(command + "--from=ISO-8859-1 --to ISO-8859-1").output);
+}
+
 TEST(textconvTest, WritesIntoAFile) {
     const TempDir dir;
     const std::string arguments =
@@ -233,13 +239,15 @@ TEST(textconvTest, TellsItsUsage) {
     const CommandResult help = textconv("--help");
     EXPECT_EQ(0, help.status);
     EXPECT_NE(std::string::npos,
-              help.output.find("usage: textconv -f PAGE [-t PAGE] [-o OUT] FILE\n"));
-    expect_failure(2, "", "textconv: no file\n");
-    expect_failure(2, "--detect", "textconv: no file\n");
+              help.output.find("usage: textconv -f PAGE [-t PAGE] [-o OUT] [FILE]\n"));
+    EXPECT_EQ(help.output, textconv("-h").output);
+    expect_failure(2, "", "textconv: no code page of the file: use -f\n");
     expect_failure(2, "some.txt", "textconv: no code page of the file: use -f\n");
-    expect_failure(2, "-f", "textconv: a value is missing behind -f\n");
+    expect_failure(2, "-f", "textconv: a value is missing after -f\n");
+    expect_failure(2, "x --from", "textconv: a value is missing after --from\n");
     expect_failure(2, "-f EBCDIC x", "textconv: unknown code page EBCDIC\n");
     expect_failure(2, "-f UTF-8 -t latin x", "textconv: unknown code page latin\n");
     expect_failure(2, "--nonsense", "textconv: unknown option --nonsense\n");
+    expect_failure(2, "-lx", "textconv: unknown option -x\n");
     expect_failure(2, "-f UTF-8 a b", "textconv: more than one file: b\n");
 }
