@@ -1,6 +1,11 @@
 #include "Framework/Wrapper/pz_stdlib.h"
 
+#include <Framework/Diagnostics/PZReport.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -8,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdarg>
 #include <cstdint>
@@ -23,6 +29,8 @@
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
+#include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -526,6 +534,114 @@ TEST_F(pz_stdlibTest, CreateProcessReportsANameOfMoreThan15CharactersAndGoesOn) 
     ASSERT_GT(messages.size(), 11U);  // the message and the whole stack
     EXPECT_EQ("program file name is too long! [pz_no_such_progs]", messages[0]);
     EXPECT_EQ(1U, pztest::count_of(child.output, "pz_no_such_progs: No such file or directory\n"));
+}
+
+namespace {
+
+/// A program of the path that does nothing, under a name of more than 15 characters.
+constexpr char kLongNameOfTrue[] = "/usr/bin/../bin/true";
+
+constexpr char kTooLong[] = "program file name is too long! [/usr/bin/../bin/true]";
+
+}  // namespace
+
+TEST_F(pz_stdlibTest, CreateProcessIsNotHeldUpByAThreadThatReports) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        constexpr int kPrograms = 60;
+        std::atomic<bool> end{false};
+        std::thread reporter([&end] {
+            while (!end) PZ_REPORT_ERROR("busy\n");
+        });
+        std::vector<pid_t> running;
+        for (int i = 0; i < kPrograms; ++i) {
+            pid_t pid = -1;
+            if (pz_create_process(kLongNameOfTrue, &pid, nullptr)) running.push_back(pid);
+        }
+        end = true;
+        reporter.join();
+        std::fflush(stdout);
+        if (running.size() != kPrograms) return 254;
+        const auto haveEnded = [&running] {
+            for (auto pid = running.begin(); pid != running.end();) {
+                pid = waitpid(*pid, nullptr, WNOHANG) == *pid ? running.erase(pid) : pid + 1;
+            }
+            return running.empty();
+        };
+        pztest::wait_until(haveEnded, std::chrono::seconds(20));
+        for (const pid_t pid : running) kill(pid, SIGKILL);
+        return static_cast<int>(running.size());
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status) << "children that hang";
+    EXPECT_EQ(60U, pztest::count_of(child.output, kTooLong));
+    EXPECT_EQ(60U, pztest::count_of(child.output, "ASSERT Failed!"));
+}
+
+TEST_F(pz_stdlibTest, CreateProcessPrintsWhatIsPendingAndTheReportOnce) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        pid_t pid = -1;
+        std::printf("pending\n");
+        return pz_create_process(kLongNameOfTrue, &pid, nullptr) ? status_of(pid) : 254;
+    });
+    EXPECT_EQ(0, child.status);
+    EXPECT_EQ(1U, pztest::count_of(child.output, "pending\n"));
+    EXPECT_EQ(1U, pztest::count_of(child.output, kTooLong));
+}
+
+TEST_F(pz_stdlibTest, CreateProcessReportsBeforeTheProgramPrints) {
+    const pztest::ChildResult child = start_and_wait("/usr/bin/../bin/env");  // of its one word
+    const size_t program = child.output.find("/usr/bin/../bin/env:");
+    ASSERT_NE(std::string::npos, program) << child.output;
+    EXPECT_LT(child.output.rfind("dumpDirectly()@PZCallStack.cpp"), program);
+}
+
+TEST_F(pz_stdlibTest, CreateProcessSaysNothingOfALongNameWithoutAChild) {
+    pid_t pid = 77;
+    fork_call.FailNext(EAGAIN);
+    pztest::StdoutCapture output;
+    EXPECT_FALSE(pz_create_process(kLongNameOfTrue, &pid, nullptr));
+    EXPECT_EQ(std::vector<std::string>{"error : fork"}, pztest::error_messages(output.Take()));
+}
+
+TEST_F(pz_stdlibTest, CreateProcessNeedsNoDescriptors) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        const rlimit none = {STDERR_FILENO + 1, STDERR_FILENO + 1};
+        if (setrlimit(RLIMIT_NOFILE, &none) != 0) return 253;
+        pid_t pid = -1;
+        return pz_create_process("pz_no_such_progs", &pid, nullptr) ? status_of(pid) : 254;
+    });
+    EXPECT_EQ(255, child.status);
+    EXPECT_EQ(1U, pztest::count_of(child.output, "pz_no_such_progs: No such file or directory\n"));
+}
+
+TEST_F(pz_stdlibTest, CreateProcessStartsTheProgramAlsoOfACallerWhoIsKilledOverTheReport) {
+    const pztest::TempDir dir;
+    const std::string program = dir.File("a_program_of_a_long_name");
+    pztest::write_file(program, "#!/bin/sh\n: > '" + dir.File("started") + "'\n");
+    ASSERT_EQ(0, chmod(program.c_str(), 0700));
+    int stuck[2];  // a standard output that nobody reads
+    ASSERT_EQ(0, pipe2(stuck, O_CLOEXEC));
+    ASSERT_LT(0, fcntl(stuck[1], F_SETPIPE_SZ, 4096));
+    const std::string full(static_cast<size_t>(fcntl(stuck[1], F_GETPIPE_SZ)), 'x');
+    ASSERT_EQ(static_cast<ssize_t>(full.size()), write(stuck[1], full.data(), full.size()));
+    const pid_t caller = fork_call.Real();
+    ASSERT_NE(-1, caller);
+    if (caller == 0) {
+        dup2(stuck[1], STDOUT_FILENO);
+        pid_t pid = -1;
+        pz_create_process(program.c_str(), &pid, nullptr);
+        _exit(1);
+    }
+    const std::string children =
+        "/proc/" + std::to_string(caller) + "/task/" + std::to_string(caller) + "/children";
+    EXPECT_TRUE(pztest::wait_until([&] { return !pztest::read_file(children).empty(); }));
+    EXPECT_NE(0, access(dir.File("started").c_str(), F_OK)) << "the report comes first";
+    kill(caller, SIGKILL);
+    int status = 0;
+    EXPECT_EQ(caller, waitpid(caller, &status, 0));
+    EXPECT_TRUE(pztest::wait_until([&] { return access(dir.File("started").c_str(), F_OK) == 0; }));
+    close(stuck[0]);
+    close(stuck[1]);
 }
 
 // Wide formatting

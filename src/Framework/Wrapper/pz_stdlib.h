@@ -78,8 +78,13 @@ PZ_API pid_t pz_get_current_thread_id();
 /// child.
 ///
 /// Pass the program only: the arguments are not handed on. The program sees its own name and one
-/// word without meaning. A `program` of more than 15 characters is reported as an assertion and
-/// started all the same. One that cannot be executed ends the child with status 255.
+/// word without meaning. A `program` of more than 15 characters is reported as an assertion, by
+/// the caller's process, and started when that is printed: the call waits as long as the standard
+/// output does. A program that cannot be executed ends the child with status 255 and a line on
+/// the standard error.
+///
+/// Any thread may call it, whatever the other threads do: until the program runs, the child makes
+/// system calls only. Output that was not written yet stays the caller's.
 PZ_API bool pz_create_process(const char* program, pid_t* pidOut, const char* arg, ...);
 
 /// Formats into `dst`: at most `count` characters; the rest of its `count` characters is zeroed, so

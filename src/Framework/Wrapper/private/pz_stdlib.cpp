@@ -1,6 +1,8 @@
 #include "Framework/Wrapper/pz_stdlib.h"
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/PZSingleton.h>
+#include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -12,6 +14,9 @@
 #include <ctime>
 #include <cwchar>
 #include <cwctype>
+
+#include "../../private/pz_child.h"
+#include "../../private/pz_descriptor.h"
 
 namespace {
 
@@ -55,12 +60,37 @@ const char* address_of(const VaList& args) {
     return static_cast<const char*>(address);
 }
 
-/// Turns the process into `program`. Does not return: a program that cannot be executed ends it.
-[[noreturn]] void execute(const char* program, const char* argument) {
-    execlp(program, program, argument, static_cast<char*>(nullptr));
-    std::perror(program);
-    _exit(-1);  // the exit handlers and unwritten output are the parent's
-}
+/// Holds a child back until its parent has printed what belongs before the program's own output.
+/// Without descriptors for it, or when the parent has died, the child goes on at once.
+class ChildGate : private PZUncopyable {
+public:
+    explicit ChildGate(bool isClosed) {
+        int fds[2];
+        if (!isClosed || ::pipe2(fds, O_CLOEXEC) != 0) return;
+        out_ = PZDescriptor(fds[0]);
+        in_ = PZDescriptor(fds[1]);
+    }
+
+    /// In the child.
+    void Await() {
+        in_.Close();
+        char byte = 0;
+        while (::read(out_.Get(), &byte, sizeof byte) == -1 && errno == EINTR) {
+        }
+    }
+
+    /// In the parent. A byte, because children of other threads may have the pipe open, too: it
+    /// has no end before theirs.
+    void Open() {
+        constexpr char kByte = 0;
+        while (::write(in_.Get(), &kByte, sizeof kByte) == -1 && errno == EINTR) {
+        }
+    }
+
+private:
+    PZDescriptor out_;
+    PZDescriptor in_;
+};
 
 }  // namespace
 
@@ -163,22 +193,27 @@ bool pz_create_process(const char* program, pid_t* pidOut, const char* arg, ...)
     constexpr size_t kMaxNameLength = 15;  // of a process in the kernel
     if (program == nullptr || pidOut == nullptr) return false;
 
-    const pid_t pid = fork();
+    const bool isTooLong = std::strlen(program) > kMaxNameLength;
+    ChildGate gate(isTooLong);
+    const pid_t pid = pz_fork_for_program();
     if (pid == -1) {
         PZ_REPORT_ERROR("error : fork\n");
         return false;
     }
-    if (pid > 0) {
-        *pidOut = pid;
-        return true;
+    if (pid == 0) {
+        gate.Await();
+        va_list args;
+        va_start(args, arg);
+        // Unlike its relatives in other C libraries this call takes no lock and no memory.
+        execlp(program, program, address_of(args), static_cast<char*>(nullptr));
+        pz_end_child_without_program(program);
+        // cppcheck-suppress va_end_missing ; never reached
     }
-
-    if (std::strlen(program) > kMaxNameLength) {
+    *pidOut = pid;
+    if (isTooLong) {
         PZ_REPORT_ERROR("program file name is too long! [%s]\n", program);
         PZ_REPORT_ASSERTION();
     }
-    va_list args;
-    va_start(args, arg);
-    execute(program, address_of(args));
-    // cppcheck-suppress va_end_missing ; never reached
+    gate.Open();
+    return true;
 }
