@@ -1,17 +1,25 @@
 #include "Framework/Utility/PZCRC.h"
 
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "Framework/Utility/private/pz_crc32.h"
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -127,6 +135,56 @@ TEST_F(PZCRCTest, DividesBlocksOfEveryLengthFromEverySeed) {
     }
 }
 
+TEST_F(PZCRCTest, DividesBlocksOfEveryLengthAtEveryAlignment) {
+    constexpr size_t kLongest = 1100;  // several steps of the widest way, and every rest
+    constexpr size_t kAlignments = 32;
+    const std::string data = bytes_of(kLongest + kAlignments);
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(data.data());
+    uint32_t seed = kAllOnes;
+    for (size_t start = 0; start < kAlignments; ++start, seed = seed * 1664525U + 1013904223U) {
+        uint32_t reg = seed;
+        for (size_t length = 0; length <= kLongest; ++length) {
+            ASSERT_EQ(static_cast<uint32_t>(~reg),
+                      crc.getMemCRC32(seed, bytes + start, static_cast<unsigned int>(length)))
+                << "length " << length << " start " << start << " seed " << seed;
+            reg = static_cast<uint32_t>(~crc_by_division(data.substr(start + length, 1), reg));
+        }
+    }
+}
+
+TEST_F(PZCRCTest, GivesTheSameByEveryWayThatThisProcessorHas) {
+    using Way = uint32_t (*)(uint32_t, const unsigned char*, size_t);
+    struct ST_WAY {
+        const char* name;
+        Way feed;
+        size_t shortest;
+    };
+    std::vector<ST_WAY> ways = {{"tables", &pz_crc32::feed_by_tables, 0}};
+#if defined(PZ_CRC32_BY_CARRYLESS_MULTIPLICATION)
+    if (__builtin_cpu_supports("pclmul")) {
+        ways.push_back({"multiplication", &pz_crc32::feed_by_multiplication, 16});
+    }
+    if (__builtin_cpu_supports("vpclmulqdq")) {
+        ways.push_back({"wide multiplication", &pz_crc32::feed_by_wide_multiplication, 128});
+    }
+#elif defined(PZ_CRC32_BY_INSTRUCTION)
+    if (pz_crc32::hasInstruction) {
+        ways.push_back({"instruction", &pz_crc32::feed_by_instruction, 0});
+    }
+#endif
+    const std::string data = bytes_of(1100);
+    const auto* const bytes = reinterpret_cast<const unsigned char*>(data.data());
+    for (const ST_WAY& way : ways) {
+        uint32_t reg = 0x12345678;
+        for (size_t length = 0; length < data.size(); ++length) {
+            if (length >= way.shortest) {
+                ASSERT_EQ(reg, way.feed(0x12345678, bytes, length)) << way.name << ' ' << length;
+            }
+            reg = static_cast<uint32_t>(~crc_by_division(data.substr(length, 1), reg));
+        }
+    }
+}
+
 TEST_F(PZCRCTest, ComplementsTheSeedForNoBytes) {
     const unsigned char byte = 0x55;
     EXPECT_EQ(0x00000000U, crc.getMemCRC32(kAllOnes, &byte, 0));
@@ -161,7 +219,7 @@ TEST_F(PZCRCTest, GivesAllOnesForAnEmptyFile) {
 
 TEST_F(PZCRCTest, GivesTheChecksumOfAFile) {
     EXPECT_EQ(0xCBF43926U, OfFile("123456789"));
-    EXPECT_EQ("rb", lastMode);
+    EXPECT_EQ("rbe", lastMode);
 }
 
 TEST_F(PZCRCTest, GivesTheChecksumOfAFileOfOnePiece) {
@@ -229,12 +287,13 @@ TEST_F(PZCRCTest, ReadsPiecesUntilOneIsEmptyAndClosesTheFile) {
     EXPECT_EQ(1, fclose_call.Calls());
 }
 
-TEST_F(PZCRCTest, KeepsItsFileFromProgramsThatTheProcessStarts) {
+TEST_F(PZCRCTest, KeepsItsFileFromProgramsThatTheProcessStartsFromTheBeginning) {
     static int flags;
     flags = -1;
-    fread_call.Replace([](void* buffer, size_t size, size_t count, FILE* file) {
+    fopen_call.Replace([](const char* name, const char* mode) {
+        FILE* const file = fopen_call.Real(name, mode);
         flags = ::fcntl(::fileno(file), F_GETFD);
-        return fread_call.Real(buffer, size, count, file);
+        return file;
     });
     EXPECT_EQ(0xCBF43926U, OfFile("123456789"));
     EXPECT_EQ(FD_CLOEXEC, flags);
@@ -266,4 +325,52 @@ TEST_F(PZCRCTest, TakesAFolderForAnEmptyFile) {
     unsigned long result = kUntouched;
     EXPECT_TRUE(crc.CRC32(folder.Path().c_str(), result));
     EXPECT_EQ(0xFFFFFFFFU, result);
+}
+
+TEST_F(PZCRCTest, WaitsForAFifoWithoutAPeerAndEndsWhenOneHasCome) {
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    const int descriptorsBefore = pztest::open_descriptors();
+    unsigned long result = kUntouched;
+    bool isDone = false;
+    std::atomic<bool> hasReturned{false};
+    std::thread reader([&] {
+        isDone = crc.CRC32(path.c_str(), result);
+        hasReturned = true;
+    });
+    // A writer that does not wait is refused until a reader has come.
+    int writer = -1;
+    EXPECT_TRUE(pztest::wait_until([&] {
+        writer = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        return writer != -1;
+    }));
+    EXPECT_FALSE(hasReturned);
+    EXPECT_EQ(9, ::write(writer, "123456789", 9));
+    EXPECT_EQ(0, ::close(writer));
+    reader.join();
+    EXPECT_TRUE(isDone);
+    EXPECT_EQ(0xCBF43926U, result);
+    EXPECT_EQ(descriptorsBefore, pztest::open_descriptors());
+}
+
+TEST_F(PZCRCTest, LetsItsThreadBeCancelledWhileItReads) {
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    const int peer = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_NE(-1, peer);
+    const int descriptorsBefore = pztest::open_descriptors();
+    fread_call.Reset();
+    pthread_t reader{};
+    ASSERT_EQ(0, ::pthread_create(
+                     &reader, nullptr,
+                     [](void* name) -> void* {
+                         unsigned long result = 0;
+                         return crc.CRC32(static_cast<const char*>(name), result) ? name : nullptr;
+                     },
+                     const_cast<char*>(path.c_str())));
+    EXPECT_TRUE(pztest::wait_until([] { return fread_call.Calls() == 1; }));
+    EXPECT_EQ(0, ::pthread_cancel(reader));
+    void* end = nullptr;
+    EXPECT_EQ(0, ::pthread_join(reader, &end));
+    EXPECT_EQ(PTHREAD_CANCELED, end);
+    EXPECT_EQ(descriptorsBefore, pztest::open_descriptors());
+    ::close(peer);
 }
