@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZThreadMng.h"
 
 #include <Framework/Foundation/PZSingleton.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -22,8 +23,10 @@
 #include <gtest/gtest.h>
 
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -239,7 +242,7 @@ TEST_F(PZThreadMngTest, ReadsTheWidePriorityOfTheCallingThread) {
     getpriority_call.Replace(&fake_getpriority);
     StdoutCapture out;
     EXPECT_EQ(201, manager.GetCurrentThreadPriority());
-    EXPECT_EQ(kernel_id(), fake_thread.who);
+    EXPECT_EQ(0U, fake_thread.who);  // the calling thread
     EXPECT_EQ(PRIO_PROCESS, fake_thread.which);
     EXPECT_EQ("", out.Take());
 }
@@ -358,6 +361,49 @@ TEST_F(PZThreadMngTest, RegisteringAHandleTwiceKeepsTheFirstRecord) {
     EXPECT_EQ("first", Label(10));
     EXPECT_EQ(100U, manager.getWatchTime(10));
     EXPECT_EQ(Handles{10}, Active());
+}
+
+TEST_F(PZThreadMngTest, AThreadTakesTheRecordOfAnEndedOneWhoseHandleItHas) {
+    pthread_t first = 0;
+    std::thread([&] {
+        first = pthread_self();
+        EXPECT_TRUE(manager.registerThreadInfo(first, "first", 251, 100));
+        EXPECT_TRUE(manager.registerThreadInfo(first, "twice", 251, 200));
+        EXPECT_EQ("first", Label(first));
+    }).join();
+    pthread_t second = 0;
+    std::thread([&] {
+        second = pthread_self();
+        EXPECT_TRUE(manager.registerThreadInfo(second, "second", 251, 300));
+    }).join();
+    ASSERT_EQ(first, second) << "the system gives the last handle that became free";
+    EXPECT_EQ("second", Label(second));
+    EXPECT_EQ(300U, manager.getWatchTime(second));
+}
+
+TEST_F(PZThreadMngTest, RefusesARecordForWhichThereIsNoMemory) {
+    const PZThreadMng::ThreadInfo info = {11, 200, "eleven", 0, 0, 0, 1};
+    manager.registerThreadInfo(12, "twelve", 251, 0);
+    StdoutCapture out;
+    bool byName = true;
+    bool byRecord = true;
+    bool present = false;
+    {
+        const pztest::MemoryShortage shortage;
+        byName = manager.registerThreadInfo(10, "ten", 251, 0);
+        byRecord = manager.registerThreadInfo(info);
+        present = manager.unregisterThreadInfo(12);
+    }
+    const std::string printed = out.Take();
+    EXPECT_FALSE(byName);
+    EXPECT_FALSE(byRecord);
+    EXPECT_TRUE(present);
+    EXPECT_TRUE(
+        has_report(printed, "registerThreadInfo", "PZThreadMng.cpp", "failed to allocate memory"));
+    EXPECT_EQ(2U, pztest::error_messages(printed).size());
+    EXPECT_EQ(Handles{}, Active());
+    std::thread([this] { EXPECT_TRUE(manager.registerThreadInfo(10, "ten", 251, 0)); }).join();
+    EXPECT_EQ("ten", Label(10));
 }
 
 TEST_F(PZThreadMngTest, UnregistersAThreadOnce) {
@@ -623,6 +669,50 @@ TEST_F(PZThreadMngTest, AFailedDumpIsSilentAndReleasesTheLock) {
     manager.dumpThreadStatus();
     EXPECT_EQ("", out.Take());
     std::thread([this] { EXPECT_TRUE(manager.unregisterThreadInfo(1)); }).join();
+}
+
+/// Opens the write end of `fullPipe` instead of "/temp/ThreadInfo".
+int full_pipe_end = -1;
+
+FILE* open_full_pipe(const char* path, const char* mode) {
+    if (std::string(path) != kDumpPath) return fopen_call.Real(path, mode);
+    return fdopen(full_pipe_end, "w");
+}
+
+TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+    const std::string block(4096, 'x');
+    while (write(ends[1], block.data(), block.size()) > 0) {
+    }
+    ASSERT_EQ(0, fcntl(ends[1], F_SETFL, 0));  // blocks from now on
+    full_pipe_end = ends[1];
+    manager.registerThreadInfo(1, "first", 251, 0);
+    fopen_call.Replace(&open_full_pipe);
+
+    static std::atomic<pid_t> dumperId;
+    dumperId = 0;
+    const auto dump = [](void*) -> void* {
+        dumperId = gettid();
+        PZThreadMng::GetInstance()->dumpThreadStatus();
+        return nullptr;
+    };
+    pthread_t dumper = 0;
+    ASSERT_EQ(0, pthread_create(&dumper, nullptr, dump, nullptr));
+    ASSERT_TRUE(pztest::wait_until([] {
+        if (dumperId == 0) return false;
+        const std::string call =
+            pztest::read_file("/proc/self/task/" + std::to_string(dumperId) + "/stat");
+        return call.find(") S ") != std::string::npos;
+    }));
+    ASSERT_EQ(0, pthread_cancel(dumper));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(dumper, &result));
+    fopen_call.Replace(nullptr);
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_TRUE(manager.unregisterThreadInfo(1));  // the lock is free
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST_F(PZThreadMngTest, DumpsToTempThreadInfo) {

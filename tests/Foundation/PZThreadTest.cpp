@@ -16,6 +16,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -23,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
 namespace {
@@ -570,6 +572,127 @@ TEST_F(PZThreadTest, ReportsAFailedJoinAndForgetsTheThread) {
     EXPECT_EQ(-1, thread.GetPriority());
     gate.Open();
     EXPECT_EQ(0, pthread_join_call.Real(owner.handle, nullptr));
+}
+
+// The handle of a thread that has just been joined goes to the next one that is made, before the
+// joiner has come to the registry.
+
+PZThread<Owner>* next_thread = nullptr;
+Gate* next_gate = nullptr;
+
+int join_and_start_the_next(pthread_t handle, void** result) {
+    pthread_join_call.Replace(nullptr);
+    const int joined = pthread_join_call.Real(handle, result);
+    EXPECT_TRUE(next_thread->Start("next"));
+    next_gate->WaitForArrival();
+    return joined;
+}
+
+TEST_F(PZThreadTest, WaitExitLeavesTheNextThreadOfTheSameHandleRegistered) {
+    Owner nextOwner;
+    Gate nextGate;
+    Thread next(&nextOwner, 1234);
+    nextOwner.onMainProc = [&nextGate] { nextGate.Pass(); };
+    next_thread = &next;
+    next_gate = &nextGate;
+    pthread_join_call.Replace(&join_and_start_the_next);
+    ASSERT_TRUE(thread.Start("tested"));
+    EXPECT_EQ(0, thread.WaitExit());
+    ASSERT_EQ(owner.handle, nextOwner.handle) << "the system gives the last handle that is free";
+    EXPECT_EQ("next", label_of(nextOwner.handle));
+    EXPECT_EQ(1234U, PZThreadMng::GetInstance()->getWatchTime(nextOwner.handle));
+    nextGate.Open();
+    EXPECT_EQ(0, next.WaitExit());
+    EXPECT_EQ("(unknown)", label_of(nextOwner.handle));
+}
+
+std::thread next_plain_thread;
+pthread_t next_plain_handle = 0;
+Gate* next_plain_gate = nullptr;
+
+int join_and_register_another(pthread_t handle, void** result) {
+    pthread_join_call.Replace(nullptr);
+    const int joined = pthread_join_call.Real(handle, result);
+    next_plain_thread = std::thread([] {
+        next_plain_handle = pthread_self();
+        PZThreadMng::GetInstance()->registerThreadInfo(next_plain_handle, "plain", 251, 0);
+        next_plain_gate->Pass();
+    });
+    next_plain_gate->WaitForArrival();
+    return joined;
+}
+
+TEST_F(PZThreadTest, WaitExitLeavesTheNextThreadOfTheApplicationRegistered) {
+    Gate plainGate;
+    next_plain_gate = &plainGate;
+    pthread_join_call.Replace(&join_and_register_another);
+    ASSERT_TRUE(thread.Start("tested"));
+    EXPECT_EQ(0, thread.WaitExit());
+    ASSERT_EQ(owner.handle, next_plain_handle) << "the system gives the last handle that is free";
+    EXPECT_EQ("plain", label_of(next_plain_handle));
+    plainGate.Open();
+    next_plain_thread.join();
+    EXPECT_TRUE(PZThreadMng::GetInstance()->unregisterThreadInfo(next_plain_handle));
+}
+
+TEST_F(PZThreadTest, WaitExitUnregistersAThreadThatWasRegisteredAfresh) {
+    for (const bool byItself : {true, false}) {
+        owner.onInitialize = [] {
+            PZThreadMng::GetInstance()->unregisterThreadInfo(pthread_self());
+        };
+        Gate registered;
+        owner.onMainProc = [&registered, byItself] {
+            if (byItself) {
+                PZThreadMng::GetInstance()->registerThreadInfo(pthread_self(), "afresh", 251, 0);
+            }
+            registered.Pass();
+        };
+        ASSERT_TRUE(thread.Start("tested"));
+        registered.WaitForArrival();
+        if (!byItself) {
+            PZThreadMng::GetInstance()->registerThreadInfo(owner.handle, "afresh", 251, 0);
+        }
+        EXPECT_EQ("afresh", label_of(owner.handle));
+        registered.Open();
+        EXPECT_EQ(0, thread.WaitExit());
+        EXPECT_EQ("(unknown)", label_of(owner.handle));
+    }
+}
+
+// Memory that runs out.
+
+TEST(PZThreadMemoryTest, AThreadThatStartsWithoutMemoryRunsAllTheSame) {
+    class Plain {
+    public:
+        int Initialize() {
+            ++phases;
+            return 0;
+        }
+        void MainProc() { ++phases; }
+        void Finalize() { ++phases; }
+        std::atomic<int> phases{0};
+    };
+    for (const bool withRegistry : {true, false}) {
+        reset_calls();
+        if (withRegistry) PZThreadMng::GetInstance();
+        Plain plain;
+        PZThread<Plain> thread(&plain, 0);
+        StdoutCapture out;
+        bool started = false;
+        int exited = -1;
+        {
+            const pztest::GeneralMemoryShortage shortage;
+            started = thread.Start("tested");
+            exited = thread.WaitExit();
+        }
+        const std::string printed = out.Take();
+        EXPECT_TRUE(started);
+        EXPECT_EQ(0, exited);
+        EXPECT_EQ(3, plain.phases);
+        EXPECT_EQ(std::vector<std::string>{"failed to allocate memory"},
+                  pztest::error_messages(printed));
+        PZSingletonFinalizer::finalize();
+    }
 }
 
 TEST(PZThreadDestructionTest, NeitherStopsNorJoinsNorUnregistersTheThread) {

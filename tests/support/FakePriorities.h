@@ -28,6 +28,7 @@ inline std::map<id_t, int> fake_nice_values;               // guarded by fake_pr
 inline std::vector<PriorityChange> fake_priority_changes;  // guarded by fake_priorities_mutex
 
 inline int fake_getpriority(__priority_which_t /*which*/, id_t who) {
+    if (who == 0) who = static_cast<id_t>(gettid());  // the calling thread
     const std::lock_guard<std::mutex> lock(fake_priorities_mutex);
     const auto entry = fake_nice_values.find(who);
     return entry != fake_nice_values.end() ? entry->second : 0;

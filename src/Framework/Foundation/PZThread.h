@@ -24,7 +24,8 @@
 ///     void MainProc();     // the thread's loop: its return ends the thread
 ///     void Finalize();     // after MainProc has returned
 ///
-/// The thread is registered before Initialize, and stays registered after its end until WaitExit.
+/// The thread is registered before Initialize, and stays registered after its end until WaitExit. A
+/// thread for whose record there is no memory (reported) runs all the same, unregistered.
 ///
 /// Before:    call pz_FwInitialize first: the new thread may make singletons, whose list has no
 ///            lock (see PZSingletonFinalizer).
@@ -32,8 +33,9 @@
 ///            stop the thread: the owner makes MainProc return first.
 /// Ownership: the owner is not owned and must outlive the thread. Destruction neither stops nor
 ///            joins it: call WaitExit before.
-/// Failures:  reported and answered with a result. An exception thrown by a phase ends the thread
-///            quietly, without the phases that follow; cancellation and pthread_exit pass through.
+/// Failures:  reported and answered with a result; only the constructor throws (std::bad_alloc). An
+///            exception thrown by a phase ends the thread quietly, without the phases that follow;
+///            cancellation and pthread_exit pass through.
 template <typename T>
 class PZThread {
 public:
@@ -77,8 +79,8 @@ public:
     __attribute__((no_sanitize("null"))) static void* WrappedEntry(void* arg) {
         if (arg == nullptr) return nullptr;
         PZThread* const thread = *static_cast<PZThread**>(arg);
-        thread->Register();
         try {
+            thread->Register();
             thread->RunPhases();
         } catch (abi::__forced_unwind&) {
             throw;  // cancellation, pthread_exit: the C library waits for it
@@ -106,7 +108,7 @@ public:
         if (!isStarted()) return 0;
         const int result = pthread_join(handle_, nullptr);
         const int error = errno;
-        PZThreadMng::GetInstance()->unregisterThreadInfo(handle_);
+        Unregister();
         handle_ = kNoThread;
         tid_ = kNoTid;
         errno = error;
@@ -148,11 +150,26 @@ private:
 
     // On the new thread. Its handle is taken from pthread_self: pthread_create may not have
     // stored it for the controlling thread yet.
+    // What it owes to others must not fail for its own record: it goes on without one.
     void Register() {
         tid_ = static_cast<int>(syscall(SYS_gettid));
         const pthread_t handle = pthread_self();
-        const int priority = GetPriority(handle);
-        PZThreadMng::GetInstance()->registerThreadInfo(handle, name_, priority, watchTime_);
+        try {
+            const int priority = GetPriority(handle);
+            PZThreadMng* const registry = PZThreadMng::GetInstance();
+            registry->registerThreadInfo(handle, name_, priority, watchTime_);
+            registry->claimThreadInfo(handle, this);
+        } catch (const std::bad_alloc&) {
+            PZ_REPORT_ERROR("failed to allocate memory\n");  // there was no registry yet
+        }
+    }
+
+    void Unregister() {
+        try {
+            PZThreadMng::GetInstance()->releaseThreadInfo(handle_, this, tid_);
+        } catch (const std::bad_alloc&) {
+            // There is no registry, and so no record.
+        }
     }
 
     void RunPhases() {

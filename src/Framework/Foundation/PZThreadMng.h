@@ -11,6 +11,8 @@
 #include <Framework/Pattern/PZSubject.h>
 
 class PZThreadMng;
+template <typename T>
+class PZThread;
 extern template class PZ_API PZSingleton<PZThreadMng>;
 
 /// The registry of the process's framework threads and the keeper of their priorities.
@@ -44,7 +46,9 @@ public:
     /// @}
 
     /// Registers a running thread. A null name leaves the label empty; 256 characters or more are
-    /// cut to 255. A handle that is registered already keeps its record. Always true.
+    /// cut to 255. A handle that is registered already keeps its record, unless that is known to be
+    /// the one of an ended thread whose handle the calling thread has got. False, and reported,
+    /// when there is no memory for the record.
     /// @{
     bool registerThreadInfo(unsigned long handle, const char* name, int priority,
                             unsigned int watchTime);
@@ -90,10 +94,13 @@ public:
     /// thread may be registered, unregistered or joined meanwhile.
     void checkThreadStatus();
 
-    /// Writes all records to "/temp/ThreadInfo"; silent when that cannot be opened.
+    /// Writes all records to "/temp/ThreadInfo"; silent when that cannot be opened. Holds the
+    /// registry's lock meanwhile: where that path is a fifo that nobody reads, everything that
+    /// needs the registry waits with it, starting threads included.
     void dumpThreadStatus();
 
-    /// The handles of the running threads, in ascending order. Always true.
+    /// The handles of the running threads, in ascending order. Always true. Throws std::bad_alloc
+    /// when there is no memory for the list.
     bool getActiveThreadList(std::vector<unsigned long>& out);
 
     /// First wide priority with this nice value; -1 when there is none.
@@ -112,9 +119,22 @@ private:
     };
     PZ_LOCAL static const PriorityRow priTable_[79];  // ascending wide priorities
 
-    PZ_LOCAL ThreadInfo* FindLocked(unsigned long handle) PZ_REQUIRES(*sync_);
+    struct Record : ThreadInfo {
+        int tid;            // kernel id of the thread, 0 when it was not the one that registered
+        const void* owner;  // the PZThread that will unregister it, or null
+    };
 
-    std::map<unsigned long, ThreadInfo> threads_ PZ_GUARDED_BY(*sync_);
+    // What a PZThread does about its own registration. The system gives the handle of a joined
+    // thread to the next one that is made, maybe before WaitExit has come to unregister it: a
+    // PZThread removes no record that is known to be another thread's.
+    template <typename T>
+    friend class PZThread;
+    void claimThreadInfo(unsigned long handle, const void* owner);
+    void releaseThreadInfo(unsigned long handle, const void* owner, int tid);
+
+    PZ_LOCAL Record* FindLocked(unsigned long handle) PZ_REQUIRES(*sync_);
+
+    std::map<unsigned long, Record> threads_ PZ_GUARDED_BY(*sync_);
     const std::unique_ptr<PZSync> sync_;
 };
 

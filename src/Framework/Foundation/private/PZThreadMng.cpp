@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
@@ -93,6 +94,22 @@ void set_name(PZThreadMng::ThreadInfo& info, const char* name) {
     pz_strncpy(info.name, sizeof info.name, name, sizeof info.name - 1);
 }
 
+/// The status file. Closing it may write, where a thread can be cancelled.
+class DumpFile {
+public:
+    DumpFile() : file_(std::fopen(kDumpPath, "w+")) {}
+    ~DumpFile() noexcept(false) {
+        if (file_ != nullptr) std::fclose(file_);
+    }
+    DumpFile(const DumpFile&) = delete;
+    DumpFile& operator=(const DumpFile&) = delete;
+
+    FILE* Get() const { return file_; }
+
+private:
+    FILE* const file_;
+};
+
 void write_record(FILE* file, const PZThreadMng::ThreadInfo& info) {
     std::fprintf(file, "name     : %s\n", info.name);
     std::fprintf(file, "starttime: %d\n", info.starttime);
@@ -130,10 +147,39 @@ bool PZThreadMng::registerThreadInfo(unsigned long handle, const char* name, int
 }
 
 bool PZThreadMng::registerThreadInfo(const ThreadInfo& info) {
+    Record fresh = {info, 0, nullptr};
+    fresh.name[sizeof fresh.name - 1] = '\0';  // the dump prints it as a string
+    const bool isOwn = info.handle == pthread_self();
+    if (isOwn) fresh.tid = pz_get_current_thread_id();
+    try {
+        const PZSyncLock lock(*sync_);
+        const auto [record, isNew] = threads_.try_emplace(info.handle, fresh);
+        const int knownTid = record->second.tid;
+        if (!isNew && isOwn && knownTid != 0 && knownTid != fresh.tid) record->second = fresh;
+        return true;
+    } catch (const std::bad_alloc&) {
+    }
+    PZ_REPORT_ERROR("failed to allocate memory\n");
+    return false;
+}
+
+void PZThreadMng::claimThreadInfo(unsigned long handle, const void* owner) {
+    const int tid = pz_get_current_thread_id();
     const PZSyncLock lock(*sync_);
-    const auto [record, isNew] = threads_.emplace(info.handle, info);
-    if (isNew) record->second.name[sizeof info.name - 1] = '\0';  // the dump prints it as a string
-    return true;
+    Record* const record = FindLocked(handle);
+    if (record == nullptr) return;  // there was no memory for it
+    record->tid = tid;
+    record->owner = owner;
+}
+
+void PZThreadMng::releaseThreadInfo(unsigned long handle, const void* owner, int tid) {
+    const PZSyncLock lock(*sync_);
+    const Record* const record = FindLocked(handle);
+    if (record == nullptr) return;
+    // A record without an owner was made afresh while the thread ran: by whom, the id tells.
+    const bool isOurs =
+        record->owner != nullptr ? record->owner == owner : record->tid == 0 || record->tid == tid;
+    if (isOurs) threads_.erase(handle);
 }
 
 bool PZThreadMng::unregisterThreadInfo(unsigned long handle) {
@@ -183,8 +229,9 @@ int PZThreadMng::GetPriority(unsigned long /*handle*/, unsigned int tid) {
 }
 
 int PZThreadMng::GetCurrentThreadPriority() {
+    constexpr unsigned int kCallingThread = 0;
     int nice = 0;
-    if (!read_nice(static_cast<unsigned int>(pz_get_current_thread_id()), nice)) {
+    if (!read_nice(kCallingThread, nice)) {
         PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
         return 0;
     }
@@ -234,10 +281,10 @@ void PZThreadMng::checkThreadStatus() PZ_NO_THREAD_SAFETY_ANALYSIS {
 
 void PZThreadMng::dumpThreadStatus() {
     const PZSyncLock lock(*sync_);
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(kDumpPath, "w+"), &std::fclose);
-    if (file == nullptr) return;
+    const DumpFile file;
+    if (file.Get() == nullptr) return;
     for (const auto& [handle, info] : threads_) {
-        write_record(file.get(), info);
+        write_record(file.Get(), info);
     }
 }
 
@@ -265,7 +312,7 @@ int PZThreadMng::get_narrow_priority(int wide) {
     return -1;  // for priorities above the scale: they become nice -1
 }
 
-PZThreadMng::ThreadInfo* PZThreadMng::FindLocked(unsigned long handle) {
+PZThreadMng::Record* PZThreadMng::FindLocked(unsigned long handle) {
     const auto record = threads_.find(handle);
     return record != threads_.end() ? &record->second : nullptr;
 }
