@@ -19,6 +19,7 @@
 #include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/Acknowledge.h"
+#include "support/Processors.h"
 #include "support/RatioReporter.h"
 
 namespace {
@@ -82,6 +83,13 @@ void post_at_once(benchmark::State& state) {
     post(state, static_cast<int>(state.range(0)), kBytes);
 }
 
+/// Poster and worker take turns.
+void post_at_once_1cpu(benchmark::State& state) {
+    pzbench::stay_on_processor(0);  // and the threads that are started from here
+    post_at_once(state);
+    pzbench::roam();
+}
+
 void post_bytes(benchmark::State& state) {
     post(state, kBatch, static_cast<int>(state.range(0)));
 }
@@ -105,6 +113,11 @@ void post_from_posters(benchmark::State& state) {
 
 BENCHMARK(post_at_once)
     ->Name("growth/post_at_once")
+    ->RangeMultiplier(4)
+    ->Range(1, 256)
+    ->UseRealTime();
+BENCHMARK(post_at_once_1cpu)
+    ->Name("growth/post_at_once_1cpu")
     ->RangeMultiplier(4)
     ->Range(1, 256)
     ->UseRealTime();

@@ -30,6 +30,13 @@ minutes_of() {
     printf '%d:%02d' $(($1 / 60)) $(($1 % 60))
 }
 
+# When and where something is measured, in one sentence.
+place_of_measurement() {
+    echo "Measured on $(date -u +%Y-%m-%d), $(uname -srm), $(nproc) processors" \
+        "($(sed -n 's/^model name[[:blank:]]*: //p' /proc/cpuinfo | head -1))," \
+        "$(c++ --version | head -1)."
+}
+
 # Reads what ninja or ctest prints. On a terminal the lines that count ("[12/345] ...", " 12/345 Test
 # ...") become one line that counts in place, beside the name given; elsewhere they are left out. All
 # other lines, those of failures among them, pass.

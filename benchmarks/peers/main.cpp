@@ -14,6 +14,8 @@ namespace {
 /// The usual table; remembers whether a row was refused.
 class Reporter : public benchmark::ConsoleReporter {
 public:
+    Reporter() : benchmark::ConsoleReporter(OO_Tabular) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         isRight_ = isRight_ && std::none_of(runs.begin(), runs.end(),
                                             [](const Run& run) { return run.error_occurred; });
