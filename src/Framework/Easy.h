@@ -1,0 +1,17 @@
+#ifndef PZ_FRAMEWORK_EASY_H
+#define PZ_FRAMEWORK_EASY_H
+
+/// @file
+/// Everything of the namespace pz: the everyday jobs in few lines, over the framework's classes.
+///
+/// What docs/easy.md tells. The classes beneath are not included: PZFramework.h has them.
+
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/Place.h>
+#include <Framework/Easy/Worker.h>
+
+/// The everyday jobs: a layer over the framework's classes, without macros, with times of
+/// std::chrono, and with objects that end what they began.
+namespace pz {}
+
+#endif  // PZ_FRAMEWORK_EASY_H

@@ -1,0 +1,52 @@
+#ifndef PZ_FRAMEWORK_EASY_FRAMEWORK_H
+#define PZ_FRAMEWORK_EASY_FRAMEWORK_H
+
+#include <utility>
+
+#include <Framework/PZApi.h>
+
+namespace pz {
+
+/// Starts the framework, and ends it when the scope is left.
+///
+///     int main() {
+///         pz::Framework fw("radio", 1);
+///         if (!fw) return 1;
+///         ...
+///     }
+///
+/// Several:  they share one start; the first gives name and id, the last to go ends the framework,
+///           also one that pz_FwInitialize started.
+/// End:      workers that still run are stopped, each within its own bound, and reported. When a
+///           handler hangs, the framework stays as it is, because the handler may still use it:
+///           that is reported, and the process may end all the same.
+/// Tick:     keeps timers going when the 32-bit tick wraps, every 49.7 days: one sleeping thread,
+///           "pz_tick", brings about a check in every band of PZLTimerMng right after each wrap.
+/// Threads:  made and destroyed by the main thread.
+/// Failures: answered with false, never thrown.
+class PZ_API Framework {
+public:
+    /// `name` is copied, at most 63 characters; null counts as "". `id` is what pz_GetId answers.
+    explicit Framework(const char* name, int id = 0) noexcept;
+
+    ~Framework();
+
+    /// Whoever moves takes the duty to end over.
+    Framework(Framework&& other) noexcept : started_(std::exchange(other.started_, false)) {}
+    Framework& operator=(Framework&& other) noexcept {
+        Framework(std::move(other)).swap(*this);
+        return *this;
+    }
+
+    /// Whether the framework runs; false for one that was moved from.
+    explicit operator bool() const noexcept { return started_; }
+
+private:
+    void swap(Framework& other) noexcept { std::swap(started_, other.started_); }
+
+    bool started_;
+};
+
+}  // namespace pz
+
+#endif  // PZ_FRAMEWORK_EASY_FRAMEWORK_H

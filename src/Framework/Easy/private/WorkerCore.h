@@ -1,0 +1,159 @@
+#ifndef PZ_FRAMEWORK_EASY_WORKERCORE_H
+#define PZ_FRAMEWORK_EASY_WORKERCORE_H
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+#include <Framework/Easy/Worker.h>
+#include <Framework/Foundation/PZLMsgBox.h>
+#include <Framework/Foundation/PZPriorityQueue.h>
+#include <Framework/Foundation/PZThread.h>
+
+namespace pz::detail {
+
+using Clock = std::chrono::steady_clock;
+
+const char* base_name(const char* file) noexcept;
+
+/// `within` from now; times that are too long for the clock count as thirty years.
+Clock::time_point deadline_after(std::chrono::milliseconds within) noexcept;
+
+/// What a pz::Worker is made of. Everything that its thread touches is in here, so that a thread
+/// that cannot be joined may keep it.
+///
+/// A core that runs is known to the list of all cores, which owns it until its thread was joined.
+///
+/// A posted function lies in a job of the pool; the message that stands for it has no payload, its
+/// identifier is the job's index. The pool has one job more than the box has room: the one that is
+/// being run.
+class WorkerCore : public PZIDispatcher, public std::enable_shared_from_this<WorkerCore> {
+public:
+    enum class Kind {
+        thread,  // serves by its own thread
+        manual   // served by whoever calls RunOne
+    };
+
+    WorkerCore(Kind kind, const char* name, const WorkerOptions& options);
+    ~WorkerCore() override;
+
+    WorkerCore(const WorkerCore&) = delete;
+    WorkerCore& operator=(const WorkerCore&) = delete;
+
+    /// Starts the thread; false, and the core takes no posts, when that fails.
+    bool Start();
+
+    /// See pz::Worker::stop.
+    bool Stop(std::chrono::milliseconds within);
+
+    /// Ends the service as soon as nothing is posted any more; does not wait.
+    void RequestStop() noexcept;
+
+    /// A free job, or null and why.
+    Job* Reserve(std::chrono::milliseconds within, const Place& place, Posted& answer) noexcept;
+    Posted Commit(Job& job, const JobType& type, Priority priority) noexcept;
+    /// Takes a reserved job without a function back.
+    void GiveBack(Job& job) noexcept;
+
+    /// Serves the next post of a manual core on the calling thread; false when there is none.
+    bool RunOne();
+
+    bool IsManual() const noexcept { return kind_ == Kind::manual; }
+    bool IsOwnThread() const noexcept;
+    bool IsRunning() const noexcept;
+    bool HasFailedToStop() const noexcept { return hangReported_.load(); }
+    std::size_t Pending() const noexcept { return pending_.load(); }
+    const char* Name() const noexcept { return name_; }
+    const WorkerOptions& Options() const noexcept { return options_; }
+    PZIMsgBox* Box() noexcept { return IsManual() ? nullptr : &box_; }
+
+    // Phases of the thread.
+    int Initialize() { return 0; }
+    void MainProc();
+    void Finalize() {}
+
+    void OnReceiveMsg(unsigned int msgId, const void* buff, unsigned int size) override;
+    void OnReceiveEvent(unsigned int bits) override;
+
+    /// True, and joined, when the thread has ended.
+    bool JoinIfFinished() noexcept;
+
+private:
+    struct QueuedJob {
+        unsigned int index;
+    };
+
+    static constexpr unsigned int kCapacity = 256;  // of the box
+    static constexpr unsigned int kJobs = kCapacity + 1;
+
+    /// Of a job.
+    enum EN_STATE : int {
+        en_STATE_FREE,      // nobody's, or a poster's
+        en_STATE_QUEUED,    // has a function
+        en_STATE_TAKEN,     // being run
+        en_STATE_CANCELLED  // its message may still come, its function is gone
+    };
+
+    bool HasRoomLocked() const { return pending_.load() < kCapacity; }
+    bool WaitForRoomLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds within);
+    Job* TakeFreeLocked() noexcept;
+    bool EnqueueLocked(Job& job, Priority priority) noexcept;
+    void NoteTaken() noexcept;
+    void Release(Job& job) noexcept;
+    void Execute(Job& job);
+    void RunFunction(const Job& job);
+    void ReportException(const Place& place, const char* what) const noexcept;
+    void DropQueued() noexcept;
+    void ReportHang(std::chrono::milliseconds waited) const noexcept;
+    void NoteFinished() noexcept;
+
+    const Kind kind_;
+    const WorkerOptions options_;
+    char name_[128];
+    PZLMsgBox box_;
+    unsigned long boxId_ = 0;
+
+    mutable std::mutex mutex_;
+    std::condition_variable changed_;  // room, or the end
+    bool accepting_ = false;           // guarded by mutex_
+    bool finished_ = true;             // guarded by mutex_: there is no loop
+    const std::unique_ptr<Job[]> jobs_;
+    unsigned int usedJobs_ = 0;                    // guarded by mutex_: never used from here on
+    Job* free_ = nullptr;                          // guarded by mutex_
+    std::atomic<Job*> returned_{nullptr};          // free as well; taken over as a whole
+    std::atomic<unsigned int> pending_{0};         // reserved or queued; grows under mutex_
+    std::atomic<unsigned int> waitingForRoom_{0};  // threads
+    PZPriorityQueue<QueuedJob> manualQueue_{kCapacity};  // guarded by mutex_
+
+    // What is being run: written by the serving thread, read by whoever reports a hang.
+    std::atomic<bool> isRunning_{false};
+    std::atomic<const char*> runningFile_{nullptr};
+    std::atomic<const char*> runningFunction_{nullptr};
+    std::atomic<int> runningLine_{0};
+    std::atomic<long long> runningSinceMs_{0};
+
+    std::atomic<pthread_t> servingThread_{};
+    std::atomic<bool> isServing_{false};  // servingThread_ is valid
+    std::atomic<bool> hangReported_{false};
+    std::atomic<bool> isExitRequested_{false};
+
+    std::mutex joinMutex_;
+    bool isJoined_ = true;  // guarded by joinMutex_
+    PZThread<WorkerCore> thread_;
+};
+
+/// All cores with a thread that was not joined yet.
+/// @{
+void join_finished_cores() noexcept;
+/// Stops the cores, each within its own bound; true when all have ended.
+bool stop_all_cores();
+/// @}
+
+}  // namespace pz::detail
+
+#endif  // PZ_FRAMEWORK_EASY_WORKERCORE_H

@@ -1,0 +1,196 @@
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/Worker.h>
+#include <Framework/Foundation/pz_framework.h>
+#include <Framework/Foundation/pz_identity.h>
+#include <Framework/Utility/PZLTimerMng.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <ctime>
+#include <memory>
+#include <vector>
+
+#include "support/CallbackTimer.h"
+#include "support/ChildProcess.h"
+#include "support/Gate.h"
+#include "support/Interposed.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+using namespace std::chrono_literals;
+using pztest::Gate;
+using pztest::run_in_child;
+using pztest::StdoutCapture;
+using pztest::wait_until;
+
+namespace {
+
+pztest::Interposed<int(clockid_t, timespec*)> clock_gettime_call("clock_gettime");
+std::atomic<long long> tick_ahead_ns{0};
+
+constexpr long long kNsPerSecond = 1000000000;
+
+/// The monotonic clock, some time ahead.
+int clock_ahead(clockid_t clock, timespec* now) {
+    const int result = clock_gettime_call.Real(clock, now);
+    if (result != 0 || clock != CLOCK_MONOTONIC) return result;
+    const long long ns =
+        static_cast<long long>(now->tv_sec) * kNsPerSecond + now->tv_nsec + tick_ahead_ns;
+    now->tv_sec = static_cast<time_t>(ns / kNsPerSecond);
+    now->tv_nsec = static_cast<long>(ns % kNsPerSecond);
+    return result;
+}
+
+/// While one lives, the tick wraps `leftMs` after its construction.
+class TickBeforeItsWrap {
+public:
+    explicit TickBeforeItsWrap(long long leftMs) {
+        constexpr long long kWrapMs = 1LL << 32;
+        timespec now = {};
+        clock_gettime_call.Real(CLOCK_MONOTONIC, &now);
+        tick_ahead_ns = (kWrapMs - leftMs) * 1000000 -
+                        static_cast<long long>(now.tv_sec) * kNsPerSecond - now.tv_nsec;
+        clock_gettime_call.Replace(&clock_ahead);
+    }
+    ~TickBeforeItsWrap() { clock_gettime_call.Replace(nullptr); }
+    TickBeforeItsWrap(const TickBeforeItsWrap&) = delete;
+    TickBeforeItsWrap& operator=(const TickBeforeItsWrap&) = delete;
+};
+
+/// Counts its calls; fires once.
+class CountingTimer : public PZLTimerBase {
+public:
+    int OnTimer(PZLTimerSubMng::_TimerInfo*) override {
+        ++count;
+        return 0;
+    }
+    std::atomic<int> count{0};
+};
+
+}  // namespace
+
+extern "C" int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
+    return clock_gettime_call(clock_id, tp);
+}
+
+TEST(EasyFrameworkTest, StartsAndEndsTheFramework) {
+    const auto result = run_in_child([] {
+        {
+            pz::Framework fw("radio", 7);
+            if (!fw || std::string(pz_GetName()) != "radio" || pz_GetId() != 7) return 1;
+        }
+        // Started once more, it takes another name: it was ended.
+        pz::Framework fw("display", 8);
+        return fw && std::string(pz_GetName()) == "display" ? 0 : 2;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyFrameworkTest, SeveralShareOneStart) {
+    const auto result = run_in_child([] {
+        auto first = std::make_unique<pz::Framework>("radio", 7);
+        pz::Framework second("display", 8);
+        if (!second || std::string(pz_GetName()) != "radio") return 1;
+        first.reset();
+        pz::Framework third(std::move(second));
+        if (second || !third) return 2;
+        pz::Worker worker("tuner");
+        return worker.call([] { return 0; }).value_or(3);
+    });
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyFrameworkTest, ANullNameIsEmpty) {
+    const auto result = run_in_child([] {
+        const pz::Framework fw(nullptr);
+        return fw && std::string(pz_GetName()).empty() ? 0 : 1;
+    });
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyFrameworkTest, StopsAWorkerThatOutlivesItAndSaysSo) {
+    const auto result = run_in_child([] {
+        std::atomic<int> runs{0};
+        auto fw = std::make_unique<pz::Framework>("radio");
+        pz::Worker worker("tuner");
+        worker.post([&] { ++runs; });
+        fw.reset();
+        if (runs != 1 || worker) return 1;
+        return worker.post([] {}) == pz::Posted::stopped ? 0 : 2;
+    });
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_NE(std::string::npos, result.output.find("worker [tuner] still runs: it is stopped"));
+}
+
+TEST(EasyFrameworkTest, StaysWhenAWorkerHangsAndTheProcessEnds) {
+    const auto result = run_in_child([] {
+        static Gate gate;
+        {
+            const pz::Framework fw("radio");
+            pz::WorkerOptions options;
+            options.stop_within = 10ms;
+            pz::Worker worker("tuner", options);
+            worker.post([] { gate.Pass(); });
+            if (!gate.WaitForArrival()) return 1;
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_EQ(1U, pztest::count_of(result.output, "has not ended within 10 ms")) << result.output;
+    EXPECT_EQ(1U, pztest::count_of(result.output, "a worker hangs: the framework is not ended"));
+}
+
+TEST(EasyFrameworkTest, JoinsAWorkerThatHungForAWhile) {
+    const auto result = run_in_child([] {
+        std::atomic<bool> done{false};
+        {
+            const pz::Framework fw("radio");
+            Gate gate;
+            {
+                pz::WorkerOptions options;
+                options.stop_within = 10ms;
+                pz::Worker worker("tuner", options);
+                worker.post([&] {
+                    gate.Pass();
+                    done = true;
+                });
+                if (!gate.WaitForArrival()) return 1;
+            }
+            gate.Open();
+            if (!wait_until([&] { return done.load(); })) return 2;
+        }
+        return 0;
+    });
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_EQ(0U, pztest::count_of(result.output, "the framework is not ended")) << result.output;
+}
+
+TEST(EasyFrameworkTest, TimersOfEveryBandFireRightAfterTheWrapOfTheTick) {
+    const auto result = run_in_child([] {
+        // A band that looks at such a timer before the wrap waits without limit.
+        const TickBeforeItsWrap tick(1000);
+        const pz::Framework fw("radio");
+        PZLTimerMng* const timers = PZLTimerMng::GetTimerMng();
+        std::vector<std::unique_ptr<CountingTimer>> fired;
+        std::vector<PZLTimerMng::TimerSubInfo*> bands;
+        for (auto* band = timers->Find(177); band != nullptr; band = timers->Find(band->hi + 1)) {
+            bands.push_back(band);
+            fired.push_back(std::make_unique<CountingTimer>());
+            if (band->sub->addTimer(fired.back().get(), 1500) != 1) return 1;
+        }
+        if (bands.size() != 5) return 2;
+        const bool all = wait_until(
+            [&] {
+                for (const auto& timer : fired) {
+                    if (timer->count != 1) return false;
+                }
+                return true;
+            },
+            20s);
+        for (size_t i = 0; i < bands.size(); ++i) timers->RemoveTimer(bands[i], fired[i].get());
+        return all ? 0 : 3;
+    });
+    EXPECT_EQ(0, result.status) << result.output;
+}

@@ -1,0 +1,488 @@
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/Worker.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZUnitFrame.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/Gate.h"
+#include "support/MemoryShortage.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+using namespace std::chrono_literals;
+using pz::CallError;
+using pz::Posted;
+using pz::Priority;
+using pztest::Gate;
+using pztest::MemoryShortage;
+using pztest::StdoutCapture;
+using pztest::wait_until;
+
+namespace {
+
+constexpr int kCapacity = 256;
+
+/// Keeps a worker busy until the end of the scope, or Open.
+class Busy {
+public:
+    explicit Busy(pz::Worker& worker) {
+        EXPECT_EQ(Posted::ok, worker.post([gate = gate_] { gate->Pass(); }));
+        EXPECT_TRUE(gate_->WaitForArrival());
+    }
+    ~Busy() { Open(); }
+    Busy(const Busy&) = delete;
+    Busy& operator=(const Busy&) = delete;
+
+    void Open() { gate_->Open(); }
+
+private:
+    const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
+};
+
+/// A function of a given size that counts itself.
+template <size_t kSize>
+struct Sized {
+    std::array<unsigned char, kSize - sizeof(void*)> bytes;
+    std::atomic<int>* sum;
+    void operator()() const {
+        for (const unsigned char byte : bytes) *sum += byte;
+    }
+};
+
+/// Tells when the last copy of it is gone.
+std::shared_ptr<int> token(std::atomic<bool>& gone) {
+    return {new int(0), [&gone](const int* value) {
+                delete value;
+                gone = true;
+            }};
+}
+
+}  // namespace
+
+class EasyWorkerTest : public testing::Test {
+protected:
+    pz::Framework fw{"easy", 1};
+};
+
+TEST_F(EasyWorkerTest, RunsWhatIsPostedOnItsOwnThreadInOrder) {
+    std::vector<int> order;
+    std::thread::id thread;
+    {
+        pz::Worker worker("tuner");
+        ASSERT_TRUE(worker);
+        EXPECT_STREQ("tuner", worker.name());
+        EXPECT_FALSE(worker.is_own_thread());
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(Posted::ok, worker.post([&, i] {
+                EXPECT_TRUE(worker.is_own_thread());
+                thread = std::this_thread::get_id();
+                order.push_back(i);
+            }));
+        }
+    }
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), order);
+    EXPECT_NE(std::this_thread::get_id(), thread);
+}
+
+TEST_F(EasyWorkerTest, RunsTheMoreUrgentFirst) {
+    std::vector<char> order;
+    pz::Worker worker("tuner");
+    {
+        const Busy busy(worker);
+        const auto note = [&order](char c) { return [&order, c] { order.push_back(c); }; };
+        worker.post(note('d'), Priority::lowest);
+        worker.post(note('e'), static_cast<Priority>(100000));
+        worker.post(note('c'));
+        worker.post(note('b'), Priority::high);
+        worker.post(note('a'), Priority::emergency);
+        EXPECT_EQ(5U, worker.pending());
+    }
+    EXPECT_TRUE(worker.stop());
+    EXPECT_EQ(std::string("abcde"), std::string(order.begin(), order.end()));
+}
+
+TEST_F(EasyWorkerTest, TakesFunctionsThatCannotBeCopied) {
+    int result = 0;
+    pz::Worker worker("tuner");
+    worker.post([value = std::make_unique<int>(7), &result] { result = *value; });
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(7, result);
+}
+
+TEST_F(EasyWorkerTest, TakesFunctionsOfEverySizeAndAlignment) {
+    struct alignas(64) Aligned {
+        std::atomic<int>* misaligned;
+        void operator()() const {
+            if (reinterpret_cast<std::uintptr_t>(this) % 64 != 0) ++*misaligned;
+        }
+    };
+    std::atomic<int> sum{0};
+    std::atomic<int> misaligned{0};
+    pz::Worker worker("tuner");
+    Sized<200> small = {{}, &sum};
+    Sized<1000> large = {{}, &sum};
+    small.bytes.fill(1);
+    large.bytes.fill(1);
+    worker.post(small);
+    worker.post(large);
+    worker.post(Aligned{&misaligned});
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(static_cast<int>(small.bytes.size() + large.bytes.size()), sum);
+    EXPECT_EQ(0, misaligned);
+}
+
+TEST_F(EasyWorkerTest, DestroysAFunctionOnItsThreadAfterItHasRun) {
+    std::atomic<bool> gone{false};
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    worker.post([kept = token(gone)] {});
+    EXPECT_FALSE(gone);
+    busy.Open();
+    EXPECT_TRUE(wait_until([&] { return gone.load(); }));
+}
+
+TEST_F(EasyWorkerTest, AnswersFullWhenNothingMoreFitsAndReportsIt) {
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    std::atomic<int> runs{0};
+    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(Posted::ok, worker.post([&] { ++runs; }));
+    StdoutCapture capture;
+    EXPECT_EQ(Posted::full, worker.post([&] { ++runs; }));
+    const std::string report = capture.Take();
+    EXPECT_TRUE(
+        pztest::has_report(report, "refused", "Worker.cpp",
+                           "worker [tuner] refuses a post of TestBody()@EasyWorkerTest.cpp(" +
+                               std::to_string(__LINE__ - 5) + "): no room"))
+        << report;
+    busy.Open();
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(kCapacity, runs);
+}
+
+TEST_F(EasyWorkerTest, WaitsForRoomWhenAskedTo) {
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(Posted::ok, worker.post([] {}));
+    EXPECT_EQ(Posted::full, worker.post_wait([] {}, 20ms));
+    EXPECT_EQ(Posted::full, worker.post_wait([] {}, -1ms));
+    std::thread waiting(
+        [&] { EXPECT_EQ(Posted::ok, worker.post_wait([] {}, std::chrono::milliseconds::max())); });
+    busy.Open();
+    waiting.join();
+}
+
+TEST_F(EasyWorkerTest, EndsAWaitForRoomWhenItIsStopped) {
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(Posted::ok, worker.post([] {}));
+    std::atomic<bool> begun{false};
+    std::thread waiting([&] {
+        begun = true;
+        EXPECT_EQ(Posted::stopped, worker.post_wait([] {}, 60s));
+    });
+    ASSERT_TRUE(wait_until([&] { return begun.load(); }));
+    const StdoutCapture capture;
+    EXPECT_FALSE(worker.stop(0ms));
+    waiting.join();
+}
+
+TEST_F(EasyWorkerTest, ItsOwnThreadDoesNotWaitForRoom) {
+    pz::Worker worker("tuner");
+    Posted answer = Posted::ok;
+    EXPECT_TRUE(worker.call([&] {
+        for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(Posted::ok, worker.post([] {}));
+        answer = worker.post_wait([] {}, 60s);
+    }));
+    EXPECT_EQ(Posted::full, answer);
+}
+
+TEST_F(EasyWorkerTest, RefusesAndReportsAnEmptyFunction) {
+    pz::Worker worker("tuner");
+    StdoutCapture capture;
+    EXPECT_EQ(Posted::empty, worker.post(std::function<void()>()));
+    void (*nothing)() = nullptr;
+    EXPECT_EQ(Posted::empty, worker.post(nothing));
+    EXPECT_EQ(Posted::empty, worker.post_wait(nothing, 1s));
+    EXPECT_EQ(3U, pztest::count_of(capture.Take(), "worker [tuner] refuses a post of TestBody()@"));
+}
+
+TEST_F(EasyWorkerTest, AnswersStoppedOnceItIsStoppedAndMayBeStoppedAgain) {
+    pz::Worker worker("tuner");
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_FALSE(worker);
+    EXPECT_EQ(Posted::stopped, worker.post([] {}));
+    EXPECT_EQ(Posted::stopped, worker.post_wait([] {}, 1s));
+    EXPECT_EQ(CallError::stopped, worker.call([] {}).error());
+    EXPECT_TRUE(worker.stop(0ms));
+}
+
+TEST_F(EasyWorkerTest, RunsEverythingThatItAcceptedWhileItWasBeingStopped) {
+    for (int round = 0; round < 20; ++round) {
+        pz::Worker worker("tuner");
+        std::atomic<int> accepted{0};
+        std::atomic<int> run{0};
+        std::vector<std::thread> posters;
+        std::atomic<int> posting{0};
+        for (int i = 0; i < 3; ++i) {
+            posters.emplace_back([&] {
+                ++posting;
+                for (;;) {
+                    const Posted posted = worker.post_wait([&run] { ++run; }, 60s);
+                    if (posted != Posted::ok) break;
+                    ++accepted;
+                }
+            });
+        }
+        ASSERT_TRUE(wait_until([&] { return posting == 3 && run > 100; }));
+        EXPECT_TRUE(worker.stop(60s));
+        for (std::thread& poster : posters) poster.join();
+        EXPECT_EQ(accepted, run);
+    }
+}
+
+TEST_F(EasyWorkerTest, CallAnswersTheResult) {
+    pz::Worker worker("tuner");
+    const int base = 40;
+    const pz::Called<int> answer = worker.call([&] { return base + 2; });
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(42, *answer);
+    EXPECT_EQ(CallError::none, answer.error());
+    EXPECT_EQ("text", worker.call([] { return std::string("text"); }).value_or(""));
+    EXPECT_TRUE(worker.call([] {}));
+}
+
+TEST_F(EasyWorkerTest, CallOnItsOwnThreadIsRefusedInsteadOfWaitingForEver) {
+    pz::Worker worker("tuner");
+    CallError error = CallError::none;
+    EXPECT_TRUE(worker.call([&] { error = worker.call([] { return 1; }).error(); }));
+    EXPECT_EQ(CallError::own_thread, error);
+}
+
+TEST_F(EasyWorkerTest, GoesOnAfterAHandlerThatThrowsAndReportsIt) {
+    pz::Worker worker("tuner");
+    StdoutCapture capture;
+    worker.post([] { throw std::runtime_error("no signal"); });
+    worker.post([] { throw 1; });
+    const CallError error = worker.call([]() -> int { throw std::runtime_error("x"); }).error();
+    EXPECT_EQ(CallError::failed, error);
+    const std::string report = capture.Take();
+    EXPECT_NE(std::string::npos, report.find("threw: no signal")) << report;
+    EXPECT_NE(std::string::npos, report.find("threw: something that is no std::exception"));
+    EXPECT_TRUE(worker.call([] {}));
+}
+
+TEST_F(EasyWorkerTest, StopAnswersFalseWithOneReportWhenAHandlerHangs) {
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    std::atomic<bool> gone{false};
+    std::atomic<bool> run{false};
+    worker.post([&run, kept = token(gone)] { run = true; });
+    StdoutCapture capture;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(worker.stop(20ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+    EXPECT_TRUE(gone) << "what still waits is destroyed";
+    EXPECT_FALSE(worker.stop(1ms));
+    const std::string report = capture.Take();
+    EXPECT_EQ(1U, pztest::count_of(report, "has not ended within")) << report;
+    EXPECT_NE(std::string::npos,
+              report.find("worker [tuner] has not ended within 20 ms: what was posted by "
+                          "Busy()@EasyWorkerTest.cpp("))
+        << report;
+    EXPECT_NE(std::string::npos, report.find("has been running for "));
+    busy.Open();
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_FALSE(run);
+}
+
+TEST_F(EasyWorkerTest, AHungHandlerKeepsWhatItUsesWhenItsWorkerIsDestroyed) {
+    Gate gate;
+    std::atomic<int> seen{0};
+    {
+        StdoutCapture capture;
+        {
+            pz::WorkerOptions options;
+            options.stop_within = 10ms;
+            pz::Worker worker("tuner", options);
+            worker.post([&gate, &seen, value = std::make_unique<int>(5)] {
+                gate.Pass();
+                seen = *value;
+            });
+            ASSERT_TRUE(gate.WaitForArrival());
+        }
+        EXPECT_NE(std::string::npos, capture.Take().find("has not ended within 10 ms"));
+    }
+    gate.Open();
+    EXPECT_TRUE(wait_until([&] { return seen == 5; }));
+}
+
+TEST_F(EasyWorkerTest, ACallThatWaitsIsAnsweredWhenStopGivesUp) {
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    CallError error = CallError::none;
+    std::thread caller([&] { error = worker.call([] {}).error(); });
+    ASSERT_TRUE(wait_until([&] { return worker.pending() == 1; }));
+    const StdoutCapture capture;
+    EXPECT_FALSE(worker.stop(1ms));
+    caller.join();
+    EXPECT_EQ(CallError::stopped, error);
+}
+
+TEST_F(EasyWorkerTest, MayBeDestroyedByAFunctionThatItRuns) {
+    std::atomic<int> runs{0};
+    auto worker = std::make_unique<pz::Worker>("tuner");
+    pz::Worker* const raw = worker.get();
+    {
+        Busy busy(*raw);
+        raw->post([&] {
+            EXPECT_FALSE(raw->stop(60s)) << "waits for itself";
+            worker.reset();
+            ++runs;
+        });
+        raw->post([&] { ++runs; });
+    }
+    EXPECT_TRUE(wait_until([&] { return runs == 2; }));
+}
+
+TEST_F(EasyWorkerTest, AFunctionMayOwnItsWorker) {
+    std::atomic<bool> run{false};
+    auto worker = std::make_shared<pz::Worker>("tuner");
+    pz::Worker& same = *worker;
+    same.post([worker = std::move(worker), &run] { run = true; });
+    EXPECT_TRUE(wait_until([&] { return run.load(); }));
+}
+
+TEST_F(EasyWorkerTest, MovesItsThreadAlong) {
+    pz::Worker first("first");
+    pz::Worker second(std::move(first));
+    EXPECT_FALSE(first);
+    EXPECT_EQ(Posted::stopped, first.post([] {}));
+    EXPECT_EQ(CallError::stopped, first.call([] {}).error());
+    EXPECT_STREQ("", first.name());
+    EXPECT_EQ(0U, first.pending());
+    EXPECT_EQ(nullptr, first.box());
+    EXPECT_TRUE(first.stop());
+    EXPECT_TRUE(second.call([] {}));
+    std::atomic<int> runs{0};
+    pz::Worker third("third");
+    third.post([&] { ++runs; });
+    third = std::move(second);
+    EXPECT_EQ(1, runs) << "the worker that was there has served its posts";
+    EXPECT_STREQ("first", third.name());
+    pz::Worker& same = third;
+    third = std::move(same);
+    EXPECT_TRUE(third.call([] {}));
+}
+
+TEST_F(EasyWorkerTest, TakesItsOptions) {
+    pz::WorkerOptions options;
+    options.priority = en_WORKER_PRIORITY_LOW;
+    options.watch_time = 1234ms;
+    pz::Worker worker("tuner", options);
+    const auto answer = worker.call([] {
+        PZThreadMng* const threads = PZThreadMng::GetInstance();
+        return std::pair<int, unsigned int>(threads->GetCurrentThreadPriority(),
+                                            threads->getWatchTime(pthread_self()));
+    });
+    // The priority is set when the thread serves already.
+    EXPECT_TRUE(wait_until([&] {
+        return worker.call([] { return PZThreadMng::GetInstance()->GetCurrentThreadPriority(); })
+                   .value_or(0) == en_WORKER_PRIORITY_LOW;
+    }));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(1234U, answer->second);
+}
+
+TEST_F(EasyWorkerTest, ANameMayBeNullEmptyOrTooLong) {
+    EXPECT_STREQ("no_name", pz::Worker(nullptr).name());
+    EXPECT_STREQ("", pz::Worker("").name());
+    EXPECT_EQ(std::string(127, 'x'), pz::Worker(std::string(1000, 'x').c_str()).name());
+}
+
+TEST_F(EasyWorkerTest, AHandlerThatEndsItsThreadEndsTheWorker) {
+    std::atomic<bool> gone{false};
+    pz::Worker worker("tuner");
+    worker.post([kept = token(gone)] { pthread_exit(nullptr); });
+    EXPECT_TRUE(wait_until([&] { return !worker; }));
+    EXPECT_TRUE(gone);
+    EXPECT_EQ(Posted::stopped, worker.post([] {}));
+    EXPECT_TRUE(worker.stop(60s));
+}
+
+TEST_F(EasyWorkerTest, UnitsMayShareItsBox) {
+    class Unit : public PZUnitFrame, public PZIDispatcher {
+    public:
+        ~Unit() override { UnregistMsgBox(); }
+        void OnReceiveMsg(unsigned int id, const void*, unsigned int) override { seen = id; }
+        void OnReceiveEvent(unsigned int) override {}
+        std::atomic<unsigned int> seen{0};
+    };
+    pz::Worker worker("tuner");
+    Unit unit;
+    ASSERT_EQ(PZUnitFrame::en_SUCCESS, unit.RegistMsgBox(worker.box(), &unit));
+    EXPECT_EQ(PZUnitFrame::en_SUCCESS, unit.SendMsgSelf(9, en_MSG_NORMAL, nullptr, 0));
+    EXPECT_TRUE(wait_until([&] { return unit.seen == 9; }));
+}
+
+TEST_F(EasyWorkerTest, AnswersALackOfMemoryAndGoesOn) {
+    pz::Worker worker("tuner");
+    std::atomic<int> sum{0};
+    Sized<1000> large = {{}, &sum};
+    large.bytes.fill(1);
+    const StdoutCapture capture;
+    int accepted = 0;
+    for (int skip = 0;; ++skip) {
+        const MemoryShortage shortage(skip);
+        const Posted posted = worker.post_wait(large, 60s);
+        if (posted == Posted::ok) ++accepted;
+        if (shortage.Refused() == 0) break;
+        if (posted == Posted::stopped) break;
+    }
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_GE(accepted, 1);
+    EXPECT_EQ(accepted * static_cast<int>(large.bytes.size()), sum);
+}
+
+TEST_F(EasyWorkerTest, AWorkerWithoutMemoryIsFalse) {
+    const StdoutCapture capture;
+    bool isStarted = false;
+    for (int skip = 0; !isStarted; ++skip) {
+        const MemoryShortage shortage(skip);
+        pz::Worker worker("tuner");
+        if (shortage.Refused() == 0) {
+            isStarted = true;
+        } else if (worker.post([] {}) != Posted::stopped) {
+            break;
+        }
+    }
+    EXPECT_TRUE(isStarted);
+}
+
+TEST_F(EasyWorkerTest, ASmallFunctionIsPostedWithoutAnAllocationOfItsOwn) {
+    pz::Worker worker("tuner");
+    std::atomic<int> sum{0};
+    Sized<200> small = {{}, &sum};
+    small.bytes.fill(1);
+    for (int i = 0; i < 1000; ++i) ASSERT_EQ(Posted::ok, worker.post_wait(small, 60s));
+    EXPECT_TRUE(worker.call([] {}));
+    // The box's own list of records may grow by a block now and then, not with every post.
+    constexpr int kPosts = 100;
+    constexpr int kBlocks = 20;
+    const MemoryShortage shortage(kBlocks);
+    int accepted = 0;
+    for (int i = 0; i < kPosts; ++i) {
+        if (worker.post_wait(small, 60s) == Posted::ok) ++accepted;
+    }
+    EXPECT_EQ(kPosts, accepted);
+    EXPECT_EQ(0, shortage.Refused());
+}
