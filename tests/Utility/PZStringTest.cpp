@@ -931,24 +931,28 @@ TEST_F(PZStringTest, ToWchar16DoesNotSwapBytes) {
 
 TEST_F(PZStringTest, ConvertsThroughZeroedBuffersOfSettledSizes) {
     iconv_call.Replace(record_room);
-    PZString text("abc");
-    text.ToCHAR(XCP_ISO8859_1);
+    PZString text("abc", XCP_GB18030);  // a page that iconv alone converts
+    text.ToCHAR(XCP_EUC_JP);
     EXPECT_EQ(4U * 6U, offeredBytes);
     EXPECT_TRUE(offeredZeros);
     text.ToWCHAR();
     EXPECT_EQ(4U * 4U, offeredBytes);
     EXPECT_TRUE(offeredZeros);
-    text.ToCHAR(XCP_UTF8);
+    text.ToCHAR(XCP_GB18030);
     EXPECT_EQ(4U * 6U, offeredBytes);
     EXPECT_TRUE(offeredZeros);
+    EXPECT_STREQ("abc", text.RefCHAR());
     text.ToWCHAR16(XCP_UTF16LE);
     EXPECT_EQ(4U * 2U, offeredBytes);
     EXPECT_TRUE(offeredZeros);
-    text.ToCHAR(XCP_UTF8);
+    EXPECT_EQ(4, iconv_call.Calls());
+
+    const unsigned short halves[] = {0xD800, 0xD800, 0xD800, 0};  // refused, and by iconv
+    PZString noText(halves, XCP_UTF16LE);
+    pztest::StdoutCapture output;
+    EXPECT_EQ(nullptr, noText.ToCHAR(XCP_UTF8));
     EXPECT_EQ(4U * 6U, offeredBytes);
     EXPECT_TRUE(offeredZeros);
-    EXPECT_EQ(5, iconv_call.Calls());
-    EXPECT_STREQ("abc", text.RefCHAR());
 }
 
 TEST_F(PZStringTest, IsCopiedAndConvertedByEightThreadsAtOnce) {

@@ -6,7 +6,10 @@
 /// @file
 /// Converts text between code pages and guesses the code page of unknown bytes.
 ///
-/// Threads:   any thread may call anything; nothing is shared between calls.
+/// Threads:   any thread may call anything; no call waits for another thread.
+/// Keeps:     each thread its last three descriptors of iconv, which are closed when it ends; the
+///            process a table of 1.5 KiB of each page of one byte a character that it converted
+///            from. A program that converts nothing keeps nothing.
 /// Ownership: nothing that is passed in is kept. Source and destination do not overlap.
 /// Results:   the converters answer the number of units written, terminator not counted: bytes for
 ///            narrow targets, characters for XCP_WCHAR, 16-bit units for XCP_UTF16, XCP_UTF16BE

@@ -4,7 +4,6 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Wrapper/cp_conv_basic_rds.h>
-#include <iconv.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,8 +12,9 @@
 #include <cstring>
 #include <cwchar>
 
-#include "pz_iconv_names.h"
+#include "pz_direct_conv.h"
 #include "pz_icu_detector.h"
+#include "pz_kept_iconv.h"
 
 namespace {
 
@@ -22,11 +22,6 @@ constexpr unsigned int kMeasure = 0xFFFFFFFF;
 constexpr int kWideSize = sizeof(wchar_t);
 constexpr int kUnit16Size = sizeof(unsigned short);
 static_assert(kWideSize == 4 && kUnit16Size == 2, "the forms of text have fixed unit sizes");
-
-const char* iconv_name(EN_XCP page) {
-    if (page < 0 || page > XCP_NONE) page = XCP_NONE;
-    return kIconvNames[page];
-}
 
 constexpr bool is_utf16(EN_XCP page) {
     return page >= XCP_UTF16 && page <= XCP_UTF16LE;
@@ -68,6 +63,13 @@ int terminator_size(EN_XCP page) {
     return is_utf16(page) ? kUnit16Size : 1;
 }
 
+/// Ends a text of `written` bytes, and answers its units.
+int end_text(char* dst, int written, int terminator) {
+    // Callers of the narrow converters zero-fill their buffers.
+    if (terminator > 1) std::memset(dst + written, 0, static_cast<size_t>(terminator));
+    return written / terminator;
+}
+
 int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_XCP from,
                         int src_size) {
     if (src == nullptr || dst == nullptr || src_size <= 0 || dst_size <= 0) {
@@ -77,44 +79,44 @@ int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_
         return 0;
     }
 
-    const char* const toName = iconv_name(to);
-    const char* const fromName = iconv_name(from);
-    iconv_t converter = iconv_open(toName, fromName);
-    if (converter == reinterpret_cast<iconv_t>(-1)) {
-        const int error = errno;
-        PZ_REPORT_ERROR(
-            "conv_character_code : iconv open error[%d:%s] : not support in this version dst[%s] "
-            "src[%s]",
-            error, std::strerror(error), toName, fromName);
-        make_empty(dst, dst_size, to == XCP_WCHAR ? kWideSize : 1);
-        return 0;
-    }
-
-    char* in = const_cast<char*>(src);  // iconv only reads it
-    char* out = dst;
-    auto inLeft = static_cast<size_t>(src_size);
-    auto outLeft = static_cast<size_t>(dst_size);
-    const size_t result = iconv(converter, &in, &inLeft, &out, &outLeft);
-    const int error = errno;
-    iconv_close(converter);
     const int terminator = terminator_size(to);
-    if (result == static_cast<size_t>(-1)) {
+    const int direct = pz_convert_directly(dst, dst_size - terminator, to, src, src_size, from);
+    if (direct >= 0) return end_text(dst, direct, terminator);
+
+    const char* const toName = pz_iconv_name(to);
+    const char* const fromName = pz_iconv_name(from);
+    ST_ICONV_RESULT done = {};
+    {
+        PZKeptIconv converter(to, from);
+        if (!converter.IsOpen()) {
+            const int error = errno;
+            PZ_REPORT_ERROR(
+                "conv_character_code : iconv open error[%d:%s] : not support in this version "
+                "dst[%s] src[%s]",
+                error, std::strerror(error), toName, fromName);
+            make_empty(dst, dst_size, to == XCP_WCHAR ? kWideSize : 1);
+            return 0;
+        }
+        done = converter.Convert(dst, static_cast<size_t>(dst_size), src,
+                                 static_cast<size_t>(src_size));
+    }
+    if (done.result == static_cast<size_t>(-1)) {
         PZ_REPORT_ERROR(
             "conv_character_code : iconv error [%d] [%d:%s] : dst[%s] sz[%d] : src[%s] sz[%d]\n",
-            static_cast<int>(result), error, std::strerror(error), toName, dst_size, fromName,
-            src_size);
+            static_cast<int>(done.result), done.error, std::strerror(done.error), toName, dst_size,
+            fromName, src_size);
         make_empty(dst, dst_size, terminator);
         return 0;
     }
+    pz_learn_from_iconv(to, from);
 
-    if (outLeft < static_cast<size_t>(terminator)) {
+    const auto written = static_cast<int>(done.written);
+    if (dst_size - written < terminator) {
         make_empty(dst, dst_size, terminator);
         PZ_REPORT_ERROR("buffer size is too few.\n");
         return 0;
     }
-    // Callers of the narrow converters zero-fill their buffers.
-    if (terminator > 1) std::memset(out, 0, static_cast<size_t>(terminator));
-    return static_cast<int>(out - dst) / terminator;
+    return end_text(dst, written, terminator);
 }
 
 // ICU's names for code pages, searched from the top. XCP_NONE marks a set that is recognised but
