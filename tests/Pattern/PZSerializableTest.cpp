@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
 namespace {
@@ -918,4 +920,123 @@ TEST_F(PZArchiveTest, NumbersTheSeekOptions) {
     EXPECT_EQ(0, Archive::en_SEEK_START);
     EXPECT_EQ(1, Archive::en_SEEK_CURRENT);
     EXPECT_EQ(2, Archive::en_SEEK_END);
+}
+
+// ---- without memory ----
+
+namespace {
+
+/// Runs `operation` with every one of its allocations refused, one after the other, and `check`
+/// after each that threw std::bad_alloc. Answers how many did.
+template <typename Operation, typename Check>
+int refuse_each_allocation(Operation operation, Check check) {
+    for (int skip = 0;; ++skip) {
+        bool hasThrown = false;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            try {
+                operation();
+            } catch (const std::bad_alloc&) {
+                hasThrown = true;
+            }
+            if (shortage.Refused() == 0) return skip;
+        }
+        EXPECT_TRUE(hasThrown) << "allocation " << skip;
+        check();
+    }
+}
+
+const std::string kLongText(200, 'n');
+const std::wstring kLongWideText(200, L'w');
+
+}  // namespace
+
+TEST_F(PZArchiveTest, IsLeftAsItWasByAWriteThatFindsNoMemory) {
+    const PZString narrow(kLongText.c_str(), XCP_UTF8);
+    const PZString wide(kLongWideText.c_str());
+    Note note;
+    const auto each = [&](const char* name, auto write) {
+        SCOPED_TRACE(name);
+        Archive small(3);
+        put(small, "abc");
+        const int refused = refuse_each_allocation([&] { write(small); },
+                                                   [&] { EXPECT_EQ("abc", content(small)); });
+        EXPECT_LE(1, refused);
+        EXPECT_LT(3U, small.getSize()) << "written when there was memory";
+        EXPECT_EQ("abc", content(small).substr(0, 3));
+    };
+    each("bool", [](Archive& a) { a.write(true); });
+    each("number", [](Archive& a) { a.write(1LL); });
+    each("double", [](Archive& a) { a.write(1.5); });
+    each("block", [](Archive& a) { a.write(kLongText.data(), 200U); });
+    each("own block", [](Archive& a) { a.write(a.getBuff(), 3U); });
+    each("text", [](Archive& a) { a.write(kLongText); });
+    each("wide text", [](Archive& a) { a.write(kLongWideText); });
+    each("narrow string", [&](Archive& a) { a.write(narrow); });
+    each("wide string", [&](Archive& a) { a.write(wide); });
+    each("object", [&](Archive& a) { a.write(note); });
+}
+
+TEST_F(PZArchiveTest, IsClearedWithoutMemoryAndKeepsItsRoom) {
+    Archive large(5000);
+    put(large, "abc");
+    const unsigned char* const first = large.getBuff();
+    {
+        const pztest::MemoryShortage shortage;
+        large.clear();
+    }
+    EXPECT_EQ(0U, large.getSize());
+    EXPECT_EQ(first, large.getBuff());
+    put(large, "de");
+    EXPECT_EQ("de", content(large));
+}
+
+TEST_F(PZArchiveTest, LeavesTheTextAndThePositionWhenAReadFindsNoMemory) {
+    put(archive, "x");
+    archive.write(kLongText);
+    const auto each = [&](const char* name, auto read, auto isUntouched) {
+        SCOPED_TRACE(name);
+        const int refused = refuse_each_allocation(
+            [&] {
+                archive.seek(1, Archive::en_SEEK_START);
+                read();
+            },
+            [&] {
+                EXPECT_TRUE(isUntouched());
+                EXPECT_EQ(1U, position_of(archive));
+            });
+        EXPECT_LE(1, refused);
+    };
+    std::string text = "old";
+    each(
+        "text", [&] { archive.read(text); }, [&] { return text == "old"; });
+    EXPECT_EQ(kLongText, text);
+
+    archive.clear();
+    put(archive, "x");
+    archive.write(kLongWideText);
+    std::wstring wide = L"old";
+    each(
+        "wide text", [&] { archive.read(wide); }, [&] { return wide == L"old"; });
+    EXPECT_EQ(kLongWideText, wide);
+}
+
+TEST_F(PZArchiveTest, LeavesAStringObjectAsItWasWhenTheStoredTextFindsNoMemory) {
+    archive.write(PZString(kLongText.c_str(), XCP_UTF8));
+    PZString target(L"old");
+    bool hasThrown = false;
+    {
+        const pztest::MemoryShortage shortage;
+        try {
+            archive.read(target);
+        } catch (const std::bad_alloc&) {
+            hasThrown = true;
+        }
+    }
+    EXPECT_TRUE(hasThrown);
+    EXPECT_STREQ(L"old", target.RefWCHAR());
+    EXPECT_EQ(0U, position_of(archive));
+    Archive copy;
+    copy.write(target);
+    EXPECT_EQ(kNone, content(copy).substr(0, 4)) << "its code page";
 }

@@ -1,11 +1,14 @@
 #include "Framework/Utility/PZBinary.h"
 
 #include <cstring>
+#include <functional>
+#include <new>
 #include <string>
 #include <type_traits>
 
 #include <gtest/gtest.h>
 
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
 namespace {
@@ -522,6 +525,38 @@ TEST_F(PZBinaryTest, DumpsNothingThatCanBeSeen) {
     unchanging.dumpBinary(false);
     empty.dumpBinary(true);
     EXPECT_EQ("", output.Take());
+    EXPECT_EQ("12345", content(five));
+    EXPECT_EQ(2U, cursor_of(five));
+}
+
+// ---- without memory ----
+
+TEST_F(PZBinaryTest, LeavesTheBytesAndTheCursorWhenThereIsNoMemory) {
+    const PZBinary other = binary_of("other");
+    const auto* const more = reinterpret_cast<const unsigned char*>("more");
+    const std::function<void()> operations[] = {
+        [&] { five.add(more, 4); },
+        [&] { five.add(other); },
+        [&] { five.copy(more, 4); },
+        [&] { five = other; },
+        [&] { five.getString(0, 40); },
+        [&] { five.readString(0, 3); },
+        [&] { five.getBinary(0, 5); },
+        [&] { five.readBinary(0, 3); },
+        [&] { const PZBinary another(five); },
+        [] { const PZBinary another(5); },
+    };
+    five.seek(2, 0);
+    int refused = 0;
+    for (const std::function<void()>& operation : operations) {
+        const pztest::MemoryShortage shortage;
+        try {
+            operation();
+        } catch (const std::bad_alloc&) {
+            ++refused;
+        }
+    }
+    EXPECT_EQ(9, refused) << "the string of three characters needs no memory";
     EXPECT_EQ("12345", content(five));
     EXPECT_EQ(2U, cursor_of(five));
 }

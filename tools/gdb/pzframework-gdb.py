@@ -332,7 +332,8 @@ class ArchivePrinter:
 
     @readable
     def to_string(self):
-        first, size = elements_of_vector(self.value["buffer_"])
+        first = self.value["begin_"]
+        size = int(self.value["end_"]) - int(first)
         if size < 0:
             raise ValueError("size below 0")
         position = unsigned(self.value["readPosition_"], 32)

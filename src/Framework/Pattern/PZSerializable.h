@@ -5,9 +5,9 @@
 #include <Framework/PZApi.h>
 #include <Framework/Utility/PZString.h>
 
+#include <cstddef>
 #include <string>
 #include <type_traits>
-#include <vector>
 
 namespace PZSerialization {
 
@@ -34,7 +34,8 @@ class PZSerializable;
 /// Ownership: bytes are copied in and out. The pointer of getBuff is the archive's, valid until it
 ///            is next written to or cleared. Its own bytes are valid arguments.
 /// Limit:     0xFFFFFFFF bytes; not checked.
-/// Failures:  only a malformed bool is reported. Memory that runs out throws (std::bad_alloc).
+/// Failures:  only a malformed bool is reported. Memory that runs out throws (std::bad_alloc) and
+///            leaves the archive, its read position and the target as they were.
 ///            Reading more than was written is a mistake of the caller. It is harmless, and takes
 ///            everything that is left: the target stays as it was, the read position goes to the
 ///            end, so that what is read next stays as it was, too.
@@ -53,7 +54,8 @@ public:
     explicit Archive(unsigned int capacity);
     virtual ~Archive();
 
-    /// Empty again, with room for 1024 bytes; the read position goes to 0.
+    /// Empty again, with room for 1024 bytes; the read position goes to 0. Never throws: without
+    /// memory it keeps the room that it has.
     void clear();
 
     /// The first byte; null when there never was room for one.
@@ -142,17 +144,30 @@ public:
     bool seek(unsigned int offset, SEEK_OPT from);
 
 private:
+    PZ_LOCAL size_t Size() const { return static_cast<size_t>(end_ - begin_); }
+    PZ_LOCAL size_t Room() const { return static_cast<size_t>(limit_ - end_); }
+    PZ_LOCAL void MoveTo(unsigned char* buffer, size_t capacity);
+    PZ_LOCAL void Grow(size_t size);
+    PZ_LOCAL void Reserve(size_t size) {
+        if (size > Room()) Grow(size);
+    }
     PZ_LOCAL void Append(const void* data, size_t size);
     template <typename T>
     PZ_LOCAL void AppendBigEndian(T value);
 
     PZ_LOCAL const unsigned char* Take(unsigned long long size);
+    PZ_LOCAL void TakeRaw(void* data, size_t size);
     template <typename T>
     PZ_LOCAL bool TakeBigEndian(T& value);
+    template <typename Reading>
+    PZ_LOCAL void ReadWhole(const Reading& reading);
     PZ_LOCAL bool TakeText(std::string& s);
     PZ_LOCAL bool TakeText(std::wstring& s);
 
-    std::vector<unsigned char> buffer_;  // its size is the archive's
+    // The growable array; all null when there never was room.
+    unsigned char* begin_ = nullptr;
+    unsigned char* end_ = nullptr;  // behind the last byte that was written
+    unsigned char* limit_ = nullptr;
     unsigned int readPosition_ = 0;
 };
 

@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
+#include <functional>
 #include <limits>
+#include <new>
 
 namespace PZSerialization {
 
 static_assert(sizeof(wchar_t) == 4 && sizeof(float) == 4 && sizeof(double) == 8,
               "the sizes of the byte format");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "integers are reversed to be big-endian");
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(Archive) == 20, "virtual table, three pointers of the buffer, read position");
 static_assert(sizeof(PZSerializable) == 24, "virtual table, archive");
@@ -29,70 +32,109 @@ unsigned int size32(const Text& text) {
     return static_cast<unsigned int>(text.size());
 }
 
+unsigned char reversed(unsigned char value) {
+    return value;
+}
+unsigned short reversed(unsigned short value) {
+    return __builtin_bswap16(value);
+}
+unsigned int reversed(unsigned int value) {
+    return __builtin_bswap32(value);
+}
+unsigned long long reversed(unsigned long long value) {
+    return __builtin_bswap64(value);
+}
+
 }  // namespace
 
 Archive::Archive() : Archive(kReserved) {}
 
 Archive::Archive(unsigned int capacity) {
-    buffer_.reserve(capacity);
+    if (capacity > 0) MoveTo(static_cast<unsigned char*>(::operator new(capacity)), capacity);
 }
 
-Archive::~Archive() = default;
+Archive::~Archive() {
+    ::operator delete(begin_);
+}
 
 PZSerializable::~PZSerializable() = default;
 
 void Archive::clear() {
-    std::vector<unsigned char>().swap(buffer_);
-    buffer_.reserve(kReserved);
+    end_ = begin_;
     readPosition_ = 0;
+    if (Room() == kReserved) return;
+    void* const fresh = ::operator new(kReserved, std::nothrow);
+    if (fresh != nullptr) MoveTo(static_cast<unsigned char*>(fresh), kReserved);
 }
 
 const unsigned char* Archive::getBuff() const {
-    return buffer_.capacity() > 0 ? buffer_.data() : nullptr;
+    return begin_;
 }
 
 unsigned int Archive::getSize() const {
-    return size32(buffer_);
+    return static_cast<unsigned int>(Size());
 }
 
 // ---- writing ----
 
+/// Takes the bytes along into `buffer`, which becomes the archive's, and frees the old one.
+void Archive::MoveTo(unsigned char* buffer, size_t capacity) {
+    const size_t size = Size();
+    if (size > 0) std::memcpy(buffer, begin_, size);
+    ::operator delete(begin_);
+    begin_ = buffer;
+    end_ = buffer + size;
+    limit_ = buffer + capacity;
+}
+
+/// Makes room for `size` bytes more where there is less. What consists of several parts reserves
+/// for all of them, so that it is written whole or not at all.
+void Archive::Grow(size_t size) {
+    const size_t needed = Size() + size;
+    const size_t doubled = 2 * static_cast<size_t>(limit_ - begin_);
+    void* buffer = nullptr;
+    if (needed < doubled) buffer = ::operator new(doubled, std::nothrow);
+    const size_t capacity = buffer != nullptr ? doubled : needed;
+    if (buffer == nullptr) buffer = ::operator new(needed);
+    MoveTo(static_cast<unsigned char*>(buffer), capacity);
+}
+
 void Archive::Append(const void* data, size_t size) {
     if (size == 0) return;
-    const size_t end = buffer_.size();
-    std::vector<unsigned char> outgrown;  // `data` may lie in it: freed last
-    if (size > buffer_.capacity() - end) {
-        outgrown.reserve(std::max(end + size, 2 * buffer_.capacity()));
-        outgrown.assign(buffer_.begin(), buffer_.end());
-        outgrown.swap(buffer_);
+    if (size > Room()) {
+        // The archive's own bytes move along.
+        const auto* const bytes = static_cast<const unsigned char*>(data);
+        const bool isOwn = !std::less<>()(bytes, begin_) && std::less<>()(bytes, end_);
+        const ptrdiff_t offset = isOwn ? bytes - begin_ : 0;
+        Reserve(size);
+        if (isOwn) data = begin_ + offset;
     }
-    buffer_.resize(end + size);
-    std::memcpy(&buffer_[end], data, size);
+    std::memcpy(end_, data, size);
+    end_ += size;
 }
 
 template <typename T>
 void Archive::AppendBigEndian(T value) {
-    unsigned char bytes[sizeof(T)];
-    for (size_t i = 0; i < sizeof(T); ++i) {
-        bytes[i] = static_cast<unsigned char>(value >> (8 * (sizeof(T) - 1 - i)));
-    }
-    Append(bytes, sizeof bytes);
+    Reserve(sizeof value);
+    value = reversed(value);
+    std::memcpy(end_, &value, sizeof value);
+    end_ += sizeof value;
 }
 
 void Archive::write(bool value) {
-    write(static_cast<unsigned char>(value ? 1 : 0));
+    AppendBigEndian(static_cast<unsigned char>(value ? 1 : 0));
 }
 
 void Archive::write(signed char value) {
-    write(static_cast<unsigned char>(value));
+    AppendBigEndian(static_cast<unsigned char>(value));
 }
 
 void Archive::write(unsigned char value) {
-    Append(&value, sizeof value);
+    AppendBigEndian(value);
 }
 
 void Archive::write(short value) {
-    write(static_cast<unsigned short>(value));
+    AppendBigEndian(static_cast<unsigned short>(value));
 }
 
 void Archive::write(unsigned short value) {
@@ -100,7 +142,7 @@ void Archive::write(unsigned short value) {
 }
 
 void Archive::write(int value) {
-    write(static_cast<unsigned int>(value));
+    AppendBigEndian(static_cast<unsigned int>(value));
 }
 
 void Archive::write(unsigned int value) {
@@ -108,7 +150,7 @@ void Archive::write(unsigned int value) {
 }
 
 void Archive::write(long long value) {
-    write(static_cast<unsigned long long>(value));
+    AppendBigEndian(static_cast<unsigned long long>(value));
 }
 
 void Archive::write(unsigned long long value) {
@@ -136,31 +178,39 @@ void Archive::write(const std::string& s, int maxChars) {
         maxChars < 0
             ? size32(s)
             : PZString::LengthByte(s.data(), size32(s), static_cast<unsigned int>(maxChars));
-    write(length);
+    Reserve(sizeof length + length);
+    AppendBigEndian(length);
     Append(s.data(), length);
 }
 
 void Archive::write(const std::wstring& s) {
-    write(size32(s));
-    Append(s.data(), s.size() * sizeof(wchar_t));
+    const size_t size = s.size() * sizeof(wchar_t);
+    Reserve(sizeof(unsigned int) + size);
+    AppendBigEndian(size32(s));
+    Append(s.data(), size);
 }
 
 void Archive::write(const PZString& s) {
-    write(static_cast<unsigned int>(s.codePage_));
+    const size_t narrowSize = s.narrow_ != nullptr ? s.narrow_->size() : 0;
+    const size_t wideSize = s.wide_ != nullptr ? s.wide_->size() * sizeof(wchar_t) : 0;
+    Reserve(3 * sizeof(unsigned int) + std::max(narrowSize, wideSize));
+    AppendBigEndian(static_cast<unsigned int>(s.codePage_));
     if (s.narrow_ != nullptr) {
-        write(kNarrowText);
+        AppendBigEndian(kNarrowText);
         write(*s.narrow_);
     } else if (s.wide_ != nullptr) {
-        write(kWideText);
+        AppendBigEndian(kWideText);
         write(*s.wide_);
     }
 }
 
 void Archive::write(PZSerializable& object) {
     object.serialize();
-    const unsigned int size = object.archive_.getSize();
-    write(size);
-    Append(object.archive_.getBuff(), size);
+    const Archive& part = object.archive_;
+    const auto size = static_cast<unsigned int>(part.Size());
+    Reserve(sizeof size + size);
+    AppendBigEndian(size);
+    Append(part.begin_, size);
 }
 
 void Archive::write(PZSerializable* object) {
@@ -172,12 +222,12 @@ void Archive::write(PZSerializable* object) {
 /// Passes over `size` bytes and answers the first of them. Null, and at the end, when fewer are
 /// left.
 const unsigned char* Archive::Take(unsigned long long size) {
-    const unsigned int written = getSize();
+    const auto written = static_cast<unsigned int>(Size());
     if (readPosition_ > written || size > written - readPosition_) {
         readPosition_ = written;
         return nullptr;
     }
-    const unsigned char* const taken = buffer_.data() + readPosition_;
+    const unsigned char* const taken = begin_ + readPosition_;
     readPosition_ += static_cast<unsigned int>(size);
     return taken;
 }
@@ -186,10 +236,15 @@ template <typename T>
 bool Archive::TakeBigEndian(T& value) {
     const unsigned char* const bytes = Take(sizeof(T));
     if (bytes == nullptr) return false;
-    unsigned long long result = 0;
-    for (size_t i = 0; i < sizeof(T); ++i) result = result << 8U | bytes[i];
-    value = static_cast<T>(result);
+    std::make_unsigned_t<T> stored = 0;
+    std::memcpy(&stored, bytes, sizeof stored);
+    value = static_cast<T>(reversed(stored));
     return true;
+}
+
+void Archive::TakeRaw(void* data, size_t size) {
+    const unsigned char* const bytes = Take(size);
+    if (bytes != nullptr) std::memcpy(data, bytes, size);
 }
 
 void Archive::read(bool& value) {
@@ -235,17 +290,27 @@ void Archive::read(unsigned long long& value) {
 }
 
 void Archive::read(float& value) {
-    read(&value, sizeof value);
+    TakeRaw(&value, sizeof value);
 }
 
 void Archive::read(double& value) {
-    read(&value, sizeof value);
+    TakeRaw(&value, sizeof value);
 }
 
 void Archive::read(void* data, unsigned int size) {
-    if (data == nullptr || size == 0) return;
-    const unsigned char* const bytes = Take(size);
-    if (bytes != nullptr) std::memcpy(data, bytes, size);
+    if (data != nullptr && size != 0) TakeRaw(data, size);
+}
+
+/// Runs a reading of several steps. When memory runs out on the way, nothing was read.
+template <typename Reading>
+void Archive::ReadWhole(const Reading& reading) {
+    const unsigned int start = readPosition_;
+    try {
+        reading();
+    } catch (...) {
+        readPosition_ = start;
+        throw;
+    }
 }
 
 bool Archive::TakeText(std::string& s) {
@@ -271,38 +336,42 @@ bool Archive::TakeText(std::wstring& s) {
 }
 
 void Archive::read(std::string& s) {
-    TakeText(s);
+    ReadWhole([&] { TakeText(s); });
 }
 
 void Archive::read(std::wstring& s) {
-    TakeText(s);
+    ReadWhole([&] { TakeText(s); });
 }
 
 void Archive::read(PZString& s) {
-    unsigned int codePage = 0;
-    if (!TakeBigEndian(codePage)) return;
-    s.codePage_ = static_cast<PZString::EN_CP>(codePage);
-
-    unsigned int form = 0;
-    if (!TakeBigEndian(form)) return;
-    if (form == kNarrowText) {
-        std::string text;
-        if (TakeText(text)) s = text;
-    } else if (form == kWideText) {
-        std::wstring text;
-        if (TakeText(text)) s.Copy(text);
-    }
+    ReadWhole([&] {
+        unsigned int codePage = 0;
+        if (!TakeBigEndian(codePage)) return;
+        unsigned int form = 0;
+        const bool hasForm = TakeBigEndian(form);
+        std::string narrow;
+        std::wstring wide;
+        if (hasForm && form == kNarrowText && TakeText(narrow)) {
+            s = narrow;
+        } else if (hasForm && form == kWideText && TakeText(wide)) {
+            s.Copy(wide);
+        } else {
+            s.codePage_ = static_cast<PZString::EN_CP>(codePage);
+        }
+    });
 }
 
 void Archive::read(PZSerializable& object) {
-    unsigned int size = 0;
-    if (!TakeBigEndian(size)) return;
-    const unsigned int start = readPosition_;
-    const unsigned char* const bytes = Take(size);
-    if (bytes == nullptr) return;
-    readPosition_ = start;  // an object that knows this archive finds itself at its own bytes
-    object.deserialize(bytes, size);
-    readPosition_ += size;
+    ReadWhole([&] {
+        unsigned int size = 0;
+        if (!TakeBigEndian(size)) return;
+        const unsigned int start = readPosition_;
+        const unsigned char* const bytes = Take(size);
+        if (bytes == nullptr) return;
+        readPosition_ = start;  // an object that knows this archive finds itself at its own bytes
+        object.deserialize(bytes, size);
+        readPosition_ += size;
+    });
 }
 
 void Archive::read(PZSerializable* object) {
@@ -310,7 +379,7 @@ void Archive::read(PZSerializable* object) {
 }
 
 bool Archive::seek(unsigned int offset, SEEK_OPT from) {
-    const unsigned int size = getSize();
+    const auto size = static_cast<unsigned int>(Size());
     const unsigned long long forward = 0ULL + readPosition_ + offset;
     switch (from) {
         case en_SEEK_START:

@@ -82,8 +82,7 @@ std::string PZBinary::getString(unsigned int offset, unsigned int length) const 
 std::string PZBinary::readString(unsigned int offset, unsigned int length) const {
     const unsigned long long position = FromCursor(offset);
     if (size_ == 0 || !Has(position, length)) return {};
-    const unsigned char* const begin = buffer_.get() + position;
-    return {begin, begin + length};
+    return {reinterpret_cast<const char*>(buffer_.get() + position), length};
 }
 
 PZBinary PZBinary::CopyOf(unsigned long long position, unsigned int length) const {
