@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/shm.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -294,6 +297,126 @@ TEST_F(PZFileGuardProcessTest, StaysLockedWhenItsOwnerDiesUntilTheSystemSideStar
     EXPECT_TRUE(system->tryLock());
     EXPECT_TRUE(system->unlock());
     EXPECT_EQ(Texts{}, Messages());
+}
+
+constexpr std::chrono::seconds kPatience(20);
+
+/// The state of a process, as the kernel shows it: 'S' sleeps, 'Z' has ended.
+char state_of(pid_t pid) {
+    const std::string status = pztest::read_file("/proc/" + std::to_string(pid) + "/stat");
+    const size_t name = status.rfind(") ");
+    return name != std::string::npos ? status[name + 2] : '?';
+}
+
+bool sleeps(pid_t pid) {
+    return state_of(pid) == 'S';
+}
+
+bool has_ended(pid_t pid) {
+    return state_of(pid) == 'Z';
+}
+
+TEST_F(PZFileGuardProcessTest, FreesThoseWhoWaitWhenItsSystemSideIsKilledAndStartsAgain) {
+    std::unique_ptr<ChildProcess> waiting[3];
+    {
+        ChildProcess system([this] {
+            PZFileGuard guard(files_.Dir(), files_.Name());
+            if (!guard.initForSystem() || !guard.lock()) return kFailed;
+            steps_.Reach(1);
+            for (;;) pause();
+        });
+        ASSERT_TRUE(steps_.WaitFor(1));
+        for (auto& app : waiting) {
+            app = std::make_unique<ChildProcess>([this] {
+                PZFileGuard guard(files_.Dir(), files_.Name());
+                return status_of(guard.initForApp() && guard.lock() && guard.unlock());
+            });
+        }
+        const GuardSegment mutex(files_.MutexFile());
+        ASSERT_TRUE(wait_until([&mutex] { return mutex.MutexWord() == 2; }));
+        for (const auto& app : waiting) {
+            ASSERT_TRUE(wait_until([&mutex, &app] { return sleeps(app->Pid()); }));
+        }
+    }
+    ChildProcess restarted([this] {
+        PZFileGuard guard(files_.Dir(), files_.Name());
+        if (!guard.initForSystem()) return kFailed;
+        steps_.Reach(2);
+        return status_of(steps_.WaitFor(3) && guard.lock() && guard.unlock());
+    });
+    EXPECT_TRUE(steps_.WaitFor(2));
+    for (const auto& app : waiting) {
+        const bool isFree = wait_until([&app] { return has_ended(app->Pid()); }, kPatience);
+        EXPECT_TRUE(isFree);
+        EXPECT_EQ(kDone, isFree ? app->Wait() : kFailed);
+    }
+    steps_.Reach(3);
+    EXPECT_EQ(kDone, restarted.Wait());
+}
+
+// --- Forked children ---
+
+TEST_F(PZFileGuardProcessTest, AForkedChildThatEndsLeavesTheSystemSideOfItsParent) {
+    const auto system = MakeSystem();
+    const auto app = MakeApp();
+    ChildProcess child([&system, &app] {
+        const_cast<std::unique_ptr<PZFileGuard>&>(app).reset();
+        const_cast<std::unique_ptr<PZFileGuard>&>(system).reset();  // as its exit does
+        return kDone;
+    });
+    EXPECT_EQ(kDone, child.Wait());
+    EXPECT_TRUE(app->lock());
+    EXPECT_TRUE(app->unlock());
+    EXPECT_TRUE(GuardSegment(files_.MutexFile()).Exists());
+    EXPECT_FALSE(GuardSegment(files_.MutexFile()).IsRemoved());
+    EXPECT_EQ(Texts{}, Messages());
+}
+
+TEST_F(PZFileGuardProcessTest, AForkedChildMayEndTheSystemSideInItsParentsPlace) {
+    ChildProcess parent([this] {
+        PZFileGuard guard(files_.Dir(), files_.Name());
+        if (!guard.initForSystem()) return kFailed;
+        const pid_t daemon = fork();
+        if (daemon != 0) _exit(kDone);
+        steps_.Reach(guard.lock() && guard.unlock() && guard.destroyMutex() ? 1 : 2);
+        _exit(kDone);
+    });
+    EXPECT_EQ(kDone, parent.Wait());
+    EXPECT_TRUE(steps_.WaitFor(1));
+    EXPECT_EQ(1, steps_.Get());
+    EXPECT_FALSE(GuardSegment(files_.MutexFile()).Exists());
+}
+
+// --- Other programs that write over the segments ---
+
+TEST_F(PZFileGuardProcessTest, DoesNotEndTheProcessWhateverStandsInItsMutex) {
+    constexpr unsigned int kSeeds = 200;
+    std::vector<unsigned int> ended;
+    for (unsigned int seed = 0; seed < kSeeds; ++seed) {
+        const pztest::ChildResult child = pztest::run_in_child([this, seed] {
+            PZFileGuard guard(files_.Dir(), files_.Name());
+            if (!guard.initForSystem()) return kFailed;
+            GuardSegment segment(files_.MutexFile());
+            pthread_mutex_t* const mutex = segment.Mutex();
+            const pthread_mutex_t fresh = *mutex;
+            std::mt19937 random(seed);
+            for (size_t i = 0; i < sizeof *mutex; ++i) {
+                reinterpret_cast<unsigned char*>(mutex)[i] = static_cast<unsigned char>(random());
+            }
+            if (seed % 2 == 1) mutex->__data.__kind = fresh.__data.__kind;
+            if (seed % 4 == 3) mutex->__data.__lock = 0;
+            const itimerval limit = {{}, {0, 20000}};  // nobody gives back what is held
+            setitimer(ITIMER_REAL, &limit, nullptr);
+            if (guard.lock()) guard.unlock();
+            if (guard.tryLock()) guard.unlock();
+            guard.unlock();
+            guard.destroyMutex();
+            return kDone;
+        });
+        const bool isHeld = !child.exited && child.status == SIGALRM;
+        if (!isHeld && (!child.exited || child.status != kDone)) ended.push_back(seed);
+    }
+    EXPECT_EQ(std::vector<unsigned int>{}, ended);
 }
 
 // --- Many processes, one file ---

@@ -1,6 +1,7 @@
 #include "Framework/Communication/PZFileGuard.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/ipc.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <set>
@@ -47,7 +49,8 @@ Interposed<int(int, int, shmid_ds*)> shmctl_call("shmctl");
 Interposed<FILE*(const char*, const char*)> fopen_call("fopen", nullptr);
 Interposed<DIR*(const char*)> opendir_call("opendir", nullptr);
 Interposed<int(const char*, mode_t)> mkdir_call("mkdir");
-Interposed<int(const char*, mode_t)> chmod_call("chmod");
+Interposed<int(int, mode_t)> fchmod_call("fchmod");
+Interposed<int(int, const char*, mode_t, int)> fchmodat_call("fchmodat");
 
 // These answer an error number.
 Interposed<int(pthread_mutexattr_t*, int)> settype_call("pthread_mutexattr_settype", EINVAL);
@@ -68,7 +71,8 @@ void reset_calls() {
     fopen_call.Reset();
     opendir_call.Reset();
     mkdir_call.Reset();
-    chmod_call.Reset();
+    fchmod_call.Reset();
+    fchmodat_call.Reset();
     settype_call.Reset();
     setpshared_call.Reset();
     init_call.Reset();
@@ -98,6 +102,14 @@ std::string octal(unsigned int value) {
     char text[16];
     std::snprintf(text, sizeof text, "0%o", value);
     return text;
+}
+
+/// The path that a descriptor was opened with.
+std::string path_of(int fd) {
+    char path[256];
+    const ssize_t length =
+        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
+    return length > 0 ? std::string(path, static_cast<size_t>(length)) : "";
 }
 
 /// Notes the calls between its construction and End.
@@ -162,9 +174,14 @@ int mkdir(const char* path, mode_t mode) noexcept {
     note("mkdir " + std::string(path) + " " + octal(mode));
     return mkdir_call(path, mode);
 }
-int chmod(const char* file, mode_t mode) noexcept {
-    note("chmod " + std::string(file) + " " + octal(mode));
-    return chmod_call(file, mode);
+int fchmod(int fd, mode_t mode) noexcept {
+    note("fchmod " + path_of(fd) + " " + octal(mode));
+    return fchmod_call(fd, mode);
+}
+int fchmodat(int dir, const char* file, mode_t mode, int flag) noexcept {
+    note(std::string(flag == AT_SYMLINK_NOFOLLOW ? "chmod no link " : "chmod ") + file + " " +
+         octal(mode));
+    return fchmodat_call(dir, file, mode, flag);
 }
 int pthread_mutexattr_settype(pthread_mutexattr_t* attr, int kind) noexcept {
     note(kind == PTHREAD_MUTEX_RECURSIVE ? "recursive" : "not recursive");
@@ -439,20 +456,20 @@ TEST_F(PZFileGuardTest, MakesDirectoryKeyFilesSegmentsAndMutexInThisOrder) {
                      "opendir " + dir_.substr(0, dir_.size() - 1),
                      "opendir " + dir_ + "one",
                      "mkdir " + dir_ + "one 0777",
-                     "chmod " + dir_ + "one 0777",
+                     "fchmod " + dir_ + "one 0777",
                      "opendir " + dir_ + "one/two",
                      "mkdir " + dir_ + "one/two 0777",
-                     "chmod " + dir_ + "one/two 0777",
+                     "fchmod " + dir_ + "one/two 0777",
                      "ftok " + files.MutexFile() + " 1",
-                     "fopen " + files.MutexFile() + " a+",
+                     "fopen " + files.MutexFile() + " a+xe",
                      "ftok " + files.MutexFile() + " 1",
-                     "chmod " + files.MutexFile() + " 0777",
+                     "chmod no link " + files.MutexFile() + " 0777",
                      "shmget " + mutexSize + " 01666",
                      "shmat anywhere 0",
                      "ftok " + files.FlagFile() + " 1",
-                     "fopen " + files.FlagFile() + " a+",
+                     "fopen " + files.FlagFile() + " a+xe",
                      "ftok " + files.FlagFile() + " 1",
-                     "chmod " + files.FlagFile() + " 0777",
+                     "chmod no link " + files.FlagFile() + " 0777",
                      "shmget 1 01666",
                      "shmat anywhere 0",
                      "recursive",
@@ -504,7 +521,7 @@ TEST_F(PZFileGuardTest, DoesNotMakeTheRootOrAFirstDirectoryOfOneLetter) {
         Trace calls;
         EXPECT_FALSE(guard.initForSystem());
         const std::string file = std::string(dir) + "pz_guard_nowhere_mutex";
-        EXPECT_EQ((Texts{"ftok " + file + " 1", "fopen " + file + " a+"}), calls.End());
+        EXPECT_EQ((Texts{"ftok " + file + " 1", "fopen " + file + " a+xe"}), calls.End());
     }
 }
 
@@ -528,7 +545,7 @@ TEST_F(PZFileGuardTest, ReportsADirectoryThatItMayNotMakeAndMakesNoneBelow) {
     EXPECT_EQ((Texts{"opendir /tmp", "opendir " + dir_.substr(0, dir_.size() - 1),
                      "opendir " + dir_ + "one", "mkdir " + dir_ + "one 0777",
                      "ftok " + dir_ + "one/two/" + name_ + "_mutex 1",
-                     "fopen " + dir_ + "one/two/" + name_ + "_mutex a+"}),
+                     "fopen " + dir_ + "one/two/" + name_ + "_mutex a+xe"}),
               calls.End());
     ExpectReports({{"makeDir", "PZFileGuard::makeDir() mkdir() Failed [Permission denied]"},
                    {"getMkeyForSystem", "PZFileGuard::initMutex() fopen(" + dir_ + "one/two/" +
@@ -550,10 +567,12 @@ TEST_F(PZFileGuardTest, GoesOnInADirectoryWhoseParentItMayNotRead) {
 
 TEST_F(PZFileGuardTest, GoesOnWhenModesCannotBeChanged) {
     const GuardFiles files(dir_ + "one/", "data");
-    chmod_call.FailNext(EPERM, 3);
+    fchmod_call.FailNext(EPERM);
+    fchmodat_call.FailNext(EPERM, 2);
     PZFileGuard guard(files.Dir(), files.Name());
     EXPECT_TRUE(guard.initForSystem());
-    EXPECT_EQ(3, chmod_call.Calls());
+    EXPECT_EQ(1, fchmod_call.Calls());
+    EXPECT_EQ(2, fchmodat_call.Calls());
     EXPECT_EQ("", output_.Take());
     EXPECT_EQ(0755U, permissions_of(dir_ + "one"));
     EXPECT_EQ(0644U, permissions_of(files.MutexFile()));
@@ -579,7 +598,7 @@ TEST_F(PZFileGuardTest, ReportsAKeyFileThatHasNoKeyEvenNow) {
                                          ") Failed [Permission denied]"},
                    {"attachSharedMem", "error"},
                    {"initForSystem", "error"}});
-    EXPECT_EQ(0, chmod_call.Calls());
+    EXPECT_EQ(0, fchmodat_call.Calls());
 }
 
 TEST_F(PZFileGuardTest, TakesEveryNegativeKeyForNone) {
@@ -605,7 +624,132 @@ TEST_F(PZFileGuardTest, KeepsTheMutexSegmentWhenTheOtherKeyFileCannotBeMade) {
     EXPECT_EQ((State{mutex.Id(), true, -1, false, false, 1}), state_of(guard));
 }
 
+// --- The system side: folders that everybody may write ---
+
+/// A file of somebody else's.
+std::string make_private_file(const std::string& path) {
+    pztest::write_file(path, "private");
+    chmod(path.c_str(), 0600);
+    return path;
+}
+
+TEST_F(PZFileGuardTest, RefusesAKeyFileThatIsALinkAndLeavesWhatItLeadsTo) {
+    const std::string victim = make_private_file(dir_ + "private");
+    for (const std::string& keyFile : {files_.MutexFile(), files_.FlagFile()}) {
+        SCOPED_TRACE(keyFile);
+        ASSERT_EQ(0, symlink(victim.c_str(), keyFile.c_str()));
+        PZFileGuard guard(dir_, name_);
+        EXPECT_FALSE(guard.initForSystem());
+        ExpectReports({{"getMkeyForSystem", "PZFileGuard::initMutex() fopen(" + keyFile +
+                                                ") Failed [Too many levels of symbolic links]"},
+                       {"attachSharedMem", "error"},
+                       {"initForSystem", "error"}});
+        EXPECT_EQ(0600U, permissions_of(victim));
+        ASSERT_EQ(0, unlink(keyFile.c_str()));
+    }
+}
+
+TEST_F(PZFileGuardTest, MakesNothingWhereAKeyFileThatIsALinkLeads) {
+    const std::string target = dir_ + "not_there";
+    ASSERT_EQ(0, symlink(target.c_str(), files_.MutexFile().c_str()));
+    PZFileGuard guard(dir_, name_);
+    EXPECT_FALSE(guard.initForSystem());
+    EXPECT_NE(0, access(target.c_str(), F_OK));
+}
+
+std::string exchanged_file;  // becomes a link to the next
+std::string link_target;
+
+FILE* open_and_exchange(const char* path, const char* modes) {
+    FILE* const file = fopen_call.Real(path, modes);
+    if (path == exchanged_file) {
+        unlink(path);
+        if (symlink(link_target.c_str(), path) != 0) std::abort();
+    }
+    return file;
+}
+
+TEST_F(PZFileGuardTest, ChangesNoModeThroughALinkThatReplacesTheNewKeyFile) {
+    exchanged_file = files_.FlagFile();
+    link_target = make_private_file(dir_ + "private");
+    fopen_call.Replace(&open_and_exchange);
+    PZFileGuard guard(dir_, name_);
+    guard.initForSystem();
+    EXPECT_LE(2, fopen_call.Calls());
+    EXPECT_EQ(0600U, permissions_of(link_target));
+}
+
+FILE* open_what_somebody_else_has_made(const char* path, const char* modes) {
+    fclose(fopen_call.Real(path, "a+"));
+    return fopen_call.Real(path, modes);
+}
+
+TEST_F(PZFileGuardTest, TakesTheKeyFilesThatAnotherSystemSideMakesAtTheSameTime) {
+    fopen_call.Replace(&open_what_somebody_else_has_made);
+    PZFileGuard guard(dir_, name_);
+    EXPECT_TRUE(guard.initForSystem());
+    EXPECT_EQ("", output_.Take());
+    EXPECT_EQ(0777U, permissions_of(files_.MutexFile()));
+}
+
+std::string exchange_for;  // takes the place of a directory that was just made
+
+int make_and_exchange_for_a_link(const char* path, mode_t mode) {
+    const int result = mkdir_call.Real(path, mode);
+    rmdir(path);
+    if (symlink(exchange_for.c_str(), path) != 0) std::abort();
+    return result;
+}
+
+int make_and_exchange_for_a_directory(const char* path, mode_t mode) {
+    const int result = mkdir_call.Real(path, mode);
+    if (rename(exchange_for.c_str(), path) != 0) std::abort();
+    return result;
+}
+
+TEST_F(PZFileGuardTest, ChangesNoModeThroughALinkThatReplacesTheNewDirectory) {
+    exchange_for = dir_ + "private";
+    ASSERT_EQ(0, mkdir_call.Real(exchange_for.c_str(), 0700));
+    mkdir_call.Replace(&make_and_exchange_for_a_link);
+    PZFileGuard guard(dir_ + "new", name_);
+    guard.initForSystem();
+    EXPECT_EQ(1, mkdir_call.Calls());
+    EXPECT_EQ(0700U, permissions_of(exchange_for));
+}
+
+TEST_F(PZFileGuardTest, ChangesNoModeOfADirectoryInUseThatReplacesTheNewOne) {
+    exchange_for = dir_ + "private";
+    ASSERT_EQ(0, mkdir_call.Real(exchange_for.c_str(), 0700));
+    make_private_file(exchange_for + "/secret");
+    mkdir_call.Replace(&make_and_exchange_for_a_directory);
+    const GuardFiles files(dir_ + "new/", name_);
+    PZFileGuard guard(files.Dir(), files.Name());
+    guard.initForSystem();
+    EXPECT_EQ(1, mkdir_call.Calls());
+    EXPECT_EQ(0700U, permissions_of(dir_ + "new"));
+}
+
 // --- The system side: segments and mutex ---
+
+unsigned char* flag_while_making = nullptr;
+unsigned char flag_seen_while_making = 0;
+
+int look_at_the_flag(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
+    flag_seen_while_making = __atomic_load_n(flag_while_making, __ATOMIC_ACQUIRE);
+    return init_call.Real(mutex, attributes);
+}
+
+TEST_F(PZFileGuardTest, LetsNobodyLockWhileTheMutexIsMadeAfresh) {
+    PZFileGuard first(dir_, name_);
+    ASSERT_TRUE(first.initForSystem());
+    flag_while_making = field_of<unsigned char*>(first, offsetof(Record, initFlag));
+    ASSERT_EQ(kUsable, *flag_while_making);
+    init_call.Replace(&look_at_the_flag);
+    PZFileGuard second(dir_, name_);
+    EXPECT_TRUE(second.initForSystem());
+    EXPECT_EQ(0, flag_seen_while_making);
+    EXPECT_EQ(kUsable, *flag_while_making);
+}
 
 TEST_F(PZFileGuardTest, ShowsOtherProgramsAMutexAndAnInitFlag) {
     PZFileGuard guard(dir_, name_);
@@ -916,6 +1060,49 @@ TEST_F(PZFileGuardTest, ReportsAMutexThatIsNoMutex) {
     EXPECT_FALSE(guard.unlock());
     ExpectReports(
         {{"unlock", "PZFileGuard::unlock() pthread_mutex_unlock() Failed [Invalid argument]"}});
+}
+
+TEST_F(PZFileGuardTest, RefusesAMutexOfAnotherKind) {
+    PZFileGuard guard(dir_, name_);
+    ASSERT_TRUE(guard.initForSystem());
+    GuardSegment segment(files_.MutexFile());
+    pthread_mutex_t priorityInheriting;
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
+    pthread_mutex_init(&priorityInheriting, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+    *segment.Mutex() = priorityInheriting;
+    reset_calls();
+    EXPECT_FALSE(guard.lock());
+    ExpectReports({{"lock", "PZFileGuard::lock() pthread_mutex_lock() Failed [Invalid argument]"}});
+    EXPECT_FALSE(guard.tryLock());
+    ExpectReports(
+        {{"tryLock", "PZFileGuard::tryLock() pthread_mutex_trylock() Failed [Invalid argument]"}});
+    EXPECT_FALSE(guard.unlock());
+    ExpectReports(
+        {{"unlock", "PZFileGuard::unlock() pthread_mutex_unlock() Failed [Invalid argument]"}});
+    EXPECT_EQ(0, lock_call.Calls() + trylock_call.Calls() + unlock_call.Calls());
+    pthread_mutex_destroy(&priorityInheriting);
+}
+
+TEST_F(PZFileGuardTest, UnlocksNothingInASegmentThatNoSystemSideHasUsed) {
+    files_.Make();
+    PZFileGuard app(dir_, name_);
+    ASSERT_TRUE(app.initForApp());
+    EXPECT_TRUE(app.unlock());
+    EXPECT_EQ("", output_.Take());
+}
+
+TEST_F(PZFileGuardTest, LocksAFreeMutexThatCarriesAnOwnersName) {
+    PZFileGuard guard(dir_, name_);
+    ASSERT_TRUE(guard.initForSystem());
+    GuardSegment segment(files_.MutexFile());
+    segment.Mutex()->__data.__owner = 12345;
+    EXPECT_TRUE(guard.lock());
+    EXPECT_FALSE(in_other_thread([&guard] { return guard.tryLock(); }));
+    EXPECT_TRUE(guard.unlock());
+    EXPECT_TRUE(in_other_thread([&guard] { return guard.tryLock() && guard.unlock(); }));
 }
 
 TEST_F(PZFileGuardTest, TakesEveryOtherResultOfTheMutexForSuccess) {

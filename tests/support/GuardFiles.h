@@ -57,6 +57,15 @@ public:
         return __atomic_load_n(&mutex->__data.__owner, __ATOMIC_ACQUIRE);
     }
 
+    /// What stands in the word of the mutex that waiters sleep on: 0 free, 1 held, 2 waited for.
+    int MutexWord() const {
+        const auto* mutex = reinterpret_cast<const pthread_mutex_t*>(content_);
+        return __atomic_load_n(&mutex->__data.__lock, __ATOMIC_ACQUIRE);
+    }
+
+    /// The mutex, for whoever writes over it.
+    pthread_mutex_t* Mutex() { return reinterpret_cast<pthread_mutex_t*>(content_); }
+
     unsigned char Byte() const { return __atomic_load_n(content_, __ATOMIC_ACQUIRE); }
     void SetByte(unsigned char value) { __atomic_store_n(content_, value, __ATOMIC_RELEASE); }
 

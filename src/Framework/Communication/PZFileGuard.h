@@ -24,8 +24,12 @@
 ///            the mutex segment is as large as its pthread_mutex_t.
 /// Threads:   an object belongs to one thread at a time; threads that lock against each other have
 ///            a guard each. The thread that locked unlocks. Locks nest.
-/// Ownership: a process that ends while it holds the mutex leaves it locked.
-/// Failures:  reported and answered with false, never thrown.
+/// Ownership: a process that ends while it holds the mutex leaves it locked. The segments belong to
+///            the process that made the system side: its forked children leave them alone when they
+///            end.
+/// Failures:  reported and answered with false, never thrown; lack of memory, too. Only the
+///            constructors throw std::bad_alloc. What another program has written over the mutex is
+///            refused as no mutex, or waited for like a mutex that somebody holds.
 class PZ_API PZFileGuard {
 public:
     /// The directory "/temp/system_data/", and no file name yet.
@@ -37,8 +41,9 @@ public:
     /// A directory without a '/' at its end gets one; an empty one is "/".
     PZFileGuard(const std::string& dirPath, const std::string& fileName);
 
-    /// Does what destroyMutex does, when the mutex is attached.
-    virtual ~PZFileGuard();
+    /// Does what destroyMutex does, when the mutex is attached; but nothing with the system side of
+    /// a parent process.
+    virtual ~PZFileGuard() noexcept(false);
 
     PZFileGuard(const PZFileGuard&) = delete;
     PZFileGuard& operator=(const PZFileGuard&) = delete;
@@ -52,8 +57,9 @@ public:
 
     /// Becomes the system side: makes the directory and the key files as far as they are missing
     /// (open to everybody), attaches both segments, initialises the mutex afresh, whoever may hold
-    /// it, and lets the applications in. After a failure beyond an empty file name or a second
-    /// call the object is of no more use.
+    /// it, and lets the applications in. Who waits in lock meanwhile goes on waiting for the fresh
+    /// mutex. A key file that is a symbolic link is refused: where it leads nothing is touched.
+    /// After a failure beyond an empty file name or a second call the object is of no more use.
     bool initForSystem();
 
     /// Becomes an application side and attaches both segments, which are made when there are none.
@@ -81,12 +87,18 @@ public:
     /// followed by destroyMutex removes them later.
     /// On an application side detaches. Afterwards the guard can be given another file, and begin
     /// anew. False, with a call stack, when it is neither.
+    ///
+    /// A forked child that goes on in its parent's place (a daemon) calls it; its destructor does
+    /// not.
     bool destroyMutex();
 
 private:
     enum EN_MODE : int { en_MODE_NONE = 0, en_MODE_SYSTEM = 1, en_MODE_APP = 2 };
 
     static constexpr unsigned char kUsable = 0xA5;  // init flag: the mutex may be used
+
+    // What the C library notes in a recursive mutex (type 1) that is shared between processes.
+    static constexpr int kMutexKind = 0x81;
 
     void checkPath();
     static bool makeDir(const std::string& dirPath);
@@ -110,10 +122,34 @@ private:
     /// What lock does when the guard is not ready at once; false when it is not ready at all.
     bool getReadyToLock();
 
+    // Every process may write over the mutex. What is no mutex of ours could end the process inside
+    // the C library.
+
+    int kind() const { return __atomic_load_n(&mutex_->__data.__kind, __ATOMIC_RELAXED); }
+    int owner() const { return __atomic_load_n(&mutex_->__data.__owner, __ATOMIC_RELAXED); }
+
+    /// True when nothing stands between a lock and a mutex of ours that nobody holds. One question
+    /// instead of four: they would be a good part of a lock's time.
+    bool isReadyAndFree() const {
+        const unsigned char* const flag = initFlag_;
+        if (mutex_ == nullptr || flag == nullptr) return false;
+        return ((__atomic_load_n(flag, __ATOMIC_ACQUIRE) ^ kUsable) | (kind() ^ kMutexKind) |
+                owner() | (initialized_ ? 0 : 1)) == 0;
+    }
+
+    /// lock of a mutex that is not ready, not free, or not sound.
+    bool lockWithCare();
+
+    /// unlock of what is no mutex of ours.
+    bool unlockWithCare();
+
     /// Reports what an operation got from the mutex, and answers false.
     static bool reportLock(int error);
     static bool reportTryLock(int error);
     static bool reportUnlock(int error);
+
+    PZ_LOCAL void rememberMaker();
+    PZ_LOCAL bool isMaker() const;
 
     std::string dirPath_;
     std::string fileName_;
@@ -122,6 +158,7 @@ private:
     int initFlagShmId_;        // -1: not attached
     unsigned char* initFlag_;  // in the init-flag segment; null: not attached
     bool initialized_;         // has attached at some time; not taken back by destroyMutex
+    unsigned char maker_[3];   // id of the process that became the system side: at most 2^22
     EN_MODE mode_;
 };
 
@@ -129,19 +166,22 @@ private:
 // part of their time: they run in the caller's own code. The rest is called.
 
 inline bool PZFileGuard::lock() {
-    if (!isReady() && !getReadyToLock()) return false;
+    if (!isReadyAndFree()) return lockWithCare();
     const int result = pthread_mutex_lock(mutex_);
     return result != EINVAL || reportLock(result);  // no other result counts as a failure
 }
 
 inline bool PZFileGuard::tryLock() {
-    if (!isReady() && (!canLock() || mutex_ == nullptr)) return false;
+    if (!isReadyAndFree()) {
+        if (!canLock() || mutex_ == nullptr) return false;
+        if (kind() != kMutexKind) return reportTryLock(EINVAL);
+    }
     const int result = pthread_mutex_trylock(mutex_);
     return (result != EINVAL && result != EBUSY) || reportTryLock(result);
 }
 
 inline bool PZFileGuard::unlock() {
-    if (mutex_ == nullptr) return false;
+    if (mutex_ == nullptr || kind() != kMutexKind) return unlockWithCare();
     const int result = pthread_mutex_unlock(mutex_);
     return result != EINVAL || reportUnlock(result);
 }

@@ -1,18 +1,27 @@
 #include "Framework/Communication/PZFileGuard.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <linux/futex.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
+
+#include "../../private/pz_descriptor.h"
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(pthread_mutex_t) == 24, "format shared between processes");
@@ -31,12 +40,19 @@ constexpr mode_t kOpenToAll = 0777;
 constexpr int kSegmentFlags = IPC_CREAT | 0666;
 constexpr int kCallStackDepth = 5;
 
-// The init flag: the system side is gone. A new segment reads 0, not initialised yet.
-constexpr unsigned char kDestroyed = 0xFF;
+// The init flag beside kUsable.
+constexpr unsigned char kNotYet = 0;        // a new segment, or a mutex that is being made
+constexpr unsigned char kDestroyed = 0xFF;  // the system side is gone
 
 /// The other processes read the flag at any time: what was done to the mutex before comes first.
 void store_flag(unsigned char* flag, unsigned char state) {
     __atomic_store_n(flag, state, __ATOMIC_RELEASE);
+}
+
+/// Wakes whoever sleeps in a lock of the mutex. A mutex that is made afresh is free, but does not
+/// know that somebody waits for it.
+void wake_waiters(pthread_mutex_t* mutex) {
+    syscall(SYS_futex, &mutex->__data.__lock, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
 }
 
 /// Attributes of a mutex, released at the end of the scope.
@@ -54,11 +70,41 @@ private:
     pthread_mutexattr_t attributes_ = {};
 };
 
+using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+
 bool is_directory(const std::string& path) {
-    DIR* const directory = opendir(path.c_str());
-    if (directory == nullptr) return false;
-    closedir(directory);
+    return Directory(opendir(path.c_str()), &closedir) != nullptr;
+}
+
+bool is_link(const std::string& path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+bool is_empty(DIR* directory) {
+    while (const dirent* const entry = readdir(directory)) {
+        const char* const name = static_cast<const char*>(entry->d_name);
+        if (std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0) return false;
+    }
     return true;
+}
+
+/// Gives a directory that was just made the bits that the umask took away. Where everybody may
+/// write, something else may have been put in its place meanwhile: no link is followed, and nothing
+/// touched but an empty directory of our own.
+void open_directory_to_all(const std::string& path) {
+    PZDescriptor made(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (fstat(made.Get(), &status) != 0 || status.st_uid != geteuid()) return;
+    const Directory directory(fdopendir(made.Get()), &closedir);
+    if (directory == nullptr) return;
+    made.Release();  // belongs to the directory now
+    if (is_empty(directory.get())) fchmod(dirfd(directory.get()), kOpenToAll);
+}
+
+/// The same for a key file, ours or not. A link that was put in its place stays as it is.
+void open_file_to_all(const std::string& path) {
+    fchmodat(AT_FDCWD, path.c_str(), kOpenToAll, AT_SYMLINK_NOFOLLOW);
 }
 
 /// Attaches the segment of this key, which is made when there is none. On failure `id` and
@@ -99,6 +145,7 @@ PZFileGuard::PZFileGuard(const std::string& fileName)
       initFlagShmId_(kNotAttached),
       initFlag_(nullptr),
       initialized_(false),
+      maker_{},
       mode_(en_MODE_NONE) {}
 
 PZFileGuard::PZFileGuard(const std::string& dirPath, const std::string& fileName)
@@ -107,8 +154,9 @@ PZFileGuard::PZFileGuard(const std::string& dirPath, const std::string& fileName
     checkPath();
 }
 
-PZFileGuard::~PZFileGuard() {
-    if (mutex_ != nullptr) destroyMutex();
+PZFileGuard::~PZFileGuard() noexcept(false) {
+    if (mutex_ == nullptr || (mode_ == en_MODE_SYSTEM && !isMaker())) return;
+    destroyMutex();
 }
 
 bool PZFileGuard::setFileName(const std::string& name) {
@@ -116,7 +164,12 @@ bool PZFileGuard::setFileName(const std::string& name) {
         PZ_REPORT_ERROR("error\n");
         return false;
     }
-    fileName_ = name;
+    try {
+        fileName_ = name;
+    } catch (const std::bad_alloc&) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
     return true;
 }
 
@@ -125,8 +178,17 @@ bool PZFileGuard::setFilePath(const std::string& dirPath, const std::string& fil
         PZ_REPORT_ERROR("error\n");
         return false;
     }
-    dirPath_ = dirPath;
-    fileName_ = fileName;
+    try {
+        std::string newDir;
+        newDir.reserve(dirPath.size() + 1);  // with the '/' that it may lack
+        newDir = dirPath;
+        std::string newName = fileName;
+        dirPath_.swap(newDir);
+        fileName_.swap(newName);
+    } catch (const std::bad_alloc&) {
+        PZ_REPORT_ERROR("error\n");
+        return false;
+    }
     checkPath();
     return true;
 }
@@ -137,6 +199,7 @@ bool PZFileGuard::initForSystem() {
         return false;
     }
     mode_ = en_MODE_SYSTEM;
+    rememberMaker();
     makeDir(dirPath_);  // a directory that is missing still shows when the key files are made
     if (!attachSharedMem()) {
         PZ_REPORT_ERROR("error\n");
@@ -180,6 +243,25 @@ bool PZFileGuard::getReadyToLock() {
     return false;
 }
 
+bool PZFileGuard::lockWithCare() {
+    if (!isReady() && !getReadyToLock()) return false;
+    if (kind() != kMutexKind) return reportLock(EINVAL);
+    // A free mutex that carries an owner's name (or one that is given back at this moment) would
+    // end the process in a lock. A try does not mind the name, and writes another.
+    int result = EBUSY;
+    if (owner() != 0 && __atomic_load_n(&mutex_->__data.__lock, __ATOMIC_RELAXED) == 0) {
+        result = pthread_mutex_trylock(mutex_);
+    }
+    if (result == EBUSY) result = pthread_mutex_lock(mutex_);
+    return result != EINVAL || reportLock(result);
+}
+
+bool PZFileGuard::unlockWithCare() {
+    constexpr int kNewSegment = 0;  // the kind of a mutex that no system side has made yet
+    if (mutex_ == nullptr) return false;
+    return kind() == kNewSegment || reportUnlock(EINVAL);
+}
+
 bool PZFileGuard::reportLock(int error) {
     PZDbgOutput::DbgPrint(__FILE__, "lock", __LINE__, PZDbgOutput::en_TAG_ERROR,
                           "PZFileGuard::lock() pthread_mutex_lock() Failed [%s]",
@@ -205,6 +287,16 @@ bool PZFileGuard::reportUnlock(int error) {
     return false;
 }
 
+void PZFileGuard::rememberMaker() {
+    const pid_t self = getpid();
+    std::memcpy(static_cast<unsigned char*>(maker_), &self, sizeof maker_);
+}
+
+bool PZFileGuard::isMaker() const {
+    const pid_t self = getpid();
+    return std::memcmp(static_cast<const unsigned char*>(maker_), &self, sizeof maker_) == 0;
+}
+
 bool PZFileGuard::destroyMutex() {
     if (initialized_ && mode_ == en_MODE_SYSTEM) return destroyMutexForSystem();
     if (initialized_ && mode_ == en_MODE_APP) return destroyMutexForApp();
@@ -219,7 +311,7 @@ void PZFileGuard::checkPath() {
 
 /// Makes every directory of the path that is missing, from the second character on: the root, and
 /// a name of one character at the beginning, are taken as they are.
-bool PZFileGuard::makeDir(const std::string& dirPath) {
+bool PZFileGuard::makeDir(const std::string& dirPath) try {
     constexpr size_t kFirstEnd = 2;
     const size_t last = dirPath.rfind('/');
     if (last == std::string::npos) {
@@ -235,9 +327,12 @@ bool PZFileGuard::makeDir(const std::string& dirPath) {
             PZ_REPORT_ERROR("PZFileGuard::makeDir() mkdir() Failed [%s]", std::strerror(errno));
             return false;
         }
-        chmod(directory.c_str(), kOpenToAll);  // whatever the umask took away
+        open_directory_to_all(directory);
     }
     return true;
+} catch (const std::bad_alloc&) {
+    PZ_REPORT_ERROR("error\n");
+    return false;
 }
 
 key_t PZFileGuard::getMkey(const std::string& path) const {
@@ -253,19 +348,26 @@ key_t PZFileGuard::getMkey(const std::string& path) const {
 }
 
 key_t PZFileGuard::getMkeyForSystem(const std::string& path) {
+    if (is_link(path)) {
+        PZ_REPORT_ERROR("PZFileGuard::initMutex() fopen(%s) Failed [%s]", path.c_str(),
+                        std::strerror(ELOOP));
+        return kNoKey;
+    }
     key_t key = ftok(path.c_str(), kKeyProject);
     if (key < 0) {
-        std::FILE* const file = std::fopen(path.c_str(), "a+");
-        if (file == nullptr) {
+        // "x": not through a link that was put there meanwhile.
+        std::FILE* const file = std::fopen(path.c_str(), "a+xe");
+        if (file != nullptr) {
+            std::fclose(file);
+        } else if (errno != EEXIST) {  // of another system side
             PZ_REPORT_ERROR("PZFileGuard::initMutex() fopen(%s) Failed [%s]", path.c_str(),
                             std::strerror(errno));
             return kNoKey;
         }
-        std::fclose(file);
         key = getMkeyForApp(path);
         if (key < 0) return kNoKey;
     }
-    chmod(path.c_str(), kOpenToAll);
+    open_file_to_all(path);
     return key;
 }
 
@@ -280,7 +382,7 @@ key_t PZFileGuard::getMkeyForApp(const std::string& path) {
 }
 
 /// Attaches what is not attached yet: after a failure the next call goes on where it stopped.
-bool PZFileGuard::attachSharedMem() {
+bool PZFileGuard::attachSharedMem() try {
     if (mutexShmId_ == kNotAttached) {
         const key_t key = getMkey(dirPath_ + fileName_ + kMutexSuffix);
         if (key < 0) {
@@ -298,6 +400,9 @@ bool PZFileGuard::attachSharedMem() {
         if (!attach(key, initFlagShmId_, initFlag_)) return false;
     }
     return true;
+} catch (const std::bad_alloc&) {
+    PZ_REPORT_ERROR("error\n");
+    return false;
 }
 
 bool PZFileGuard::initMutex() {
@@ -321,8 +426,13 @@ bool PZFileGuard::initMutex() {
             result);
         return false;
     }
+    // Nobody may come to the mutex between its clearing and its making: it would be no mutex of
+    // several processes.
+    store_flag(initFlag_, kNotYet);
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
     pthread_mutex_init(mutex_, attributes.Get());  // afresh, whoever may hold an earlier one
     store_flag(initFlag_, kUsable);
+    wake_waiters(mutex_);
     return true;
 }
 
