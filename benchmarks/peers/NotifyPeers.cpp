@@ -51,11 +51,6 @@ public:
             event_ += Poco::delegate(&observer, &Observer::OnChange);
         }
     }
-    ~PocoEvent() {
-        for (Observer& observer : observers_) {
-            event_ -= Poco::delegate(&observer, &Observer::OnChange);
-        }
-    }
     PocoEvent(const PocoEvent&) = delete;
     PocoEvent& operator=(const PocoEvent&) = delete;
 
@@ -68,8 +63,8 @@ private:
         std::uint64_t sum = 0;
     };
 
+    std::array<Observer, kObservers> observers_;  // outlive the event
     Poco::BasicEvent<const unsigned int> event_;
-    std::array<Observer, kObservers> observers_;
 };
 
 class QtSubject : public QObject {
