@@ -21,7 +21,7 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 
-#include "../../private/pz_descriptor.h"
+#include <Framework/private/pz_descriptor.h>
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(pthread_mutex_t) == 24, "format shared between processes");
@@ -429,7 +429,7 @@ bool PZFileGuard::initMutex() {
     // Nobody may come to the mutex between its clearing and its making: it would be no mutex of
     // several processes.
     store_flag(initFlag_, kNotYet);
-    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+    __sync_synchronize();
     pthread_mutex_init(mutex_, attributes.Get());  // afresh, whoever may hold an earlier one
     store_flag(initFlag_, kUsable);
     wake_waiters(mutex_);

@@ -15,8 +15,8 @@
 #include <cwchar>
 #include <cwctype>
 
-#include "../../private/pz_child.h"
-#include "../../private/pz_descriptor.h"
+#include <Framework/private/pz_child.h>
+#include <Framework/private/pz_descriptor.h>
 
 namespace {
 
