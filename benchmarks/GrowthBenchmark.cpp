@@ -158,22 +158,21 @@ using Clock = std::chrono::steady_clock;
 /// Timers that are all due when their thread looks: a first one keeps it until then.
 class DueTimers {
 public:
-    explicit DueTimers(size_t count) : timers_(count, Timer(*this)), left_(count) {}
+    explicit DueTimers(size_t count)
+        : firstMs_(200 + static_cast<unsigned int>(count / 100)),
+          timers_(count, Timer(*this)),
+          left_(count) {}
 
     /// Seconds from the first to the last callback.
     double Run() {
         PZLTimerMng* const manager = PZLTimerMng::GetTimerMng();
-        manager->AddTimer(&first_, kFirstMs);
-        for (Timer& timer : timers_) manager->AddTimer(&timer, kDueMs);
+        manager->AddTimer(&first_, firstMs_);
+        for (Timer& timer : timers_) manager->AddTimer(&timer, firstMs_ + 100);
         fired_.WaitEvent(kNoLimit);
         return std::chrono::duration<double>(end_ - begin_).count();
     }
 
 private:
-    static constexpr unsigned int kFirstMs = 200;  // until then all have been added
-    static constexpr unsigned int kDueMs = 300;
-    static constexpr std::chrono::milliseconds kKept{200};
-
     struct Timer : PZLTimerBase {
         explicit Timer(DueTimers& toCount) : owner(toCount) {}
         int OnTimer(PZLTimerSubMng::_TimerInfo*) override {
@@ -184,10 +183,12 @@ private:
     };
 
     struct First : PZLTimerBase {
+        explicit First(unsigned int toKeepMs) : keepMs(toKeepMs) {}
         int OnTimer(PZLTimerSubMng::_TimerInfo*) override {
-            std::this_thread::sleep_for(kKept);
+            std::this_thread::sleep_for(std::chrono::milliseconds(keepMs));
             return 0;
         }
+        const unsigned int keepMs;
     };
 
     void Count() {
@@ -197,8 +198,9 @@ private:
         fired_.SetEvent();
     }
 
+    const unsigned int firstMs_;  // until then all have been added
     std::vector<Timer> timers_;
-    First first_;
+    First first_{firstMs_};
     PZEvent fired_;
     // of the timers' thread, until fired_ is set
     size_t left_;
