@@ -140,6 +140,25 @@ TEST_F(DrawBenchmarksTest, DrawsOneChartForPostsAndOneForTimers) {
                          "|active timers, one more|1: 300 ns|100: 2.00 us|1,000: 5.00 ms|\n"));
 }
 
+TEST_F(DrawBenchmarksTest, TellsTheSystemCallsOfEachSizeOfBatch) {
+    write_file(Page(), "<!--figures:calls-->\n<!--end-->\n");
+    const CommandResult drawn = Draw("--calls",
+                                     "batches of 1, calls per message:\n"
+                                     "  total            3.25\n"
+                                     "  futex            2.25\n"
+                                     "  write            1.00\n"
+                                     "batches of 200, calls per message:\n");
+    ASSERT_EQ(0, drawn.status) << drawn.output;
+    EXPECT_EQ(
+        "<!--figures:calls-->\n"
+        "\n"
+        "- in batches of 1: 2.25 `futex`, 1.00 `write`\n"
+        "- in batches of 200: none\n"
+        "\n"
+        "<!--end-->\n",
+        read_file(Page()));
+}
+
 TEST_F(DrawBenchmarksTest, RefusesBadInputWithOneLineAndWritesNothing) {
     const std::string ours = run_of("lock/pzframework", 10);
     const std::string theirs = run_of("lock/POCO", 10);
