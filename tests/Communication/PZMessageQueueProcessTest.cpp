@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -230,6 +231,57 @@ TEST_F(PZMessageQueueProcessTest, ASenderOfAReceiverThatWentOpensTheNameAnew) {
     EXPECT_EQ(0, sender.send("found", 5, 128));
     ASSERT_TRUE(observer.AwaitCount(1));
     EXPECT_EQ(std::vector<std::string>{"found"}, observer.Payloads());
+}
+
+// Forked children of a receiver.
+
+TEST_F(PZMessageQueueProcessTest, AForkedChildThatEndsLeavesTheReceiverOfItsParent) {
+    StdoutCapture out;
+    auto owned = std::make_unique<Receiver>();
+    ASSERT_TRUE(owned->open({name.Get(), &observer}));
+    ChildProcess child([&owned] {
+        owned.reset();  // as the child's exit does with a static one
+        return 0;
+    });
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_TRUE(name.Exists());
+    const RawQueue peer(name);
+    ASSERT_EQ(0, peer.Send("\001afterwards", 1));
+    EXPECT_TRUE(observer.AwaitCount(1));
+    owned->close();
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ("", out.Take());
+}
+
+/// Holds up the thread that notifies, and with it the lock of the subject.
+class Busy : public PZObserver_ {
+public:
+    unsigned int OnNotify(unsigned int /*id*/, void* /*data*/, unsigned int /*size*/) override {
+        isBusy = true;
+        pztest::wait_until([this] { return mayGo.load(); });
+        return 0;
+    }
+
+    std::atomic<bool> isBusy{false};
+    std::atomic<bool> mayGo{false};
+};
+
+TEST_F(PZMessageQueueProcessTest, AForkedChildEndsAlsoWhileItsParentsObserverIsAtWork) {
+    Busy busy;
+    auto owned = std::make_unique<Receiver>();
+    ASSERT_TRUE(owned->open({name.Get(), &busy}));
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    ASSERT_TRUE(wait_until([&busy] { return busy.isBusy.load(); }));
+    const pztest::ChildResult child = pztest::run_in_child(
+        [&owned] {
+            owned.reset();
+            return 0;
+        },
+        10);
+    EXPECT_TRUE(child.exited) << "hangs";
+    EXPECT_EQ(0, child.status);
+    EXPECT_EQ("", child.output);
+    busy.mayGo = true;
 }
 
 }  // namespace

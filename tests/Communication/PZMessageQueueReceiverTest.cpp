@@ -1,8 +1,10 @@
 #include <mqueue.h>
 #include <pthread.h>
+#include <signal.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <functional>
 #include <future>
@@ -22,6 +24,7 @@
 
 #include "support/Gate.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TestQueue.h"
@@ -419,6 +422,30 @@ TEST_F(PZMessageQueueReceiverTest, AFailureThatLastsIsNotTriedWithoutPauseAndDoe
     }
 }
 
+TEST_F(PZMessageQueueReceiverTest, SignalsDoNotShortenThePauseAfterAFailure) {
+    struct sigaction act = {};
+    act.sa_handler = [](int) {};
+    struct sigaction old = {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &act, &old));
+    const RawQueue peer(name, 4, 2048);
+    StdoutCapture out;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(Open());
+    std::vector<unsigned long> threads;
+    ASSERT_TRUE(wait_until([&threads] {
+        PZThreadMng::GetInstance()->getActiveThreadList(threads);
+        return threads.size() == 1;
+    }));
+    EXPECT_TRUE(wait_until([&threads] {
+        pthread_kill(threads[0], SIGUSR1);
+        return mq_receive_call.Calls() >= 4;  // behind three pauses
+    }));
+    const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
+    EXPECT_LE(0.3, passed.count());
+    receiver->close();
+    sigaction(SIGUSR1, &old, nullptr);
+}
+
 TEST_F(PZMessageQueueReceiverTest, AnExceptionOfAnObserverEndsTheThreadAndCloseCleansUp) {
     observer.action = [] { throw std::runtime_error("observer"); };
     const int before = open_descriptors();
@@ -636,6 +663,60 @@ TEST_F(PZMessageQueueReceiverTest, ReportsAFailedJoin) {
     EXPECT_LT(printed.find("ASSERT Failed"), printed.find("dumpDirectly()@PZCallStack.cpp"));
     pthread_join_call.Replace(nullptr);
     EXPECT_TRUE(Open()) << "the thread is forgotten";
+}
+
+TEST_F(PZMessageQueueReceiverTest, ACancelledThreadDestroysItToTheEnd) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    ASSERT_TRUE(Open());
+    pthread_t thread = {};
+    const auto body = +[](void* queue) -> void* {
+        pthread_cancel(pthread_self());
+        static_cast<std::unique_ptr<Receiver>*>(queue)->reset();
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &receiver));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_EQ(2, pthread_join_call.Calls()) << "the queue's thread has ended";
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ("", out.Take());
+}
+
+// Lack of memory.
+
+class Counter : public PZObserver_ {
+public:
+    unsigned int OnNotify(unsigned int /*id*/, void* /*data*/, unsigned int /*size*/) override {
+        ++calls;
+        return 0;
+    }
+
+    std::atomic<int> calls{0};
+};
+
+TEST_F(PZMessageQueueReceiverTest, SendsReceivesAndClosesWithoutMemory) {
+    Counter counter;
+    StdoutCapture out;
+    ASSERT_TRUE(receiver->open({name.Get(), &counter}));
+    ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
+    Sender sender;
+    ASSERT_TRUE(sender.open({name.Get()}));
+    int sent = -1;
+    bool isReceived = false;
+    {
+        const pztest::GeneralMemoryShortage shortage;
+        sent = sender.send("x", 1, 1);
+        isReceived = wait_until([&counter] { return counter.calls == 1; });
+        receiver->close();
+    }
+    EXPECT_EQ(0, sent);
+    EXPECT_TRUE(isReceived);
+    EXPECT_FALSE(name.Exists());
+    EXPECT_EQ("", out.Take());
 }
 
 // Observers that close.

@@ -1,7 +1,10 @@
 #include "Framework/Communication/PZMessageQueue.h"
 
+#include <fcntl.h>
 #include <mqueue.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
@@ -50,6 +54,7 @@ namespace {
 using PZMsgQ::en_MSG_TYPE_QUIT;
 using PZMsgQ::en_MSG_TYPE_USER;
 using PZMsgQ::MSG_TYPE;
+using pztest::ChildProcess;
 using pztest::error_messages;
 using pztest::has_report;
 using pztest::open_descriptors;
@@ -278,7 +283,57 @@ TEST_F(PZMessageQueueTest, AShorterNameLeavesNothingOfTheOneBefore) {
     EXPECT_TRUE(longer.Exists());
 }
 
+TEST_F(PZMessageQueueTest, DoesNotTakeTheDescriptorsOfTheStandardStreams) {
+    ChildProcess child([this] {
+        for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(standard);
+        if (!OpenCore() || Send("x") != 0) return 1;
+        for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            if (fcntl(standard, F_GETFD) != -1) return 2;
+        }
+        const int handle = STDERR_FILENO + 1;
+        if (mq_attr attr = {}; mq_getattr(handle, &attr) != 0 || attr.mq_curmsgs != 1) return 3;
+        return fcntl(handle, F_GETFD) == FD_CLOEXEC ? 0 : 4;
+    });
+    EXPECT_EQ(0, child.Wait());
+}
+
+TEST_F(PZMessageQueueTest, IsNotOpenedWhenOnlyAStandardDescriptorIsLeft) {
+    const pztest::ChildResult child = pztest::run_in_child([this] {
+        const int last = dup(STDIN_FILENO);  // every number below is in use
+        const rlimit limit = {static_cast<rlim_t>(last + 1), static_cast<rlim_t>(last + 1)};
+        if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
+        close(STDIN_FILENO);
+        if (OpenCore() || core.isOpened()) return 2;
+        return fcntl(STDIN_FILENO, F_GETFD) == -1 ? 0 : 3;
+    });
+    EXPECT_EQ(0, child.status);
+    EXPECT_TRUE(reported_from(child.output, "open",
+                              "error : " + name.System() + " : errno[24 : Too many open files]"));
+}
+
 // Closing.
+
+TEST_F(PZMessageQueueTest, ACancelledThreadDestroysAnOpenQueueToTheEnd) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    pthread_t thread = {};
+    const auto body = +[](void* queueName) -> void* {
+        {
+            Core forgotten;
+            forgotten.open({static_cast<const char*>(queueName), 8});
+            pthread_cancel(pthread_self());
+        }
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, const_cast<char*>(name.Get())));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ(Messages{"Call close method before deleting this instance!"},
+              error_messages(out.Take()));
+}
 
 TEST_F(PZMessageQueueTest, CloseKeepsTheNameOrRemovesIt) {
     const int before = open_descriptors();

@@ -2,6 +2,7 @@
 #define PZ_FRAMEWORK_COMMUNICATION_PZMESSAGEQUEUE_H
 
 #include <mqueue.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstddef>
@@ -65,7 +66,8 @@ public:
 
     PZMessageQueue();
 
-    /// Reports a queue that is still open, and closes it; its name stays.
+    /// Reports a queue that is still open, and closes it; its name stays. A cancelled thread does
+    /// so to the end.
     ~PZMessageQueue();
 
     PZMessageQueue(const PZMessageQueue&) = delete;
@@ -162,10 +164,13 @@ private:
 /// Threads:   open, close and destruction belong to one controlling thread. Observers run on the
 ///            queue's own thread, "mq_" and the name, with the subject's lock held.
 ///            An observer may call close, not destroy the queue: see there.
+/// Processes: the queue belongs to the process that opened it: the end of a forked child does not
+///            disturb it.
 /// Ownership: the observer is not owned; it must live until close has returned.
 /// Failures:  reported and answered with a result. Messages that cannot be received are reported
 ///            and tried again every 100 milliseconds until close. An exception out of an observer
-///            ends the thread; the queue fills up then, until close.
+///            ends the thread; the queue fills up then, until close. Only the constructor throws
+///            std::bad_alloc.
 template <>
 class PZ_API PZMessageQueue<1> : public PZSubject {
 public:
@@ -182,8 +187,9 @@ public:
 
     /// Opens the queue, with room for 64 messages when it is new, and starts the thread.
     ///
-    /// False for a null name or observer, for a queue that cannot be opened, and when the thread
-    /// of the last open was not joined yet, which goes on undisturbed: close first. True also when
+    /// False for a null name or observer, for a queue that cannot be opened, without memory for the
+    /// subscription, and when the thread of the last open was not joined yet, which goes on
+    /// undisturbed: close first. True also when
     /// the thread cannot be started (reported); open again to try once more.
     bool open(const OpenParam& p);
 
@@ -194,6 +200,9 @@ public:
     /// are lost. When the queue is so full that the message is refused (reported as every refused
     /// message is), or messages cannot be received, the thread leaves by itself after the message
     /// it is at. An observer that is at work is waited for.
+    ///
+    /// In a forked child of the process that opened the queue only the child's own handle is
+    /// closed: thread, messages and name stay as they are. The object is of no more use there.
     ///
     /// A call from an observer on the queue's own thread does not wait: the failed join is
     /// reported, the thread ends after the observer has returned. The observer is still subscribed
@@ -215,6 +224,7 @@ private:
         en_STATE_LEAVING   // at once: the message may not have found room
     };
 
+    PZ_LOCAL void closeOfParent();
     PZ_LOCAL void sendQuit();
     PZ_LOCAL void closeQueue();
     PZ_LOCAL bool serveOne();
@@ -227,6 +237,7 @@ private:
     char threadName_[sizeof "mq_" + PZMessageQueue<2>::kMaxNameLength] = {};
     PZSync sync_;  // lets nobody send into a queue that is being closed
     std::atomic<EN_STATE> state_{en_STATE_SERVING};
+    pid_t opener_ = 0;  // the process that has the thread; 0: never opened
 };
 
 }  // namespace PZMsgQ

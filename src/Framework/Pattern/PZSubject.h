@@ -58,6 +58,11 @@ public:
     /// Calls the observers and returns the largest of their results; 0 when none was called.
     unsigned int NotifyObserver(unsigned int id, void* data, unsigned int size, EN_NTF_TYPE type);
 
+protected:
+    /// Drops all subscriptions without the lock. For a subject in a forked child: another thread of
+    /// the parent may have held the lock when the child was made.
+    void ForgetObservers() noexcept;
+
 private:
     struct Entry {
         PZObserver_* observer;          // not owned

@@ -2,17 +2,21 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_uncancelled.h>
 
 namespace PZMsgQ {
 namespace {
@@ -23,7 +27,7 @@ constexpr mode_t kQueueMode = 0666;
 constexpr unsigned int kMostUrgent = 255;  // of the system; the caller's priority 0
 constexpr int kCapacity = 64;              // of the queues of <0> and <1>
 constexpr unsigned int kWatchTimeMs = 4000;
-constexpr unsigned int kRetryPauseMs = 100;
+constexpr long kRetryPauseNs = 100 * 1000 * 1000;
 
 static_assert(sizeof(mqd_t) == 4, "record layout");
 static_assert(sizeof(PZMessageQueue<2>) == 1064, "record layout: 4 + 33 + 1025, padded");
@@ -42,7 +46,34 @@ mqd_t open_or_create(const SystemName& name, int maxMsg) {
     attr.mq_maxmsg = maxMsg;
     attr.mq_msgsize = PZMessageQueue<2>::kMaxMessageSize;
     umask(0);  // every process may open the queue, whoever created it
-    return mq_open(name.text, O_RDWR | O_CREAT, kQueueMode, &attr);
+    // The system makes queues close-on-exec by itself.
+    return pz_above_standard(mq_open(name.text, O_RDWR | O_CREAT, kQueueMode, &attr));
+}
+
+/// Null when there is no memory for one: the queue's thread does not end for that.
+PZWatchDog* watchdog() {
+    try {
+        return PZWatchDog::GetInstance();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+void into_wait() {
+    if (PZWatchDog* const dog = watchdog()) dog->IntoWait();
+}
+
+void out_wait() {
+    if (PZWatchDog* const dog = watchdog()) dog->OutWait();
+}
+
+/// For a loop that is to try again. The whole pause, whatever signals come.
+void pause_after_failure() {
+    timespec rest = {0, kRetryPauseNs};
+    into_wait();
+    while (nanosleep(&rest, &rest) == -1 && errno == EINTR) {
+    }
+    out_wait();
 }
 
 /// The queue whose messages the calling thread receives.
@@ -56,6 +87,7 @@ PZMessageQueue<2>::PZMessageQueue() = default;
 
 PZMessageQueue<2>::~PZMessageQueue() {
     if (!isOpened()) return;
+    const PZUncancelled whole;
     PZ_REPORT_ERROR("Call close method before deleting this instance!\n");
     close(false);
 }
@@ -202,6 +234,7 @@ int PZMessageQueue<0>::send(const void* data, unsigned int size, unsigned char p
 PZMessageQueue<1>::PZMessageQueue() : thread_(this, kWatchTimeMs) {}
 
 PZMessageQueue<1>::~PZMessageQueue() {
+    const PZUncancelled whole;  // the thread must not outlive the object
     close();
 }
 
@@ -216,8 +249,13 @@ bool PZMessageQueue<1>::open(const OpenParam& p) {
         return false;
     }
     RemoveObserver(observer_);  // of an open whose thread could not be started
-    observer_ = p.observer;
-    AddObserver(observer_);
+    observer_ = AddObserver(p.observer) != 0 ? p.observer : nullptr;
+    if (observer_ == nullptr) {
+        queue_.close(false);
+        PZ_REPORT_ERROR("open error\n");
+        return false;
+    }
+    opener_ = getpid();
     std::snprintf(threadName_, sizeof threadName_, "%s%s", "mq_", p.name);
     state_ = en_STATE_SERVING;
     thread_.Start(threadName_);  // reports its failure
@@ -225,6 +263,10 @@ bool PZMessageQueue<1>::open(const OpenParam& p) {
 }
 
 void PZMessageQueue<1>::close() {
+    if (opener_ != 0 && opener_ != getpid()) {
+        closeOfParent();
+        return;
+    }
     if (received_queue == this) {
         // The observer's subscription is in use, and a thread cannot wait for its own end.
         sendQuit();
@@ -245,6 +287,14 @@ void PZMessageQueue<1>::close() {
         return;
     }
     closeQueue();  // of a thread that was never started, or that an exception has ended
+}
+
+// In a forked child the thread, the messages and the name are the parent's. No lock is taken: the
+// thread may have held it when the child was made, and is not here to give it back.
+void PZMessageQueue<1>::closeOfParent() {
+    queue_.close(false);
+    ForgetObservers();
+    observer_ = nullptr;
 }
 
 int PZMessageQueue<1>::Initialize() {
@@ -288,9 +338,9 @@ void PZMessageQueue<1>::closeQueue() {
 bool PZMessageQueue<1>::serveOne() {
     unsigned char data[PZMessageQueue<2>::kMaxMessageSize] = {};  // as long as a message can be
     MSG_TYPE type = en_MSG_TYPE_USER;
-    PZWatchDog::GetInstance()->IntoWait();
+    into_wait();
     const int received = queue_.receive(type, data, sizeof data);
-    PZWatchDog::GetInstance()->OutWait();
+    out_wait();
     if (received < 0) return mayServeAfterFailure();
     if (type == en_MSG_TYPE_QUIT) return false;
     NotifyObserver(0, data, static_cast<unsigned int>(received), en_NTF_ALL);
@@ -300,9 +350,7 @@ bool PZMessageQueue<1>::serveOne() {
 // A failure may last: of a queue with larger messages nothing can be received, a quit neither.
 bool PZMessageQueue<1>::mayServeAfterFailure() const {
     if (!queue_.isOpened() || state_ != en_STATE_SERVING) return false;
-    PZWatchDog::GetInstance()->IntoWait();
-    pz_msleep(kRetryPauseMs);
-    PZWatchDog::GetInstance()->OutWait();
+    pause_after_failure();
     return true;
 }
 

@@ -44,6 +44,10 @@ int PZSubject::RemoveObserver(PZObserver_* o) {
     return 1;
 }
 
+void PZSubject::ForgetObservers() noexcept {
+    observers_.clear();
+}
+
 unsigned int PZSubject::NotifyObserver(unsigned int id, void* data, unsigned int size,
                                        EN_NTF_TYPE type) {
     const PZSyncLock lock(sync_);
