@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -15,6 +17,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
 namespace {
@@ -280,6 +283,21 @@ TEST_F(PZSharedSyncObjectTest, ExcludesTheOtherProcess) {
     object.unlock();
     EXPECT_EQ(0, child.Wait());
     EXPECT_EQ(1, Value());
+}
+
+TEST_F(PZSharedSyncObjectTest, ReportsEveryCallWhenThereWasNoMemoryForIt) {
+    std::unique_ptr<PZSharedSyncObject> object;
+    void* const room = ::operator new(sizeof(PZSharedSyncObject));
+    {
+        const pztest::MemoryShortage shortage;
+        object.reset(new (room) PZSharedSyncObject(Name()));
+    }
+    EXPECT_EQ(Texts{"create error : errno[12 : Cannot allocate memory]"},
+              pztest::error_messages(output_.Take()));
+    object->lock();
+    object->unlock();
+    EXPECT_EQ((Texts{"PZSync.Lock() error [2]", "handle is not created"}),
+              pztest::error_messages(output_.Take()));
 }
 
 }  // namespace
