@@ -6,9 +6,15 @@
 ///
 /// What docs/easy.md tells. The classes beneath are not included: PZFramework.h has them.
 
+#include <Framework/Easy/Event.h>
 #include <Framework/Easy/Framework.h>
 #include <Framework/Easy/Place.h>
+#include <Framework/Easy/StopSignal.h>
+#include <Framework/Easy/Text.h>
+#include <Framework/Easy/Timer.h>
 #include <Framework/Easy/Worker.h>
+#include <Framework/Easy/test/ManualClock.h>
+#include <Framework/Easy/test/SyncWorker.h>
 
 /// The everyday jobs: a layer over the framework's classes, without macros, with times of
 /// std::chrono, and with objects that end what they began.

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include <Framework/Easy/Place.h>
+#include <Framework/Easy/Timer.h>
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/PZApi.h>
 
@@ -373,8 +374,30 @@ public:
         }
     }
 
-    /// Takes no more posts, runs those that are there, and ends the thread: true when it has ended
-    /// by then, also when it had before.
+    /// Has `function` run every `period`, on the worker's thread, from one period on from now. A
+    /// timer without a period (less than 1 ms) is refused: false, and reported.
+    template <typename F>
+    [[nodiscard]] Timer every(std::chrono::milliseconds period, F&& function,
+                              Priority priority = Priority::normal,
+                              const Place& place = Place::here()) {
+        return MakeTimer(std::forward<F>(function), {period, true, priority, place});
+    }
+
+    /// Has `function` run once, after `delay`; 0 and less is at once, as a post. It is not lost
+    /// when there is no room just then.
+    template <typename F>
+    [[nodiscard]] Timer after(std::chrono::milliseconds delay, F&& function,
+                              Priority priority = Priority::normal,
+                              const Place& place = Place::here()) {
+        return MakeTimer(std::forward<F>(function), {delay, false, priority, place});
+    }
+
+    /// The time of the worker's timers: runs steadily, from some start on. A worker of a test has
+    /// that of the test's clock.
+    std::chrono::milliseconds now() const;
+
+    /// Takes no more posts, ends its timers, runs what is posted, and ends the thread: true when it
+    /// has ended by then, also when it had before.
     ///
     /// When it has not ended `within` that time: false, with one report that names the worker, the
     /// place where the running handler was posted, and for how long it has been running. What is
@@ -408,6 +431,16 @@ protected:
     explicit Worker(std::shared_ptr<detail::WorkerCore> core) noexcept;
 
 private:
+    template <typename F>
+    Timer MakeTimer(F&& function, const detail::TimerRequest& request) {
+        if (detail::is_empty<std::decay_t<F>>(function)) {
+            detail::refused(core_.get(), Posted::empty, request.place);
+            return Timer();
+        }
+        return Timer(
+            detail::start_timer(core_, detail::timer_function(std::forward<F>(function)), request));
+    }
+
     std::shared_ptr<detail::WorkerCore> core_;  // null: no memory, or moved from
 };
 

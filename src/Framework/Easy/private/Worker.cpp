@@ -108,6 +108,10 @@ bool Worker::stop() {
     return core_ == nullptr || stop(core_->Options().stop_within);
 }
 
+std::chrono::milliseconds Worker::now() const {
+    return std::chrono::milliseconds(core_ != nullptr ? core_->NowMs() : 0);
+}
+
 const char* Worker::name() const noexcept {
     return core_ != nullptr ? core_->Name() : "";
 }

@@ -8,7 +8,10 @@
 #include <vector>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+
+#include "TimerCore.h"
 
 namespace pz::detail {
 
@@ -69,8 +72,10 @@ Clock::time_point deadline_after(std::chrono::milliseconds within) noexcept {
     return Clock::now() + std::clamp<std::chrono::milliseconds>(within, kNone, kLongest);
 }
 
-WorkerCore::WorkerCore(Kind kind, const char* name, const WorkerOptions& options)
+WorkerCore::WorkerCore(Kind kind, const char* name, const WorkerOptions& options,
+                       std::shared_ptr<ClockCore> clock)
     : kind_(kind),
+      clock_(std::move(clock)),
       options_(options),
       name_(),
       jobs_(new Job[kJobs]),
@@ -273,7 +278,9 @@ bool WorkerCore::RunOne() {
     const bool isNested = isServing_;
     servingThread_ = pthread_self();
     isServing_ = true;
+    const long long startMs = NowMs();
     Execute(*job);
+    if (NowMs() - startMs > options_.watch_time.count()) ++overruns_;
     isServing_ = isNested;
     return true;
 }
@@ -335,7 +342,42 @@ void WorkerCore::RequestStop() noexcept {
         accepting_ = false;
         changed_.notify_all();
     }
+    DetachTimers();
     if (!IsManual() && !isExitRequested_.exchange(true)) box_.Exit();
+}
+
+void WorkerCore::DetachTimers() noexcept {
+    std::vector<std::shared_ptr<TimerCore>> timers;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        timers.swap(timers_);
+    }
+    for (const auto& timer : timers) timer->Detach();
+}
+
+bool WorkerCore::Keep(const std::shared_ptr<TimerCore>& timer) noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!accepting_) return false;
+    try {
+        timers_.push_back(timer);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool WorkerCore::Forget(const TimerCore& timer) noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = std::find_if(timers_.begin(), timers_.end(),
+                                    [&timer](const auto& kept) { return kept.get() == &timer; });
+    if (found == timers_.end()) return false;
+    timers_.erase(found);
+    return true;
+}
+
+long long WorkerCore::NowMs() const {
+    if (clock_ != nullptr) return clock_->NowMs();
+    return static_cast<long long>(PZTickCount::GetInstance()->GetPerformanceTime());
 }
 
 bool WorkerCore::Stop(std::chrono::milliseconds within) {
@@ -413,7 +455,7 @@ bool stop_all_cores() {
     std::size_t index = 0;
     while (const auto core = core_at(index)) {
         const bool hasFailed = core->HasFailedToStop();
-        if (!hasFailed) {
+        if (core->IsRunning()) {
             PZ_REPORT_ERROR("worker [%s] still runs: it is stopped\n", core->Name());
         }
         // Whoever hung may be about to end.

@@ -9,13 +9,18 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include <Framework/Easy/Worker.h>
 #include <Framework/Foundation/PZLMsgBox.h>
 #include <Framework/Foundation/PZPriorityQueue.h>
 #include <Framework/Foundation/PZThread.h>
 
+#include "ClockCore.h"
+
 namespace pz::detail {
+
+class TimerCore;
 
 using Clock = std::chrono::steady_clock;
 
@@ -39,7 +44,9 @@ public:
         manual   // served by whoever calls RunOne
     };
 
-    WorkerCore(Kind kind, const char* name, const WorkerOptions& options);
+    /// `clock`: of a manual core.
+    WorkerCore(Kind kind, const char* name, const WorkerOptions& options,
+               std::shared_ptr<ClockCore> clock = nullptr);
     ~WorkerCore() override;
 
     WorkerCore(const WorkerCore&) = delete;
@@ -60,8 +67,21 @@ public:
     /// Takes a reserved job without a function back.
     void GiveBack(Job& job) noexcept;
 
+    /// Keeps a timer until it is forgotten, or the worker stops, which detaches it. False when the
+    /// worker stops already, and without memory.
+    bool Keep(const std::shared_ptr<TimerCore>& timer) noexcept;
+    /// True when it was kept.
+    bool Forget(const TimerCore& timer) noexcept;
+
     /// Serves the next post of a manual core on the calling thread; false when there is none.
     bool RunOne();
+
+    /// Milliseconds of the worker's clock.
+    long long NowMs() const;
+    /// Null where real time counts.
+    ClockCore* ManualClock() const noexcept { return clock_.get(); }
+    /// Posts of a manual core that took longer than the watch time.
+    unsigned int Overruns() const noexcept { return overruns_.load(); }
 
     bool IsManual() const noexcept { return kind_ == Kind::manual; }
     bool IsOwnThread() const noexcept;
@@ -108,20 +128,23 @@ private:
     void Execute(Job& job);
     void RunFunction(const Job& job);
     void ReportException(const Place& place, const char* what) const noexcept;
+    void DetachTimers() noexcept;
     void DropQueued() noexcept;
     void ReportHang(std::chrono::milliseconds waited) const noexcept;
     void NoteFinished() noexcept;
 
     const Kind kind_;
+    const std::shared_ptr<ClockCore> clock_;  // null: real time
     const WorkerOptions options_;
     char name_[128];
     PZLMsgBox box_;
     unsigned long boxId_ = 0;
 
     mutable std::mutex mutex_;
-    std::condition_variable changed_;  // room, or the end
-    bool accepting_ = false;           // guarded by mutex_
-    bool finished_ = true;             // guarded by mutex_: there is no loop
+    std::condition_variable changed_;                 // room, or the end
+    bool accepting_ = false;                          // guarded by mutex_
+    bool finished_ = true;                            // guarded by mutex_: there is no loop
+    std::vector<std::shared_ptr<TimerCore>> timers_;  // guarded by mutex_
     const std::unique_ptr<Job[]> jobs_;
     unsigned int usedJobs_ = 0;                    // guarded by mutex_: never used from here on
     Job* free_ = nullptr;                          // guarded by mutex_
@@ -141,6 +164,7 @@ private:
     std::atomic<bool> isServing_{false};  // servingThread_ is valid
     std::atomic<bool> hangReported_{false};
     std::atomic<bool> isExitRequested_{false};
+    std::atomic<unsigned int> overruns_{0};
 
     std::mutex joinMutex_;
     bool isJoined_ = true;  // guarded by joinMutex_

@@ -1,0 +1,56 @@
+#ifndef PZ_FRAMEWORK_EASY_STOPSIGNAL_H
+#define PZ_FRAMEWORK_EASY_STOPSIGNAL_H
+
+/// @file
+/// The end of a program by SIGINT (Ctrl-C) and SIGTERM.
+
+#include <Framework/Easy/Event.h>
+#include <Framework/PZApi.h>
+
+namespace pz {
+
+/// While one lives, SIGINT and SIGTERM do not end the process, but signal this.
+///
+///     pz::StopSignal stop;
+///     while (pz::wait_any({&stop, &work}) == 1) ...
+///
+/// The signal stays: once it has come, every wait for a StopSignal is over at once, as long as one
+/// lives. A second signal of the same kind ends the process as it ever did, so that a program that
+/// hangs while it ends can still be stopped by hand.
+///
+/// Several:  at most 16 at a time; all of them are signalled. The first sets the handlers, the last
+///           puts those back that were there before.
+/// Threads:  made and destroyed by one thread at a time; any thread may wait.
+/// Failures: one that could not be made (reported) is false, and cannot be waited for.
+class PZ_API StopSignal : public Waitable {
+public:
+    StopSignal() noexcept;
+    ~StopSignal() override;
+
+    StopSignal(const StopSignal&) = delete;
+    StopSignal& operator=(const StopSignal&) = delete;
+
+    /// Whether it can be waited for.
+    explicit operator bool() const noexcept { return slot_ != kNoSlot; }
+
+    /// SIGINT or SIGTERM when that has come, else 0.
+    int number() const noexcept;
+
+    PZEvent* signals() const noexcept override;
+    void taken() noexcept override;
+
+private:
+    static constexpr int kNoSlot = -1;
+
+    std::unique_ptr<PZEvent> event_;
+    int slot_ = kNoSlot;
+};
+
+/// Waits until SIGINT or SIGTERM comes and answers which; 0 when it cannot wait (reported).
+///
+/// One that comes before ends the process, unless a StopSignal lives already.
+PZ_API int wait_for_stop();
+
+}  // namespace pz
+
+#endif  // PZ_FRAMEWORK_EASY_STOPSIGNAL_H

@@ -1,0 +1,131 @@
+#include "Framework/Easy/StopSignal.h"
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <mutex>
+#include <new>
+
+#include <Framework/Diagnostics/PZReport.h>
+
+namespace pz {
+
+namespace {
+
+constexpr std::array<int, 2> kSignals = {SIGINT, SIGTERM};
+constexpr int kMaxWaiters = 16;
+
+/// What the signal's handler reads; constants and atomics without locks only.
+std::array<std::atomic<PZEvent*>, kMaxWaiters> waiters;
+std::atomic<int> stop_number{0};
+std::atomic<int> running_handlers{0};
+
+static_assert(std::atomic<PZEvent*>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
+              "what a signal's handler may use");
+
+// Each event gets one signal here, or a second one, of the other kind: far from filling its pipe.
+// So SetEvent is one write, which a handler may do.
+void note_stop(int number) {
+    const int savedErrno = errno;
+    ++running_handlers;
+    stop_number = number;
+    for (const std::atomic<PZEvent*>& waiter : waiters) {
+        PZEvent* const event = waiter.load();
+        if (event != nullptr) event->SetEvent();
+    }
+    --running_handlers;
+    errno = savedErrno;
+}
+
+/// Who lives, and what was there before them.
+struct ST_HANDLERS {
+    std::mutex mutex;
+    unsigned int users = 0;                                     // guarded by mutex
+    std::array<struct sigaction, kSignals.size()> former = {};  // guarded by mutex
+};
+
+ST_HANDLERS& handlers() {
+    static ST_HANDLERS& instance = *new ST_HANDLERS;
+    return instance;
+}
+
+void install_locked(ST_HANDLERS& state) {
+    struct sigaction action = {};
+    action.sa_handler = &note_stop;
+    // The second one ends the process; what the first interrupts goes on.
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+    sigemptyset(&action.sa_mask);
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+        ::sigaction(kSignals[i], &action, &state.former[i]);
+    }
+}
+
+void restore_locked(const ST_HANDLERS& state) {
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+        ::sigaction(kSignals[i], &state.former[i], nullptr);
+    }
+    stop_number = 0;
+}
+
+/// The place of the event among the waiters, -1 when all are taken.
+int add_waiter(PZEvent* event) {
+    for (int i = 0; i < kMaxWaiters; ++i) {
+        PZEvent* none = nullptr;
+        if (waiters[static_cast<std::size_t>(i)].compare_exchange_strong(none, event)) return i;
+    }
+    return -1;
+}
+
+/// The event may die afterwards: a handler on another thread is done with it.
+void remove_waiter(int slot) {
+    waiters[static_cast<std::size_t>(slot)] = nullptr;
+    while (running_handlers.load() != 0) {
+    }
+}
+
+}  // namespace
+
+StopSignal::StopSignal() noexcept : event_(new (std::nothrow) PZEvent) {
+    if (event_ == nullptr || !event_->isInitialized()) {
+        PZ_REPORT_ERROR("no event for the stop\n");
+        return;
+    }
+    ST_HANDLERS& state = handlers();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    slot_ = add_waiter(event_.get());
+    if (slot_ == kNoSlot) {
+        PZ_REPORT_ERROR("more than 16 at a time\n");
+        return;
+    }
+    if (state.users++ == 0) install_locked(state);
+    if (stop_number != 0) event_->SetEvent();
+}
+
+StopSignal::~StopSignal() {
+    if (slot_ == kNoSlot) return;
+    ST_HANDLERS& state = handlers();
+    const std::lock_guard<std::mutex> lock(state.mutex);
+    if (--state.users == 0) restore_locked(state);
+    remove_waiter(slot_);
+}
+
+int StopSignal::number() const noexcept {
+    return *this ? stop_number.load() : 0;
+}
+
+PZEvent* StopSignal::signals() const noexcept {
+    return slot_ != kNoSlot ? event_.get() : nullptr;
+}
+
+// The stop stays: whoever waits next is let through as well.
+void StopSignal::taken() noexcept {
+    event_->SetEvent();
+}
+
+int wait_for_stop() {
+    StopSignal stop;
+    return wait_any({&stop}).has_value() ? stop.number() : 0;
+}
+
+}  // namespace pz

@@ -1,0 +1,92 @@
+#include <Framework/Easy/Event.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "support/MemoryShortage.h"
+#include "support/StdoutCapture.h"
+
+using namespace std::chrono_literals;
+using pz::wait_any;
+using pztest::StdoutCapture;
+
+TEST(EasyEventTest, LetsOneWaitThroughForEverySet) {
+    pz::Event event;
+    ASSERT_TRUE(event);
+    EXPECT_FALSE(event.wait(0ms));
+    EXPECT_TRUE(event.set());
+    EXPECT_TRUE(event.set());
+    EXPECT_TRUE(event.wait(0ms));
+    EXPECT_TRUE(event.wait());
+    EXPECT_FALSE(event.wait(-1s));
+}
+
+TEST(EasyEventTest, WaitsForTheWholeTime) {
+    pz::Event event;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(event.wait(20ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+}
+
+TEST(EasyEventTest, ForgetsItsSignalsWhenItIsReset) {
+    pz::Event event;
+    event.set();
+    event.set();
+    event.reset();
+    EXPECT_FALSE(event.wait(0ms));
+}
+
+TEST(EasyEventTest, WakesAnotherThread) {
+    pz::Event event;
+    std::thread setter([&] { event.set(); });
+    EXPECT_TRUE(event.wait(std::chrono::milliseconds::max()));
+    setter.join();
+}
+
+TEST(EasyEventTest, WaitAnyAnswersTheIndexOfTheOneThatIsSet) {
+    pz::Event a;
+    pz::Event b;
+    EXPECT_EQ(std::nullopt, wait_any({&a, &b}, 1ms));
+    b.set();
+    EXPECT_EQ(1U, wait_any({&a, &b}, 60s));
+    a.set();
+    EXPECT_EQ(0U, wait_any({&a, &b}));
+    EXPECT_EQ(std::nullopt, wait_any({&a, &b}, 0ms)) << "both are taken";
+}
+
+TEST(EasyEventTest, WaitAnyRefusesWhatCannotBeWaitedFor) {
+    pz::Event a;
+    a.set();
+    StdoutCapture capture;
+    EXPECT_EQ(std::nullopt, wait_any({}, 0ms));
+    EXPECT_EQ("", capture.Take());
+    EXPECT_EQ(std::nullopt, wait_any({&a, nullptr}, 60s));
+    EXPECT_EQ(std::nullopt, wait_any({&a, &a}, 60s));
+    EXPECT_NE("", capture.Take());
+    EXPECT_TRUE(a.wait(0ms)) << "no signal was taken";
+}
+
+TEST(EasyEventTest, IsMovedWithItsSignals) {
+    pz::Event a;
+    a.set();
+    pz::Event b(std::move(a));
+    const StdoutCapture capture;
+    EXPECT_FALSE(a);
+    EXPECT_FALSE(a.set());
+    EXPECT_FALSE(a.wait(60s));
+    a.reset();
+    EXPECT_TRUE(b.wait(0ms));
+    b.set();
+    a = std::move(b);
+    EXPECT_TRUE(a.wait(0ms));
+}
+
+TEST(EasyEventTest, WithoutMemoryItIsFalse) {
+    StdoutCapture capture;
+    {
+        const pztest::MemoryShortage shortage;
+        pz::Event event;
+        EXPECT_FALSE(event);
+    }
+    EXPECT_TRUE(pztest::has_report(capture.Take(), "Event", "Event.cpp", "no memory"));
+}

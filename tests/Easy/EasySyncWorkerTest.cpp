@@ -1,0 +1,175 @@
+#include <Framework/Easy/test/ManualClock.h>
+#include <Framework/Easy/test/SyncWorker.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/StdoutCapture.h"
+
+using namespace std::chrono_literals;
+using pz::Posted;
+using pz::test::ManualClock;
+using pz::test::SyncWorker;
+
+namespace {
+
+/// A unit as an application has it: knows a pz::Worker only.
+class Scanner {
+public:
+    explicit Scanner(pz::Worker& worker)
+        : worker_(worker),
+          timer_(worker.every(100ms, [this] { polls_.push_back(worker_.now()); })) {}
+    const std::vector<std::chrono::milliseconds>& polls() const { return polls_; }
+    void Stop() { static_cast<void>(timer_.stop()); }
+
+private:
+    pz::Worker& worker_;
+    std::vector<std::chrono::milliseconds> polls_;
+    pz::Timer timer_;
+};
+
+}  // namespace
+
+class EasySyncWorkerTest : public testing::Test {
+protected:
+    ManualClock clock;
+    SyncWorker worker{clock};
+    std::string order;
+    auto note(char c) {
+        return [this, c] { order += c; };
+    }
+};
+
+TEST_F(EasySyncWorkerTest, RunsOnePostAtATimeOnTheCallingThread) {
+    EXPECT_FALSE(worker.run_one());
+    EXPECT_EQ(Posted::ok, worker.post(note('b')));
+    EXPECT_EQ(Posted::ok, worker.post(note('c')));
+    EXPECT_EQ(Posted::ok, worker.post(note('a'), pz::Priority::emergency));
+    EXPECT_EQ("", order);
+    EXPECT_EQ(3U, worker.pending());
+    EXPECT_TRUE(worker.run_one());
+    EXPECT_EQ("a", order);
+    EXPECT_EQ(2U, worker.run_all());
+    EXPECT_EQ("abc", order);
+    EXPECT_STREQ("sync", worker.name());
+    EXPECT_EQ(nullptr, worker.box());
+}
+
+TEST_F(EasySyncWorkerTest, RunAllEndsWhenAFunctionPostsItselfForEver) {
+    int runs = 0;
+    std::function<void()> again = [&] {
+        ++runs;
+        worker.post(again);
+    };
+    worker.post(again);
+    EXPECT_EQ(50U, worker.run_all(50));
+    EXPECT_EQ(50, runs);
+    EXPECT_EQ(1U, worker.pending());
+    EXPECT_TRUE(worker.stop());
+    EXPECT_EQ(51, runs);
+}
+
+TEST_F(EasySyncWorkerTest, TimersRunByTheHandOfTheTest) {
+    Scanner scanner(worker);
+    EXPECT_EQ(0U, worker.run_for(99ms));
+    EXPECT_EQ(1U, worker.run_for(1ms));
+    EXPECT_EQ(9U, worker.run_for(900ms));
+    EXPECT_EQ(1000ms, clock.now());
+    EXPECT_EQ(1000ms, worker.now());
+    ASSERT_EQ(10U, scanner.polls().size());
+    for (size_t i = 0; i < 10; ++i) EXPECT_EQ((i + 1) * 100ms, scanner.polls()[i]);
+    scanner.Stop();
+    EXPECT_EQ(0U, worker.run_for(24h));
+}
+
+TEST_F(EasySyncWorkerTest, TheClockPostsWhatComesDueAndCountsWhatIsMissed) {
+    const pz::Timer timer = worker.every(10ms, note('t'));
+    const pz::Timer once = worker.after(25ms, note('o'));
+    clock.advance(35ms);
+    EXPECT_EQ("", order);
+    EXPECT_EQ(2U, timer.missed()) << "of three periods one is posted";
+    EXPECT_EQ(2U, worker.run_all());
+    EXPECT_EQ("to", order);
+    clock.advance(-1ms);
+    EXPECT_EQ(35ms, clock.now());
+    clock.advance(5ms);
+    EXPECT_EQ(1U, worker.run_all());
+}
+
+TEST_F(EasySyncWorkerTest, TimersOfSeveralWorkersComeInTheOrderOfTheirTimes) {
+    SyncWorker other(clock);
+    std::string due;
+    const pz::Timer late = worker.after(20ms, [&] { due += 'l'; });
+    const pz::Timer early = other.after(10ms, [&] { due += 'e'; });
+    other.run_for(10ms);
+    worker.run_for(10ms);
+    EXPECT_EQ("el", due);
+}
+
+TEST_F(EasySyncWorkerTest, ATimerMayStopItselfAndStartAnother) {
+    pz::Timer first;
+    pz::Timer second;
+    first = worker.every(10ms, [&] {
+        order += '1';
+        EXPECT_TRUE(first.stop());
+        second = worker.after(5ms, note('2'));
+    });
+    worker.run_for(1s);
+    EXPECT_EQ("12", order);
+}
+
+TEST_F(EasySyncWorkerTest, CallServesWhatWasPostedBefore) {
+    worker.post(note('a'));
+    const auto answer = worker.call([this] {
+        order += 'b';
+        return 7;
+    });
+    EXPECT_EQ(7, answer.value_or(0));
+    EXPECT_EQ("ab", order);
+    worker.post([this] { EXPECT_EQ(pz::CallError::own_thread, worker.call([] {}).error()); });
+    EXPECT_EQ(1U, worker.run_all());
+}
+
+TEST_F(EasySyncWorkerTest, HasTheRoomOfAWorker) {
+    for (int i = 0; i < 256; ++i) ASSERT_EQ(Posted::ok, worker.post([] {}));
+    EXPECT_EQ(Posted::full, worker.post_wait([] {}, 60s)) << "nobody else would make room";
+    EXPECT_EQ(256U, worker.run_all());
+}
+
+TEST_F(EasySyncWorkerTest, StopServesWhatIsPosted) {
+    const pz::Timer timer = worker.every(1ms, note('t'));
+    worker.post(note('a'));
+    EXPECT_TRUE(worker.stop());
+    EXPECT_EQ("a", order);
+    EXPECT_FALSE(worker);
+    EXPECT_FALSE(timer);
+    EXPECT_EQ(Posted::stopped, worker.post(note('b')));
+    EXPECT_EQ(0U, worker.run_for(1s));
+}
+
+TEST_F(EasySyncWorkerTest, TellsWhoTakesLongerThanTheWatchTime) {
+    pz::WorkerOptions options;
+    options.watch_time = 50ms;
+    SyncWorker watched(clock, "watched", options);
+    watched.post([this] { clock.advance(50ms); });
+    watched.post([this] { clock.advance(51ms); });
+    EXPECT_EQ(2U, watched.run_all());
+    EXPECT_EQ(1U, watched.overruns());
+}
+
+TEST_F(EasySyncWorkerTest, ReportsWhatThrows) {
+    pztest::StdoutCapture capture;
+    worker.post([] { throw 1; });
+    EXPECT_TRUE(worker.run_one());
+    EXPECT_NE(std::string::npos, capture.Take().find("worker [sync]: what was posted by"));
+}
+
+TEST_F(EasySyncWorkerTest, MayBeMovedFrom) {
+    worker.post(note('a'));
+    const SyncWorker moved(std::move(worker));
+    EXPECT_FALSE(worker.run_one());
+    EXPECT_EQ(0U, worker.run_for(1s));
+    EXPECT_EQ(0U, worker.overruns());
+}

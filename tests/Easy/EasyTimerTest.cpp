@@ -1,0 +1,289 @@
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/Timer.h>
+#include <Framework/Easy/Worker.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "support/Gate.h"
+#include "support/MemoryShortage.h"
+#include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
+
+using namespace std::chrono_literals;
+using Steady = std::chrono::steady_clock;
+using pztest::Gate;
+using pztest::StdoutCapture;
+using pztest::wait_until;
+
+class EasyTimerTest : public testing::Test {
+protected:
+    pz::Framework fw{"easy", 1};
+    pz::Worker worker{"tuner"};
+};
+
+TEST_F(EasyTimerTest, RunsAgainAndAgainOnTheWorkersThreadNeverTooEarly) {
+    std::atomic<int> runs{0};
+    const auto start = Steady::now();
+    std::atomic<bool> isEarly{false};
+    const pz::Timer timer = worker.every(10ms, [&] {
+        const int run = ++runs;
+        if (!worker.is_own_thread()) isEarly = true;
+        if (Steady::now() - start < run * 10ms) isEarly = true;
+    });
+    EXPECT_TRUE(timer);
+    EXPECT_TRUE(wait_until([&] { return runs >= 10; }));
+    EXPECT_FALSE(isEarly);
+}
+
+TEST_F(EasyTimerTest, EveryRunBelongsToItsPeriodHoweverLateTheOneBeforeWas) {
+    constexpr int kPeriods = 40;
+    constexpr auto kPeriod = 5ms;
+    const auto start = worker.now();
+    std::atomic<bool> isSteady{false};
+    std::atomic<bool> isEarly{false};
+    std::optional<pz::Timer> timer;
+    int runs = 0;
+    EXPECT_TRUE(worker.call([&] {
+        timer = worker.every(kPeriod, [&] {
+            ++runs;
+            std::this_thread::sleep_for(1ms);
+            const auto took = worker.now() - start;
+            const auto planned = (runs + static_cast<int>(timer->missed())) * kPeriod;
+            if (took < planned) isEarly = true;
+            // Late runs that were added up would never again be as little behind as one of them.
+            if (runs >= kPeriods && took < planned + kPeriod + 1ms) isSteady = true;
+        });
+    }));
+    EXPECT_TRUE(wait_until([&] { return isSteady.load(); }));
+    EXPECT_TRUE(timer->stop());
+    EXPECT_FALSE(isEarly);
+}
+
+TEST_F(EasyTimerTest, CountsPeriodsThatItMissesInsteadOfQueueingThem) {
+    Gate gate;
+    std::atomic<int> runs{0};
+    const pz::Timer timer = worker.every(1ms, [&] {
+        ++runs;
+        gate.Pass();
+    });
+    ASSERT_TRUE(gate.WaitForArrival());
+    ASSERT_TRUE(wait_until([&] { return timer.missed() >= 20; }));
+    EXPECT_EQ(1, runs);
+    EXPECT_EQ(0U, worker.pending());
+    gate.Open();
+}
+
+TEST_F(EasyTimerTest, AfterRunsOnceAndIsOver) {
+    std::atomic<int> runs{0};
+    const auto start = Steady::now();
+    std::atomic<long long> tookNs{0};
+    pz::Timer timer = worker.after(20ms, [&] {
+        tookNs = (Steady::now() - start).count();
+        ++runs;
+    });
+    EXPECT_TRUE(timer);
+    ASSERT_TRUE(wait_until([&] { return runs == 1; }));
+    EXPECT_GE(tookNs, 20 * 1000000);
+    EXPECT_TRUE(wait_until([&] { return !timer; }));
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(1, runs);
+    EXPECT_TRUE(timer.stop());
+}
+
+TEST_F(EasyTimerTest, AfterNoTimeRunsAtOnce) {
+    std::atomic<int> runs{0};
+    const pz::Timer first = worker.after(0ms, [&] { ++runs; });
+    const pz::Timer second = worker.after(-5s, [&] { ++runs; });
+    const pz::Timer never = worker.after(std::chrono::milliseconds::max(), [&] { runs = 100; });
+    EXPECT_TRUE(wait_until([&] { return runs == 2; }));
+    EXPECT_TRUE(never);
+}
+
+TEST_F(EasyTimerTest, AfterIsNotLostWhenTheWorkerHasNoRoom) {
+    Gate gate;
+    std::atomic<bool> run{false};
+    ASSERT_EQ(pz::Posted::ok, worker.post([&] { gate.Pass(); }));
+    ASSERT_TRUE(gate.WaitForArrival());
+    while (worker.post_wait([] {}, 0ms) == pz::Posted::ok) {
+    }
+    const pz::Timer timer = worker.after(1ms, [&] { run = true; });
+    std::this_thread::sleep_for(30ms);
+    EXPECT_TRUE(timer);
+    gate.Open();
+    EXPECT_TRUE(wait_until([&] { return run.load(); }));
+}
+
+TEST_F(EasyTimerTest, DoesNotRunAfterItWasStopped) {
+    for (int round = 0; round < 50; ++round) {
+        std::atomic<int> runs{0};
+        pz::Timer timer = worker.every(1ms, [&] { ++runs; });
+        ASSERT_TRUE(wait_until([&] { return runs > 0; }));
+        EXPECT_TRUE(timer.stop());
+        const int atStop = runs;
+        EXPECT_FALSE(timer);
+        EXPECT_TRUE(worker.call([] {})) << "a run that was posted before would come first";
+        EXPECT_EQ(atStop, runs);
+        EXPECT_TRUE(timer.stop());
+    }
+}
+
+TEST_F(EasyTimerTest, StopWaitsForTheFunctionThatRuns) {
+    Gate gate;
+    std::atomic<bool> returned{false};
+    std::optional<pz::Timer> timer = worker.every(1ms, [&] {
+        gate.Pass();
+        std::this_thread::sleep_for(20ms);
+        returned = true;
+    });
+    ASSERT_TRUE(gate.WaitForArrival());
+    gate.Open();
+    timer.reset();
+    EXPECT_TRUE(returned);
+}
+
+TEST_F(EasyTimerTest, StopGivesUpOnAFunctionThatHangsAndReportsIt) {
+    pz::WorkerOptions options;
+    options.stop_within = 10ms;
+    Gate gate;
+    std::atomic<int> seen{0};
+    StdoutCapture capture;
+    {
+        pz::Worker hanging("hanging", options);
+        {
+            const pz::Timer timer =
+                hanging.every(1ms, [&gate, &seen, value = std::make_unique<int>(3)] {
+                    gate.Pass();
+                    seen = *value;
+                });
+            ASSERT_TRUE(gate.WaitForArrival());
+        }
+        EXPECT_NE(std::string::npos,
+                  capture.Take().find("worker [hanging]: the timer of TestBody()@EasyTimerTest"));
+        gate.Open();
+        EXPECT_TRUE(wait_until([&] { return seen == 3; }));
+        EXPECT_TRUE(hanging.stop(60s));
+    }
+}
+
+TEST_F(EasyTimerTest, MayBeStoppedOrDestroyedByItsOwnFunction) {
+    std::atomic<int> runs{0};
+    std::optional<pz::Timer> timer;
+    EXPECT_TRUE(worker.call([&] {
+        timer = worker.every(1ms, [&, kept = std::make_unique<int>(1)] {
+            EXPECT_TRUE(timer->stop());
+            timer.reset();
+            runs += *kept;
+        });
+    }));
+    ASSERT_TRUE(wait_until([&] { return runs > 0; }));
+    EXPECT_TRUE(worker.call([] {}));
+    EXPECT_EQ(1, runs);
+}
+
+TEST_F(EasyTimerTest, EndsWithItsWorker) {
+    std::atomic<int> runs{0};
+    pz::Timer timer = worker.every(1ms, [&] { ++runs; });
+    ASSERT_TRUE(wait_until([&] { return runs > 0; }));
+    EXPECT_TRUE(worker.stop(60s));
+    const int atStop = runs;
+    EXPECT_FALSE(timer);
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(atStop, runs);
+    EXPECT_TRUE(timer.stop());
+}
+
+TEST_F(EasyTimerTest, MayOutliveWorkerAndFramework) {
+    std::optional<pz::Timer> timer;
+    {
+        pz::Worker other("other");
+        timer = other.every(1ms, [] {});
+        EXPECT_TRUE(*timer);
+    }
+    EXPECT_FALSE(*timer);
+    EXPECT_TRUE(timer->stop());
+}
+
+TEST_F(EasyTimerTest, IsMovedWithItsFunction) {
+    std::atomic<int> runs{0};
+    std::atomic<int> others{0};
+    pz::Timer first = worker.every(1ms, [&] { ++runs; });
+    pz::Timer second(std::move(first));
+    EXPECT_FALSE(first);
+    EXPECT_TRUE(first.stop());
+    EXPECT_EQ(0U, first.missed());
+    EXPECT_TRUE(second);
+    pz::Timer third = worker.every(1ms, [&] { ++others; });
+    third = std::move(second);
+    const int atMove = others;
+    EXPECT_TRUE(third);
+    EXPECT_TRUE(wait_until([&] { return runs > 3; }));
+    EXPECT_EQ(atMove, others);
+    third = pz::Timer();
+    EXPECT_FALSE(third);
+}
+
+TEST_F(EasyTimerTest, RefusesWhatIsNoPeriodNoFunctionOrNoWorker) {
+    StdoutCapture capture;
+    EXPECT_FALSE(worker.every(0ms, [] {}));
+    EXPECT_FALSE(worker.every(-1ms, [] {}));
+    EXPECT_FALSE(worker.every(1s, std::function<void()>()));
+    pz::Worker stopped("stopped");
+    EXPECT_TRUE(stopped.stop());
+    EXPECT_FALSE(stopped.every(1s, [] {}));
+    const pz::Worker moved(std::move(stopped));
+    EXPECT_FALSE(stopped.after(1s, [] {}));
+    const std::string report = capture.Take();
+    EXPECT_EQ(2U, pztest::count_of(report, "worker [tuner] refuses a timer of TestBody()@"));
+    EXPECT_EQ(2U, pztest::count_of(report, "no period"));
+    EXPECT_EQ(1U, pztest::count_of(report, "an empty function"));
+    EXPECT_EQ(2U, pztest::count_of(report, "the worker does not run"));
+}
+
+TEST_F(EasyTimerTest, AFunctionThatThrowsIsReportedAndRunsAgain) {
+    std::atomic<int> runs{0};
+    StdoutCapture capture;
+    pz::Timer timer = worker.every(1ms, [&] {
+        ++runs;
+        throw 1;
+    });
+    EXPECT_TRUE(wait_until([&] { return runs >= 3; }));
+    EXPECT_TRUE(timer.stop());
+    EXPECT_LE(2U, pztest::count_of(capture.Take(), "what was posted by TestBody()@"));
+}
+
+TEST_F(EasyTimerTest, ManyTimersStartAndStopFromManyThreads) {
+    std::atomic<int> runs{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 100; ++round) {
+                pz::Timer first = worker.every(1ms, [&] { ++runs; });
+                const pz::Timer second = worker.after(0ms, [&] { ++runs; });
+                EXPECT_TRUE(first.stop());
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_TRUE(worker.stop(60s));
+}
+
+TEST_F(EasyTimerTest, ALackOfMemoryIsAnsweredWithNoTimer) {
+    const StdoutCapture capture;
+    bool isStarted = false;
+    for (int skip = 0; !isStarted && skip < 1000; ++skip) {
+        const pztest::MemoryShortage shortage(skip);
+        const pz::Timer timer = worker.every(1h, [] {});
+        if (shortage.Refused() == 0) {
+            isStarted = static_cast<bool>(timer);
+            break;
+        }
+    }
+    EXPECT_TRUE(isStarted);
+}
