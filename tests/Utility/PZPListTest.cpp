@@ -135,6 +135,47 @@ TEST_F(PZPListTest, MovesItsCursorOnWhenTheNodeThereIsErased) {
     EXPECT_EQ(nullptr, list.GetCurrent());
 }
 
+TEST(PZPListOfManyTest, TakesTheNodesOfAnotherList) {
+    PZPList<int> first;
+    PZPList<int> second;
+    int numbers[100] = {};
+    for (int i = 0; i < 40; ++i) first.AddTail(&numbers[i]);
+    {
+        PZPList<int> gone;
+        for (int i = 40; i < 100; ++i) gone.AddTail(&numbers[i]);
+        gone.MoveFirst();
+        first.Take(gone);
+        EXPECT_EQ(0U, gone.GetCount());
+        EXPECT_EQ(nullptr, gone.GetHead());
+        EXPECT_EQ(nullptr, gone.GetCurrent());
+        gone.AddTail(&numbers[0]);  // and is as good as new
+        EXPECT_EQ(1U, gone.GetCount());
+    }
+    EXPECT_EQ(100U, first.GetCount());
+    int next = 0;
+    for (const int* number : first) EXPECT_EQ(&numbers[next++], number);
+    EXPECT_EQ(100, next);
+
+    second.Take(first);
+    first.Take(second);
+    first.Take(second);  // empty
+    first.Take(first);
+    EXPECT_EQ(100U, first.GetCount());
+    EXPECT_EQ(&numbers[0], first.GetHead()->element);
+}
+
+TEST(PZPListOfManyTest, GivesTheMemoryOfErasedNodesToLaterOnes) {
+    PZPList<int> list;
+    int element = 0;
+    list.AddTail(&element);
+    const void* const place = list.GetHead();
+    for (int i = 0; i < 1000; ++i) {
+        list.Erase(list.GetHead());
+        list.AddTail(&element);
+        EXPECT_EQ(place, list.GetHead());
+    }
+}
+
 TEST(PZAllocatorTest, HandsOutMemoryForAsManyObjectsAsAsked) {
     std::vector<int, PZAllocator<int>> numbers(1000, 7);
     EXPECT_EQ(7, numbers[999]);

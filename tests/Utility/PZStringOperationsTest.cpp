@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -335,6 +336,38 @@ TEST_F(PZStringOperationsTest, FindsBytesInNarrowText) {
     EXPECT_EQ(npos, text.IndexOf("a", npos));
     EXPECT_EQ(npos, text.IndexOf("x"));
     EXPECT_TRUE(Silent());
+}
+
+TEST_F(PZStringOperationsTest, FindsBytesWhereTheStandardSearchFindsThem) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 20000; ++round) {
+        // Few letters, so that much is found, and much nearly so.
+        const auto text_of = [&random](size_t size) {
+            std::string text(size, '\0');
+            for (char& c : text) c = "abc"[random() % (1 + random() % 3)];
+            return text;
+        };
+        const std::string haystack = text_of(random() % 100);
+        const std::string needle = text_of(1 + random() % (1 + random() % 40));
+        const auto start = static_cast<unsigned int>(random() % 110);
+        const size_t expected = haystack.find(needle, start);
+        ASSERT_EQ(static_cast<unsigned int>(expected),
+                  PZString(haystack).IndexOf(needle.c_str(), start))
+            << haystack << " " << needle << " " << start;
+    }
+}
+
+TEST_F(PZStringOperationsTest, FindsBytesInTextsThatRepeatThemselves) {
+    const std::string haystack(200000, 'a');
+    const std::string half(100000, 'a');
+    const PZString text(haystack + "b");
+    EXPECT_EQ(PZString::npos, text.IndexOf((half + "ca").c_str()));
+    EXPECT_EQ(100000U, text.IndexOf((half + "b").c_str()));
+    EXPECT_EQ(PZString::npos, text.IndexOf(("ab" + half).c_str()));
+    EXPECT_EQ(PZString::npos, PZString(haystack).IndexOf(("aa" + half + "b" + half).c_str()));
+    EXPECT_EQ(0U, text.IndexOf(half.c_str()));
+    EXPECT_EQ(100000U, text.IndexOf(half.c_str(), 100000));
+    EXPECT_EQ(PZString::npos, text.IndexOf(half.c_str(), 100001));
 }
 
 TEST_F(PZStringOperationsTest, FindsWideTextInWideText) {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <iterator>
 #include <memory>
+#include <new>
 
 /// Memory from the heap, for containers: a standard allocator without state.
 template <typename T>
@@ -82,6 +83,17 @@ protected:
         --count_;
     }
 
+    /// Appends all nodes of `other`, which is empty afterwards.
+    void LinkAll(PZListBase& other) noexcept {
+        if (other.head_ == nullptr || &other == this) return;
+        other.head_->prev = tail_;
+        (tail_ != nullptr ? tail_->next : head_) = other.head_;
+        tail_ = other.tail_;
+        count_ += other.count_;
+        other.head_ = other.tail_ = other.current_ = nullptr;
+        other.count_ = 0;
+    }
+
 private:
     NODE* head_ = nullptr;
     NODE* tail_ = nullptr;
@@ -92,8 +104,11 @@ private:
 /// A doubly linked list of pointers to T.
 ///
 /// Threads:   no lock of its own.
-/// Ownership: the nodes are the list's and go with it; the elements stay the user's.
-/// Failures:  none but the standard allocation error.
+/// Ownership: the nodes are the list's; their memory is kept for further nodes until the list goes.
+///            The elements stay the user's.
+/// Failures:  AddTail throws std::bad_alloc when there is no memory for a node; the list is as it
+/// was
+///            then. Nothing else fails.
 template <typename T, typename ALLOCATOR = PZAllocator<T*>>
 class PZPList : public PZListBase<PZPListObj<T>> {
 public:
@@ -136,24 +151,44 @@ public:
 
     PZPList() = default;
     ~PZPList() {
-        while (this->GetHead() != nullptr) Erase(this->GetHead());
+        while (blocks_ != nullptr) {
+            Slot* const block = blocks_;
+            blocks_ = block->head.next;
+            Allocator().deallocate(block, block->head.slots);
+        }
     }
 
     /// Appends a node that points at `element`.
     void AddTail(T* element) {
-        Allocator allocator;
-        Node* const node = AllocatorTraits::allocate(allocator, 1);
-        AllocatorTraits::construct(allocator, node, Node{nullptr, nullptr, element});
-        this->LinkTail(node);
+        if (free_ == nullptr) AddBlock();
+        Slot* const slot = free_;
+        free_ = slot->nextFree;
+        this->LinkTail(new (&slot->node) Node{nullptr, nullptr, element});
     }
 
-    /// Takes the node out and frees it, not its element. It must be of this list; null is ignored.
+    /// Appends all nodes of `other`, which is empty afterwards. Allocates nothing.
+    void Take(PZPList& other) noexcept {
+        if (&other == this) return;
+        this->LinkAll(other);
+        while (other.free_ != nullptr) {
+            Slot* const slot = other.free_;
+            other.free_ = slot->nextFree;
+            MakeFree(slot);
+        }
+        while (other.blocks_ != nullptr) {
+            Slot* const block = other.blocks_;
+            other.blocks_ = block->head.next;
+            block->head.next = blocks_;
+            blocks_ = block;
+        }
+    }
+
+    /// Takes the node out, not its element; a later node gets its memory. It must be of this list;
+    /// null is ignored.
     void Erase(Node* node) {
         if (node == nullptr) return;
         this->Unlink(node);
-        Allocator allocator;
-        AllocatorTraits::destroy(allocator, node);
-        AllocatorTraits::deallocate(allocator, node, 1);
+        MakeFree(reinterpret_cast<Slot*>(node));
     }
 
     /// The elements, for range-based for loops.
@@ -163,8 +198,38 @@ public:
     /// @}
 
 private:
-    using Allocator = typename std::allocator_traits<ALLOCATOR>::template rebind_alloc<Node>;
-    using AllocatorTraits = std::allocator_traits<Allocator>;
+    static constexpr std::size_t kMaxBlock = 32;  // larger ones cost the C library more
+
+    // Memory of a node. The nodes lie in blocks, because one allocation for each of them costs more
+    // than all else that is done with it; the first slot of a block tells its size.
+    union Slot {
+        Node node;
+        Slot* nextFree;
+        struct {
+            Slot* next;
+            std::size_t slots;
+        } head;
+    };
+    using Allocator = typename std::allocator_traits<ALLOCATOR>::template rebind_alloc<Slot>;
+
+    void MakeFree(Slot* slot) noexcept {
+        slot->nextFree = free_;
+        free_ = slot;
+    }
+
+    /// As many free slots as there are nodes: a list is at most half empty while it grows.
+    void AddBlock() {
+        std::size_t nodes = this->GetCount();
+        if (nodes < 1) nodes = 1;
+        if (nodes > kMaxBlock) nodes = kMaxBlock;
+        Slot* const block = Allocator().allocate(nodes + 1);
+        block->head = {blocks_, nodes + 1};
+        blocks_ = block;
+        for (std::size_t i = nodes; i > 0; --i) MakeFree(block + i);
+    }
+
+    Slot* blocks_ = nullptr;
+    Slot* free_ = nullptr;
 };
 
 #endif  // PZ_FRAMEWORK_UTILITY_PZPLIST_H

@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace PZSerialization {
@@ -32,6 +33,12 @@ class Archive;
 ///            is held, where nothing else is said.
 /// Failures:  reported and answered with a result. A failed conversion leaves the form as it was.
 ///            SubStr alone can throw.
+/// Memory:    an operation that runs out of memory reports it and answers as for a refused
+/// argument:
+///            a constructor makes an object that holds nothing, Copy and Append answer false and
+///            change nothing, reading answers null and keeps the form, IndexOf npos, Split false
+///            with the list as it was. Comparing, measuring, SubStr and DeleteSplitString need
+///            none.
 class PZ_API PZString {
 public:
     using EN_CP = EN_XCP;  ///< a code page
@@ -246,6 +253,7 @@ private:
     friend class PZSerialization::Archive;  // stores the code page and the form that is held
 
     enum class End : int { HEAD, TAIL };
+    enum class LastPiece : int { ALWAYS, UNLESS_EMPTY };
 
     PZ_LOCAL bool Insert(const char* s, EN_CP cpForWide, End end);
     PZ_LOCAL bool Insert(const wchar_t* w, End end);
@@ -253,6 +261,11 @@ private:
     /// False for a null text. `more` may lie in `text`.
     template <typename T>
     PZ_LOCAL static bool InsertText(std::basic_string<T>& text, const T* more, End end);
+    PZ_LOCAL static std::unique_ptr<PZString> PieceOf(std::string_view text);
+    PZ_LOCAL static std::unique_ptr<PZString> PieceOf(std::wstring_view text);
+    template <typename T>
+    PZ_LOCAL static bool AppendPieces(SplitList& list, std::basic_string_view<T> text,
+                                      std::basic_string_view<T> separator, LastPiece lastPiece);
     PZ_LOCAL bool IsWide() const;
     PZ_LOCAL bool HasNoText() const;
 

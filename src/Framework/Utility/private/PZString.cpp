@@ -4,7 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <string_view>
 #include <utility>
+
+#include "pz_find_bytes.h"
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(PZString) == 16, "a code page and three pointers");
@@ -16,9 +22,32 @@ namespace {
 /// Room for a character of any code page, per unit of the source.
 constexpr size_t kMaxBytesPerUnit = 6;
 
-/// A zero-filled buffer for narrow text made from `length` units.
-std::vector<char> narrow_buffer(size_t length) {
-    return std::vector<char>((length + 1) * kMaxBytesPerUnit);
+/// What `operation` answers; `refusal` when it runs out of memory, which is reported as a failure
+/// of `function`.
+template <typename Result, typename Operation>
+Result with_memory(const char* function, Result refusal, const Operation& operation) {
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        PZDbgOutput::DbgPrint(__FILE__, function, __LINE__, PZDbgOutput::en_TAG_ERROR,
+                              "failed to allocate memory\n");
+        return refusal;
+    }
+}
+
+/// A zero-filled buffer to convert into; its memory is null when there is none.
+template <typename T>
+struct ST_BUFFER {
+    explicit ST_BUFFER(size_t units)
+        : memory(new (std::nothrow) T[units]()), size(static_cast<unsigned int>(units)) {}
+
+    const std::unique_ptr<T[]> memory;
+    const unsigned int size;
+};
+
+/// For narrow text made from `length` units.
+ST_BUFFER<char> narrow_buffer(size_t length) {
+    return ST_BUFFER<char>((length + 1) * kMaxBytesPerUnit);
 }
 
 template <typename T>
@@ -51,26 +80,58 @@ constexpr bool starts_utf8_character(char byte) {
     return (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U;
 }
 
-enum class LastPiece : int { ALWAYS, UNLESS_EMPTY };
+/// As the standard search, only faster.
+size_t find(std::string_view text, size_t start, std::string_view sought) {
+    if (start > text.size()) return text.npos;
+    text.remove_prefix(start);
+    const size_t found = pz_find_bytes(text, sought);
+    return found != text.npos ? start + found : text.npos;
+}
 
-/// Appends what lies between the separators.
-template <typename T>
-void append_pieces(PZString::SplitList& list, const std::basic_string<T>& text,
-                   const std::basic_string<T>& separator, LastPiece lastPiece) {
-    const auto append = [&](size_t begin, size_t count) {
-        auto element = std::make_unique<PZString>(text.substr(begin, count));
-        list.AddTail(element.get());
-        static_cast<void>(element.release());  // now DeleteSplitString's
-    };
-    size_t begin = 0;
-    if (!separator.empty()) {
-        size_t found = 0;
-        while ((found = text.find(separator, begin)) != text.npos) {
-            append(begin, found - begin);
-            begin = found + separator.size();
-        }
+size_t find(std::wstring_view text, size_t start, std::wstring_view sought) {
+    return text.find(sought, start);
+}
+
+void destroy_elements(PZString::SplitList& list) {
+    while (list.GetHead() != nullptr) {
+        delete list.GetHead()->element;
+        list.Erase(list.GetHead());
     }
-    if (begin < text.size() || lastPiece == LastPiece::ALWAYS) append(begin, text.npos);
+}
+
+/// The pieces of a text, until all of them are made.
+class Pieces : private PZUncopyable {
+public:
+    ~Pieces() { destroy_elements(list_); }
+
+    void Add(std::unique_ptr<PZString> piece) {
+        list_.AddTail(piece.get());
+        static_cast<void>(piece.release());  // the list's
+    }
+    void MoveTo(PZString::SplitList& list) { list.Take(list_); }
+
+private:
+    PZString::SplitList list_;
+};
+
+/// `more` may lie in `text`.
+void append_bytes(std::string& text, const char* more) {
+    constexpr size_t kFirstGrowth = 63;  // spares texts that are put together the smallest steps
+    const size_t size = std::strlen(more);
+    if (text.capacity() < kFirstGrowth && text.capacity() - text.size() < size) {
+        const std::less<const char*> isBefore;
+        const bool isOwn =
+            !isBefore(more, text.data()) && isBefore(more, text.data() + text.size());
+        if (!isOwn) text.reserve(kFirstGrowth);
+    }
+    text.append(more, size);
+}
+
+/// Leaves `count` units from `start` on, or as many as there are. Needs no memory.
+template <typename T>
+void cut(std::basic_string<T>& text, size_t start, size_t count) {
+    text.erase(0, start);
+    if (count < text.size()) text.resize(count);
 }
 
 /// A narrow text and a wide separator, or the other way round, never come to an end. Waiting keeps
@@ -105,9 +166,7 @@ PZString::PZString(const PZString& o) : codePage_(XCP_NONE) {
     Copy(o);
 }
 
-PZString::~PZString() {
-    DeleteStr();
-}
+PZString::~PZString() = default;
 
 void PZString::DeleteStr() {
     wide_.reset();
@@ -120,11 +179,13 @@ void PZString::DeleteStr() {
 
 bool PZString::Copy(const char* s, EN_CP cp) {
     if (s == nullptr) return false;
-    auto text = std::make_unique<std::string>(s);
-    DeleteStr();
-    narrow_ = std::move(text);
-    codePage_ = cp;
-    return true;
+    return with_memory(__func__, false, [&] {
+        auto text = std::make_unique<std::string>(s);
+        DeleteStr();
+        narrow_ = std::move(text);
+        codePage_ = cp;
+        return true;
+    });
 }
 
 bool PZString::Copy(const std::string& s) {
@@ -133,10 +194,12 @@ bool PZString::Copy(const std::string& s) {
 
 bool PZString::Copy(const wchar_t* s) {
     if (s == nullptr) return false;
-    auto text = std::make_unique<std::wstring>(s);
-    DeleteStr();
-    wide_ = std::move(text);
-    return true;
+    return with_memory(__func__, false, [&] {
+        auto text = std::make_unique<std::wstring>(s);
+        DeleteStr();
+        wide_ = std::move(text);
+        return true;
+    });
 }
 
 bool PZString::Copy(const std::wstring& s) {
@@ -155,21 +218,28 @@ bool PZString::Copy(const unsigned short* s, EN_CP cp) {
     if (s == nullptr) return false;
     const unsigned short* end = s;
     while (*end != 0) ++end;
-    auto text = std::make_unique<std::vector<unsigned short>>(s, end + 1);
-    DeleteStr();
-    units_ = std::move(text);
-    codePage_ = cp;
-    return true;
+    return with_memory(__func__, false, [&] {
+        auto text = std::make_unique<std::vector<unsigned short>>(s, end + 1);
+        DeleteStr();
+        units_ = std::move(text);
+        codePage_ = cp;
+        return true;
+    });
 }
 
 bool PZString::Copy(const PZString& o) {
     if (this == &o) return true;
-    DeleteStr();
-    codePage_ = o.codePage_;
-    wide_ = clone(o.wide_);
-    narrow_ = clone(o.narrow_);
-    units_ = clone(o.units_);
-    return true;
+    return with_memory(__func__, false, [&] {
+        PZString copy;
+        copy.wide_ = clone(o.wide_);
+        copy.narrow_ = clone(o.narrow_);
+        copy.units_ = clone(o.units_);
+        wide_.swap(copy.wide_);
+        narrow_.swap(copy.narrow_);
+        units_.swap(copy.units_);
+        codePage_ = o.codePage_;
+        return true;
+    });
 }
 
 PZString& PZString::operator=(const char* s) {
@@ -202,8 +272,14 @@ PZString& PZString::operator=(const PZString& o) {
 template <typename T>
 bool PZString::InsertText(std::basic_string<T>& text, const T* more, End end) {
     if (more == nullptr) return false;
-    text.insert(end == End::HEAD ? 0 : text.size(), more);
-    return true;
+    return with_memory(end == End::HEAD ? "AppendToHead" : "Append", false, [&] {
+        if (end == End::HEAD) {
+            text.insert(0, more);
+        } else {
+            text.append(more);
+        }
+        return true;
+    });
 }
 
 bool PZString::IsWide() const {
@@ -249,6 +325,12 @@ bool PZString::Insert(const PZString& o, End end) {
 
 bool PZString::Append(const char* s) {
     if (s == nullptr) return false;
+    if (narrow_ != nullptr) {
+        return with_memory(__func__, false, [&] {
+            append_bytes(*narrow_, s);
+            return true;
+        });
+    }
     if (IsWide() && codePage_ == XCP_NONE) codePage_ = XCP_UTF8;
     return Insert(s, codePage_, End::TAIL);
 }
@@ -333,15 +415,18 @@ PZString& PZString::operator+=(const PZString& o) {
 const char* PZString::ToCHAR(EN_CP cp) {
     if (narrow_ != nullptr) {
         if (codePage_ == cp || narrow_->empty()) return narrow_->c_str();
-        std::vector<char> buffer = narrow_buffer(narrow_->size());
-        const int result = pz_cp_conv(buffer.data(), size32(buffer), cp, narrow_->c_str(),
+        const ST_BUFFER<char> buffer = narrow_buffer(narrow_->size());
+        if (buffer.memory == nullptr) {
+            PZ_REPORT_ERROR("failed to allocate memory\n");
+            return nullptr;
+        }
+        const int result = pz_cp_conv(buffer.memory.get(), buffer.size, cp, narrow_->c_str(),
                                       size32(*narrow_), codePage_);
         if (result < 1) {
             PZ_REPORT_ERROR("faild to convert ret[%d]\n", result);
             return nullptr;
         }
-        Copy(buffer.data(), cp);
-        return narrow_->c_str();
+        return Copy(buffer.memory.get(), cp) ? narrow_->c_str() : nullptr;
     }
 
     if (wide_ == nullptr && units_ == nullptr) return nullptr;
@@ -354,22 +439,22 @@ const char* PZString::ToCHAR(EN_CP cp) {
         return nullptr;
     }
     const size_t length = wide_ != nullptr ? wide_->size() : units_->size() - 1;
-    if (length == 0) {
-        Copy("", codePage_);
-        return narrow_->c_str();
+    if (length == 0) return Copy("", codePage_) ? narrow_->c_str() : nullptr;
+    const ST_BUFFER<char> buffer = narrow_buffer(length);
+    if (buffer.memory == nullptr) {
+        PZ_REPORT_ERROR("failed to allocate memory\n");
+        return nullptr;
     }
-    std::vector<char> buffer = narrow_buffer(length);
-    const int result =
-        wide_ != nullptr
-            ? pz_wctomb(buffer.data(), size32(buffer), wide_->c_str(), static_cast<int>(length), cp)
-            : pz_wc16tomb(buffer.data(), size32(buffer), XCP_UTF8, units_->data(),
-                          static_cast<int>(length), codePage_);
+    const int result = wide_ != nullptr
+                           ? pz_wctomb(buffer.memory.get(), buffer.size, wide_->c_str(),
+                                       static_cast<int>(length), cp)
+                           : pz_wc16tomb(buffer.memory.get(), buffer.size, XCP_UTF8, units_->data(),
+                                         static_cast<int>(length), codePage_);
     if (result < 1) {
         PZ_REPORT_ERROR("faild to convert\n");
         return nullptr;
     }
-    Copy(buffer.data(), cp);
-    return narrow_->c_str();
+    return Copy(buffer.memory.get(), cp) ? narrow_->c_str() : nullptr;
 }
 
 const char* PZString::ToTCHAR() {
@@ -388,18 +473,21 @@ const wchar_t* PZString::ToWCHAR() {
     }
     if (narrow_->empty()) {
         const EN_CP kept = codePage_;
-        Copy(L"");
+        if (!Copy(L"")) return nullptr;
         codePage_ = kept;
         return wide_->c_str();
     }
-    std::vector<wchar_t> buffer(narrow_->size() + 1);
-    if (pz_mbtowc(buffer.data(), size32(buffer), narrow_->c_str(), size32(*narrow_), codePage_) <
+    const ST_BUFFER<wchar_t> buffer(narrow_->size() + 1);
+    if (buffer.memory == nullptr) {
+        PZ_REPORT_ERROR("failed to allocate memory\n");
+        return nullptr;
+    }
+    if (pz_mbtowc(buffer.memory.get(), buffer.size, narrow_->c_str(), size32(*narrow_), codePage_) <
         1) {
         PZ_REPORT_ERROR("faild to convert\n");
         return nullptr;
     }
-    Copy(buffer.data());
-    return wide_->c_str();
+    return Copy(buffer.memory.get()) ? wide_->c_str() : nullptr;
 }
 
 const unsigned short* PZString::ToWCHAR16(EN_CP cp) {
@@ -412,14 +500,17 @@ const unsigned short* PZString::ToWCHAR16(EN_CP cp) {
         return nullptr;
     }
     if (narrow_ != nullptr) {
-        std::vector<unsigned short> buffer(narrow_->size() + 1);
-        if (!narrow_->empty() && pz_mbtowc16(buffer.data(), size32(buffer), cp, narrow_->c_str(),
+        const ST_BUFFER<unsigned short> buffer(narrow_->size() + 1);
+        if (buffer.memory == nullptr) {
+            PZ_REPORT_ERROR("failed to allocate memory\n");
+            return nullptr;
+        }
+        if (!narrow_->empty() && pz_mbtowc16(buffer.memory.get(), buffer.size, cp, narrow_->c_str(),
                                              size32(*narrow_), codePage_) < 1) {
             PZ_REPORT_ERROR("faild to convert\n");
             return nullptr;
         }
-        Copy(buffer.data(), cp);
-        return units_->data();
+        return Copy(buffer.memory.get(), cp) ? units_->data() : nullptr;
     }
     if (wide_ != nullptr) {
         PZ_REPORT_ERROR("not support for now.\n");
@@ -540,7 +631,7 @@ unsigned int PZString::IndexOf(const char* s, unsigned int start) const {
         PZString wide(s, XCP_UTF8);
         return IndexOf(wide.ToWCHAR(), start);
     }
-    return position(narrow_->find(s, start));
+    return position(find(*narrow_, start, s));
 }
 
 unsigned int PZString::IndexOf(const wchar_t* w, unsigned int start) const {
@@ -580,13 +671,48 @@ PZString& PZString::SubStr(unsigned int start, unsigned int end) {
     const unsigned int count = end - start + 1;
     if (length <= end || length <= start || static_cast<int>(count) < 0) return *this;
     if (narrow_ != nullptr) {
-        *narrow_ = narrow_->substr(start, count);
+        cut(*narrow_, start, count);
     } else if (wide_ != nullptr) {
-        *wide_ = wide_->substr(start, count);
+        static_cast<void>(wide_->substr(start, 0));  // throws behind the end
+        cut(*wide_, start, count);
     } else {
         PZ_REPORT_ERROR("not support for now.\n");
     }
     return *this;
+}
+
+std::unique_ptr<PZString> PZString::PieceOf(std::string_view text) {
+    auto piece = std::make_unique<PZString>();
+    piece->narrow_ = std::make_unique<std::string>(text);
+    piece->codePage_ = XCP_UTF8;
+    return piece;
+}
+
+std::unique_ptr<PZString> PZString::PieceOf(std::wstring_view text) {
+    auto piece = std::make_unique<PZString>();
+    piece->wide_ = std::make_unique<std::wstring>(text);
+    return piece;
+}
+
+/// Appends what lies between the separators, all of it or nothing.
+template <typename T>
+bool PZString::AppendPieces(SplitList& list, std::basic_string_view<T> text,
+                            std::basic_string_view<T> separator, LastPiece lastPiece) {
+    return with_memory("Split", false, [&] {
+        Pieces pieces;
+        size_t begin = 0;
+        while (!separator.empty()) {
+            const size_t end = find(text, begin, separator);
+            if (end == text.npos) break;
+            pieces.Add(PieceOf(text.substr(begin, end - begin)));
+            begin = end + separator.size();
+        }
+        if (begin < text.size() || lastPiece == LastPiece::ALWAYS) {
+            pieces.Add(PieceOf(text.substr(begin)));
+        }
+        pieces.MoveTo(list);
+        return true;
+    });
 }
 
 bool PZString::Split(SplitList& list, const char* sep) const {
@@ -596,8 +722,7 @@ bool PZString::Split(SplitList& list, const char* sep) const {
         PZ_REPORT_ERROR("no string\n");
         return false;
     }
-    append_pieces(list, *narrow_, std::string(sep), LastPiece::ALWAYS);
-    return true;
+    return AppendPieces<char>(list, *narrow_, sep, LastPiece::ALWAYS);
 }
 
 bool PZString::Split(SplitList& list, const wchar_t* sep) const {
@@ -607,8 +732,7 @@ bool PZString::Split(SplitList& list, const wchar_t* sep) const {
         PZ_REPORT_ERROR("no string\n");
         return false;
     }
-    append_pieces(list, *wide_, std::wstring(sep), LastPiece::ALWAYS);
-    return true;
+    return AppendPieces<wchar_t>(list, *wide_, sep, LastPiece::ALWAYS);
 }
 
 bool PZString::Split(SplitList& list, char sep) const {
@@ -617,11 +741,11 @@ bool PZString::Split(SplitList& list, char sep) const {
         return false;
     }
     if (IsWide()) {
-        PZString wide(std::string(1, sep));
+        const char text[] = {sep, '\0'};
+        PZString wide(text);
         return Split(list, wide.ToWCHAR());
     }
-    append_pieces(list, *narrow_, std::string(1, sep), LastPiece::UNLESS_EMPTY);
-    return true;
+    return AppendPieces<char>(list, *narrow_, {&sep, 1}, LastPiece::UNLESS_EMPTY);
 }
 
 bool PZString::Split(SplitList& list, wchar_t sep) const {
@@ -630,16 +754,13 @@ bool PZString::Split(SplitList& list, wchar_t sep) const {
         return false;
     }
     if (wide_ == nullptr) {
-        PZString narrow(std::wstring(1, sep));
+        const wchar_t text[] = {sep, L'\0'};
+        PZString narrow(text);
         return Split(list, narrow.ToCHAR(codePage_));
     }
-    append_pieces(list, *wide_, std::wstring(1, sep), LastPiece::UNLESS_EMPTY);
-    return true;
+    return AppendPieces<wchar_t>(list, *wide_, {&sep, 1}, LastPiece::UNLESS_EMPTY);
 }
 
 void PZString::DeleteSplitString(SplitList& list) const {
-    for (unsigned int left = list.GetCount(); left > 0; --left) {
-        delete list.GetHead()->element;
-        list.Erase(list.GetHead());
-    }
+    destroy_elements(list);
 }
