@@ -18,6 +18,7 @@
 
 #include <Framework/private/pz_epoll_wait.h>
 
+#include "support/CancelledStack.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/OpenDescriptors.h"
@@ -338,6 +339,7 @@ TEST(PZLoopWaitProcessTest, OpensOnceDescriptorsAreFreeAgain) {
 // Cancellation
 
 void* wait_forever(void* loop) {
+    const pztest::CancelledStack stack;
     static_cast<PZLoopWait*>(loop)->Wait(kNoLimit);
     return nullptr;
 }

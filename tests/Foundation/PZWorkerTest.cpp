@@ -10,6 +10,9 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -18,8 +21,10 @@
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
 
+#include "support/ChildProcess.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/RecordingDispatcher.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
@@ -37,6 +42,9 @@ using ThreadMain = void* (*)(void*);
 constexpr int kStartLimitMs = 3000;
 constexpr unsigned int kOrdinary = 1;
 constexpr int kNoThreadPriority = 256;
+constexpr unsigned int kWatchTimeMs = 1234;
+constexpr unsigned int kWorkerNo = 17;
+constexpr unsigned int kWhoAmI = 1000;
 
 pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
 pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
@@ -94,10 +102,6 @@ bool is_active(unsigned long handle) {
 
 class PZWorkerTest : public testing::Test {
 protected:
-    static constexpr unsigned int kWatchTimeMs = 1234;
-    static constexpr unsigned int kWorkerNo = 17;
-    static constexpr unsigned int kWhoAmI = 1000;
-
     // The framework's start makes these two before any worker runs.
     PZWorkerTest() {
         PZThreadMng::GetInstance();
@@ -446,6 +450,169 @@ TEST_F(PZWorkerTest, ManyWorkersServeSideBySide) {
     EXPECT_TRUE(wait_until([&] { return hops == kHops; }));
     for (const auto& each : workers) each->End(0);
     EXPECT_EQ(kHops, hops);
+}
+
+// Out of descriptors
+
+/// Leaves `more` descriptors to the process.
+class FewDescriptors {
+public:
+    explicit FewDescriptors(unsigned int more) {
+        getrlimit(RLIMIT_NOFILE, &normal_);
+        const int firstFree = dup(STDIN_FILENO);
+        close(firstFree);
+        const rlimit few = {static_cast<rlim_t>(firstFree) + more, normal_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &few);
+    }
+    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &normal_); }
+
+    FewDescriptors(const FewDescriptors&) = delete;
+    FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+private:
+    rlimit normal_ = {};
+};
+
+size_t threads_of_process() {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    while (status >> word && word != "Threads:") {
+    }
+    size_t threads = 0;
+    status >> threads;
+    return threads;
+}
+
+TEST(PZWorkerDescriptorsTest, MakesNoThreadWithoutItsEventsAndStartsOnceItGetsThem) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        PZThreadMng::GetInstance();
+        PZWatchDog::GetInstance();
+        const size_t otherThreads = threads_of_process();
+        for (unsigned int more = 0; more < 5; ++more) {
+            std::unique_ptr<PZWorker> worker;
+            {
+                const FewDescriptors few(more);
+                worker = std::make_unique<PZWorker>(1, kWatchTimeMs, kWorkerNo);
+                std::puts("start");
+                if (worker->Start("few") != -1) return 1;
+                std::puts("started");
+                std::fflush(stdout);
+                if (worker->GetPriority() != 256) return 2;
+            }
+            if (threads_of_process() != otherThreads) return 3;
+            RecordingDispatcher unit;
+            const unsigned long id = worker->GetMsgBox()->Registory(&unit);
+            if (worker->Start("enough") != 0) return 4;
+            PZIMsgBox::ST_PUSH_MSG_DATA record = {id, 1, kOrdinary, nullptr, 0};
+            if (worker->GetMsgBox()->PushMsg(record) != 0) return 5;
+            worker->End(0);
+            if (unit.Received().size() != 1) return 6;
+        }
+        return 0;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status);
+    size_t starts = 0;
+    size_t at = 0;
+    while ((at = child.output.find("start\n", at)) != std::string::npos) {
+        const size_t end = child.output.find("started\n", at);
+        ASSERT_NE(std::string::npos, end);
+        const std::string said = child.output.substr(at, end - at);
+        EXPECT_EQ(1U, pztest::error_messages(said).size()) << said;
+        EXPECT_NE(std::string::npos, said.find("Too many open files")) << said;
+        ++starts;
+        at = end;
+    }
+    EXPECT_EQ(5U, starts);
+}
+
+TEST(PZWorkerDescriptorsTest, EndsAtOnceWhenItsStartFoundNoDescriptors) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        PZThreadMng::GetInstance();
+        PZWatchDog::GetInstance();
+        const FewDescriptors few(3);
+        PZWorker worker(1, kWatchTimeMs, kWorkerNo);
+        if (worker.Start("few") != -1) return 1;
+        worker.End(0);
+        return 0;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status);
+}
+
+TEST(PZWorkerDescriptorsTest, ServesQuietlyInAProcessWithoutFreeDescriptors) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        PZThreadMng::GetInstance();
+        PZWatchDog::GetInstance();
+        PZWorker worker(1, kWatchTimeMs, kWorkerNo);
+        RecordingDispatcher unit;
+        const unsigned long id = worker.GetMsgBox()->Registory(&unit);
+        if (worker.Start("serves") != 0) return 1;
+        const FewDescriptors none(0);
+        for (unsigned int i = 1; i <= 200; ++i) {
+            PZIMsgBox::ST_PUSH_MSG_DATA record = {id, i, kOrdinary, "x", 2};
+            if (worker.GetMsgBox()->PushMsg(record) != 0) return 2;
+            if (worker.GetMsgBox()->SetEvent(i, id) != 0) return 3;
+            if (!unit.WaitForCount(2 * static_cast<size_t>(i))) return 4;
+        }
+        worker.End(0);
+        return 0;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status);
+    EXPECT_EQ("", child.output);
+}
+
+// A handler that throws
+
+TEST_F(PZWorkerTest, ServesNothingAnyMoreWhenAHandlerThrew) {
+    const size_t otherThreads = threads_of_process();
+    const auto threadIsGone = [=] { return threads_of_process() == otherThreads; };
+    unit.OnMessage(1, [](const auto&) { throw 1; });
+    ASSERT_EQ(0, worker.Start("throws"));
+    ASSERT_EQ(0U, Post(1));
+    ASSERT_TRUE(wait_until(threadIsGone));
+    for (unsigned int i = 0; i < 256; ++i) EXPECT_EQ(0U, Post(2));
+
+    worker.End(0);  // nobody takes the request to end: it stays in the box
+    EXPECT_EQ(0, worker.Start("again"));
+    ASSERT_TRUE(wait_until(threadIsGone));
+    worker.End(0);
+    EXPECT_EQ(0, worker.Start("once more"));
+    ASSERT_TRUE(wait_until(threadIsGone));
+    const StdoutCapture capture;
+    for (unsigned int i = 0; i < 256; ++i) EXPECT_EQ(0U, Post(2));
+    EXPECT_EQ(3U, Post(2));
+    EXPECT_EQ((Log{"msg 1"}), unit.Received());
+}
+
+// Out of memory
+
+TEST(PZWorkerMemoryTest, AnswersAFailedStartAndStartsOnceThereIsMemory) {
+    PZThreadMng::GetInstance();
+    PZWatchDog::GetInstance();
+    PZWorker worker(1, kWatchTimeMs, kWorkerNo);
+    RecordingDispatcher unit;
+    const unsigned long id = worker.GetMsgBox()->Registory(&unit);
+    const StdoutCapture capture;
+    for (int skip = 0;; ++skip) {
+        int result = 0;
+        int refused = 0;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            result = worker.Start("short");
+            refused = shortage.Refused();
+        }
+        if (refused == 0) {
+            ASSERT_EQ(0, result);
+            break;
+        }
+        ASSERT_EQ(-1, result);
+    }
+    PZIMsgBox::ST_PUSH_MSG_DATA record = {id, 1, kOrdinary, nullptr, 0};
+    EXPECT_EQ(0U, worker.GetMsgBox()->PushMsg(record));
+    worker.End(0);
+    EXPECT_EQ((Log{"msg 1"}), unit.Received());
 }
 
 }  // namespace

@@ -168,18 +168,16 @@ def keys_of_set(set_):
         yield (node + 1).cast(key.pointer()).dereference()
 
 
-def elements_of_deque(deque):
-    """The elements of a std::deque from the front, and their number first."""
-    start, finish = deque["_M_impl"]["_M_start"], deque["_M_impl"]["_M_finish"]
-    size = size_behind(start["_M_cur"])
-    per_node = max(1, 512 // size)
-    nodes = (int(finish["_M_node"]) - int(start["_M_node"])) // start["_M_node"].type.sizeof
-    skipped = (int(start["_M_cur"]) - int(start["_M_first"])) // size
-    in_last = (int(finish["_M_cur"]) - int(finish["_M_first"])) // size
-    count = nodes * per_node + in_last - skipped
+def elements_of_queue(queue):
+    """The elements of a PZPriorityQueue in the order of service, and their number first."""
+    ring = queue["ring_"]["_M_impl"]
+    start, finish = ring["_M_start"], ring["_M_finish"]
+    size = max(1, (int(finish) - int(start)) // size_behind(start))
+    front, count = unsigned(queue["front_"], 32), unsigned(queue["count_"], 32)
     yield count
-    for index in range(skipped, skipped + count):
-        yield (start["_M_node"] + index // per_node).dereference()[index % per_node]
+    # The back is served first.
+    for position in reversed(range(count)):
+        yield start[(front + position) % size]
 
 
 def thread_numbers():
@@ -412,8 +410,8 @@ class MsgBoxPrinter:
 
     @readable
     def to_string(self):
-        messages = next(elements_of_deque(self.value["msgs_"]["ques_"]))
-        events = next(elements_of_deque(self.value["events_"]["c"]))
+        messages = next(elements_of_queue(self.value["msgs_"]))
+        events = next(elements_of_queue(self.value["events_"]))
         worker = int(self.value["workerId_"])
         state = "worker %d" % worker if worker != 0 else "not served yet"
         return "%s, %s, %s" % (state, count_of(messages, "message"), count_of(events, "event"))
@@ -422,13 +420,11 @@ class MsgBoxPrinter:
     def children(self):
         yield "message lock", self.value["msgSync_"]
         yield "dispatcher lock", self.value["dispatcherSync_"]
-        # The back of the queue is served first.
-        queue = elements_of_deque(self.value["msgs_"]["ques_"])
-        next(queue)
-        messages = list(itertools.islice(queue, MOST_ELEMENTS))
-        for index, message in enumerate(reversed(messages)):
+        messages = elements_of_queue(self.value["msgs_"])
+        next(messages)
+        for index, message in enumerate(messages):
             yield "message %d" % index, self.message_text(message)
-        events = elements_of_deque(self.value["events_"]["c"])
+        events = elements_of_queue(self.value["events_"])
         next(events)
         for index, event in enumerate(events):
             yield "event %d" % index, "0x%x for %s" % (unsigned(event["bits"], 32),

@@ -2,7 +2,7 @@
 #define PZ_FRAMEWORK_FOUNDATION_PZLMSGBOX_H
 
 #include <atomic>
-#include <queue>
+#include <memory>
 #include <set>
 
 #include <Framework/Foundation/PZEvent.h>
@@ -27,9 +27,15 @@
 ///            messages are not released: wait with InitWait before the first post.
 /// Exit:      takes effect when nothing is pending. An Exit that found no loop, or a second one,
 ///            stays pending and ends the next Loop as soon as that is idle.
-/// Ownership: the box owns its payload copies and releases each one after service. Copies of
-///            messages that are still queued when the box dies are not released. Messages for an
-///            identifier that is not registered are dropped without a report.
+/// Wake-ups:  a post wakes the loop when it sleeps, with one system call, and makes none while it
+///            serves: it cannot fail for that then. A wait that fails is reported like a broken
+///            invariant and repeated after 100 milliseconds.
+/// Ownership: the box owns its payload copies, in memory that it keeps, and uses the memory of one
+///            again after service. Copies of messages that are still queued when the box dies are
+///            not released. Messages for an identifier that is not registered are dropped without
+///            a report.
+/// Process:   five descriptors, above 2 where they are the loop's. A box that found none, or no
+///            memory, has reported that: its posts answer 1, and its Loop ends at once.
 class PZ_API PZLMsgBox : public PZIMsgBox {
 public:
     /// One pending event.
@@ -63,12 +69,15 @@ public:
     int Loop(unsigned int workerId) override;
 
 private:
-    PZ_LOCAL void DiscardPending(unsigned int workerId);
-    PZ_LOCAL bool IsIdle() const;
-    PZ_LOCAL bool WaitForExit();
-    PZ_LOCAL void ResetMsgEvent();
+    struct PZ_LOCAL Kept;
+
+    PZ_LOCAL bool MakeEvents();
+    PZ_LOCAL bool BeginLoop(unsigned int workerId);
+    PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d) PZ_REQUIRES(msgSync_);
+    PZ_LOCAL bool QueueLocked(const EventInfo& event) PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL EventInfo TakeEvent();
+    PZ_LOCAL void NoteNextLocked() PZ_REQUIRES(msgSync_);
     PZ_LOCAL PZIDispatcher* FindLocked(unsigned long id) const PZ_REQUIRES(dispatcherSync_);
     PZ_LOCAL void DispatchMessage(const ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL void DispatchEvent(const EventInfo& event);
@@ -78,21 +87,22 @@ private:
     PZ_LOCAL int GetAndExcuteEventAndEmgMsg();
     PZ_LOCAL int GetAndExcuteMessage();
 
+    friend class PZWorker;  // makes the events before the thread
+
     std::set<PZIDispatcher*> dispatchers_ PZ_GUARDED_BY(dispatcherSync_);  // not owned
-    PZPriorityQueue<ST_PUSH_MSG_DATA> msgs_ PZ_GUARDED_BY(msgSync_);       // owns the payloads
-    std::queue<EventInfo> events_ PZ_GUARDED_BY(msgSync_);
+    PZPriorityQueue<ST_PUSH_MSG_DATA> msgs_ PZ_GUARDED_BY(msgSync_);       // payloads in kept_
+    PZPriorityQueue<EventInfo> events_ PZ_GUARDED_BY(msgSync_);            // all of one level
     PZSync msgSync_;         // never held while a handler runs
     PZSync dispatcherSync_;  // held while a handler runs
     PZEvent startedEvent_;
-    PZEvent exitEvent_;
-    PZEvent msgEvent_;  // set after every insertion, under msgSync_
+    std::unique_ptr<Kept> kept_;  // what the loop waits with; null without memory
     unsigned int trail_;
     int workerId_ PZ_GUARDED_BY(msgSync_);  // 0 until Loop
 
-    // The sizes of the queues, written under msgSync_. The loop reads them without it: only the
-    // loop takes out, so what it has seen stays there, and what it has missed sets msgEvent_.
-    std::atomic<unsigned int> msgCount_;
-    std::atomic<unsigned int> eventCount_;
+    // What the loop reads without the lock, under which they are written: what it has missed wakes
+    // it, and what it has seen stays, because only the loop takes out.
+    std::atomic<bool> isEmergencyNext_;
+    std::atomic<bool> isEventPending_;
 };
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PZLMSGBOX_H

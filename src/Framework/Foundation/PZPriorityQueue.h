@@ -1,8 +1,7 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZPRIORITYQUEUE_H
 #define PZ_FRAMEWORK_FOUNDATION_PZPRIORITYQUEUE_H
 
-#include <algorithm>
-#include <deque>
+#include <vector>
 
 /// Records of type T in the order of their priority: 0 is served first, 255 last; among equals
 /// the one that came first.
@@ -10,6 +9,8 @@
 /// Bounded:   by its user. The queue keeps the limit, but push never refuses.
 /// Threads:   no lock of its own.
 /// Ownership: records are copied in and out; what they point at stays the user's.
+/// Memory:    grows with the number of records that wait together, and is kept. A push that finds
+///            none throws std::bad_alloc and stores nothing; everything else does not throw.
 template <typename T>
 class PZPriorityQueue {
 public:
@@ -19,13 +20,13 @@ public:
     };
 
     /// Empty; `max` is the limit that its user keeps.
-    explicit PZPriorityQueue(unsigned int max) : max_(max) {}
+    explicit PZPriorityQueue(unsigned int max) noexcept : max_(max) {}
 
     /// Number of stored records.
-    unsigned int size() const noexcept { return static_cast<unsigned int>(ques_.size()); }
+    unsigned int size() const noexcept { return count_; }
 
     /// Whether there is no record.
-    bool empty() const noexcept { return ques_.empty(); }
+    bool empty() const noexcept { return count_ == 0; }
 
     /// The limit given to the constructor.
     unsigned int capacity() const noexcept { return max_; }
@@ -34,26 +35,69 @@ public:
     void push(const que& element) {
         que stored = element;
         stored.priority &= 0xFFU;
+        if (count_ == ring_.size()) Grow();
         // In front of all older elements of its level, because service is from the back.
-        const auto position = std::lower_bound(
-            ques_.begin(), ques_.end(), stored.priority,
-            [](const que& older, unsigned int priority) { return older.priority > priority; });
-        ques_.insert(position, stored);
+        Slot(MakeRoom(PositionOf(stored.priority))) = stored;
     }
 
     /// The element to be served next. The queue must not be empty.
-    const que& top() const { return ques_.back(); }
+    const que& top() const noexcept { return ring_[IndexOf(count_ - 1)]; }
 
     /// Removes it. The queue must not be empty.
-    void pop() { ques_.pop_back(); }
+    void pop() noexcept { --count_; }
 
     /// Removes every element, from the back to the front.
-    void Clear() {
+    void Clear() noexcept {
         for (unsigned int left = size(); left > 0; --left) pop();
     }
 
 private:
-    std::deque<que> ques_;  // priorities descend from front to back
+    static constexpr unsigned int kFirstSize = 8;
+
+    // The ring's size is a power of two, and 0 without one.
+    unsigned int IndexOf(unsigned int position) const noexcept {
+        return (front_ + position) & (static_cast<unsigned int>(ring_.size()) - 1);
+    }
+    que& Slot(unsigned int position) noexcept { return ring_[IndexOf(position)]; }
+
+    void Grow() {
+        std::vector<que> larger(ring_.empty() ? kFirstSize : ring_.size() * 2);
+        for (unsigned int i = 0; i < count_; ++i) larger[i] = Slot(i);
+        ring_.swap(larger);
+        front_ = 0;
+    }
+
+    /// The first position whose priority is not above `priority`; the size when there is none.
+    unsigned int PositionOf(unsigned int priority) noexcept {
+        if (count_ == 0 || Slot(0).priority <= priority) return 0;
+        unsigned int low = 1;
+        unsigned int high = count_;
+        while (low < high) {
+            const unsigned int middle = low + (high - low) / 2;
+            if (Slot(middle).priority > priority) {
+                low = middle + 1;
+            } else {
+                high = middle;
+            }
+        }
+        return low;
+    }
+
+    /// Moves the shorter part aside; answers `position`.
+    unsigned int MakeRoom(unsigned int position) noexcept {
+        ++count_;
+        if (position < count_ / 2) {
+            --front_;
+            for (unsigned int i = 0; i < position; ++i) Slot(i) = Slot(i + 1);
+        } else {
+            for (unsigned int i = count_ - 1; i > position; --i) Slot(i) = Slot(i - 1);
+        }
+        return position;
+    }
+
+    std::vector<que> ring_;
+    unsigned int front_ = 0;  // where the ring begins, modulo its size
+    unsigned int count_ = 0;  // priorities descend from front to back
     unsigned int max_;
 };
 

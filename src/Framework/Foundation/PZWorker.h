@@ -36,11 +36,18 @@ enum EN_WORKER_PRIORITY : int {
 ///           before it is destroyed: the destructor destroys the box only.
 /// Threads:  everything but the box belongs to the thread that owns the worker; End never to the
 ///           worker's own thread. Any thread may use the box.
-/// Failures: reported and answered with a result, never thrown.
+/// Handlers: must not throw. An exception ends the thread quietly, and the worker serves nothing
+/// from
+///           then on: its box accepts posts until it is full, and End and Start succeed without a
+///           loop that stays, because the request of End is left in the box. Make a new worker.
+/// Failures: reported and answered with a result, never thrown; reports go to standard output, and
+///           wait for it when it is stuck. Only the constructor throws std::bad_alloc when there is
+///           no memory for the worker at all.
 class PZ_API PZWorker {
 public:
     /// `id` is not used. `watchTime` (milliseconds) is registered with the thread;
-    /// `workerNo` names the worker in the reports of its box.
+    /// `workerNo` names the worker in the reports of its box. What the box lacks for want of
+    /// descriptors or memory is reported, and made by Start.
     PZWorker(int id, unsigned int watchTime, unsigned int workerNo);
     virtual ~PZWorker();
 
@@ -48,7 +55,8 @@ public:
     PZWorker& operator=(const PZWorker&) = delete;
 
     /// Starts the thread ("no_name" for a null name) and waits until its box serves: 0 when it
-    /// does, -1 otherwise.
+    /// does, -1 otherwise. Without the descriptors and the memory that it needs it makes no thread,
+    /// and can be called again later.
     ///
     /// -1 after 3000 milliseconds without service leaves the thread running: End it. The box may
     /// then still hold the signal of the loop that came too late; InitWait(0) of the box takes it,
@@ -85,6 +93,8 @@ public:
     /// @}
 
 private:
+    PZ_LOCAL bool MakeThreadObject();
+
     const std::unique_ptr<PZLMsgBox> msgBox_;
     PZThread<PZWorker>* thread_;  // owned between Start and End, null otherwise
     const unsigned int watchTime_;

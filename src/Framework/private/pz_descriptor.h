@@ -2,10 +2,11 @@
 #define PZ_FRAMEWORK_PRIVATE_PZ_DESCRIPTOR_H
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
+
+#include <Framework/private/pz_uncancelled.h>
 
 constexpr int kNoDescriptor = -1;
 
@@ -13,11 +14,8 @@ constexpr int kNoDescriptor = -1;
 /// point, and would leave the descriptor open. Answers as close does. Not repeated on EINTR: the
 /// number is free by then.
 inline int pz_close_descriptor(int fd) noexcept {
-    int state = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    const int result = ::close(fd);
-    pthread_setcancelstate(state, nullptr);
-    return result;
+    const PZUncancelled uncancelled;
+    return ::close(fd);
 }
 
 /// A descriptor that is to live long, moved above the numbers of standard input, output and error:

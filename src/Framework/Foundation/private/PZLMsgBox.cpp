@@ -1,14 +1,19 @@
 #include "Framework/Foundation/PZLMsgBox.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstring>
-#include <memory>
 #include <new>
+#include <thread>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/PZWatchDog.h>
+
+#include "PZHandOver.h"
+#include "PZLoopWait.h"
+#include "PZPayloadStore.h"
 
 namespace {
 
@@ -16,8 +21,15 @@ constexpr unsigned int kMaxMessages = 256;
 constexpr unsigned int kMaxEvents = 256;
 constexpr unsigned int kMaxPayload = 256;  // bytes
 constexpr unsigned int kNoTimeLimit = 0xFFFFFFFFU;
+constexpr unsigned int kOneLevel = 0;  // all events are alike
 constexpr unsigned long kNoIdentifier = ~0UL;
 constexpr int kCallStackDepth = 10;
+
+// Results of the posts.
+constexpr unsigned int kSuccess = 0;
+constexpr unsigned int kFailure = 1;
+constexpr unsigned int kBadParameter = 2;
+constexpr unsigned int kFull = 3;
 
 #if __SIZEOF_POINTER__ == 4
 using Stored = PZPriorityQueue<PZIMsgBox::ST_PUSH_MSG_DATA>::que;
@@ -27,24 +39,92 @@ static_assert(offsetof(PZLMsgBox::EventInfo, id) == 4, "record layout");
 static_assert(sizeof(PZLMsgBox::EventInfo) == 8, "record layout");
 #endif
 
-/// A copy of a payload. The record that holds it is plain data: whoever takes the record over
-/// releases the copy.
-using Payload = std::unique_ptr<const unsigned char[]>;
-
-/// Null when there is no memory.
-Payload copy_payload(const void* buff, unsigned int size) {
-    auto* const copy = new (std::nothrow) unsigned char[size];
-    if (copy != nullptr) std::memcpy(copy, buff, size);
-    return Payload(copy);
-}
-
 }  // namespace
 
+/// What the box keeps for its loop.
+struct PZLMsgBox::Kept {
+    /// The loop's wait, between the watchdog's hooks.
+    struct BracketedWait {
+        int Wake() { return wait.Wake(); }
+        void DiscardWakeUps() { wait.DiscardWakeUps(); }
+
+        PZLoopWait::EN_RESULT Wait() {
+            PZWatchDog::GetInstance()->IntoWait();
+            const PZLoopWait::EN_RESULT result = wait.Wait(kNoTimeLimit);
+            PZWatchDog::GetInstance()->OutWait();
+            return result;
+        }
+
+        PZLoopWait wait;
+    };
+
+    /// Written under the lock, which orders what posts do. A loop that reads an old value learns
+    /// better under the lock, before it falls asleep.
+    class Counter {
+    public:
+        constexpr explicit Counter(unsigned int value) : value_(value) {}
+
+        unsigned int load() const { return value_.load(std::memory_order_acquire); }
+        void store(unsigned int value) { value_.store(value, std::memory_order_release); }
+        void fetch_add(unsigned int more) { value_.fetch_add(more); }
+        void fetch_sub(unsigned int less) { value_.fetch_sub(less); }
+        void compare_exchange(unsigned int expected, unsigned int value) {
+            value_.compare_exchange_strong(expected, value);
+        }
+
+    private:
+        std::atomic<unsigned int> value_;
+    };
+
+    struct Env {
+        using Sync = PZSync;
+        using Guard = PZSyncLock;
+        using Atomic = Counter;
+        using Wait = BracketedWait;
+        using Result = PZLoopWait::EN_RESULT;
+        static constexpr Result kWoken = PZLoopWait::en_WAKE;
+        static constexpr Result kEnd = PZLoopWait::en_END;
+        static constexpr Result kError = PZLoopWait::en_ERROR;
+    };
+
+    explicit Kept(PZSync& msgSync) : handOver(msgSync, wait) {}
+
+    BracketedWait wait;
+    PZHandOver<Env> handOver;
+    PZPayloadStore payloads;          // guarded by the message lock
+    const void* inService = nullptr;  // copy that the loop's last message had; the loop's own
+};
+
 PZLMsgBox::PZLMsgBox()
-    : msgs_(kMaxMessages), trail_(0), workerId_(0), msgCount_(0), eventCount_(0) {}
+    : msgs_(kMaxMessages),
+      events_(kMaxEvents),
+      kept_(new (std::nothrow) Kept(msgSync_)),
+      trail_(0),
+      workerId_(0),
+      isEmergencyNext_(false),
+      isEventPending_(false) {
+    if (kept_ == nullptr) PZ_REPORT_ERROR("failed to allocate memory\n");
+}
 
 PZLMsgBox::~PZLMsgBox() {
-    msgs_.Clear();
+    if (kept_ == nullptr) return;
+    // The last message may have been served before the thread that posted it has woken the loop.
+    while (kept_->handOver.IsBeingWoken())
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    kept_->payloads.Give(kept_->inService);
+}
+
+/// Makes what is missing for a loop to be started and woken; false, and reported once, when that
+/// fails. Not while the loop runs.
+bool PZLMsgBox::MakeEvents() {
+    const PZSyncLock lock(msgSync_);
+    if (kept_ == nullptr) kept_.reset(new (std::nothrow) Kept(msgSync_));
+    if (kept_ == nullptr) {
+        PZ_REPORT_ERROR("failed to allocate memory\n");
+        return false;
+    }
+    if (!startedEvent_.isInitialized()) startedEvent_.init(nullptr);
+    return startedEvent_.isInitialized() && kept_->wait.wait.Open();
 }
 
 int PZLMsgBox::Init() {
@@ -52,7 +132,8 @@ int PZLMsgBox::Init() {
 }
 
 int PZLMsgBox::Exit() {
-    exitEvent_.SetEvent();
+    const PZSyncLock lock(msgSync_);  // MakeEvents may be at work
+    if (kept_ != nullptr) kept_->wait.wait.End();
     return 0;
 }
 
@@ -66,8 +147,13 @@ int PZLMsgBox::InitWait(unsigned int timeout) {
 unsigned long PZLMsgBox::Registory(PZIDispatcher* d) {
     if (d == nullptr) return kNoIdentifier;
     const PZSyncLock lock(dispatcherSync_);
-    const bool added = dispatchers_.insert(d).second;
-    return added ? reinterpret_cast<unsigned long>(d) : kNoIdentifier;
+    try {
+        const bool added = dispatchers_.insert(d).second;
+        return added ? reinterpret_cast<unsigned long>(d) : kNoIdentifier;
+    } catch (const std::bad_alloc&) {
+        PZ_REPORT_ERROR("failed to allocate memory\n");
+        return kNoIdentifier;
+    }
 }
 
 void PZLMsgBox::Unregistory(unsigned long id) {
@@ -80,139 +166,149 @@ int PZLMsgBox::CheckTrail(unsigned int n) {
 }
 
 unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
-    const PZSyncLock lock(msgSync_);
-    if (d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload)) {
-        PZ_REPORT_ERROR("param is NG [0x%08lx][%d]\n", reinterpret_cast<unsigned long>(d.Buff),
-                        static_cast<int>(d.BuffSize));
-        PZCallStack::dumpDirectly(kCallStackDepth);
-        return 2;
-    }
-    if (msgs_.size() >= msgs_.capacity()) {
-        PZ_REPORT_ERROR("msg queue is full : worker[%d]\n", workerId_);
-        return 3;
-    }
-
-    Payload payload;
-    if (d.Buff != nullptr) {
-        payload = copy_payload(d.Buff, d.BuffSize);
-        if (payload == nullptr) {
-            PZ_REPORT_ERROR("failed to allocate memory\n");
-            return 1;
+    unsigned int sleep = 0;
+    {
+        const PZSyncLock lock(msgSync_);
+        if (d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload)) {
+            PZ_REPORT_ERROR("param is NG [0x%08lx][%d]\n", reinterpret_cast<unsigned long>(d.Buff),
+                            static_cast<int>(d.BuffSize));
+            PZCallStack::dumpDirectly(kCallStackDepth);
+            return kBadParameter;
         }
-        d.Buff = payload.get();
+        if (msgs_.size() >= msgs_.capacity()) {
+            PZ_REPORT_ERROR("msg queue is full : worker[%d]\n", workerId_);
+            return kFull;
+        }
+        if (!QueueLocked(d)) {
+            PZ_REPORT_ERROR("failed to allocate memory\n");
+            return kFailure;
+        }
+        sleep = kept_->handOver.AddedLocked();
     }
-    msgs_.push({d, d.Priority});
-    static_cast<void>(payload.release());  // the queued record's now
-    msgCount_.store(msgs_.size());
+    if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
+    PZ_REPORT_ERROR("SetEvent failed\n");
+    return kFailure;
+}
 
-    if (msgEvent_.SetEvent() != 1) {
-        PZ_REPORT_ERROR("SetEvent failed\n");
-        return 1;
+/// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
+/// nothing changed, without memory.
+bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d) {
+    if (kept_ == nullptr) return false;
+    PZPriorityQueue<ST_PUSH_MSG_DATA>::que queued = {d, d.Priority};
+    if (d.Buff != nullptr) {
+        void* const copy = kept_->payloads.Take();
+        if (copy == nullptr) return false;
+        queued.Buff = std::memcpy(copy, d.Buff, d.BuffSize);
     }
-    return 0;
+    try {
+        msgs_.push(queued);
+    } catch (const std::bad_alloc&) {
+        if (d.Buff != nullptr) kept_->payloads.Give(queued.Buff);
+        return false;
+    }
+    d.Buff = queued.Buff;
+    NoteNextLocked();
+    return true;
 }
 
 unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
-    const PZSyncLock lock(msgSync_);
-    if (events_.size() >= kMaxEvents) {
-        PZ_REPORT_ERROR("event is full : worker[%d]\n", workerId_);
-        return 3;
+    unsigned int sleep = 0;
+    {
+        const PZSyncLock lock(msgSync_);
+        if (events_.size() >= events_.capacity()) {
+            PZ_REPORT_ERROR("event is full : worker[%d]\n", workerId_);
+            return kFull;
+        }
+        if (!QueueLocked(EventInfo{bits, id})) {
+            PZ_REPORT_ERROR("failed to allocate memory\n");
+            return kFailure;
+        }
+        sleep = kept_->handOver.AddedLocked();
     }
-    events_.push({bits, id});
-    ++eventCount_;
+    if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
+    PZ_REPORT_ERROR("SetEvent failed\n");
+    return kFailure;
+}
 
-    if (msgEvent_.SetEvent() != 1) {
-        PZ_REPORT_ERROR("SetEvent failed\n");
-        return 1;
+/// False, and nothing changed, without memory.
+bool PZLMsgBox::QueueLocked(const EventInfo& event) {
+    if (kept_ == nullptr) return false;
+    try {
+        events_.push({event, kOneLevel});
+    } catch (const std::bad_alloc&) {
+        return false;
     }
-    return 0;
+    isEventPending_.store(true, std::memory_order_release);
+    return true;
 }
 
 int PZLMsgBox::Loop(unsigned int workerId) {
-    DiscardPending(workerId);
-    if (startedEvent_.SetEvent() != 1) return 0;
-
-    bool exiting = false;
-    for (;;) {
-        if (!exiting && IsIdle()) exiting = WaitForExit();
-        // Tested again: what was posted before Exit may have come after the first test.
-        if (exiting && IsIdle()) break;
-
+    if (!BeginLoop(workerId)) return 0;
+    const auto servePass = [this] {
         GetAndExcuteEmgMessage();
         GetAndExcuteEventAndEmgMsg();
         GetAndExcuteMessage();
-        ResetMsgEvent();
-    }
-    ResetMsgEvent();
+    };
+    kept_->handOver.Run(servePass, [] { PZ_REPORT_ASSERTION(); });
     return 0;
 }
 
-/// Forgets what was posted before the loop; payload copies are not released.
-void PZLMsgBox::DiscardPending(unsigned int workerId) {
+/// Forgets what was posted before the loop, whose payload copies are not released, and says that
+/// the loop serves. False when it could not be woken, or cannot say so.
+bool PZLMsgBox::BeginLoop(unsigned int workerId) {
     const PZSyncLock lock(msgSync_);
     msgs_.Clear();
-    msgCount_.store(0);
-    events_ = {};
-    eventCount_.store(0);
+    events_.Clear();
+    isEventPending_.store(false, std::memory_order_release);
+    NoteNextLocked();
     workerId_ = static_cast<int>(workerId);
+    if (kept_ == nullptr || !kept_->wait.wait.IsOpen()) return false;
+    kept_->handOver.BeginLocked();
+    return startedEvent_.SetEvent() == 1;
 }
 
-bool PZLMsgBox::IsIdle() const {
-    return msgCount_.load() == 0 && eventCount_.load() == 0;
-}
-
-/// Waits for a post or for Exit; true when it was Exit.
-bool PZLMsgBox::WaitForExit() {
-    constexpr int kExit = 0;
-    constexpr int kPost = 1;
-    PZEvent* events[] = {&exitEvent_, &msgEvent_};
-
-    PZWatchDog::GetInstance()->IntoWait();
-    const int result = PZEvent::WaitMultipleEvent(2, events, kNoTimeLimit, false);
-    PZWatchDog::GetInstance()->OutWait();
-
-    if (result != kExit && result != kPost) PZ_REPORT_ASSERTION();
-    return result == kExit;
-}
-
-/// Loses no message: a signal follows its insertion, and the loop tests the queues next.
-void PZLMsgBox::ResetMsgEvent() {
-    // Locked, because a post that finds the event full drains it too: of two that drain, one would
-    // block for good on the last signal.
-    const PZSyncLock lock(msgSync_);
-    msgEvent_.ResetEvent();
-}
-
-/// Takes the next message out; false when there is none, or none that is an emergency.
+/// Takes the next message out; false when there is none, or none that is an emergency. The payload
+/// of the one before is released.
 bool PZLMsgBox::TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg) {
-    if (msgCount_.load() == 0) return false;
     const PZSyncLock lock(msgSync_);
+    if (msgs_.empty()) return false;
     const auto& next = msgs_.top();
     // The whole field: 256 stands in the emergency level without being an emergency.
     if (emergencyOnly && next.Priority != 0) return false;
     msg = next;
     msgs_.pop();
-    msgCount_.store(msgs_.size());
+    NoteNextLocked();
+    kept_->handOver.TakenLocked();
+    kept_->payloads.Give(kept_->inService);
+    kept_->inService = msg.Buff;
     return true;
 }
 
 /// Takes the oldest event out; there must be one.
 PZLMsgBox::EventInfo PZLMsgBox::TakeEvent() {
     const PZSyncLock lock(msgSync_);
-    const EventInfo event = events_.front();
+    const EventInfo event = events_.top();
     events_.pop();
-    --eventCount_;
+    isEventPending_.store(!events_.empty(), std::memory_order_release);
+    kept_->handOver.TakenLocked();
     return event;
+}
+
+void PZLMsgBox::NoteNextLocked() {
+    const bool isEmergency = !msgs_.empty() && msgs_.top().Priority == 0;
+    isEmergencyNext_.store(isEmergency, std::memory_order_release);
 }
 
 int PZLMsgBox::GetAndExcuteEmgMessage() {
     ST_PUSH_MSG_DATA msg;
-    while (TakeMessage(true, msg)) DispatchMessage(msg);
+    while (isEmergencyNext_.load(std::memory_order_acquire) && TakeMessage(true, msg)) {
+        DispatchMessage(msg);
+    }
     return 1;
 }
 
 int PZLMsgBox::GetAndExcuteEventAndEmgMsg() {
-    while (eventCount_.load() > 0) {
+    while (isEventPending_.load(std::memory_order_acquire)) {
         GetAndExcuteEmgMessage();
         DispatchEvent(TakeEvent());
     }
@@ -221,7 +317,7 @@ int PZLMsgBox::GetAndExcuteEventAndEmgMsg() {
 
 int PZLMsgBox::GetAndExcuteMessage() {
     ST_PUSH_MSG_DATA msg;
-    if (TakeMessage(false, msg)) DispatchMessage(msg);
+    if (!kept_->handOver.IsIdle() && TakeMessage(false, msg)) DispatchMessage(msg);
     return 1;
 }
 
@@ -231,9 +327,7 @@ PZIDispatcher* PZLMsgBox::FindLocked(unsigned long id) const {
     return found != dispatchers_.end() ? *found : nullptr;
 }
 
-/// Hands the message to its dispatcher and releases the payload.
 void PZLMsgBox::DispatchMessage(const ST_PUSH_MSG_DATA& msg) {
-    const Payload payload(static_cast<const unsigned char*>(msg.Buff));
     const PZSyncLock lock(dispatcherSync_);
     PZIDispatcher* const dispatcher = FindLocked(msg.SID);
     if (dispatcher != nullptr) dispatcher->OnReceiveMsg(msg.MsgID, msg.Buff, msg.BuffSize);

@@ -1,10 +1,8 @@
 #include "PZLoopWait.h"
 
-#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdint>
 #include <ctime>
 #include <utility>
@@ -12,10 +10,11 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_epoll_wait.h>
 #include <Framework/private/pz_sigpipe.h>
+#include <Framework/private/pz_uncancelled.h>
 
 namespace {
 
-constexpr long kPauseNs = 100 * 1000 * 1000;
+constexpr long kPauseNs = 100000000;  // 100 milliseconds
 
 PZDescriptor make_signal(int flags) {
     PZDescriptor signal(::eventfd(0, flags | EFD_CLOEXEC | EFD_NONBLOCK));
@@ -31,7 +30,9 @@ bool watch(const PZDescriptor& set, const PZDescriptor& signal, PZLoopWait::EN_R
     return ::epoll_ctl(set.Get(), EPOLL_CTL_ADD, signal.Get(), &interest) == 0;
 }
 
+/// Done whole or not at all: what the caller has done before it is not left unknown to the loop.
 int add_one(const PZDescriptor& signal) {
+    const PZUncancelled uncancelled;
     const std::uint64_t one = 1;
     return ::write(signal.Get(), &one, sizeof one) == sizeof one ? 1 : 0;
 }
@@ -80,10 +81,21 @@ PZLoopWait::EN_RESULT PZLoopWait::Wait(unsigned int timeoutMs) {
     return result;
 }
 
+void PZLoopWait::DiscardWakeUps() {
+    Ready ready;
+    Look(ready, 0);
+    woken_ = false;
+}
+
+/// The number of signals that are there, in `ready`; the set tells of a wake-up only once.
+int PZLoopWait::Look(Ready& ready, int timeoutMs) {
+    return pz_epoll_wait(set_.Get(), ready.data(), static_cast<int>(ready.size()), timeoutMs);
+}
+
 /// As Wait, without a report and a pause.
 PZLoopWait::EN_RESULT PZLoopWait::WaitOnce(int timeoutMs) {
-    std::array<epoll_event, 2> ready;
-    const int count = pz_epoll_wait(set_.Get(), ready.data(), ready.size(), timeoutMs);
+    Ready ready;
+    const int count = Look(ready, timeoutMs);
     if (count < 0) return en_ERROR;
 
     bool ended = false;

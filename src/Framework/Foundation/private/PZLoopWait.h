@@ -1,6 +1,10 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZLOOPWAIT_H
 #define PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZLOOPWAIT_H
 
+#include <sys/epoll.h>
+
+#include <array>
+
 #include <Framework/private/pz_descriptor.h>
 
 /// How a loop of the library sleeps: until somebody wakes it, asks it to end, or its time is over.
@@ -43,7 +47,13 @@ public:
     /// milliseconds: a loop may try again at once.
     EN_RESULT Wait(unsigned int timeoutMs);
 
+    /// Forgets the wake-ups so far; requests to end stay. Not while a thread waits.
+    void DiscardWakeUps();
+
 private:
+    using Ready = std::array<epoll_event, 2>;
+
+    int Look(Ready& ready, int timeoutMs);
     EN_RESULT WaitOnce(int timeoutMs);
 
     PZDescriptor end_;    // eventfd that counts

@@ -1,5 +1,8 @@
 #include "Framework/Foundation/PZWorker.h"
 
+#include <new>
+
+#include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZLMsgBox.h>
 #include <Framework/Foundation/PZThread.h>
 
@@ -20,10 +23,23 @@ PZWorker::PZWorker(int /*id*/, unsigned int watchTime, unsigned int workerNo)
 PZWorker::~PZWorker() = default;
 
 int PZWorker::Start(const char* name) {
-    // A thread object that is there refuses when its thread runs and starts again otherwise.
-    if (thread_ == nullptr) thread_ = new PZThread<PZWorker>(this, watchTime_);
+    // A loop that nobody could wake or end is not begun.
+    if (!msgBox_->MakeEvents() || !MakeThreadObject()) return -1;
     if (!thread_->Start(name)) return -1;
     return msgBox_->InitWait(kStartLimitMs) == 0 ? 0 : -1;
+}
+
+/// False, and reported, without memory.
+bool PZWorker::MakeThreadObject() {
+    // One that is there refuses to start when its thread runs, and starts again otherwise.
+    if (thread_ != nullptr) return true;
+    try {
+        thread_ = new PZThread<PZWorker>(this, watchTime_);
+    } catch (const std::bad_alloc&) {
+        PZDbgOutput::DbgPrint(__FILE__, "Start", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                              "failed to allocate memory\n");
+    }
+    return thread_ != nullptr;
 }
 
 void PZWorker::End(unsigned int /*timeout*/) {
