@@ -283,26 +283,26 @@ EN_XCP pz_cp_detect(const char* text, unsigned int size, EN_XCP hint, int thresh
                         static_cast<int>(size));
         return XCP_NONE;
     }
-    const ST_ICU_DETECTOR* const icu = pz_find_icu_detector();
-    if (icu == nullptr) {
+    ST_ICU_DETECTOR icu = {};
+    if (!pz_find_icu_detector(icu)) {
         PZ_REPORT_ERROR("no ICU in this process : code pages are not detected\n");
         return XCP_NONE;
     }
 
     IcuError error = 0;
-    UCharsetDetector* const detector = icu->open(&error);
+    UCharsetDetector* const detector = icu.open(&error);
     if (failed(error) || detector == nullptr) {
         PZ_REPORT_ERROR("ucsdet_open err [%d]\n", error);
         return XCP_NONE;
     }
-    const DetectorHolder holder(*icu, detector);
+    const DetectorHolder holder(icu, detector);
 
-    icu->setText(detector, text, static_cast<int32_t>(size), &error);
+    icu.setText(detector, text, static_cast<int32_t>(size), &error);
     if (failed(error)) {
         PZ_REPORT_ERROR("ucsdet_setText err [%d]\n", error);
         return XCP_NONE;
     }
-    const UCharsetMatch* const best = icu->detect(detector, &error);
+    const UCharsetMatch* const best = icu.detect(detector, &error);
     if (failed(error)) {
         // The same words as for the next step.
         PZ_REPORT_ERROR("ucsdet_detectAll err [%d]\n", error);
@@ -310,11 +310,11 @@ EN_XCP pz_cp_detect(const char* text, unsigned int size, EN_XCP hint, int thresh
     }
     if (best == nullptr) return XCP_NONE;
     ST_MATCHES matches = {nullptr, 0};
-    matches.list = icu->detectAll(detector, &matches.count, &error);
+    matches.list = icu.detectAll(detector, &matches.count, &error);
     if (failed(error)) {
         PZ_REPORT_ERROR("ucsdet_detectAll err [%d]\n", error);
         return XCP_NONE;
     }
     if (matches.list == nullptr) return XCP_NONE;
-    return choose(*icu, matches, hint, threshold);
+    return choose(icu, matches, hint, threshold);
 }

@@ -3,8 +3,7 @@
 #include <dlfcn.h>
 
 #include <atomic>
-#include <memory>
-#include <string>
+#include <cstdio>
 
 #if __has_include(<unicode/uvernum.h>)
 #include <unicode/uvernum.h>
@@ -16,14 +15,19 @@ namespace {
 constexpr int kOldestVersion = 40;
 constexpr int kNewestVersion = 99;
 
+/// A name with its suffix, in memory that cannot run out.
+using Name = char[64];
+
 template <typename Function>
-bool find(Function*& function, const char* name, const std::string& suffix) {
-    function = reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, (name + suffix).c_str()));
+bool find(Function*& function, const char* name, const char* suffix) {
+    Name whole;
+    std::snprintf(whole, sizeof whole, "%s%s", name, suffix);
+    function = reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, whole));
     return function != nullptr;
 }
 
 /// All functions with the same suffix, or false.
-bool find_all(ST_ICU_DETECTOR& icu, const std::string& suffix) {
+bool find_all(ST_ICU_DETECTOR& icu, const char* suffix) {
     return find(icu.open, "ucsdet_open", suffix) && find(icu.setText, "ucsdet_setText", suffix) &&
            find(icu.detect, "ucsdet_detect", suffix) &&
            find(icu.detectAll, "ucsdet_detectAll", suffix) &&
@@ -33,7 +37,9 @@ bool find_all(ST_ICU_DETECTOR& icu, const std::string& suffix) {
 }
 
 bool find_version(ST_ICU_DETECTOR& icu, int version) {
-    return find_all(icu, "_" + std::to_string(version));
+    Name suffix;
+    std::snprintf(suffix, sizeof suffix, "_%d", version);
+    return find_all(icu, suffix);
 }
 
 bool find_any(ST_ICU_DETECTOR& icu) {
@@ -49,14 +55,20 @@ bool find_any(ST_ICU_DETECTOR& icu) {
 
 }  // namespace
 
-const ST_ICU_DETECTOR* pz_find_icu_detector() {
-    static std::atomic<const ST_ICU_DETECTOR*> known{nullptr};
-    const ST_ICU_DETECTOR* icu = known;
-    if (icu != nullptr) return icu;
+bool pz_find_icu_detector(ST_ICU_DETECTOR& icu) {
+    enum State : int { UNKNOWN, BEING_KEPT, KNOWN };
+    static std::atomic<State> state{UNKNOWN};
+    static ST_ICU_DETECTOR known;
+    if (state.load(std::memory_order_acquire) == KNOWN) {
+        icu = known;
+        return true;
+    }
 
-    auto found = std::make_unique<ST_ICU_DETECTOR>();
-    if (!find_any(*found)) return nullptr;
-    // Another thread may have been faster; its detector serves as well.
-    if (known.compare_exchange_strong(icu, found.get())) return found.release();
-    return icu;
+    if (!find_any(icu)) return false;
+    State before = UNKNOWN;  // one thread keeps what it found; the others have theirs
+    if (state.compare_exchange_strong(before, BEING_KEPT)) {
+        known = icu;
+        state.store(KNOWN, std::memory_order_release);
+    }
+    return true;
 }

@@ -22,8 +22,8 @@ struct ST_ICU_DETECTOR {
     void (*close)(UCharsetDetector* detector);
 };
 
-/// The detector of the ICU that the process has loaded; null when there is none. A detector once
-/// found is kept. Any thread may call it.
-const ST_ICU_DETECTOR* pz_find_icu_detector();
+/// The detector of the ICU that the process has loaded; false when there is none. A detector once
+/// found is kept. Any thread may call it; it needs no memory of its own.
+bool pz_find_icu_detector(ST_ICU_DETECTOR& icu);
 
 #endif  // PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_ICU_DETECTOR_H
