@@ -1,7 +1,9 @@
 #include "Framework/Diagnostics/PZDbgOutput.h"
 
+#include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -19,6 +21,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/StdoutCapture.h"
+#include "support/StuckStdout.h"
 
 namespace {
 
@@ -582,6 +585,45 @@ std::string tagged_line_of(int number) {
 }
 
 }  // namespace
+
+TEST_F(PZDbgOutputTest, LetsItsThreadBeCancelledWhileTheStandardOutputIsStuck) {
+    using Report = void (*)();
+    static Report report = nullptr;
+    const Report reports[] = {
+        [] { PZDbgOutput::DbgPrint("plain\n"); },
+        [] { PZDbgOutput::DbgPrint("f", "g", 1, "untagged\n"); },
+        [] { PZDbgOutput::DbgPrint("f", "g", 1, L"wide\n"); },
+        [] { PZDbgOutput::DbgPrint("f", "g", 1, PZDbgOutput::en_TAG_ERROR, "tagged\n"); },
+        [] { PZDbgOutput::DbgPrint("f", "g", 1, PZDbgOutput::en_TAG_ERROR, L"tagged, wide\n"); },
+        [] { PZDbgOutput::DbgPrintStdErr("f", "g", 1); },
+        [] { PZDbgOutput::DbgPrintStdErr("f", "g", 1, "error\n"); },
+        [] { pz_report_assertion("f", 1); },
+    };
+    for (const Report each : reports) {
+        const pztest::ChildResult result = pztest::run_in_child([each]() -> int {
+            report = each;
+            void* end = nullptr;
+            {
+                const pztest::StuckStdout stuck;
+                pthread_t thread = {};
+                const auto body = [](void*) -> void* {
+                    report();
+                    return nullptr;
+                };
+                if (pthread_create(&thread, nullptr, body, nullptr) != 0) return 1;
+                if (!stuck.WaitUntilOthersSleep()) return 2;
+                pthread_cancel(thread);
+                pthread_join(thread, &end);
+            }
+            if (end != PTHREAD_CANCELED) return 3;
+            std::thread([] { PZDbgOutput::DbgPrint("afterwards"); }).join();
+            return 0;
+        });
+        EXPECT_TRUE(result.exited);
+        EXPECT_EQ(0, result.status);
+        EXPECT_NE(std::string::npos, result.output.find("afterwards")) << result.output;
+    }
+}
 
 TEST_F(PZDbgOutputTest, NeverMixesTheLinesOfDifferentThreads) {
     constexpr int kThreads = 8;

@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZLHeapMng.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -28,7 +29,9 @@
 #include "support/ChildProcess.h"
 #include "support/FakeSyslog.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
+#include "support/StuckStdout.h"
 #include "support/WaitUntil.h"
 
 // The accounts are the process's own and some tests ruin them on purpose: every test needs a
@@ -1224,6 +1227,23 @@ TEST_F(PZLHeapMngFileTest, IsMissingWhereItsFolderCannotBeMade) {
     Free(p);
 }
 
+TEST_F(PZLHeapMngFileTest, IsMissingWithoutMemoryAndTheTableTells) {
+    const pztest::FakeSyslog syslogFolder;
+    void* p = Malloc(1);
+    for (int skip = 0;; ++skip) {
+        pztest::StdoutCapture output;
+        bool wasRefused = false;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            FinMemMng();
+            wasRefused = shortage.Refused() > 0;
+        }
+        EXPECT_NE(std::string::npos, output.Take().find("[Memory Leak Info]")) << skip;
+        if (!wasRefused) break;
+    }
+    Free(p);
+}
+
 TEST_F(PZLHeapMngFileTest, IsMissingWithoutAWordWhereItCannotBeOpened) {
     const pztest::FakeSyslog syslogFolder;
     void* p = Malloc(1);
@@ -1282,24 +1302,54 @@ TEST(PZLHeapMngTest, LocksOnceForEachBlockAndNotForTheReport) {
     Free(p);
 }
 
-TEST(PZLHeapMngTest, DestroysItsLockWhenTheProcessExits) {
-    static sem_t* heapLock = nullptr;
+TEST(PZLHeapMngTest, KeepsItsLockUntilTheProcessHasEnded) {
     const pztest::ChildResult result = pztest::run_in_child([]() -> int {
-        sem_init_call.Replace([](sem_t* sem, int shared, unsigned int value) {
-            heapLock = sem;
-            return sem_init_call.Real(sem, shared, value);
-        });
-        sem_destroy_call.Replace([](sem_t* sem) {
-            if (sem == heapLock && ::write(STDOUT_FILENO, "destroyed\n", 10) != 10) std::abort();
-            return sem_destroy_call.Real(sem);
-        });
-        Free(Malloc(1));
-        if (::write(STDOUT_FILENO, "exit\n", 5) != 5) std::abort();
+        // Older than the lock, so its destructor runs after that of whatever Malloc makes.
+        static struct Keeper {
+            void* data = nullptr;
+            ~Keeper() {
+                Free(data);
+                Free(Malloc(1));
+                if (::write(STDOUT_FILENO, "freed\n", 6) != 6) std::abort();
+            }
+        } keeper;
+        keeper.data = Malloc(1);
         std::exit(0);
     });
     EXPECT_TRUE(result.exited);
     EXPECT_EQ(0, result.status);
-    EXPECT_EQ("exit\ndestroyed\n", result.output);
+    EXPECT_EQ("freed\n", result.output);
+}
+
+TEST(PZLHeapMngTest, GivesItsLockBackWhenAThreadIsCancelledInsideAReport) {
+    const pztest::ChildResult result = pztest::run_in_child([]() -> int {
+        static void* overrun = nullptr;
+        overrun = Malloc(8);
+        static_cast<char*>(overrun)[8] = 'x';
+        void* end = nullptr;
+        {
+            const pztest::StuckStdout stuck;
+            pthread_t thread = {};
+            if (pthread_create(
+                    &thread, nullptr,
+                    [](void*) -> void* {
+                        Free(overrun);
+                        return nullptr;
+                    },
+                    nullptr) != 0) {
+                return 1;
+            }
+            if (!stuck.WaitUntilOthersSleep()) return 2;
+            pthread_cancel(thread);
+            pthread_join(thread, &end);
+        }
+        if (end != PTHREAD_CANCELED) return 3;
+        // Another thread gets the lock, and the accounts are as before.
+        run_in_thread([] { Free(Malloc(1)); });
+        return 0;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
 }
 
 // The sanitizers keep the allocator to themselves; what needs a stand-in for it runs in the other

@@ -16,7 +16,9 @@
 ///            then needs more than 511 bytes in UTF-8 is refused by the converter, which reports
 ///            it, and the line is printed without a message. A line keeps its first 2047 bytes.
 /// Threads:   any thread may call anything; no lock is taken, and lines of different threads do
-///            not mix within a line.
+///            not mix within a line. A standard output that is stuck (a pipe that nobody reads)
+///            makes every report wait, also one that is made under a lock; the thread may be
+///            cancelled there.
 /// Failures:  none; nothing is thrown, and errno keeps its value.
 class PZ_API PZDbgOutput {
 public:

@@ -11,6 +11,10 @@
 ///            serialises them. InitMemMng and FinMemMng belong to the start and stop of the
 ///            framework and take no lock. A thread that still allocates during FinMemMng does no
 ///            harm; its new blocks are left out. No thread may release blocks meanwhile.
+///            A refusal is reported under the lock: while the standard output is stuck, every
+///            thread that allocates or releases waits. A thread may be cancelled there and while
+///            it waits for the lock: nothing is lost, and the lock is given back. Static objects
+///            may release their blocks while the process ends.
 /// Ownership: what Malloc and Realloc give goes to Free or Realloc of this heap, never to the C
 ///            library's.
 /// Cost:      about 2.6 KiB and one call-stack capture for each block: a diagnostic allocator.

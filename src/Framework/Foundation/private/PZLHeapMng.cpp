@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
@@ -100,10 +102,12 @@ struct ST_HEAP {
 
 ST_HEAP heap;
 
-/// Made on first use: an application that never allocates here has no lock.
+/// Made on first use: an application that never allocates here has no lock. Never destroyed:
+/// static objects that are older than the first block may release theirs while the process ends.
 PZSync& heap_lock() {
-    static PZSync lock;
-    return lock;
+    alignas(PZSync) static unsigned char memory[sizeof(PZSync)];
+    static PZSync* const lock = new (memory) PZSync;
+    return *lock;
 }
 
 thread_local unsigned int knownThreadId = 0;  // 0: not asked for yet
@@ -240,21 +244,28 @@ bool block_bytes(unsigned int size, size_t& bytes) {
     return !__builtin_add_overflow(size, kHeaderSize + kTrailerSize, &bytes);
 }
 
-/// A block that is not registered yet; null when there is no memory.
-ST_MEM_BLOCK* new_block(unsigned int size) {
+struct FreeDeleter {
+    void operator()(void* memory) const { std::free(memory); }
+};
+
+/// A block that is not registered yet: a thread may be cancelled while it waits for the lock.
+using NewBlock = std::unique_ptr<ST_MEM_BLOCK, FreeDeleter>;
+
+/// Null when there is no memory.
+NewBlock new_block(unsigned int size) {
     size_t bytes = 0;
     if (!block_bytes(size, bytes)) return nullptr;
-    return static_cast<ST_MEM_BLOCK*>(std::malloc(bytes));
+    return NewBlock(static_cast<ST_MEM_BLOCK*>(std::malloc(bytes)));
 }
 
 /// The same for the memory of a live block. Null when the block is refused, for a `size` of 0, and
 /// when there is no memory; then the old block is no longer tracked and its memory stays taken.
-ST_MEM_BLOCK* resized_block(ST_MEM_BLOCK* block, unsigned int size) {
+NewBlock resized_block(ST_MEM_BLOCK* block, unsigned int size) {
     if (!release_block(block)) return nullptr;
     size_t bytes = 0;  // frees the memory
     if (size != 0 && !block_bytes(size, bytes)) return nullptr;
     void* memory = std::realloc(block, bytes);
-    return size != 0 ? static_cast<ST_MEM_BLOCK*>(memory) : nullptr;
+    return NewBlock(size != 0 ? static_cast<ST_MEM_BLOCK*>(memory) : nullptr);
 }
 
 const char* overrun_mark(const ST_MEM_BLOCK* block) {
@@ -362,15 +373,19 @@ void InitMemMng() {
 void FinMemMng() {
     const ST_MEM_BLOCK* const newest = heap.tail;
     if (newest == heap.mark) return;
-    write_report_file(newest);
+    try {
+        write_report_file(newest);
+    } catch (const std::bad_alloc&) {
+        // As where the file cannot be opened: the table below tells.
+    }
     if (newest != nullptr) print_live_blocks(newest);
 }
 
 void* Malloc(unsigned int size) {
-    ST_MEM_BLOCK* block = new_block(size);
+    NewBlock block = new_block(size);
     if (block == nullptr) return nullptr;
-    register_block(block, size, __builtin_return_address(0));
-    return data_of(block);
+    register_block(block.get(), size, __builtin_return_address(0));
+    return data_of(block.release());
 }
 
 void Free(void* p) {
@@ -380,8 +395,8 @@ void Free(void* p) {
 }
 
 void* Realloc(void* p, unsigned int size) {
-    ST_MEM_BLOCK* block = p == nullptr ? new_block(size) : resized_block(block_of(p), size);
+    NewBlock block = p == nullptr ? new_block(size) : resized_block(block_of(p), size);
     if (block == nullptr) return nullptr;
-    register_block(block, size, __builtin_return_address(0));
-    return data_of(block);
+    register_block(block.get(), size, __builtin_return_address(0));
+    return data_of(block.release());
 }
