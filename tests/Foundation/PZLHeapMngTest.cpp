@@ -356,6 +356,15 @@ TEST(PZLHeapMngTest, RecordsTheTenInnermostCallers) {
     Free(site.data);
 }
 
+TEST(PZLHeapMngTest, RecordsTheSameCallersInAForkedChild) {
+    const pztest::ChildResult result = pztest::run_in_child([] {
+        const Site site = malloc_here(8);
+        return header_of(site.data)->callers[1] == site.caller ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status);
+}
+
 TEST(PZLHeapMngTest, LeavesTheCallersBeyondTheOutermostEmpty) {
     static void* data = nullptr;
     data = malloc_deep(20).data;
@@ -1321,6 +1330,8 @@ TEST(PZLHeapMngTest, KeepsItsLockUntilTheProcessHasEnded) {
     EXPECT_EQ("freed\n", result.output);
 }
 
+// The address sanitizer takes the unwinding of a cancelled thread for an overrun.
+#ifndef __SANITIZE_ADDRESS__
 TEST(PZLHeapMngTest, GivesItsLockBackWhenAThreadIsCancelledInsideAReport) {
     const pztest::ChildResult result = pztest::run_in_child([]() -> int {
         static void* overrun = nullptr;
@@ -1351,6 +1362,7 @@ TEST(PZLHeapMngTest, GivesItsLockBackWhenAThreadIsCancelledInsideAReport) {
     EXPECT_TRUE(result.exited);
     EXPECT_EQ(0, result.status) << result.output;
 }
+#endif
 
 // The sanitizers keep the allocator to themselves; what needs a stand-in for it runs in the other
 // builds.

@@ -92,6 +92,10 @@ TEST(exportedSymbolsTest, WhatItTakesFromTheCLibraryIsListed) {
         if (name[0] != '_') taken.insert(name);
     }
     ASSERT_FALSE(taken.empty());
-    EXPECT_EQ(pztest::read_list(PZ_NEEDED_SYMBOLS), taken) << "see abi/undefined.txt";
+    std::set<std::string> listed = pztest::read_list(PZ_NEEDED_SYMBOLS);
+#ifndef __x86_64__
+    listed.erase("dl_iterate_phdr");  // for the call stacks of the accounted heap, there only
+#endif
+    EXPECT_EQ(listed, taken) << "see abi/undefined.txt";
 }
 #endif

@@ -17,7 +17,10 @@
 ///            may release their blocks while the process ends.
 /// Ownership: what Malloc and Realloc give goes to Free or Realloc of this heap, never to the C
 ///            library's.
-/// Cost:      about 2.6 KiB and one call-stack capture for each block: a diagnostic allocator.
+/// Cost:      about 2.6 KiB and one call-stack capture for each block: a diagnostic allocator. On
+///            x86-64 a capture takes 0.1 us by unwind rules kept for each return address; 2 us by
+///            the C library's backtrace() elsewhere, below a signal handler, in a forked child and
+///            where a frame has unusual rules. The addresses are the same.
 /// Failures:  a block that is refused (see Free) is reported; nothing is thrown.
 
 /// Begins the measured period: FinMemMng reports only when blocks were allocated, or freed, since.

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -20,6 +21,8 @@
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/Utility/PZLSysFileOut.h>
 #include <Framework/Utility/PZString.h>
+
+#include "../../private/pz_callers.h"
 
 namespace {
 
@@ -176,22 +179,30 @@ void unlink_locked(ST_MEM_BLOCK* block) {
 /// `returnAddress`.
 ///
 /// The column "Method(0)" of the report is the caller of Malloc or Realloc. So exactly three frames
-/// lie below it: PZCallStack::take, this function and Malloc or Realloc. This one stays a call
-/// of its own, and neither ends in a call that the compiler could turn into a jump.
+/// lie below it: the capture, this function and Malloc or Realloc. This one stays a call of its
+/// own, and neither ends in a call that the compiler could turn into a jump.
 [[gnu::noinline]] void register_block(ST_MEM_BLOCK* block, unsigned int size,
                                       const void* returnAddress) {
-    constexpr int kInnerFrames = 3;
-    PZCallStack stack;
-    stack.take(kInnerFrames + kCallers, false);
-    // A sanitizer's stand-in for backtrace() adds a frame of its own.
-    const bool hasExtraFrame = stack.getAddress(kInnerFrames) != returnAddress &&
-                               stack.getAddress(kInnerFrames + 1) == returnAddress;
-    const int first = hasExtraFrame ? kInnerFrames + 1 : kInnerFrames;
+    constexpr int kInnerReturns = 2;  // into this function, and into Malloc or Realloc
+    void* returns[kInnerReturns + kCallers];
+    const int count = pz_take_callers(returns, kInnerReturns + kCallers);
+    if (count > kInnerReturns && returns[kInnerReturns] == returnAddress) {
+        void** const end = std::copy(returns + kInnerReturns, returns + count, block->callers);
+        std::fill(end, std::end(block->callers), nullptr);
+    } else {
+        constexpr int kInnerFrames = 3;
+        PZCallStack stack;
+        stack.take(kInnerFrames + kCallers, false);
+        // A sanitizer's stand-in for backtrace() adds a frame of its own.
+        const bool hasExtraFrame = stack.getAddress(kInnerFrames) != returnAddress &&
+                                   stack.getAddress(kInnerFrames + 1) == returnAddress;
+        const int first = hasExtraFrame ? kInnerFrames + 1 : kInnerFrames;
+        for (int i = 0; i < kCallers; ++i) block->callers[i] = stack.getAddress(first + i);
+    }
 
     for (unsigned int& guard : block->guards) guard = kGuardWord;
     block->size = size;
     block->threadId = this_thread_id();
-    for (int i = 0; i < kCallers; ++i) block->callers[i] = stack.getAddress(first + i);
     for (auto& name : block->names) name[0] = '\0';
     std::memset(data_of(block) + size, kTrailerByte, kTrailerSize);
 
