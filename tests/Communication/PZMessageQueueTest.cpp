@@ -298,12 +298,14 @@ TEST_F(PZMessageQueueTest, DoesNotTakeTheDescriptorsOfTheStandardStreams) {
 }
 
 TEST_F(PZMessageQueueTest, IsNotOpenedWhenOnlyAStandardDescriptorIsLeft) {
-    const pztest::ChildResult child = pztest::run_in_child([this] {
+    const char* const queueName = name.Get();
+    const pztest::ChildResult child = pztest::run_in_child([queueName] {
+        Core queue;
         const int last = dup(STDIN_FILENO);  // every number below is in use
         const rlimit limit = {static_cast<rlim_t>(last + 1), static_cast<rlim_t>(last + 1)};
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return 1;
         close(STDIN_FILENO);
-        if (OpenCore() || core.isOpened()) return 2;
+        if (queue.open({queueName, 8}) || queue.isOpened()) return 2;
         return fcntl(STDIN_FILENO, F_GETFD) == -1 ? 0 : 3;
     });
     EXPECT_EQ(0, child.status);
@@ -316,17 +318,16 @@ TEST_F(PZMessageQueueTest, IsNotOpenedWhenOnlyAStandardDescriptorIsLeft) {
 TEST_F(PZMessageQueueTest, ACancelledThreadDestroysAnOpenQueueToTheEnd) {
     StdoutCapture out;
     const int before = open_descriptors();
+    auto forgotten = std::make_unique<Core>();
+    ASSERT_TRUE(forgotten->open({name.Get(), 8}));
     pthread_t thread = {};
-    const auto body = +[](void* queueName) -> void* {
-        {
-            Core forgotten;
-            forgotten.open({static_cast<const char*>(queueName), 8});
-            pthread_cancel(pthread_self());
-        }
+    const auto body = +[](void* queue) -> void* {
+        pthread_cancel(pthread_self());
+        static_cast<std::unique_ptr<Core>*>(queue)->reset();
         pthread_testcancel();
         return nullptr;
     };
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, const_cast<char*>(name.Get())));
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &forgotten));
     void* result = nullptr;
     ASSERT_EQ(0, pthread_join(thread, &result));
     EXPECT_EQ(PTHREAD_CANCELED, result);
