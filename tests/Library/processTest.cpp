@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdio>
@@ -18,7 +20,11 @@
 
 #include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Foundation/PZIDispatcher.h>
+#include <Framework/Foundation/PZIMsgBox.h>
+#include <Framework/Foundation/PZStorage.h>
 #include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLSysFileOut.h>
@@ -306,6 +312,115 @@ TEST(processTest, EndsWithItsThreadsRunningAndWithoutALeakReport) {
     EXPECT_TRUE(child.exited);
     EXPECT_EQ(3, child.status);
     EXPECT_EQ(std::string::npos, child.output.find("[Memory Leak Info]"));
+}
+
+namespace {
+
+/// Everything of the framework that runs or stays open, for the tests of what others see of it.
+/// Function-local statics, as an application has them: they are destroyed by exit only.
+class Everything {
+public:
+    bool Start() {
+        return HOLDS(pz_FwInitialize("process", 7) != 0) && HOLDS(worker_.Start("worker") == 0) &&
+               HOLDS(queue_.open({name_.Get(), &received_})) &&
+               HOLDS(sender_.open({name_.Get()})) && HOLDS(guard_.initForSystem()) &&
+               HOLDS(storage_.Open(dir_.File("storage").c_str(), "wb") == 0) &&
+               HOLDS(log_.Open()) && Works();
+    }
+
+    /// A message comes through the queue, one through the worker's box, a timer fires, and the
+    /// guard locks.
+    bool Works() {
+        const int before = received_.calls;
+        if (!HOLDS(sender_.send("x", 1, 1) == 0)) return false;
+        if (!HOLDS(comes([&] { return received_.calls > before; }))) return false;
+        const int fired = timer_.calls;
+        auto* const handle = PZLTimerMng::GetTimerMng()->AddTimer(&timer_, 1);
+        if (!HOLDS(comes([&] { return timer_.calls > fired; }))) return false;
+        PZLTimerMng::GetTimerMng()->RemoveTimer(handle, &timer_);
+        return HOLDS(posted_.IsServed(worker_)) && HOLDS(guard_.lock()) && HOLDS(guard_.unlock());
+    }
+
+private:
+    template <typename Condition>
+    static bool comes(Condition condition) {
+        return pztest::wait_until(condition, std::chrono::seconds(20));
+    }
+
+    class Received : public PZObserver_ {
+    public:
+        unsigned int OnNotify(unsigned int /*id*/, void* /*data*/, unsigned int /*size*/) override {
+            ++calls;
+            return 0;
+        }
+        std::atomic<int> calls{0};
+    };
+
+    class Fired : public PZLTimerBase {
+    public:
+        int OnTimer(PZLTimerSubMng::_TimerInfo* /*info*/) override {
+            ++calls;
+            return 0;
+        }
+        std::atomic<int> calls{0};
+    };
+
+    class Posted : public PZIDispatcher {
+    public:
+        bool IsServed(PZWorker& worker) {
+            PZIMsgBox* const box = worker.GetMsgBox();
+            if (id_ == 0) id_ = box->Registory(this);
+            const int before = calls_;
+            PZIMsgBox::ST_PUSH_MSG_DATA message = {};
+            message.SID = id_;
+            message.Priority = en_MSG_NORMAL;
+            return box->PushMsg(message) == 0 && comes([&] { return calls_ > before; });
+        }
+        void OnReceiveMsg(unsigned int /*id*/, const void* /*buff*/,
+                          unsigned int /*size*/) override {
+            ++calls_;
+        }
+        void OnReceiveEvent(unsigned int /*bits*/) override {}
+
+    private:
+        unsigned long id_ = 0;
+        std::atomic<int> calls_{0};
+    };
+
+    const pztest::FakeSyslog noSync_;
+    const pztest::TempDir dir_;
+    const pztest::QueueName name_;
+    const pztest::GuardFiles files_;
+    Received received_;
+    Fired timer_;
+    Posted posted_;
+    PZWorker worker_{1, 4000, 1};
+    PZMsgQ::PZMessageQueue<1> queue_;
+    PZMsgQ::PZMessageQueue<0> sender_;
+    PZFileGuard guard_{files_.Dir(), files_.Name()};
+    PZStorage storage_;
+    PZLSysFileOut log_{
+        std::wstring(dir_.Path().begin(), dir_.Path().end()).c_str(), L"app", L"txt", false, 0, 0};
+};
+
+}  // namespace
+
+TEST(processTest, TheExitOfAForkedChildLeavesItsParentAlone) {
+    in_child([] {
+        static Everything all;
+        if (!all.Start()) return false;
+        std::fflush(stdout);
+        const pid_t child = fork();
+        if (child == 0) std::exit(0);
+        int status = -1;
+        const bool hasEnded = pztest::wait_until(
+            [&] { return waitpid(child, &status, WNOHANG) == child; }, std::chrono::seconds(20));
+        if (!hasEnded) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+        }
+        return HOLDS(hasEnded) && HOLDS(status == 0) && all.Works();
+    });
 }
 
 TEST(processTest, AForkedChildHasNoneOfTheThreads) {
