@@ -37,8 +37,10 @@ struct ST_PAIR {
 constexpr ST_PAIR kUtf8ToCyrillic = {XCP_KOI8_R, XCP_UTF8, "KOI8-R", "UTF-8"};
 constexpr ST_PAIR kCyrillicToUtf8 = {XCP_UTF8, XCP_KOI8_R, "UTF-8", "KOI8-R"};
 constexpr ST_PAIR kUtf8ToGb18030 = {XCP_GB18030, XCP_UTF8, "GB18030", "UTF-8"};
+constexpr ST_PAIR kUtf8ToUtf16 = {XCP_UTF16LE, XCP_UTF8, "UTF-16LE", "UTF-8"};
 
-/// Opens, converts once and closes, as each conversion must; the number of bytes written.
+/// Opens, converts once and closes, as a program does that keeps nothing; the number of bytes
+/// written.
 size_t convert_raw(const char* to, const char* from, char* dst, size_t dstSize, const char* src,
                    size_t srcSize) {
     iconv_t converter = iconv_open(to, from);
@@ -151,6 +153,23 @@ void append_pieces_raw(benchmark::State& state) {
     }
 }
 
+/// 1 KiB with something at its end that it has almost everywhere.
+std::string haystack() {
+    std::string text;
+    while (text.size() < 1000) text += "needy nested noodles ";
+    return text + "needle";
+}
+
+void find(benchmark::State& state) {
+    const PZString text(haystack());
+    for (auto _ : state) benchmark::DoNotOptimize(text.IndexOf("needle"));
+}
+
+void find_raw(benchmark::State& state) {
+    const std::string text = haystack();
+    for (auto _ : state) benchmark::DoNotOptimize(text.find("needle"));
+}
+
 /// A line of 1 KiB, cut into 64 fields.
 std::string line_of_fields() {
     std::string line;
@@ -207,13 +226,33 @@ BENCHMARK_CAPTURE(convert_by_iconv, utf8_to_gb18030, kUtf8ToGb18030)
     ->Name("convert/utf8_to_gb18030:raw")
     ->Arg(20)
     ->Arg(4096);
+BENCHMARK_CAPTURE(convert, utf8_to_utf16, kUtf8ToUtf16)
+    ->Name("convert/utf8_to_utf16")
+    ->Arg(20)
+    ->Arg(4096);
+BENCHMARK_CAPTURE(convert_by_iconv, utf8_to_utf16, kUtf8ToUtf16)
+    ->Name("convert/utf8_to_utf16:raw")
+    ->Arg(20)
+    ->Arg(4096);
 BENCHMARK(to_wide)->Name("convert/utf8_to_wide")->Arg(20)->Arg(4096);
+// How the cost grows with the text: by own loops, by tables and by iconv.
+BENCHMARK(to_wide)->Name("convert/growth_utf8_to_wide")->RangeMultiplier(16)->Range(1, 1 << 20);
+BENCHMARK_CAPTURE(convert, koi8r_to_utf8_growth, kCyrillicToUtf8)
+    ->Name("convert/growth_koi8r_to_utf8")
+    ->RangeMultiplier(16)
+    ->Range(1, 1 << 20);
+BENCHMARK_CAPTURE(convert, utf8_to_gb18030_growth, kUtf8ToGb18030)
+    ->Name("convert/growth_utf8_to_gb18030")
+    ->RangeMultiplier(16)
+    ->Range(1, 1 << 20);
 BENCHMARK(to_wide_by_iconv)->Name("convert/utf8_to_wide:raw")->Arg(20)->Arg(4096);
 BENCHMARK(convert_radio_text)->Name("convert/radio_64_bytes");
 BENCHMARK(read_held_form)->Name("string/ToCHAR_held");
 BENCHMARK(read_held_form_raw)->Name("string/ToCHAR_held:raw");
 BENCHMARK(append_pieces)->Name("string/append_16");
 BENCHMARK(append_pieces_raw)->Name("string/append_16:raw");
+BENCHMARK(find)->Name("string/find_1KiB");
+BENCHMARK(find_raw)->Name("string/find_1KiB:raw");
 BENCHMARK(split)->Name("string/split_1KiB");
 BENCHMARK(split_by_hand)->Name("string/split_1KiB:raw");
 

@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     const Source<char> source(call, text);
-    check_conversion(call, to, 1, source.Bytes(), [&](char* dst, unsigned int dstSize) {
+    check_conversion(call, to, 1, from, source.Text(), [&](char* dst, unsigned int dstSize) {
         return pz_cp_conv(dst, dstSize, to, source.Data(), source.Length(), from);
     });
     source.CheckUntouched();

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                            source.Length(), from);
     };
     if (is_utf16(to)) {
-        check_conversion(call, to, sizeof(unsigned short), source.Bytes(), convert);
+        check_conversion(call, to, sizeof(unsigned short), from, source.Text(), convert);
     } else {
         Destination dst(call.dstCount * sizeof(unsigned short));
         fuzz_check(convert(dst.Data(), call.dstCount) == -1, "only 16-bit targets are allowed");

@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const EN_XCP from = take_page(input);
     const ConversionCall call = take_call(input);
     const Source<char> source(call, input.Rest());
-    check_conversion(call, XCP_WCHAR, sizeof(wchar_t), source.Bytes(),
+    check_conversion(call, XCP_WCHAR, sizeof(wchar_t), from, source.Text(),
                      [&](char* dst, unsigned int dstCount) {
                          return pz_mbtowc(reinterpret_cast<wchar_t*>(dst), dstCount, source.Data(),
                                           source.Length(), from);

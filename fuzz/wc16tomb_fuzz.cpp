@@ -16,14 +16,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const ConversionCall call = take_call(input);
     if (from == XCP_LATIN_ASCII) {
         const Source<wchar_t> source(call, input.Rest());
-        check_conversion(call, to, 1, source.Bytes(), [&](char* dst, unsigned int dstSize) {
-            return pz_wctomb(dst, dstSize, source.Data(), static_cast<int>(source.Length()), to);
-        });
+        check_conversion(call, to, 1, XCP_WCHAR, source.Text(),
+                         [&](char* dst, unsigned int dstSize) {
+                             return pz_wctomb(dst, dstSize, source.Data(),
+                                              static_cast<int>(source.Length()), to);
+                         });
         source.CheckUntouched();
         return 0;
     }
     const Source<unsigned short> source(call, input.Rest());
-    check_conversion(call, to, 1, source.Bytes(), [&](char* dst, unsigned int dstSize) {
+    check_conversion(call, to, 1, from, source.Text(), [&](char* dst, unsigned int dstSize) {
         return pz_wc16tomb(dst, dstSize, to, source.Data(), static_cast<int>(source.Length()),
                            from);
     });

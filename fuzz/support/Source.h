@@ -32,11 +32,14 @@ public:
     }
 
     /// What is to be converted.
-    size_t Bytes() const {
+    std::string Text() const {
         const auto end =
             call_.measure ? std::find(units_.begin(), units_.end(), T()) : units_.end();
-        return static_cast<size_t>(end - units_.begin()) * sizeof(T);
+        return std::string(reinterpret_cast<const char*>(units_.data()),
+                           static_cast<size_t>(end - units_.begin()) * sizeof(T));
     }
+
+    size_t Bytes() const { return Text().size(); }
 
     void CheckUntouched() const { fuzz_check(units_ == before_, "the source was changed"); }
 

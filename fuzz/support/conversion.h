@@ -8,6 +8,7 @@
 
 #include "support/Destination.h"
 #include "support/FuzzInput.h"
+#include "support/Reference.h"
 #include "support/fuzz_check.h"
 
 // What the converters of pz_cp_conv.h have in common, checked for any of them.
@@ -69,10 +70,12 @@ inline unsigned int impossible_count(size_t unitSize) {
 /// Runs `convert(dst, dstCount)`, a call of a converter into `to`, twice with the destination of
 /// `call` and once with one that is large enough for everything, and compares.
 ///
-/// `dstUnit` is the size of the units that `dstCount` counts, `srcBytes` that of the source.
+/// The call is also compared with iconv itself. `dstUnit` is the size of the units that `dstCount`
+/// counts, `src` what is to be converted from the page `from`.
 template <typename Convert>
-void check_conversion(const ConversionCall& call, EN_XCP to, size_t dstUnit, size_t srcBytes,
-                      const Convert& convert) {
+void check_conversion(const ConversionCall& call, EN_XCP to, size_t dstUnit, EN_XCP from,
+                      const std::string& src, const Convert& convert) {
+    const size_t srcBytes = src.size();
     const size_t unit = unit_size(to);
     const unsigned int count = call.impossibleSize ? impossible_count(dstUnit) : call.dstCount;
     Destination dst(call.impossibleSize ? 64 : call.dstCount * dstUnit, call.shift * dstUnit % 4);
@@ -89,6 +92,10 @@ void check_conversion(const ConversionCall& call, EN_XCP to, size_t dstUnit, siz
         return;
     }
     fuzz_check(result >= 0, "a negative result");
+    Destination expected(dst.Size(), call.shift * dstUnit % 4);
+    fuzz_check(result == convert_by_iconv(expected, to, unit, src, from),
+               "iconv answers otherwise");
+    fuzz_check(dst == expected, "iconv leaves other bytes");
 
     Destination large((srcBytes + 1) * 16);
     const int all = convert(large.Data(), static_cast<unsigned int>(large.Size() / dstUnit));

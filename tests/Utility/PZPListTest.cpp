@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <memory>
+#include <random>
 #include <type_traits>
 #include <vector>
 
@@ -164,15 +166,65 @@ TEST(PZPListOfManyTest, TakesTheNodesOfAnotherList) {
     EXPECT_EQ(&numbers[0], first.GetHead()->element);
 }
 
-TEST(PZPListOfManyTest, GivesTheMemoryOfErasedNodesToLaterOnes) {
-    PZPList<int> list;
+namespace {
+
+int allocated;  // objects, by allocators of any type
+
+template <typename T>
+struct CountingAllocator {
+    using value_type = T;
+
+    CountingAllocator() = default;
+    template <typename U>
+    explicit CountingAllocator(const CountingAllocator<U>& /*other*/) {}
+
+    T* allocate(size_t count) {
+        allocated += static_cast<int>(count);
+        return std::allocator<T>().allocate(count);
+    }
+    void deallocate(T* memory, size_t count) {
+        allocated -= static_cast<int>(count);
+        std::allocator<T>().deallocate(memory, count);
+    }
+};
+
+}  // namespace
+
+TEST(PZPListOfManyTest, GivesItsMemoryBackInWhateverOrderNodesAreErased) {
     int element = 0;
-    list.AddTail(&element);
-    const void* const place = list.GetHead();
-    for (int i = 0; i < 1000; ++i) {
-        list.Erase(list.GetHead());
+    std::mt19937 random(1);
+    for (int round = 0; round < 200; ++round) {
+        allocated = 0;
+        PZPList<int, CountingAllocator<int*>> list;
+        std::vector<PZPListObj<int>*> nodes;
+        for (int i = 0; i < 500; ++i) {
+            if (!nodes.empty() && random() % 5 < 2) {
+                const size_t which = random() % nodes.size();
+                list.Erase(nodes[which]);
+                nodes.erase(nodes.begin() + static_cast<ptrdiff_t>(which));
+                continue;
+            }
+            list.AddTail(&element);
+            PZPListObj<int>* last = list.GetHead();
+            while (last->next != nullptr) last = last->next;
+            nodes.push_back(last);
+        }
+        EXPECT_EQ(nodes.size(), list.GetCount());
+        EXPECT_GT(allocated, 0);
+        while (list.GetHead() != nullptr) list.Erase(list.GetHead());
+        EXPECT_EQ(0, allocated);
+    }
+}
+
+TEST(PZPListOfManyTest, StaysSmallWhileItIsUsedAsAQueue) {
+    allocated = 0;
+    PZPList<int, CountingAllocator<int*>> list;
+    int element = 0;
+    for (int i = 0; i < 10; ++i) list.AddTail(&element);
+    for (int i = 0; i < 10000; ++i) {
         list.AddTail(&element);
-        EXPECT_EQ(place, list.GetHead());
+        list.Erase(list.GetHead());
+        ASSERT_LE(allocated, 60);
     }
 }
 

@@ -1,3 +1,4 @@
+#include <Framework/Wrapper/private/pz_iconv_names.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <gtest/gtest.h>
 #include <iconv.h>
@@ -12,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "../src/Framework/Wrapper/private/pz_iconv_names.h"
 #include "support/StdoutCapture.h"
 
 // Every conversion beside one call of iconv on a fresh descriptor: result, error, report, and every

@@ -66,6 +66,9 @@ protected:
     PZListBase() noexcept = default;
     ~PZListBase() = default;
 
+    /// The last node; null when the list is empty.
+    NODE* GetTail() const noexcept { return tail_; }
+
     /// Makes `node`, which is in no list, the last one.
     void LinkTail(NODE* node) noexcept {
         node->prev = tail_;
@@ -104,8 +107,9 @@ private:
 /// A doubly linked list of pointers to T.
 ///
 /// Threads:   no lock of its own.
-/// Ownership: the nodes are the list's; their memory is kept for further nodes until the list goes.
-///            The elements stay the user's.
+/// Ownership: the nodes are the list's and go with it; the elements stay the user's. Nodes that
+/// were
+///            added together share memory, up to 1 KiB, which goes with the last one of them.
 /// Failures:  AddTail throws std::bad_alloc when there is no memory for a node; the list is as it
 /// was
 ///            then. Nothing else fails.
@@ -151,44 +155,24 @@ public:
 
     PZPList() = default;
     ~PZPList() {
-        while (blocks_ != nullptr) {
-            Slot* const block = blocks_;
-            blocks_ = block->head.next;
-            Allocator().deallocate(block, block->head.slots);
-        }
+        while (this->GetHead() != nullptr) Erase(this->GetHead());
     }
 
     /// Appends a node that points at `element`.
     void AddTail(T* element) {
-        if (free_ == nullptr) AddBlock();
-        Slot* const slot = free_;
-        free_ = slot->nextFree;
+        Slot* const slot = FreeSlot();
         this->LinkTail(new (&slot->node) Node{nullptr, nullptr, element});
     }
 
     /// Appends all nodes of `other`, which is empty afterwards. Allocates nothing.
-    void Take(PZPList& other) noexcept {
-        if (&other == this) return;
-        this->LinkAll(other);
-        while (other.free_ != nullptr) {
-            Slot* const slot = other.free_;
-            other.free_ = slot->nextFree;
-            MakeFree(slot);
-        }
-        while (other.blocks_ != nullptr) {
-            Slot* const block = other.blocks_;
-            other.blocks_ = block->head.next;
-            block->head.next = blocks_;
-            blocks_ = block;
-        }
-    }
+    void Take(PZPList& other) noexcept { this->LinkAll(other); }
 
-    /// Takes the node out, not its element; a later node gets its memory. It must be of this list;
-    /// null is ignored.
+    /// Takes the node out and frees it, not its element. It must be of this list; null is ignored.
     void Erase(Node* node) {
         if (node == nullptr) return;
         this->Unlink(node);
-        MakeFree(reinterpret_cast<Slot*>(node));
+        Slot* const block = reinterpret_cast<Slot*>(node)->block;
+        if (--block->head.live == 0) Allocator().deallocate(block, block->head.slots);
     }
 
     /// The elements, for range-based for loops.
@@ -198,38 +182,44 @@ public:
     /// @}
 
 private:
-    static constexpr std::size_t kMaxBlock = 32;  // larger ones cost the C library more
+    static constexpr unsigned int kMaxSlots = 29;  // larger blocks cost the C library more
 
     // Memory of a node. The nodes lie in blocks, because one allocation for each of them costs more
-    // than all else that is done with it; the first slot of a block tells its size.
-    union Slot {
-        Node node;
-        Slot* nextFree;
-        struct {
-            Slot* next;
-            std::size_t slots;
-        } head;
+    // than all else that is done with it. The first slot of a block counts the others; the block
+    // goes with the last of its nodes.
+    struct Slot {
+        union {
+            Node node;
+            struct {
+                unsigned int slots;  // the first one included
+                unsigned int used;
+                unsigned int live;  // nodes that are not erased
+            } head;
+        };
+        Slot* block;
     };
     using Allocator = typename std::allocator_traits<ALLOCATOR>::template rebind_alloc<Slot>;
 
-    void MakeFree(Slot* slot) noexcept {
-        slot->nextFree = free_;
-        free_ = slot;
+    /// The next slot of the last node's block, or the first one of a new block: a list that grows
+    /// is at least half full.
+    Slot* FreeSlot() {
+        const Node* const tail = this->GetTail();
+        Slot* block = tail != nullptr ? reinterpret_cast<const Slot*>(tail)->block : nullptr;
+        if (block == nullptr || block->head.used == block->head.slots) block = NewBlock();
+        Slot* const slot = block + block->head.used++;
+        slot->block = block;
+        ++block->head.live;
+        return slot;
     }
 
-    /// As many free slots as there are nodes: a list is at most half empty while it grows.
-    void AddBlock() {
-        std::size_t nodes = this->GetCount();
-        if (nodes < 1) nodes = 1;
-        if (nodes > kMaxBlock) nodes = kMaxBlock;
-        Slot* const block = Allocator().allocate(nodes + 1);
-        block->head = {blocks_, nodes + 1};
-        blocks_ = block;
-        for (std::size_t i = nodes; i > 0; --i) MakeFree(block + i);
+    Slot* NewBlock() {
+        unsigned int slots = this->GetCount() + 1;
+        if (slots < 2) slots = 2;
+        if (slots > kMaxSlots) slots = kMaxSlots;
+        Slot* const block = Allocator().allocate(slots);
+        block->head = {slots, 1, 0};
+        return block;
     }
-
-    Slot* blocks_ = nullptr;
-    Slot* free_ = nullptr;
 };
 
 #endif  // PZ_FRAMEWORK_UTILITY_PZPLIST_H
