@@ -54,7 +54,6 @@ void send_receive_raw(benchmark::State& state) {
     if (queue == -1) std::abort();
     for (auto _ : state) {
         unsigned int priority = 0;
-        if (mq_getattr(queue, &attr) != 0) std::abort();
         if (mq_send(queue, message, size + 4, 255U - kPriority) != 0) std::abort();
         if (mq_receive(queue, data, 1024, &priority) < 0) std::abort();
         benchmark::DoNotOptimize(data);
