@@ -335,7 +335,7 @@ TEST_F(PZFileGuardProcessTest, FreesThoseWhoWaitWhenItsSystemSideIsKilledAndStar
         const GuardSegment mutex(files_.MutexFile());
         ASSERT_TRUE(wait_until([&mutex] { return mutex.MutexWord() == 2; }));
         for (const auto& app : waiting) {
-            ASSERT_TRUE(wait_until([&mutex, &app] { return sleeps(app->Pid()); }));
+            ASSERT_TRUE(wait_until([&app] { return sleeps(app->Pid()); }));
         }
     }
     ChildProcess restarted([this] {

@@ -27,7 +27,7 @@ constexpr mode_t kQueueMode = 0666;
 constexpr unsigned int kMostUrgent = 255;  // of the system; the caller's priority 0
 constexpr int kCapacity = 64;              // of the queues of <0> and <1>
 constexpr unsigned int kWatchTimeMs = 4000;
-constexpr long kRetryPauseNs = 100 * 1000 * 1000;
+constexpr long kRetryPauseNs = 100000000;  // 100 ms
 
 static_assert(sizeof(mqd_t) == 4, "record layout");
 static_assert(sizeof(PZMessageQueue<2>) == 1064, "record layout: 4 + 33 + 1025, padded");
