@@ -1,23 +1,31 @@
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <Framework/Foundation/PZFileSys.h>
 
+#include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -25,9 +33,13 @@ pztest::Interposed<size_t(void*, size_t, size_t, FILE*)> fread_call("fread", 0);
 pztest::Interposed<size_t(const void*, size_t, size_t, FILE*)> fwrite_call("fwrite", 0);
 pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
 pztest::Interposed<int(int, const char*, int)> unlinkat_call("unlinkat");
+pztest::Interposed<int(const char*, mode_t)> mkdir_call("mkdir");
+pztest::Interposed<void*(DIR*)> readdir_call("readdir64", nullptr);
+pztest::Interposed<ssize_t(int, off64_t*, int, off64_t*, size_t, unsigned int)>
+    copy_file_range_call("copy_file_range");
 
 int syncs;
-bool watching;  // the calls of the copy, not those of the test
+std::atomic<bool> watching{false};  // the calls of the copy, not those of the test
 
 }  // namespace
 
@@ -45,6 +57,16 @@ extern "C" size_t fwrite(const void* data, size_t size, size_t count, FILE* stre
 }
 extern "C" FILE* fopen64(const char* path, const char* mode) {
     return fopen_call(path, mode);
+}
+extern "C" int mkdir(const char* path, mode_t mode) noexcept {
+    return mkdir_call(path, mode);
+}
+extern "C" dirent64* readdir64(DIR* dir) {
+    return static_cast<dirent64*>(readdir_call(dir));
+}
+extern "C" ssize_t copy_file_range(int in, off64_t* inOffset, int out, off64_t* outOffset,
+                                   size_t length, unsigned int flags) {
+    return copy_file_range_call(in, inOffset, out, outOffset, length, flags);
 }
 extern "C" int unlinkat(int fd, const char* path, int flags) noexcept {
     return unlinkat_call(fd, path, flags);
@@ -123,6 +145,9 @@ protected:
         fwrite_call.Reset();
         fopen_call.Reset();
         unlinkat_call.Reset();
+        mkdir_call.Reset();
+        readdir_call.Reset();
+        copy_file_range_call.Reset();
         asked.clear();
         written.clear();
         syncs = 0;
@@ -130,6 +155,9 @@ protected:
     ~PZFileSysCopyTest() override {
         watching = false;
         fopen_call.Reset();
+        mkdir_call.Reset();
+        readdir_call.Reset();
+        copy_file_range_call.Reset();
     }
 
     std::string Make(const std::string& name, const std::string& content) {
@@ -153,6 +181,10 @@ protected:
     bool Copy(const std::string& src, const std::string& dst, bool failIfExists = false,
               bool createDirs = false) {
         return PZFileSys::Copy(src.c_str(), dst.c_str(), failIfExists, createDirs);
+    }
+    /// The kernel copies nothing itself: as between most kinds of file systems.
+    static void LetTheKernelRefuse(int error = EXDEV) {
+        copy_file_range_call.FailNext(error, 1000000);
     }
     static bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
     static std::wstring Wide(const std::string& ascii) { return {ascii.begin(), ascii.end()}; }
@@ -184,8 +216,9 @@ TEST_F(PZFileSysCopyTest, CopiesFilesOfEverySizeAroundTheChunkWithOneSync) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZFileSysCopyTest, ReadsAndWrites1024BytesAtATime) {
+TEST_F(PZFileSysCopyTest, ReadsAndWrites1024BytesAtATimeWhatTheKernelDoesNotCopy) {
     const std::string src = Make("src", some_bytes(2500));
+    LetTheKernelRefuse();
     fread_call.Replace(record_read);
     fwrite_call.Replace(record_write);
     watching = true;
@@ -193,6 +226,106 @@ TEST_F(PZFileSysCopyTest, ReadsAndWrites1024BytesAtATime) {
     watching = false;
     EXPECT_EQ((Sizes{1024, 1024, 1024}), asked);
     EXPECT_EQ((Sizes{1024, 1024, 452}), written);
+}
+
+namespace {
+
+/// The kernel, which copies at most 3000 bytes with the first call and answers 0 or fails then.
+int laterError;
+int kernelCalls;
+ssize_t copy_a_part(int in, off64_t* inOffset, int out, off64_t* outOffset, size_t length,
+                    unsigned int flags) {
+    if (kernelCalls++ == 0) {
+        return copy_file_range_call.Real(in, inOffset, out, outOffset,
+                                         std::min(length, size_t{3000}), flags);
+    }
+    errno = laterError;
+    return laterError == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+TEST_F(PZFileSysCopyTest, LetsTheKernelCopy) {
+    const std::string src = Make("src", some_bytes(300000));
+    fwrite_call.Replace(record_write);
+    watching = true;
+    EXPECT_TRUE(Copy(src, dir.File("dst")));
+    watching = false;
+    EXPECT_EQ(some_bytes(300000), pztest::read_file(dir.File("dst")));
+    EXPECT_EQ(Sizes(), written) << "nothing went through the buffer";
+    EXPECT_EQ(1, syncs);
+}
+
+TEST_F(PZFileSysCopyTest, CopiesOnFromWhereTheKernelStopped) {
+    const std::string src = Make("src", some_bytes(10000));
+    for (const int error :
+         {0, EXDEV, EINVAL, ENOSYS, EOPNOTSUPP, EPERM, EBADF, EIO, ENOMEM, EINTR}) {
+        kernelCalls = 0;
+        laterError = error;
+        copy_file_range_call.Replace(copy_a_part);
+        written.clear();
+        fwrite_call.Replace(record_write);
+        watching = true;
+        EXPECT_TRUE(Copy(src, dir.File("dst"))) << error;
+        watching = false;
+        EXPECT_EQ(some_bytes(10000), pztest::read_file(dir.File("dst"))) << error;
+        EXPECT_EQ((Sizes{1024, 1024, 1024, 1024, 1024, 1024, 856}), written) << error;
+    }
+    EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZFileSysCopyTest, CopiesWhatTheKernelDoesNotTellTheSizeOf) {
+    struct stat status = {};
+    ASSERT_EQ(0, ::stat("/proc/self/limits", &status));
+    ASSERT_EQ(0, status.st_size);
+    EXPECT_TRUE(Copy("/proc/self/limits", dir.File("dst")));
+    EXPECT_EQ(pztest::read_file("/proc/self/limits"), pztest::read_file(dir.File("dst")));
+    EXPECT_LT(100u, pztest::read_file(dir.File("dst")).size());
+}
+
+TEST_F(PZFileSysCopyTest, CopiesFromAndToPipes) {
+    const std::string fifo = dir.File("fifo");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const std::string src = Make("src", some_bytes(200000));
+    std::string arrived;
+    std::thread reader([&] { arrived = pztest::read_file(fifo); });
+    EXPECT_TRUE(Copy(src, fifo));
+    reader.join();
+    EXPECT_EQ(some_bytes(200000), arrived);
+
+    std::thread writer([&] { pztest::write_file(fifo, some_bytes(200000)); });
+    EXPECT_TRUE(Copy(fifo, dir.File("dst")));
+    writer.join();
+    EXPECT_EQ(some_bytes(200000), pztest::read_file(dir.File("dst")));
+    EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZFileSysCopyTest, CopiesHolesAsZeroes) {
+    const std::string src = Make("src", "begin");
+    ASSERT_EQ(0, ::truncate64(src.c_str(), 3000000));
+    const int file = ::open(src.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    ASSERT_EQ(3, ::write(file, "end", 3));
+    ::close(file);
+    EXPECT_TRUE(Copy(src, dir.File("dst")));
+    EXPECT_EQ("begin" + std::string(2999995, '\0') + "end", pztest::read_file(dir.File("dst")));
+}
+
+TEST_F(PZFileSysCopyTest, CopiesWhatAGrowingFileHasGotMeanwhile) {
+    static std::string growing;
+    growing = Make("src", some_bytes(5000));
+    copy_file_range_call.Replace([](int in, off64_t* inOffset, int out, off64_t* outOffset,
+                                    size_t length, unsigned int flags) {
+        const ssize_t copied =
+            copy_file_range_call.Real(in, inOffset, out, outOffset, length, flags);
+        if (copied == 0) {  // the kernel has met the end
+            FILE* const more = fopen_call.Real(growing.c_str(), "ab");
+            std::fputs("more", more);
+            std::fclose(more);
+        }
+        return copied;
+    });
+    EXPECT_TRUE(Copy(growing, dir.File("dst")));
+    EXPECT_EQ(some_bytes(5000) + "more", pztest::read_file(dir.File("dst")));
 }
 
 TEST_F(PZFileSysCopyTest, CopiesWidePaths) {
@@ -290,6 +423,7 @@ TEST_F(PZFileSysCopyTest, ReportsADirectoryThatIsTakenForAFile) {
 TEST_F(PZFileSysCopyTest, StopsAtAFailedWriteAndLeavesWhatItHas) {
     const std::string src = Make("src", some_bytes(3000));
     const std::string dst = dir.File("dst");
+    LetTheKernelRefuse();
     fwrite_call.FailNext(ENOSPC, 1, 1);
     watching = true;
     EXPECT_FALSE(Copy(src, dst));
@@ -404,6 +538,7 @@ TEST_F(PZFileSysCopyTest, ClosesItsFilesHoweverTheCopyEnds) {
     EXPECT_EQ(before, pztest::open_descriptors());
     EXPECT_FALSE(Copy(src, dir.File("no/dst"))) << "no destination";
     EXPECT_EQ(before, pztest::open_descriptors());
+    LetTheKernelRefuse();
     fwrite_call.FailNext(ENOSPC);
     watching = true;
     EXPECT_FALSE(Copy(src, dst));
@@ -559,6 +694,7 @@ TEST_F(PZFileSysCopyTest, CleansUpAfterAFailedMoveOfADirectory) {
 TEST_F(PZFileSysCopyTest, LeavesAPartialFileAfterAFailedMove) {
     const std::string src = Make("src", some_bytes(3000));
     const std::string dst = dir.File("dst");
+    LetTheKernelRefuse();
     fwrite_call.FailNext(ENOSPC, 1, 1);
     watching = true;
     EXPECT_FALSE(PZFileSys::Move(src.c_str(), dst.c_str()));
@@ -581,4 +717,286 @@ TEST_F(PZFileSysCopyTest, ReportsASourceThatCannotBeRemoved) {
     EXPECT_EQ(1u, pztest::count_of(text, "[39 : Directory not empty]"));
     EXPECT_TRUE(Exists(dir.File("z/b/c/h")));
     EXPECT_EQ(6, syncs) << "three folders and three files; no removal, no move";
+}
+
+// ---- races ----
+
+namespace {
+
+std::string contested;  // where somebody else is faster, while this source is opened
+std::string opened;
+
+void make_winner() {
+    mkdir_call.Real(contested.c_str(), 0755);
+    pztest::write_file(contested + "/winner", "w");
+}
+
+int lose_to_a_directory(const char* path, mode_t mode) {
+    if (path == contested) make_winner();
+    return mkdir_call.Real(path, mode);
+}
+
+/// Whoever opens the source finds that the destination has appeared since it looked.
+FILE* lose_to_a_file(const char* path, const char* mode) {
+    FILE* const stream = fopen_call.Real(path, mode);
+    if (path != opened) return stream;
+    FILE* const winner = fopen_call.Real(contested.c_str(), "wb");
+    std::fputs("winner", winner);
+    std::fclose(winner);
+    return stream;
+}
+
+FILE* lose_a_file_to_a_directory(const char* path, const char* mode) {
+    if (path == opened) make_winner();
+    return fopen_call.Real(path, mode);
+}
+
+}  // namespace
+
+TEST_F(PZFileSysCopyTest, LeavesADestinationAloneThatHasAppearedMeanwhile) {
+    const std::string src = MakeTree();
+    contested = dir.File("z");
+    mkdir_call.Replace(lose_to_a_directory);
+    EXPECT_FALSE(PZFileSys::Move(src.c_str(), contested.c_str()));
+    EXPECT_EQ("w", pztest::read_file(contested + "/winner"));
+    EXPECT_FALSE(Exists(contested + "/b")) << "nothing was mixed into it";
+    EXPECT_EQ("333", pztest::read_file(src + "/b/c/h"));
+    EXPECT_TRUE(pztest::has_report(output.Take(), "Copy", "PZFileSys.cpp",
+                                   "[" + contested + "] is already exist."));
+}
+
+TEST_F(PZFileSysCopyTest, LeavesAFileAloneThatHasAppearedMeanwhile) {
+    const std::string src = Make("src", "x");
+    opened = src;
+    contested = dir.File("dst");
+    fopen_call.Replace(lose_to_a_file);
+    EXPECT_FALSE(PZFileSys::Move(src.c_str(), contested.c_str()));
+    EXPECT_EQ("winner", pztest::read_file(contested));
+    EXPECT_TRUE(pztest::has_report(output.Take(), "copyFile", "PZFileSys.cpp",
+                                   "already exist [" + contested + "]"));
+}
+
+TEST_F(PZFileSysCopyTest, LeavesADirectoryAloneThatHasAppearedInThePlaceOfAFile) {
+    const std::string src = Make("src", "x");
+    opened = src;
+    contested = dir.File("dst");
+    fopen_call.Replace(lose_a_file_to_a_directory);
+    EXPECT_FALSE(PZFileSys::Move(src.c_str(), contested.c_str()));
+    EXPECT_EQ("w", pztest::read_file(contested + "/winner"));
+}
+
+TEST_F(PZFileSysCopyTest, MovesATreeToOneOfTwoThatWantTheSamePlace) {
+    const std::string dst = dir.File("z");
+    for (int round = 0; round < 50; ++round) {
+        const std::string a = MakeDir("a");
+        const std::string b = MakeDir("b");
+        Make("a/fromA", "1");
+        Make("b/fromB", "2");
+        std::atomic<int> ready{0};
+        bool moved[2] = {};
+        const auto run = [&](int who) {
+            ++ready;
+            while (ready != 2) {
+            }
+            moved[who] = PZFileSys::Move((who == 0 ? a : b).c_str(), dst.c_str());
+        };
+        std::thread other(run, 1);
+        run(0);
+        other.join();
+        ASSERT_EQ(1, moved[0] + moved[1]) << round;
+        EXPECT_EQ(moved[0] ? "1" : "", pztest::read_file(dst + "/fromA"));
+        EXPECT_EQ(moved[1] ? "2" : "", pztest::read_file(dst + "/fromB"));
+        EXPECT_EQ(moved[0], Exists(b + "/fromB")) << "the other one keeps its tree";
+        EXPECT_EQ(moved[1], Exists(a + "/fromA"));
+        std::filesystem::remove_all(dst);
+        std::filesystem::remove_all(a);
+        std::filesystem::remove_all(b);
+        output.Take();
+    }
+}
+
+TEST_F(PZFileSysCopyTest, CopiesToNewDirectoriesHoweverTheirPathEnds) {
+    const std::string src = MakeTree();
+    for (const char* end : {"x", "x/", "x//", "x/.", "y/x", "y/x/", "y/./x/./", "y/.."}) {
+        EXPECT_TRUE(Copy(src, dir.File("new/") + end, true, true)) << end;
+        EXPECT_EQ("22", pztest::read_file(dir.File("new/") + end + "/b/g")) << end;
+        std::filesystem::remove_all(dir.File("new"));
+    }
+    EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZFileSysCopyTest, WritesIntoALinkThatLeadsNowhereYet) {
+    const std::string src = Make("src", "x");
+    ASSERT_EQ(0, ::symlink("target", dir.File("link").c_str()));
+    EXPECT_TRUE(Copy(src, dir.File("link"), true)) << "what it leads to does not exist";
+    EXPECT_EQ("x", pztest::read_file(dir.File("target")));
+}
+
+// ---- too few descriptors, failing listings, no memory ----
+
+namespace {
+
+/// Within the scope the process can open `more` descriptors, and no more.
+class DescriptorLimit {
+public:
+    explicit DescriptorLimit(rlim_t more) {
+        EXPECT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before_));
+        const int next = ::dup(STDERR_FILENO);
+        ::close(next);
+        const rlimit limit = {static_cast<rlim_t>(next) + more, before_.rlim_max};
+        EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
+    }
+    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+    DescriptorLimit(const DescriptorLimit&) = delete;
+    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+private:
+    rlimit before_ = {};
+};
+
+}  // namespace
+
+TEST_F(PZFileSysCopyTest, FailsInsteadOfLosingFilesWhenDescriptorsRunOut) {
+    const std::string src = MakeTree();
+    for (rlim_t more = 0; more < 3; ++more) {
+        const std::string first = dir.File("z");
+        const std::string second = dir.File("y");
+        bool copied = true;
+        bool moved = true;
+        {
+            const DescriptorLimit limit(more);
+            copied = PZFileSys::Copy(src.c_str(), first.c_str(), false, true);
+            moved = PZFileSys::Move(src.c_str(), second.c_str());
+        }
+        EXPECT_FALSE(copied) << more;
+        EXPECT_FALSE(moved) << more;
+        EXPECT_LT(0u, pztest::count_of(output.Take(), "[24 : Too many open files]")) << more;
+        EXPECT_EQ("333", pztest::read_file(src + "/b/c/h")) << more;
+        EXPECT_EQ("1", pztest::read_file(src + "/.f")) << more;
+        std::filesystem::remove_all(first);
+        std::filesystem::remove_all(second);
+    }
+}
+
+TEST_F(PZFileSysCopyTest, FailsAMoveWhoseSourceCannotBeOpenedForRemovalForWantOfDescriptors) {
+    static rlimit before;
+    const std::string src = MakeDir("a");
+    Make("a/f", "1");
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+    // The descriptors run out once everything is copied: with the end of the listing.
+    readdir_call.Replace([](DIR* listed) {
+        void* const entry = readdir_call.Real(listed);
+        if (entry == nullptr) {
+            const rlimit limit = {3, before.rlim_max};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+        }
+        return entry;
+    });
+    const bool moved = PZFileSys::Move(src.c_str(), dir.File("z").c_str());
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(moved);
+    EXPECT_EQ("1", pztest::read_file(dir.File("z/f")));
+    EXPECT_EQ("1", pztest::read_file(src + "/f"));
+    const std::string text = output.Take();
+    EXPECT_EQ(1u, pztest::count_of(text, "[24 : Too many open files]"));
+    EXPECT_EQ(1u, pztest::count_of(text, "src [" + src + "]\n"));
+}
+
+TEST_F(PZFileSysCopyTest, FailsWhenAListingFails) {
+    const std::string src = MakeTree();
+    // "." and "..", the file and the folder in any order, then those of the folder.
+    for (int skip = 0; skip < 6; ++skip) {
+        readdir_call.FailNext(EIO, 1, skip);
+        EXPECT_FALSE(PZFileSys::Move(src.c_str(), dir.File("z").c_str())) << skip;
+        const std::string text = output.Take();
+        EXPECT_TRUE(pztest::has_report(text, "copyDirectory", "PZFileSys.cpp",
+                                       "std library error [5 : Input/output error]"));
+        EXPECT_EQ(1u, pztest::count_of(text, "dst [")) << skip;
+        EXPECT_EQ("333", pztest::read_file(src + "/b/c/h")) << skip;
+        EXPECT_FALSE(Exists(dir.File("z")));
+    }
+}
+
+TEST_F(PZFileSysCopyTest, CopiesDirectoriesWithStarsInTheirNames) {
+    const std::string src = MakeDir("a");
+    MakeDir("a/b*b");
+    Make("a/b*b/f", "1");
+    EXPECT_TRUE(PZFileSys::Move(src.c_str(), dir.File("z").c_str()));
+    EXPECT_EQ("1", pztest::read_file(dir.File("z/b*b/f")));
+}
+
+TEST_F(PZFileSysCopyTest, CountsADirectoryWithoutRightsAsEmpty) {
+    if (::geteuid() == 0) {
+        ASSERT_EQ(0, ::chmod(dir.Path().c_str(), 0755));
+    }
+    const std::string src = MakeDir("a");
+    MakeDir("a/closed");
+    ASSERT_EQ(0, ::chmod(dir.File("a/closed").c_str(), 0));
+    const std::string dst = MakeDir("z");
+    ASSERT_EQ(0, ::chmod(dst.c_str(), 0777));
+    const pztest::ChildResult result = pztest::run_in_child([&] {
+        if (::geteuid() == 0 && ::setuid(65534) != 0) return 1;
+        return PZFileSys::copyDirectory(src.c_str(), dst.c_str(), false, true) ? 42 : 2;
+    });
+    EXPECT_EQ(42, result.status) << result.output;
+    EXPECT_TRUE(Exists(dst + "/closed"));
+    ::chmod(dir.File("a/closed").c_str(), 0755);
+}
+
+TEST_F(PZFileSysCopyTest, FailsWithoutMemoryAndLosesNothing) {
+    const std::string src = MakeTree();
+    const std::string dst = dir.File("z");
+    const std::wstring wideSrc = Wide(src);
+    const std::wstring wideDst = Wide(dst);
+    for (const bool wide : {false, true}) {
+        int refusals = 0;
+        for (int skip = 0;; ++skip) {
+            bool moved = false;
+            int refused = 0;
+            {
+                const pztest::MemoryShortage shortage(skip);
+                moved = wide ? PZFileSys::Move(wideSrc.c_str(), wideDst.c_str())
+                             : PZFileSys::Move(src.c_str(), dst.c_str());
+                refused = shortage.Refused();
+            }
+            const std::string text = output.Take();
+            EXPECT_EQ(refused == 0, moved) << skip;
+            if (refused == 0) break;
+            ++refusals;
+            EXPECT_EQ(1u, pztest::count_of(text, "failed to allocate memory\n")) << skip;
+            EXPECT_EQ("333", pztest::read_file(src + "/b/c/h")) << skip;
+            EXPECT_FALSE(Exists(dst)) << skip;
+        }
+        EXPECT_LT(0, refusals);
+        EXPECT_EQ("333", pztest::read_file(dst + "/b/c/h"));
+        ASSERT_EQ(0, ::rename(dst.c_str(), src.c_str()));
+    }
+}
+
+// ---- threads that are cancelled ----
+
+TEST_F(PZFileSysCopyTest, ClosesItsFilesWhenItsThreadIsCancelled) {
+    const std::string fifo = dir.File("fifo");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const int before = pztest::open_descriptors();
+    const int writer = ::open(fifo.c_str(), O_RDWR | O_CLOEXEC);  // who never writes
+    watching = true;
+    pthread_t thread = {};
+    std::string paths[2] = {fifo, dir.File("dst")};
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void* argument) -> void* {
+                         const auto* const names = static_cast<std::string*>(argument);
+                         PZFileSys::Copy(names[0].c_str(), names[1].c_str(), false, false);
+                         return nullptr;
+                     },
+                     paths));
+    EXPECT_TRUE(pztest::wait_until([] { return fread_call.Calls() > 0; }));
+    pthread_cancel(thread);
+    void* result = nullptr;
+    pthread_join(thread, &result);
+    watching = false;
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    ::close(writer);
+    EXPECT_EQ(before, pztest::open_descriptors());
 }

@@ -7,9 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iterator>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -17,7 +21,9 @@
 
 #include <Framework/Diagnostics/PZCallStack.h>
 
+#include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
@@ -553,7 +559,7 @@ TEST_F(PZFileSysTest, EmptiesTheDirectoryBehindALinkThatIsItsPathAndKeepsTheLink
     EXPECT_EQ(0, syncs);
 }
 
-TEST_F(PZFileSysTest, ReachesPathsOf511BytesAndReportsLongerOnes) {
+TEST_F(PZFileSysTest, ReachesPathsOf511BytesAndPassesOverLongerOnes) {
     const std::string top = MakeDir("t");
     std::string deep = top;
     while (deep.size() < 400) {
@@ -564,12 +570,20 @@ TEST_F(PZFileSysTest, ReachesPathsOf511BytesAndReportsLongerOnes) {
     const std::string tooLong = fits + "f";
     pztest::write_file(fits, "x");
     EXPECT_TRUE(PZFileSys::RemoveDirectory(deep.c_str(), true));
+    EXPECT_EQ(1, syncs);
+
     ASSERT_EQ(0, mkdir_call.Real(deep.c_str(), 0755));
+    pztest::write_file(fits, "x");
     pztest::write_file(tooLong, "x");
-    EXPECT_FALSE(PZFileSys::RemoveDirectory(top.c_str(), true));
+    for (int i = 0; i < 20; ++i) pztest::write_file(deep + "/" + std::to_string(i), "x");
+    pztest::write_file(top + "/beside", "x");
+    EXPECT_TRUE(PZFileSys::removeSubDir(deep.c_str())) << "the walk came to its end";
+    EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(deep),
+                               std::filesystem::directory_iterator()));
     EXPECT_TRUE(Exists(tooLong));
-    // The debug output keeps 510 characters of a message.
-    EXPECT_EQ(Messages{("too long path [" + tooLong + "]\n").substr(0, 510)}, Reports());
+    EXPECT_FALSE(PZFileSys::RemoveDirectory(top.c_str(), true)) << "it is not empty";
+    EXPECT_TRUE(Exists(tooLong));
+    EXPECT_EQ("", output.Take());
     EXPECT_EQ(1, syncs);
 }
 
@@ -892,4 +906,100 @@ TEST_F(PZFileSysTest, AnswersHostilePatternsAtOnce) {
     for (int i = 0; i < 100; ++i) pattern += "a*";
     EXPECT_EQ(1, PZFileSys::strcmp_wild((pattern + "b").c_str(), std::string(255, 'a').c_str()));
     EXPECT_EQ(0, PZFileSys::strcmp_wild(pattern.c_str(), std::string(255, 'a').c_str()));
+}
+
+// ---- limits of the machine ----
+
+TEST_F(PZFileSysTest, LeavesTheStandardDescriptorsFreeWhileASearchIsOpen) {
+    Make("f");
+    const pztest::ChildResult result = pztest::run_in_child([this] {
+        ::close(STDIN_FILENO);
+        ::close(STDERR_FILENO);
+        if (!files.FindFirst(dir.Path().c_str(), data)) return 1;
+        const bool areFree =
+            ::fcntl(STDIN_FILENO, F_GETFD) == -1 && ::fcntl(STDERR_FILENO, F_GETFD) == -1;
+        return areFree ? 42 : 2;
+    });
+    EXPECT_EQ(42, result.status) << result.output;
+}
+
+TEST_F(PZFileSysTest, KeepsTheLastErrorOfItsCallerWhileASearchSucceeds) {
+    Make("f");
+    errno = ENOTTY;
+    EXPECT_TRUE(files.FindFirst(dir.File("f*").c_str(), data));
+    EXPECT_FALSE(files.FindNext(data)) << "the end";
+    EXPECT_EQ(ENOTTY, errno);
+    readdir_call.FailNext(EIO);
+    EXPECT_FALSE(files.FindNext(data));
+    EXPECT_EQ(EIO, errno);
+}
+
+namespace {
+
+/// The results of one operation with each of its allocations refused in turn; the last one is that
+/// of the run in which nothing was refused.
+template <typename Operation>
+std::vector<bool> without_memory(Operation operation) {
+    std::vector<bool> results;
+    results.reserve(1000);
+    for (int skip = 0;; ++skip) {
+        const pztest::MemoryShortage shortage(skip);
+        const bool result = operation();
+        const bool isLast = shortage.Refused() == 0;
+        results.push_back(result);
+        if (isLast) return results;
+    }
+}
+
+}  // namespace
+
+TEST_F(PZFileSysTest, FailsWideOperationsWithoutMemoryAndSaysSoOnce) {
+    const std::wstring path = Wide(Make("f"));
+    const std::wstring above = Wide(dir.Path());
+    const std::wstring created = Wide(dir.File("x/y"));
+    PZFileSys::DiskInfo info = {};
+    using Operation = std::function<bool()>;
+    const std::vector<std::pair<const char*, Operation>> operations = {
+        {"IsExist", [&] { return PZFileSys::IsExist(path.c_str()); }},
+        {"GetDiskFreeSpace", [&] { return PZFileSys::GetDiskFreeSpace(path.c_str(), info); }},
+        {"FindFirst", [&] { return files.FindFirst(above.c_str(), data); }},
+        {"FindFirstWithFilter",
+         [&] { return files.FindFirstWithFilter(above.c_str(), data, kFile, false); }},
+        {"CreateDirectory", [&] { return PZFileSys::CreateDirectory(created.c_str(), true); }},
+        {"RemoveDirectory", [&] { return PZFileSys::RemoveDirectory(created.c_str(), true); }},
+        {"Delete", [&] { return PZFileSys::Delete(path.c_str(), false); }},
+    };
+    for (const auto& [name, operation] : operations) {
+        output.Take();
+        const std::vector<bool> results = without_memory(operation);
+        ASSERT_LT(1u, results.size()) << name;
+        EXPECT_TRUE(results.back()) << name;
+        EXPECT_EQ(1, std::count(results.begin(), results.end(), true)) << name;
+        const std::string text = output.Take();
+        EXPECT_EQ(results.size() - 1, pztest::count_of(text, "failed to allocate memory\n"))
+            << name;
+    }
+}
+
+TEST_F(PZFileSysTest, NeedsNoMemoryForNarrowPaths) {
+    const std::string file = Make("f", "1234");
+    const std::string created = dir.File("x/y/z");
+    const std::string top = dir.File("x");
+    const std::string pattern = dir.File("*");
+    PZFileSys::FuncOption option = {true};
+    PZFileSys sized(option);
+    int done = 0;
+    int refused = 0;
+    {
+        const pztest::MemoryShortage shortage;
+        done += PZFileSys::CreateDirectory(created.c_str(), true) ? 1 : 0;
+        done += sized.FindFirst(dir.Path().c_str(), data) ? 1 : 0;
+        done += sized.FindNext(data) ? 1 : 0;
+        done += files.FindFirst(pattern.c_str(), data) ? 1 : 0;
+        done += PZFileSys::RemoveDirectory(top.c_str(), true) ? 1 : 0;
+        done += PZFileSys::Delete(file.c_str(), true) ? 1 : 0;
+        refused = shortage.Refused();
+    }
+    EXPECT_EQ(6, done);
+    EXPECT_EQ(0, refused);
 }

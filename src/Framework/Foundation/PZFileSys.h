@@ -3,8 +3,8 @@
 
 #include <dirent.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <string>
 
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/PZApi.h>
@@ -19,7 +19,9 @@
 /// Ownership: keeps nothing that is passed in. The destructor ends the search.
 /// Units:     sizes in bytes, lengths in bytes without the terminator.
 /// Failures:  reported as each operation says, and answered with false or 0; never thrown. What was
-///            created, copied or removed before the failure stays so.
+///            created, copied or removed before the failure stays so. Memory is needed to convert
+///            wide paths and to walk a directory that is copied; a lack of it is reported, false.
+/// Programs:  those that this process starts inherit no file or directory from here.
 /// Cost:      "syncs" means sync(): all file systems are written to their disks, which takes long.
 class PZ_API PZFileSys : private PZUncopyable {
 public:
@@ -89,7 +91,8 @@ public:
     /// - When the directory, or one below it, cannot be opened, the result is true although the
     ///   directory is still there; so also for a path that is a file or does not exist.
     /// - Something that cannot be removed ends the removal with false; what came before it is gone.
-    ///   So does an entry whose path takes 512 characters or more (reported).
+    /// - An entry whose path takes 512 characters or more is passed over, without a word; the
+    ///   directory is not empty then: false.
     /// - Links below the directory are removed, never followed, not even when one takes the place
     ///   of a directory meanwhile. `path` itself may lead through links: a link to a directory
     ///   loses the contents of that directory, then the result is false.
@@ -132,7 +135,8 @@ public:
     bool FindFirst(const wchar_t* path, ST_FIND_DATA& data);
     /// @}
 
-    /// Finds the next entry. An entry with a name of more than 255 bytes ends the search.
+    /// Finds the next entry. An entry with a name of more than 255 bytes ends the search; so does a
+    /// directory that cannot be read on.
     bool FindNext(ST_FIND_DATA& data);
 
     /// The same, passing over the entries that the filter rejects (see IsValidData).
@@ -174,8 +178,15 @@ public:
     /// directories above the destination; without it the directories right below a source
     /// directory are created but stay empty.
     ///
-    /// A link, device, pipe or socket in a directory ends the copy with false. Below `src` a
-    /// directory that cannot be opened counts as empty. A file that is copied in part stays.
+    /// A link, device, pipe or socket in a directory ends the copy with false. A directory that
+    /// cannot be opened counts as empty; but a lack of descriptors or memory is a failure
+    /// (reported), and so is a listing that cannot be read to its end. A file that is copied in
+    /// part stays. The kernel copies what it can by itself; the rest goes by 1024 bytes.
+    ///
+    /// A destination that appears while the copy begins is refused by `failIfExists`, too, and left
+    /// as it is. As `src` or `dst` a fifo without a peer, or a device that is silent, is waited for
+    /// without limit.
+    ///
     /// `dst` must not lie in the directory `src`: with `createDirs` the copy is copied, too, level
     /// below level, until a path takes 1024 bytes.
     /// @{
@@ -187,6 +198,10 @@ public:
     ///
     /// Only directories are removed, see RemoveDirectory: a single file is copied and stays, with
     /// the result true; and after a failed copy a directory is cleaned up, a partial file stays.
+    /// Somebody else's destination, which has appeared meanwhile, is refused and not cleaned up. A
+    /// source that cannot be removed for want of descriptors or memory is a failure, too. Waits
+    /// for fifos and devices as Copy does.
+    ///
     /// `dst` must not lie in the directory `src`: what is in `src` would be lost with the copy.
     /// @{
     static bool Move(const char* src, const char* dst);
@@ -209,9 +224,34 @@ public:
     static bool createDirectorySub(const char* path);
 
 private:
-    PZ_LOCAL static bool removeSubDir(DIR* dir, std::string& path);
+    enum class Listing { ENTRY, END, FAILED };
+    enum class Removal { REMOVED, NOT_OPENED, FAILED };
+
+    /// Path of an entry that a search has found.
+    struct EntryPath {
+        char text[1024 + 256];
+    };
+
+    PZ_LOCAL bool OpenDirectory(const char* path);
+    PZ_LOCAL bool OpenPattern(const char* path);
+    PZ_LOCAL Listing ReadEntry(ST_FIND_DATA& data);
     PZ_LOCAL void find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const;
-    PZ_LOCAL std::string PathOf(const dirent64* entry) const;
+    PZ_LOCAL EntryPath PathOf(const dirent64* entry) const;
+
+    PZ_LOCAL static bool CreateDirectory(const char* path, bool layers, bool& created);
+    PZ_LOCAL static bool createLayers(const char* path, std::size_t length, bool& created);
+    PZ_LOCAL static bool createLayer(const char* path, bool& created);
+    PZ_LOCAL static bool createDirectorySub(const char* path, bool& created);
+    PZ_LOCAL static void createParents(const char* path);
+
+    PZ_LOCAL static bool Copy(const char* src, const char* dst, bool failIfExists, bool createDirs,
+                              bool& refused);
+    PZ_LOCAL static bool copyFile(const char* src, const char* dst, bool failIfExists,
+                                  bool createDirs, bool& refused);
+
+    PZ_LOCAL static Removal removeTree(const char* path);
+    PZ_LOCAL static bool removeSubDir(DIR* dir, std::size_t length);
+
     PZ_LOCAL static constexpr void check_layout();
 
     DIR* dir_ = nullptr;  // null while no search is open

@@ -1,15 +1,19 @@
 #include "Framework/Foundation/PZFileSys.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <memory>
+#include <new>
+#include <string>
 #include <string_view>
 
 #include <Framework/Diagnostics/PZCallStack.h>
@@ -17,6 +21,7 @@
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_stream.h>
 
 static_assert(sizeof(off_t) == 8, "files of more than 2 GiB");
 
@@ -25,17 +30,58 @@ namespace {
 constexpr size_t kNameSize = sizeof(PZFileSys::ST_FIND_DATA::name);
 constexpr size_t kRemovePathSize = 512;  // of an entry that a recursive removal reaches
 constexpr size_t kCopyChunk = 1024;
+constexpr size_t kKernelPiece = size_t{1} << 30;  // bytes that one call may copy
 constexpr int kRefusalFrames = 10;
 
-struct DirCloser {
-    void operator()(DIR* dir) const { ::closedir(dir); }
-};
-using DirHolder = std::unique_ptr<DIR, DirCloser>;
+/// Closes a directory even on a thread that is being cancelled, and leaves errno alone.
+void close_directory(DIR* dir) noexcept {
+    const int error = errno;
+    int state = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    ::closedir(dir);
+    pthread_setcancelstate(state, nullptr);
+    errno = error;
+}
 
-struct StreamCloser {
-    void operator()(FILE* stream) const { std::fclose(stream); }
+/// Owns one open directory.
+class DirHolder : private PZUncopyable {
+public:
+    explicit DirHolder(DIR* dir) noexcept : dir_(dir) {}
+    ~DirHolder() {
+        if (IsOpen()) close_directory(dir_);
+    }
+
+    DIR* Get() const noexcept { return dir_; }
+    bool IsOpen() const noexcept { return dir_ != nullptr; }
+
+private:
+    DIR* const dir_;
 };
-using StreamHolder = std::unique_ptr<FILE, StreamCloser>;
+
+/// A stream over a directory's descriptor, which it takes over; null with errno set for none.
+DIR* stream_over(PZDescriptor directory) {
+    if (!directory.MoveAboveStandard()) return nullptr;
+    DIR* const dir = ::fdopendir(directory.Get());
+    if (dir != nullptr) directory.Release();
+    return dir;
+}
+
+/// Null with errno set when it cannot be opened. Not below the standard descriptors, because a
+/// search may stay open for long.
+DIR* open_directory(const char* path) {
+    return stream_over(PZDescriptor(::open(path, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC)));
+}
+
+/// The directory itself, never what a link in its place leads to.
+DIR* open_below(DIR* parent, const char* name) {
+    return stream_over(PZDescriptor(
+        ::openat(::dirfd(parent), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+}
+
+/// Reasons that tell nothing about the directory that could not be opened.
+bool is_shortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
 
 bool is_empty(const char* path) {
     return path == nullptr || *path == '\0';
@@ -68,19 +114,15 @@ bool is_dot_or_dotdot(const char* name) {
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-std::string join(const char* directory, const char* name) {
-    return std::string(directory) + "/" + name;
-}
-
 /// The name, which may be longer than the field that is declared for it.
 const char* name_of(const dirent64* entry) {
     return reinterpret_cast<const char*>(entry) + offsetof(dirent64, d_name);
 }
 
 /// For file systems that do not tell: DT_REG, DT_DIR, or DT_UNKNOWN for everything else.
-unsigned char type_by_status(const std::string& path) {
+unsigned char type_by_status(const char* path) {
     struct stat status = {};
-    if (::lstat(path.c_str(), &status) != 0) return DT_UNKNOWN;
+    if (::lstat(path, &status) != 0) return DT_UNKNOWN;
     if (S_ISREG(status.st_mode)) return DT_REG;
     return S_ISDIR(status.st_mode) ? DT_DIR : DT_UNKNOWN;
 }
@@ -89,20 +131,27 @@ void copy_name(const char* name, PZFileSys::ST_FIND_DATA& data) {
     std::memcpy(data.name, name, std::strlen(name) + 1);
 }
 
-/// The directory itself, never what a link in its place leads to.
-DirHolder open_below(DIR* parent, const char* name) {
-    const int fd = ::openat(::dirfd(parent), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd == -1) return nullptr;
-    DirHolder dir(::fdopendir(fd));
-    if (dir == nullptr) ::close(fd);
-    return dir;
+/// Whether the part of a path that ends there names something new; "x/" and "x/." are x.
+bool ends_in_a_name(std::string_view path) {
+    const std::string_view last = path.substr(path.rfind('/') + 1);
+    return !last.empty() && last != "." && last != "..";
 }
 
-void create_parents(const char* path) {
-    const char* const slash = std::strrchr(path, '/');
-    if (slash == nullptr) return;
-    // What cannot be created shows when the file is opened.
-    PZFileSys::CreateDirectory(std::string(path, slash).c_str(), true);
+/// Copies as far as the kernel does it without being told why not: from and to the positions of
+/// the streams, which have read and written nothing yet.
+void copy_by_kernel(FILE* in, FILE* out) {
+    while (::copy_file_range(::fileno(in), nullptr, ::fileno(out), nullptr, kKernelPiece, 0) > 0) {
+    }
+}
+
+/// A file for writing, empty. With `mustBeNew` null and EEXIST when there is a file or directory.
+FILE* open_destination(const char* path, bool mustBeNew) {
+    if (!mustBeNew) return pz_open_stream(path, "wb");
+    FILE* const created = pz_open_stream(path, "wbx");
+    if (created != nullptr || errno != EEXIST) return created;
+    if (!PZFileSys::IsExist(path)) return pz_open_stream(path, "wb");  // a device, a pipe, a link
+    errno = EEXIST;
+    return nullptr;
 }
 
 }  // namespace
@@ -192,49 +241,47 @@ bool PZFileSys::Delete(const wchar_t* path, bool sync) {
 
 bool PZFileSys::RemoveDirectory(const char* path, bool recursive) {
     if (is_empty(path)) return false;
-    if (recursive && !removeSubDir(path)) {
+    bool removed = true;
+    if (recursive) {
         // A success on purpose: callers remove files and missing directories this way, too.
-        pz_sync();
-        return true;
+        removed = removeTree(path) != Removal::FAILED;
+    } else {
+        removed = ::rmdir(path) == 0;
     }
-    if (::rmdir(path) != 0) return false;
-    pz_sync();
-    return true;
+    if (removed) pz_sync();
+    return removed;
 }
 
 bool PZFileSys::RemoveDirectory(const wchar_t* path, bool recursive) {
     return with_utf8(path, [&](const char* narrow) { return RemoveDirectory(narrow, recursive); });
 }
 
-bool PZFileSys::removeSubDir(const char* path) {
-    if (is_empty(path)) return false;
-    const DirHolder dir(::opendir(path));
-    if (dir == nullptr) return false;
-    std::string walked(path);
-    return removeSubDir(dir.get(), walked);
+PZFileSys::Removal PZFileSys::removeTree(const char* path) {
+    if (!removeSubDir(path)) return Removal::NOT_OPENED;
+    return ::rmdir(path) == 0 ? Removal::REMOVED : Removal::FAILED;
 }
 
-/// `path` is that of `dir`; it changes during the walk and comes back as it was, unless the walk
-/// ends early. Entries are reached through their open directory, so that nobody can lead the walk
-/// out of the tree by exchanging a directory for a link.
-bool PZFileSys::removeSubDir(DIR* dir, std::string& path) {
-    const size_t length = path.size();
+bool PZFileSys::removeSubDir(const char* path) {
+    if (is_empty(path)) return false;
+    const DirHolder dir(open_directory(path));
+    return dir.IsOpen() && removeSubDir(dir.Get(), std::strlen(path));
+}
+
+/// `length` is that of the directory's path. Entries are reached through their open directory, so
+/// that nobody can lead the walk out of the tree by exchanging a directory for a link. False, with
+/// the reason in errno, when a directory below cannot be opened.
+bool PZFileSys::removeSubDir(DIR* dir, size_t length) {
     while (const dirent64* entry = ::readdir64(dir)) {
         const char* const name = name_of(entry);
         if (is_dot_or_dotdot(name)) continue;
-        if (length + 1 + std::strlen(name) >= kRemovePathSize) {
-            PZ_REPORT_ERROR("too long path [%s/%s]\n", path.c_str(), name);
-            return true;
-        }
+        const size_t lengthBelow = length + 1 + std::strlen(name);
+        if (lengthBelow >= kRemovePathSize) continue;  // like an entry without a status
         struct stat status = {};
         if (::fstatat(::dirfd(dir), name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
         const bool isDirectory = S_ISDIR(status.st_mode);
         if (isDirectory) {
-            const DirHolder below = open_below(dir, name);
-            if (below == nullptr) return false;
-            path.append("/").append(name);
-            if (!removeSubDir(below.get(), path)) return false;
-            path.resize(length);
+            const DirHolder below(open_below(dir, name));
+            if (!below.IsOpen() || !removeSubDir(below.Get(), lengthBelow)) return false;
         }
         if (::unlinkat(::dirfd(dir), name, isDirectory ? AT_REMOVEDIR : 0) != 0) return true;
     }
@@ -244,14 +291,38 @@ bool PZFileSys::removeSubDir(DIR* dir, std::string& path) {
 // ---- creating ----
 
 bool PZFileSys::CreateDirectory(const char* path, bool layers) {
+    bool created = false;
+    return CreateDirectory(path, layers, created);
+}
+
+bool PZFileSys::CreateDirectory(const char* path, bool layers, bool& created) {
     if (is_empty(path)) return false;
-    if (layers) {
-        const char* slash = std::strchr(path + 1, '/');
-        for (; slash != nullptr; slash = std::strchr(slash + 1, '/')) {
-            if (!createDirectorySub(std::string(path, slash).c_str())) return false;
-        }
+    return layers ? createLayers(path, std::strlen(path), created)
+                  : createDirectorySub(path, created);
+}
+
+/// The directory that the first `length` bytes name, and what is missing above it, one after the
+/// other. No system call takes more than the buffer holds, so that the last one fails then.
+bool PZFileSys::createLayers(const char* path, size_t length, bool& created) {
+    char level[PATH_MAX];
+    const size_t kept = std::min(length, sizeof level - 1);
+    std::memcpy(level, path, kept);
+    level[kept] = '\0';
+    for (size_t end = 1; end < kept; ++end) {
+        if (path[end] != '/') continue;
+        level[end] = '\0';
+        if (!createLayer(level, created)) return false;
+        level[end] = '/';
     }
-    return createDirectorySub(path);
+    return createLayer(kept == length ? level : path, created);
+}
+
+/// One more level. `created` tells about the last one that has a name of its own.
+bool PZFileSys::createLayer(const char* path, bool& created) {
+    bool isNew = false;
+    if (!createDirectorySub(path, isNew)) return false;
+    if (isNew || ends_in_a_name(path)) created = isNew;
+    return true;
 }
 
 bool PZFileSys::CreateDirectory(const wchar_t* path, bool layers) {
@@ -271,11 +342,19 @@ bool PZFileSys::CreateDirectorySupportingLayers(const wchar_t* path) {
 }
 
 bool PZFileSys::createDirectorySub(const char* path) {
+    bool created = false;
+    return createDirectorySub(path, created);
+}
+
+/// `created` tells whether it was missing.
+bool PZFileSys::createDirectorySub(const char* path, bool& created) {
+    created = false;
     if (is_empty(path)) {
         PZ_REPORT_ERROR("invalid arg\n");
         return false;
     }
     if (::mkdir(path, 0777) == 0) {
+        created = true;
         pz_sync();
         return true;
     }
@@ -292,28 +371,43 @@ bool PZFileSys::createDirectorySub(const char* path) {
 bool PZFileSys::FindFirst(const char* path, ST_FIND_DATA& data) {
     doFindClose();
     if (path == nullptr) return false;
-    const size_t length = ::strnlen(path, sizeof searchPath_);
-    if (length >= sizeof searchPath_) return false;
-
-    const char* const star = std::strchr(path, '*');
-    if (star != nullptr) {
-        const std::string_view before(path, static_cast<size_t>(star - path));
-        const size_t slash = before.rfind('/');
-        if (slash == std::string_view::npos) return false;  // names no directory
-        dir_ = ::opendir(std::string(path, slash).c_str());
-        if (dir_ == nullptr) return false;
-        std::memcpy(pattern_, path + slash + 1, length - slash);  // terminator included
-    } else {
-        chkAttribute(path);  // for its report
-        dir_ = ::opendir(path);
-        if (dir_ == nullptr) return false;
-    }
-    hasPattern_ = star != nullptr;
-    std::memcpy(searchPath_, path, length + 1);
-
+    const bool isOpen = std::strchr(path, '*') != nullptr ? OpenPattern(path) : OpenDirectory(path);
+    if (!isOpen) return false;
     if (FindNext(data)) return true;
     doFindClose();
     return false;
+}
+
+/// False, with the reason in errno, when it cannot be opened.
+bool PZFileSys::OpenDirectory(const char* path) {
+    const size_t length = ::strnlen(path, sizeof searchPath_);
+    if (length >= sizeof searchPath_) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    chkAttribute(path);  // for its report
+    dir_ = open_directory(path);
+    if (dir_ == nullptr) return false;
+    hasPattern_ = false;
+    std::memcpy(searchPath_, path, length + 1);
+    return true;
+}
+
+bool PZFileSys::OpenPattern(const char* path) {
+    const size_t length = ::strnlen(path, sizeof searchPath_);
+    if (length >= sizeof searchPath_) return false;
+    const std::string_view before(path, static_cast<size_t>(std::strchr(path, '*') - path));
+    const size_t slash = before.rfind('/');
+    if (slash == std::string_view::npos) return false;  // names no directory
+    char directory[sizeof searchPath_];
+    std::memcpy(directory, path, slash);
+    directory[slash] = '\0';
+    dir_ = open_directory(directory);
+    if (dir_ == nullptr) return false;
+    hasPattern_ = true;
+    std::memcpy(searchPath_, path, length + 1);
+    std::memcpy(pattern_, path + slash + 1, length - slash);  // terminator included
+    return true;
 }
 
 bool PZFileSys::FindFirst(const wchar_t* path, ST_FIND_DATA& data) {
@@ -321,7 +415,14 @@ bool PZFileSys::FindFirst(const wchar_t* path, ST_FIND_DATA& data) {
 }
 
 bool PZFileSys::FindNext(ST_FIND_DATA& data) {
-    if (dir_ == nullptr) return false;
+    return ReadEntry(data) == Listing::ENTRY;
+}
+
+/// A listing that has failed tells why in errno.
+PZFileSys::Listing PZFileSys::ReadEntry(ST_FIND_DATA& data) {
+    if (dir_ == nullptr) return Listing::END;
+    const int errorBefore = errno;
+    errno = 0;
     while (const dirent64* entry = ::readdir64(dir_)) {
         const char* const name = name_of(entry);
         if (is_dot_or_dotdot(name)) continue;
@@ -330,20 +431,24 @@ bool PZFileSys::FindNext(ST_FIND_DATA& data) {
         data.name[0] = '\0';
         if (::strnlen(name, kNameSize) == kNameSize) {
             doFindClose();
-            return false;
+            errno = ENAMETOOLONG;
+            return Listing::FAILED;
         }
         if (hasPattern_ && strcmp_wild(pattern_, name) != 0) continue;
+        errno = errorBefore;
         find_next_sub(entry, data);
-        return true;
+        return Listing::ENTRY;
     }
-    return false;
+    if (errno != 0) return Listing::FAILED;
+    errno = errorBefore;
+    return Listing::END;
 }
 
 void PZFileSys::find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const {
     const char* const name = name_of(entry);
     const auto length = static_cast<unsigned int>(std::strlen(name));
     unsigned char type = entry->d_type;
-    if (type == DT_UNKNOWN) type = type_by_status(PathOf(entry));
+    if (type == DT_UNKNOWN) type = type_by_status(PathOf(entry).text);
 
     if (type == DT_DIR) {
         data.attribute = en_ATTR_DIRECTORY;
@@ -356,12 +461,12 @@ void PZFileSys::find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const {
         return;
     }
     if (getSize_) {
-        const std::string path = PathOf(entry);
+        const EntryPath path = PathOf(entry);
         struct stat status = {};
-        if (::stat(path.c_str(), &status) == 0) {
+        if (::stat(path.text, &status) == 0) {
             data.size = static_cast<std::uint64_t>(status.st_size);
         } else {
-            PZ_REPORT_ERROR("%s\n", path.c_str());
+            PZ_REPORT_ERROR("%s\n", path.text);
             PZ_REPORT_LAST_ERROR();
         }
     }
@@ -371,8 +476,15 @@ void PZFileSys::find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const {
 }
 
 /// The pattern of a search stays in it, so that such a path names nothing.
-std::string PZFileSys::PathOf(const dirent64* entry) const {
-    return join(searchPath_, name_of(entry));
+PZFileSys::EntryPath PZFileSys::PathOf(const dirent64* entry) const {
+    EntryPath path;
+    static_assert(sizeof path.text >= sizeof searchPath_ + kNameSize);
+    const size_t length = std::strlen(searchPath_);
+    std::memcpy(path.text, searchPath_, length);
+    path.text[length] = '/';
+    const char* const name = name_of(entry);
+    std::memcpy(path.text + length + 1, name, std::strlen(name) + 1);
+    return path;
 }
 
 bool PZFileSys::FindFirstWithFilter(const char* path, ST_FIND_DATA& data, unsigned int filter,
@@ -396,7 +508,7 @@ bool PZFileSys::FindNextWithFilter(ST_FIND_DATA& data, unsigned int filter, bool
 
 void PZFileSys::doFindClose() {
     if (dir_ == nullptr) return;
-    ::closedir(dir_);
+    close_directory(dir_);
     dir_ = nullptr;
 }
 
@@ -441,18 +553,34 @@ bool PZFileSys::is_hidden_folder(const char* name, unsigned int length) {
 // ---- copying and moving ----
 
 bool PZFileSys::Copy(const char* src, const char* dst, bool failIfExists, bool createDirs) {
+    bool refused = false;
+    return Copy(src, dst, failIfExists, createDirs, refused);
+}
+
+/// `refused` tells that a destination which must not exist is there: somebody else's.
+bool PZFileSys::Copy(const char* src, const char* dst, bool failIfExists, bool createDirs,
+                     bool& refused) {
+    refused = false;
     if (is_empty(src) || is_empty(dst)) {
         PZ_REPORT_ERROR("invalid args\n");
         return false;
     }
     if (failIfExists && IsExist(dst)) {
         PZ_REPORT_ERROR("[%s] is already exist.\n", dst);
+        refused = true;
         return false;
     }
     if (chkAttribute(src) != en_ATTR_DIRECTORY) {
-        return copyFile(src, dst, failIfExists, createDirs);
+        return copyFile(src, dst, failIfExists, createDirs, refused);
     }
-    return CreateDirectory(dst, createDirs) && copyDirectory(src, dst, failIfExists, createDirs);
+    bool created = false;
+    if (!CreateDirectory(dst, createDirs, created)) return false;
+    if (failIfExists && !created) {  // it has appeared meanwhile
+        PZ_REPORT_ERROR("[%s] is already exist.\n", dst);
+        refused = true;
+        return false;
+    }
+    return copyDirectory(src, dst, failIfExists, createDirs);
 }
 
 bool PZFileSys::Copy(const wchar_t* src, const wchar_t* dst, bool failIfExists, bool createDirs) {
@@ -462,36 +590,45 @@ bool PZFileSys::Copy(const wchar_t* src, const wchar_t* dst, bool failIfExists, 
 }
 
 bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bool createDirs) {
-    if (failIfExists && IsExist(dst)) {
+    bool refused = false;
+    return copyFile(src, dst, failIfExists, createDirs, refused);
+}
+
+bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bool createDirs,
+                         bool& refused) {
+    refused = failIfExists && IsExist(dst);
+    if (refused) {
         PZ_REPORT_ERROR("already exist [%s]\n", dst);
         return false;
     }
-    if (createDirs) create_parents(dst);
+    if (createDirs) createParents(dst);
 
-    const StreamHolder in(std::fopen(src, "rbe"));
-    if (in == nullptr) {
+    const PZStream in(pz_open_stream(src, "rb"));
+    if (!in.IsOpen()) {
         PZ_REPORT_ERROR("failed to open [%s]\n", src);
         PZ_REPORT_LAST_ERROR();
         return false;
     }
-    StreamHolder out(std::fopen(dst, "wbe"));
-    if (out == nullptr) {
-        PZ_REPORT_ERROR("failed to open [%s]\n", dst);
+    PZStream out(open_destination(dst, failIfExists));
+    if (!out.IsOpen()) {
+        refused = failIfExists && errno == EEXIST;
+        PZ_REPORT_ERROR(refused ? "already exist [%s]\n" : "failed to open [%s]\n", dst);
         return false;
     }
+    copy_by_kernel(in.Get(), out.Get());
     char chunk[kCopyChunk];
-    while (std::feof(in.get()) == 0) {
-        const size_t got = std::fread(chunk, 1, sizeof chunk, in.get());
-        if (std::ferror(in.get()) != 0) {
+    while (std::feof(in.Get()) == 0) {
+        const size_t got = std::fread(chunk, 1, sizeof chunk, in.Get());
+        if (std::ferror(in.Get()) != 0) {
             PZ_REPORT_ERROR("failed to read [%s]\n", src);
             return false;
         }
-        if (std::fwrite(chunk, 1, got, out.get()) != got) {
+        if (std::fwrite(chunk, 1, got, out.Get()) != got) {
             PZ_REPORT_ERROR("failed to write [%s]\n", dst);
             return false;
         }
     }
-    if (std::fclose(out.release()) != 0) {  // writes what the stream still holds
+    if (!out.Close()) {
         PZ_REPORT_ERROR("failed to write [%s]\n", dst);
         return false;
     }
@@ -499,13 +636,28 @@ bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bo
     return true;
 }
 
+/// What cannot be created shows when the file is opened.
+void PZFileSys::createParents(const char* path) {
+    const char* const slash = std::strrchr(path, '/');
+    if (slash == nullptr || slash == path) return;
+    bool created = false;
+    createLayers(path, static_cast<size_t>(slash - path), created);
+}
+
 bool PZFileSys::copyDirectory(const char* src, const char* dst, bool failIfExists,
-                              bool createDirs) {
+                              bool createDirs) try {
     PZFileSys search;
+    // Also a name with a '*' is that of the directory.
+    if (!search.OpenDirectory(src)) {
+        if (!is_shortage(errno)) return true;
+        PZ_REPORT_LAST_ERROR();
+        return false;
+    }
     ST_FIND_DATA entry;
-    for (bool found = search.FindFirst(src, entry); found; found = search.FindNext(entry)) {
-        const std::string from = join(src, entry.name);
-        const std::string to = join(dst, entry.name);
+    Listing listing = search.ReadEntry(entry);
+    for (; listing == Listing::ENTRY; listing = search.ReadEntry(entry)) {
+        const std::string from = std::string(src) + "/" + entry.name;
+        const std::string to = std::string(dst) + "/" + entry.name;
         if ((entry.attribute & en_ATTR_DIRECTORY) == 0) {
             if (!copyFile(from.c_str(), to.c_str(), failIfExists, createDirs)) return false;
             continue;
@@ -513,7 +665,11 @@ bool PZFileSys::copyDirectory(const char* src, const char* dst, bool failIfExist
         if (!CreateDirectory(to.c_str(), true)) return false;
         if (createDirs && !copyDirectory(from.c_str(), to.c_str(), false, true)) return false;
     }
-    return true;
+    if (listing == Listing::FAILED) PZ_REPORT_LAST_ERROR();
+    return listing == Listing::END;
+} catch (const std::bad_alloc&) {
+    PZ_REPORT_ERROR("failed to allocate memory\n");
+    return false;
 }
 
 bool PZFileSys::Move(const char* src, const char* dst) {
@@ -522,16 +678,19 @@ bool PZFileSys::Move(const char* src, const char* dst) {
         PZ_REPORT_ERROR("[%s] is already exist.\n", dst);
         return false;
     }
-    if (!Copy(src, dst, true, true)) {
+    bool refused = false;
+    if (!Copy(src, dst, true, true, refused)) {
         PZ_REPORT_ERRNO("dst [%s]\n", dst);
-        RemoveDirectory(dst, true);
+        if (!refused) RemoveDirectory(dst, true);
         return false;
     }
-    if (!RemoveDirectory(src, true)) {
+    const Removal removal = removeTree(src);
+    if (removal == Removal::FAILED || (removal == Removal::NOT_OPENED && is_shortage(errno))) {
         PZ_REPORT_ERRNO("src [%s]\n", src);
         return false;
     }
-    pz_sync();
+    pz_sync();  // as every removal
+    pz_sync();  // as every move
     return true;
 }
 

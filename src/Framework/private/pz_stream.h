@@ -1,0 +1,78 @@
+#ifndef PZ_FRAMEWORK_PRIVATE_PZ_STREAM_H
+#define PZ_FRAMEWORK_PRIVATE_PZ_STREAM_H
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "pz_descriptor.h"
+
+/// Closes a stream even on a thread that is being cancelled. Answers as fclose does, with errno set
+/// by it.
+inline int pz_close_stream(FILE* stream) noexcept {
+    int state = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    const int result = std::fclose(stream);
+    pthread_setcancelstate(state, nullptr);
+    return result;
+}
+
+/// Opens a stream as fopen does, but close-on-exec from birth, and with a descriptor above those of
+/// standard input, output and error: a process that was started without those would read and print
+/// through it. Null with errno set when it cannot be opened or no such number is free.
+inline FILE* pz_open_stream(const char* path, const char* mode) {
+    // The C library looks at the first seven characters and for a ",ccs=" behind them.
+    char closing[64];
+    std::snprintf(closing, sizeof closing, "%.1se%s", mode, *mode != '\0' ? mode + 1 : "");
+    FILE* const stream = std::fopen(path, *mode != '\0' ? closing : mode);
+    if (stream == nullptr) return nullptr;
+    const int fd = ::fileno(stream);
+    if (fd == kNoDescriptor || fd > STDERR_FILENO) return stream;
+
+    // Nothing is buffered yet, and truncating and appending are the open file's own.
+    const int above = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    FILE* const moved = above != kNoDescriptor ? ::fdopen(above, mode) : nullptr;
+    const int error = errno;
+    if (moved == nullptr && above != kNoDescriptor) pz_close_descriptor(above);
+    pz_close_stream(stream);
+    errno = error;
+    return moved;
+}
+
+/// Owns one stream and closes it exactly once. Silent: whoever opens and uses it reports.
+class PZStream {
+public:
+    explicit PZStream(FILE* stream) noexcept : stream_(stream) {}
+    PZStream(const PZStream&) = delete;
+    PZStream& operator=(const PZStream&) = delete;
+
+    /// No cancellation point, and leaves errno to the failure that it may be cleaning up after.
+    ~PZStream() {
+        const int error = errno;
+        if (IsOpen()) pz_close_stream(stream_);
+        errno = error;
+    }
+
+    FILE* Get() const noexcept { return stream_; }
+    bool IsOpen() const noexcept { return stream_ != nullptr; }
+
+    /// Writes what is buffered, then closes. False, with the first failure in errno, when either
+    /// fails. A thread may be cancelled while it writes.
+    bool Close() {
+        const bool written = std::fflush(stream_) == 0;
+        const int error = errno;
+        FILE* const stream = stream_;
+        stream_ = nullptr;
+        const bool closed = pz_close_stream(stream) == 0;
+        if (!written) errno = error;
+        return written && closed;
+    }
+
+private:
+    FILE* stream_;
+};
+
+#endif  // PZ_FRAMEWORK_PRIVATE_PZ_STREAM_H
