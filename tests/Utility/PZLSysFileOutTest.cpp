@@ -16,7 +16,9 @@
 
 #include <Framework/Foundation/PZClock.h>
 
+#include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
@@ -25,11 +27,13 @@ namespace {
 
 struct OpenedFile {
     std::string path;
-    std::string mode;
+    std::string mode;  // without the 'e' that closes it in programs the process starts
     FILE* stream;
+    bool isInherited;  // by such a program, were one started at once
 };
 
 std::vector<OpenedFile> opened_files;
+bool remembers_files = true;  // which takes memory
 PZClock::ST_CLOCK utc;
 bool utc_fails = false;
 
@@ -48,7 +52,12 @@ void sync() noexcept {
 }
 FILE* fopen64(const char* path, const char* mode) {
     FILE* stream = fopen_call(path, mode);
-    opened_files.push_back({path, mode, stream});
+    if (!remembers_files) return stream;
+    std::string rest = mode;
+    rest.erase(std::remove(rest.begin(), rest.end(), 'e'), rest.end());
+    const bool isInherited =
+        stream != nullptr && (fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC) == 0;
+    opened_files.push_back({path, rest, stream, isInherited});
     return stream;
 }
 // The tests' own system log is not the machine's.
@@ -127,6 +136,7 @@ protected:
         sync_call.Replace(&do_not_sync);
         fopen_call.Reset();
         opened_files.clear();
+        remembers_files = true;
         utc = {2024, 3, 2, 5, 7, 8, 9};
         utc_fails = false;
     }
@@ -352,8 +362,27 @@ TEST_F(PZLSysFileOutTest, KeepsItsFileFromProgramsThatTheProcessStarts) {
     for (const unsigned int maxSize : {0U, 1000U}) {
         Log log(*this, maxSize, 0);
         ASSERT_TRUE(log.Open());
-        EXPECT_EQ(FD_CLOEXEC, fcntl(fileno(opened_files.back().stream), F_GETFD) & FD_CLOEXEC);
+        EXPECT_FALSE(opened_files.back().isInherited) << "not even for a moment";
     }
+    EXPECT_NE(kNoSize, PZLSysFileOut::GetSize(wide(Path("app.txt")).c_str()));
+    EXPECT_FALSE(opened_files.back().isInherited);
+}
+
+TEST_F(PZLSysFileOutTest, LeavesTheStandardDescriptorsFree) {
+    const pztest::ChildResult result = pztest::run_in_child([this] {
+        Log log(*this, 10, 0);
+        ::close(STDIN_FILENO);
+        ::close(STDERR_FILENO);
+        if (!log.Open()) return 1;
+        if (::fcntl(STDIN_FILENO, F_GETFD) != -1 || ::fcntl(STDERR_FILENO, F_GETFD) != -1) return 2;
+        log.Text("0123456789");  // opens it again
+        if (::fcntl(STDIN_FILENO, F_GETFD) != -1 || ::fcntl(STDERR_FILENO, F_GETFD) != -1) return 3;
+        log.Text("abc");
+        log.Close();
+        return 42;
+    });
+    EXPECT_EQ(42, result.status) << result.output;
+    EXPECT_EQ("0123456789abc", Content("app.txt"));
 }
 
 TEST_F(PZLSysFileOutTest, EmptiesTheSingleFileAtEveryOpenWithoutAMaximum) {
@@ -599,6 +628,30 @@ TEST_F(PZLSysFileOutTest, ReopensTheSingleFileAgainAndAgainOnceItIsFull) {
     EXPECT_EQ(std::string(1000, 'o') + "ab", Content("app.txt"));
 }
 
+TEST_F(PZLSysFileOutTest, HandsTheOldFileOverWithoutASyncWhenItOpensAgain) {
+    write_file(Path("app.txt"), std::string(1000, 'o'));
+    Log log(*this, 1000, 0);
+    ASSERT_TRUE(log.Open());
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(1000U + static_cast<unsigned int>(std::max(0, i - 1)), Content("app.txt").size());
+        EXPECT_EQ(1, log.Text("x"));
+    }
+    ASSERT_TRUE(log.Open());
+    EXPECT_EQ(1100U, Content("app.txt").size());
+    EXPECT_EQ(0, sync_call.Calls()) << "the data are with the system, not yet on the disk";
+    log.Close();
+    EXPECT_EQ(1, sync_call.Calls());
+}
+
+TEST_F(PZLSysFileOutTest, SyncsInAShiftForItsDeletionAndItsCopiesOnly) {
+    write_file(Path("app_0.txt"), "0");
+    write_file(Path("app_1.txt"), "1");
+    Log log(*this, 0, 1);
+    ASSERT_TRUE(log.Open());
+    // The deletion; the copy, the removal that leaves the file, the move.
+    EXPECT_EQ(4, sync_call.Calls());
+}
+
 TEST_F(PZLSysFileOutTest, ReopensTheSameTimeStampedFile) {
     Log log(*this, 10, -1);
     ASSERT_TRUE(log.Open());
@@ -820,6 +873,90 @@ TEST_F(PZLSysFileOutTest, LeavesItsFileOpenWhenItIsDestroyed) {
     }
     EXPECT_EQ(descriptors + 1, open_descriptors());
     EXPECT_EQ(0, std::fclose(opened_files.back().stream));
+}
+
+// Without memory
+
+namespace {
+
+/// One operation with each of its allocations refused in turn, until it needs no more of them.
+template <typename Operation>
+void without_memory(Operation operation) {
+    for (int skip = 0;; ++skip) {
+        const pztest::MemoryShortage shortage(skip);
+        operation();
+        if (shortage.Refused() == 0) return;
+    }
+}
+
+}  // namespace
+
+TEST_F(PZLSysFileOutTest, NeedsNoMemoryToOpenToShiftAndToWrite) {
+    remembers_files = false;
+    const std::wstring directory = wide(Path("a/b"));
+    std::filesystem::create_directories(Path("a/b"));
+    write_file(Path("a/b/app_0.txt"), std::string(1000, 'o'));
+    bool opened = false;
+    int written = 0;
+    int refused = 0;
+    {
+        const pztest::GeneralMemoryShortage shortage;
+        PZLSysFileOut log(directory.c_str(), L"app", L"txt", false, 1000, 3);
+        opened = log.Open();
+        written = log.Write("x", 1);  // reaches the maximum
+        log.Flush();
+        log.Close();
+        refused = shortage.Refused();
+    }
+    EXPECT_TRUE(opened);
+    EXPECT_EQ(1, written);
+    EXPECT_EQ(std::string(1000, 'o') + "x", Content("a/b/app_0.txt"));
+    EXPECT_EQ(std::string(1000, 'o'), Content("a/b/app_1.txt"));
+    EXPECT_EQ(0, refused);
+}
+
+TEST_F(PZLSysFileOutTest, StaysOpenWhateverFailsInAShiftWithoutMemory) {
+    remembers_files = false;
+    const std::wstring directory = wide(dir.Path());
+    int answers = 1;
+    without_memory([&] {
+        PZLSysFileOut log(directory.c_str(), L"app", L"txt", false, 100, 4);
+        answers &= log.Open() ? 1 : 0;
+        const char block[200] = {};
+        answers &= log.Write(block, sizeof block);  // reaches the maximum
+        answers &= log.FWrite("%d", 1);
+        log.Flush();
+        log.Close();
+    });
+    EXPECT_EQ(1, answers);
+    EXPECT_LT(0U, Content("app_0.txt").size());
+}
+
+TEST_F(PZLSysFileOutTest, OpensATimeStampedFileWithoutMemory) {
+    remembers_files = false;
+    const std::wstring directory = wide(dir.Path());
+    bool opened = true;
+    without_memory([&] {
+        PZLSysFileOut log(directory.c_str(), L"app", L"txt", false, 0, -1);
+        opened = opened && log.Open();
+        log.Close();
+    });
+    EXPECT_TRUE(opened);
+    EXPECT_TRUE(Exists("app240305_0708.txt"));
+}
+
+TEST_F(PZLSysFileOutTest, HasNoSizeWithoutMemoryAndSaysSo) {
+    write_file(Path("file"), "12345");
+    remembers_files = false;
+    const std::wstring path = wide(Path("file"));
+    std::vector<unsigned int> sizes;
+    sizes.reserve(100);
+    without_memory([&] { sizes.push_back(PZLSysFileOut::GetSize(path.c_str())); });
+    ASSERT_LT(1U, sizes.size());
+    EXPECT_EQ(5U, sizes.back());
+    sizes.pop_back();
+    EXPECT_EQ(std::vector<unsigned int>(sizes.size(), kNoSize), sizes);
+    EXPECT_EQ(sizes.size(), count_of(output.Take(), "failed to allocate memory\n"));
 }
 
 // Sizes of files

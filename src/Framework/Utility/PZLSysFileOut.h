@@ -5,7 +5,6 @@
 #include <Framework/PZApi.h>
 
 #include <cstdio>
-#include <string>
 
 /// Writes a log, or any bytes, to a file, and keeps a bounded family of such files.
 ///
@@ -25,9 +24,12 @@
 /// Ownership:  nothing that is passed in is kept. The destructor does not close the file: call
 ///             Close. Programs that this process starts do not inherit the file.
 /// Units:      bytes.
-/// Durability: Flush and Close, and each shift and reopening, write all file systems to their
-///             disks (sync), which takes long. Data in between are buffered.
-/// Failures:   answered by Open and Write; file-system operations report theirs.
+/// Durability: Flush and Close write all file systems to their disks (sync), which takes long; so
+/// do
+///             the copies and deletions of a shift. Opening again, and a Write that does, only hand
+///             the buffered data of the old file over to the system. Data in between are buffered.
+/// Failures:   answered by Open and Write; file-system operations report theirs. Without memory a
+///             step of a shift fails like any other, and the log is opened all the same.
 class PZ_API PZLSysFileOut : private PZUncopyable {
 public:
     /// Answer of GetSize for a file that cannot be opened.
@@ -42,8 +44,8 @@ public:
     PZLSysFileOut(const wchar_t* directory, const wchar_t* name, const wchar_t* extension,
                   bool binary, unsigned int maxSize, int fileCount);
 
-    /// Opens the file, after the one that may be open was closed. Shifts the generations first
-    /// where that is due. False when the file cannot be opened.
+    /// Opens the file, after the one that may be open was flushed and closed. Shifts the
+    /// generations first where that is due. False when the file cannot be opened.
     bool Open();
 
     /// Writes a block. 0 without an open file, and for null with a length; 1 otherwise, also when
@@ -68,13 +70,20 @@ public:
     /// The same, then closes the file.
     void Close();
 
-    /// Low 32 bits of the size of a file; kNoSize when it cannot be opened.
+    /// Low 32 bits of the size of a file; kNoSize when it cannot be opened. Waits for a writer when
+    /// the file is a fifo without one.
     static unsigned int GetSize(const wchar_t* path);
 
 private:
-    PZ_LOCAL std::wstring PathWith(const std::wstring& tail) const;
-    PZ_LOCAL std::wstring GenerationPath(int generation) const;
-    PZ_LOCAL void SetPath(const std::wstring& path);
+    /// Holds every path of a log: nothing here may fail for want of memory in the middle of a
+    /// shift.
+    struct Path {
+        wchar_t text[352];  // the directory's 256, the name's 24, a tail, the extension's 4
+    };
+
+    PZ_LOCAL Path PathWith(const wchar_t* tail) const;
+    PZ_LOCAL Path GenerationPath(int generation) const;
+    PZ_LOCAL void SetPath(const wchar_t* path);
     PZ_LOCAL void RefreshFilePath();
     PZ_LOCAL bool CheckMaxFileNum(wchar_t* oldest) const;
     PZ_LOCAL bool OpenAct();

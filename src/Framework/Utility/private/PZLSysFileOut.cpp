@@ -5,12 +5,13 @@
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <Framework/Wrapper/pz_stdlib.h>
-#include <fcntl.h>
+#include <Framework/private/pz_stream.h>
 #include <sys/types.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
+#include <cstring>
 #include <cwchar>
 #include <iterator>
 
@@ -23,7 +24,8 @@ constexpr unsigned int kMaxFiles = 4;  // time-stamped ones
 constexpr size_t kComparedCharacters = 260;
 constexpr size_t kFormatBuffer = 280;
 constexpr size_t kUtf8PathSize = 256;
-constexpr size_t kEntryPathSize = 256 + 256;  // a directory and the name of an entry
+constexpr size_t kNameSize = 256;                   // of the name of an entry
+constexpr size_t kEntryPathSize = 256 + kNameSize;  // a directory and the name of an entry
 
 template <size_t N>
 void copy_to(wchar_t (&field)[N], const wchar_t* text) {
@@ -35,16 +37,31 @@ unsigned int length_of(const wchar_t (&field)[N]) {
     return pz_wcsnlen(field, N);
 }
 
-template <size_t N>
-std::wstring text_of(const wchar_t (&field)[N]) {
-    return {field, length_of(field)};
+/// Any path of a log, or of an entry beside it, in UTF-8: four bytes for a character at most.
+using Utf8Path = char[4 * 512];
+
+/// False, reported, for a text that cannot be converted; an empty one is none.
+template <size_t M, size_t N>
+bool to_utf8(const wchar_t (&text)[M], char (&utf8)[N]) {
+    std::memset(utf8, 0, N);
+    return pz_wctomb(utf8, N, text, static_cast<int>(length_of(text)), XCP_UTF8) >= 1;
 }
 
 /// The name of an entry of a directory; empty when it is no UTF-8.
-std::wstring wide_name(const PZFileSys::ST_FIND_DATA& entry) {
-    PZString name(static_cast<const char*>(entry.name));
-    const wchar_t* const wide = name.ToWCHAR();
-    return wide != nullptr ? wide : L"";
+void wide_name(const PZFileSys::ST_FIND_DATA& entry, wchar_t (&name)[kNameSize]) {
+    name[0] = L'\0';
+    const size_t length = std::strlen(entry.name);
+    if (length == 0) return;
+    if (pz_mbtowc(name, kNameSize, entry.name, static_cast<unsigned int>(length), XCP_UTF8) < 1) {
+        name[0] = L'\0';
+    }
+}
+
+unsigned int size_of(const char* path) {
+    const PZStream file(pz_open_stream(path, "rb"));
+    if (!file.IsOpen()) return PZLSysFileOut::kNoSize;
+    fseeko(file.Get(), 0, SEEK_END);
+    return static_cast<unsigned int>(ftello(file.Get()));
 }
 
 }  // namespace
@@ -80,11 +97,16 @@ PZLSysFileOut::PZLSysFileOut(const wchar_t* directory, const wchar_t* name,
     const unsigned int length = length_of(directory_);
     if (length < std::size(directory_)) directory_[length] = L'/';
 
-    PZFileSys::CreateDirectorySupportingLayers(text_of(directory_).c_str());
+    Utf8Path utf8;
+    if (to_utf8(directory_, utf8)) {
+        PZFileSys::CreateDirectorySupportingLayers(utf8);
+    }
     if (fileCount_ < 0) return;
-    const std::wstring path = fileCount_ == 0 ? PathWith(L"") : GenerationPath(0);
-    SetPath(path);
-    if (PZFileSys::IsExist(path.c_str())) sizeCounter_ = GetSize(path.c_str());
+    const Path path = fileCount_ == 0 ? PathWith(L"") : GenerationPath(0);
+    SetPath(path.text);
+    if (to_utf8(path.text, utf8) && PZFileSys::IsExist(utf8)) {
+        sizeCounter_ = size_of(utf8);
+    }
 }
 
 bool PZLSysFileOut::Open() {
@@ -92,7 +114,8 @@ bool PZLSysFileOut::Open() {
     if (fileCount_ == kStamped) {
         RefreshFilePath();
         wchar_t oldest[kEntryPathSize];
-        if (CheckMaxFileNum(oldest)) PZFileSys::Delete(oldest, true);
+        Utf8Path utf8;
+        if (CheckMaxFileNum(oldest) && to_utf8(oldest, utf8)) PZFileSys::Delete(utf8, true);
     }
     if (maxSize_ == 0 && fileCount_ >= 1) BackupAct();
     return OpenAct();
@@ -133,40 +156,42 @@ void PZLSysFileOut::Flush() {
 }
 
 void PZLSysFileOut::Close() {
+    Flush();
     CloseAct();
 }
 
 unsigned int PZLSysFileOut::GetSize(const wchar_t* path) {
     PZString narrow(path);
     const char* const utf8 = narrow.ToCHAR(XCP_UTF8);
-    std::FILE* file = utf8 != nullptr ? std::fopen(utf8, "rb") : nullptr;
-    if (file == nullptr) return kNoSize;
-    fseeko(file, 0, SEEK_END);
-    const auto size = static_cast<unsigned int>(ftello(file));
-    std::fclose(file);
-    return size;
+    return utf8 != nullptr ? size_of(utf8) : kNoSize;
 }
 
-std::wstring PZLSysFileOut::PathWith(const std::wstring& tail) const {
-    return text_of(directory_) + text_of(name_) + tail + L"." + text_of(extension_);
+PZLSysFileOut::Path PZLSysFileOut::PathWith(const wchar_t* tail) const {
+    Path path;
+    // The bounds are those of the fields, which need not be terminated.
+    std::swprintf(path.text, std::size(path.text), L"%.256ls%.24ls%ls.%.4ls", directory_, name_,
+                  tail, extension_);
+    return path;
 }
 
-std::wstring PZLSysFileOut::GenerationPath(int generation) const {
-    return PathWith(L"_" + std::to_wstring(generation));
+PZLSysFileOut::Path PZLSysFileOut::GenerationPath(int generation) const {
+    wchar_t tail[16];
+    std::swprintf(tail, std::size(tail), L"_%d", generation);
+    return PathWith(tail);
 }
 
 /// A path that does not fit stays without terminator, and OpenAct refuses it.
-void PZLSysFileOut::SetPath(const std::wstring& path) {
-    copy_to(path_, path.c_str());
+void PZLSysFileOut::SetPath(const wchar_t* path) {
+    copy_to(path_, path);
 }
 
 void PZLSysFileOut::RefreshFilePath() {
     PZClock::ST_CLOCK utc = {};
     if (!PZClock::GetUtc(&utc)) return SetPath(L"");
     wchar_t stamp[32];
-    pz_swprintf(stamp, std::size(stamp), L"%02d%02d%02d_%02d%02d", utc.year % 100, utc.month,
-                utc.day, utc.hour, utc.minute);
-    SetPath(PathWith(stamp));
+    std::swprintf(stamp, std::size(stamp), L"%02d%02d%02d_%02d%02d", utc.year % 100, utc.month,
+                  utc.day, utc.hour, utc.minute);
+    SetPath(PathWith(stamp).text);
 }
 
 /// True, with the oldest of the time-stamped files, when there are more than kMaxFiles of them.
@@ -176,47 +201,56 @@ void PZLSysFileOut::RefreshFilePath() {
 bool PZLSysFileOut::CheckMaxFileNum(wchar_t* oldest) const {
     PZFileSys search;
     PZFileSys::ST_FIND_DATA entry = {};
-    if (!search.FindFirst(PathWith(L"??????_????").c_str(), entry)) return false;
-    std::wstring candidate = text_of(directory_) + wide_name(entry);
+    const Path pattern = PathWith(L"??????_????");
+    Utf8Path utf8;
+    if (!to_utf8(pattern.text, utf8)) return false;
+    if (!search.FindFirst(utf8, entry)) return false;
+
+    wchar_t name[kNameSize];
+    const auto remember = [&] {
+        std::swprintf(oldest, kEntryPathSize, L"%.256ls%ls", directory_, name);
+    };
+    wide_name(entry, name);
+    remember();
     unsigned int count = 1;
     for (; search.FindNext(entry); ++count) {
-        const std::wstring name = wide_name(entry);
+        wide_name(entry, name);
         // The whole path is compared with the bare name, on purpose.
-        if (std::wcsncmp(candidate.c_str(), name.c_str(), kComparedCharacters) < 0) {
-            candidate = text_of(directory_) + name;
-        }
+        if (std::wcsncmp(oldest, name, kComparedCharacters) < 0) remember();
     }
-    if (count <= kMaxFiles) return false;
-    pz_wcscpy(oldest, kEntryPathSize, candidate.c_str());
-    return true;
+    return count > kMaxFiles;
 }
 
 bool PZLSysFileOut::OpenAct() {
-    char path[kUtf8PathSize] = {};
-    const auto length = static_cast<int>(length_of(path_));
     const bool isAppending = maxSize_ != 0;
     if (!isAppending) sizeCounter_ = 0;
-    if (pz_wctomb(path, sizeof path, path_, length, XCP_UTF8) < 1) return false;
+    char path[kUtf8PathSize];
+    if (!to_utf8(path_, path)) return false;
     const char* const appending = isBinary_ ? "ab+" : "a+";
     const char* const fromEmpty = isBinary_ ? "wb+" : "w+";
-    stream_ = std::fopen(path, isAppending ? appending : fromEmpty);
-    if (stream_ == nullptr) return false;
-    // A program that this process starts must not keep an old log file in use.
-    fcntl(fileno(stream_), F_SETFD, FD_CLOEXEC);
-    return true;
+    stream_ = pz_open_stream(path, isAppending ? appending : fromEmpty);
+    return stream_ != nullptr;
 }
 
+/// Flushes, too, but leaves it to the system when the data go to the disk.
 void PZLSysFileOut::CloseAct() {
     if (stream_ == nullptr) return;
-    Flush();
-    std::fclose(stream_);
+    std::fflush(stream_);
+    pz_close_stream(stream_);
     stream_ = nullptr;
 }
 
+/// In the narrow form of every path, which takes no memory.
 void PZLSysFileOut::BackupAct() {
-    PZFileSys::Delete(GenerationPath(fileCount_).c_str(), true);
+    Utf8Path to;
+    const Path last = GenerationPath(fileCount_);
+    if (to_utf8(last.text, to)) PZFileSys::Delete(to, true);
     sizeCounter_ = 0;
     for (int i = fileCount_ - 1; i >= 0; --i) {
-        PZFileSys::Move(GenerationPath(i).c_str(), GenerationPath(i + 1).c_str());
+        Utf8Path from;
+        const Path path = GenerationPath(i);
+        if (!to_utf8(path.text, from)) return;
+        PZFileSys::Move(from, to);
+        std::memcpy(to, from, sizeof to);
     }
 }
