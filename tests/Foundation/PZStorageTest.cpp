@@ -1,10 +1,14 @@
 #include "Framework/Foundation/PZStorage.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -13,10 +17,13 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -25,6 +32,8 @@ pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullpt
 pztest::Interposed<int(FILE*, off64_t, int)> fseeko_call("fseeko64");
 pztest::Interposed<off64_t(FILE*)> ftello_call("ftello64");
 
+int inherited;  // opened files that a program would get, were one started at once
+
 }  // namespace
 
 extern "C" {
@@ -32,7 +41,9 @@ int fsync(int fd) {
     return fsync_call(fd);
 }
 FILE* fopen64(const char* path, const char* mode) {
-    return fopen_call(path, mode);
+    FILE* const stream = fopen_call(path, mode);
+    if (stream != nullptr && fcntl(fileno(stream), F_GETFD) == 0) ++inherited;
+    return stream;
 }
 int fseeko64(FILE* stream, off64_t offset, int origin) {
     return fseeko_call(stream, offset, origin);
@@ -56,6 +67,10 @@ constexpr long long kFiveGiB = 5LL << 30;
 
 std::string last_error_text(int error) {
     return "std library error [" + std::to_string(error) + " : " + std::strerror(error) + "]";
+}
+
+std::wstring Wide(const std::string& ascii) {
+    return {ascii.begin(), ascii.end()};
 }
 
 long long size_on_disk(const std::string& path) {
@@ -96,6 +111,7 @@ protected:
         fopen_call.Reset();
         fseeko_call.Reset();
         ftello_call.Reset();
+        inherited = 0;
     }
 
     /// The file, with `content`, open for reading.
@@ -729,4 +745,166 @@ TEST_F(PZStorageTest, AWriteToAClosedObjectDoesNotCountAsWritten) {
     Create();
     storage.Close();
     EXPECT_EQ(0, fsync_call.Calls());
+}
+
+// Descriptors
+
+TEST_F(PZStorageTest, KeepsItsFileFromProgramsThatTheProcessStarts) {
+    write_file(path, "x");
+    inherited = 0;
+    for (const char* mode : {"r", "rb", "rb+", "rbe", "w", "wb+", "a", "ab+", "w+b"}) {
+        EXPECT_EQ(0, storage.Open(path.c_str(), mode)) << mode;
+        EXPECT_EQ(0, storage.Open(Wide(path).c_str(), Wide(mode).c_str())) << mode;
+    }
+    PZStorage::GetSize(path.c_str());
+    EXPECT_EQ(0, inherited) << "not even for a moment";
+}
+
+TEST_F(PZStorageTest, LeavesTheStandardDescriptorsFree) {
+    const pztest::ChildResult result = pztest::run_in_child([this] {
+        ::close(STDIN_FILENO);
+        ::close(STDERR_FILENO);
+        if (storage.Open(path.c_str(), "wb+") != 0) return 1;
+        const bool areFree =
+            ::fcntl(STDIN_FILENO, F_GETFD) == -1 && ::fcntl(STDERR_FILENO, F_GETFD) == -1;
+        storage.WriteLine("abc");
+        storage.Seek(0, PZStorage::en_POS_BEGIN);
+        char line[10] = {};
+        const bool isRead = storage.ReadLine(line, sizeof line) == 0;
+        storage.Close();
+        return areFree && isRead && std::strcmp(line, "abc\n") == 0 ? 42 : 2;
+    });
+    EXPECT_EQ(42, result.status) << result.output;
+    EXPECT_EQ("abc\n", read_file(path));
+}
+
+// Without memory
+
+TEST_F(PZStorageTest, FailsWidePathsWithoutMemoryAndSaysSoOnce) {
+    write_file(path, "12345");
+    const std::wstring widePath = Wide(path);
+    int refusals = 0;
+    for (int skip = 0;; ++skip) {
+        ASSERT_EQ(0, storage.Open(path.c_str(), "rb"));
+        const StdoutCapture output;
+        int opened = -1;
+        int refused = 0;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            opened = storage.Open(widePath.c_str(), L"rb");
+            refused = shortage.Refused();
+        }
+        if (refused == 0) break;
+        ++refusals;
+        EXPECT_EQ(1, opened) << skip;
+        EXPECT_FALSE(storage.IsOpen()) << "as after every failed open";
+    }
+    EXPECT_LT(1, refusals);
+    EXPECT_TRUE(storage.IsOpen());
+
+    StdoutCapture output;
+    for (int skip = 0;; ++skip) {
+        long long size = -1;
+        int refused = 0;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            size = PZStorage::GetSize(widePath.c_str());
+            refused = shortage.Refused();
+        }
+        const std::string text = output.Take();
+        if (refused == 0) {
+            EXPECT_EQ(5, size);
+            break;
+        }
+        EXPECT_EQ(0, size);
+        EXPECT_EQ(1U, pztest::count_of(text, "failed to allocate memory\n"));
+    }
+}
+
+// Threads that are cancelled
+
+namespace {
+
+std::atomic<int> syncs_begun{0};
+
+/// A medium that never gets done.
+int wait_for_the_medium(int /*fd*/) {
+    ++syncs_begun;
+    for (;;) ::pause();
+}
+
+void* close_a_written_storage(void* path) {
+    PZStorage storage(static_cast<const std::string*>(path)->c_str(), "wb");
+    storage.WriteLine("text");
+    storage.Close();  // waits for the medium
+    return nullptr;
+}
+
+constexpr int kPipeSize = 65536;
+
+/// A storage whose destructor waits for somebody who reads.
+void fill_a_pipe(const std::string& path) {
+    PZStorage storage(path.c_str(), "rb+");
+    static const std::string block(kPipeSize, 'x');
+    storage.Write(block.data(), kPipeSize);
+    storage.Write("left", 4);
+}
+
+void* leave_a_full_pipe(void* path) {
+    fill_a_pipe(*static_cast<const std::string*>(path));
+    pthread_testcancel();
+    return nullptr;
+}
+
+class PZStorageCancelTest : public PZStorageTest {
+protected:
+    void Start(void* (*run)(void*)) {
+        syncs_begun = 0;
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, run, &file));
+    }
+    void* Join() const {
+        void* result = nullptr;
+        pthread_join(thread, &result);
+        return result;
+    }
+
+    std::string file = path;
+    pthread_t thread = {};
+};
+
+}  // namespace
+
+TEST_F(PZStorageCancelTest, ClosesTheFileOfAThreadThatWaitsForTheMedium) {
+    fsync_call.Replace(&wait_for_the_medium);
+    const int before = open_descriptors();
+    Start(&close_a_written_storage);
+    EXPECT_TRUE(pztest::wait_until([] { return syncs_begun > 0; }));
+    pthread_cancel(thread);
+    EXPECT_EQ(PTHREAD_CANCELED, Join());
+    EXPECT_EQ(before, open_descriptors());
+    EXPECT_EQ("text\n", read_file(path));
+}
+
+TEST_F(PZStorageCancelTest, IsDestroyedCompletelyOnAThreadThatIsCancelledMeanwhile) {
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_NE(-1, reader);
+    const int before = open_descriptors();
+    Start(&leave_a_full_pipe);
+    EXPECT_TRUE(pztest::wait_until([&] {
+        int waiting = 0;
+        return ::ioctl(reader, FIONREAD, &waiting) == 0 && waiting == kPipeSize;
+    }));
+    pthread_cancel(thread);
+    std::string arrived;
+    EXPECT_TRUE(pztest::wait_until([&] {
+        char bytes[4096];
+        const ssize_t got = ::read(reader, bytes, sizeof bytes);
+        if (got > 0) arrived.append(bytes, static_cast<size_t>(got));
+        return arrived.size() == kPipeSize + 4;
+    }));
+    EXPECT_EQ(PTHREAD_CANCELED, Join());
+    EXPECT_EQ("left", arrived.substr(kPipeSize));
+    EXPECT_EQ(before, open_descriptors());
+    ::close(reader);
 }

@@ -16,10 +16,14 @@
 ///            that is passed in is kept.
 /// Units:     bytes. Sizes and positions are 64 bits wide on every machine, but see Read.
 /// Modes:     those of the C library: "rb", "wb+", "ab+" ... Between reading and writing, and back,
-///            a Seek or Flush is needed, as the C library asks for it. An 'e' ("rbe") keeps the
-///            file from programs that this process starts.
+///            a Seek or Flush is needed, as the C library asks for it. Programs that this process
+///            starts do not inherit the file, whatever the mode; nor does it take the place of a
+///            standard input, output or error that is closed.
 /// Failures:  answered with a result; note that 0 is success for some operations and nothing done
-///            for others. On a closed object every operation fails, Close excepted.
+///            for others. On a closed object every operation fails, Close excepted. Only wide paths
+///            need memory: without it Open and GetSize fail, reported.
+/// Cancelled: a thread may be cancelled while it waits for a file or a medium, but not in the
+///            destructor. A cancelled Close has closed the file; what was not written yet is lost.
 class PZ_API PZStorage : private PZUncopyable {
 public:
     /// The origin of Seek.
@@ -39,7 +43,7 @@ public:
     ~PZStorage();
 
     /// Closes what is open, then opens `path`. 0 for success. 1, reported, when that fails, also
-    /// for null; the object is closed then.
+    /// for null; the object is closed then. Waits without limit for the other side of a fifo.
     int Open(const char* path, const char* mode);
     /// The same, in UTF-8. Texts that cannot be converted fail like null.
     int Open(const wchar_t* path, const wchar_t* mode);
@@ -68,7 +72,8 @@ public:
     /// 0 for success; 1 when that fails, on a closed object, and for null.
     int WriteLine(const char* text);
 
-    /// Size of the named file; 0 when it cannot be opened or measured.
+    /// Size of the named file; 0 when it cannot be opened or measured. Waits without limit for the
+    /// writer of a fifo.
     /// @{
     static long long GetSize(const char* path);
     static long long GetSize(const wchar_t* path);

@@ -2,6 +2,9 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Utility/PZString.h>
+#include <Framework/private/pz_stream.h>
+#include <pthread.h>
+#include <stdio_ext.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -25,6 +28,24 @@ long long measure(std::FILE* stream) {
     return end > 0 ? end : 0;
 }
 
+/// Closes a stream at the end of the scope. Until Settle was called that is because its thread is
+/// cancelled: what could not be written is dropped then, or the thread would wait for it again.
+class Closing : private PZUncopyable {
+public:
+    explicit Closing(std::FILE*& stream) noexcept : stream_(stream) {}
+    ~Closing() {
+        if (!isSettled_) __fpurge(stream_);
+        pz_close_stream(stream_);
+        stream_ = nullptr;
+    }
+
+    void Settle() noexcept { isSettled_ = true; }
+
+private:
+    std::FILE*& stream_;
+    bool isSettled_ = false;
+};
+
 }  // namespace
 
 PZStorage::PZStorage() : stream_(nullptr), isWritten_(false) {}
@@ -37,8 +58,13 @@ PZStorage::PZStorage(const wchar_t* path, const wchar_t* mode) : PZStorage() {
     Open(path, mode);
 }
 
+/// Not cancelled in between: a destructor that did not say so would end the process, and one that
+/// did could not be that of a member of most classes.
 PZStorage::~PZStorage() {
+    int state = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
     Close();
+    pthread_setcancelstate(state, nullptr);
 }
 
 int PZStorage::Open(const char* path, const char* mode) {
@@ -46,7 +72,7 @@ int PZStorage::Open(const char* path, const char* mode) {
     if (path == nullptr || mode == nullptr) {
         errno = EINVAL;
     } else {
-        stream_ = std::fopen(path, mode);
+        stream_ = pz_open_stream(path, mode);
     }
     if (stream_ == nullptr) {
         PZ_REPORT_LAST_ERROR();
@@ -67,9 +93,9 @@ bool PZStorage::IsOpen() const {
 
 void PZStorage::Close() {
     if (stream_ == nullptr) return;
+    Closing closing(stream_);
     if (isWritten_) Flush();
-    std::fclose(stream_);
-    stream_ = nullptr;
+    closing.Settle();
 }
 
 long long PZStorage::Read(void* buf, long long size) {
@@ -101,11 +127,9 @@ int PZStorage::WriteLine(const char* text) {
 }
 
 long long PZStorage::GetSize(const char* path) {
-    std::FILE* file = path != nullptr ? std::fopen(path, "rb") : nullptr;
-    if (file == nullptr) return 0;
-    const long long size = measure(file);
-    std::fclose(file);
-    return size;
+    if (path == nullptr) return 0;
+    const PZStream file(pz_open_stream(path, "rb"));
+    return file.IsOpen() ? measure(file.Get()) : 0;
 }
 
 long long PZStorage::GetSize(const wchar_t* path) {
