@@ -6,6 +6,7 @@
 #include <linux/rtc.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -17,6 +18,7 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
+#include <clocale>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -181,6 +183,9 @@ std::string zone_file_copy;          // ... to here
 bool rules_are_real = false;
 char daylight_name[] = "XDT";
 
+pztest::Interposed<int(int, const char*, const timespec*, int)> utimensat_call("utimensat");
+pztest::Interposed<int(const char*, const char*)> rename_call("rename");
+pztest::Interposed<char*(char*)> mkdtemp_call("mkdtemp", nullptr);
 pztest::Interposed<bool(const char*, const char*, bool, bool)> copy_call(
     "_ZN9PZFileSys4CopyEPKcS1_bb");
 
@@ -188,12 +193,22 @@ const char* text_of(bool value) {
     return value ? "true" : "false";
 }
 
+constexpr char kActive[] = "/tmp/tzfile";
+std::string made_folder;  // the last one in which a zone file was made
+
+/// What the library takes for the active zone file is that of the test, or nothing.
+const char* redirected(const char* path) {
+    return std::strcmp(path, kActive) == 0 ? zone_file_copy.c_str() : path;
+}
+
 bool copy_zone_file(const char* src, const char* dst, bool failIfExists, bool createDirs) {
-    steps.push_back(std::string("copy ") + src + " " + dst + " " + text_of(failIfExists) + " " +
-                    text_of(createDirs));
+    const std::string place = dst;
+    const bool isNew = place.compare(0, sizeof kActive, std::string(kActive) + ".") == 0;
+    if (isNew) made_folder = place.substr(0, place.rfind('/'));
+    steps.push_back(std::string("copy ") + src + " " + (isNew ? kActive : dst) + " " +
+                    text_of(failIfExists) + " " + text_of(createDirs));
     if (!zone_file_source.empty()) {
-        return copy_call.Real(zone_file_source.c_str(), zone_file_copy.c_str(), failIfExists,
-                              createDirs);
+        return copy_call.Real(zone_file_source.c_str(), redirected(dst), failIfExists, createDirs);
     }
     if (copy_results.empty()) return true;
     const bool result = copy_results.front();
@@ -262,6 +277,19 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     if (request == RTC_SET_TIME) return set_rtc(fd, static_cast<const rtc_time*>(argument));
     errno = ENOTTY;
     return -1;
+}
+extern "C" int lstat64(const char* path, struct stat64* status) noexcept {
+    return ::fstatat64(AT_FDCWD, redirected(path), status, AT_SYMLINK_NOFOLLOW);
+}
+extern "C" int utimensat(int fd, const char* path, const timespec* times, int flags) noexcept {
+    return utimensat_call(fd, redirected(path), times, flags);
+}
+extern "C" int rename(const char* from, const char* to) noexcept {
+    // As long as nothing is copied for real, there is nothing to rename either.
+    return zone_file_copy.empty() ? 0 : rename_call(from, redirected(to));
+}
+extern "C" char* mkdtemp(char* name) noexcept {
+    return mkdtemp_call(name);
 }
 extern "C" pid_t fork() noexcept {
     return fork_call();
@@ -836,6 +864,33 @@ TEST_F(PZClockTest, EndsTheChildWhenTheDateProgramCannotBeStarted) {
     EXPECT_EQ(std::string("/bin/date: ") + std::strerror(ENOENT) + "\n", result.output);
 }
 
+TEST_F(PZClockTest, EndsTheChildWhateverLockAnotherThreadHoldsMeanwhile) {
+    constexpr int kRounds = 100;
+    const pztest::ChildResult result = run_in_child(
+        [] {
+            // Messages are looked up under a lock that a change of the locale takes.
+            std::thread([] {
+                for (;;) {
+                    std::setlocale(LC_ALL, "C.UTF-8");
+                    std::setlocale(LC_ALL, "C");
+                }
+            }).detach();
+            Clock morning = kMorning;
+            for (int i = 0; i < kRounds; ++i) {
+                if (!PZClock::SetLocal(&morning)) ::_exit(1);
+            }
+            ::_exit(42);
+            return 0;
+        },
+        /*limitSeconds=*/30);
+    EXPECT_EQ(42, result.status) << "a child waits for the lock, and its parent for the child";
+    std::string lines;
+    for (int i = 0; i < kRounds; ++i) {
+        lines += std::string("/bin/date: ") + std::strerror(ENOENT) + "\n";
+    }
+    EXPECT_EQ(lines, result.output);
+}
+
 TEST_F(PZClockTest, WaitsForTheDateProgram) {
     fork_call.Replace(&fork_to_parent);
     waitpid_call.Replace(&remember_wait);
@@ -1014,6 +1069,8 @@ protected:
     void TearDown() override {
         tzname[0] = namesBefore[0];
         tzname[1] = namesBefore[1];
+        zone_file_source.clear();
+        zone_file_copy.clear();
         PZClockTest::TearDown();
     }
 
@@ -1466,14 +1523,188 @@ TEST_F(PZClockZoneTest, SwitchesTheProcessToTheCopiedZoneFile) {
     EXPECT_EQ(42, result.status) << result.output;
     EXPECT_EQ(compiled_zone(3600, "ABC"), pztest::read_file(zone_file_copy));
     EXPECT_NE(std::string::npos, result.output.find("] ABC : "));
-    zone_file_source.clear();
 }
 
 TEST_F(PZClockZoneTest, FailsWithoutAZoneFile) {
     const pztest::TempDir dir;
     zone_file_source = dir.File("absent");
     zone_file_copy = dir.File("tzfile");
+    pztest::write_file(zone_file_copy, "of before");
     EXPECT_FALSE(PZClock::SetTimeZone(60));
     EXPECT_EQ(Steps{copy_step(kGmt1)}, steps);
-    zone_file_source.clear();
+    EXPECT_EQ("of before", pztest::read_file(zone_file_copy));
+    EXPECT_EQ(-1, ::access(made_folder.c_str(), F_OK)) << "nothing is left in /tmp";
+}
+
+// The active zone file
+
+namespace {
+
+/// The zone file, and what takes the place of /tmp/tzfile, are files of the test.
+class PZClockZoneFileTest : public PZClockZoneTest {
+protected:
+    void SetUp() override {
+        PZClockZoneTest::SetUp();
+        zone_file_source = dir.File("zone");
+        zone_file_copy = dir.File("tzfile");
+        Install("ABC");
+        umaskBefore = ::umask(022);
+    }
+    void TearDown() override {
+        ::umask(umaskBefore);
+        rename_call.Reset();
+        mkdtemp_call.Reset();
+        utimensat_call.Reset();
+        PZClockZoneTest::TearDown();
+    }
+
+    /// The zone file becomes one of this abbreviation.
+    static void Install(const std::string& abbreviation) {
+        pztest::write_file(zone_file_source, compiled_zone(3600, abbreviation));
+    }
+    struct stat Status() const {
+        struct stat status = {};
+        EXPECT_EQ(0, ::lstat(zone_file_copy.c_str(), &status));
+        return status;
+    }
+    /// The mode of a regular file; 0 for everything else.
+    mode_t Mode() const { return S_ISREG(Status().st_mode) ? Status().st_mode & 07777 : 0; }
+    std::string Active() const { return pztest::read_file(zone_file_copy); }
+
+    pztest::TempDir dir;
+    mode_t umaskBefore = 0;
+};
+
+}  // namespace
+
+TEST_F(PZClockZoneFileTest, TakesEffectHoweverSoonItFollowsAnother) {
+    const pztest::ChildResult result = run_in_child([this] {
+        rules_are_real = true;
+        // The C library reads a named file only when its name changes; here it does, and the file
+        // stays the same. The processes of a device read it again with every tzset.
+        std::string name = ":" + dir.Path() + "/";
+        for (const char* abbreviation : {"AAA", "BBB", "CCC", "AAA", "BBB", "CCC"}) {
+            Install(abbreviation);
+            name += "./";
+            setenv("TZ", (name + "tzfile").c_str(), 1);
+            if (!PZClock::SetTimeZone(60)) return 1;
+            if (std::strcmp(tzname[0], abbreviation) != 0) return 2;
+        }
+        return 42;
+    });
+    EXPECT_EQ(42, result.status) << result.output;
+}
+
+TEST_F(PZClockZoneFileTest, IsLaterByASecondThanTheOneBefore) {
+    ASSERT_TRUE(PZClock::SetTimeZone(60));
+    for (int i = 0; i < 5; ++i) {
+        const time_t before = Status().st_mtim.tv_sec;
+        ASSERT_TRUE(PZClock::SetTimeZone(60));
+        EXPECT_LT(before, Status().st_mtim.tv_sec);
+    }
+    // Also when the clock has been set back since.
+    const timespec later[] = {{0, UTIME_OMIT}, {Status().st_mtim.tv_sec + 1000000, 0}};
+    ASSERT_EQ(0, utimensat_call.Real(AT_FDCWD, zone_file_copy.c_str(), later, 0));
+    ASSERT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ(later[1].tv_sec + 1, Status().st_mtim.tv_sec);
+}
+
+TEST_F(PZClockZoneFileTest, ReplacesAPipeAtOnce) {
+    ASSERT_EQ(0, ::mkfifo(zone_file_copy.c_str(), 0666));
+    const pztest::ChildResult result =
+        run_in_child([] { return PZClock::SetTimeZone(60) ? 42 : 1; }, /*limitSeconds=*/20);
+    EXPECT_EQ(42, result.status) << "waits for a reader";
+    EXPECT_EQ(0644U, Mode());
+    EXPECT_EQ(compiled_zone(3600, "ABC"), Active());
+}
+
+TEST_F(PZClockZoneFileTest, ReplacesALinkAndLeavesWhatItLeadsTo) {
+    const std::string secret = dir.File("secret");
+    pztest::write_file(secret, "secret");
+    ASSERT_EQ(0, ::chmod(secret.c_str(), 0600));
+    ASSERT_EQ(0, ::symlink(secret.c_str(), zone_file_copy.c_str()));
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ("secret", pztest::read_file(secret));
+    EXPECT_EQ(0644U, Mode());
+    EXPECT_EQ(compiled_zone(3600, "ABC"), Active());
+}
+
+TEST_F(PZClockZoneFileTest, HasTheRightsOfANewFileAndKeepsThoseItHas) {
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ(0644U, Mode());
+    ASSERT_EQ(0, ::chmod(zone_file_copy.c_str(), 0660));
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ(0660U, Mode());
+    if (::geteuid() != 0) return;
+    ASSERT_EQ(0, ::chown(zone_file_copy.c_str(), 1234, 5678));
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ(1234U, Status().st_uid);
+    EXPECT_EQ(5678U, Status().st_gid);
+}
+
+TEST_F(PZClockZoneFileTest, IsNeverSeenInPart) {
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    FILE* const reader = std::fopen(zone_file_copy.c_str(), "rb");
+    ASSERT_NE(nullptr, reader);
+    Install("DEF");
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    char bytes[1000] = {};
+    const size_t got = std::fread(bytes, 1, sizeof bytes, reader);
+    std::fclose(reader);
+    EXPECT_EQ(compiled_zone(3600, "ABC"), std::string(bytes, got)) << "the whole file of before";
+    EXPECT_EQ(compiled_zone(3600, "DEF"), Active());
+}
+
+TEST_F(PZClockZoneFileTest, LeavesNothingElseBehind) {
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_NE("", made_folder);
+    EXPECT_EQ(-1, ::access(made_folder.c_str(), F_OK));
+}
+
+TEST_F(PZClockZoneFileTest, IsOverwrittenWhereNothingCanBeReplaced) {
+    pztest::write_file(zone_file_copy, "of before, and longer than what comes now, much longer");
+    const ino_t file = Status().st_ino;
+    const time_t before = Status().st_mtim.tv_sec;
+    rename_call.FailNext(EPERM);
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ(compiled_zone(3600, "ABC"), Active());
+    EXPECT_EQ(file, Status().st_ino);
+    EXPECT_LT(before, Status().st_mtim.tv_sec);
+    EXPECT_EQ(-1, ::access(made_folder.c_str(), F_OK));
+
+    Install("DEF");
+    mkdtemp_call.FailNext(EROFS);
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ(compiled_zone(3600, "DEF"), Active());
+    EXPECT_EQ(file, Status().st_ino);
+    EXPECT_EQ(0U, pztest::count_of(output.Take(), "[error]"));
+}
+
+TEST_F(PZClockZoneFileTest, IsNotWrittenThroughALinkOrAPipeThatCannotBeReplaced) {
+    const std::string secret = dir.File("secret");
+    pztest::write_file(secret, "secret");
+    ASSERT_EQ(0, ::symlink(secret.c_str(), zone_file_copy.c_str()));
+    StartFrom("XST");
+    rename_call.FailNext(EPERM);
+    EXPECT_FALSE(PZClock::SetTimeZone(60));
+    EXPECT_EQ("secret", pztest::read_file(secret));
+    EXPECT_TRUE(
+        has_report(output.Take(), "SetTimeZone", "PZClock.cpp", "failed to open [/tmp/tzfile]"));
+
+    ASSERT_EQ(0, ::unlink(zone_file_copy.c_str()));
+    ASSERT_EQ(0, ::mkfifo(zone_file_copy.c_str(), 0666));
+    mkdtemp_call.FailNext(EROFS);
+    const pztest::ChildResult result =
+        run_in_child([] { return PZClock::SetTimeZone(60) ? 1 : 42; }, /*limitSeconds=*/20);
+    EXPECT_EQ(42, result.status);
+    mkdtemp_call.Reset();
+}
+
+TEST_F(PZClockZoneFileTest, IsNoPlaceForADirectory) {
+    ASSERT_EQ(0, ::mkdir(zone_file_copy.c_str(), 0755));
+    StartFrom("XST");
+    EXPECT_FALSE(PZClock::SetTimeZone(60));
+    EXPECT_TRUE(S_ISDIR(Status().st_mode));
+    EXPECT_TRUE(has_report(output.Take(), "copyFile", "PZFileSys.cpp",
+                           "failed to open [" + zone_file_copy + "]"));
 }

@@ -100,6 +100,11 @@ struct TimeZone {
 ///            zone rules again. The device makes that file the zone of its processes: link
 ///            /etc/localtime to it and leave TZ unset. The GNU C library reads a file that TZ
 ///            names only when TZ itself has changed, so such a process keeps its old zone.
+///            The copy is made in a folder of its own below /tmp and takes the name at once: it
+///            replaces what is there, also a link or a pipe, and keeps the rights of a file. Its
+///            time is at least a second later than that of the file before, because the C library
+///            compares whole seconds. Where nothing in /tmp can be replaced, a file that is there
+///            is overwritten.
 /// Seconds:   since 1970-01-01 00:00:00 UTC, without leap seconds. Seconds that are passed in or
 ///            converted count as 32 bits with a sign on every machine: from 1901-12-13 20:45:52
 ///            to 2038-01-19 03:14:07 UTC. The current time is as wide as the machine's own.
@@ -163,7 +168,7 @@ public:
     /// The zone counts as settled when its standard-time abbreviation is known and not "JST".
     /// Until then the file is copied again, 20 times with 100 ms after each: +9 hours may take two
     /// seconds. Answers whether the last copy succeeded; a failed one leaves the rules of the
-    /// process as they were.
+    /// process as they were. A zone file that is a fifo without a writer is waited for.
     static bool SetTimeZone(int minutes);
 
     /// Selects the zone of `area`, and settles in the same way; en_AREA_TOKYO, whose abbreviation

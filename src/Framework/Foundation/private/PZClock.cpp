@@ -6,9 +6,12 @@
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_child.h>
+#include <Framework/private/pz_descriptor.h>
 #include <fcntl.h>
 #include <linux/rtc.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -23,6 +26,7 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <limits>
 
 static_assert(sizeof(PZClock::ST_CLOCK) == 28 && offsetof(PZClock::ST_CLOCK, month) == 4 &&
                   offsetof(PZClock::ST_CLOCK, dayOfWeek) == 8 &&
@@ -124,8 +128,7 @@ private:
 /// Turns a forked child into the date program. Does not return.
 [[noreturn]] void execute_date(const char* argument) {
     ::execl(kDateProgram, kDateProgram, argument, static_cast<char*>(nullptr));
-    std::perror(kDateProgram);
-    ::_exit(-1);  // the exit handlers and unwritten output are the parent's
+    pz_end_child_without_program(kDateProgram);
 }
 
 [[noreturn]] void exit_because_of_waitpid() {
@@ -133,8 +136,72 @@ private:
     std::exit(-1);
 }
 
+/// A folder below /tmp into which nobody else can put anything, and the path of a file in it. Both
+/// are removed with the object.
+class PrivateFolder : private PZUncopyable {
+public:
+    PrivateFolder() : isMade_(::mkdtemp(folder_) != nullptr) {
+        std::snprintf(file_, sizeof file_, "%s/tzfile", folder_);
+    }
+    ~PrivateFolder() {
+        if (!isMade_) return;
+        ::unlink(file_);
+        ::rmdir(folder_);
+    }
+
+    bool IsMade() const { return isMade_; }
+    const char* File() const { return file_; }
+
+private:
+    char folder_[sizeof "/tmp/tzfile.XXXXXX"] = "/tmp/tzfile.XXXXXX";
+    char file_[sizeof folder_ + sizeof "/tzfile"] = {};
+    const bool isMade_;
+};
+
+/// Gives a file a later time than `before`, in whole seconds: by these the C library tells whether
+/// a zone file is still the one that it has read, in every process and however soon it changes.
+void make_newer(const char* file, const timespec& before) {
+    struct stat status = {};
+    if (::lstat(file, &status) != 0 || status.st_mtim.tv_sec > before.tv_sec) return;
+    if (before.tv_sec == std::numeric_limits<time_t>::max()) return;
+    const timespec times[] = {{0, UTIME_OMIT}, {before.tv_sec + 1, 0}};
+    ::utimensat(AT_FDCWD, file, times, AT_SYMLINK_NOFOLLOW);
+}
+
+/// Puts the new zone file into the place of the active one, whatever that is; of another file it
+/// keeps the rights. Processes that read meanwhile see the old one or the new one.
+bool replace_active_zone(const char* file, const struct stat* active) {
+    if (active != nullptr && S_ISREG(active->st_mode)) {
+        // Without the right to do so the file belongs to this process.
+        [[maybe_unused]] const int owned = ::chown(file, active->st_uid, active->st_gid);
+        ::chmod(file, active->st_mode & 0777U);
+        make_newer(file, active->st_mtim);
+    }
+    return ::rename(file, kActiveZoneFile) == 0;
+}
+
+/// For a folder that lets nobody make or replace files. Never through a link or into a pipe, which
+/// anybody can have put there.
+bool overwrite_active_zone(const char* path, const struct stat* active) {
+    if (active != nullptr && !S_ISREG(active->st_mode) && !S_ISDIR(active->st_mode)) {
+        PZDbgOutput::DbgPrint(__FILE__, "SetTimeZone", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                              "failed to open [%s]\n", kActiveZoneFile);
+        return false;
+    }
+    if (!PZFileSys::Copy(path, kActiveZoneFile, false, false)) return false;
+    if (active != nullptr) make_newer(kActiveZoneFile, active->st_mtim);
+    return true;
+}
+
 bool copy_zone_file(const char* path) {
-    return PZFileSys::Copy(path, kActiveZoneFile, false, false);
+    struct stat status = {};
+    const struct stat* const active = ::lstat(kActiveZoneFile, &status) == 0 ? &status : nullptr;
+    const PrivateFolder folder;
+    if (folder.IsMade()) {
+        if (!PZFileSys::Copy(path, folder.File(), false, false)) return false;
+        if (replace_active_zone(folder.File(), active)) return true;
+    }
+    return overwrite_active_zone(path, active);
 }
 
 const char* abbreviation(const char* name) {
@@ -197,15 +264,14 @@ bool PZClock::SetUtc(ST_CLOCK* clock) {
         PZ_REPORT_ERROR("invalid arg\n");
         return false;
     }
-    const int device = ::open(kClockDevice, O_RDWR | O_CLOEXEC);
-    if (device == -1) {
+    const PZDescriptor device(::open(kClockDevice, O_RDWR | O_CLOEXEC));
+    if (!device.IsOpen()) {
         PZ_REPORT_ERROR("open(/dev/rtc0) Failed [%s]\n", pz_get_last_err_string());
         return false;
     }
     const rtc_time time = to_rtc_time(*clock);
-    const bool written = ::ioctl(device, RTC_SET_TIME, &time) >= 0;
+    const bool written = ::ioctl(device.Get(), RTC_SET_TIME, &time) >= 0;
     if (!written) PZ_REPORT_ERROR("ioctl(RTC_SET_TIME) Error [%s]\n", pz_get_last_err_string());
-    ::close(device);
     return written;
 }
 
@@ -220,7 +286,7 @@ bool PZClock::SetLocal(ST_CLOCK* clock) {
                   static_cast<int>(clock->minute), clock->year);
 
     SignalBlock signals;
-    const pid_t child = ::fork();
+    const pid_t child = pz_fork_for_program();
     if (child == -1) {
         PZ_REPORT_ERROR("error : fork\n");
         return false;
