@@ -652,7 +652,7 @@ TEST_F(PZThreadMngTest, DumpsAllRecordsInAscendingOrder) {
         "status   : 1\n"
         "\n",
         Dump());
-    EXPECT_EQ("w+", dump_mode);
+    EXPECT_EQ("w+e", dump_mode);
 }
 
 TEST_F(PZThreadMngTest, DumpsAnEmptyRegistryAsAnEmptyFile) {

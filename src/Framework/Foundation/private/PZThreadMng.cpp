@@ -97,7 +97,7 @@ void set_name(PZThreadMng::ThreadInfo& info, const char* name) {
 /// The status file. Closing it may write, where a thread can be cancelled.
 class DumpFile {
 public:
-    DumpFile() : file_(std::fopen(kDumpPath, "w+")) {}
+    DumpFile() : file_(std::fopen(kDumpPath, "w+e")) {}
     ~DumpFile() noexcept(false) {
         if (file_ != nullptr) std::fclose(file_);
     }
