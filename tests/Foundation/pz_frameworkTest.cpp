@@ -1,8 +1,10 @@
 #include "Framework/Foundation/pz_framework.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -21,6 +23,7 @@
 #include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
 #include <Framework/Utility/PZLTimerMng.h>
 
+#include "support/ChildProcess.h"
 #include "support/FakeSyslog.h"
 #include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
@@ -271,6 +274,33 @@ TEST_F(pz_frameworkTest, OpensTheSystemLogUnderTheStoredName) {
     EXPECT_EQ(LOG_PID | LOG_CONS | LOG_NDELAY, openedLogs[0].options);
     EXPECT_EQ(8, openedLogs[0].facility);
     EXPECT_EQ(LOG_USER, openedLogs[0].facility);
+}
+
+/// As the C library would open the log's connection.
+int log_connection = -1;
+
+TEST_F(pz_frameworkTest, LeavesTheNumbersOfClosedStandardDescriptorsAlone) {
+    onStep = [](const std::string& step) {
+        if (step == "openlog") log_connection = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    };
+    for (const std::vector<int>& closed : std::vector<std::vector<int>>{{0, 1, 2}, {0}, {1, 2}}) {
+        const pztest::ChildResult child = pztest::run_in_child([&closed] {
+            for (const int fd : closed) close(fd);
+            if (pz_FwInitialize("daemon", 1) == 0) return 1;
+            for (const int fd : closed) {
+                if (fcntl(fd, F_GETFD) != -1) return 10 + fd;
+            }
+            if (log_connection <= STDERR_FILENO) return 2;
+            PZThreadMng::GetInstance()->GetPriority(0, 0xFFFFFFFFU);  // reports something
+            pz_FwFinalize();
+            for (const int fd : closed) {
+                if (fcntl(fd, F_GETFD) != -1) return 20 + fd;
+            }
+            return 0;
+        });
+        EXPECT_TRUE(child.exited);
+        EXPECT_EQ(0, child.status) << closed.size() << " closed";
+    }
 }
 
 TEST_F(pz_frameworkTest, KeepsNameAndIdAfterTheStop) {

@@ -1,6 +1,7 @@
 #include "Framework/Pattern/PZSubject.h"
 
 #include <execinfo.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -15,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
 namespace {
@@ -320,6 +322,51 @@ int capture_beside_another_thread(void** frames, int size) {
         std::launch::async, [] { return subject_in_use->NotifyObserver(1, nullptr, 0, kAll); });
     EXPECT_EQ(std::future_status::ready, other_notification.wait_for(std::chrono::seconds(60)));
     return backtrace_call.Real(frames, size);
+}
+
+TEST_F(PZSubjectTest, RefusesAnObserverForWhichThereIsNoMemoryAndKeepsNothing) {
+    unsigned int ids[] = {1, 2};
+    pztest::StdoutCapture output;
+    int refusals = 0;
+    for (int skip = 0;; ++skip) {
+        int result = -1;
+        bool refused = false;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            result = subject.AddObserver(&a, ids, 2);
+            refused = shortage.Refused() != 0;
+        }
+        if (!refused) break;
+        ++refusals;
+        EXPECT_EQ(0, result) << "refused allocation " << skip;
+        EXPECT_TRUE(pztest::has_report(output.Take(), "AddObserver", "PZSubject.cpp",
+                                       "failed to allocate memory"));
+        EXPECT_EQ(0, subject.RemoveObserver(&a));
+    }
+    EXPECT_EQ(2, refusals);
+    EXPECT_EQ(1, subject.RemoveObserver(&a));
+}
+
+TEST(PZSubjectDestructionTest, AThreadThatIsBeingCancelledMayDestroyASubject) {
+    pztest::StdoutCapture output;
+    pthread_t thread = 0;
+    const auto destroy = [](void*) -> void* {
+        class Nobody : public PZObserver_ {
+            unsigned int OnNotify(unsigned int, void*, unsigned int) override { return 0; }
+        };
+        static Nobody nobody;
+        auto subject = std::make_unique<PZSubject>();
+        subject->AddObserver(&nobody);
+        pthread_cancel(pthread_self());
+        subject.reset();  // reports the observer that is left
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, destroy, nullptr));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_EQ(1U, pztest::count_of(output.Take(), "call RemoveObserver() before delete. [1]"));
 }
 
 TEST_F(PZSubjectTest, PrintsTheBannerForANullObserverWithoutHoldingTheLock) {

@@ -35,6 +35,7 @@ public:
 ///            observer may notify again or add observers (they are reached by the same pass), but
 ///            must not remove the subscription that is being notified.
 /// Ownership: observers are not owned and must be removed before they or the subject die.
+/// Failures:  reported and answered with a result, never thrown.
 class PZ_API PZSubject {
 public:
     PZSubject();
@@ -43,13 +44,13 @@ public:
     PZSubject(const PZSubject&) = delete;
     PZSubject& operator=(const PZSubject&) = delete;
 
-    /// Subscribes for every notification of type en_NTF_ALL. 1, or 0 for null (reported). Twice
-    /// subscribed is twice called.
+    /// Subscribes for every notification of type en_NTF_ALL. 1, or 0 for null or without memory
+    /// (reported). Twice subscribed is twice called.
     int AddObserver(PZObserver_* o);
 
     /// Subscribes for the `count` identifiers at `ids` (copied; null is none), and for every
     /// notification of type en_NTF_ALL. An identifier listed twice gives two calls. 1, or 0 for a
-    /// null observer (reported).
+    /// null observer or without memory (reported).
     int AddObserver(PZObserver_* o, unsigned int* ids, unsigned int count);
 
     /// Ends the oldest subscription of `o`. 1 when there was one, else 0.

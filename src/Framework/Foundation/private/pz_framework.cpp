@@ -2,12 +2,15 @@
 
 #include <syslog.h>
 
+#include <new>
+
 #include <Framework/Foundation/PZLHeapMng.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
 #include <Framework/Utility/PZLTimerMng.h>
+#include <Framework/private/pz_standard_descriptors.h>
 
 #include "pz_identity_record.h"
 
@@ -22,13 +25,21 @@ struct ST_FRAMEWORK {
 
 ST_FRAMEWORK framework;
 
+void open_log() {
+    const PZStandardDescriptorsTaken taken;  // the log's connection stays open
+    // The log keeps the pointer: the stored name stays where it is as long as the process lives.
+    openlog(pz_GetName(), LOG_PID | LOG_CONS | LOG_NDELAY, LOG_USER);
+}
+
 /// What the thread manager answers to its start; 0 when a manager cannot be had.
-int start_managers() {
+int start_managers() try {
     framework.threadMng = PZThreadMng::GetInstance();
     if (framework.threadMng == nullptr) return 0;
     framework.timerMng = PZLTimerMng::GetTimerMng();
     if (framework.timerMng == nullptr) return 0;
     return framework.threadMng->initialize();
+} catch (const std::bad_alloc&) {
+    return 0;
 }
 
 }  // namespace
@@ -38,8 +49,7 @@ int pz_FwInitialize(const char* name, int id) {
 
     InitMemMng();
     pz_SetIdentity(name, id);
-    // The log keeps the pointer: the stored name stays where it is as long as the process lives.
-    openlog(pz_GetName(), LOG_PID | LOG_CONS | LOG_NDELAY, LOG_USER);
+    open_log();
     const int result = start_managers();
     if (result == 0) {
         // Not started, so this leaves everything in place: the next start goes on with it.

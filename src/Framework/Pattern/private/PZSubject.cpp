@@ -1,10 +1,12 @@
 #include "Framework/Pattern/PZSubject.h"
 
 #include <algorithm>
+#include <new>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/private/pz_cancellation.h>
 
 PZObserver_::~PZObserver_() = default;
 
@@ -12,6 +14,7 @@ PZSubject::PZSubject() = default;
 
 PZSubject::~PZSubject() {
     if (observers_.empty()) return;
+    const PZCancellationHeld held;  // printing is a point at which a thread can be cancelled
     PZ_REPORT_ERROR("call RemoveObserver() before delete. [%d]\n",
                     static_cast<int>(observers_.size()));
     PZCallStack::dumpDirectly(10);
@@ -22,15 +25,20 @@ int PZSubject::AddObserver(PZObserver_* o) {
 }
 
 int PZSubject::AddObserver(PZObserver_* o, unsigned int* ids, unsigned int count) {
-    if (ids == nullptr) count = 0;
-    {
-        const PZSyncLock lock(sync_);
-        if (o != nullptr) {
-            observers_.push_back(Entry{o, std::vector<unsigned int>(ids, ids + count)});
-            return 1;
-        }
+    if (o == nullptr) {
+        PZ_REPORT_ASSERTION();
+        return 0;
     }
-    PZ_REPORT_ASSERTION();  // a long print: not while others wait for the lock
+    if (ids == nullptr) count = 0;
+    try {
+        std::list<Entry> entry;
+        entry.push_back(Entry{o, std::vector<unsigned int>(ids, ids + count)});
+        const PZSyncLock lock(sync_);
+        observers_.splice(observers_.end(), entry);
+        return 1;
+    } catch (const std::bad_alloc&) {
+    }
+    PZ_REPORT_ERROR("failed to allocate memory\n");
     return 0;
 }
 
@@ -53,11 +61,13 @@ unsigned int PZSubject::NotifyObserver(unsigned int id, void* data, unsigned int
     const PZSyncLock lock(sync_);
     unsigned int result = 0;
     // A list: observers may add entries behind, or remove other ones, during the walk.
-    for (const Entry& entry : observers_) {
-        if (type != en_NTF_SELECTED) {
+    if (type != en_NTF_SELECTED) {
+        for (const Entry& entry : observers_) {
             result = std::max(result, entry.observer->OnNotify(id, data, size));
-            continue;
         }
+        return result;
+    }
+    for (const Entry& entry : observers_) {
         for (const unsigned int wanted : entry.ids) {
             if (wanted != id) continue;
             result = std::max(result, entry.observer->OnNotify(id, data, size));
