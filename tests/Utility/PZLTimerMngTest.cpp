@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -27,6 +28,8 @@
 #include "support/CallbackTimer.h"
 #include "support/FakePriorities.h"
 #include "support/Interposed.h"
+#include "support/MemoryShortage.h"
+#include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
@@ -34,10 +37,20 @@ namespace {
 
 pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EDEADLK);
 
+using ThreadEntry = void* (*)(void*);
+pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
+    "pthread_create", EAGAIN);
+
 }  // namespace
 
-extern "C" int pthread_join(pthread_t th, void** thread_return) {
+extern "C" {
+int pthread_join(pthread_t th, void** thread_return) {
     return pthread_join_call(th, thread_return);
+}
+int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
+                   void* arg) noexcept {
+    return pthread_create_call(newthread, attr, start_routine, arg);
+}
 }
 
 namespace {
@@ -427,6 +440,80 @@ TEST_F(PZLTimerMngTest, TimersMayAddTimersUntilTheirThreadHasEnded) {
     }
 }
 
+// Failures
+
+TEST_F(PZLTimerMngTest, AddTimerAnswersNullForABandThatHasNoThread) {
+    PZSingletonFinalizer::finalize();
+    StdoutCapture output;
+    pthread_create_call.FailNext(EAGAIN, 1, /*skip=*/4);
+    PZLTimerMng* const fresh = PZLTimerMng::GetTimerMng();
+    EXPECT_EQ((Names{"PZThread::Start() failed !! [ZLTimerSubMng_4]\r"}),
+              error_messages(output.Take()));
+    CallbackTimer timer;
+    FakePriorities::SetOwnNice(0);
+    EXPECT_EQ(nullptr, fresh->AddTimer(&timer, 0));
+    FakePriorities::SetOwnNice(-20);
+    EXPECT_NE(nullptr, fresh->AddTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZLTimerMngTest, AManagerForWhichThereIsNoMemoryLeavesNoThread) {
+    pztest::setpriority_call.Replace(nullptr);  // the fake one needs memory
+    int refusals = 0;
+    for (int skip = 0;; ++skip) {
+        PZSingletonFinalizer::finalize();
+        const StdoutCapture output;
+        bool refused = false;
+        bool failed = false;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            try {
+                PZLTimerMng::GetTimerMng();
+            } catch (const std::bad_alloc&) {
+                failed = true;
+            }
+            refused = shortage.Refused() != 0;
+        }
+        if (!refused) break;
+        ++refusals;
+        ASSERT_TRUE(failed) << "refused allocation " << skip;
+        ASSERT_TRUE(registered_threads().empty()) << "refused allocation " << skip;
+        ASSERT_TRUE(pztest::threads_named("ZLTimerSubMng_").empty());
+    }
+    EXPECT_LT(10, refusals);  // at least two for each band
+    EXPECT_EQ(5U, registered_threads().size());
+}
+
+TEST_F(PZLTimerMngTest, AddTimerAnswersNullWhenThereIsNoMemory) {
+    StdoutCapture output;
+    CallbackTimer timer;
+    Handle* handle = nullptr;
+    {
+        const pztest::MemoryShortage shortage;
+        handle = manager->AddTimer(&timer, 0);
+    }
+    EXPECT_EQ(nullptr, handle);
+    EXPECT_EQ(Names{"failed to allocate memory"}, error_messages(output.Take()));
+    EXPECT_NE(nullptr, manager->AddTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+}
+
+TEST_F(PZLTimerMngTest, AThreadThatIsBeingCancelledMayDestroyTheManager) {
+    pthread_t thread = 0;
+    const auto destroy = [](void*) -> void* {
+        pthread_cancel(pthread_self());
+        PZLTimerMng::destroy();
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create_call.Real(&thread, nullptr, destroy, nullptr));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_TRUE(registered_threads().empty());
+}
+
 // Under load, in real time
 
 TEST_F(PZLTimerMngTest, ATimerNeverFiresEarly) {
@@ -471,24 +558,55 @@ TEST_F(PZLTimerMngTest, ATimerMayBeDeletedAsSoonAsRemoveTimerHasReturned) {
     }
 }
 
-TEST_F(PZLTimerMngTest, AThousandTimersOfFourThreadsFireWhileTheyAreAddedAndRemoved) {
+/// Repeats until it has fired twice, adding another one each time.
+class AddingTimer : public PZLTimerBase {
+public:
+    int OnTimer(TimerInfo*) override {
+        if (next != nullptr && PZLTimerMng::GetTimerMng()->AddTimer(next, 1) == nullptr) ++refused;
+        return ++fired < 2 ? 1 : 0;
+    }
+
+    PZLTimerBase* next = nullptr;
+    std::atomic<unsigned int> fired{0};
+    std::atomic<int> refused{0};
+};
+
+/// Fires once for each time that it is added.
+class OnceTimer : public PZLTimerBase {
+public:
+    int OnTimer(TimerInfo*) override {
+        ++fired;
+        return 0;
+    }
+    std::atomic<unsigned int> fired{0};
+};
+
+TEST_F(PZLTimerMngTest, AHundredThousandTimersOfFourThreadsFireWhileTheyAreAddedAndRemoved) {
+    // Half of the timers are added by the threads, half by callbacks.
     constexpr size_t kThreads = 4;
-    constexpr unsigned int kTimersPerThread = 250;
+    constexpr unsigned int kTimersPerThread = PZ_THREAD_SANITIZER ? 1000 : 12500;
     std::atomic<int> failures{0};
     const auto work = [&](const Band& band) {
         FakePriorities::SetOwnNice(band.callerNice);
-        std::vector<std::unique_ptr<CallbackTimer>> timers;
-        std::vector<Handle*> handles;
+        std::vector<AddingTimer> timers(kTimersPerThread);
+        std::vector<OnceTimer> added(kTimersPerThread);
+        std::vector<OnceTimer> removed(kTimersPerThread);
+        Handle* handle = nullptr;
         for (unsigned int i = 0; i < kTimersPerThread; ++i) {
-            timers.push_back(std::make_unique<CallbackTimer>(1));
-            handles.push_back(manager->AddTimer(timers.back().get(), 1 + i % 7));
-            if (handles.back() == nullptr) ++failures;
+            timers[i].next = &added[i];
+            handle = manager->AddTimer(&timers[i], 1 + i % 7);
+            if (handle == nullptr) ++failures;
+            if (manager->AddTimer(&removed[i], kLong) != handle) ++failures;
+            if (i % 2 == 0 && manager->RemoveTimer(handle, &removed[i]) != 1) ++failures;
         }
         for (unsigned int i = 0; i < kTimersPerThread; ++i) {
-            const bool fired = wait_until([&] { return timers[i]->Fired() >= 2; });
-            if (!fired || manager->IsActive(handles[i], timers[i].get()) != 1) ++failures;
-            if (manager->RemoveTimer(handles[i], timers[i].get()) != 1) ++failures;
-            timers[i].reset();
+            const bool done = wait_until(
+                [&] { return timers[i].fired == 2 && added[i].fired + timers[i].refused == 2; });
+            if (!done) ++failures;
+            if (manager->IsActive(handle, &timers[i]) != 0 || removed[i].fired != 0) ++failures;
+            if (i % 2 != 0 && manager->RemoveTimer(handle, &removed[i]) != 1) ++failures;
+            // What a callback adds is in the first band, and may still be firing there.
+            if (manager->IsActive(manager->Find(177), &added[i]) != 0) ++failures;
         }
     };
     std::vector<std::thread> threads;

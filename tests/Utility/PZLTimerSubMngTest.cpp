@@ -1,9 +1,14 @@
 #include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <ctime>
 #include <functional>
 #include <future>
 #include <memory>
@@ -20,10 +25,12 @@
 #include <gtest/gtest.h>
 
 #include "support/CallbackTimer.h"
+#include "support/ChildProcess.h"
 #include "support/FakePriorities.h"
 #include "support/Interposed.h"
 #include "support/ManualTick.h"
 #include "support/ManualWait.h"
+#include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
@@ -141,11 +148,17 @@ protected:
         ASSERT_TRUE(waits.AwaitCount(before + 1));
     }
 
+    /// Adds a timer for which the thread, which wakes up earlier, need not be woken.
+    void AddQuietly(PZLTimerBase& timer, unsigned int ms) {
+        const size_t before = waits.Count();
+        ASSERT_EQ(1, sub.addTimer(&timer, ms));
+        EXPECT_EQ(before, waits.Count());
+    }
+
     /// Makes the thread check its timers now.
     void Check() {
         CallbackTimer idle;
-        Add(idle, 1000000);
-        ASSERT_EQ(1, sub.removeTimer(&idle));
+        Add(idle, 0);
     }
 
     int LastTimeOut() const { return waits.TimeOuts().back(); }
@@ -595,12 +608,12 @@ TEST_F(PZLTimerSubMngTest, TheThreadWaitsForTheSmallestExpiry) {
     CallbackTimer third;
     Add(first, 300);
     Add(second, 100);
-    Add(third, 200);
-    EXPECT_EQ((TimeOuts{kNoLimit, 300, 100, 100}), waits.TimeOuts());
+    AddQuietly(third, 200);
+    EXPECT_EQ((TimeOuts{kNoLimit, 300, 100}), waits.TimeOuts());
     AdvanceToCheck(100);
     AdvanceToCheck(100);
     AdvanceToCheck(100);
-    EXPECT_EQ((TimeOuts{kNoLimit, 300, 100, 100, 100, 100, kNoLimit}), waits.TimeOuts());
+    EXPECT_EQ((TimeOuts{kNoLimit, 300, 100, 100, 100, kNoLimit}), waits.TimeOuts());
     EXPECT_EQ(Ticks{kStart + 100}, second.FiredAt());
     EXPECT_EQ(Ticks{kStart + 200}, third.FiredAt());
     EXPECT_EQ(Ticks{kStart + 300}, first.FiredAt());
@@ -752,8 +765,8 @@ TEST_F(PZLTimerSubMngWrapTest, ALateCheckBeyondTheWrapFiresWhatWasDueBeforeIt) {
     CallbackTimer atTheEnd;
     CallbackTimer later;
     Add(before, 40);
-    Add(atTheEnd, 53);
-    Add(later, 54);
+    AddQuietly(atTheEnd, 53);
+    AddQuietly(later, 54);
     AdvanceToCheck(53);
     EXPECT_EQ(Ticks{3}, before.FiredAt());
     EXPECT_EQ(Ticks{3}, atTheEnd.FiredAt());
@@ -866,7 +879,7 @@ TEST_F(PZLTimerSubMngTest, RemovingAnotherDueTimerFindsNothingAndDoesNotStopIt) 
     });
     other = &two;
     Add(one, 100);
-    Add(two, 100);
+    AddQuietly(two, 100);
     AdvanceToCheck(100);
     EXPECT_EQ((std::vector<int>{0, 0}), removed);
     EXPECT_EQ(1U, one.Fired());
@@ -1003,12 +1016,253 @@ TEST_F(PZLTimerSubMngTest, AddingAndQueryingWaitForARunningCallback) {
     EXPECT_EQ(2, returnedBefore);
 }
 
-// A flood of added timers. An event that is full is drained by the one who sets it, under the lock
-// that the thread needs after each wait: thread and adder would compete for the last signal.
+// Memory that runs out
 
-constexpr int kFlood = 70000;  // the pipe below an event holds 65536 signals
+/// Repeats every millisecond, without memory.
+class CountingTimer : public PZLTimerBase {
+public:
+    int OnTimer(TimerInfo*) override {
+        ++fired_;
+        return repeats_ ? 1 : 0;
+    }
+    int Fired() const { return fired_; }
+    void End() { repeats_ = false; }
 
-TEST_F(PZLTimerSubMngStartTest, AFloodOfAddedTimersDoesNotFillItsEvent) {
+private:
+    std::atomic<int> fired_{0};
+    std::atomic<bool> repeats_{true};
+};
+
+TEST(PZLTimerSubMngMemoryTest, ATimerForWhichThereIsNoMemoryIsRefusedAndNothingIsHalfDone) {
+    PZLTimerSubMng sub(30, kPriority);
+    StdoutCapture output;
+    int refusals = 0;
+    CountingTimer timer;
+    for (int skip = 0;; ++skip) {
+        int result = -1;
+        int refused = 0;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            result = sub.addTimer(&timer, 1000);
+            refused = shortage.Refused();
+        }
+        if (refused == 0) {
+            EXPECT_EQ(1, result);
+            break;
+        }
+        ++refusals;
+        EXPECT_EQ(0, result) << "refused allocation " << skip;
+        EXPECT_EQ(0, sub.isActive(&timer));
+        EXPECT_EQ(0, sub.removeTimer(&timer));
+        EXPECT_TRUE(has_report(output.Take(), "addTimer", "PZLTimerSubMng.cpp",
+                               "failed to allocate memory"));
+    }
+    EXPECT_EQ(2, refusals);
+    EXPECT_EQ(1, sub.isActive(&timer));
+    EXPECT_EQ(1, sub.removeTimer(&timer));
+}
+
+TEST(PZLTimerSubMngMemoryTest, ActiveTimersFireAndRepeatWithoutMemory) {
+    PZLTimerSubMng sub(30, kPriority);
+    const StdoutCapture output;
+    sub.start("timers");
+    std::array<CountingTimer, 3> timers;
+    for (CountingTimer& timer : timers) ASSERT_EQ(1, sub.addTimer(&timer, 1));
+    bool allFired = false;
+    int removed = -1;
+    {
+        const pztest::GeneralMemoryShortage shortage;
+        const int before = timers[2].Fired();
+        allFired = wait_until([&] { return timers[2].Fired() >= before + 20; });
+        timers[1].End();
+        allFired = allFired && wait_until([&] { return sub.isActive(&timers[1]) == 0; });
+        removed = sub.removeTimer(&timers[0]);
+    }
+    EXPECT_TRUE(allFired);
+    EXPECT_EQ(1, removed);
+    CountingTimer added;
+    EXPECT_EQ(1, sub.addTimer(&added, 1));
+    EXPECT_TRUE(wait_until([&] { return added.Fired() >= 2; }));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+TEST(PZLTimerSubMngMemoryTest, AThreadThatStartsWithoutMemoryServesItsTimers) {
+    PZLTimerSubMng sub(30, kPriority);
+    StdoutCapture output;
+    CountingTimer timer;
+    ASSERT_EQ(1, sub.addTimer(&timer, 1));
+    bool fired = false;
+    {
+        const pztest::GeneralMemoryShortage shortage;
+        sub.start("timers");
+        fired = wait_until([&] { return timer.Fired() >= 5; });
+    }
+    EXPECT_TRUE(fired);
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+// Descriptors and threads that run out
+
+TEST_F(PZLTimerSubMngStartTest, RefusesTimersFromAStartThatMadeNoThreadToOneThatDoes) {
+    CallbackTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));  // nothing has failed yet
+    EXPECT_EQ(1, sub.removeTimer(&timer));
+    StdoutCapture output;
+    pthread_create_call.FailNext(EAGAIN);
+    EXPECT_EQ(0, sub.start("timers"));
+    EXPECT_EQ(1U, pztest::error_messages(output.Take()).size());
+    EXPECT_EQ(0, sub.addTimer(&timer, 0));
+    EXPECT_EQ(0, sub.isActive(&timer));
+    EXPECT_EQ(1, sub.start("timers"));
+    EXPECT_EQ(0, sub.start("others"));  // makes no thread either, but there is one
+    EXPECT_EQ(1, sub.addTimer(&timer, 0));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+/// No further descriptor for the process while one lives.
+class NoDescriptorsLeft {
+public:
+    NoDescriptorsLeft() {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        rlimit none = before_;
+        none.rlim_cur = 0;
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptorsLeft() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
+    NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
+
+private:
+    rlimit before_ = {};
+};
+
+TEST(PZLTimerSubMngDescriptorsTest, MakesNoThreadWithoutDescriptorsAndSaysWhy) {
+    StdoutCapture output;
+    std::unique_ptr<PZLTimerSubMng> sub;
+    CountingTimer timer;
+    int started = -1;
+    int added = -1;
+    int ended = -1;
+    std::string why;
+    {
+        const NoDescriptorsLeft none;
+        sub = std::make_unique<PZLTimerSubMng>(30, kPriority);
+        output.Take();
+        started = sub->start("timers");
+        why = output.Take();
+        added = sub->addTimer(&timer, 1);
+        ended = sub->end(kIgnoredTimeout);
+    }
+    EXPECT_EQ(0, started);
+    EXPECT_EQ(std::vector<std::string>{"std library error [24 : Too many open files]"},
+              pztest::error_messages(why));
+    EXPECT_EQ(0, added);
+    EXPECT_EQ(1, ended);
+    sub->start("timers");  // descriptors are back; the priority may be refused
+    EXPECT_EQ(1, sub->addTimer(&timer, 1));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() >= 2; }));
+    EXPECT_EQ(1, sub->end(kIgnoredTimeout));
+}
+
+TEST(PZLTimerSubMngDescriptorsTest, ServesQuietlyWithoutFurtherDescriptors) {
+    StdoutCapture output;
+    PZLTimerSubMng sub(30, kPriority);
+    sub.start("timers");
+    output.Take();
+    CountingTimer timer;
+    bool fired = false;
+    {
+        const NoDescriptorsLeft none;
+        EXPECT_EQ(1, sub.addTimer(&timer, 1));
+        fired = wait_until([&] { return timer.Fired() >= 20; });
+    }
+    EXPECT_TRUE(fired);
+    EXPECT_EQ("", output.Take());
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+}
+
+// Interrupted waits
+
+TEST(PZLTimerSubMngSignalTest, ATimerFiresInTimeUnderSignalsThatComeMoreOftenThanItDoes) {
+    struct sigaction before = {};
+    struct sigaction ignored = {};
+    ignored.sa_handler = [](int) {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &ignored, &before));
+    PZLTimerSubMng sub(30, kPriority);
+    {
+        const StdoutCapture output;
+        sub.start("timers");
+    }
+    std::vector<unsigned long> handles;
+    PZThreadMng::GetInstance()->getActiveThreadList(handles);
+    ASSERT_EQ(1U, handles.size());
+    CountingTimer timer;
+    ASSERT_EQ(1, sub.addTimer(&timer, 300));
+    // Fifty times the interval.
+    for (int i = 0; i < 150 && timer.Fired() == 0; ++i) {
+        usleep(100000);
+        ASSERT_EQ(0, pthread_kill(handles[0], SIGUSR1));
+    }
+    EXPECT_NE(0, timer.Fired());
+    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    ASSERT_EQ(0, sigaction(SIGUSR1, &before, nullptr));
+}
+
+TEST(PZLTimerSubMngSignalTest, ATimerOfAProcessThatWasStoppedFiresWhenItsTimeIsOver) {
+    constexpr unsigned int kIntervalMs = 3000;
+    pztest::ChildProcess child([] {
+        PZLTimerSubMng sub(30, kPriority);
+        {
+            const StdoutCapture output;
+            sub.start("timers");
+        }
+        CallbackTimer timer;
+        const unsigned int start = pztest::tick_now();
+        sub.addTimer(&timer, kIntervalMs);
+        if (!wait_until([&] { return timer.Fired() == 1; })) return 1;
+        const unsigned int took = timer.FiredAt()[0] - start;
+        sub.end(kIgnoredTimeout);
+        return took >= kIntervalMs && took < kIntervalMs + 1500 ? 0 : 2;
+    });
+    usleep(2000000);
+    ASSERT_EQ(0, kill(child.Pid(), SIGSTOP));
+    usleep(10000);
+    ASSERT_EQ(0, kill(child.Pid(), SIGCONT));
+    EXPECT_EQ(0, child.Wait());
+}
+
+// The thread
+
+TEST_F(PZLTimerSubMngTest, TheThreadsWaitsAreExact) {
+    int slackNs = -1;
+    CallbackTimer timer([&slackNs](TimerInfo*) {
+        slackNs = prctl(PR_GET_TIMERSLACK);
+        return 0;
+    });
+    Add(timer, 0);
+    EXPECT_EQ(1, slackNs);
+}
+
+TEST_F(PZLTimerSubMngTest, AThreadWhoseWaitsFailPausesBetweenThem) {
+    const StdoutCapture output;
+    timespec start = {};
+    timespec end = {};
+    pztest::clock_gettime_call.Real(CLOCK_MONOTONIC, &start);
+    pztest::epoll_wait_call.FailNext(EIO, 3);
+    CallbackTimer timer;
+    Add(timer, 100);
+    pztest::clock_gettime_call.Real(CLOCK_MONOTONIC, &end);
+    const long long tookNs =
+        (end.tv_sec - start.tv_sec) * 1000000000LL + (end.tv_nsec - start.tv_nsec);
+    EXPECT_LE(300000000, tookNs);
+}
+
+// A flood of added timers.
+
+constexpr int kFlood = 70000;  // a pipe would hold 65536 signals
+
+TEST_F(PZLTimerSubMngStartTest, AFloodOfAddedTimersBeforeTheStartIsOneWakeUp) {
     StdoutCapture output;
     CallbackTimer flooding;
     for (int i = 0; i < kFlood; ++i) {
@@ -1041,28 +1295,23 @@ TEST_F(PZLTimerSubMngTest, TimersFireAfterAFloodFromACallback) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZLTimerSubMngTest, EveryAddedTimerBringsAboutACheckHoweverManyThereWere) {
+TEST_F(PZLTimerSubMngTest, EveryTimerThatIsDueAtOnceBringsAboutACheckHoweverManyThereWere) {
     CallbackTimer timer;
-    for (int i = 0; i < 300; ++i) {
-        Add(timer, 1000);
-        ASSERT_EQ(1, sub.removeTimer(&timer));
-    }
+    for (int i = 0; i < 300; ++i) Add(timer, 0);
     EXPECT_EQ(301U, waits.Count());
+    EXPECT_EQ(300U, timer.Fired());
 }
 
-TEST_F(PZLTimerSubMngTest, AddedTimersBringAboutChecksAfterAnEventThatWasFull) {
-    CallbackTimer timer;
-    {
-        const StdoutCapture output;
-        write_call.FailNext(EAGAIN);
-        Add(timer, 1000);
-        ASSERT_EQ(1, sub.removeTimer(&timer));
-    }
-    for (int i = 0; i < 300; ++i) {
-        Add(timer, 1000);
-        ASSERT_EQ(1, sub.removeTimer(&timer));
-    }
-    EXPECT_EQ(302U, waits.Count());
+TEST_F(PZLTimerSubMngTest, ATimerWakesTheThreadWhenTheOneBeforeCouldNot) {
+    CallbackTimer first;
+    CallbackTimer second;
+    write_call.FailNext(EBADF);
+    ASSERT_EQ(1, sub.addTimer(&first, 1000));
+    EXPECT_EQ(1U, waits.Count());
+    Add(second, 1000);
+    AdvanceToCheck(1000);
+    EXPECT_EQ(1U, first.Fired());
+    EXPECT_EQ(1U, second.Fired());
 }
 
 TEST_F(PZLTimerSubMngTest, AddedTimersBringAboutChecksAfterManyThatCouldNotBeSignalled) {

@@ -1,12 +1,12 @@
 #ifndef PZ_FRAMEWORK_UTILITY_PZLTIMERMNG_H
 #define PZ_FRAMEWORK_UTILITY_PZLTIMERMNG_H
 
-#include <condition_variable>
+#include <semaphore.h>
+
 #include <functional>
 #include <map>
-#include <mutex>
+#include <memory>
 
-#include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZThread.h>
@@ -15,6 +15,7 @@
 
 class PZLTimerBase;
 class PZLTimerMng;
+class PZLoopWait;
 extern template class PZ_API PZSingleton<PZLTimerMng>;
 
 /// One timer thread and its timers.
@@ -26,7 +27,9 @@ extern template class PZ_API PZSingleton<PZLTimerMng>;
 ///            run. start, end and setPriority belong to the owner's thread. An object must be
 ///            ended before it is destroyed.
 /// Ownership: timers are kept by address and never deleted.
-/// Failures:  reported and answered with a result, never thrown.
+/// Memory:    adding a timer takes some, and is refused where there is none. Firing, repeating and
+///            removing take none.
+/// Failures:  reported and answered with a result; only the constructor throws (std::bad_alloc).
 class PZ_API PZLTimerSubMng {
 public:
     /// One active timer.
@@ -46,6 +49,9 @@ public:
     /// Starts the thread, "PZLTimerSubMng" when `name` is null, and sets its priority. Returns
     /// when the thread has read the tick: no timer added from then on is lost. 1 on success. 0
     /// (reported) when there is no thread, or a thread of another priority that runs all the same.
+    ///
+    /// There is no thread when the system refuses one, or what it would be woken by: start may be
+    /// tried again. No timer is taken until one is there.
     int start(const char* name);
 
     /// Ends the thread and waits for that without limit (`timeout` is not used); its timers are
@@ -56,8 +62,8 @@ public:
     /// Gives the running thread another wide priority. 1 when it has it, else 0 (reported).
     int setPriority(int priority);
 
-    /// 1 when the timer was added. 0 when it is null or active already; it keeps its interval and
-    /// expiry then.
+    /// 1 when the timer was added. 0 when it is null, or active already (it keeps its interval and
+    /// expiry then), when the last start made no thread, or when there is no memory (reported).
     int addTimer(PZLTimerBase* t, unsigned int ms);
 
     /// 1 when the timer is active.
@@ -74,16 +80,46 @@ public:
     /// @}
 
 private:
-    using TimerMap = std::map<PZLTimerBase*, _TimerInfo, std::less<PZLTimerBase*>>;
+    /// Timers by their expiries, as numbers of 32 bits.
+    using ExpiryIndex = std::multimap<unsigned int, PZLTimerBase*>;
 
+    struct Timer : _TimerInfo {
+        ExpiryIndex::iterator byExpiry;  // where the index has it
+    };
+    using TimerMap = std::map<PZLTimerBase*, Timer, std::less<PZLTimerBase*>>;
+
+    /// Timers, each in both containers.
+    struct Timers {
+        TimerMap byAddress;
+        ExpiryIndex byExpiry;
+    };
+
+    /// A wait of the thread: from a tick on, so many milliseconds, 0 for no limit.
+    struct Wait {
+        unsigned int start;
+        unsigned int ms;
+    };
+
+    PZ_LOCAL static unsigned int leftOf(const Wait& wait, unsigned int now);
+    PZ_LOCAL static void fire(Timers& due, unsigned int now);
+
+    PZ_LOCAL int startThread(const char* name);
     PZ_LOCAL void takeFirstTick();
-    PZ_LOCAL void waitForFirstTick();
     PZ_LOCAL int waitForEvent(unsigned int waitMs);
-    PZ_LOCAL void signalAddedLocked() PZ_REQUIRES(sync_);
-    PZ_LOCAL void noteAddedSignalTaken();
-    PZ_LOCAL unsigned int checkAllTimer();
-    PZ_LOCAL TimerMap takeDueTimersLocked(unsigned int now) PZ_REQUIRES(sync_);
+    PZ_LOCAL unsigned int checkWhenWoken();
+    PZ_LOCAL unsigned int checkAfterTimeout();
+    PZ_LOCAL unsigned int waitAgain();
+    PZ_LOCAL bool insertLocked(PZLTimerBase* t, unsigned int ms) PZ_REQUIRES(sync_);
+    PZ_LOCAL void provideCheckLocked(unsigned int now) PZ_REQUIRES(sync_);
+    PZ_LOCAL void wakeLocked() PZ_REQUIRES(sync_);
+    PZ_LOCAL unsigned int checkAllTimerLocked(unsigned int now) PZ_REQUIRES(sync_);
+    PZ_LOCAL Timers takeDueTimersLocked(unsigned int now) PZ_REQUIRES(sync_);
+    PZ_LOCAL void takeLocked(ExpiryIndex::iterator first, ExpiryIndex::iterator last, Timers& due)
+        PZ_REQUIRES(sync_);
+    PZ_LOCAL void armAgainLocked(Timers& due) PZ_REQUIRES(sync_);
+    PZ_LOCAL bool isAnyDueLocked(unsigned int now) const PZ_REQUIRES(sync_);
     PZ_LOCAL unsigned int nextWaitLocked(unsigned int now) const PZ_REQUIRES(sync_);
+    PZ_LOCAL void waitWithoutLimitLocked() PZ_REQUIRES(sync_);
 
     unsigned int lastCheck_ PZ_GUARDED_BY(sync_);  // tick of the previous check
     [[maybe_unused]] const unsigned int thirdValue_;
@@ -91,13 +127,13 @@ private:
     TimerMap timers_ PZ_GUARDED_BY(sync_);  // active; due ones are outside while they fire
     PZSync sync_;                           // held while callbacks run
     PZThread<PZLTimerSubMng> thread_;
-    PZEvent addedEvent_;
-    PZEvent endEvent_;
-    unsigned int addedSignals_ PZ_GUARDED_BY(sync_);  // in addedEvent_, about
-
-    std::mutex firstTickMutex_;
-    std::condition_variable firstTickTaken_;
-    bool isFirstTickTaken_ = false;  // guarded by firstTickMutex_
+    const std::unique_ptr<PZLoopWait> loopWait_;
+    ExpiryIndex index_ PZ_GUARDED_BY(sync_);  // of timers_
+    Wait wait_ PZ_GUARDED_BY(sync_);          // of the thread; without limit while it checks
+    Wait due_ PZ_GUARDED_BY(sync_);           // ends with the next check, never before wait_
+    bool isWoken_ PZ_GUARDED_BY(sync_);       // a wake-up is on its way to the thread
+    bool refuses_ PZ_GUARDED_BY(sync_);       // the last start made no thread
+    sem_t firstTickTaken_;                    // posted by each thread
 };
 
 /// A timer: derive, say in OnTimer what is to happen, and hand the object to PZLTimerMng::AddTimer.
@@ -166,7 +202,10 @@ public:
 ///            0 and has not added it again. Handles live as long as the manager.
 /// Lifetime:  made on first use, as a rule by the framework's start, and destroyed with the other
 ///            singletons: waits for running callbacks, then drops all timers without calling them.
-/// Failures:  reported and answered with a result, never thrown.
+/// Memory:    only AddTimer needs some. Timers that are active go on firing without.
+/// Failures:  reported and answered with a result; only making the manager throws
+///            (std::bad_alloc): nothing of it is left then. A band whose thread could not be
+///            started (reported) takes no timers.
 class PZ_API PZLTimerMng : public PZSingleton<PZLTimerMng> {
 public:
     /// One band: the handle of its timers.
@@ -182,8 +221,8 @@ public:
     static PZLTimerMng* GetTimerMng();
 
     /// Makes `t` fire `ms` milliseconds from now. Null when `t` is null or active in the band
-    /// already (it keeps its interval and expiry), or when the calling thread's priority lies in
-    /// no band (reported).
+    /// already (it keeps its interval and expiry), when the calling thread's priority lies in no
+    /// band (reported), when the band has no thread, or when there is no memory (reported).
     TimerSubInfo* AddTimer(PZLTimerBase* t, unsigned int ms);
 
     /// 1 when `t` was active in the band `h` and is removed; else 0, also for null arguments.
@@ -204,6 +243,8 @@ public:
 private:
     friend class PZSingleton<PZLTimerMng>;
     PZLTimerMng();
+
+    PZ_LOCAL void endBands();
 
     unsigned int count_;
     TimerSubInfo** subs_;  // `count_` records, owned like the array

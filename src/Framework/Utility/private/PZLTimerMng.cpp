@@ -3,9 +3,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdio>
+#include <memory>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/private/pz_cancellation.h>
 
 template class PZSingleton<PZLTimerMng>;
 
@@ -38,28 +40,44 @@ static_assert(offsetof(PZLTimerMng::TimerSubInfo, sub) == 8, "record layout");
 static_assert(sizeof(PZLTimerMng::TimerSubInfo) == 12, "record layout");
 #endif
 
+/// The band with its thread; without one when that cannot be started.
 PZLTimerMng::TimerSubInfo* start_band(unsigned int index) {
     const ST_BAND& band = kBands[index];
-    auto* const sub = new PZLTimerSubMng(band.thirdValue, band.threadPriority);
+    auto sub = std::make_unique<PZLTimerSubMng>(band.thirdValue, band.threadPriority);
+    auto info = std::make_unique<PZLTimerMng::TimerSubInfo>();
+    *info = {band.lo, band.hi, sub.get()};
     char name[32];
     std::snprintf(name, sizeof name, "ZLTimerSubMng_%u", index);
     sub->start(name);  // reports its failures; the band is there all the same
-    return new PZLTimerMng::TimerSubInfo{band.lo, band.hi, sub};
+    sub.release();
+    return info.release();
 }
 
 }  // namespace
 
-PZLTimerMng::PZLTimerMng() : count_(kBands.size()), subs_(new TimerSubInfo*[kBands.size()]) {
-    for (unsigned int i = 0; i < count_; ++i) subs_[i] = start_band(i);
+PZLTimerMng::PZLTimerMng() : count_(0), subs_(new TimerSubInfo*[kBands.size()]) {
+    try {
+        for (; count_ < kBands.size(); ++count_) subs_[count_] = start_band(count_);
+    } catch (...) {
+        endBands();
+        throw;
+    }
 }
 
 PZLTimerMng::~PZLTimerMng() {
+    const PZCancellationHeld held;  // joining is a point at which a thread can be cancelled
+    endBands();
+}
+
+void PZLTimerMng::endBands() {
     // All threads end before anything is freed: until then a callback of one band may still add
     // timers to another.
     std::array<bool, kBands.size()> ended = {};
     for (unsigned int i = 0; i < count_; ++i) {
         ended[i] = subs_[i]->sub->end(kEndTimeoutMs) == 1;
-        if (!ended[i]) PZ_REPORT_ERROR("failed to end timer submng\n");
+        if (ended[i]) continue;
+        PZDbgOutput::DbgPrint(__FILE__, "~PZLTimerMng", __LINE__, PZDbgOutput::en_TAG_ERROR,
+                              "failed to end timer submng\n");
     }
     for (unsigned int i = 0; i < count_; ++i) {
         if (!ended[i]) continue;  // left in place: its thread may still run

@@ -1,28 +1,27 @@
-#include <algorithm>
-#include <iterator>
+#include <sys/prctl.h>
+
+#include <cerrno>
+#include <new>
+#include <utility>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/Foundation/private/PZLoopWait.h>
 #include <Framework/Utility/PZLTimerMng.h>
 
 namespace {
 
 constexpr unsigned int kWatchTimeMs = 4000;
 constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-constexpr unsigned int kMaxAddedSignals = 256;  // far below what the smallest event holds
-
-/// What ends a wait: the index of the event, or the time-out. Anything else is an error.
-enum EN_WAKE_UP : int { en_WAKE_TIMEOUT = -2, en_WAKE_END = 0, en_WAKE_ADDED = 1 };
+constexpr unsigned int kLongestWaitMs =
+    0x7FFFFFFFU;                            // everything above is waited for without limit
+constexpr unsigned long kTimerSlackNs = 1;  // the kernel's default may add 50 us to a wait
 
 unsigned int tick_now() {
     return static_cast<unsigned int>(PZTickCount::GetInstance()->GetTime());
-}
-
-unsigned int expiry_of(const PZLTimerSubMng::_TimerInfo& info) {
-    return static_cast<unsigned int>(info.expiry);
 }
 
 /// True when `tick` lies in the window from `last` to `now`, both included, on the wrapping tick.
@@ -34,18 +33,8 @@ static_assert(!is_between(4, 5, 9) && !is_between(10, 5, 9), "nothing else does"
 static_assert(is_between(0xFFFFFFFFU, 0xFFFFFFF0U, 2) && is_between(0, 0xFFFFFFF0U, 2),
               "the window spans the wrap");
 
-/// Calls the timers in order. Those that repeat stay, armed again from `now`; the others go.
-template <typename TimerMap>
-void fire(TimerMap& due, unsigned int now) {
-    for (auto it = due.begin(); it != due.end();) {
-        PZLTimerSubMng::_TimerInfo& info = it->second;
-        if (it->first->OnTimer(&info) == 0) {
-            it = due.erase(it);  // the timer itself may be deleted already
-            continue;
-        }
-        info.expiry = now + info.interval;  // a 32-bit sum
-        ++it;
-    }
+constexpr bool is_without_limit(unsigned int waitMs) {
+    return waitMs == 0 || waitMs > kLongestWaitMs;
 }
 
 }  // namespace
@@ -55,7 +44,12 @@ PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
       thirdValue_(thirdValue),
       threadPriority_(threadPriority),
       thread_(this, kWatchTimeMs),
-      addedSignals_(0) {
+      loopWait_(std::make_unique<PZLoopWait>()),
+      wait_{0, 0},
+      due_{0, 0},
+      isWoken_(false),
+      refuses_(false) {
+    sem_init(&firstTickTaken_, 0, 0);
     // The timer threads need these to their end. Made here they outlive the timer manager, and no
     // two timer threads come to make singletons at the same time.
     PZThreadMng::GetInstance();
@@ -63,20 +57,34 @@ PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
     PZWatchDog::GetInstance();
 }
 
-PZLTimerSubMng::~PZLTimerSubMng() = default;
+PZLTimerSubMng::~PZLTimerSubMng() {
+    sem_destroy(&firstTickTaken_);
+}
 
 int PZLTimerSubMng::start(const char* name) {
-    {
-        const std::lock_guard<std::mutex> lock(firstTickMutex_);
-        isFirstTickTaken_ = false;
+    if (name == nullptr) name = "PZLTimerSubMng";
+    if (thread_.isStarted()) {
+        thread_.Start(name);  // refuses and reports it; the running thread is left alone
+        return 0;
     }
-    if (!thread_.Start(name != nullptr ? name : "PZLTimerSubMng")) return 0;
-    waitForFirstTick();
-    return setPriority(threadPriority_);
+    const bool isStarted = startThread(name) == 1;
+    {
+        const PZSyncLock lock(sync_);
+        refuses_ = !isStarted;
+    }
+    return isStarted ? setPriority(threadPriority_) : 0;
+}
+
+// A thread that could not be woken would be of no use to anybody.
+int PZLTimerSubMng::startThread(const char* name) {
+    if (!loopWait_->Open() || !thread_.Start(name)) return 0;
+    while (sem_wait(&firstTickTaken_) != 0 && errno == EINTR) {
+    }
+    return 1;
 }
 
 int PZLTimerSubMng::end(unsigned int /*timeout*/) {
-    endEvent_.SetEvent();
+    loopWait_->End();
     return thread_.WaitExit() == 0 ? 1 : 0;
 }
 
@@ -86,12 +94,13 @@ int PZLTimerSubMng::setPriority(int priority) {
 
 int PZLTimerSubMng::addTimer(PZLTimerBase* t, unsigned int ms) {
     if (t == nullptr) return 0;
-    const PZSyncLock lock(sync_);
-    const unsigned int expiry = tick_now() + ms;
-    const bool isNew = timers_.insert({t, {ms, expiry}}).second;
-    if (!isNew) return 0;
-    signalAddedLocked();
-    return 1;
+    try {
+        const PZSyncLock lock(sync_);
+        return !refuses_ && insertLocked(t, ms) ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        PZ_REPORT_ERROR("failed to allocate memory\n");
+        return 0;
+    }
 }
 
 int PZLTimerSubMng::isActive(PZLTimerBase* t) {
@@ -101,7 +110,11 @@ int PZLTimerSubMng::isActive(PZLTimerBase* t) {
 
 int PZLTimerSubMng::removeTimer(PZLTimerBase* t) {
     const PZSyncLock lock(sync_);
-    return timers_.erase(t) != 0 ? 1 : 0;
+    const auto timer = timers_.find(t);
+    if (timer == timers_.end()) return 0;
+    index_.erase(timer->second.byExpiry);
+    timers_.erase(timer);
+    return 1;
 }
 
 int PZLTimerSubMng::Initialize() {
@@ -109,21 +122,22 @@ int PZLTimerSubMng::Initialize() {
 }
 
 void PZLTimerSubMng::MainProc() {
+    prctl(PR_SET_TIMERSLACK, kTimerSlackNs);
     takeFirstTick();
     unsigned int waitMs = 0;  // 0: without limit
     for (;;) {
         switch (waitForEvent(waitMs)) {
-            case en_WAKE_END:
+            case PZLoopWait::en_END:
                 return;
-            case en_WAKE_ADDED:
-                noteAddedSignalTaken();
-                waitMs = checkAllTimer();
+            case PZLoopWait::en_WAKE:
+                waitMs = checkWhenWoken();
                 break;
-            case en_WAKE_TIMEOUT:
-                waitMs = checkAllTimer();
+            case PZLoopWait::en_TIMEOUT:
+                waitMs = checkAfterTimeout();
                 break;
             default:
                 PZ_REPORT_ASSERTION();
+                waitMs = waitAgain();
                 break;
         }
     }
@@ -131,7 +145,9 @@ void PZLTimerSubMng::MainProc() {
 
 void PZLTimerSubMng::Finalize() {
     const PZSyncLock lock(sync_);
+    index_.clear();
     timers_.clear();
+    waitWithoutLimitLocked();
 }
 
 // A timer that is added before this reading could expire outside the first check's window and
@@ -140,72 +156,168 @@ void PZLTimerSubMng::takeFirstTick() {
     {
         const PZSyncLock lock(sync_);
         lastCheck_ = tick_now();
+        waitWithoutLimitLocked();
+        isWoken_ = false;
+        if (!timers_.empty()) wakeLocked();  // added while there was no thread
     }
-    const std::lock_guard<std::mutex> lock(firstTickMutex_);
-    isFirstTickTaken_ = true;
-    firstTickTaken_.notify_one();
-}
-
-void PZLTimerSubMng::waitForFirstTick() {
-    std::unique_lock<std::mutex> lock(firstTickMutex_);
-    firstTickTaken_.wait(lock, [this] { return isFirstTickTaken_; });
+    sem_post(&firstTickTaken_);
 }
 
 int PZLTimerSubMng::waitForEvent(unsigned int waitMs) {
-    PZEvent* events[] = {&endEvent_, &addedEvent_};  // indexes as in EN_WAKE_UP
-    constexpr auto kCount = static_cast<unsigned int>(std::size(events));
     PZWatchDog::GetInstance()->IntoWait();
-    const int result =
-        PZEvent::WaitMultipleEvent(kCount, events, waitMs == 0 ? kNoLimit : waitMs, false);
+    const int result = loopWait_->Wait(waitMs == 0 ? kNoLimit : waitMs);
     PZWatchDog::GetInstance()->OutWait();
     return result;
 }
 
-// Timers may be added faster than the thread checks them. The event must not fill up: it would be
-// drained here, and of adder and thread the one that comes too late for the last signal would wait
-// for good, the adder with the lock held. A check that is still to come sees the new timer as well.
-void PZLTimerSubMng::signalAddedLocked() {
-    if (addedSignals_ >= kMaxAddedSignals) return;
-    // A signal that could not be added may have cost those before it: count anew.
-    addedSignals_ = addedEvent_.SetEvent() == 1 ? addedSignals_ + 1 : 0;
+// What these three answer is the wait that follows: milliseconds, 0 for no limit.
+
+unsigned int PZLTimerSubMng::checkWhenWoken() {
+    const PZSyncLock lock(sync_);
+    isWoken_ = false;
+    return checkAllTimerLocked(tick_now());
 }
 
-void PZLTimerSubMng::noteAddedSignalTaken() {
+unsigned int PZLTimerSubMng::checkAfterTimeout() {
     const PZSyncLock lock(sync_);
-    if (addedSignals_ > 0) --addedSignals_;
+    const unsigned int now = tick_now();
+    const unsigned int leftMs = leftOf(due_, now);
+    if (leftMs == 0) return checkAllTimerLocked(now);
+    // A timer that was removed had been waited for.
+    wait_ = {now, is_without_limit(leftMs) ? 0 : leftMs};
+    return wait_.ms;
+}
+
+unsigned int PZLTimerSubMng::waitAgain() {
+    const PZSyncLock lock(sync_);
+    due_.start = tick_now();
+    wait_ = due_;
+    return wait_.ms;
+}
+
+/// What is left at `now` of a wait, 0 when it is over.
+unsigned int PZLTimerSubMng::leftOf(const Wait& wait, unsigned int now) {
+    if (is_without_limit(wait.ms)) return kNoLimit;
+    const unsigned int elapsed = now - wait.start;
+    return elapsed < wait.ms ? wait.ms - elapsed : 0;
+}
+
+void PZLTimerSubMng::waitWithoutLimitLocked() {
+    wait_ = {0, 0};
+    due_ = {0, 0};
+}
+
+// False when it is there already. Nothing is left behind by an allocation that fails.
+bool PZLTimerSubMng::insertLocked(PZLTimerBase* t, unsigned int ms) {
+    const unsigned int now = tick_now();
+    const unsigned int expiry = now + ms;
+    const auto [timer, isNew] = timers_.try_emplace(t, Timer{{ms, expiry}, index_.end()});
+    if (!isNew) return false;
+    try {
+        timer->second.byExpiry = index_.emplace(expiry, t);
+    } catch (const std::bad_alloc&) {
+        timers_.erase(timer);
+        throw;
+    }
+    provideCheckLocked(now);
+    return true;
+}
+
+// Every timer that is added brings about a check. Where that check would find nothing due, and the
+// thread wakes up early enough for the next one all the same, it takes place here, and the thread
+// sleeps on. Its wait may end before the check that is due then; it waits for the rest.
+void PZLTimerSubMng::provideCheckLocked(unsigned int now) {
+    if (isWoken_) return;
+    if (!is_without_limit(wait_.ms) && !isAnyDueLocked(now)) {
+        const Wait next = {now, nextWaitLocked(now)};
+        if (leftOf(wait_, now) <= leftOf(next, now)) {
+            lastCheck_ = now;
+            due_ = next;
+            return;
+        }
+    }
+    wakeLocked();
+}
+
+void PZLTimerSubMng::wakeLocked() {
+    isWoken_ = loopWait_->Wake() == 1;
 }
 
 // Fires what is due; the milliseconds to the next check, 0 for no limit.
-unsigned int PZLTimerSubMng::checkAllTimer() {
-    const PZSyncLock lock(sync_);
-    const unsigned int now = tick_now();
-    TimerMap due = takeDueTimersLocked(now);
+unsigned int PZLTimerSubMng::checkAllTimerLocked(unsigned int now) {
+    waitWithoutLimitLocked();  // what a callback adds has to wake the thread after this check
+    Timers due = takeDueTimersLocked(now);
+    const bool isAnyDue = !due.byAddress.empty();
     fire(due, now);
-    timers_.merge(due);  // leaves alone what a callback has added anew
+    armAgainLocked(due);
     lastCheck_ = now;
-    return nextWaitLocked(now);
+    // Counted from the check, but waited for from its end.
+    wait_ = {isAnyDue ? tick_now() : now, nextWaitLocked(now)};
+    due_ = wait_;
+    return wait_.ms;
 }
 
-PZLTimerSubMng::TimerMap PZLTimerSubMng::takeDueTimersLocked(unsigned int now) {
-    TimerMap due;
-    for (auto it = timers_.begin(); it != timers_.end();) {
-        const auto timer = it++;
-        if (is_between(expiry_of(timer->second), lastCheck_, now)) {
-            due.insert(due.end(), timers_.extract(timer));
-        }
+PZLTimerSubMng::Timers PZLTimerSubMng::takeDueTimersLocked(unsigned int now) {
+    Timers due;
+    const auto first = index_.lower_bound(lastCheck_);
+    const auto last = index_.upper_bound(now);
+    if (now >= lastCheck_) {
+        takeLocked(first, last, due);
+    } else {
+        takeLocked(index_.begin(), last, due);
+        takeLocked(first, index_.end(), due);
     }
     return due;
 }
 
+// Moves the timers between the two over; nothing is allocated.
+void PZLTimerSubMng::takeLocked(ExpiryIndex::iterator first, ExpiryIndex::iterator last,
+                                Timers& due) {
+    while (first != last) {
+        const auto expiry = first++;
+        auto timer = timers_.extract(expiry->second);
+        timer.mapped().byExpiry = due.byExpiry.insert(index_.extract(expiry));
+        due.byAddress.insert(std::move(timer));
+    }
+}
+
+// Calls the timers in the order of their addresses. Those that repeat stay; the others go.
+void PZLTimerSubMng::fire(Timers& due, unsigned int now) {
+    for (auto it = due.byAddress.begin(); it != due.byAddress.end();) {
+        Timer& timer = it->second;
+        if (it->first->OnTimer(&timer) == 0) {
+            due.byExpiry.erase(timer.byExpiry);
+            it = due.byAddress.erase(it);  // the timer itself may be deleted already
+            continue;
+        }
+        timer.expiry = now + timer.interval;  // a 32-bit sum
+        ++it;
+    }
+}
+
+// Puts the timers back, but for those that a callback has added anew. Nothing is allocated.
+void PZLTimerSubMng::armAgainLocked(Timers& due) {
+    while (!due.byAddress.empty()) {
+        auto timer = due.byAddress.extract(due.byAddress.begin());
+        auto expiry = due.byExpiry.extract(timer.mapped().byExpiry);
+        expiry.key() = static_cast<unsigned int>(timer.mapped().expiry);
+        const auto back = timers_.insert(std::move(timer));
+        if (back.inserted) back.position->second.byExpiry = index_.insert(std::move(expiry));
+    }
+}
+
+bool PZLTimerSubMng::isAnyDueLocked(unsigned int now) const {
+    if (index_.empty()) return false;
+    auto next = index_.lower_bound(lastCheck_);
+    if (next == index_.end()) next = index_.begin();  // beyond the wrap
+    return is_between(next->first, lastCheck_, now);
+}
+
 unsigned int PZLTimerSubMng::nextWaitLocked(unsigned int now) const {
-    if (timers_.empty()) return 0;
+    if (index_.empty()) return 0;
     // The smallest expiry from `now` upward, or the smallest of all when every one lies beyond
     // the wrap.
-    const auto isSooner = [now](const auto& a, const auto& b) {
-        return expiry_of(a.second) - now < expiry_of(b.second) - now;
-    };
-    const auto next = std::min_element(timers_.begin(), timers_.end(), isSooner);
-    const unsigned int expiry = expiry_of(next->second);
+    const auto next = index_.lower_bound(now);
     // Beyond the wrap the wait is the sum on purpose, not the difference.
-    return expiry >= now ? expiry - now : now + expiry;
+    return next != index_.end() ? next->first - now : now + index_.begin()->first;
 }
