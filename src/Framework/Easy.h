@@ -8,7 +8,9 @@
 
 #include <Framework/Easy/Event.h>
 #include <Framework/Easy/Framework.h>
+#include <Framework/Easy/GuardedFile.h>
 #include <Framework/Easy/Place.h>
+#include <Framework/Easy/RotatingLog.h>
 #include <Framework/Easy/StopSignal.h>
 #include <Framework/Easy/Text.h>
 #include <Framework/Easy/Timer.h>

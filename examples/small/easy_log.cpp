@@ -1,0 +1,23 @@
+// A log that rotates by renaming and keeps to its size.
+#include <Framework/Easy/RotatingLog.h>
+
+#include <cstdio>
+#include <filesystem>
+
+using namespace pz::literals;
+
+int main() {
+    {
+        pz::RotatingLog log("easy_log.dir", "app", 1_KiB, 3);
+        if (!log) return 1;
+        for (unsigned int khz = 87500; khz <= 108000; khz += 100) log.line("tuned to %u kHz", khz);
+    }
+    std::uintmax_t size = 0;
+    unsigned int files = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("easy_log.dir")) {
+        size += entry.file_size();
+        ++files;
+    }
+    std::printf("%u files, %s\n", files, size <= 4_KiB ? "not above 4 KiB" : "too large");
+    std::filesystem::remove_all("easy_log.dir");
+}

@@ -1,0 +1,100 @@
+#ifndef PZ_FRAMEWORK_EASY_GUARDEDFILE_H
+#define PZ_FRAMEWORK_EASY_GUARDEDFILE_H
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+
+#include <Framework/PZApi.h>
+
+namespace pz {
+
+namespace detail {
+
+/// One step on a guarded file: from the lock to the end of the object.
+class PZ_API FileUpdate {
+public:
+    /// Waits for the file and reads it.
+    FileUpdate(const std::string& folder, const std::string& name,
+               std::chrono::milliseconds within) noexcept;
+    ~FileUpdate();
+
+    FileUpdate(const FileUpdate&) = delete;
+    FileUpdate& operator=(const FileUpdate&) = delete;
+
+    /// Whether it has the file.
+    explicit operator bool() const noexcept { return state_ != nullptr; }
+    /// What is in it.
+    std::string& bytes() noexcept;
+    /// Replaces the file by what is in `bytes` now.
+    bool Commit() noexcept;
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;  // null: refused
+};
+
+}  // namespace detail
+
+/// A file that several threads and processes change, one after the other.
+///
+///     pz::GuardedFile settings("/temp/system_data", "settings");
+///     settings.update([](std::string& bytes) { bytes += "volume=7\n"; });
+///
+/// Step:      update holds a lock of all users of the file, reads it, lets the function change the
+///            bytes, and replaces the file. A process that dies gives the lock back.
+/// Whole:     the file is replaced whole or not at all, also when the process is killed and when
+/// the
+///            power goes: the bytes are on the medium before they get the name.
+/// Files:     beside "settings" there are ".settings.lock", which stays, and during an update
+///            ".settings.new". The folder must exist. A replaced file keeps its mode, and its owner
+///            where the process may give it away; links are not followed. The lock is this class's
+///            own: PZFileGuard does not know of it.
+/// Threads:   any thread may call anything.
+/// Failures:  reported and answered, never thrown; what the function throws reaches the caller, and
+///            the file stays as it was.
+class PZ_API GuardedFile {
+public:
+    /// No time limit.
+    static constexpr std::chrono::milliseconds kNoLimit = std::chrono::milliseconds::max();
+
+    /// Copies both; opens nothing yet. A null or empty argument, and a name that is "." or ".." or
+    /// holds a '/', is reported; every operation is refused then.
+    GuardedFile(const char* folder, const char* name) noexcept;
+
+    /// Whether the names are valid.
+    explicit operator bool() const noexcept { return !name_.empty(); }
+
+    /// Calls `function` with the bytes of the file (none when there is no file), and replaces the
+    /// file by what they are afterwards. True also when they are the same: nothing is written then.
+    /// A function that answers false leaves the file as it is; update answers false, too.
+    ///
+    /// False, and the file as it was, when the lock cannot be had `within` the time, or a step
+    /// fails. When only the last one does, which brings the new name to the medium, the file has
+    /// changed already. An update of the same file by the function itself is refused.
+    template <typename F>
+    bool update(F&& function, std::chrono::milliseconds within = kNoLimit) {
+        detail::FileUpdate step(folder_, name_, within);
+        if (!step) return false;
+        if constexpr (std::is_void_v<std::invoke_result_t<F&, std::string&>>) {
+            function(step.bytes());
+        } else {
+            if (!function(step.bytes())) return false;
+        }
+        return step.Commit();
+    }
+
+    /// The bytes of the file, as some update left them; nothing when there is no file (not
+    /// reported), or it cannot be read. Waits for nobody.
+    [[nodiscard]] std::optional<std::string> read() const noexcept;
+
+private:
+    std::string folder_;
+    std::string name_;  // empty: not valid
+};
+
+}  // namespace pz
+
+#endif  // PZ_FRAMEWORK_EASY_GUARDEDFILE_H

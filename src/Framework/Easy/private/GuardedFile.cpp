@@ -1,0 +1,270 @@
+#include "Framework/Easy/GuardedFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <thread>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_descriptor.h>
+
+#include "WorkerCore.h"
+
+namespace pz {
+
+namespace {
+
+constexpr mode_t kMode = 0644;  // of a file that was not there
+
+enum class Read { ok, missing, failed };
+
+/// Reads the whole file; `info` tells about it.
+Read read_whole(const std::string& path, std::string& bytes, struct stat& info) {
+    const PZDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (!file.IsOpen() && errno == ENOENT) return Read::missing;
+    if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0) {
+        PZ_REPORT_ERRNO("open [%s]\n", path.c_str());
+        return Read::failed;
+    }
+    bytes.clear();
+    char block[4096];
+    for (;;) {
+        const ssize_t count = ::read(file.Get(), block, sizeof block);
+        if (count == 0) return Read::ok;
+        if (count > 0) {
+            bytes.append(block, static_cast<std::size_t>(count));
+        } else if (errno != EINTR) {
+            PZ_REPORT_ERRNO("read [%s]\n", path.c_str());
+            return Read::failed;
+        }
+    }
+}
+
+/// False, with errno, when the file did not take them all.
+bool write_whole(int file, const std::string& bytes) {
+    std::size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t count = ::write(file, bytes.data() + written, bytes.size() - written);
+        if (count > 0) {
+            written += static_cast<std::size_t>(count);
+        } else if (count == 0 || errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// 0, or errno: EWOULDBLOCK when the time is over.
+int lock_within(int file, std::chrono::milliseconds within) {
+    constexpr auto kLongestNap = std::chrono::milliseconds(20);
+    const bool isLimited = within != GuardedFile::kNoLimit;
+    const auto deadline = detail::deadline_after(within);
+    auto nap = std::chrono::milliseconds(1);
+    for (;;) {
+        if (::flock(file, isLimited ? LOCK_EX | LOCK_NB : LOCK_EX) == 0) return 0;
+        if (errno == EINTR) continue;
+        if (errno != EWOULDBLOCK || detail::Clock::now() >= deadline) return errno;
+        std::this_thread::sleep_for(nap);
+        nap = std::min(nap * 2, kLongestNap);
+    }
+}
+
+bool is_same_file(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+}  // namespace
+
+namespace detail {
+
+struct FileUpdate::State {
+    explicit State(const std::string& folder, const std::string& name)
+        : folder_(folder),
+          path_(folder + "/" + name),
+          newPath_(folder + "/." + name + ".new"),
+          lockPath_(folder + "/." + name + ".lock") {}
+    ~State() {
+        if (isHeld_) held_by_thread = next_;
+    }
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    bool Lock(std::chrono::milliseconds within);
+    bool Load();
+    bool Replace();
+
+    std::string bytes_;
+
+private:
+    bool OpenLock();
+    bool IsHeldByThread() const;
+    bool WriteNew() const;
+    bool Refuse(const char* step, const std::string& path) const;
+
+    /// The updates that the thread is in: each was begun by the function of the one behind it.
+    static thread_local State* held_by_thread;
+
+    const std::string folder_;
+    const std::string path_;
+    const std::string newPath_;
+    const std::string lockPath_;
+    PZDescriptor lock_;
+    struct stat lockInfo_ = {};
+    bool isHeld_ = false;
+    State* next_ = nullptr;
+
+    bool isThere_ = false;
+    struct stat info_ = {};
+    std::string former_;
+};
+
+thread_local FileUpdate::State* FileUpdate::State::held_by_thread = nullptr;
+
+bool FileUpdate::State::Refuse(const char* step, const std::string& path) const {
+    PZ_REPORT_ERRNO("%s [%s]\n", step, path.c_str());
+    return false;
+}
+
+bool FileUpdate::State::OpenLock() {
+    lock_ =
+        PZDescriptor(::open(lockPath_.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode));
+    return lock_.IsOpen() && ::fstat(lock_.Get(), &lockInfo_) == 0;
+}
+
+bool FileUpdate::State::IsHeldByThread() const {
+    for (const State* held = held_by_thread; held != nullptr; held = held->next_) {
+        if (is_same_file(held->lockInfo_, lockInfo_)) return true;
+    }
+    return false;
+}
+
+bool FileUpdate::State::Lock(std::chrono::milliseconds within) {
+    for (;;) {
+        if (!OpenLock()) return Refuse("open", lockPath_);
+        if (IsHeldByThread()) {
+            PZ_REPORT_ERROR("[%s] is being updated by this thread\n", path_.c_str());
+            return false;
+        }
+        const int error = lock_within(lock_.Get(), within);
+        if (error == EWOULDBLOCK) {
+            PZ_REPORT_ERROR("[%s] was not free within %lld ms\n", path_.c_str(),
+                            static_cast<long long>(within.count()));
+            return false;
+        }
+        if (error != 0) {
+            errno = error;
+            return Refuse("flock", lockPath_);
+        }
+        // Somebody may have removed the file while this waited: others lock the one that is there.
+        struct stat now = {};
+        if (::lstat(lockPath_.c_str(), &now) == 0 && is_same_file(now, lockInfo_)) break;
+    }
+    isHeld_ = true;
+    next_ = held_by_thread;
+    held_by_thread = this;
+    return true;
+}
+
+bool FileUpdate::State::Load() {
+    const Read result = read_whole(path_, bytes_, info_);
+    isThere_ = result == Read::ok;
+    former_ = bytes_;
+    return result != Read::failed;
+}
+
+bool FileUpdate::State::WriteNew() const {
+    PZDescriptor file(::open(newPath_.c_str(),
+                             O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                             isThere_ ? info_.st_mode & 0777U : kMode));
+    if (!file.IsOpen()) return Refuse("open", newPath_);
+    // One that was left behind may have another owner and mode. To give it away takes rights.
+    if (isThere_) {
+        static_cast<void>(::fchown(file.Get(), info_.st_uid, info_.st_gid) == 0);
+        if (::fchmod(file.Get(), info_.st_mode & 07777U) != 0) return Refuse("fchmod", newPath_);
+    }
+    if (!write_whole(file.Get(), bytes_)) return Refuse("write", newPath_);
+    if (::fsync(file.Get()) != 0) return Refuse("fsync", newPath_);
+    return true;
+}
+
+bool FileUpdate::State::Replace() {
+    if (bytes_ == former_) return true;
+    if (!WriteNew()) {
+        ::unlink(newPath_.c_str());
+        return false;
+    }
+    if (::rename(newPath_.c_str(), path_.c_str()) != 0) {
+        Refuse("rename", path_);
+        ::unlink(newPath_.c_str());
+        return false;
+    }
+    const PZDescriptor folder(::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Some file systems cannot: then the name comes to the medium with the next write-back.
+    if (!folder.IsOpen() || (::fsync(folder.Get()) != 0 && errno != EINVAL))
+        return Refuse("fsync", folder_);
+    return true;
+}
+
+FileUpdate::FileUpdate(const std::string& folder, const std::string& name,
+                       std::chrono::milliseconds within) noexcept {
+    if (name.empty()) {
+        PZ_REPORT_ERROR("the file has no valid name\n");
+        return;
+    }
+    try {
+        auto state = std::make_unique<State>(folder, name);
+        if (state->Lock(within) && state->Load()) state_ = std::move(state);
+    } catch (const std::bad_alloc&) {
+        PZ_REPORT_ERROR("no memory for [%s]\n", name.c_str());
+    }
+}
+
+FileUpdate::~FileUpdate() = default;
+
+std::string& FileUpdate::bytes() noexcept {
+    return state_->bytes_;
+}
+
+bool FileUpdate::Commit() noexcept {
+    return state_->Replace();
+}
+
+}  // namespace detail
+
+GuardedFile::GuardedFile(const char* folder, const char* name) noexcept {
+    const bool isName = name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr &&
+                        std::strcmp(name, ".") != 0 && std::strcmp(name, "..") != 0;
+    if (folder == nullptr || *folder == '\0' || !isName) {
+        PZ_REPORT_ERROR("no file [%s] in [%s]\n", name != nullptr ? name : "(null)",
+                        folder != nullptr ? folder : "(null)");
+        return;
+    }
+    try {
+        folder_ = folder;
+        name_ = name;
+    } catch (const std::bad_alloc&) {
+        name_.clear();
+        PZ_REPORT_ERROR("no memory for [%s]\n", name);
+    }
+}
+
+std::optional<std::string> GuardedFile::read() const noexcept {
+    if (!*this) return std::nullopt;
+    try {
+        std::string bytes;
+        struct stat info = {};
+        if (read_whole(folder_ + "/" + name_, bytes, info) != Read::ok) return std::nullopt;
+        return bytes;
+    } catch (const std::bad_alloc&) {
+        PZ_REPORT_ERROR("no memory for [%s]\n", name_.c_str());
+        return std::nullopt;
+    }
+}
+
+}  // namespace pz

@@ -1,0 +1,234 @@
+#include <Framework/Easy/GuardedFile.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/Interposed.h"
+#include "support/MemoryShortage.h"
+#include "support/StdoutCapture.h"
+#include "support/TempDir.h"
+#include "support/WaitUntil.h"
+
+using namespace std::chrono_literals;
+using pztest::read_file;
+using pztest::StdoutCapture;
+using pztest::TempDir;
+using pztest::wait_until;
+using pztest::write_file;
+
+namespace {
+
+pztest::Interposed<int(int)> fsync_call("fsync");
+pztest::Interposed<int(const char*, const char*)> rename_call("rename");
+
+}  // namespace
+
+extern "C" int fsync(int fd) {
+    return fsync_call(fd);
+}
+extern "C" int rename(const char* from, const char* to) noexcept {
+    return rename_call(from, to);
+}
+
+class EasyGuardedFileTest : public testing::Test {
+protected:
+    ~EasyGuardedFileTest() override {
+        fsync_call.Reset();
+        rename_call.Reset();
+    }
+
+    const TempDir dir;
+    const std::string path = dir.File("settings");
+    pz::GuardedFile settings{dir.Path().c_str(), "settings"};
+};
+
+TEST_F(EasyGuardedFileTest, ReadsChangesAndWritesInOneStep) {
+    EXPECT_EQ(std::nullopt, settings.read());
+    EXPECT_TRUE(settings.update([](std::string& bytes) {
+        EXPECT_EQ("", bytes);
+        bytes = std::string("a\0b", 3);
+    }));
+    EXPECT_EQ(std::string("a\0b", 3), settings.read());
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += 'c'; }));
+    EXPECT_EQ(std::string("a\0bc", 4), read_file(path));
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes.clear(); }));
+    EXPECT_EQ("", settings.read());
+    EXPECT_FALSE(std::filesystem::exists(dir.File(".settings.new")));
+}
+
+TEST_F(EasyGuardedFileTest, LeavesTheFileWhenTheFunctionSaysSoOrThrows) {
+    write_file(path, "old");
+    EXPECT_FALSE(settings.update([](std::string& bytes) {
+        bytes = "new";
+        return false;
+    }));
+    EXPECT_THROW(settings.update([](std::string& bytes) {
+        bytes = "new";
+        throw std::runtime_error("no");
+    }),
+                 std::runtime_error);
+    EXPECT_EQ("old", settings.read());
+    EXPECT_TRUE(settings.update([](std::string& bytes) {
+        bytes = "new";
+        return true;
+    })) << "the lock was given back";
+    EXPECT_EQ("new", settings.read());
+}
+
+TEST_F(EasyGuardedFileTest, WritesNothingWhenNothingChanges) {
+    write_file(path, "old");
+    struct stat before = {};
+    struct stat after = {};
+    ::stat(path.c_str(), &before);
+    EXPECT_TRUE(settings.update([](std::string&) {}));
+    ::stat(path.c_str(), &after);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(0, fsync_call.Calls());
+}
+
+TEST_F(EasyGuardedFileTest, KeepsTheModeOfTheFile) {
+    write_file(path, "old");
+    ::chmod(path.c_str(), 0640);
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "new"; }));
+    struct stat info = {};
+    ::stat(path.c_str(), &info);
+    EXPECT_EQ(0640U, info.st_mode & 07777U);
+}
+
+TEST_F(EasyGuardedFileTest, TheBytesAreOnTheMediumBeforeTheyGetTheName) {
+    static std::vector<std::string> calls;
+    calls.clear();
+    fsync_call.Replace([](int fd) {
+        struct stat info = {};
+        ::fstat(fd, &info);
+        calls.emplace_back(S_ISDIR(info.st_mode) ? "folder" : "file");
+        return 0;
+    });
+    rename_call.Replace([](const char* from, const char* to) {
+        calls.emplace_back("name");
+        return rename_call.Real(from, to);
+    });
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "new"; }));
+    EXPECT_EQ((std::vector<std::string>{"file", "name", "folder"}), calls);
+}
+
+TEST_F(EasyGuardedFileTest, AFailureLeavesTheFileAsItWas) {
+    write_file(path, "old");
+    const auto change = [](std::string& bytes) { bytes = "new"; };
+    StdoutCapture capture;
+    fsync_call.FailNext(EIO);
+    EXPECT_FALSE(settings.update(change));
+    rename_call.FailNext(EROFS);
+    EXPECT_FALSE(settings.update(change));
+    EXPECT_EQ("old", settings.read());
+    EXPECT_FALSE(std::filesystem::exists(dir.File(".settings.new")));
+    EXPECT_EQ(2U, pztest::count_of(capture.Take(), "Refuse()@GuardedFile.cpp"));
+    fsync_call.FailNext(EIO, 1, 1);
+    EXPECT_FALSE(settings.update(change)) << "the folder's";
+    EXPECT_EQ("new", settings.read());
+    fsync_call.FailNext(EINVAL, 1, 1);
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "x"; }));
+}
+
+TEST_F(EasyGuardedFileTest, ThreadsAndProcessesTakeTurns) {
+    const auto count = [this] {
+        pz::GuardedFile own(dir.Path().c_str(), "settings");
+        for (int i = 0; i < 50; ++i) {
+            const bool isDone = own.update([](std::string& bytes) {
+                bytes = std::to_string((bytes.empty() ? 0 : std::stoi(bytes)) + 1);
+            });
+            if (!isDone) return 1;
+        }
+        return 0;
+    };
+    fsync_call.Replace([](int) { return 0; });  // the medium is not under test
+    pztest::ChildProcess child(count);
+    std::thread first([&] { EXPECT_EQ(0, count()); });
+    std::thread second([&] { EXPECT_EQ(0, count()); });
+    first.join();
+    second.join();
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_EQ("150", settings.read());
+}
+
+TEST_F(EasyGuardedFileTest, AProcessThatIsKilledInItsStepGivesTheLockBack) {
+    write_file(path, "old");
+    const std::string begun = dir.File("begun");
+    {
+        const pztest::ChildProcess child([this, &begun] {
+            static_cast<void>(settings.update([&begun](std::string& bytes) {
+                bytes = "half";
+                write_file(begun, "x");
+                for (;;) ::pause();
+            }));
+            return 1;
+        });
+        ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(begun); }));
+        StdoutCapture capture;
+        EXPECT_FALSE(settings.update([](std::string&) {}, 20ms));
+        EXPECT_NE(std::string::npos, capture.Take().find("was not free within 20 ms"));
+    }  // killed here
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += " and new"; }, 60s));
+    EXPECT_EQ("old and new", settings.read());
+}
+
+TEST_F(EasyGuardedFileTest, AnUpdateInsideItselfIsRefusedInsteadOfWaitingForEver) {
+    StdoutCapture capture;
+    pz::GuardedFile other(dir.Path().c_str(), "other");
+    EXPECT_TRUE(settings.update([&](std::string& bytes) {
+        EXPECT_FALSE(settings.update([](std::string&) {}));
+        EXPECT_FALSE(pz::GuardedFile(dir.Path().c_str(), "settings").update([](std::string&) {}));
+        EXPECT_TRUE(other.update([](std::string& others) { others = "o"; }));
+        bytes = "s";
+    }));
+    EXPECT_EQ(2U, pztest::count_of(capture.Take(), "is being updated by this thread"));
+    EXPECT_EQ("s", settings.read());
+    EXPECT_EQ("o", other.read());
+}
+
+TEST_F(EasyGuardedFileTest, RefusesWhatIsNoFile) {
+    StdoutCapture capture;
+    const std::string folder = dir.Path();
+    EXPECT_FALSE(pz::GuardedFile(nullptr, "a"));
+    EXPECT_FALSE(pz::GuardedFile("", "a"));
+    for (const char* const name : {"", ".", "..", "a/b"}) {
+        EXPECT_FALSE(pz::GuardedFile(folder.c_str(), name));
+    }
+    pz::GuardedFile none(folder.c_str(), nullptr);
+    EXPECT_FALSE(none);
+    EXPECT_EQ(7U, pztest::count_of(capture.Take(), "no file ["));
+    EXPECT_FALSE(none.update([](std::string&) { FAIL(); }));
+    EXPECT_EQ(std::nullopt, none.read());
+    pz::GuardedFile nowhere(dir.File("nowhere").c_str(), "a");
+    EXPECT_TRUE(nowhere);
+    EXPECT_FALSE(nowhere.update([](std::string&) { FAIL(); }));
+    std::filesystem::create_symlink(path, dir.File("link"));
+    pz::GuardedFile link(folder.c_str(), "link");
+    EXPECT_FALSE(link.update([](std::string&) { FAIL(); })) << "links are not followed";
+}
+
+TEST_F(EasyGuardedFileTest, ALackOfMemoryLeavesTheFileAsItWas) {
+    write_file(path, std::string(10000, 'o'));
+    fsync_call.Replace([](int) { return 0; });
+    const StdoutCapture capture;
+    bool isDone = false;
+    for (int skip = 0; !isDone && skip < 1000; ++skip) {
+        const pztest::MemoryShortage shortage(skip);
+        isDone = settings.update([](std::string& bytes) { bytes[0] = 'n'; });
+        if (!isDone) {
+            EXPECT_NE(0, shortage.Refused());
+        }
+    }
+    EXPECT_TRUE(isDone);
+    EXPECT_EQ("n" + std::string(9999, 'o'), settings.read());
+}

@@ -1,0 +1,269 @@
+#include <Framework/Easy/RotatingLog.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <iterator>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/MemoryShortage.h"
+#include "support/StdoutCapture.h"
+#include "support/TempDir.h"
+#include "support/WaitUntil.h"
+
+using namespace pz::literals;
+using pztest::read_file;
+using pztest::StdoutCapture;
+using pztest::TempDir;
+using pztest::wait_until;
+using pztest::write_file;
+
+namespace {
+
+/// All bytes of the log's files.
+std::uintmax_t size_of(const std::string& folder) {
+    std::uintmax_t size = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) size += entry.file_size();
+    return size;
+}
+
+size_t count_files(const std::string& folder) {
+    const std::filesystem::directory_iterator files(folder);
+    return static_cast<size_t>(std::distance(begin(files), end(files)));
+}
+
+/// The numbers of the lines "line N", the oldest file first.
+std::vector<int> numbers_in(const std::string& folder, unsigned int generations) {
+    std::vector<int> numbers;
+    for (unsigned int i = generations + 1; i-- > 0;) {
+        const std::string name = i == 0 ? "/app.log" : "/app.log." + std::to_string(i);
+        std::istringstream lines(read_file(folder + name));
+        for (std::string line; std::getline(lines, line);) {
+            EXPECT_EQ("line ", line.substr(0, 5)) << "torn: " << line;
+            numbers.push_back(std::stoi(line.substr(5)));
+        }
+    }
+    return numbers;
+}
+
+}  // namespace
+
+class EasyRotatingLogTest : public testing::Test {
+protected:
+    const TempDir dir;
+    const std::string folder = dir.File("log");
+    const std::string file = folder + "/app.log";
+};
+
+TEST_F(EasyRotatingLogTest, WritesEveryLineAtOnceAndMakesTheFolder) {
+    const std::string deep = folder + "/a/b";
+    pz::RotatingLog log(deep.c_str(), "app", 64_KiB, 3);
+    ASSERT_TRUE(log);
+    EXPECT_TRUE(log.line("tuned to %u", 98500U));
+    EXPECT_TRUE(log.line("with a line feed\n"));
+    EXPECT_TRUE(log.text("100 %s"));
+    EXPECT_TRUE(log.text(""));
+    EXPECT_EQ("tuned to 98500\nwith a line feed\n100 %s\n\n", read_file(deep + "/app.log"));
+}
+
+TEST_F(EasyRotatingLogTest, KeepsTheNewestLinesAndNeverMoreThanItsSize) {
+    pz::RotatingLog log(folder.c_str(), "app", 100, 2);
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_TRUE(log.line("line %d", i));
+        ASSERT_LE(size_of(folder), 300U);
+    }
+    const std::vector<int> numbers = numbers_in(folder, 2);
+    ASSERT_GT(numbers.size(), 20U);
+    for (size_t i = 0; i < numbers.size(); ++i) {
+        EXPECT_EQ(1000 - static_cast<int>(numbers.size() - i), numbers[i]);
+    }
+    EXPECT_EQ(3U, count_files(folder));
+}
+
+TEST_F(EasyRotatingLogTest, WithoutGenerationsItBeginsItsOnlyFileAgain) {
+    pz::RotatingLog log(folder.c_str(), "app", 64, 0);
+    for (int i = 0; i < 100; ++i) ASSERT_TRUE(log.line("line %d", i));
+    EXPECT_EQ(99, numbers_in(folder, 0).back());
+    EXPECT_LE(size_of(folder), 64U);
+    EXPECT_EQ(1U, count_files(folder));
+}
+
+TEST_F(EasyRotatingLogTest, GoesOnWhereTheLastProcessEnded) {
+    pz::RotatingLog(folder.c_str(), "app", 1_KiB, 1).line("line 1");
+    pz::RotatingLog(folder.c_str(), "app", 1_KiB, 1).line("line 2");
+    EXPECT_EQ("line 1\nline 2\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, BringsDownWhatLargerSettingsHaveLeft) {
+    std::filesystem::create_directory(folder);
+    for (const char* const name : {"", ".1", ".2", ".4", ".5"}) {
+        std::string lines;
+        for (int i = 0; i < 50; ++i) lines += "line " + std::to_string(i) + "\n";
+        write_file(file + name, lines);
+    }
+    const pz::RotatingLog log(folder.c_str(), "app", 100, 1);
+    EXPECT_LE(size_of(folder), 200U);
+    EXPECT_EQ(2U, count_files(folder));
+    EXPECT_EQ(49, numbers_in(folder, 0).back());
+    EXPECT_GT(numbers_in(folder, 0).size(), 10U);
+}
+
+TEST_F(EasyRotatingLogTest, CutsALineThatIsLongerThanAFile) {
+    pz::RotatingLog log(folder.c_str(), "app", 64, 1);
+    EXPECT_TRUE(log.line("%s", std::string(5000, 'x').c_str()));
+    EXPECT_EQ(std::string(63, 'x') + "\n", read_file(file));
+    pz::RotatingLog wide(folder.c_str(), "wide", 10_KiB, 1);
+    EXPECT_TRUE(wide.line("%s", std::string(5000, 'y').c_str()));
+    EXPECT_EQ(std::string(5000, 'y') + "\n", read_file(folder + "/wide.log"));
+}
+
+TEST_F(EasyRotatingLogTest, TellsTheTimeOnRequest) {
+    pz::RotatingLogOptions options;
+    options.time = true;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3, options);
+    log.line("line 1");
+    EXPECT_TRUE(std::regex_match(
+        read_file(file), std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} line 1\n")))
+        << read_file(file);
+}
+
+TEST_F(EasyRotatingLogTest, CollectsLinesOnRequestUntilTheyAreFlushed) {
+    pz::RotatingLogOptions options;
+    options.buffer = 30;
+    {
+        pz::RotatingLog log(folder.c_str(), "app", 100, 3, options);
+        for (int i = 0; i < 4; ++i) EXPECT_TRUE(log.line("line %d", i));
+        EXPECT_EQ("", read_file(file));
+        EXPECT_TRUE(log.line("line 4"));
+        EXPECT_EQ("line 0\nline 1\nline 2\nline 3\n", read_file(file));
+        EXPECT_TRUE(log.flush());
+        EXPECT_EQ(5U, numbers_in(folder, 3).size());
+        for (int i = 5; i < 40; ++i) log.line("line %d", i);
+        EXPECT_LE(size_of(folder), 400U);
+    }
+    EXPECT_EQ(39, numbers_in(folder, 3).back());
+}
+
+TEST_F(EasyRotatingLogTest, LinesOfSeveralThreadsDoNotMix) {
+    pz::RotatingLog log(folder.c_str(), "app", 10_KiB, 3);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&log, t] {
+            for (int i = 0; i < 1000; ++i) log.line("line %d", t * 1000 + i);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(3000U, numbers_in(folder, 3).size());
+}
+
+TEST_F(EasyRotatingLogTest, SurvivesAKillAtAnyMoment) {
+    for (int round = 0; round < 20; ++round) {
+        const pztest::ChildProcess child([this] {
+            pz::RotatingLog log(folder.c_str(), "app", 200, 2);
+            for (int i = 0;; ++i) {
+                if (!log.line("line %d", i)) return 1;
+            }
+            return 0;
+        });
+        ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(file + ".2"); }));
+        std::this_thread::sleep_for(std::chrono::microseconds(300 * round));
+        ::kill(child.Pid(), SIGKILL);
+        siginfo_t info = {};
+        ASSERT_EQ(0, ::waitid(P_PID, static_cast<id_t>(child.Pid()), &info, WEXITED | WNOWAIT));
+        EXPECT_EQ(CLD_KILLED, info.si_code);
+        EXPECT_LE(size_of(folder), 600U);
+        EXPECT_LE(count_files(folder), 3U);
+        const std::vector<int> numbers = numbers_in(folder, 2);
+        ASSERT_FALSE(numbers.empty());
+        EXPECT_TRUE(pz::RotatingLog(folder.c_str(), "app", 200, 2).line("line 0"));
+        std::filesystem::remove_all(folder);
+    }
+}
+
+TEST_F(EasyRotatingLogTest, GoesOnWhenItsFolderComesBackAndTellsWhatWasLost) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    EXPECT_TRUE(log.line("line 1"));
+    StdoutCapture capture;
+    std::filesystem::rename(folder, dir.File("away"));
+    ASSERT_TRUE(wait_until([&] { return !log.line("lost"); }));
+    EXPECT_FALSE(log.line("lost"));
+    EXPECT_TRUE(log);
+    EXPECT_GE(log.lost(), 2U);
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "RotatingLog.cpp")) << "reported once";
+    std::filesystem::create_directory(folder);
+    ASSERT_TRUE(wait_until([&] { return log.line("back"); }));
+    EXPECT_EQ("(" + std::to_string(log.lost()) + " lines lost)\nback\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, MakesAFileAnewThatSomebodyHasRemoved) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    EXPECT_TRUE(log.line("line 1"));
+    std::filesystem::remove(file);
+    EXPECT_TRUE(wait_until([&] {
+        log.line("line 2");
+        return std::filesystem::exists(file);
+    }));
+}
+
+TEST_F(EasyRotatingLogTest, TwoObjectsDoNotShareALog) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    const StdoutCapture capture;
+    pz::RotatingLog other(folder.c_str(), "app", 100, 0);
+    EXPECT_FALSE(other.line("line 2"));
+    EXPECT_TRUE(log.line("line 1"));
+    EXPECT_EQ("line 1\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, RefusesWhatIsNoLog) {
+    StdoutCapture capture;
+    pz::RotatingLog none(nullptr, "app", 64_KiB, 3);
+    EXPECT_FALSE(none);
+    EXPECT_FALSE(none.line("x"));
+    EXPECT_FALSE(none.text("x"));
+    EXPECT_FALSE(none.flush());
+    EXPECT_EQ(0U, none.lost());
+    EXPECT_FALSE(pz::RotatingLog("", "app", 64_KiB, 3));
+    EXPECT_FALSE(pz::RotatingLog(folder.c_str(), nullptr, 64_KiB, 3));
+    EXPECT_FALSE(pz::RotatingLog(folder.c_str(), "", 64_KiB, 3));
+    EXPECT_FALSE(pz::RotatingLog(folder.c_str(), "a/b", 64_KiB, 3));
+    EXPECT_FALSE(pz::RotatingLog(folder.c_str(), "app", 63, 3));
+    EXPECT_FALSE(pz::RotatingLog(folder.c_str(), "app", 64_KiB, 1001));
+    EXPECT_EQ(7U, pztest::count_of(capture.Take(), "no log ["));
+}
+
+TEST_F(EasyRotatingLogTest, MovesItsFileAlong) {
+    pz::RotatingLog first(folder.c_str(), "app", 64_KiB, 3);
+    pz::RotatingLog second(std::move(first));
+    EXPECT_FALSE(first);
+    EXPECT_FALSE(first.line("x"));
+    EXPECT_TRUE(second.line("line 1"));
+    first = std::move(second);
+    EXPECT_TRUE(first.line("line 2"));
+    EXPECT_EQ("line 1\nline 2\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, ALackOfMemoryLosesALineAtMost) {
+    const StdoutCapture capture;
+    pz::RotatingLog log(folder.c_str(), "app", 200, 2);
+    const std::string longLine(100, 'x');
+    for (int skip = 0; skip < 1000; ++skip) {
+        const pztest::MemoryShortage shortage(skip);
+        log.line("line %d %s", skip, longLine.c_str());
+        if (shortage.Refused() == 0) break;
+    }
+    EXPECT_TRUE(log.line("line 1"));
+    EXPECT_LE(size_of(folder), 600U);
+    bool isMade = false;
+    for (int skip = 0; !isMade && skip < 1000; ++skip) {
+        const pztest::MemoryShortage shortage(skip);
+        const pz::RotatingLog other(folder.c_str(), "other", 200, 2);
+        isMade = shortage.Refused() == 0 && other;
+    }
+    EXPECT_TRUE(isMade);
+}
