@@ -688,6 +688,31 @@ TEST_F(PZMessageQueueReceiverTest, ACancelledThreadDestroysItToTheEnd) {
 
 // Lack of memory.
 
+TEST_F(PZMessageQueueReceiverTest, OpensOnlyWithMemoryForItsSubscription) {
+    StdoutCapture out;
+    const int before = open_descriptors();
+    int failures = 0;
+    for (int skip = 0;; ++skip) {
+        bool isOpen = false;
+        int refused = 0;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            isOpen = Open();
+            refused = shortage.Refused();
+        }
+        ASSERT_EQ(refused == 0, isOpen) << skip;
+        if (isOpen) break;
+        ++failures;
+        EXPECT_EQ(0, pthread_create_call.Calls());
+        EXPECT_EQ(before, open_descriptors());
+        EXPECT_EQ(0, receiver->RemoveObserver(&observer));
+        EXPECT_EQ("open error", error_messages(out.Take()).back());
+    }
+    EXPECT_LT(0, failures);
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    EXPECT_TRUE(AwaitCount(1));
+}
+
 class Counter : public PZObserver_ {
 public:
     unsigned int OnNotify(unsigned int /*id*/, void* /*data*/, unsigned int /*size*/) override {

@@ -367,6 +367,13 @@ public:
                HOLDS(log_.Open()) && Works();
     }
 
+    void Stop() {
+        queue_.close();
+        worker_.End(0);
+        guard_.destroyMutex();
+        pz_FwFinalize();
+    }
+
     /// A message comes through the queue, one through the worker's box, a timer fires, and the
     /// guard locks.
     bool Works() {
@@ -443,6 +450,17 @@ private:
 };
 
 }  // namespace
+
+TEST(processTest, AProgramThatIsStartedGetsNoneOfTheDescriptors) {
+    in_child([] {
+        const std::string count = "ls /proc/self/fd | wc -l";
+        const std::string before = pztest::run_command(count).output;
+        Everything all;
+        const bool isSame = all.Start() && HOLDS(pztest::run_command(count).output == before);
+        all.Stop();
+        return isSame;
+    });
+}
 
 TEST(processTest, TheExitOfAForkedChildLeavesItsParentAlone) {
     in_child([] {
