@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -20,6 +21,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/CancelledStack.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/OpenDescriptors.h"
@@ -41,8 +43,8 @@ constexpr unsigned int kMaxEvents = 64;
 constexpr int kTimedOut = -2;
 constexpr int kError = -3;
 
-pztest::Interposed<int(int*)> pipe_call("pipe");
-pztest::Interposed<int(int)> epoll_create_call("epoll_create");
+pztest::Interposed<int(int*, int)> pipe_call("pipe2");
+pztest::Interposed<int(int)> epoll_create_call("epoll_create1");
 pztest::Interposed<int(int, int, int, epoll_event*)> epoll_ctl_call("epoll_ctl");
 pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
 pztest::Interposed<ssize_t(int, void*, size_t)> read_call("read");
@@ -162,11 +164,12 @@ int remember_ctl(int epollFd, int operation, int fd, epoll_event* entry) {
     return epoll_ctl_call.Real(epollFd, operation, fd, entry);
 }
 
-int last_epoll_size = -1;
+/// Of the descriptor that is waited with.
+int last_epoll_flags = -1;
 
-int remember_epoll_size(int size) {
-    last_epoll_size = size;
-    return epoll_create_call.Real(size);
+int remember_epoll_flags(int epollFd, epoll_event* ready, int room, int timeoutMs) {
+    last_epoll_flags = fcntl(epollFd, F_GETFD);
+    return epoll_wait_call.Real(epollFd, ready, room, timeoutMs);
 }
 
 std::string bytes_written;
@@ -243,13 +246,13 @@ static_assert(sizeof(PZEvent) == 2 * sizeof(int));
 
 }  // namespace
 
-extern "C" int pipe(int* pipedes) noexcept {
-    const int result = pipe_call(pipedes);
+extern "C" int pipe2(int* pipedes, int flags) noexcept {
+    const int result = pipe_call(pipedes, flags);
     if (result == 0) last_pipe = {pipedes[0], pipedes[1]};
     return result;
 }
-extern "C" int epoll_create(int size) noexcept {
-    return epoll_create_call(size);
+extern "C" int epoll_create1(int flags) noexcept {
+    return epoll_create_call(flags);
 }
 extern "C" int epoll_ctl(int epfd, int op, int fd, epoll_event* event) noexcept {
     return epoll_ctl_call(epfd, op, fd, event);
@@ -392,12 +395,40 @@ TEST_F(PZEventTest, KeepsItsPipeFromStartedPrograms) {
     EXPECT_EQ(FD_CLOEXEC, fcntl(a.writeFd, F_GETFD));
 }
 
+TEST_F(PZEventTest, KeepsItsPipeAboveTheStandardDescriptors) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        OpenEvent open;
+        if (!open.event.isInitialized() || open.event.SetEvent() != 1) return 1;
+        for (int fd = STDIN_FILENO; fd <= STDOUT_FILENO; ++fd) {
+            if (fcntl(fd, F_GETFD) != -1) return 2;
+        }
+        return open.event.WaitEvent(0) == 0 ? 0 : 3;
+    });
+    EXPECT_EQ(0, child.status);
+}
+
+TEST_F(PZEventTest, HasNoPipeThatCouldOnlyTakeTheStandardDescriptors) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        const rlimit onlyStandard = {3, 3};
+        setrlimit(RLIMIT_NOFILE, &onlyStandard);
+        close(STDIN_FILENO);
+        close(STDERR_FILENO);
+        const PZEvent event;
+        if (event.isInitialized()) return 1;
+        return fcntl(STDIN_FILENO, F_GETFD) == -1 && fcntl(STDERR_FILENO, F_GETFD) == -1 ? 0 : 2;
+    });
+    EXPECT_EQ(0, child.status);
+    EXPECT_EQ(1U, error_messages(child.output).size());
+}
+
 TEST_F(PZEventTest, WorksWhenItsPipeCannotBeConfigured) {
     StdoutCapture output;
     fcntl_fails = true;
     fcntl_calls = 0;
     PZEvent event;
-    EXPECT_EQ(3, fcntl_calls);
+    EXPECT_EQ(1, fcntl_calls);
     EXPECT_TRUE(event.isInitialized());
     EXPECT_EQ(1, event.SetEvent());
     EXPECT_EQ(0, event.WaitEvent(0));
@@ -962,18 +993,22 @@ TEST_F(PZEventTest, RefusesAListThatNamesAnEventTwice) {
 
 TEST_F(PZEventTest, MakesOneEpollDescriptorPerWaitAndClosesIt) {
     const int before = open_descriptors();
-    epoll_create_call.Replace(remember_epoll_size);
     a.Set(1);
     b.Set(1);
     close_call.Reset();
     EXPECT_EQ(0, PZEvent::WaitMultipleEvent(2, both, 0, true));
     EXPECT_EQ(1, epoll_create_call.Calls());
     EXPECT_EQ(1, close_call.Calls());
-    EXPECT_EQ(2, last_epoll_size);
     b.Set(1);
     EXPECT_EQ(1, PZEvent::WaitMultipleEvent(2, both, 0, false));
     EXPECT_EQ(kTimedOut, PZEvent::WaitMultipleEvent(2, both, 0, false));
     EXPECT_EQ(before, open_descriptors());
+}
+
+TEST_F(PZEventTest, KeepsTheDescriptorOfAWaitFromStartedPrograms) {
+    epoll_wait_call.Replace(remember_epoll_flags);
+    EXPECT_EQ(kTimedOut, a.event.WaitEvent(0));
+    EXPECT_EQ(FD_CLOEXEC, last_epoll_flags);
 }
 
 TEST_F(PZEventTest, WatchesTheReadEndsForInput) {
@@ -1083,6 +1118,122 @@ TEST_F(PZEventTest, ReportsAFailingRead) {
         EXPECT_TRUE(has_report(text, "timedMultiWait", "PZEvent.cpp", std_error(EIO)));
         EXPECT_EQ(1U, error_messages(text).size());
     }
+    EXPECT_EQ(before, open_descriptors());
+}
+
+/// Interrupts the calling thread every 10 milliseconds while it lives.
+class Interruptions {
+public:
+    Interruptions() : victim_(pthread_self()) {
+        struct sigaction action = {};
+        action.sa_handler = count_usr1;  // without SA_RESTART
+        sigaction(SIGUSR1, &action, nullptr);
+        usr1_signals = 0;
+        hammer_ = std::thread([this] {
+            while (!stop_) {
+                std::this_thread::sleep_for(milliseconds(10));
+                pthread_kill(victim_, SIGUSR1);
+            }
+        });
+    }
+    ~Interruptions() {
+        stop_ = true;
+        hammer_.join();
+    }
+    Interruptions(const Interruptions&) = delete;
+    Interruptions& operator=(const Interruptions&) = delete;
+
+private:
+    const pthread_t victim_;
+    std::atomic<bool> stop_{false};
+    std::thread hammer_;
+};
+
+TEST_F(PZEventTest, EndsALimitedWaitOnTimeThatSignalsInterruptAgainAndAgain) {
+    const Interruptions interruptions;
+    const auto start = steady_clock::now();
+    EXPECT_EQ(kTimedOut, a.event.WaitEvent(100));
+    const auto waited = steady_clock::now() - start;
+    EXPECT_GE(waited, milliseconds(100));
+    EXPECT_LT(waited, milliseconds(5000));
+    EXPECT_GE(usr1_signals, 1);
+}
+
+TEST_F(PZEventTest, GivesEveryRoundTheFullTimeOutAlsoAfterAnInterruption) {
+    const Interruptions interruptions;
+    std::thread setter([this] {
+        std::this_thread::sleep_for(milliseconds(60));
+        a.event.SetEvent();
+    });
+    const auto start = steady_clock::now();
+    EXPECT_EQ(kTimedOut, PZEvent::WaitMultipleEvent(2, both, 100, true));
+    // Had the second round gone on with the first one's time, 100 would have been enough.
+    EXPECT_GE(steady_clock::now() - start, milliseconds(160));
+    setter.join();
+}
+
+// Cancellation
+
+std::atomic<int> waits_begun{0};
+
+int count_and_wait(int epollFd, epoll_event* ready, int room, int timeoutMs) {
+    ++waits_begun;
+    return epoll_wait_call.Real(epollFd, ready, room, timeoutMs);
+}
+
+void* wait_without_limit(void* event) {
+    const pztest::CancelledStack stack;
+    static_cast<PZEvent*>(event)->WaitEvent(kNoLimit);
+    return nullptr;
+}
+
+TEST_F(PZEventTest, LetsAThreadGoThatIsCancelledInAWaitAndLeavesNoDescriptor) {
+    epoll_wait_call.Replace(count_and_wait);
+    const int before = open_descriptors();
+    for (int round = 0; round < 20; ++round) {
+        waits_begun = 0;
+        pthread_t thread = {};
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, wait_without_limit, &a.event));
+        ASSERT_TRUE(wait_until([] { return waits_begun == 1; }));
+        ASSERT_EQ(0, pthread_cancel(thread));
+        void* result = nullptr;
+        ASSERT_EQ(0, pthread_join(thread, &result));
+        EXPECT_EQ(PTHREAD_CANCELED, result);
+    }
+    EXPECT_EQ(before, open_descriptors());
+}
+
+void* poll_until_cancelled(void* event) {
+    const pztest::CancelledStack stack;
+    for (;;) static_cast<PZEvent*>(event)->WaitEvent(0);
+}
+
+TEST_F(PZEventTest, LetsAThreadGoThatIsCancelledBetweenAnyTwoSteps) {
+    const int before = open_descriptors();
+    for (int round = 0; round < 200; ++round) {
+        pthread_t thread = {};
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, poll_until_cancelled, &a.event));
+        std::this_thread::sleep_for(std::chrono::microseconds(7 * (round % 29)));
+        ASSERT_EQ(0, pthread_cancel(thread));
+        ASSERT_EQ(0, pthread_join(thread, nullptr));
+    }
+    EXPECT_EQ(before, open_descriptors());
+}
+
+void* destroy_while_cancelled(void* event) {
+    pthread_cancel(pthread_self());
+    delete static_cast<PZEvent*>(event);
+    pthread_testcancel();
+    return nullptr;
+}
+
+TEST_F(PZEventTest, IsDestroyedWholeOnAThreadThatIsBeingCancelled) {
+    const int before = open_descriptors();
+    pthread_t thread = {};
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, destroy_while_cancelled, new PZEvent));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
     EXPECT_EQ(before, open_descriptors());
 }
 

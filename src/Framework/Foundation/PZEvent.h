@@ -7,16 +7,18 @@
 ///
 /// Every SetEvent adds one signal; a successful wait takes exactly one. Signals are kept in an
 /// anonymous pipe, so their number is bounded by its size (65536 on most machines). Programs that
-/// the process starts do not inherit the pipe.
+/// the process starts inherit neither the pipe nor the descriptor of a wait.
 ///
 /// Threads:  any thread may set or wait. Two waiters compete, and each signal wakes at most one:
 ///           the other, when it had seen the same signal, goes on to wait for the next one,
 ///           whatever its time-out. ResetEvent, and SetEvent on a full pipe, take signals like a
 ///           waiter. An event outlives the calls on it.
 /// Time:     milliseconds; 0 polls. 0xFFFFFFFF, like all values above 0x7FFFFFFF, waits without
-///           limit.
+///           limit. A wait that a signal interrupts goes on for the time that is left.
 /// Process:  the first wait sets SIGPIPE to be ignored.
-/// Failures: reported and answered with a result, never thrown. Nothing allocates memory.
+/// Cancel:   waiting is a cancellation point, destruction is none.
+/// Failures: reported and answered with a result, never thrown; a report may block while standard
+///           output is stuck. Nothing allocates memory.
 class PZ_API PZEvent {
 public:
     PZEvent();

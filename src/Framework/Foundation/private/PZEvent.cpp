@@ -6,15 +6,15 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
-#include <csignal>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_epoll_wait.h>
+#include <Framework/private/pz_sigpipe.h>
+#include <Framework/private/pz_uncancelled.h>
 
 namespace {
-
-constexpr int kNoFd = -1;
 
 // Results of the waits.
 constexpr int kSignalled = 0;
@@ -26,33 +26,10 @@ constexpr unsigned long kMaxEvents = 64;  // in one wait
 
 using ReadyEntries = std::array<epoll_event, kMaxEvents>;
 
-std::atomic<bool> sigpipe_ignored{false};
-
-/// Owns the epoll descriptor of one wait.
-class EpollHolder {
-public:
-    explicit EpollHolder(int fd) : fd_(fd) {}
-    ~EpollHolder() {
-        if (fd_ != kNoFd) ::close(fd_);
-    }
-    EpollHolder(const EpollHolder&) = delete;
-    EpollHolder& operator=(const EpollHolder&) = delete;
-
-    int Get() const { return fd_; }
-
-private:
-    const int fd_;
-};
-
-/// Once in the process, so that an application may choose otherwise afterwards.
-void ignore_sigpipe() {
-    if (!sigpipe_ignored.exchange(true)) ::signal(SIGPIPE, SIG_IGN);
-}
-
 /// Closes both ends, whatever becomes of the first; false when one of them failed.
 bool close_pipe(int readFd, int writeFd) {
-    const int readResult = ::close(readFd);
-    const int writeResult = ::close(writeFd);
+    const int readResult = pz_close_descriptor(readFd);
+    const int writeResult = pz_close_descriptor(writeFd);
     return readResult + writeResult == 0;
 }
 
@@ -74,14 +51,6 @@ bool watch(int epollFd, int readFd) {
     return ::epoll_ctl(epollFd, EPOLL_CTL_ADD, readFd, &interest) == 0;
 }
 
-/// The number of ready entries, 0 after the time-out, -1 on an error.
-int wait_ready(int epollFd, ReadyEntries& ready, int room, int timeoutMs) {
-    for (;;) {
-        const int count = ::epoll_wait(epollFd, ready.data(), room, timeoutMs);
-        if (count >= 0 || errno != EINTR) return count;
-    }
-}
-
 /// Takes one signal of each of the first `count` entries.
 bool take_signals(const ReadyEntries& ready, int count) {
     return std::all_of(ready.begin(), ready.begin() + count,
@@ -99,34 +68,35 @@ bool unwatch_all(int epollFd, const ReadyEntries& ready, int count) {
 
 PZEvent::PZEvent() : PZEvent(nullptr) {}
 
-PZEvent::PZEvent(const char* name) : readFd_(kNoFd), writeFd_(kNoFd) {
+PZEvent::PZEvent(const char* name) : readFd_(kNoDescriptor), writeFd_(kNoDescriptor) {
     init(name);
 }
 
 PZEvent::~PZEvent() {
+    const PZUncancelled uncancelled;
     if (isInitialized() && !close_pipe(readFd_, writeFd_)) PZ_REPORT_LAST_ERROR();
 }
 
 void PZEvent::init(const char* /*name*/) {
     if (isInitialized() && !close_pipe(readFd_, writeFd_)) PZ_REPORT_LAST_ERROR();
-    readFd_ = kNoFd;
-    writeFd_ = kNoFd;
+    readFd_ = kNoDescriptor;
+    writeFd_ = kNoDescriptor;
 
-    std::array<int, 2> fds = {kNoFd, kNoFd};
-    if (::pipe(fds.data()) != 0) {
+    std::array<int, 2> fds = {kNoDescriptor, kNoDescriptor};
+    const bool isMade = ::pipe2(fds.data(), O_CLOEXEC) == 0;
+    PZDescriptor readEnd(fds[0]);
+    PZDescriptor writeEnd(fds[1]);
+    if (!isMade || !readEnd.MoveAboveStandard() || !writeEnd.MoveAboveStandard()) {
         PZ_REPORT_LAST_ERROR();
         return;
     }
-    readFd_ = fds[0];
-    writeFd_ = fds[1];
-    ::fcntl(writeFd_, F_SETFL, O_NONBLOCK);
-    // Programs that this process starts have no business with its events.
-    ::fcntl(readFd_, F_SETFD, FD_CLOEXEC);
-    ::fcntl(writeFd_, F_SETFD, FD_CLOEXEC);
+    ::fcntl(writeEnd.Get(), F_SETFL, O_NONBLOCK);
+    readFd_ = readEnd.Release();
+    writeFd_ = writeEnd.Release();
 }
 
 bool PZEvent::isInitialized() const noexcept {
-    return readFd_ != kNoFd && writeFd_ != kNoFd;
+    return readFd_ != kNoDescriptor && writeFd_ != kNoDescriptor;
 }
 
 int PZEvent::SetEvent() {
@@ -166,7 +136,7 @@ int PZEvent::WaitMultipleEvent(unsigned int count, PZEvent** events, unsigned in
 
 int PZEvent::timedMultiWait(unsigned long count, PZEvent** events, bool waitAll,
                             unsigned long timeout) {
-    ignore_sigpipe();
+    pz_ignore_sigpipe_once();
     if (events == nullptr || count == 0) return kNothingToWaitFor;
 
     std::array<int, kMaxEvents> readFds;
@@ -175,15 +145,15 @@ int PZEvent::timedMultiWait(unsigned long count, PZEvent** events, bool waitAll,
         return kError;
     }
     for (unsigned long i = 0; i < count; ++i) {
-        readFds[i] = events[i] != nullptr ? events[i]->readFd_ : kNoFd;
-        if (readFds[i] == kNoFd) {
+        readFds[i] = events[i] != nullptr ? events[i]->readFd_ : kNoDescriptor;
+        if (readFds[i] == kNoDescriptor) {
             PZ_REPORT_ERROR("handle error\n");
             return kError;
         }
     }
 
-    const EpollHolder epoll(::epoll_create(static_cast<int>(count)));
-    if (epoll.Get() == kNoFd) {
+    const PZDescriptor epoll(::epoll_create1(EPOLL_CLOEXEC));
+    if (!epoll.IsOpen()) {
         PZ_REPORT_LAST_ERROR();
         return kError;
     }
@@ -198,7 +168,7 @@ int PZEvent::timedMultiWait(unsigned long count, PZEvent** events, bool waitAll,
     int readyCount = 0;
     int remaining = static_cast<int>(count);
     for (;;) {
-        readyCount = wait_ready(epoll.Get(), ready, remaining, static_cast<int>(timeout));
+        readyCount = pz_epoll_wait(epoll.Get(), ready.data(), remaining, static_cast<int>(timeout));
         if (readyCount == 0) return kTimedOut;
         if (readyCount < 0) {
             PZ_REPORT_LAST_ERROR();
@@ -222,7 +192,7 @@ int PZEvent::timedMultiWait(unsigned long count, PZEvent** events, bool waitAll,
     for (int i = 0; i < remaining; ++i) {
         const auto index = static_cast<unsigned int>(i);
         PZ_REPORT_ERROR("No[%d] rcv[%d] evt[%d]\n", i,
-                        i < readyCount ? ready[index].data.fd : kNoFd, readFds[index]);
+                        i < readyCount ? ready[index].data.fd : kNoDescriptor, readFds[index]);
     }
     return kError;
 }
