@@ -15,6 +15,7 @@
 #include <ctime>
 #include <functional>
 #include <iterator>
+#include <limits>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -315,6 +316,16 @@ TEST_F(PZSyncTest, IsNotCreatedWithANameThatTheSystemRefuses) {
     PZSync sync(name.c_str(), kNamed);
     EXPECT_EQ(1U, pztest::count_of(ReportOf("PZSync"), "create error : errno["));
     EXPECT_EQ(2U, sync.Lock(0));
+}
+
+TEST_F(PZSyncTest, ReportsWhatTheSystemSaysOfAnyLongNameAsAWhole) {
+    for (const size_t length : {255U, 256U, 300U, 5000U}) {
+        const std::string name(length, 'n');
+        ASSERT_EQ(SEM_FAILED, sem_open(("/" + name).c_str(), O_CREAT, 0777, 1));
+        const int error = errno;
+        const PZSync sync(name.c_str(), kNamed);
+        EXPECT_EQ(error_text("create error", error), ReportOf("PZSync")) << length;
+    }
 }
 
 TEST_F(PZSyncTest, OpensAnExistingSemaphoreAsItIs) {
@@ -708,6 +719,46 @@ TEST_F(PZSyncTest, ReportsAFailedLimitedWait) {
     EXPECT_EQ(1, sem_timedwait_call.Calls());
     EXPECT_EQ(error_text("create error", EINVAL), ReportOf("Lock"));
     EXPECT_EQ(0U, try_elsewhere(sync));
+}
+
+/// As the wall clock of a 32-bit program from 2038 on.
+int overflow_on_the_wall_clock(clockid_t clock, timespec* now) {
+    if (clock != CLOCK_REALTIME) return clock_gettime_call.Real(clock, now);
+    errno = EOVERFLOW;
+    return -1;
+}
+
+/// Near the last second that the clock can tell.
+int end_of_the_wall_clock(clockid_t clock, timespec* now) {
+    const int result = clock_gettime_call.Real(clock, now);
+    if (clock == CLOCK_REALTIME) now->tv_sec = std::numeric_limits<time_t>::max();
+    return result;
+}
+
+TEST_F(PZSyncTest, WaitsItsTimeWhereTheWallClockHasNoRoomForTheDeadline) {
+    for (const auto clock : {overflow_on_the_wall_clock, end_of_the_wall_clock}) {
+        PZSync sync;
+        ASSERT_EQ(0U, sync.Lock(kNoTimeLimit));
+        clock_gettime_call.Replace(clock);
+        std::atomic<unsigned int> result{99};
+        std::atomic<long long> waitedMs{0};
+        std::thread waiter([&] {
+            timespec start = {};
+            timespec end = {};
+            clock_gettime_call.Real(CLOCK_MONOTONIC, &start);
+            result = sync.Lock(1100);
+            clock_gettime_call.Real(CLOCK_MONOTONIC, &end);
+            waitedMs =
+                (end.tv_sec - start.tv_sec) * 1000LL + (end.tv_nsec - start.tv_nsec) / 1000000;
+        });
+        waiter.join();
+        EXPECT_EQ(1U, result);
+        EXPECT_GE(waitedMs, 1099);
+        sync.Unlock();
+        EXPECT_EQ(0U, sync.Lock(1100));
+        sync.Unlock();
+        clock_gettime_call.Reset();
+    }
 }
 
 TEST_F(PZSyncTest, ReportsNoTimeOutOfALimitedWait) {

@@ -19,9 +19,9 @@
 ///            known only inside one process's own object. Its semaphore "/name" stays in the
 ///            system when the objects are gone.
 /// Time:      milliseconds; 0xFFFFFFFF waits without limit, 0 tries once. Limited waits end by
-///            the wall clock.
-/// Failures:  reported and answered with a result, never thrown. A lock that could not be
-///            created answers every Lock with 2.
+///            the wall clock, where it has no room for the end by the monotonic one.
+/// Failures:  reported and answered with a result, never thrown; a report may block while standard
+///            output is stuck. A lock that could not be created answers every Lock with 2.
 class PZ_API PZ_CAPABILITY("PZSync") PZSync {
 public:
     /// Who shares the lock.

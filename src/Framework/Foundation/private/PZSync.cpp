@@ -3,7 +3,6 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -28,10 +27,22 @@ constexpr unsigned int kError = 2;
 
 /// Makes the semaphore "/name", or opens it as it is; null with errno set when that fails.
 sem_t* open_semaphore(const char* name) {
-    char path[NAME_MAX + 2];  // a longer name is refused by the system, cut like this or not
-    std::snprintf(path, sizeof path, "/%s", name);
+    char* path = nullptr;  // whole, however long: the system says what it thinks of it
+    if (asprintf(&path, "/%s", name) == -1) {
+        errno = ENOMEM;
+        return nullptr;
+    }
     sem_t* const semaphore = sem_open(path, O_CREAT, 0777, kFree);
+    const int error = errno;
+    std::free(path);
+    errno = error;
     return semaphore != SEM_FAILED ? semaphore : nullptr;
+}
+
+int wait_until(sem_t* semaphore, const PZDeadline& deadline) {
+    return deadline.clock == CLOCK_REALTIME
+               ? sem_timedwait(semaphore, &deadline.time)
+               : sem_clockwait(semaphore, deadline.clock, &deadline.time);
 }
 
 /// Waits for the semaphore, on and on through interruptions: 0, or the error number.
@@ -42,9 +53,9 @@ int wait_for(sem_t* semaphore, unsigned int timeout) {
             result = sem_wait(semaphore);
         } while (result != 0 && errno == EINTR);
     } else {
-        const timespec deadline = pz_deadline_after(timeout);
+        const PZDeadline deadline = pz_deadline_after(timeout);
         do {
-            result = sem_timedwait(semaphore, &deadline);
+            result = wait_until(semaphore, deadline);
         } while (result != 0 && errno == EINTR);
     }
     return result == 0 ? 0 : errno;
