@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZSyncGuard.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cstring>
 #include <memory>
@@ -109,6 +110,30 @@ TEST(PZSyncObjectBaseTest, KeepsLockAndUnlockInItsThirdAndFourthSlot) {
     EXPECT_EQ((Calls{"lock"}), calls);
     slots[3](base);
     EXPECT_EQ((Calls{"lock", "unlock"}), calls);
+}
+
+/// Gives back where a cancellation waits.
+class CancelledUnlock : public PZSyncObjectBase {
+public:
+    void lock() const override {}
+    void unlock() const override {
+        pthread_cancel(pthread_self());
+        pthread_testcancel();
+    }
+};
+
+void* guard_scope(void* object) {
+    { const PZSyncGuard guard(*static_cast<CancelledUnlock*>(object)); }
+    return nullptr;
+}
+
+TEST(PZSyncGuardCancelTest, LetsAThreadGoThatIsCancelledWhileItGivesBack) {
+    CancelledUnlock object;
+    pthread_t thread = {};
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, guard_scope, &object));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZUnitFrame.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <cstdio>
 #include <memory>
@@ -409,6 +410,26 @@ TEST_F(PZUnitFrameInABoxTest, TwoUnitsOfOneDispatcherCannotShareABox) {
 TEST_F(PZUnitFrameInABoxTest, APayloadThatTheBoxRefusesIsAFailedMessage) {
     const StdoutCapture capture;
     EXPECT_EQ(5, unit.SendMsgSelf(1, en_MSG_NORMAL, "x", 0));
+}
+
+void* destroy_while_cancelled(void* unit) {
+    pthread_cancel(pthread_self());
+    delete static_cast<PZUnitFrame*>(unit);
+    pthread_testcancel();
+    return nullptr;
+}
+
+TEST(PZUnitFrameCancelTest, LeavesItsBoxOnAThreadThatIsBeingCancelled) {
+    PZLMsgBox box;
+    pztest::RecordingDispatcher dispatcher;
+    auto* const unit = new PZUnitFrame;
+    ASSERT_EQ(0, unit->RegistMsgBox(&box, &dispatcher));
+    pthread_t thread = {};
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, destroy_while_cancelled, unit));
+    void* result = nullptr;
+    ASSERT_EQ(0, pthread_join(thread, &result));
+    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_NE(~0UL, box.Registory(&dispatcher));
 }
 
 }  // namespace

@@ -21,7 +21,8 @@ class PZ_API PZSyncGuard {
 public:
     /// Locks `obj`; the destructor unlocks it.
     explicit PZSyncGuard(const PZSyncObjectBase& obj);
-    virtual ~PZSyncGuard();
+    /// A cancellation may leave it where `unlock` is a cancellation point.
+    virtual ~PZSyncGuard() noexcept(false);
 
     PZSyncGuard(const PZSyncGuard&) = delete;
     PZSyncGuard& operator=(const PZSyncGuard&) = delete;

@@ -41,7 +41,7 @@ public:
     /// `unitId` names the unit in reports.
     explicit PZUnitFrame(int unitId = 0);
 
-    /// Leaves the box.
+    /// Leaves the box; no cancellation point.
     virtual ~PZUnitFrame();
 
     PZUnitFrame(const PZUnitFrame&) = delete;

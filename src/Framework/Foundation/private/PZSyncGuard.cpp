@@ -6,6 +6,6 @@ PZSyncGuard::PZSyncGuard(const PZSyncObjectBase& obj) : obj_(obj) {
     obj_.lock();
 }
 
-PZSyncGuard::~PZSyncGuard() {
+PZSyncGuard::~PZSyncGuard() noexcept(false) {
     obj_.unlock();
 }

@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZUnitFrame.h"
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_uncancelled.h>
 
 namespace {
 
@@ -24,6 +25,7 @@ PZUnitFrame::PZUnitFrame(int unitId)
     : SID(kNotRegistered), pIMsgBox_(nullptr), pIDispatcher_(nullptr), unitId_(unitId) {}
 
 PZUnitFrame::~PZUnitFrame() {
+    const PZUncancelled uncancelled;  // leaving waits for the box's lock
     UnregistMsgBox();
 }
 
