@@ -673,10 +673,12 @@ TEST_F(PZThreadMngTest, AFailedDumpIsSilentAndReleasesTheLock) {
 
 /// Opens the write end of `fullPipe` instead of "/temp/ThreadInfo".
 int full_pipe_end = -1;
+FILE* full_pipe = nullptr;  // the stream of a thread that is cancelled while it closes it is lost
 
 FILE* open_full_pipe(const char* path, const char* mode) {
     if (std::string(path) != kDumpPath) return fopen_call.Real(path, mode);
-    return fdopen(full_pipe_end, "w");
+    full_pipe = fdopen(full_pipe_end, "w");
+    return full_pipe;
 }
 
 TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {

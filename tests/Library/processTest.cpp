@@ -248,8 +248,11 @@ TEST(processTest, AStartWithoutMemoryFailsAndCanBeRepeated) {
 
 TEST(processTest, AStartWithFewDescriptorsHasFewerTimerThreadsAndStops) {
     in_child([] {
-        const rlimit few = {12, 12};
+        rlimit before = {};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit few = {12, before.rlim_max};
         if (!HOLDS(setrlimit(RLIMIT_NOFILE, &few) == 0) || !start()) return false;
+        setrlimit(RLIMIT_NOFILE, &before);
         const size_t threads = pztest::threads_named(kTimerThreads).size();
         if (!HOLDS(threads < 5)) return false;
         Once timer;

@@ -714,6 +714,24 @@ TEST_F(PZLTimerSubMngWrapTest, ASumThatIsTooLargeWaitsWithoutLimit) {
     EXPECT_EQ(Ticks{49}, timer.FiredAt());
 }
 
+TEST_F(PZLTimerSubMngWrapTest, AnotherThreadThatAddsATimerAfterTheWrapEndsAWaitWithoutLimit) {
+    StartAt(kWrap - 60);
+    CallbackTimer late;
+    CallbackTimer shortOne([](TimerInfo* info) {
+        info->interval = 70;  // beyond the wrap from now on
+        return 1;
+    });
+    Add(late, 100);
+    Add(shortOne, 0);
+    EXPECT_GT(0, LastTimeOut());  // the short one does not help
+    tick.Advance(1000);
+    CallbackTimer check;
+    std::thread([&] { EXPECT_EQ(1, sub.addTimer(&check, 0)); }).join();
+    EXPECT_TRUE(wait_until([&] { return check.Fired() == 1 && sub.isActive(&check) == 0; }));
+    EXPECT_EQ(Ticks{940}, late.FiredAt());
+    EXPECT_EQ((Ticks{0xFFFFFFC4U, 940}), shortOne.FiredAt());
+}
+
 TEST_F(PZLTimerSubMngWrapTest, ASumOfZeroWaitsWithoutLimit) {
     StartAt(kWrap - 50);
     CallbackTimer timer;

@@ -193,7 +193,8 @@ public:
 /// - Intervals of 0x80000000 (24.8 days) or more are not supported: they are waited for without
 ///   limit, or fire at once when the band's previous check was long ago.
 /// - Every 49.7 days, shortly before the tick wraps, a band whose timers all expire beyond the
-///   wrap may wait without limit, until a timer is added to it.
+///   wrap may wait without limit, until a timer is added to it after the wrap: by another thread,
+///   from time to time, where a device runs that long.
 ///
 /// Threads:   any thread may call anything.
 /// Ownership: timers belong to their user. After RemoveTimer a timer is not touched any more and
