@@ -187,14 +187,15 @@ private:
     // Memory of a node. The nodes lie in blocks, because one allocation for each of them costs more
     // than all else that is done with it. The first slot of a block counts the others; the block
     // goes with the last of its nodes.
+    struct BlockHead {
+        unsigned int slots;  // the first one included
+        unsigned int used;
+        unsigned int live;  // nodes that are not erased
+    };
     struct Slot {
         union {
             Node node;
-            struct {
-                unsigned int slots;  // the first one included
-                unsigned int used;
-                unsigned int live;  // nodes that are not erased
-            } head;
+            BlockHead head;
         };
         Slot* block;
     };
