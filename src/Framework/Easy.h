@@ -6,6 +6,7 @@
 ///
 /// What docs/easy.md tells. The classes beneath are not included: PZFramework.h has them.
 
+#include <Framework/Easy/Channel.h>
 #include <Framework/Easy/Event.h>
 #include <Framework/Easy/Framework.h>
 #include <Framework/Easy/GuardedFile.h>
