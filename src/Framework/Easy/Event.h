@@ -27,9 +27,12 @@ public:
     virtual void taken() noexcept;
 
 protected:
+    /// It has nothing of its own.
+    /// @{
     Waitable() = default;
     Waitable(const Waitable&) = default;
     Waitable& operator=(const Waitable&) = default;
+    /// @}
 };
 
 /// The place in the list of the one whose signal came, and was taken; nothing when none came
@@ -55,6 +58,7 @@ public:
 
     /// One that was moved from is false.
     Event(Event&& other) noexcept;
+    /// The signals that were here before are forgotten.
     Event& operator=(Event&& other) noexcept;
 
     /// Whether it can be set and waited for.

@@ -33,6 +33,7 @@ public:
 
     /// Whoever moves takes the duty to end over.
     Framework(Framework&& other) noexcept : started_(std::exchange(other.started_, false)) {}
+    /// What was here before ends as in the destructor.
     Framework& operator=(Framework&& other) noexcept {
         Framework(std::move(other)).swap(*this);
         return *this;

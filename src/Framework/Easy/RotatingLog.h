@@ -68,6 +68,7 @@ public:
 
     /// One that was moved from is false.
     RotatingLog(RotatingLog&& other) noexcept;
+    /// Flushes the log that was here before.
     RotatingLog& operator=(RotatingLog&& other) noexcept;
 
     /// Whether it can be written to, now or later.

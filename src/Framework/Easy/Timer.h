@@ -68,6 +68,7 @@ public:
     /// stop().
     ~Timer();
 
+    /// One that was moved from is false.
     Timer(Timer&& other) noexcept;
     /// Stops the timer that was here before.
     Timer& operator=(Timer&& other) noexcept;
