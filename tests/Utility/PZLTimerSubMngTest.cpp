@@ -1082,8 +1082,10 @@ TEST(PZLTimerSubMngMemoryTest, ATimerForWhichThereIsNoMemoryIsRefusedAndNothingI
 
 TEST(PZLTimerSubMngMemoryTest, ActiveTimersFireAndRepeatWithoutMemory) {
     PZLTimerSubMng sub(30, kPriority);
-    const StdoutCapture output;
-    sub.start("timers");
+    {
+        const StdoutCapture output;
+        sub.start("timers");
+    }
     std::array<CountingTimer, 3> timers;
     for (CountingTimer& timer : timers) ASSERT_EQ(1, sub.addTimer(&timer, 1));
     bool allFired = false;
@@ -1106,16 +1108,14 @@ TEST(PZLTimerSubMngMemoryTest, ActiveTimersFireAndRepeatWithoutMemory) {
 
 TEST(PZLTimerSubMngMemoryTest, AThreadThatStartsWithoutMemoryServesItsTimers) {
     PZLTimerSubMng sub(30, kPriority);
-    StdoutCapture output;
-    CountingTimer timer;
-    ASSERT_EQ(1, sub.addTimer(&timer, 1));
-    bool fired = false;
     {
+        const StdoutCapture output;
         const pztest::GeneralMemoryShortage shortage;
         sub.start("timers");
-        fired = wait_until([&] { return timer.Fired() >= 5; });
     }
-    EXPECT_TRUE(fired);
+    CountingTimer timer;
+    EXPECT_EQ(1, sub.addTimer(&timer, 1));
+    EXPECT_TRUE(wait_until([&] { return timer.Fired() >= 5; }));
     EXPECT_EQ(1, sub.end(kIgnoredTimeout));
 }
 

@@ -43,13 +43,11 @@ static_assert(sizeof(PZLTimerMng::TimerSubInfo) == 12, "record layout");
 /// The band with its thread; without one when that cannot be started.
 PZLTimerMng::TimerSubInfo* start_band(unsigned int index) {
     const ST_BAND& band = kBands[index];
-    auto sub = std::make_unique<PZLTimerSubMng>(band.thirdValue, band.threadPriority);
     auto info = std::make_unique<PZLTimerMng::TimerSubInfo>();
-    *info = {band.lo, band.hi, sub.get()};
+    *info = {band.lo, band.hi, new PZLTimerSubMng(band.thirdValue, band.threadPriority)};
     char name[32];
     std::snprintf(name, sizeof name, "ZLTimerSubMng_%u", index);
-    sub->start(name);  // reports its failures; the band is there all the same
-    sub.release();
+    info->sub->start(name);  // reports its failures; the band is there all the same
     return info.release();
 }
 
