@@ -568,7 +568,7 @@ public:
 
     PZLTimerBase* next = nullptr;
     std::atomic<unsigned int> fired{0};
-    std::atomic<int> refused{0};
+    std::atomic<unsigned int> refused{0};
 };
 
 /// Fires once for each time that it is added.
