@@ -8,7 +8,8 @@
 ///
 /// Threads:   any thread may call anything but Loop, which belongs to the worker's thread.
 /// Ownership: payloads are copied; dispatchers are not owned.
-/// Failures:  reported and answered with a result, never thrown.
+/// Failures:  reported and answered with a result, never thrown. A refused post is reported under
+///            the box's lock: while the standard output is stuck, all posts wait.
 class PZ_API PZIMsgBox {
 public:
     /// One message.

@@ -26,7 +26,8 @@ enum EN_MSG_ID : unsigned int {
 /// Threads:   any thread may send. Registering and leaving belong to the thread that owns the
 ///            unit, at times when no other thread sends.
 /// Ownership: neither the box nor the dispatcher is owned.
-/// Failures:  reported and answered with a result, never thrown, never retried.
+/// Failures:  reported and answered with a result, never thrown, never retried. Reports wait while
+///            the standard output is stuck.
 class PZ_API PZUnitFrame {
 public:
     /// Results of the operations.

@@ -2,22 +2,19 @@
 #define PZ_FRAMEWORK_PRIVATE_PZ_STREAM_H
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 
 #include "pz_descriptor.h"
+#include "pz_uncancelled.h"
 
 /// Closes a stream even on a thread that is being cancelled. Answers as fclose does, with errno set
 /// by it.
 inline int pz_close_stream(FILE* stream) noexcept {
-    int state = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-    const int result = std::fclose(stream);
-    pthread_setcancelstate(state, nullptr);
-    return result;
+    const PZUncancelled whole;
+    return std::fclose(stream);
 }
 
 /// Opens a stream as fopen does, but close-on-exec from birth, and with a descriptor above those of

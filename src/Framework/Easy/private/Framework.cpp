@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZEvent.h>
@@ -85,8 +86,9 @@ struct ST_STARTED {
     TickKeeper* keeper = nullptr;  // owned; stays when the framework does
 };
 
-ST_STARTED& started() {
-    static ST_STARTED& instance = *new ST_STARTED;
+ST_STARTED& started() noexcept {
+    static_assert(std::is_trivially_destructible_v<ST_STARTED>, "there until the process ends");
+    static ST_STARTED instance;
     return instance;
 }
 

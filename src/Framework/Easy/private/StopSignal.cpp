@@ -6,6 +6,7 @@
 #include <csignal>
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 #include <Framework/Diagnostics/PZReport.h>
 
@@ -45,8 +46,9 @@ struct ST_HANDLERS {
     std::array<struct sigaction, kSignals.size()> former = {};  // guarded by mutex
 };
 
-ST_HANDLERS& handlers() {
-    static ST_HANDLERS& instance = *new ST_HANDLERS;
+ST_HANDLERS& handlers() noexcept {
+    static_assert(std::is_trivially_destructible_v<ST_HANDLERS>, "there until the process ends");
+    static ST_HANDLERS instance;
     return instance;
 }
 

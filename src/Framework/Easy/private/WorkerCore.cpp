@@ -36,9 +36,10 @@ struct ST_CORES {
     std::vector<std::shared_ptr<WorkerCore>> all;  // guarded by mutex
 };
 
-ST_CORES& cores() {
-    static ST_CORES& instance = *new ST_CORES;
-    return instance;
+ST_CORES& cores() noexcept {
+    alignas(ST_CORES) static unsigned char memory[sizeof(ST_CORES)];
+    static ST_CORES* const instance = new (memory) ST_CORES;
+    return *instance;
 }
 
 void forget_core(const WorkerCore* core) noexcept {
@@ -91,6 +92,10 @@ WorkerCore::~WorkerCore() {
 
 bool WorkerCore::Start() {
     boxId_ = box_.Registory(this);
+    if (boxId_ == ~0UL) {
+        PZ_REPORT_ERROR("worker [%s]: no memory\n", name_);
+        return false;
+    }
     {
         const std::lock_guard<std::mutex> lock(cores().mutex);
         cores().all.push_back(shared_from_this());

@@ -1,7 +1,6 @@
 #include "Framework/Foundation/PZFileSys.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -36,10 +35,8 @@ constexpr int kRefusalFrames = 10;
 /// Closes a directory even on a thread that is being cancelled, and leaves errno alone.
 void close_directory(DIR* dir) noexcept {
     const int error = errno;
-    int state = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    const PZUncancelled whole;
     ::closedir(dir);
-    pthread_setcancelstate(state, nullptr);
     errno = error;
 }
 

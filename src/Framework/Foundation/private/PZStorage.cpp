@@ -3,7 +3,6 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Utility/PZString.h>
 #include <Framework/private/pz_stream.h>
-#include <pthread.h>
 #include <stdio_ext.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -61,10 +60,8 @@ PZStorage::PZStorage(const wchar_t* path, const wchar_t* mode) : PZStorage() {
 /// Not cancelled in between: a destructor that did not say so would end the process, and one that
 /// did could not be that of a member of most classes.
 PZStorage::~PZStorage() {
-    int state = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+    const PZUncancelled whole;
     Close();
-    pthread_setcancelstate(state, nullptr);
 }
 
 int PZStorage::Open(const char* path, const char* mode) {

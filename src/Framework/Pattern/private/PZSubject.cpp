@@ -6,7 +6,7 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
-#include <Framework/private/pz_cancellation.h>
+#include <Framework/private/pz_uncancelled.h>
 
 PZObserver_::~PZObserver_() = default;
 
@@ -14,7 +14,7 @@ PZSubject::PZSubject() = default;
 
 PZSubject::~PZSubject() {
     if (observers_.empty()) return;
-    const PZCancellationHeld held;  // printing is a point at which a thread can be cancelled
+    const PZUncancelled held;  // printing is a point at which a thread can be cancelled
     PZ_REPORT_ERROR("call RemoveObserver() before delete. [%d]\n",
                     static_cast<int>(observers_.size()));
     PZCallStack::dumpDirectly(10);

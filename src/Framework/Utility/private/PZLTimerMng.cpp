@@ -7,7 +7,7 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZThreadMng.h>
-#include <Framework/private/pz_cancellation.h>
+#include <Framework/private/pz_uncancelled.h>
 
 template class PZSingleton<PZLTimerMng>;
 
@@ -63,7 +63,7 @@ PZLTimerMng::PZLTimerMng() : count_(0), subs_(new TimerSubInfo*[kBands.size()]) 
 }
 
 PZLTimerMng::~PZLTimerMng() {
-    const PZCancellationHeld held;  // joining is a point at which a thread can be cancelled
+    const PZUncancelled held;  // joining is a point at which a thread can be cancelled
     endBands();
 }
 

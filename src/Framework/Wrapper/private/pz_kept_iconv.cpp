@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <utility>
 
+#include <Framework/private/pz_uncancelled.h>
+
 #include "pz_iconv_names.h"
 
 namespace {
@@ -50,12 +52,10 @@ void close_slot(ST_SLOT& slot) {
 
 /// Runs when the thread ends, behind the destructors of its thread-local objects.
 void close_all(void* ofThread) noexcept {
-    int before = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const PZUncancelled whole;
     auto* const ended = static_cast<ST_STORE*>(ofThread);
     ended->isOver = true;
     for (ST_SLOT& slot : ended->slots) close_slot(slot);
-    pthread_setcancelstate(before, nullptr);
 }
 
 pthread_once_t exit_key_once = PTHREAD_ONCE_INIT;
