@@ -483,6 +483,9 @@ size_t threads_of_process() {
     return threads;
 }
 
+// The sanitizer's check of an object's type needs descriptors of its own, and takes the lack of
+// them for a wrong type.
+#ifndef __SANITIZE_ADDRESS__
 TEST(PZWorkerDescriptorsTest, MakesNoThreadWithoutItsEventsAndStartsOnceItGetsThem) {
     const pztest::ChildResult child = pztest::run_in_child([] {
         PZThreadMng::GetInstance();
@@ -562,6 +565,8 @@ TEST(PZWorkerDescriptorsTest, ServesQuietlyInAProcessWithoutFreeDescriptors) {
     EXPECT_EQ(0, child.status);
     EXPECT_EQ("", child.output);
 }
+
+#endif
 
 // A handler that throws
 

@@ -1155,6 +1155,9 @@ private:
     rlimit before_ = {};
 };
 
+// The sanitizer's check of an object's type needs descriptors of its own, and takes the lack of
+// them for a wrong type.
+#ifndef __SANITIZE_ADDRESS__
 TEST(PZLTimerSubMngDescriptorsTest, MakesNoThreadWithoutDescriptorsAndSaysWhy) {
     StdoutCapture output;
     std::unique_ptr<PZLTimerSubMng> sub;
@@ -1199,6 +1202,8 @@ TEST(PZLTimerSubMngDescriptorsTest, ServesQuietlyWithoutFurtherDescriptors) {
     EXPECT_EQ("", output.Take());
     EXPECT_EQ(1, sub.end(kIgnoredTimeout));
 }
+
+#endif
 
 // Interrupted waits
 

@@ -56,7 +56,7 @@ public:
     bool setFilePath(const std::string& dirPath, const std::string& fileName);
 
     /// Becomes the system side: makes the directory and the key files as far as they are missing
-    /// (open to everybody), attaches both segments, initialises the mutex afresh, whoever may hold
+    /// (open to everybody), attaches both segments, makes the mutex afresh, even while others hold
     /// it, and lets the applications in. Who waits in lock meanwhile goes on waiting for the fresh
     /// mutex. A key file that is a symbolic link is refused: where it leads nothing is touched.
     /// After a failure beyond an empty file name or a second call the object is of no more use.
@@ -86,7 +86,7 @@ public:
     /// attached. While somebody holds the mutex this fails, and the segments stay; initForSystem
     /// followed by destroyMutex removes them later.
     /// On an application side detaches. Afterwards the guard can be given another file, and begin
-    /// anew. False, with a call stack, when it is neither.
+    /// again. False, with a call stack, when it is neither.
     ///
     /// A forked child that goes on in its parent's place (a daemon) calls it; its destructor does
     /// not.

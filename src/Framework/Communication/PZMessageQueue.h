@@ -23,9 +23,9 @@
 ///     ...                                           ...
 ///     box.close();                                  box.close();
 ///
-/// Whoever opens the name first, creates the queue. The name is system-wide, "/" and up to 32
-/// characters; the receiving side removes it when it closes. Whoever has the queue open then, goes
-/// on with a queue that nobody reads, and should open the name anew.
+/// The first side to open the name creates the queue. The name is system-wide, "/" and up to 32
+/// characters; the receiving side removes it when it closes. A side that has it open then goes
+/// on with a queue that nobody reads, and should open the name again.
 ///
 /// One receiver per name: two would take each other's messages, the one that ends a receiver
 /// included.

@@ -119,7 +119,7 @@ private:
 
 }  // namespace detail
 
-/// Sends values of one type to whoever receives them under a name, in any process.
+/// Sends values of one type to the receiver of a name, in any process.
 ///
 ///     pz::Sender<Station> out("stations");
 ///     out.send(station);

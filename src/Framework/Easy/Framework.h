@@ -31,7 +31,7 @@ public:
 
     ~Framework();
 
-    /// Whoever moves takes the duty to end over.
+    /// The new object takes over the duty to end.
     Framework(Framework&& other) noexcept : started_(std::exchange(other.started_, false)) {}
     /// What was here before ends as in the destructor.
     Framework& operator=(Framework&& other) noexcept {

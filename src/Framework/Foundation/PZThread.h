@@ -193,7 +193,7 @@ private:
     pthread_t handle_ = kNoThread;  // changed by the controlling thread only
     std::atomic<int> tid_{kNoTid};  // kernel thread id; set by the new thread, -1 again by WaitExit
     const unsigned int watchTime_;
-    const std::unique_ptr<PZSync> sync_;  // for whoever needs one per thread; nothing takes it yet
+    const std::unique_ptr<PZSync> sync_;  // for users that need one each; nothing takes it yet
 };
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PZTHREAD_H

@@ -25,7 +25,7 @@ public:
     /// lock.
     void lock() const override;
 
-    /// Gives the lock back, whoever holds it: after a lock() that failed this lets one more in.
+    /// Gives the lock back, also of others: after a lock() that failed this lets one more in.
     void unlock() const override;
 
 private:

@@ -49,7 +49,7 @@ public:
     bool Open();
 
     /// Writes a block. 0 without an open file, and for null with a length; 1 otherwise, also when
-    /// the block could not be written: a full disk must not stop whoever logs.
+    /// the block could not be written: a full disk must not stop the caller.
     ///
     /// Reopens the file, shifting the generations, when the block and the size counter together
     /// reach the maximum. The counter is the size that the file had when this object was made, and

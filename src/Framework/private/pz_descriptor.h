@@ -32,7 +32,7 @@ inline int pz_above_standard(int fd) noexcept {
     return moved;
 }
 
-/// Owns one descriptor and closes it exactly once. Silent: whoever opens and uses it reports.
+/// Owns one descriptor and closes it exactly once. Silent: its user reports.
 class PZDescriptor {
 public:
     PZDescriptor() noexcept = default;

@@ -39,7 +39,7 @@ inline FILE* pz_open_stream(const char* path, const char* mode) {
     return moved;
 }
 
-/// Owns one stream and closes it exactly once. Silent: whoever opens and uses it reports.
+/// Owns one stream and closes it exactly once. Silent: its user reports.
 class PZStream {
 public:
     explicit PZStream(FILE* stream) noexcept : stream_(stream) {}

@@ -41,7 +41,7 @@ class WorkerCore : public PZIDispatcher, public std::enable_shared_from_this<Wor
 public:
     enum class Kind {
         thread,  // serves by its own thread
-        manual   // served by whoever calls RunOne
+        manual   // served by the caller of RunOne
     };
 
     /// `clock`: of a manual core.
@@ -153,7 +153,7 @@ private:
     std::atomic<unsigned int> waitingForRoom_{0};  // threads
     PZPriorityQueue<QueuedJob> manualQueue_{kCapacity};  // guarded by mutex_
 
-    // What is being run: written by the serving thread, read by whoever reports a hang.
+    // What is being run: written by the serving thread, read by the reporter of a hang.
     std::atomic<bool> isRunning_{false};
     std::atomic<const char*> runningFile_{nullptr};
     std::atomic<const char*> runningFunction_{nullptr};
