@@ -465,6 +465,20 @@ TEST(processTest, AProgramThatIsStartedGetsNoneOfTheDescriptors) {
     });
 }
 
+TEST(processTest, NothingIsOpenedInThePlaceOfClosedStandardDescriptors) {
+    pztest::ChildProcess child([] {
+        for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(standard);
+        Everything all;
+        int result = all.Start() ? 0 : 1;
+        for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+            if (fcntl(standard, F_GETFD) != -1) result = 2 + standard;
+        }
+        all.Stop();
+        return result;
+    });
+    EXPECT_EQ(0, child.Wait());
+}
+
 TEST(processTest, TheExitOfAForkedChildLeavesItsParentAlone) {
     in_child([] {
         static Everything all;
