@@ -7,7 +7,7 @@
 int main() {
     pz::GuardedFile settings(".", "easy_settings");
     const auto louder = [](std::string& bytes) {
-        const int volume = std::atoi(bytes.c_str());
+        const long volume = std::strtol(bytes.c_str(), nullptr, 10);
         if (volume >= 2) return false;  // loud enough: the file stays as it is
         bytes = std::to_string(volume + 1);
         return true;

@@ -4,11 +4,10 @@
 #include <cstdio>
 #include <filesystem>
 
-using namespace pz::literals;
-
 int main() {
+    constexpr std::size_t kSize = 1024;  // bytes of a file; or 1_KiB, with pz::literals
     {
-        pz::RotatingLog log("easy_log.dir", "app", 1_KiB, 3);
+        pz::RotatingLog log("easy_log.dir", "app", kSize, 3);
         if (!log) return 1;
         for (unsigned int khz = 87500; khz <= 108000; khz += 100) log.line("tuned to %u kHz", khz);
     }
@@ -18,6 +17,6 @@ int main() {
         size += entry.file_size();
         ++files;
     }
-    std::printf("%u files, %s\n", files, size <= 4_KiB ? "not above 4 KiB" : "too large");
+    std::printf("%u files, %s\n", files, size <= 4 * kSize ? "not above 4 KiB" : "too large");
     std::filesystem::remove_all("easy_log.dir");
 }

@@ -16,10 +16,12 @@ constexpr long long kWrapMs = 4294967296;  // the tick that reads 0 again
 static std::atomic<long long> tickMs{1000};
 
 // The clock behind the tick. Everything else keeps the system's time.
-extern "C" int clock_gettime(clockid_t id, timespec* now) noexcept {
-    if (id != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, id, now));
-    now->tv_sec = static_cast<time_t>(tickMs / 1000);
-    now->tv_nsec = static_cast<long>(tickMs % 1000 * 1000000);
+extern "C" int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
+    if (clock_id != CLOCK_MONOTONIC) {
+        return static_cast<int>(syscall(SYS_clock_gettime, clock_id, tp));
+    }
+    tp->tv_sec = static_cast<time_t>(tickMs / 1000);
+    tp->tv_nsec = static_cast<long>(tickMs % 1000 * 1000000);
     return 0;
 }
 

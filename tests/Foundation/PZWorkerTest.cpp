@@ -25,6 +25,7 @@
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
+#include "support/OwnProcess.h"
 #include "support/RecordingDispatcher.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
@@ -473,16 +474,6 @@ private:
     rlimit normal_ = {};
 };
 
-size_t threads_of_process() {
-    std::ifstream status("/proc/self/status");
-    std::string word;
-    while (status >> word && word != "Threads:") {
-    }
-    size_t threads = 0;
-    status >> threads;
-    return threads;
-}
-
 // The sanitizer's check of an object's type needs descriptors of its own, and takes the lack of
 // them for a wrong type.
 #ifndef __SANITIZE_ADDRESS__
@@ -490,7 +481,6 @@ TEST(PZWorkerDescriptorsTest, MakesNoThreadWithoutItsEventsAndStartsOnceItGetsTh
     const pztest::ChildResult child = pztest::run_in_child([] {
         PZThreadMng::GetInstance();
         PZWatchDog::GetInstance();
-        const size_t otherThreads = threads_of_process();
         for (unsigned int more = 0; more < 5; ++more) {
             std::unique_ptr<PZWorker> worker;
             {
@@ -502,7 +492,7 @@ TEST(PZWorkerDescriptorsTest, MakesNoThreadWithoutItsEventsAndStartsOnceItGetsTh
                 std::fflush(stdout);
                 if (worker->GetPriority() != 256) return 2;
             }
-            if (threads_of_process() != otherThreads) return 3;
+            if (!pztest::threads_named("few").empty()) return 3;
             RecordingDispatcher unit;
             const unsigned long id = worker->GetMsgBox()->Registory(&unit);
             if (worker->Start("enough") != 0) return 4;
@@ -571,20 +561,21 @@ TEST(PZWorkerDescriptorsTest, ServesQuietlyInAProcessWithoutFreeDescriptors) {
 // A handler that throws
 
 TEST_F(PZWorkerTest, ServesNothingAnyMoreWhenAHandlerThrew) {
-    const size_t otherThreads = threads_of_process();
-    const auto threadIsGone = [=] { return threads_of_process() == otherThreads; };
+    const auto isGone = [](const char* name) {
+        return wait_until([=] { return pztest::threads_named(name).empty(); });
+    };
     unit.OnMessage(1, [](const auto&) { throw 1; });
     ASSERT_EQ(0, worker.Start("throws"));
     ASSERT_EQ(0U, Post(1));
-    ASSERT_TRUE(wait_until(threadIsGone));
+    ASSERT_TRUE(isGone("throws"));
     for (unsigned int i = 0; i < 256; ++i) EXPECT_EQ(0U, Post(2));
 
     worker.End(0);  // nobody takes the request to end: it stays in the box
     EXPECT_EQ(0, worker.Start("again"));
-    ASSERT_TRUE(wait_until(threadIsGone));
+    ASSERT_TRUE(isGone("again"));
     worker.End(0);
     EXPECT_EQ(0, worker.Start("once more"));
-    ASSERT_TRUE(wait_until(threadIsGone));
+    ASSERT_TRUE(isGone("once more"));
     const StdoutCapture capture;
     for (unsigned int i = 0; i < 256; ++i) EXPECT_EQ(0U, Post(2));
     EXPECT_EQ(3U, Post(2));
