@@ -35,7 +35,8 @@ public:
     Framework(Framework&& other) noexcept : started_(std::exchange(other.started_, false)) {}
     /// What was here before ends as in the destructor.
     Framework& operator=(Framework&& other) noexcept {
-        Framework(std::move(other)).swap(*this);
+        Framework taken(std::move(other));
+        swap(taken);
         return *this;
     }
 

@@ -42,7 +42,7 @@ private:
 /// objects of any source file may use the singleton, before main too, and it is never destroyed, so
 /// that they may do so while the process ends.
 struct PZSingletonLockMemory {
-    alignas(PZSync) unsigned char bytes[sizeof(PZSync)];
+    alignas(PZSync) unsigned char bytes[sizeof(PZSync)];  ///< where the lock is made
 };
 
 /// Makes the one object of class T on first use and has it destroyed when the framework stops.

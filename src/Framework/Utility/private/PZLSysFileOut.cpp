@@ -189,7 +189,7 @@ void PZLSysFileOut::RefreshFilePath() {
     PZClock::ST_CLOCK utc = {};
     if (!PZClock::GetUtc(&utc)) return SetPath(L"");
     wchar_t stamp[32];
-    std::swprintf(stamp, std::size(stamp), L"%02d%02d%02d_%02d%02d", utc.year % 100, utc.month,
+    std::swprintf(stamp, std::size(stamp), L"%02d%02u%02u_%02u%02u", utc.year % 100, utc.month,
                   utc.day, utc.hour, utc.minute);
     SetPath(PathWith(stamp).text);
 }

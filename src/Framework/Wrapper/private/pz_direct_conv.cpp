@@ -424,6 +424,7 @@ int widen(Utf8Reader reader, ST_ROOM dst) {
         if (chunk.IsOver(dst)) return kIconvs;
         chunk.MoveTo(dst);
     }
+    // cppcheck-suppress uninitvar ; its units are written before they count
     if (chunk.IsOver(dst)) return kIconvs;
     chunk.MoveTo(dst);
     const int rest = copy_characters(reader, Writer(dst.begin, dst.size));
