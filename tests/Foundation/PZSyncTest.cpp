@@ -4,6 +4,7 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/CancelledStack.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
@@ -951,6 +953,44 @@ TEST_F(PZSyncTest, TellsTheThreadSanitizerOfLocksGivenBackByAnotherThread) {
     });
     EXPECT_EQ("", child.output);
     EXPECT_EQ(0, child.status);
+}
+
+#endif
+
+// Cancellation
+
+// The thread sanitizer is told of a wait, and not of its end.
+#ifndef __SANITIZE_THREAD__
+
+/// Waits for a lock that the test holds.
+struct Waiter {
+    PZSync sync;
+    unsigned int timeout;
+};
+
+void* wait_for_the_lock(void* argument) {
+    const pztest::CancelledStack stack;
+    auto* const waiter = static_cast<Waiter*>(argument);
+    if (waiter->sync.Lock(waiter->timeout) == 0) waiter->sync.Unlock();
+    return nullptr;
+}
+
+TEST_F(PZSyncTest, LetsAThreadGoThatIsCancelledWhileItWaits) {
+    for (const unsigned int timeout : {kNoTimeLimit, 600000U}) {
+        Waiter waiter = {{}, timeout};
+        ASSERT_EQ(0U, waiter.sync.Lock(kNoTimeLimit));
+        pthread_t thread = {};
+        ASSERT_EQ(0, pthread_create(&thread, nullptr, wait_for_the_lock, &waiter));
+        ASSERT_EQ(0, pthread_cancel(thread));  // takes effect in the wait, begun or not
+        void* result = nullptr;
+        ASSERT_EQ(0, pthread_join(thread, &result));
+        EXPECT_EQ(PTHREAD_CANCELED, result);
+        waiter.sync.Unlock();
+        std::thread([&] {
+            EXPECT_EQ(0U, waiter.sync.Lock(0)) << "the cancelled thread took it along";
+            waiter.sync.Unlock();
+        }).join();
+    }
 }
 
 #endif

@@ -582,6 +582,25 @@ TEST_F(PZWorkerTest, ServesNothingAnyMoreWhenAHandlerThrew) {
     EXPECT_EQ((Log{"msg 1"}), unit.Received());
 }
 
+// Cancellation
+
+// The address sanitizer takes the unwinding of a cancelled thread for an overrun.
+#ifndef __SANITIZE_ADDRESS__
+TEST_F(PZWorkerTest, EndsWhenItsThreadIsCancelledWhileItWaits) {
+    std::atomic<pthread_t> thread{0};
+    unit.OnMessage(1, [&](const auto&) { thread = pthread_self(); });
+    ASSERT_EQ(0, worker.Start("cancelled"));
+    const int waits = epoll_wait_call.Calls();
+    ASSERT_EQ(0U, Post(1));
+    ASSERT_TRUE(wait_until([&] { return thread != 0 && epoll_wait_call.Calls() > waits; }));
+    ASSERT_EQ(0, pthread_cancel(thread));
+    EXPECT_TRUE(wait_until([] { return pztest::threads_named("cancelled").empty(); }));
+    worker.End(0);
+    EXPECT_EQ((Log{"msg 1"}), unit.Received());
+}
+
+#endif
+
 // Out of memory
 
 TEST(PZWorkerMemoryTest, AnswersAFailedStartAndStartsOnceThereIsMemory) {
