@@ -179,9 +179,9 @@ bool FileUpdate::State::Load() {
 }
 
 bool FileUpdate::State::WriteNew() const {
-    PZDescriptor file(::open(newPath_.c_str(),
-                             O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
-                             isThere_ ? info_.st_mode & 0777U : kMode));
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW;
+    const mode_t mode = isThere_ ? info_.st_mode & 0777U : kMode;
+    PZDescriptor file(::open(newPath_.c_str(), kFlags | O_CLOEXEC, mode));
     if (!file.IsOpen()) return Refuse("open", newPath_);
     // One that was left behind may have another owner and mode. To give it away takes rights.
     if (isThere_) {
