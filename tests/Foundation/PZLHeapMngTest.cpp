@@ -1159,11 +1159,7 @@ struct BusyFile {
         return static_cast<ssize_t>(size);
     }
 
-    static FILE* Open(const char* /*path*/, const char* mode) {
-        cookie_io_functions_t calls = {};
-        calls.write = &Write;
-        return fopencookie(nullptr, mode, calls);
-    }
+    static FILE* Open(int fd, const char* mode) { return pztest::stream_instead(fd, mode, &Write); }
 };
 
 }  // namespace
@@ -1174,9 +1170,10 @@ TEST_F(PZLHeapMngFileTest, LeavesOutBlocksThatOtherThreadsAllocateMeanwhile) {
     const pztest::FakeSyslog syslogFolder;
     BusyFile busy;
     BusyFile::current = &busy;
-    pztest::fopen_call.Replace(&BusyFile::Open);
+    pztest::fdopen_call.Replace(&BusyFile::Open);
     pztest::StdoutCapture output;
     FinMemMng();
+    pztest::fdopen_call.Replace(nullptr);
     EXPECT_FALSE(busy.added.empty());
     const auto rows = block_rows(busy.text);
     ASSERT_EQ(blocks.size(), rows.size());
@@ -1259,7 +1256,7 @@ TEST_F(PZLHeapMngFileTest, IsMissingWithoutAWordWhereItCannotBeOpened) {
     pztest::StdoutCapture output;
     FinMemMng();
     const std::string printed = output.Take();
-    pztest::fopen_call.FailNext(EACCES);
+    pztest::open_call.FailNext(EACCES);
     FinMemMng();
     EXPECT_EQ(printed, output.Take());
     Free(p);

@@ -24,20 +24,18 @@
 
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
+#include "support/OwnStreams.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
 namespace {
 
-using FileOpen = FILE*(const char*, const char*);
-
 pztest::Interposed<int(__priority_which_t, id_t)> getpriority_call("getpriority");
 pztest::Interposed<int(__priority_which_t, id_t, int)> setpriority_call("setpriority");
 pztest::Interposed<int(pthread_t, clockid_t*)> pthread_getcpuclockid_call("pthread_getcpuclockid",
                                                                           ESRCH);
 pztest::Interposed<int(clockid_t, timespec*)> clock_gettime_call("clock_gettime");
-pztest::Interposed<FileOpen> fopen_call("fopen", nullptr);
 
 }  // namespace
 
@@ -54,18 +52,13 @@ int pthread_getcpuclockid(pthread_t thread_id, clockid_t* clock_id) noexcept {
 int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
     return clock_gettime_call(clock_id, tp);
 }
-// Which of the two the library calls depends on its file offset size.
-FILE* fopen(const char* filename, const char* modes) {
-    return fopen_call(filename, modes);
-}
-FILE* fopen64(const char* filename, const char* modes) {
-    return fopen_call(filename, modes);
-}
 }
 
 namespace {
 
+using pztest::fdopen_call;
 using pztest::has_report;
+using pztest::open_call;
 using pztest::StdoutCapture;
 
 constexpr char kDumpPath[] = "/temp/ThreadInfo";
@@ -95,12 +88,12 @@ unsigned int kernel_id() {
 
 /// Where the dump goes instead of "/temp/ThreadInfo".
 std::string dump_target;
-std::string dump_mode;
+int dump_flags;
 
-FILE* open_dump_target(const char* path, const char* mode) {
-    if (std::string(path) != kDumpPath) return fopen_call.Real(path, mode);
-    dump_mode = mode;
-    return fopen_call.Real(dump_target.c_str(), mode);
+int open_dump_target(const char* path, int flags, mode_t mode) {
+    if (std::string(path) != kDumpPath) return open_call.Real(path, flags, mode);
+    dump_flags = flags;
+    return open_call.Real(dump_target.c_str(), flags, mode);
 }
 
 class PZThreadMngTest : public testing::Test {
@@ -109,7 +102,8 @@ protected:
         getpriority_call.Reset();
         setpriority_call.Reset();
         pthread_getcpuclockid_call.Reset();
-        fopen_call.Reset();
+        open_call.Reset();
+        fdopen_call.Reset();
         clock_gettime_call.Reset();
     }
 
@@ -131,9 +125,9 @@ protected:
     /// What dumpThreadStatus writes.
     std::string Dump() {
         dump_target = dir.File("ThreadInfo");
-        fopen_call.Replace(&open_dump_target);
+        open_call.Replace(&open_dump_target);
         manager.dumpThreadStatus();
-        fopen_call.Replace(nullptr);
+        open_call.Replace(nullptr);
         return pztest::read_file(dump_target);
     }
 
@@ -611,10 +605,10 @@ std::promise<void>* dump_is_open = nullptr;
 std::shared_future<void>* dump_may_go_on = nullptr;
 
 /// Stops the dump, that holds the manager's lock, until the test lets it go on.
-FILE* open_slowly(const char* /*path*/, const char* /*mode*/) {
+int open_slowly(const char* /*path*/, int /*flags*/, mode_t /*mode*/) {
     dump_is_open->set_value();
     dump_may_go_on->wait();
-    return nullptr;
+    return -1;
 }
 
 TEST_F(PZThreadMngRunTimeTest, IsRefreshedWithoutTheLock) {
@@ -623,12 +617,12 @@ TEST_F(PZThreadMngRunTimeTest, IsRefreshedWithoutTheLock) {
     std::shared_future<void> mayGoOn = goOn.get_future().share();
     dump_is_open = &isOpen;
     dump_may_go_on = &mayGoOn;
-    fopen_call.Replace(&open_slowly);
+    open_call.Replace(&open_slowly);
     std::thread dumper([this] { manager.dumpThreadStatus(); });
     isOpen.get_future().wait();
     manager.checkThreadStatus();  // would wait for the dump for ever
     EXPECT_EQ(Handles{10}, asked_handles);
-    fopen_call.Replace(nullptr);
+    open_call.Replace(nullptr);
     goOn.set_value();
     dumper.join();
 }
@@ -652,7 +646,7 @@ TEST_F(PZThreadMngTest, DumpsAllRecordsInAscendingOrder) {
         "status   : 1\n"
         "\n",
         Dump());
-    EXPECT_EQ("w+e", dump_mode);
+    EXPECT_NE(0, dump_flags & O_CLOEXEC) << "from birth";
 }
 
 TEST_F(PZThreadMngTest, DumpsAnEmptyRegistryAsAnEmptyFile) {
@@ -662,10 +656,21 @@ TEST_F(PZThreadMngTest, DumpsAnEmptyRegistryAsAnEmptyFile) {
     EXPECT_EQ(0, stat(dir.File("ThreadInfo").c_str(), &status));
 }
 
+TEST_F(PZThreadMngTest, DoesNotFollowALinkInThePlaceOfTheStatusFile) {
+    const std::string victim = dir.File("victim");
+    pztest::write_file(victim, "precious");
+    ASSERT_EQ(0, symlink(victim.c_str(), dir.File("ThreadInfo").c_str()));
+    manager.registerThreadInfo(1, "first", 251, 0);
+    StdoutCapture out;
+    Dump();
+    EXPECT_EQ("", out.Take());
+    EXPECT_EQ("precious", pztest::read_file(victim));
+}
+
 TEST_F(PZThreadMngTest, AFailedDumpIsSilentAndReleasesTheLock) {
     manager.registerThreadInfo(1, "first", 251, 0);
     StdoutCapture out;
-    fopen_call.FailNext(ENOENT);
+    open_call.FailNext(ENOENT);
     manager.dumpThreadStatus();
     EXPECT_EQ("", out.Take());
     std::thread([this] { EXPECT_TRUE(manager.unregisterThreadInfo(1)); }).join();
@@ -675,9 +680,12 @@ TEST_F(PZThreadMngTest, AFailedDumpIsSilentAndReleasesTheLock) {
 int full_pipe_end = -1;
 FILE* full_pipe = nullptr;  // the stream of a thread that is cancelled while it closes it is lost
 
-FILE* open_full_pipe(const char* path, const char* mode) {
-    if (std::string(path) != kDumpPath) return fopen_call.Real(path, mode);
-    full_pipe = fdopen(full_pipe_end, "w");
+int open_full_pipe(const char* path, int flags, mode_t mode) {
+    return std::string(path) == kDumpPath ? full_pipe_end : open_call.Real(path, flags, mode);
+}
+
+FILE* remember_stream(int fd, const char* /*mode*/) {
+    full_pipe = fdopen_call.Real(fd, "w");
     return full_pipe;
 }
 
@@ -690,7 +698,8 @@ TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
     ASSERT_EQ(0, fcntl(ends[1], F_SETFL, 0));  // blocks from now on
     full_pipe_end = ends[1];
     manager.registerThreadInfo(1, "first", 251, 0);
-    fopen_call.Replace(&open_full_pipe);
+    open_call.Replace(&open_full_pipe);
+    fdopen_call.Replace(&remember_stream);
 
     static std::atomic<pid_t> dumperId;
     dumperId = 0;
@@ -710,7 +719,8 @@ TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
     ASSERT_EQ(0, pthread_cancel(dumper));
     void* result = nullptr;
     ASSERT_EQ(0, pthread_join(dumper, &result));
-    fopen_call.Replace(nullptr);
+    open_call.Replace(nullptr);
+    fdopen_call.Replace(nullptr);
     EXPECT_EQ(PTHREAD_CANCELED, result);
     EXPECT_TRUE(manager.unregisterThreadInfo(1));  // the lock is free
     close(ends[0]);
@@ -725,6 +735,13 @@ TEST_F(PZThreadMngTest, DumpsToTempThreadInfo) {
     EXPECT_EQ("name     : first\nstarttime: 0\nruntime  : 0\nwatchdog : 4000\nstatus   : 1\n\n",
               pztest::read_file(kDumpPath));
     EXPECT_EQ(0, unlink(kDumpPath));
+
+    const std::string victim = dir.File("victim");
+    pztest::write_file(victim, "precious");
+    ASSERT_EQ(0, symlink(victim.c_str(), kDumpPath));
+    manager.dumpThreadStatus();
+    EXPECT_EQ(0, unlink(kDumpPath));
+    EXPECT_EQ("precious", pztest::read_file(victim)) << "a link was followed";
 }
 
 // The manager itself.

@@ -280,11 +280,11 @@ TEST(formatsTest, TheThreadDumpIsTheExample) {
     manager.registerThreadInfo(1, "tuner", 251, 4000);
     manager.registerThreadInfo(pthread_self(), "mq_radio", 251, 4000);
     manager.notifyToWaiting();
-    pztest::fopen_call.Replace([](const char* /*path*/, const char* mode) {
-        return pztest::fopen_call.Real(target.c_str(), mode);
+    pztest::open_call.Replace([](const char* /*path*/, int flags, mode_t mode) {
+        return pztest::open_call.Real(target.c_str(), flags, mode);
     });
     manager.dumpThreadStatus();
-    pztest::fopen_call.Replace(nullptr);
+    pztest::open_call.Replace(nullptr);
     EXPECT_EQ(example("thread-dump"), pztest::read_file(target));
 }
 

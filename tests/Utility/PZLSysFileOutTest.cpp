@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <filesystem>
 #include <set>
@@ -20,6 +21,7 @@
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
+#include "support/OwnStreams.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
@@ -41,6 +43,15 @@ int do_not_sync() {
     return 0;
 }
 
+void remember(const char* path, const char* openMode, FILE* stream) {
+    if (!remembers_files) return;
+    std::string mode = openMode;
+    mode.erase(std::remove(mode.begin(), mode.end(), 'e'), mode.end());
+    const bool isInherited =
+        stream != nullptr && (fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC) == 0;
+    opened_files.push_back({path, mode, stream, isInherited});
+}
+
 pztest::Interposed<int()> sync_call("sync");
 pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
 
@@ -51,13 +62,8 @@ void sync() noexcept {
     sync_call();
 }
 FILE* fopen64(const char* path, const char* mode) {
-    FILE* stream = fopen_call(path, mode);
-    if (!remembers_files) return stream;
-    std::string rest = mode;
-    rest.erase(std::remove(rest.begin(), rest.end(), 'e'), rest.end());
-    const bool isInherited =
-        stream != nullptr && (fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC) == 0;
-    opened_files.push_back({path, rest, stream, isInherited});
+    FILE* const stream = fopen_call(path, mode);
+    remember(path, mode, stream);
     return stream;
 }
 // The tests' own system log is not the machine's.
@@ -72,6 +78,8 @@ bool PZClock::GetUtc(ST_CLOCK* clock) {
 namespace {
 
 using pztest::count_of;
+using pztest::fdopen_call;
+using pztest::open_call;
 using pztest::open_descriptors;
 using pztest::read_file;
 using pztest::StdoutCapture;
@@ -108,6 +116,22 @@ void make_sparse_file(const std::string& path, long long size) {
     ASSERT_EQ(0, truncate64(path.c_str(), size));
 }
 
+/// The file that the log opens: its path, and then its stream.
+/// @{
+char log_path[PATH_MAX];
+
+int open_log(const char* path, int flags, mode_t mode) {
+    std::snprintf(log_path, sizeof log_path, "%s", path);
+    return open_call.Real(path, flags, mode);
+}
+
+FILE* log_stream(int fd, const char* mode) {
+    FILE* const stream = fdopen_call.Real(fd, mode);
+    remember(log_path, mode, stream);
+    return stream;
+}
+/// @}
+
 /// What a disk with `space` bytes left has taken.
 struct Disk {
     size_t space;
@@ -123,10 +147,8 @@ ssize_t write_to_disk(void* /*cookie*/, const char* data, size_t size) {
     return static_cast<ssize_t>(taken);  // short, then none: 0 is a cookie's failure
 }
 
-FILE* open_on_disk(const char* /*path*/, const char* mode) {
-    cookie_io_functions_t calls = {};
-    calls.write = &write_to_disk;
-    return fopencookie(nullptr, mode, calls);
+FILE* open_on_disk(int fd, const char* mode) {
+    return pztest::stream_instead(fd, mode, &write_to_disk);
 }
 
 class PZLSysFileOutTest : public testing::Test {
@@ -135,6 +157,10 @@ protected:
         sync_call.Reset();
         sync_call.Replace(&do_not_sync);
         fopen_call.Reset();
+        open_call.Reset();
+        open_call.Replace(&open_log);
+        fdopen_call.Reset();
+        fdopen_call.Replace(&log_stream);
         opened_files.clear();
         remembers_files = true;
         utc = {2024, 3, 2, 5, 7, 8, 9};
@@ -172,7 +198,8 @@ protected:
     }
 
     pztest::TempDir dir;
-    StdoutCapture output;  // the messages of file-system operations
+    pztest::TempDir elsewhere;  // somebody else's folder
+    StdoutCapture output;       // the messages of file-system operations
 };
 
 }  // namespace
@@ -404,11 +431,38 @@ TEST_F(PZLSysFileOutTest, AppendsAtEveryOpenWithAMaximum) {
 
 TEST_F(PZLSysFileOutTest, OpenTellsThatTheFileCannotBeOpened) {
     Log log(*this, 0, 0);
-    fopen_call.FailNext(EMFILE);
+    open_call.FailNext(EMFILE);
     EXPECT_FALSE(log.Open());
     EXPECT_EQ(0, log.Text("x"));
     EXPECT_TRUE(log.Open());
     EXPECT_EQ(1, log.Text("x"));
+}
+
+TEST_F(PZLSysFileOutTest, RefusesALinkInThePlaceOfItsFile) {
+    const std::string victim = elsewhere.File("victim");
+    write_file(victim, "precious");
+    ASSERT_EQ(0, symlink(victim.c_str(), Path("app.txt").c_str()));
+    for (const unsigned int maxSize : {0U, 1000U}) {
+        Log log(*this, maxSize, 0);
+        errno = 0;
+        EXPECT_FALSE(log.Open());
+        EXPECT_EQ(ELOOP, errno);
+        EXPECT_EQ(0, log.Text("x"));
+        EXPECT_EQ("precious", read_file(victim));
+    }
+    std::filesystem::remove(victim);
+    Log log(*this, 0, 0);
+    EXPECT_FALSE(log.Open());
+    EXPECT_FALSE(std::filesystem::exists(victim)) << "nor is it made";
+}
+
+TEST_F(PZLSysFileOutTest, FollowsALinkThatIsItsFolder) {
+    ASSERT_EQ(0, symlink(dir.Path().c_str(), elsewhere.File("logs").c_str()));
+    PZLSysFileOut log(wide(elsewhere.File("logs")).c_str(), L"app", L"txt", false, 0, 0);
+    ASSERT_TRUE(log.Open());
+    log.FWrite("text");
+    log.Close();
+    EXPECT_EQ("text", Content("app.txt"));
 }
 
 TEST_F(PZLSysFileOutTest, OpenClosesTheFileThatIsOpen) {
@@ -557,6 +611,32 @@ TEST_F(PZLSysFileOutTest, ReportsGenerationsThatAreMissing) {
     EXPECT_EQ(1U, count_of(text, "failed to open [" + Path("app_0.txt") + "]"));
 }
 
+TEST_F(PZLSysFileOutTest, ShiftsNeitherFromNorToALink) {
+    const std::string secret = elsewhere.File("secret");
+    const std::string missing = elsewhere.File("missing");
+    write_file(secret, "secret");
+    ASSERT_EQ(0, symlink(secret.c_str(), Path("app_0.txt").c_str()));
+    ASSERT_EQ(0, symlink(missing.c_str(), Path("app_2.txt").c_str()));
+    write_file(Path("app_1.txt"), "1");
+    Log log(*this, 0, 3);
+    EXPECT_FALSE(log.Open());
+    EXPECT_EQ("1", Content("app_1.txt"));
+    EXPECT_FALSE(std::filesystem::exists(missing)) << "app_1.txt was written to it";
+    std::filesystem::remove(Path("app_1.txt"));
+    EXPECT_FALSE(log.Open());
+    EXPECT_FALSE(Exists("app_1.txt")) << "everybody may read a log";
+    EXPECT_EQ("secret", read_file(secret));
+}
+
+TEST_F(PZLSysFileOutTest, AShiftEmptiesNoFolderBehindALink) {
+    write_file(elsewhere.File("precious"), "precious");
+    ASSERT_EQ(0, symlink(elsewhere.Path().c_str(), Path("app_0.txt").c_str()));
+    Log log(*this, 0, 1);
+    EXPECT_FALSE(log.Open());
+    EXPECT_EQ("precious", read_file(elsewhere.File("precious")));
+    EXPECT_FALSE(Exists("app_1.txt"));
+}
+
 TEST_F(PZLSysFileOutTest, DoesNotShiftOnOpenWithAMaximum) {
     write_file(Path("app_0.txt"), "0");
     RunOnce(100, 3, "now");
@@ -674,7 +754,7 @@ TEST_F(PZLSysFileOutTest, GoesOnWithoutAFileWhenItCannotBeReopened) {
     Log log(*this, 10, 0);
     ASSERT_TRUE(log.Open());
     const int descriptors = open_descriptors();
-    fopen_call.FailNext(EMFILE);
+    open_call.FailNext(EMFILE);
     EXPECT_EQ(1, log.Text("0123456789"));
     EXPECT_EQ(descriptors - 1, open_descriptors());
     EXPECT_EQ(0, log.Text("x"));
@@ -760,7 +840,7 @@ TEST_F(PZLSysFileOutTest, RefusesAFormatThatIsNullOrFails) {
 
 TEST_F(PZLSysFileOutTest, AnswersOneWhileTheDiskIsFullAndWritesOnAfterwards) {
     disk = {0, ""};
-    fopen_call.Replace(&open_on_disk);
+    fdopen_call.Replace(&open_on_disk);
     Log log(*this, 0, 0);
     ASSERT_TRUE(log.Open());
     for (int i = 0; i < 3; ++i) {
@@ -780,7 +860,7 @@ TEST_F(PZLSysFileOutTest, AnswersOneWhileTheDiskIsFullAndWritesOnAfterwards) {
 
 TEST_F(PZLSysFileOutTest, AnswersOneForABlockThatIsWrittenInPart) {
     disk = {10, ""};
-    fopen_call.Replace(&open_on_disk);
+    fdopen_call.Replace(&open_on_disk);
     Log log(*this, 0, 0);
     ASSERT_TRUE(log.Open());
     EXPECT_EQ(1, log.Text("0123456789abc" + std::string(100000, 'x')));
@@ -795,7 +875,9 @@ TEST_F(PZLSysFileOutTest, AnswersOneForABlockThatIsWrittenInPart) {
 }
 
 TEST_F(PZLSysFileOutTest, SurvivesTheSystemsOwnFullDevice) {
-    ASSERT_EQ(0, symlink("/dev/full", Path("app.txt").c_str()));
+    open_call.Replace([](const char* /*path*/, int flags, mode_t mode) {
+        return open_call.Real("/dev/full", flags, mode);
+    });
     Log log(*this, 1000, 0);
     ASSERT_TRUE(log.Open());
     EXPECT_EQ(1, log.Text("x"));

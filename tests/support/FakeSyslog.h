@@ -11,13 +11,13 @@
 #include <string>
 
 #include "support/Interposed.h"
+#include "support/OwnStreams.h"
 #include "support/TempDir.h"
 
 // Defines system calls: to be included by one source of a test program.
 
 namespace pztest {
 
-inline Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
 inline Interposed<int(const char*, mode_t)> mkdir_call("mkdir");
 inline Interposed<int()> sync_call("sync");
 
@@ -28,12 +28,12 @@ public:
     FakeSyslog() {
         folder_ = &dir_;
         isMissing_ = false;
-        fopen_call.Replace(&open_below_folder);
+        open_call.Replace(&open_below_folder);
         mkdir_call.Replace(&make_directory);
         sync_call.Replace([] { return 0; });
     }
     ~FakeSyslog() {
-        fopen_call.Replace(nullptr);
+        open_call.Replace(nullptr);
         mkdir_call.Replace(nullptr);
         sync_call.Replace(nullptr);
     }
@@ -58,13 +58,13 @@ private:
         return path == "/Syslog" || path.compare(0, 8, "/Syslog/") == 0;
     }
 
-    static FILE* open_below_folder(const char* path, const char* mode) {
-        if (!is_below(path)) return fopen_call.Real(path, mode);
+    static int open_below_folder(const char* path, int flags, mode_t mode) {
+        if (!is_below(path)) return open_call.Real(path, flags, mode);
         if (isMissing_) {
             errno = ENOENT;
-            return nullptr;
+            return -1;
         }
-        return fopen_call.Real(folder_->File(std::string(path).substr(8)).c_str(), mode);
+        return open_call.Real(folder_->File(std::string(path).substr(8)).c_str(), flags, mode);
     }
 
     static int make_directory(const char* path, mode_t mode) {
@@ -83,9 +83,6 @@ private:
 }  // namespace pztest
 
 extern "C" {
-FILE* fopen64(const char* path, const char* mode) {
-    return pztest::fopen_call(path, mode);
-}
 int mkdir(const char* path, mode_t mode) noexcept {
     return pztest::mkdir_call(path, mode);
 }

@@ -227,6 +227,12 @@ private:
     enum class Listing { ENTRY, END, FAILED };
     enum class Removal { REMOVED, NOT_OPENED, FAILED };
 
+    /// What becomes of a link in the place of a source or destination.
+    enum class Links { FOLLOWED, REFUSED };
+
+    friend class PZLSysFileOut;  // whose files are not to be led away by a link
+    PZ_LOCAL static bool Move(const char* src, const char* dst, Links links);
+
     /// Path of an entry that a search has found.
     struct EntryPath {
         char text[1024 + 256];
@@ -245,11 +251,11 @@ private:
     PZ_LOCAL static void createParents(const char* path);
 
     PZ_LOCAL static bool Copy(const char* src, const char* dst, bool failIfExists, bool createDirs,
-                              bool& refused);
+                              bool& refused, Links links = Links::FOLLOWED);
     PZ_LOCAL static bool copyFile(const char* src, const char* dst, bool failIfExists,
-                                  bool createDirs, bool& refused);
+                                  bool createDirs, bool& refused, Links links = Links::FOLLOWED);
 
-    PZ_LOCAL static Removal removeTree(const char* path);
+    PZ_LOCAL static Removal removeTree(const char* path, Links links = Links::FOLLOWED);
     PZ_LOCAL static bool removeSubDir(DIR* dir, std::size_t length);
 
     PZ_LOCAL static constexpr void check_layout();

@@ -94,7 +94,8 @@ public:
     /// thread may be registered, unregistered or joined meanwhile.
     void checkThreadStatus();
 
-    /// Writes all records to "/temp/ThreadInfo"; silent when that cannot be opened. Holds the
+    /// Writes all records to "/temp/ThreadInfo"; silent when that cannot be opened, as where it is
+    /// a symbolic link, which is not followed. Holds the
     /// registry's lock meanwhile: where that path is a fifo that nobody reads, everything that
     /// needs the registry waits with it, starting threads included.
     void dumpThreadStatus();

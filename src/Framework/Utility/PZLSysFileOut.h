@@ -24,10 +24,13 @@
 /// Ownership:  nothing that is passed in is kept. The destructor does not close the file: call
 ///             Close. Programs that this process starts do not inherit the file.
 /// Units:      bytes.
-/// Durability: Flush and Close write all file systems to their disks (sync), which takes long; so
-/// do
-///             the copies and deletions of a shift. Opening again, and a Write that does, only hand
-///             the buffered data of the old file over to the system. Data in between are buffered.
+/// Durability: Flush and Close write all file systems to their disks (sync), which takes long, and
+///             so do the copies and deletions of a shift. Opening again, and a Write that does,
+///             only hand the buffered data of the old file over to the system. Data in between are
+///             buffered.
+/// Links:      a log's file that is a symbolic link is not opened, and a shift neither copies from
+///             one nor to one: others may be able to put links into the folder. The folder may be
+///             one.
 /// Failures:   answered by Open and Write; file-system operations report theirs. Without memory a
 ///             step of a shift fails like any other, and the log is opened all the same.
 class PZ_API PZLSysFileOut : private PZUncopyable {

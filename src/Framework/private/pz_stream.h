@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
 #include "pz_descriptor.h"
 #include "pz_uncancelled.h"
@@ -56,14 +57,15 @@ public:
     FILE* Get() const noexcept { return stream_; }
     bool IsOpen() const noexcept { return stream_ != nullptr; }
 
+    /// Gives the stream away.
+    FILE* Release() noexcept { return std::exchange(stream_, nullptr); }
+
     /// Writes what is buffered, then closes. False, with the first failure in errno, when either
     /// fails. A thread may be cancelled while it writes.
     bool Close() {
         const bool written = std::fflush(stream_) == 0;
         const int error = errno;
-        FILE* const stream = stream_;
-        stream_ = nullptr;
-        const bool closed = pz_close_stream(stream) == 0;
+        const bool closed = pz_close_stream(Release()) == 0;
         if (!written) errno = error;
         return written && closed;
     }
@@ -71,5 +73,21 @@ public:
 private:
     FILE* stream_;
 };
+
+/// Opens a file under a name of our own, to which others may have put a symbolic link: that is not
+/// followed (null, ELOOP). `mode` is "r", "w+" or "a+", with or without a 'b'; else as
+/// pz_open_stream.
+inline FILE* pz_open_own_stream(const char* path, const char* mode) {
+    const int access = *mode == 'r' ? O_RDONLY : O_RDWR | O_CREAT;
+    const int appending = *mode == 'a' ? O_APPEND : 0;
+    PZDescriptor file(::open(path, access | appending | O_CLOEXEC | O_NOFOLLOW, 0666));
+    if (!file.MoveAboveStandard()) return nullptr;
+    PZStream stream(::fdopen(file.Get(), mode));
+    if (!stream.IsOpen()) return nullptr;
+    const int fd = file.Release();
+    // Emptied once nothing can fail for want of memory; what is no file has nothing to empty.
+    if (*mode == 'w' && ::ftruncate(fd, 0) != 0 && errno != EINVAL) return nullptr;
+    return stream.Release();
+}
 
 #endif  // PZ_FRAMEWORK_PRIVATE_PZ_STREAM_H

@@ -65,14 +65,20 @@ DIR* stream_over(PZDescriptor directory) {
 
 /// Null with errno set when it cannot be opened. Not below the standard descriptors, because a
 /// search may stay open for long.
-DIR* open_directory(const char* path) {
-    return stream_over(PZDescriptor(::open(path, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC)));
+DIR* open_directory(const char* path, int flags = 0) {
+    flags |= O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
+    return stream_over(PZDescriptor(::open(path, flags)));
 }
 
 /// The directory itself, never what a link in its place leads to.
 DIR* open_below(DIR* parent, const char* name) {
     return stream_over(PZDescriptor(
         ::openat(::dirfd(parent), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+}
+
+bool is_link(const char* path) {
+    struct stat status = {};
+    return ::lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 /// Reasons that tell nothing about the directory that could not be opened.
@@ -141,11 +147,12 @@ void copy_by_kernel(FILE* in, FILE* out) {
     }
 }
 
-/// A file for writing, empty. With `mustBeNew` null and EEXIST when there is a file or directory.
-FILE* open_destination(const char* path, bool mustBeNew) {
+/// A file for writing, empty. With `mustBeNew` null and EEXIST when there is a file or directory;
+/// with `isOwn` also when there is anything else.
+FILE* open_destination(const char* path, bool mustBeNew, bool isOwn) {
     if (!mustBeNew) return pz_open_stream(path, "wb");
     FILE* const created = pz_open_stream(path, "wbx");
-    if (created != nullptr || errno != EEXIST) return created;
+    if (created != nullptr || errno != EEXIST || isOwn) return created;
     if (!PZFileSys::IsExist(path)) return pz_open_stream(path, "wb");  // a device, a pipe, a link
     errno = EEXIST;
     return nullptr;
@@ -253,8 +260,10 @@ bool PZFileSys::RemoveDirectory(const wchar_t* path, bool recursive) {
     return with_utf8(path, [&](const char* narrow) { return RemoveDirectory(narrow, recursive); });
 }
 
-PZFileSys::Removal PZFileSys::removeTree(const char* path) {
-    if (!removeSubDir(path)) return Removal::NOT_OPENED;
+PZFileSys::Removal PZFileSys::removeTree(const char* path, Links links) {
+    if (is_empty(path)) return Removal::NOT_OPENED;
+    const DirHolder dir(open_directory(path, links == Links::REFUSED ? O_NOFOLLOW : 0));
+    if (!dir.IsOpen() || !removeSubDir(dir.Get(), std::strlen(path))) return Removal::NOT_OPENED;
     return ::rmdir(path) == 0 ? Removal::REMOVED : Removal::FAILED;
 }
 
@@ -556,7 +565,7 @@ bool PZFileSys::Copy(const char* src, const char* dst, bool failIfExists, bool c
 
 /// `refused` tells that a destination which must not exist is there: somebody else's.
 bool PZFileSys::Copy(const char* src, const char* dst, bool failIfExists, bool createDirs,
-                     bool& refused) {
+                     bool& refused, Links links) {
     refused = false;
     if (is_empty(src) || is_empty(dst)) {
         PZ_REPORT_ERROR("invalid args\n");
@@ -567,8 +576,9 @@ bool PZFileSys::Copy(const char* src, const char* dst, bool failIfExists, bool c
         refused = true;
         return false;
     }
-    if (chkAttribute(src) != en_ATTR_DIRECTORY) {
-        return copyFile(src, dst, failIfExists, createDirs, refused);
+    const bool isLink = links == Links::REFUSED && is_link(src);
+    if (isLink || chkAttribute(src) != en_ATTR_DIRECTORY) {
+        return copyFile(src, dst, failIfExists, createDirs, refused, links);
     }
     bool created = false;
     if (!CreateDirectory(dst, createDirs, created)) return false;
@@ -592,7 +602,8 @@ bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bo
 }
 
 bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bool createDirs,
-                         bool& refused) {
+                         bool& refused, Links links) {
+    const bool isOwn = links == Links::REFUSED;
     refused = failIfExists && IsExist(dst);
     if (refused) {
         PZ_REPORT_ERROR("already exist [%s]\n", dst);
@@ -600,13 +611,13 @@ bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bo
     }
     if (createDirs) createParents(dst);
 
-    const PZStream in(pz_open_stream(src, "rb"));
+    const PZStream in(isOwn ? pz_open_own_stream(src, "rb") : pz_open_stream(src, "rb"));
     if (!in.IsOpen()) {
         PZ_REPORT_ERROR("failed to open [%s]\n", src);
         PZ_REPORT_LAST_ERROR();
         return false;
     }
-    PZStream out(open_destination(dst, failIfExists));
+    PZStream out(open_destination(dst, failIfExists, isOwn));
     if (!out.IsOpen()) {
         refused = failIfExists && errno == EEXIST;
         PZ_REPORT_ERROR(refused ? "already exist [%s]\n" : "failed to open [%s]\n", dst);
@@ -670,18 +681,22 @@ bool PZFileSys::copyDirectory(const char* src, const char* dst, bool failIfExist
 }
 
 bool PZFileSys::Move(const char* src, const char* dst) {
+    return Move(src, dst, Links::FOLLOWED);
+}
+
+bool PZFileSys::Move(const char* src, const char* dst, Links links) {
     if (is_empty(src) || is_empty(dst)) return false;
     if (IsExist(dst)) {
         PZ_REPORT_ERROR("[%s] is already exist.\n", dst);
         return false;
     }
     bool refused = false;
-    if (!Copy(src, dst, true, true, refused)) {
+    if (!Copy(src, dst, true, true, refused, links)) {
         PZ_REPORT_ERRNO("dst [%s]\n", dst);
         if (!refused) RemoveDirectory(dst, true);
         return false;
     }
-    const Removal removal = removeTree(src);
+    const Removal removal = removeTree(src, links);
     if (removal == Removal::FAILED || (removal == Removal::NOT_OPENED && is_shortage(errno))) {
         PZ_REPORT_ERRNO("src [%s]\n", src);
         return false;

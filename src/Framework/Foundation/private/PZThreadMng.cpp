@@ -15,6 +15,7 @@
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_stream.h>
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(offsetof(PZThreadMng::ThreadInfo, handle) == 0);
@@ -97,7 +98,7 @@ void set_name(PZThreadMng::ThreadInfo& info, const char* name) {
 /// The status file. Closing it may write, where a thread can be cancelled.
 class DumpFile {
 public:
-    DumpFile() : file_(std::fopen(kDumpPath, "w+e")) {}
+    DumpFile() : file_(pz_open_own_stream(kDumpPath, "w+")) {}
     ~DumpFile() noexcept(false) {
         if (file_ != nullptr) std::fclose(file_);
     }

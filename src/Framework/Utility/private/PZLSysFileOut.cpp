@@ -228,7 +228,7 @@ bool PZLSysFileOut::OpenAct() {
     if (!to_utf8(path_, path)) return false;
     const char* const appending = isBinary_ ? "ab+" : "a+";
     const char* const fromEmpty = isBinary_ ? "wb+" : "w+";
-    stream_ = pz_open_stream(path, isAppending ? appending : fromEmpty);
+    stream_ = pz_open_own_stream(path, isAppending ? appending : fromEmpty);
     return stream_ != nullptr;
 }
 
@@ -250,7 +250,7 @@ void PZLSysFileOut::BackupAct() {
         Utf8Path from;
         const Path path = GenerationPath(i);
         if (!to_utf8(path.text, from)) return;
-        PZFileSys::Move(from, to);
+        PZFileSys::Move(from, to, PZFileSys::Links::REFUSED);
         std::memcpy(to, from, sizeof to);
     }
 }
