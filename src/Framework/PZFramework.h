@@ -35,6 +35,7 @@
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/PZApi.h>
+#include <Framework/PZUncopyable.h>
 #include <Framework/Pattern/PZSerializable.h>
 #include <Framework/Pattern/PZSubject.h>
 #include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>

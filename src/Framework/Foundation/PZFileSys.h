@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <Framework/Foundation/PZSingleton.h>
 #include <Framework/PZApi.h>
+#include <Framework/PZUncopyable.h>
 
 /// Files and directories: searching, asking, creating, copying, moving, deleting.
 ///

@@ -8,17 +8,7 @@
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/PZApi.h>
-
-/// Base of classes whose objects are not copied.
-class PZUncopyable {
-public:
-    PZUncopyable(const PZUncopyable&) = delete;
-    PZUncopyable& operator=(const PZUncopyable&) = delete;
-
-protected:
-    PZUncopyable() = default;
-    ~PZUncopyable() = default;
-};
+#include <Framework/PZUncopyable.h>
 
 /// The list of functions that destroy the process's singletons.
 ///

@@ -1,8 +1,8 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZSTORAGE_H
 #define PZ_FRAMEWORK_FOUNDATION_PZSTORAGE_H
 
-#include <Framework/Foundation/PZSingleton.h>
 #include <Framework/PZApi.h>
+#include <Framework/PZUncopyable.h>
 
 #include <cstdio>
 

@@ -1,8 +1,8 @@
 #ifndef PZ_FRAMEWORK_PATTERN_PZSERIALIZABLE_H
 #define PZ_FRAMEWORK_PATTERN_PZSERIALIZABLE_H
 
-#include <Framework/Foundation/PZSingleton.h>
 #include <Framework/PZApi.h>
+#include <Framework/PZUncopyable.h>
 #include <Framework/Utility/PZString.h>
 
 #include <cstddef>

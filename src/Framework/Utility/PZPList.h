@@ -1,12 +1,12 @@
 #ifndef PZ_FRAMEWORK_UTILITY_PZPLIST_H
 #define PZ_FRAMEWORK_UTILITY_PZPLIST_H
 
-#include <Framework/Foundation/PZSingleton.h>
-
 #include <cstddef>
 #include <iterator>
 #include <memory>
 #include <new>
+
+#include <Framework/PZUncopyable.h>
 
 /// Memory from the heap, for containers: a standard allocator without state.
 template <typename T>

@@ -3,8 +3,8 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Foundation/PZFileSys.h>
-#include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZTickCount.h>
+#include <Framework/PZUncopyable.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_child.h>
 #include <Framework/private/pz_descriptor.h>

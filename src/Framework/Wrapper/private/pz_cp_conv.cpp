@@ -2,7 +2,7 @@
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/PZUncopyable.h>
 #include <Framework/Wrapper/cp_conv_basic_rds.h>
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #ifndef PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_KEPT_ICONV_H
 #define PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_KEPT_ICONV_H
 
-#include <Framework/Foundation/PZSingleton.h>
+#include <Framework/PZUncopyable.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <iconv.h>
 

@@ -1,7 +1,6 @@
 #include "Framework/Wrapper/pz_stdlib.h"
 
 #include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Foundation/PZSingleton.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <cwchar>
 #include <cwctype>
 
+#include <Framework/PZUncopyable.h>
 #include <Framework/private/pz_child.h>
 #include <Framework/private/pz_descriptor.h>
 
