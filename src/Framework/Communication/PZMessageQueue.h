@@ -109,10 +109,12 @@ public:
     int receive(MSG_TYPE& type, void* data, unsigned int size);
 
 private:
+    friend class PZMessageQueue<0>;
     friend class PZMessageQueue<1>;
 
     static constexpr mqd_t kNoQueue = -1;
 
+    PZ_LOCAL bool open(const OpenParam& p, unsigned int sides);
     PZ_LOCAL int post(const unsigned char* message, size_t length,
                       unsigned int systemPriority) const;
 
@@ -121,6 +123,7 @@ private:
     // The byte behind the longest message: as many bytes are handed on as were received, from the
     // second one on.
     unsigned char rxBuffer_[kMaxMessageSize + 1] = {};
+    unsigned short shown_ = 0;  // entry of pz_inspection, 0: none
 };
 
 /// The sending side: user data to a queue of 64 messages.

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include <Framework/Diagnostics/pz_inspection.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/PZApi.h>
@@ -120,9 +121,19 @@ private:
     };
     PZ_LOCAL static const PriorityRow priTable_[79];  // ascending wide priorities
 
+    /// A registered thread, which is shown to those who look at the process.
     struct Record : ThreadInfo {
+        PZ_LOCAL Record(const ThreadInfo& info, int knownTid);
+        PZ_LOCAL ~Record();
+        Record(const Record&) = delete;
+        Record& operator=(const Record&) = delete;
+
+        PZ_LOCAL void Replace(const ThreadInfo& info, int newTid);
+        PZ_LOCAL void Show();
+
         int tid;            // kernel id of the thread, 0 when it was not the one that registered
         const void* owner;  // the PZThread that will unregister it, or null
+        ST_INSPECTED_THREAD<PZInspectionLive> shown;
     };
 
     // What a PZThread does about its own registration. The system gives the handle of a joined

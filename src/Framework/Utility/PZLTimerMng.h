@@ -15,7 +15,6 @@
 
 class PZLTimerBase;
 class PZLTimerMng;
-class PZLoopWait;
 extern template class PZ_API PZSingleton<PZLTimerMng>;
 
 /// One timer thread and its timers.
@@ -80,6 +79,8 @@ public:
     /// @}
 
 private:
+    struct PZ_LOCAL Kept;
+
     /// Timers by their expiries, as numbers of 32 bits.
     using ExpiryIndex = std::multimap<unsigned int, PZLTimerBase*>;
 
@@ -101,7 +102,7 @@ private:
     };
 
     PZ_LOCAL static unsigned int leftOf(const Wait& wait, unsigned int now);
-    PZ_LOCAL static void fire(Timers& due, unsigned int now);
+    PZ_LOCAL void fire(Timers& due, unsigned int now);
 
     PZ_LOCAL int startThread(const char* name);
     PZ_LOCAL void takeFirstTick();
@@ -120,6 +121,7 @@ private:
     PZ_LOCAL bool isAnyDueLocked(unsigned int now) const PZ_REQUIRES(sync_);
     PZ_LOCAL unsigned int nextWaitLocked(unsigned int now) const PZ_REQUIRES(sync_);
     PZ_LOCAL void waitWithoutLimitLocked() PZ_REQUIRES(sync_);
+    PZ_LOCAL void showLocked() PZ_REQUIRES(sync_);
 
     unsigned int lastCheck_ PZ_GUARDED_BY(sync_);  // tick of the previous check
     [[maybe_unused]] const unsigned int thirdValue_;
@@ -127,7 +129,7 @@ private:
     TimerMap timers_ PZ_GUARDED_BY(sync_);  // active; due ones are outside while they fire
     PZSync sync_;                           // held while callbacks run
     PZThread<PZLTimerSubMng> thread_;
-    const std::unique_ptr<PZLoopWait> loopWait_;
+    const std::unique_ptr<Kept> kept_;
     ExpiryIndex index_ PZ_GUARDED_BY(sync_);  // of timers_
     Wait wait_ PZ_GUARDED_BY(sync_);          // of the thread; without limit while it checks
     Wait due_ PZ_GUARDED_BY(sync_);           // ends with the next check, never before wait_

@@ -18,6 +18,8 @@
 #include <Framework/private/pz_descriptor.h>
 #include <Framework/private/pz_uncancelled.h>
 
+#include "../../Diagnostics/private/PZInspection.h"
+
 namespace PZMsgQ {
 namespace {
 
@@ -93,6 +95,11 @@ PZMessageQueue<2>::~PZMessageQueue() {
 }
 
 bool PZMessageQueue<2>::open(const OpenParam& p) {
+    return open(p, PZ_INSPECTED_QUEUE_SENDS | PZ_INSPECTED_QUEUE_RECEIVES);
+}
+
+bool PZMessageQueue<2>::open(const OpenParam& p, unsigned int sides) {
+    static_assert(offsetof(PZMessageQueue, name_) == kInspectedQueueName, "as pz_inspection says");
     if (p.name == nullptr) {
         PZ_REPORT_ERROR("name is null.\n");
         PZ_REPORT_ASSERTION();
@@ -114,11 +121,14 @@ bool PZMessageQueue<2>::open(const OpenParam& p) {
     close(false);
     handle_ = handle;
     pz_strncpy(name_, kMaxNameLength, p.name, kMaxNameLength);
+    shown_ = pz_inspection_queue_opened(this, sides);
     return true;
 }
 
 void PZMessageQueue<2>::close(bool unlink) {
     if (isOpened()) {
+        pz_inspection_queue_closed(shown_);
+        shown_ = 0;
         mq_close(handle_);
         handle_ = kNoQueue;
     }
@@ -130,28 +140,33 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
     constexpr int kError = -1;
     constexpr int kFull = -2;
     constexpr int kInvalid = -3;
+    const auto answer = [this, type](int result) {
+        PZInspectedQueue& shown = pz_inspection_queue(shown_);
+        if (type != en_MSG_TYPE_QUIT) pz_inspect_count(result == 0 ? shown.sent : shown.refused);
+        return result;
+    };
     if (size > kMaxPayload) {
         PZ_REPORT_ERROR("size over(%d)\n", static_cast<int>(size));
-        return kInvalid;
+        return answer(kInvalid);
     }
     if (type == en_MSG_TYPE_USER && priority == 0) {
         PZ_REPORT_ERROR("invalid priority(%d)\n", priority);
-        return kInvalid;
+        return answer(kInvalid);
     }
     if (!isOpened()) {
         PZ_REPORT_ERROR("not opened\n");
-        return kError;
+        return answer(kError);
     }
     if (data == nullptr && size != 0) {
         PZ_REPORT_ERROR("invalid args\n");
-        return kInvalid;
+        return answer(kInvalid);
     }
     unsigned char message[1 + kMaxPayload + kTrailer];
     message[0] = type;
     if (size != 0) std::memcpy(message + 1, data, size);
     std::memset(message + 1 + size, 0, kTrailer);
     int error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
-    if (error == 0) return 0;
+    if (error == 0) return answer(0);
 
     // Only now asked for, because asking costs as much as sending. A full queue answers so whatever
     // else is wrong with the message.
@@ -162,10 +177,10 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
         // Somebody may have taken a message since this one was refused.
         PZ_REPORT_ERROR("que full (%s) %d/%d\n", name_, static_cast<int>(attr.mq_maxmsg),
                         static_cast<int>(attr.mq_maxmsg));
-        return kFull;
+        return answer(kFull);
     }
     PZ_REPORT_ERROR("error : errno[%d : %s]\n", error, std::strerror(error));
-    return kError;
+    return answer(kError);
 }
 
 int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
@@ -191,6 +206,7 @@ int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
     const auto length = static_cast<size_t>(received);
     rxBuffer_[length] = 0;  // never a byte of the message before, not even as a type
     type = static_cast<MSG_TYPE>(rxBuffer_[0]);
+    if (type != en_MSG_TYPE_QUIT) pz_inspect_count(pz_inspection_queue(shown_).received);
     std::memcpy(data, rxBuffer_ + 1, length);
     return static_cast<int>(received);
 }
@@ -218,7 +234,7 @@ PZMessageQueue<0>::~PZMessageQueue() {
 }
 
 bool PZMessageQueue<0>::open(const OpenParam& p) {
-    return queue_.open({p.name, kCapacity});
+    return queue_.open({p.name, kCapacity}, PZ_INSPECTED_QUEUE_SENDS);
 }
 
 void PZMessageQueue<0>::close() {
@@ -244,7 +260,7 @@ bool PZMessageQueue<1>::open(const OpenParam& p) {
         return false;
     }
     // The thread may be waiting in the queue that is open.
-    if (thread_.isStarted() || !queue_.open({p.name, kCapacity})) {
+    if (thread_.isStarted() || !queue_.open({p.name, kCapacity}, PZ_INSPECTED_QUEUE_RECEIVES)) {
         PZ_REPORT_ERROR("open error\n");
         return false;
     }

@@ -22,6 +22,7 @@
 #include <Framework/Utility/PZLSysFileOut.h>
 #include <Framework/Utility/PZString.h>
 
+#include "../../Diagnostics/private/PZInspection.h"
 #include "../../private/pz_callers.h"
 
 namespace {
@@ -105,11 +106,20 @@ struct ST_HEAP {
 
 ST_HEAP heap;
 
+using PZInspectedHeap = ST_INSPECTED_HEAP<PZInspectionLive>;
+static_assert(offsetof(ST_HEAP, threads) - offsetof(ST_HEAP, total) ==
+              offsetof(PZInspectedHeap, threads));
+static_assert(sizeof(ST_THREAD_USAGE) == sizeof(PZInspectedHeap::threads[0]));
+static_assert(sizeof heap.threads == sizeof(PZInspectedHeap::threads));
+
 /// Made on first use: an application that never allocates here has no lock. Never destroyed:
 /// static objects that are older than the first block may release theirs while the process ends.
 PZSync& heap_lock() {
     alignas(PZSync) static unsigned char memory[sizeof(PZSync)];
-    static PZSync* const lock = new (memory) PZSync;
+    static PZSync* const lock = [] {
+        pz_inspect_set(pz_inspection.heap, &heap.total);
+        return new (memory) PZSync;
+    }();
     return *lock;
 }
 

@@ -11,6 +11,7 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 
+#include "../../Diagnostics/private/PZInspection.h"
 #include "pz_deadline.h"
 #include "pz_tsan.h"
 
@@ -78,6 +79,9 @@ PZSync::PZSync() : PZSync("", en_TYPE_UNNAMED) {
     static_assert(offsetof(PZSync, nest_) == 44, "record layout");
     static_assert(sizeof(PZSync) == 48, "record layout");
 #endif
+    static_assert(offsetof(PZSync, type_) == kInspectedLockType, "as pz_inspection says");
+    static_assert(offsetof(PZSync, name_) == kInspectedLockName, "as pz_inspection says");
+    static_assert(offsetof(PZSync, owner_) == kInspectedLockOwner, "as pz_inspection says");
 }
 
 PZSync::PZSync(const char* name, EN_TYPE type)

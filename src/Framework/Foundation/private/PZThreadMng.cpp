@@ -17,6 +17,8 @@
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_stream.h>
 
+#include "../../Diagnostics/private/PZInspection.h"
+
 #if __SIZEOF_POINTER__ == 4
 static_assert(offsetof(PZThreadMng::ThreadInfo, handle) == 0);
 static_assert(offsetof(PZThreadMng::ThreadInfo, priority) == 4);
@@ -148,15 +150,15 @@ bool PZThreadMng::registerThreadInfo(unsigned long handle, const char* name, int
 }
 
 bool PZThreadMng::registerThreadInfo(const ThreadInfo& info) {
-    Record fresh = {info, 0, nullptr};
+    ThreadInfo fresh = info;
     fresh.name[sizeof fresh.name - 1] = '\0';  // the dump prints it as a string
     const bool isOwn = info.handle == pthread_self();
-    if (isOwn) fresh.tid = pz_get_current_thread_id();
+    const int tid = isOwn ? pz_get_current_thread_id() : 0;
     try {
         const PZSyncLock lock(*sync_);
-        const auto [record, isNew] = threads_.try_emplace(info.handle, fresh);
-        const int knownTid = record->second.tid;
-        if (!isNew && isOwn && knownTid != 0 && knownTid != fresh.tid) record->second = fresh;
+        const auto [entry, isNew] = threads_.try_emplace(info.handle, fresh, tid);
+        Record& record = entry->second;
+        if (!isNew && isOwn && record.tid != 0 && record.tid != tid) record.Replace(fresh, tid);
         return true;
     } catch (const std::bad_alloc&) {
     }
@@ -171,6 +173,7 @@ void PZThreadMng::claimThreadInfo(unsigned long handle, const void* owner) {
     if (record == nullptr) return;  // there was no memory for it
     record->tid = tid;
     record->owner = owner;
+    record->Show();
 }
 
 void PZThreadMng::releaseThreadInfo(unsigned long handle, const void* owner, int tid) {
@@ -208,9 +211,10 @@ bool PZThreadMng::getLabel(unsigned long handle, char* out) {
 
 bool PZThreadMng::setWatchTime(unsigned long handle, unsigned int ms) {
     const PZSyncLock lock(*sync_);
-    ThreadInfo* const info = FindLocked(handle);
+    Record* const info = FindLocked(handle);
     if (info == nullptr) return false;
     info->watchTime = ms;
+    info->Show();
     return true;
 }
 
@@ -247,9 +251,10 @@ bool PZThreadMng::SetPriority(unsigned long handle, int priority, unsigned int t
         return false;
     }
     const PZSyncLock lock(*sync_);
-    ThreadInfo* const info = FindLocked(handle);
+    Record* const info = FindLocked(handle);
     if (info == nullptr) return false;
     info->priority = priority;
+    info->Show();
     return true;
 }
 
@@ -316,4 +321,31 @@ int PZThreadMng::get_narrow_priority(int wide) {
 PZThreadMng::Record* PZThreadMng::FindLocked(unsigned long handle) {
     const auto record = threads_.find(handle);
     return record != threads_.end() ? &record->second : nullptr;
+}
+
+PZThreadMng::Record::Record(const ThreadInfo& info, int knownTid)
+    : ThreadInfo(info), tid(knownTid), owner(nullptr) {
+    pz_inspect_set(shown.handle, reinterpret_cast<const void*>(info.handle));
+    pz_inspect_set(shown.name, name);
+    Show();
+    pz_inspection_join(pz_inspection.threads, shown, PZ_INSPECTED_THREAD_KIND);
+}
+
+PZThreadMng::Record::~Record() {
+    pz_inspection_leave(pz_inspection.threads, shown);
+}
+
+/// Another thread has got the handle.
+void PZThreadMng::Record::Replace(const ThreadInfo& info, int newTid) {
+    static_cast<ThreadInfo&>(*this) = info;
+    tid = newTid;
+    owner = nullptr;
+    Show();
+}
+
+/// After a change of what is shown.
+void PZThreadMng::Record::Show() {
+    pz_inspect_set(shown.tid, tid);
+    pz_inspect_set(shown.priority, priority);
+    pz_inspect_set(shown.watchTimeMs, watchTime);
 }

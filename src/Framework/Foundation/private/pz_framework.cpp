@@ -1,6 +1,8 @@
 #include "Framework/Foundation/pz_framework.h"
 
+#include <pthread.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <new>
 
@@ -10,8 +12,10 @@
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/SharedMemory/PZSharedMemoryFinalizer.h>
 #include <Framework/Utility/PZLTimerMng.h>
+#include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_standard_descriptors.h>
 
+#include "../../Diagnostics/private/PZInspection.h"
 #include "pz_identity_record.h"
 
 namespace {
@@ -29,6 +33,13 @@ void open_log() {
     const PZStandardDescriptorsTaken taken;  // the log's connection stays open
     // The log keeps the pointer: the stored name stays where it is as long as the process lives.
     openlog(pz_GetName(), LOG_PID | LOG_CONS | LOG_NDELAY, LOG_USER);
+}
+
+/// Who started the framework: that thread is in no registry.
+void show_process() {
+    pz_inspect_set(pz_inspection.mainThread, reinterpret_cast<const void*>(pthread_self()));
+    pz_inspect_set(pz_inspection.mainTid, pz_get_current_thread_id());
+    pz_inspect_set(pz_inspection.pid, getpid());
 }
 
 /// What the thread manager answers to its start; 0 when a manager cannot be had.
@@ -49,6 +60,7 @@ int pz_FwInitialize(const char* name, int id) {
 
     InitMemMng();
     pz_SetIdentity(name, id);
+    show_process();
     open_log();
     const int result = start_managers();
     if (result == 0) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "../../Diagnostics/private/PZInspection.h"
 #include "pz_identity_record.h"
 
 namespace {
@@ -33,4 +34,6 @@ void pz_SetIdentity(const char* name, int id) {
     if (length != 0) std::memmove(identity.name, name, length);
     identity.name[length] = '\0';
     identity.id = id;
+    pz_inspect_set(pz_inspection.name, identity.name);
+    pz_inspect_set(pz_inspection.id, id);
 }

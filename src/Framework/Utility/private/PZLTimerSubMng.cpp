@@ -1,6 +1,7 @@
 #include <sys/prctl.h>
 
 #include <cerrno>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -11,6 +12,9 @@
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Foundation/private/PZLoopWait.h>
 #include <Framework/Utility/PZLTimerMng.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+
+#include "../../Diagnostics/private/PZInspection.h"
 
 namespace {
 
@@ -37,14 +41,31 @@ constexpr bool is_without_limit(unsigned int waitMs) {
     return waitMs == 0 || waitMs > kLongestWaitMs;
 }
 
+/// Counts a callback that is called so late. When a count would overflow, all are halved.
+void count_lateness(PZInspectedBand& shown, unsigned int lateMs) {
+    pz_inspect_raise(shown.worstLateMs, lateMs);
+    constexpr unsigned int kLast = std::size(PZ_INSPECTED_LATENESS_MS) - 1;
+    unsigned int place = 0;
+    while (place < kLast && PZ_INSPECTED_LATENESS_MS[place] < lateMs) ++place;
+    if (pz_inspect_get(shown.lateness[place]) == 0xFFFF) {
+        for (auto& count : shown.lateness) pz_inspect_set(count, pz_inspect_get(count) / 2);
+    }
+    pz_inspect_count(shown.lateness[place]);
+}
+
 }  // namespace
+
+struct PZLTimerSubMng::Kept {
+    PZLoopWait wait;
+    PZListedBand shown;
+};
 
 PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
     : lastCheck_(0),
       thirdValue_(thirdValue),
       threadPriority_(threadPriority),
       thread_(this, kWatchTimeMs),
-      loopWait_(std::make_unique<PZLoopWait>()),
+      kept_(std::make_unique<Kept>()),
       wait_{0, 0},
       due_{0, 0},
       isWoken_(false),
@@ -77,14 +98,14 @@ int PZLTimerSubMng::start(const char* name) {
 
 // A thread that could not be woken would be of no use to anybody.
 int PZLTimerSubMng::startThread(const char* name) {
-    if (!loopWait_->Open() || !thread_.Start(name)) return 0;
+    if (!kept_->wait.Open() || !thread_.Start(name)) return 0;
     while (sem_wait(&firstTickTaken_) != 0 && errno == EINTR) {
     }
     return 1;
 }
 
 int PZLTimerSubMng::end(unsigned int /*timeout*/) {
-    loopWait_->End();
+    kept_->wait.End();
     return thread_.WaitExit() == 0 ? 1 : 0;
 }
 
@@ -114,6 +135,7 @@ int PZLTimerSubMng::removeTimer(PZLTimerBase* t) {
     if (timer == timers_.end()) return 0;
     index_.erase(timer->second.byExpiry);
     timers_.erase(timer);
+    showLocked();
     return 1;
 }
 
@@ -148,6 +170,8 @@ void PZLTimerSubMng::Finalize() {
     index_.clear();
     timers_.clear();
     waitWithoutLimitLocked();
+    pz_inspect_set(kept_->shown.tid, 0U);
+    showLocked();
 }
 
 // A timer that is added before this reading could expire outside the first check's window and
@@ -158,6 +182,7 @@ void PZLTimerSubMng::takeFirstTick() {
         lastCheck_ = tick_now();
         waitWithoutLimitLocked();
         isWoken_ = false;
+        pz_inspect_set(kept_->shown.tid, pz_get_current_thread_id());
         if (!timers_.empty()) wakeLocked();  // added while there was no thread
     }
     sem_post(&firstTickTaken_);
@@ -165,7 +190,7 @@ void PZLTimerSubMng::takeFirstTick() {
 
 int PZLTimerSubMng::waitForEvent(unsigned int waitMs) {
     PZWatchDog::GetInstance()->IntoWait();
-    const int result = loopWait_->Wait(waitMs == 0 ? kNoLimit : waitMs);
+    const int result = kept_->wait.Wait(waitMs == 0 ? kNoLimit : waitMs);
     PZWatchDog::GetInstance()->OutWait();
     return result;
 }
@@ -220,6 +245,7 @@ bool PZLTimerSubMng::insertLocked(PZLTimerBase* t, unsigned int ms) {
         throw;
     }
     provideCheckLocked(now);
+    showLocked();
     return true;
 }
 
@@ -240,7 +266,7 @@ void PZLTimerSubMng::provideCheckLocked(unsigned int now) {
 }
 
 void PZLTimerSubMng::wakeLocked() {
-    isWoken_ = loopWait_->Wake() == 1;
+    isWoken_ = kept_->wait.Wake() == 1;
 }
 
 // Fires what is due; the milliseconds to the next check, 0 for no limit.
@@ -254,6 +280,7 @@ unsigned int PZLTimerSubMng::checkAllTimerLocked(unsigned int now) {
     // Counted from the check, but waited for from its end.
     wait_ = {isAnyDue ? tick_now() : now, nextWaitLocked(now)};
     due_ = wait_;
+    showLocked();
     return wait_.ms;
 }
 
@@ -283,9 +310,23 @@ void PZLTimerSubMng::takeLocked(ExpiryIndex::iterator first, ExpiryIndex::iterat
 
 // Calls the timers in the order of their addresses. Those that repeat stay; the others go.
 void PZLTimerSubMng::fire(Timers& due, unsigned int now) {
+    if (due.byAddress.empty()) return;
+    PZInspectedBand& shown = kept_->shown;
+    const unsigned int firstMs = pz_inspection_now();
+    unsigned int beginMs = firstMs;
     for (auto it = due.byAddress.begin(); it != due.byAddress.end();) {
         Timer& timer = it->second;
-        if (it->first->OnTimer(&timer) == 0) {
+        const unsigned int expiry = static_cast<unsigned int>(timer.expiry);
+        count_lateness(shown, now - expiry + (beginMs - firstMs));
+        pz_inspect_set(shown.beganMs, beginMs);
+        pz_inspect_set(shown.timer, it->first);
+        const int again = it->first->OnTimer(&timer);
+        pz_inspect_set(shown.timer, nullptr);
+        pz_inspect_count(shown.fired);
+        const unsigned int endMs = pz_inspection_now();
+        pz_inspect_raise(shown.longestMs, endMs - beginMs);
+        beginMs = endMs;
+        if (again == 0) {
             due.byExpiry.erase(timer.byExpiry);
             it = due.byAddress.erase(it);  // the timer itself may be deleted already
             continue;
@@ -304,6 +345,11 @@ void PZLTimerSubMng::armAgainLocked(Timers& due) {
         const auto back = timers_.insert(std::move(timer));
         if (back.inserted) back.position->second.byExpiry = index_.insert(std::move(expiry));
     }
+}
+
+void PZLTimerSubMng::showLocked() {
+    pz_inspect_set(kept_->shown.active, timers_.size());
+    pz_inspect_set(kept_->shown.nextTick, due_.start + due_.ms);
 }
 
 bool PZLTimerSubMng::isAnyDueLocked(unsigned int now) const {

@@ -1,0 +1,132 @@
+#include "PZInspection.h"
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <ctime>
+
+namespace {
+
+using Table = ST_INSPECTION<PZInspectionLive>;
+
+PZInspectedQueue queues[PZ_INSPECTED_QUEUES + 1];  // the first one is nobody's
+PZInspectedWait waits[PZ_INSPECTED_WAITS];
+
+/// The entry is the caller's when this answers true.
+template <typename T>
+bool take(std::atomic<T>& mark, T value) {
+    T free = {};
+    return pz_inspect_get(mark) == free &&
+           mark.compare_exchange_strong(free, value, std::memory_order_relaxed);
+}
+
+PZInspectedWait* take_wait(std::uint32_t tid) {
+    for (PZInspectedWait& wait : waits) {
+        if (take(wait.tid, tid)) return &wait;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+// Constant from the first instruction of the program on: objects of static storage may join before
+// the library's own constructors have run.
+Table pz_inspection = {
+    {'P', 'Z', 'I', 'N', 'S', 'P', 'E', 'C'},
+    PZ_INSPECTION_VERSION,
+    sizeof(Table),
+    sizeof(void*),
+    sizeof(PZInspectedBox),
+    sizeof(PZInspectedBand),
+    sizeof(PZInspectedThread),
+    sizeof(PZInspectedQueue),
+    sizeof(PZInspectedWait),
+    PZ_INSPECTED_QUEUES,
+    PZ_INSPECTED_WAITS,
+    sizeof(ST_INSPECTED_HEAP<PZInspectionLive>::threads) /
+        sizeof(ST_INSPECTED_HEAP_THREAD<PZInspectionLive>),
+    kInspectedLockType,
+    kInspectedLockName,
+    kInspectedLockOwner,
+    kInspectedQueueName,
+    {0},
+    {0},
+    {0},
+    {},
+    {},
+    {},
+    {},
+    {},
+    {queues + 1},
+    {waits},
+    {},
+};
+
+std::mutex& pz_inspection_lock() {
+    static std::mutex lock;
+    return lock;
+}
+
+std::uint32_t pz_inspection_now() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<std::uint32_t>(now.tv_sec) * 1000U +
+           static_cast<std::uint32_t>(now.tv_nsec) / 1000000U;
+}
+
+// The record is whole before it can be found.
+void pz_inspection_join(PZInspectionAddress& list, PZInspectedLink& record, std::uint32_t kind) {
+    pz_inspect_set(record.kind, kind);
+    const std::lock_guard<std::mutex> lock(pz_inspection_lock());
+    pz_inspect_set(record.next, pz_inspect_get(list));
+    list.pointer.store(&record, std::memory_order_release);
+}
+
+void pz_inspection_leave(PZInspectionAddress& list, PZInspectedLink& record) {
+    const std::lock_guard<std::mutex> lock(pz_inspection_lock());
+    PZInspectionAddress* link = &list;
+    while (const void* const at = pz_inspect_get(*link)) {
+        if (at == &record) {
+            pz_inspect_set(*link, pz_inspect_get(record.next));
+            break;
+        }
+        link = &static_cast<PZInspectedLink*>(const_cast<void*>(at))->next;
+    }
+    pz_inspect_set(record.kind, 0U);
+}
+
+unsigned short pz_inspection_queue_opened(const void* queue, std::uint32_t sides) {
+    for (unsigned short entry = 1; entry <= PZ_INSPECTED_QUEUES; ++entry) {
+        PZInspectedQueue& record = queues[entry];
+        if (!take(record.queue.pointer, queue)) continue;
+        pz_inspect_set(record.sides, sides);
+        pz_inspect_set(record.sent, 0U);
+        pz_inspect_set(record.received, 0U);
+        pz_inspect_set(record.refused, 0U);
+        return entry;
+    }
+    return 0;
+}
+
+void pz_inspection_queue_closed(unsigned short entry) {
+    pz_inspect_set(queues[entry].queue, nullptr);
+}
+
+PZInspectedQueue& pz_inspection_queue(unsigned short entry) {
+    return queues[entry];
+}
+
+PZInspectedLockWait::PZInspectedLockWait(const void* lock)
+    : entry_(take_wait(static_cast<std::uint32_t>(syscall(SYS_gettid)))) {
+    if (entry_ == nullptr) return;
+    pz_inspect_set(entry_->sinceMs, pz_inspection_now());
+    pz_inspect_set(entry_->handle, reinterpret_cast<const void*>(pthread_self()));
+    pz_inspect_set(entry_->lock, lock);
+}
+
+PZInspectedLockWait::~PZInspectedLockWait() {
+    if (entry_ == nullptr) return;
+    pz_inspect_set(entry_->lock, nullptr);
+    pz_inspect_set(entry_->tid, 0U);
+}
