@@ -71,7 +71,10 @@ inline unsigned int PZSync::Lock(unsigned int timeout) PZ_NO_THREAD_SAFETY_ANALY
     // Relaxed is enough: a thread can find only an identity that it stored itself, and what the
     // lock guards is ordered by the semaphore. A lock that is not created has no owner.
     const pthread_t self = pthread_self();
-    if (owner_.load(std::memory_order_relaxed) == self) {
+    const pthread_t owner = owner_.load(std::memory_order_relaxed);
+    if (owner != 0) {
+        // The wait for another thread shows itself to tracers; a lock that is free does not.
+        if (owner != self) return Wait(timeout, EINTR);
         ++nest_;
         return 0;
     }

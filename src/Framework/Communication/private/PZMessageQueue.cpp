@@ -16,6 +16,7 @@
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_probes.h>
 #include <Framework/private/pz_uncancelled.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
@@ -166,7 +167,10 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
     if (size != 0) std::memcpy(message + 1, data, size);
     std::memset(message + 1 + size, 0, kTrailer);
     int error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
-    if (error == 0) return answer(0);
+    if (error == 0) {
+        PZ_PROBE(queue_send, static_cast<const char*>(name_), size, priority);
+        return answer(0);
+    }
 
     // Only now asked for, because asking costs as much as sending. A full queue answers so whatever
     // else is wrong with the message.
@@ -204,6 +208,7 @@ int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
         return kError;
     }
     const auto length = static_cast<size_t>(received);
+    PZ_PROBE(queue_receive, static_cast<const char*>(name_), length, priority);
     rxBuffer_[length] = 0;  // never a byte of the message before, not even as a type
     type = static_cast<MSG_TYPE>(rxBuffer_[0]);
     if (type != en_MSG_TYPE_QUIT) pz_inspect_count(pz_inspection_queue(shown_).received);

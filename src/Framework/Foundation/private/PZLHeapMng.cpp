@@ -21,6 +21,7 @@
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/Utility/PZLSysFileOut.h>
 #include <Framework/Utility/PZString.h>
+#include <Framework/private/pz_probes.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "../../private/pz_callers.h"
@@ -283,6 +284,7 @@ NewBlock new_block(unsigned int size) {
 /// when there is no memory; then the old block is no longer tracked and its memory stays taken.
 NewBlock resized_block(ST_MEM_BLOCK* block, unsigned int size) {
     if (!release_block(block)) return nullptr;
+    PZ_PROBE(heap_release, data_of(block), block->size);
     size_t bytes = 0;  // frees the memory
     if (size != 0 && !block_bytes(size, bytes)) return nullptr;
     void* memory = std::realloc(block, bytes);
@@ -406,18 +408,24 @@ void* Malloc(unsigned int size) {
     NewBlock block = new_block(size);
     if (block == nullptr) return nullptr;
     register_block(block.get(), size, __builtin_return_address(0));
-    return data_of(block.release());
+    void* const data = data_of(block.release());
+    PZ_PROBE(heap_allocate, data, size);
+    return data;
 }
 
 void Free(void* p) {
     if (p == nullptr) return;
     ST_MEM_BLOCK* block = block_of(p);
-    if (release_block(block)) std::free(block);
+    if (!release_block(block)) return;
+    PZ_PROBE(heap_release, p, block->size);
+    std::free(block);
 }
 
 void* Realloc(void* p, unsigned int size) {
     NewBlock block = p == nullptr ? new_block(size) : resized_block(block_of(p), size);
     if (block == nullptr) return nullptr;
     register_block(block.get(), size, __builtin_return_address(0));
-    return data_of(block.release());
+    void* const data = data_of(block.release());
+    PZ_PROBE(heap_allocate, data, size);
+    return data;
 }

@@ -10,6 +10,7 @@
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_probes.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "pz_deadline.h"
@@ -135,7 +136,9 @@ unsigned int PZSync::Wait(unsigned int timeout, int error) {
     if (error == EINTR) {
         const bool limited = timeout != kNoTimeLimit;
         pz_tsan_waiting(handle_, limited);
+        PZ_PROBE(lock_wait, this, timeout);
         error = wait_for(handle_, timeout);
+        PZ_PROBE(lock_got, this, error);
         pz_tsan_waited(handle_, limited, error == 0);
     }
     if (error == 0) {

@@ -5,6 +5,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZLMsgBox.h>
 #include <Framework/Foundation/PZThread.h>
+#include <Framework/private/pz_probes.h>
 
 namespace {
 
@@ -71,7 +72,9 @@ int PZWorker::Initialize() {
 }
 
 void PZWorker::MainProc() {
+    PZ_PROBE(worker_start, msgBox_.get(), workerNo_, getName());
     msgBox_->Loop(workerNo_);
+    PZ_PROBE(worker_end, msgBox_.get(), workerNo_);
 }
 
 void PZWorker::Finalize() {}

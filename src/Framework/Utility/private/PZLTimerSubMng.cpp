@@ -13,6 +13,7 @@
 #include <Framework/Foundation/private/PZLoopWait.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_probes.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 
@@ -244,6 +245,7 @@ bool PZLTimerSubMng::insertLocked(PZLTimerBase* t, unsigned int ms) {
         timers_.erase(timer);
         throw;
     }
+    PZ_PROBE(timer_add, t, ms);
     provideCheckLocked(now);
     showLocked();
     return true;
@@ -317,10 +319,13 @@ void PZLTimerSubMng::fire(Timers& due, unsigned int now) {
     for (auto it = due.byAddress.begin(); it != due.byAddress.end();) {
         Timer& timer = it->second;
         const unsigned int expiry = static_cast<unsigned int>(timer.expiry);
-        count_lateness(shown, now - expiry + (beginMs - firstMs));
+        const unsigned int lateMs = now - expiry + (beginMs - firstMs);
+        count_lateness(shown, lateMs);
         pz_inspect_set(shown.beganMs, beginMs);
         pz_inspect_set(shown.timer, it->first);
+        PZ_PROBE(timer_begin, it->first, lateMs);
         const int again = it->first->OnTimer(&timer);
+        PZ_PROBE(timer_end, it->first, again);
         pz_inspect_set(shown.timer, nullptr);
         pz_inspect_count(shown.fired);
         const unsigned int endMs = pz_inspection_now();
