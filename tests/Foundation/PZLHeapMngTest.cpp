@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -1306,6 +1308,65 @@ TEST(PZLHeapMngTest, LocksOnceForEachBlockAndNotForTheReport) {
     Free(late);
     EXPECT_EQ(1, sem_wait_call.Calls());
     Free(p);
+}
+
+namespace {
+
+/// The status of a child, or -1 when it had to be killed.
+int status_of(pid_t child) {
+    int status = -1;
+    const bool hasEnded = pztest::wait_until(
+        [&] { return waitpid(child, &status, WNOHANG) == child; }, std::chrono::seconds(10));
+    if (hasEnded) return status;
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return -1;
+}
+
+}  // namespace
+
+TEST(PZLHeapMngTest, AForkedChildAllocatesWhateverOtherThreadsDidMeanwhile) {
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&isOver] {
+            while (!isOver) Free(Realloc(Malloc(10), 20));
+        });
+    }
+    void* const ofParent = Malloc(100);
+    int failed = 0;
+    for (int i = 0; i < 300 && failed == 0; ++i) {
+        const pid_t child = fork();
+        ASSERT_NE(-1, child);
+        if (child == 0) {
+            Free(ofParent);
+            void* const own = Realloc(Malloc(1), 2);
+            const bool isCharged = header_of(own)->threadId == static_cast<unsigned int>(getpid());
+            Free(own);
+            _exit(isCharged ? 0 : 1);
+        }
+        if (status_of(child) != 0) ++failed;
+    }
+    isOver = true;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(0, failed);
+    Free(ofParent);
+}
+
+TEST(PZLHeapMngTest, AThreadIsNotCancelledInTheMiddleOfAFork) {
+    Free(Malloc(1));
+    std::atomic<int> status{-1};
+    std::thread forking([&status] {
+        pthread_cancel(pthread_self());
+        const pid_t child = fork();
+        if (child == 0) _exit(0);
+        int cancelState = 0;
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+        if (child != -1) status = status_of(child);
+    });
+    forking.join();
+    EXPECT_EQ(0, status);
+    Free(Malloc(1));  // the lock is free
 }
 
 TEST(PZLHeapMngTest, KeepsItsLockUntilTheProcessHasEnded) {

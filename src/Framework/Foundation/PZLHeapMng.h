@@ -15,6 +15,8 @@
 ///            thread that allocates or releases waits. A thread may be cancelled there and while
 ///            it waits for the lock: nothing is lost, and the lock is given back. Static objects
 ///            may release their blocks while the process ends.
+/// Forks:     a child may allocate and release, also its parent's blocks, whatever other threads of
+///            the parent did at that moment: fork waits for the lock.
 /// Ownership: what Malloc and Realloc give goes to Free or Realloc of this heap, never to the C
 ///            library's.
 /// Cost:      about 2.6 KiB and one call-stack capture for each block: a diagnostic allocator. On

@@ -25,6 +25,7 @@
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "../../private/pz_callers.h"
+#include "../../private/pz_uncancelled.h"
 
 namespace {
 
@@ -113,27 +114,52 @@ static_assert(offsetof(ST_HEAP, threads) - offsetof(ST_HEAP, total) ==
 static_assert(sizeof(ST_THREAD_USAGE) == sizeof(PZInspectedHeap::threads[0]));
 static_assert(sizeof heap.threads == sizeof(PZInspectedHeap::threads));
 
+std::atomic<bool> hasLock{false};
+
+PZSync* make_lock() {
+    alignas(PZSync) static unsigned char memory[sizeof(PZSync)];
+    hasLock = true;  // before it is there: a fork waits for it then
+    pz_inspect_set(pz_inspection.heap, &heap.total);
+    return new (memory) PZSync;
+}
+
 /// Made on first use: an application that never allocates here has no lock. Never destroyed:
 /// static objects that are older than the first block may release theirs while the process ends.
 PZSync& heap_lock() {
-    alignas(PZSync) static unsigned char memory[sizeof(PZSync)];
-    static PZSync* const lock = [] {
-        pz_inspect_set(pz_inspection.heap, &heap.total);
-        return new (memory) PZSync;
-    }();
+    static PZSync* const lock = make_lock();
     return *lock;
 }
 
 thread_local unsigned int knownThreadId = 0;  // 0: not asked for yet
 
-void forget_thread_id() {
-    knownThreadId = 0;
+/// A forked child gets the lock free and the list whole: no other thread is at them meanwhile.
+///
+/// The handlers are registered when the library is loaded. So they run behind those of the
+/// application, whose own locks its threads may hold while they allocate.
+/// @{
+bool isHeldForFork = false;  // set under the lock, and true from then on
+
+void before_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
+    if (!hasLock) return;
+    const PZUncancelled whole;  // a fork is no place to be cancelled
+    if (heap_lock().Lock(0xFFFFFFFFU) == 0) isHeldForFork = true;
 }
+
+void after_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
+    if (isHeldForFork) heap_lock().Unlock();
+}
+
+void after_fork_in_child() {
+    knownThreadId = 0;
+    after_fork();
+}
+
+const bool isToldOfForks = pthread_atfork(&before_fork, &after_fork, &after_fork_in_child) == 0;
+/// @}
 
 /// Kernel id of the calling thread. Asking for it costs as much as several frames of a call stack,
 /// so a thread asks once, and once more in a forked child.
 unsigned int this_thread_id() {
-    static const bool isToldOfForks = pthread_atfork(nullptr, nullptr, &forget_thread_id) == 0;
     if (knownThreadId == 0 || !isToldOfForks) {
         knownThreadId = static_cast<unsigned int>(syscall(SYS_gettid));
     }
