@@ -207,6 +207,49 @@ TEST(gdbPrintersTest, ListsTheActiveTimersTheNextOneFirst) {
     EXPECT_LE(left, 1800000);
 }
 
+TEST(gdbPrintersTest, ListsTheBoxesOfTheWorkersWithWhatWaitsInThem) {
+    const std::string boxes =
+        "1 box = {\n"
+        "  thread 7 \"lamp \\\"A\\\"\" = worker 7, 3 messages, 2 events = {\n"
+        "    message lock = lock, free,\n"
+        "    dispatcher lock = lock, held by thread 7,\n"
+        "    message 0 = id 4, emergency, for null, 1 byte: 7f,\n"
+        "    message 1 = id 3, priority 64, for Lamp at ADDRESS,\n"
+        "    message 2 = id 2, priority 192, for Lamp at ADDRESS, 4 bytes: 6c 61 74 65,\n"
+        "    event 0 = 0x10 for Lamp at ADDRESS,\n"
+        "    event 1 = 0x3 for Lamp at ADDRESS,\n"
+        "    dispatcher 0 = Lamp at ADDRESS\n"
+        "  }\n"
+        "}";
+    const TempDir dir;
+    const std::string core = dir.File("core");
+    const std::vector<std::string> outputs = run_gdb(
+        {"pz-boxes", "generate-core-file " + core, "kill", "core-file " + core, "pz-boxes"});
+    EXPECT_EQ(boxes, without_chance(outputs[0]));
+    EXPECT_EQ(boxes,
+              std::regex_replace(without_chance(outputs[4]), std::regex("thread \\d"), "thread 7"));
+}
+
+TEST(gdbPrintersTest, NamesThePackageWithTheSymbolsThatAreMissing) {
+    const TempDir dir;
+    const std::string library = dir.File("libpzframework.so.1");
+    const CommandResult strip = run_command(PZ_STRIP " -s -o " + library + " " PZ_LIBRARY " 2>&1");
+    ASSERT_EQ(0, strip.status) << strip.output;
+    const std::vector<std::string> outputs =
+        run_gdb({"pz-boxes", "pz-threads", "pz-timers"},
+                "source " PZ_PRINTERS "\nset environment LD_LIBRARY_PATH " + dir.Path());
+    const std::string missing = library +
+                                " has no debug symbols: install the package "
+                                "libpzframework1-dbgsym, or build the library with -g";
+    for (const std::string& output : outputs) EXPECT_EQ(missing, output);
+}
+
+TEST(gdbPrintersTest, TellsThatTheFrameworkIsNotLoaded) {
+    const CommandResult result =
+        run_command(PZ_GDB " -nx -batch -ex 'source " PZ_PRINTERS "' -ex pz-boxes 2>&1");
+    EXPECT_EQ("the framework is not loaded\n", result.output);
+}
+
 TEST(gdbPrintersTest, ListsTheRegisteredThreads) {
     const std::vector<std::string> outputs =
         run_gdb({"set print pretty on", "output *objects->threads", "pz-threads"});

@@ -12,6 +12,7 @@ import fcntl
 import functools
 import itertools
 import os
+import re
 import stat
 import struct
 import termios
@@ -579,29 +580,101 @@ class PrinterOfClass(gdb.printing.PrettyPrinter):
         return PRINTERS[type_.name](value)
 
 
-class SingletonCommand(gdb.Command):
+def missing_symbols():
+    """Why the framework's objects are not known here, and what helps; None when they are."""
+    if gdb.lookup_global_symbol("pz_FwInitialize") is not None:
+        return None
+    for objfile in gdb.objfiles():
+        library = re.search(r"/libpzframework\.so(?:\.(\d+))?[^/]*$", objfile.filename or "")
+        if library:
+            return ("%s has no debug symbols: install the package libpzframework%s-dbgsym, "
+                    "or build the library with -g" % (objfile.filename, library.group(1) or "1"))
+    return "the framework is not loaded"
+
+
+class FrameworkCommand(gdb.Command):
+    """A command that prints something of the whole process."""
+
+    def __init__(self, name):
+        super().__init__(name, gdb.COMMAND_DATA)
+
+    def invoke(self, argument, from_tty):
+        missing = missing_symbols()
+        if missing:
+            print(missing)
+            return
+        try:
+            self.print_all()
+        except UNREADABLE as error:
+            print("not readable: %s" % error)
+
+
+def instance_of(class_):
+    """The one object of a class; None without one."""
+    instance = held_pointer(gdb.parse_and_eval("'PZSingleton<%s>::pInstance_'" % class_))
+    return instance.dereference() if int(instance) != 0 else None
+
+
+class SingletonCommand(FrameworkCommand):
     """Prints the one object of a class, one line for each element."""
 
     def __init__(self, name, class_, documentation):
         self.__doc__ = documentation
         self.class_ = class_
-        super().__init__(name, gdb.COMMAND_DATA)
+        super().__init__(name)
 
-    def invoke(self, argument, from_tty):
-        try:
-            self.print_object()
-        except UNREADABLE as error:
-            print("not readable: %s" % error)
-
-    def print_object(self):
-        holder = gdb.parse_and_eval("'PZSingleton<%s>::pInstance_'" % self.class_)
-        instance = held_pointer(holder)
-        if int(instance) == 0:
+    def print_all(self):
+        instance = instance_of(self.class_)
+        if instance is None:
             print("there is no %s" % self.class_)
+        else:
+            print(instance.format_string(pretty_structs=True))
+
+
+class BoxesCommand(FrameworkCommand):
+    """List the message boxes of the program's workers, with what waits in them."""
+
+    def __init__(self):
+        super().__init__("pz-boxes")
+
+    def print_all(self):
+        boxes = list(self.boxes())
+        print("1 box" if len(boxes) == 1 else "%d boxes" % len(boxes), end="")
+        rows = ["%s = %s" % (name, box.format_string(pretty_structs=True)) for name, box in boxes]
+        print(" = {\n  %s\n}" % ",\n".join(rows).replace("\n", "\n  ") if rows else "")
+
+    def boxes(self):
+        """What the registered threads serve, in the order of gdb's numbers."""
+        registry = instance_of("PZThreadMng")
+        if registry is None:
             return
-        print(instance.dereference().format_string(pretty_structs=True))
+        numbers = thread_numbers()
+        threads = [(unsigned(handle, 64), info)
+                   for handle, info in items_of_map(registry["threads_"])]
+        threads.sort(key=lambda item: (numbers.get(item[0], MOST_ELEMENTS), item[0]))
+        for handle, info in threads:
+            box = self.box_of(info["owner"])
+            if box is not None:
+                yield "%s %s" % (thread_text(handle), quoted_array(info["name"])), box
+
+    @staticmethod
+    def box_of(owner):
+        """The box that a thread object serves; None when its thread has none."""
+        if int(owner) == 0:
+            return None
+        try:
+            # Any instance of the template: the object itself tells which one it is.
+            thread = owner.cast(gdb.lookup_type("PZThread<PZWorker>").pointer())
+            served = thread.cast(thread.dynamic_type).dereference()["owner_"].dereference()
+            fields = [field.name for field in served.type.fields()]
+            if "msgBox_" in fields:
+                return held_pointer(served["msgBox_"]).dereference()
+            return served["box_"] if "box_" in fields else None
+        except UNREADABLE:
+            return None
 
 
 gdb.printing.register_pretty_printer(gdb.current_objfile(), PrinterOfClass(), replace=True)
 SingletonCommand("pz-threads", "PZThreadMng", "List the registered threads of the program.")
 SingletonCommand("pz-timers", "PZLTimerMng", "List the active timers by their threads.")
+BoxesCommand()
