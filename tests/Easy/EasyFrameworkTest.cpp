@@ -77,7 +77,7 @@ TEST(EasyFrameworkTest, StartsAndEndsTheFramework) {
     const auto result = run_in_child([] {
         {
             pz::Framework fw("radio", 7);
-            if (!fw || std::string(pz_GetName()) != "radio" || pz_GetId() != 7) return 1;
+            if (!fw || std::string(fw.name()) != "radio" || pz_GetId() != 7) return 1;
         }
         // Started once more, it takes another name: it was ended.
         pz::Framework fw("display", 8);

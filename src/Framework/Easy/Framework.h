@@ -3,6 +3,7 @@
 
 #include <utility>
 
+#include <Framework/Foundation/pz_identity.h>
 #include <Framework/PZApi.h>
 
 namespace pz {
@@ -42,6 +43,9 @@ public:
 
     /// Whether the framework runs; false for one that was moved from.
     explicit operator bool() const noexcept { return started_; }
+
+    /// The name that the process goes by: that of the first one. It stays readable.
+    static const char* name() noexcept { return pz_GetName(); }
 
 private:
     void swap(Framework& other) noexcept { std::swap(started_, other.started_); }

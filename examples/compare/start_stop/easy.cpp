@@ -1,0 +1,10 @@
+// Starts the library under a name, and ends it with the scope.
+#include <Framework/Easy.h>
+
+#include <cstdio>
+
+int main() {
+    pz::Framework fw("radio", 1);
+    if (!fw) return 1;
+    std::printf("%s runs\n", fw.name());
+}

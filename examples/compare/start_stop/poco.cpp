@@ -1,0 +1,17 @@
+// Starts the library under a name, and ends it with the scope.
+#include <Poco/Util/Application.h>
+
+#include <cstdio>
+
+class Radio : public Poco::Util::Application {
+    void initialize(Application& self) override {
+        Application::initialize(self);
+        config().setString("application.name", "radio");
+    }
+    int main(const ArgVec&) override {
+        std::printf("%s runs\n", config().getString("application.name").c_str());
+        return EXIT_OK;
+    }
+};
+
+POCO_APP_MAIN(Radio)

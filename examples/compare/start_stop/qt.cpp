@@ -1,0 +1,10 @@
+// Starts the library under a name, and ends it with the scope.
+#include <QCoreApplication>
+
+#include <cstdio>
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    app.setApplicationName("radio");
+    std::printf("%s runs\n", qPrintable(app.applicationName()));
+}

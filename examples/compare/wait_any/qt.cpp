@@ -1,0 +1,27 @@
+// Waits for one of two signals from other threads, for a second at most.
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QTimer>
+#include <cstdio>
+#include <thread>
+
+int wait(QEventLoop& loop, int within) {
+    QTimer limit;
+    QObject::connect(&limit, &QTimer::timeout, [&] { loop.exit(-1); });
+    limit.start(within);
+    return loop.exec();
+}
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    QEventLoop arrived;
+    std::thread other([&] {
+        QMetaObject::invokeMethod(
+            &arrived, [&] { arrived.exit(1); }, Qt::QueuedConnection);
+    });
+    const int first = wait(arrived, 1000);
+    if (first != -1) std::printf("number %d\n", first);
+    const int second = wait(arrived, 10);
+    std::printf("%s\n", second != -1 ? "one more" : "none");
+    other.join();
+}
