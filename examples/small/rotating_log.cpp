@@ -7,6 +7,7 @@
 #include <Framework/Utility/PZLSysFileOut.h>
 
 #include <cstdio>
+#include <initializer_list>
 
 namespace {
 

@@ -1,5 +1,6 @@
 #include "Framework/Diagnostics/PZCallStack.h"
 
+#include <Framework/Diagnostics/PZDbgOutput.h>
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <gtest/gtest.h>
@@ -20,6 +21,8 @@
 namespace {
 
 pztest::Interposed<char**(void* const*, int)> backtrace_symbols_call("backtrace_symbols", nullptr);
+pztest::Interposed<char*(const char*, char*, size_t*, int*)> demangle_call("__cxa_demangle",
+                                                                           nullptr);
 
 int translated_frames = 0;  // of the latest call of the fakes below
 
@@ -34,6 +37,21 @@ char** numbered_lines(int count, size_t padding) {
         table[i] = block + lines * sizeof(char*) + i * lineSize;
         const std::string text = "frame " + std::to_string(i) + std::string(padding, '.');
         std::memcpy(table[i], text.c_str(), text.size() + 1);
+    }
+    return table;
+}
+
+const char* shown_symbol = "";  // what the next fake says of every frame
+
+/// As backtrace_symbols answers it.
+char** shown_lines(void* const* /*addresses*/, int count) {
+    const size_t size = std::strlen(shown_symbol) + 1;
+    const auto lines = static_cast<size_t>(count);
+    auto* block = static_cast<char*>(std::malloc(lines * (sizeof(char*) + size)));
+    auto** table = reinterpret_cast<char**>(block);
+    for (size_t i = 0; i < lines; ++i) {
+        table[i] = block + lines * sizeof(char*) + i * size;
+        std::memcpy(table[i], shown_symbol, size);
     }
     return table;
 }
@@ -90,6 +108,9 @@ protected:
 
 extern "C" char** backtrace_symbols(void* const* array, int size) noexcept {
     return backtrace_symbols_call(array, size);
+}
+extern "C" char* __cxa_demangle(const char* name, char* buffer, size_t* length, int* status) {
+    return demangle_call(name, buffer, length, status);
 }
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
@@ -378,4 +399,82 @@ TEST_F(PZCallStackTest, DumpsFromSeveralThreadsAtOnce) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(kThreads * kDumps, pztest::error_messages(output.Take()).size());
+}
+
+// ---- demangled frames ----
+
+namespace {
+
+class PZCallStackDemangledTest : public testing::Test {
+protected:
+    PZCallStackDemangledTest() {
+        PZDbgOutput::SetStyle(PZDbgOutput::en_STYLE_DEMANGLED);
+        backtrace_symbols_call.Replace(shown_lines);
+    }
+    ~PZCallStackDemangledTest() override {
+        PZDbgOutput::SetStyle(PZDbgOutput::en_STYLE_DEFAULT);
+        backtrace_symbols_call.Reset();
+        demangle_call.Reset();
+    }
+
+    /// What is printed for the first frame when the C library describes it so.
+    static std::string Shown(const char* symbol) {
+        shown_symbol = symbol;
+        pztest::StdoutCapture output;
+        PZCallStack::dumpDirectly(1);
+        const std::vector<std::string> lines = pztest::error_messages(output.Take());
+        return lines.size() == 1 ? lines[0] : "not one line";
+    }
+};
+
+}  // namespace
+
+TEST_F(PZCallStackDemangledTest, ShowsFunctionOffsetAndFile) {
+    EXPECT_EQ("#0 tune(int)+0x1f radio", Shown("/usr/bin/radio(_Z4tunei+0x1f) [0x4012ab]"));
+    EXPECT_EQ("#0 tune(int)+0x1f radio", Shown("radio(_Z4tunei+0x1f) [0x4012ab]"));
+}
+
+TEST_F(PZCallStackDemangledTest, ShowsAFunctionOfCAsItIs) {
+    EXPECT_EQ("#0 main+0x1f radio", Shown("/usr/bin/radio(main+0x1f) [0x4012ab]"));
+}
+
+TEST_F(PZCallStackDemangledTest, ShowsThePlaceInTheFileOfAFunctionWithoutAName) {
+    EXPECT_EQ("#0 radio+0x12ab", Shown("/usr/bin/radio(+0x12ab) [0x4012ab]"));
+}
+
+TEST_F(PZCallStackDemangledTest, ShowsWhatReadsOtherwiseAsItIs) {
+    for (const char* const symbol : {"", "[0x4012ab]", "radio", "radio(", "radio(main",
+                                     "radio(main+", "a)+b(", "radio() [0x1]"}) {
+        EXPECT_EQ(std::string("#0 ") + symbol, Shown(symbol));
+    }
+}
+
+TEST_F(PZCallStackDemangledTest, CutsANameThatIsTooLong) {
+    const std::string name(161, 'x');
+    EXPECT_EQ("#0 " + std::string(160, 'x') + "...+0x1 radio",
+              Shown(("radio(" + name + "+0x1) [0x1]").c_str()));
+    EXPECT_EQ("#0 " + std::string(160, 'x') + "+0x1 radio",
+              Shown(("radio(" + name.substr(1) + "+0x1) [0x1]").c_str()));
+}
+
+TEST_F(PZCallStackDemangledTest, ShowsTheNameAsItIsWithoutMemoryForItsTranslation) {
+    demangle_call.FailNext(ENOMEM);
+    EXPECT_EQ("#0 _Z4tunei+0x1f radio", Shown("/usr/bin/radio(_Z4tunei+0x1f) [0x4012ab]"));
+}
+
+TEST_F(PZCallStackDemangledTest, NumbersTheFramesOfASnapshot) {
+    shown_symbol = "/usr/bin/radio(_Z4tunei+0x1f) [0x4012ab]";
+    PZCallStack stack;
+    ASSERT_EQ(2, stack.take(2, true));
+    pztest::StdoutCapture output;
+    stack.dump();
+    EXPECT_EQ((std::vector<std::string>{"#0 tune(int)+0x1f radio", "#1 tune(int)+0x1f radio"}),
+              pztest::error_messages(output.Take()));
+    EXPECT_STREQ(shown_symbol, stack.getSymbol(0));
+}
+
+TEST_F(PZCallStackDemangledTest, KeepsErrno) {
+    errno = EDOM;
+    Shown("/usr/bin/radio(_Z4tunei+0x1f) [0x4012ab]");
+    EXPECT_EQ(EDOM, errno);
 }

@@ -103,6 +103,9 @@ std::set<std::string> reports_of(const std::string& code) {
     for (const char* const macro : {"PZ_REPORT_ERROR", "PZ_REPORT_ERRNO"}) {
         for (const std::string& call : calls_of(code, macro)) texts.insert(first_literal(call));
     }
+    for (const std::string& call : calls_of(code, "PZ_REPORT_ERROR_OF")) {
+        texts.insert(first_literal(call, call.find(',')));  // after the function
+    }
     for (const std::string& call : calls_of(code, "DbgPrint")) {
         const size_t tag = call.find("en_TAG_ERROR");
         if (tag != std::string::npos) texts.insert(first_literal(call, tag));
@@ -113,7 +116,9 @@ std::set<std::string> reports_of(const std::string& code) {
             texts.insert(perror_text(code, call));
         }
     }
-    if (!calls_of(code, "PZ_REPORT_LAST_ERROR").empty()) texts.insert(kLastError);
+    for (const char* const lastError : {"PZ_REPORT_LAST_ERROR", "put_error"}) {
+        if (!calls_of(code, lastError).empty()) texts.insert(kLastError);
+    }
     if (!calls_of(code, "PZ_REPORT_ASSERTION").empty()) texts.insert(kAssertion);
     return texts;
 }

@@ -15,11 +15,13 @@
 /// Limits:    a message keeps its first 510 characters; the rest is cut silently. A wide one that
 ///            then needs more than 511 bytes in UTF-8 is refused by the converter, which reports
 ///            it, and the line is printed without a message. A line keeps its first 2047 bytes.
-/// Threads:   any thread may call anything; no lock is taken, and lines of different threads do
-///            not mix within a line. A standard output that is stuck (a pipe that nobody reads)
-///            makes every report wait, also one that is made under a lock; the thread may be
-///            cancelled there.
+/// Threads:   any thread may call anything; no lock is taken in the default style, and lines of
+///            different threads do not mix within a line. A standard output that is stuck (a pipe
+///            that nobody reads) makes every report wait, also one that is made under a lock; the
+///            thread may be cancelled there.
 /// Failures:  none; nothing is thrown, and errno keeps its value.
+/// On request: SetStyle, or PZ_REPORT in the environment, changes how lines are printed; SetSink
+///            hands every report to the application. Lines in the system log never change.
 class PZ_API PZDbgOutput {
 public:
     /// Kind of a line. Any other value prints "illegal" and is logged like an error.
@@ -31,6 +33,60 @@ public:
         en_TAG_WARNING = 4,  ///< "warning": printed, but kept out of the system log
         en_TAG_SYS = 5       ///< "sys": system log at LOG_NOTICE
     };
+
+    /// What SetStyle takes, joined by '|', and the words that PZ_REPORT takes, joined by ','. Plain
+    /// messages know colours and the stream only.
+    enum EN_STYLE : unsigned int {
+        en_STYLE_DEFAULT = 0,  ///< "colour": as described above; NO_COLOR is not asked
+        en_STYLE_PLAIN = 1,    ///< "plain": no colour codes
+        /// "auto": colour codes only on a terminal, and none when NO_COLOR is set and not empty.
+        en_STYLE_AUTO = 2,
+        en_STYLE_TIME = 4,        ///< "time": begins with "2026-01-31 23:59:59.123 ", local time
+        en_STYLE_THREAD = 8,      ///< "thread": then "name(id) ", the kernel's, before the tag
+        en_STYLE_NOPAD = 16,      ///< "nopad": no blanks in front
+        en_STYLE_STDERR = 32,     ///< "stderr": to the standard error instead
+        en_STYLE_DEMANGLED = 64,  ///< "demangled": frames as "#2 tune(int)+0x1f radio"
+        /// "repeats": a line that equals the one before is counted instead of printed and logged.
+        /// "repeated 120 times" comes in its place before the next other line, with the first
+        /// equal one after 5 s, and at exit. Lines without a line feed at their end are not meant.
+        en_STYLE_REPEATS = 128
+    };
+
+    /// A report as a sink gets it. The texts live until the sink returns and are never null.
+    struct ST_RECORD {
+        bool isTagged;             ///< false: `tag` says nothing
+        EN_TAG tag;                ///< also one out of range, as it was given
+        long long timeNs;          ///< since 1970; 0 when the clock cannot tell it
+        const char* thread;        ///< name of the calling thread, at most 15 characters
+        int threadId;              ///< its kernel id
+        const char* file;          ///< as given, folders included; "" in a plain message
+        const char* function;      ///< "" in a plain message
+        int line;                  ///< -1 in a plain message
+        int error;                 ///< errno of DbgPrintStdErr, else 0
+        const char* message;       ///< without the line feed at its end
+        const char* objectPath;    ///< the file or folder that is meant, or ""
+        const char* objectThread;  ///< the thread that is meant, or ""
+        const char* objectWorker;  ///< the worker that is meant, else the one that reports, or ""
+    };
+
+    /// Takes a report on the thread that makes it. True: the line is printed and logged as well.
+    /// An exception counts as true; cancellation passes through.
+    using Sink = bool (*)(const ST_RECORD& record, void* user);
+
+    /// From now on lines are printed in `style`; bits without a meaning are ignored. Holds instead
+    /// of what PZ_REPORT says, which is read once, with the first report or the first call of one
+    /// of these three; a program with more rights than its user does not read it.
+    static void SetStyle(unsigned int style);
+
+    /// The style in force: add to it to keep what the user asked for in PZ_REPORT.
+    static unsigned int GetStyle();
+
+    /// From now on every report goes to `sink`, null for none; `user` is handed on. It may be
+    /// called by several threads at a time. What it reports itself is printed, not handed to it.
+    /// When the call returns, the sink of before runs no more, unless the calling thread is inside
+    /// a sink. Do not call it with a lock that the sink of before takes. A forked child keeps the
+    /// sink. What perror prints is no report.
+    static void SetSink(Sink sink, void* user);
 
     /// The message alone: no prefix, no padding, never logged.
     ///

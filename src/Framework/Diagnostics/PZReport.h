@@ -12,6 +12,10 @@
     PZDbgOutput::DbgPrint(__FILE__, static_cast<const char*>(__func__), __LINE__, \
                           PZDbgOutput::en_TAG_ERROR, __VA_ARGS__)
 
+/// The same in the name of another function, for a helper that reports for its caller.
+#define PZ_REPORT_ERROR_OF(function, ...) \
+    PZDbgOutput::DbgPrint(__FILE__, function, __LINE__, PZDbgOutput::en_TAG_ERROR, __VA_ARGS__)
+
 /// Prints a tagged error line with the calling thread's errno: "std library error [%d : %s]\n".
 #define PZ_REPORT_LAST_ERROR() \
     PZDbgOutput::DbgPrintStdErr(__FILE__, static_cast<const char*>(__func__), __LINE__)
@@ -26,5 +30,30 @@
 
 /// The function behind PZ_REPORT_ASSERTION.
 PZ_API void pz_report_assertion(const char* file, int line);
+
+/// Names an object in the records of the calling thread's reports, for texts that name none: see
+/// PZDbgOutput::SetSink. Lines do not show it. An inner scope hides an outer one of the same kind.
+class PZ_API PZReportObject {
+public:
+    enum EN_KIND : unsigned int {
+        en_PATH = 0,    ///< a file or a folder
+        en_THREAD = 1,  ///< name of a thread
+        en_WORKER = 2   ///< name of a worker
+    };
+
+    /// `name` is kept by its address and must outlive the object; null names nothing.
+    PZReportObject(EN_KIND kind, const char* name) noexcept;
+    ~PZReportObject();
+
+    PZReportObject(const PZReportObject&) = delete;
+    PZReportObject& operator=(const PZReportObject&) = delete;
+
+    /// What the innermost scope of this kind names on the calling thread; "" without one.
+    static const char* Current(EN_KIND kind) noexcept;
+
+private:
+    const EN_KIND kind_;
+    const char* const before_;
+};
 
 #endif  // PZ_FRAMEWORK_DIAGNOSTICS_PZREPORT_H

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "PZErrnoKeeper.h"
+#include "pz_frame_text.h"
 
 namespace {
 
@@ -24,6 +25,13 @@ using SymbolLines = std::unique_ptr<char*, FreeDeleter>;
 
 SymbolLines translate(void* const* addresses, int count) {
     return SymbolLines(backtrace_symbols(addresses, count));
+}
+
+/// What is printed for a frame: `symbol`, or `text` with something shorter when that is asked for.
+const char* text_of_frame(int index, const char* symbol, PZReportLine& text) {
+    if ((pz_settle_report_way() & PZDbgOutput::en_STYLE_DEMANGLED) == 0) return symbol;
+    pz_add_frame(text, index, symbol);
+    return text.Text();
 }
 
 }  // namespace
@@ -71,7 +79,10 @@ const char* PZCallStack::getSymbol(int index) const noexcept {
 }
 
 void PZCallStack::dump() const {
-    for (int i = 0; i < count_; ++i) PZ_REPORT_ERROR("%s\n", symbols_[i]);
+    for (int i = 0; i < count_; ++i) {
+        PZReportLine text;
+        PZ_REPORT_ERROR("%s\n", text_of_frame(i, symbols_[i], text));
+    }
 }
 
 void PZCallStack::dumpDirectly(int depth) {
@@ -81,5 +92,8 @@ void PZCallStack::dumpDirectly(int depth) {
     const SymbolLines lines = translate(addresses, count);
     if (!lines) return;
     const int printed = depth < 1 || depth > count ? count : depth;
-    for (int i = 0; i < printed; ++i) PZ_REPORT_ERROR("%s\n", lines.get()[i]);
+    for (int i = 0; i < printed; ++i) {
+        PZReportLine text;
+        PZ_REPORT_ERROR("%s\n", text_of_frame(i, lines.get()[i], text));
+    }
 }

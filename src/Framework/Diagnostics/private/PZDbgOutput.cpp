@@ -17,16 +17,15 @@
 #include <string_view>
 
 #include "PZErrnoKeeper.h"
+#include "pz_report_way.h"
 
 namespace {
 
 constexpr size_t kMessageSize = 512;
 constexpr size_t kMessageLimit = 511;  // terminator included: 510 characters are kept
-constexpr size_t kLineSize = 2048;     // a whole message, and room for any sane place before it
 
 constexpr char kRed[] = "\033[31m";
 constexpr char kDefaultColour[] = "\033[49m";
-constexpr char kReset[] = "\033[0m";
 
 struct ST_TAG {
     PZDbgOutput::EN_TAG tag;
@@ -79,33 +78,6 @@ std::string_view base_name(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-/// A line under construction. Appending costs a fraction of a formatted print of the same parts,
-/// and every report of the framework passes here. What does not fit is cut.
-class Line {
-public:
-    Line() { text_[0] = '\0'; }
-
-    Line& Add(std::string_view text) {
-        const size_t length = std::min(text.size(), kLineSize - 1 - length_);
-        std::memcpy(text_ + length_, text.data(), length);
-        length_ += length;
-        text_[length_] = '\0';
-        return *this;
-    }
-
-    Line& Add(int number) {
-        char digits[std::numeric_limits<int>::digits10 + 2];  // one more digit, and the sign
-        const char* end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
-        return Add(std::string_view(digits, static_cast<size_t>(end - digits)));
-    }
-
-    const char* Text() const { return text_; }
-
-private:
-    size_t length_ = 0;
-    char text_[kLineSize];
-};
-
 __attribute__((format(printf, 2, 0))) void format_message(char (&message)[kMessageSize],
                                                           const char* format, va_list args) {
     message[0] = '\0';
@@ -123,132 +95,140 @@ void format_message(char (&message)[kMessageSize], const wchar_t* format, va_lis
     pz_wctomb(message, sizeof message, text, -1, XCP_UTF8);
 }
 
+/// The caller's format and arguments as text, in the variable `message`. A macro, because only a
+/// function with variable arguments can begin to read them.
+#define PZ_FORMAT_MESSAGE(message, format)     \
+    char message[kMessageSize];                \
+    {                                          \
+        va_list args;                          \
+        va_start(args, format);                \
+        format_message(message, format, args); \
+        va_end(args);                          \
+    }
+
+struct ST_PLACE {
+    const char* file;
+    const char* func;
+    int line;
+};
+
 /// One formatted write: stdout's own lock keeps the lines of different threads apart.
-void print_line(const char* colour, const Line& line) {
-    std::printf("%s%80s%s", colour, line.Text(), kReset);
+void put(const ST_REPORT& report) {
+    if (pz_are_reports_special()) {
+        pz_put_special_report(report);
+        return;
+    }
+    std::printf("%s%*s%s", report.colour, kReportWidth, report.text, kReportReset);
+    std::fflush(stdout);
+    if (report.isLogged) syslog(report.priority, "%s", report.text);
+}
+
+void put_plain(const char* message) {
+    if (pz_are_reports_special()) {
+        pz_put_special_report({message, 0, kDefaultColour, LOG_INFO, false, /*isPlain=*/true, false,
+                               PZDbgOutput::en_TAG_INFO, "", "", -1, 0});
+        return;
+    }
+    std::printf("%s%s%s", kDefaultColour, message, kReportReset);
     std::fflush(stdout);
 }
 
-/// "func()@file(line) {process} : ", where `call` is "()@" or " ()@".
-void add_place(Line& text, const char* file, const char* func, const char* call, int line) {
-    text.Add(text_of(func)).Add(call).Add(base_name(text_of(file)));
-    text.Add("(").Add(line).Add(") {").Add(pz_GetName()).Add("} : ");
-}
+/// How a form of DbgPrint writes its line, see `put_located`.
+struct ST_FORM {
+    const char* call;  // "()@" or " ()@"
+    bool isTagged;
+    bool hasLineNumber;
+};
 
-void put_without_line_number(const char* file, const char* func, const char* message) {
-    Line text;
-    text.Add(text_of(func)).Add(" ()@").Add(base_name(text_of(file)));
-    text.Add("{").Add(pz_GetName()).Add("} : ").Add(message);
-    print_line(kDefaultColour, text);
-}
+constexpr ST_FORM kTagged = {"()@", true, true};
+constexpr ST_FORM kTaggedWide = {" ()@", true, true};
+constexpr ST_FORM kUntagged = {" ()@", false, true};
+constexpr ST_FORM kWithoutLineNumber = {" ()@", false, false};
 
-void put_untagged(const char* file, const char* func, int line, const char* message) {
-    Line text;
-    add_place(text, file, func, " ()@", line);
-    text.Add(message);
-    print_line(kDefaultColour, text);
-}
-
-void put_tagged(const char* file, const char* func, const char* call, int line,
-                PZDbgOutput::EN_TAG tag, const char* message) {
+/// "[tag] func()@file(line) {process} : message". All forms pass here: one function, because each
+/// appending is compiled in for speed.
+void put_located(const ST_FORM& form, const ST_PLACE& place, PZDbgOutput::EN_TAG tag,
+                 const char* message, int error = 0) {
     const ST_TAG row = describe(tag);
-    Line text;
-    text.Add("[").Add(row.word).Add("] ");
-    add_place(text, file, func, call, line);
+    PZReportLine text;
+    if (form.isTagged) text.Add("[").Add(row.word).Add("] ");
+    text.Add(text_of(place.func)).Add(form.call).Add(base_name(text_of(place.file)));
+    if (form.hasLineNumber) text.Add("(").Add(place.line).Add(") ");
+    text.Add("{").Add(pz_GetName()).Add("} : ");
+    const size_t messageAt = text.Length();
     text.Add(message);
-    print_line(row.colour, text);
-    if (is_logged(row.priority)) syslog(row.priority, "%s", text.Text());
+    put({text.Text(), messageAt, row.colour, row.priority, form.isTagged && is_logged(row.priority),
+         false, form.isTagged, row.tag, place.file, place.func, place.line, error});
+}
+
+void put_error(const ST_PLACE& place, int error, const char* end, const char* message) {
+    char text[2 * kMessageSize];
+    std::snprintf(text, sizeof text, "std library error [%d : %s%s%s", error, std::strerror(error),
+                  end, message);
+    put_located(kTagged, place, PZDbgOutput::en_TAG_ERROR, text, error);
 }
 
 }  // namespace
 
+PZReportLine& PZReportLine::Add(std::string_view text) {
+    const size_t length = std::min(text.size(), kSize - 1 - length_);
+    std::memcpy(text_ + length_, text.data(), length);
+    length_ += length;
+    text_[length_] = '\0';
+    return *this;
+}
+
+PZReportLine& PZReportLine::Add(int number) {
+    char digits[std::numeric_limits<int>::digits10 + 2];  // one more digit, and the sign
+    const char* end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
+    return Add(std::string_view(digits, static_cast<size_t>(end - digits)));
+}
+
 void PZDbgOutput::DbgPrint(const char* format, ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
-
-    std::printf("%s%s%s", kDefaultColour, message, kReset);
-    std::fflush(stdout);
+    PZ_FORMAT_MESSAGE(message, format)
+    put_plain(message);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const char* format, ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
-
-    if (line == -1) {
-        put_without_line_number(file, func, message);
-    } else {
-        put_untagged(file, func, line, message);
-    }
+    PZ_FORMAT_MESSAGE(message, format)
+    put_located(line == -1 ? kWithoutLineNumber : kUntagged, {file, func, line}, en_TAG_INFO,
+                message);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const wchar_t* format,
                            ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
-
-    put_untagged(file, func, line, message);
+    PZ_FORMAT_MESSAGE(message, format)
+    put_located(kUntagged, {file, func, line}, en_TAG_INFO, message);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
                            const char* format, ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
-
-    put_tagged(file, func, "()@", line, tag, message);
+    PZ_FORMAT_MESSAGE(message, format)
+    put_located(kTagged, {file, func, line}, tag, message);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
                            const wchar_t* format, ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
-
-    put_tagged(file, func, " ()@", line, tag, message);
+    PZ_FORMAT_MESSAGE(message, format)
+    put_located(kTaggedWide, {file, func, line}, tag, message);
 }
 
 void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line) {
     const PZErrnoKeeper keeper;
-    const int error = errno;
-    DbgPrint(file, func, line, en_TAG_ERROR, "std library error [%d : %s]\n", error,
-             std::strerror(error));
+    put_error({file, func, line}, errno, "]\n", "");
 }
 
 void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line, const char* format,
                                  ...) {
     const PZErrnoKeeper keeper;
-    char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
-
-    const int error = errno;  // formatting may have failed, too: its error is the last one
-    Line text;
-    text.Add("[error] ");
-    add_place(text, file, func, "()@", line);
-    text.Add("std library error [").Add(error).Add(" : ").Add(std::strerror(error)).Add("] ");
-    text.Add(message);
-    print_line(kRed, text);
-    syslog(LOG_ERR, "%s", text.Text());
+    PZ_FORMAT_MESSAGE(message, format)
+    // Formatting may have failed, too: its error is the last one.
+    put_error({file, func, line}, errno, "] ", message);
 }
 
 const char* PZDbgOutput::getColorTagString(EN_TAG tag) {

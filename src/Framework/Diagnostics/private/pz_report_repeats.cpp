@@ -1,0 +1,88 @@
+#include "pz_report_repeats.h"
+
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr long long kTellAfterMs = 5000;
+
+// The last line that may be repeated, under the reports' lock.
+char lastText[PZReportLine::kSize];  // "" without one
+ST_REPORT last = {};                 // its text is that one
+unsigned int count = 0;              // not told yet
+long long toldMs = 0;                // when it, or a count of it, was printed
+bool isEnding = false;
+
+long long now_ms() {
+    constexpr long long kMsPerSecond = 1000;
+    constexpr long kNsPerMs = 1000000;
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
+}
+
+bool ends_with_line_feed(const char* text) {
+    const size_t length = std::strlen(text);
+    return length > 0 && text[length - 1] == '\n';
+}
+
+void take_locked(ST_REPETITIONS& due) {
+    if (count == 0) return;
+    due.line.Add(std::string_view(lastText, last.messageAt)).Add("repeated ");
+    due.line.Add(static_cast<int>(count)).Add(count == 1 ? " time\n" : " times\n");
+    due.report = last;
+    due.report.text = due.line.Text();
+    due.isDue = true;
+    count = 0;
+}
+
+void remember_locked(const ST_REPORT& report, long long nowMs) {
+    last = report;
+    last.text = lastText;
+    last.file = last.func = "";  // those were the caller's
+    toldMs = nowMs;
+    std::memcpy(lastText, report.text, std::strlen(report.text) + 1);
+}
+
+/// Nothing comes after it that could tell a count.
+__attribute__((destructor)) void tell_the_last_count() {
+    ST_REPETITIONS due;
+    {
+        const PZReportLock lock;
+        take_locked(due);
+        isEnding = true;
+    }
+    if (due.isDue) pz_print_report(pz_report_way.load(std::memory_order_relaxed), due.report);
+}
+
+}  // namespace
+
+bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due) {
+    const bool canRepeat = !report.isPlain && ends_with_line_feed(report.text);
+    const long long nowMs = now_ms();
+    const PZReportLock lock;
+    if (!canRepeat || isEnding || std::strcmp(lastText, report.text) != 0) {
+        take_locked(due);
+        lastText[0] = '\0';
+        if (canRepeat) remember_locked(report, nowMs);
+        return false;
+    }
+    ++count;
+    if (nowMs - toldMs >= kTellAfterMs) {
+        take_locked(due);
+        toldMs = nowMs;
+    }
+    return true;
+}
+
+void pz_take_repetitions(ST_REPETITIONS& due) {
+    const PZReportLock lock;
+    take_locked(due);
+    lastText[0] = '\0';
+}
+
+void pz_forget_repetitions_in_child() {
+    count = 0;
+    lastText[0] = '\0';
+}
