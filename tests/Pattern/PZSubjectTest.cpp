@@ -3,11 +3,14 @@
 #include <execinfo.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
+#include <list>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -264,6 +267,176 @@ TEST_F(PZSubjectTest, AnObserverMayRemoveOtherSubscriptionsDuringAPass) {
     };
     EXPECT_EQ(4294967295U, Notify());
     EXPECT_EQ("ab", log);
+}
+
+TEST_F(PZSubjectTest, ASubscriptionThatIsRemovedAndMadeAgainDuringAPassIsTheLastOne) {
+    for (Recorder* const observer : {&a, &b, &c}) subject.AddObserver(observer);
+    a.action = [this] {
+        a.action = nullptr;
+        EXPECT_EQ(1, subject.RemoveObserver(&b));
+        EXPECT_EQ(1, subject.AddObserver(&b));
+    };
+    Notify();
+    EXPECT_EQ("acb", log);
+    Notify();
+    EXPECT_EQ("acbacb", log);
+}
+
+TEST_F(PZSubjectTest, DuringAPassRemoveObserverTakesTheFirstSubscriptionThatIsLeft) {
+    for (Recorder* const observer : {&b, &a, &b, &c, &b}) subject.AddObserver(observer);
+    a.action = [this] {
+        EXPECT_EQ(1, subject.RemoveObserver(&b));
+        EXPECT_EQ(1, subject.RemoveObserver(&b));
+    };
+    Notify();
+    EXPECT_EQ("bacb", log);
+    EXPECT_EQ(1, subject.RemoveObserver(&b));
+    EXPECT_EQ(0, subject.RemoveObserver(&b));
+}
+
+TEST_F(PZSubjectTest, ASelectedPassSurvivesThatAThousandObserversAreAddedBehindIt) {
+    constexpr int kAdded = 1000;
+    unsigned int twice[] = {5, 5};
+    subject.AddObserver(&a, twice, 2);
+    a.action = [this, &twice] {
+        a.action = nullptr;
+        for (int i = 0; i < kAdded; ++i) subject.AddObserver(&c, twice, 1);
+    };
+    Notify(kSelected, 5);
+    EXPECT_EQ("aa" + std::string(kAdded, 'c'), log);
+    for (int i = 0; i < kAdded; ++i) EXPECT_EQ(1, subject.RemoveObserver(&c));
+}
+
+TEST_F(PZSubjectTest, APassThatEndsByAnExceptionKeepsWhatWasRemovedInItRemoved) {
+    StdoutCapture out;
+    {
+        PZSubject other;
+        for (Recorder* const observer : {&a, &b, &c}) other.AddObserver(observer);
+        b.action = [&] {
+            EXPECT_EQ(1, other.RemoveObserver(&a));
+            throw 1;
+        };
+        EXPECT_THROW(other.NotifyObserver(1, nullptr, 0, kAll), int);
+        EXPECT_EQ(0, other.RemoveObserver(&a));
+    }
+    EXPECT_EQ("call RemoveObserver() before delete. [2]",
+              pztest::error_messages(out.Take()).front());
+}
+
+TEST_F(PZSubjectTest, AnObserverForWhichThereIsNoMemoryDuringAPassLeavesThePassAsItIs) {
+    for (int skip = 0;; ++skip) {
+        for (Recorder* const observer : {&a, &b, &c, &a}) subject.AddObserver(observer);
+        log.clear();
+        StdoutCapture out;
+        bool refused = false;
+        b.action = [&] {
+            unsigned int ids[] = {1};
+            const pztest::MemoryShortage shortage(skip);
+            const int result = subject.AddObserver(&c, ids, 1);
+            refused = shortage.Refused() != 0;
+            EXPECT_EQ(refused ? 0 : 1, result);
+        };
+        Notify();
+        EXPECT_EQ(refused ? "abca" : "abcac", log) << "refused allocation " << skip;
+        for (Recorder* const observer : {&a, &b, &c}) {
+            while (subject.RemoveObserver(observer) == 1) {
+            }
+        }
+        if (!refused) break;
+    }
+}
+
+/// The subject as it is described: a list, walked while it changes.
+class ListSubject {
+public:
+    void AddObserver(PZObserver_* o, unsigned int* ids, unsigned int count) {
+        entries_.push_back({o, {ids, ids + count}});
+    }
+    int RemoveObserver(PZObserver_* o) {
+        for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+            if (entry->observer != o) continue;
+            entries_.erase(entry);
+            return 1;
+        }
+        return 0;
+    }
+    unsigned int NotifyObserver(unsigned int id, void* data, unsigned int size, EN_NTF_TYPE type) {
+        unsigned int result = 0;
+        for (const Entry& entry : entries_) {
+            if (type != kSelected)
+                result = std::max(result, entry.observer->OnNotify(id, data, size));
+            for (size_t k = 0; type == kSelected && k < entry.ids.size(); ++k) {
+                if (entry.ids[k] != id) continue;
+                result = std::max(result, entry.observer->OnNotify(id, data, size));
+            }
+        }
+        return result;
+    }
+
+private:
+    struct Entry {
+        PZObserver_* observer;
+        std::vector<unsigned int> ids;
+    };
+    std::list<Entry> entries_;
+};
+
+/// A program of six observers that add, remove and notify while they are notified, by the dice of
+/// `seed`. Answers everything that happened in it.
+template <typename Subject>
+std::string changes_during_passes(unsigned int seed) {
+    constexpr int kObservers = 6;
+    constexpr unsigned int kIds = 3;
+    constexpr size_t kEnough = 400;
+    std::mt19937 dice(seed);
+    const auto below = [&dice](unsigned int end) {
+        return static_cast<unsigned int>(dice()) % end;
+    };
+    std::string happened;
+    std::vector<int> active;  // whom passes are at
+    Subject subject;
+    std::vector<std::unique_ptr<Recorder>> observers;
+
+    const auto notify = [&] {
+        const EN_NTF_TYPE type = below(2) == 0 ? kAll : kSelected;
+        const unsigned int result = subject.NotifyObserver(below(kIds), nullptr, 0, type);
+        happened += '(' + std::to_string(result) + ')';
+    };
+    const auto change = [&](int self) {
+        active.push_back(self);
+        const auto other = static_cast<int>(below(kObservers));
+        PZObserver_* const observer = observers[static_cast<size_t>(other)].get();
+        const unsigned int action = happened.size() < kEnough ? below(8) : 8;
+        if (action < 2) {
+            unsigned int ids[] = {below(kIds), below(kIds)};
+            subject.AddObserver(observer, ids, below(3));
+        } else if (action < 4 && std::count(active.begin(), active.end(), other) == 0) {
+            happened += '-' + std::to_string(subject.RemoveObserver(observer));
+        } else if (action == 4 && active.size() < 4) {
+            notify();
+        }
+        active.pop_back();
+    };
+    for (int i = 0; i < kObservers; ++i) {
+        observers.push_back(std::make_unique<Recorder>(happened, static_cast<char>('a' + i),
+                                                       static_cast<unsigned int>(i)));
+        observers.back()->action = [&change, i] { change(i); };
+        unsigned int ids[] = {below(kIds), below(kIds)};
+        subject.AddObserver(observers.back().get(), ids, 2);
+    }
+    for (int i = 0; i < 5; ++i) notify();
+    for (const auto& observer : observers) {
+        while (subject.RemoveObserver(observer.get()) == 1) happened += '.';
+        happened += '|';
+    }
+    return happened;
+}
+
+TEST(PZSubjectChangeTest, WhateverObserversChangeDuringPassesIsCalledAsAWalkOverAListWould) {
+    for (unsigned int seed = 0; seed < 2000; ++seed) {
+        ASSERT_EQ(changes_during_passes<ListSubject>(seed), changes_during_passes<PZSubject>(seed))
+            << "seed " << seed;
+    }
 }
 
 /// Runs `body` below `depth` more frames.

@@ -4,10 +4,12 @@
 /// @file
 /// The subject, its observers, and whom a notification reaches.
 
-#include <list>
+#include <algorithm>
+#include <cstddef>
 #include <vector>
 
 #include <Framework/Foundation/PZSync.h>
+#include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/PZApi.h>
 
 /// Whom a notification reaches. Every value other than en_NTF_SELECTED reaches all.
@@ -57,7 +59,8 @@ public:
     int RemoveObserver(PZObserver_* o);
 
     /// Calls the observers and returns the largest of their results; 0 when none was called.
-    unsigned int NotifyObserver(unsigned int id, void* data, unsigned int size, EN_NTF_TYPE type);
+    PZ_API unsigned int NotifyObserver(unsigned int id, void* data, unsigned int size,
+                                       EN_NTF_TYPE type);
 
 protected:
     /// Drops all subscriptions without the lock. For a subject in a forked child: another thread of
@@ -66,12 +69,55 @@ protected:
 
 private:
     struct Entry {
-        PZObserver_* observer;          // not owned
+        PZObserver_* observer;          // not owned; null: a subscription that ended during a pass
         std::vector<unsigned int> ids;  // in the order given at subscription
     };
 
-    std::list<Entry> observers_;  // in the order of subscription
-    PZSync sync_;                 // guards observers_; held during a notification
+    /// While one lives, no entry changes its place: a subscription that ends leaves a gap.
+    class Pass {
+    public:
+        explicit Pass(PZSubject& subject) noexcept : subject_(subject) { ++subject_.passes_; }
+        ~Pass() {
+            if (--subject_.passes_ == 0 && subject_.gaps_ > 0) subject_.CloseGaps();
+        }
+        Pass(const Pass&) = delete;
+        Pass& operator=(const Pass&) = delete;
+
+    private:
+        PZSubject& subject_;
+    };
+
+    unsigned int NotifyRest(std::size_t next, unsigned int result, unsigned int id, void* data,
+                            unsigned int size);
+    unsigned int NotifySelected(unsigned int id, void* data, unsigned int size);
+    void CloseGaps() noexcept;
+
+    std::vector<Entry> observers_;  // in the order of subscription
+    PZSync sync_;                   // guards everything here; held during a notification
+    unsigned int passes_ = 0;       // running, one in the other
+    unsigned int gaps_ = 0;         // among observers_
+    unsigned int changes_ = 0;      // of observers_; may wrap
 };
+
+// A notification runs in the caller's own code: where the compiler sees what the observers of a
+// program do, it puts that into the loop, which takes a third of the time of calling them.
+
+inline unsigned int PZSubject::NotifyObserver(unsigned int id, void* data, unsigned int size,
+                                              EN_NTF_TYPE type) {
+    if (type == en_NTF_SELECTED) return NotifySelected(id, data, size);
+    const PZSyncLock lock(sync_);
+    const Pass pass(*this);
+    unsigned int result = 0;
+    const unsigned int changes = changes_;
+    const Entry* const first = observers_.data();
+    const Entry* const end = first + observers_.size();
+    for (const Entry* entry = first; entry != end; ++entry) {
+        if (entry->observer == nullptr) continue;
+        result = std::max(result, entry->observer->OnNotify(id, data, size));
+        if (changes_ == changes) continue;  // else the entries may be elsewhere
+        return NotifyRest(static_cast<std::size_t>(entry - first) + 1, result, id, data, size);
+    }
+    return result;
+}
 
 #endif  // PZ_FRAMEWORK_PATTERN_PZSUBJECT_H
