@@ -166,13 +166,15 @@ protected:
         File("/usr/lib/x86_64-linux-gnu/libicui18n.so.72");
 
         File("/proc/self/limits", limits("4096", "unlimited", "819200", "40"));
-        File("/proc/self/status", "Name:\tx\nCapEff:\t0000000002000000\nSeccomp:\t0\n");
+        File("/proc/self/status", "Name:\tx\nCapEff:\t0000000002280000\nSeccomp:\t0\n");
         File("/proc/self/stat", stat_line(4));
         File("/proc/self/environ", std::string("HOME=/\0LTZ=UTC\0TZDIR=/x\0", 24));
         File("/proc/sys/fs/mqueue/msg_max", "256\n");
         File("/proc/sys/fs/mqueue/msgsize_max", "8192\n");
         File("/proc/sys/fs/mqueue/queues_max", "256\n");
         File("/proc/sys/kernel/shmmni", "4096\n");
+        File("/proc/self/mounts", "nodev /sys/kernel/tracing tracefs rw,relatime 0 0\n");
+        File("/sys/kernel/tracing/uprobe_events");
 
         File("/dev/mqueue/radio");
         File("/dev/mqueue/tuner");
@@ -279,8 +281,10 @@ TEST_F(doctorTest, FindsAMachineWithEverythingGreen) {
 "green   semaphore-leftovers no semaphore taken by a dead process\n"
 "green   segment-leftovers   no segment of a dead process\n"
 "green   segment-count       kernel.shmmni is 4096, 7 in use\n"
+"green   probes              this user may make probes\n"
+"green   process-reading     CAP_SYS_PTRACE: every process\n"
 "\n"
-"31 checks: 30 green, 0 yellow, 0 red, 1 skipped\n"),
+"33 checks: 32 green, 0 yellow, 0 red, 1 skipped\n"),
               // clang-format on
               doctor.output);
     EXPECT_EQ(0, doctor.status);
@@ -352,8 +356,10 @@ TEST_F(doctorTest, FindsAnEmptyMachineRedAndNamesEveryRepair) {
 "skipped semaphore-leftovers needs /dev/shm\n"
 "skipped segment-leftovers   needs /proc\n"
 "skipped segment-count       needs /proc\n"
+"skipped probes              needs /proc\n"
+"skipped process-reading     needs /proc\n"
 "\n"
-"31 checks: 0 green, 2 yellow, 13 red, 16 skipped\n"),
+"33 checks: 0 green, 2 yellow, 13 red, 18 skipped\n"),
         // clang-format on
         doctor.output);
     EXPECT_EQ(13, doctor.status);
@@ -384,6 +390,7 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
     File("/proc/sys/fs/mqueue/msgsize_max", "1023\n");
     File("/proc/sys/fs/mqueue/queues_max", "2\n");
     File("/proc/sys/kernel/shmmni", "7\n");
+    File("/proc/sys/kernel/yama/ptrace_scope", "1\n");
     File("/proc/101/maps");
     Remove("/proc/101/fd/3");
     File("/proc/sysvipc/shm", read_file(Root() + "/proc/sysvipc/shm") +
@@ -474,8 +481,14 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
 "red     segment-count       kernel.shmmni is 7, 9 in use\n"
 "                            why:    a file guard needs two segments of shared memory\n"
 "                            repair: sysctl -w kernel.shmmni=4096\n"
+"yellow  probes              this user may not make probes\n"
+"                            why:    pz-trace records by probes of the kernel\n"
+"                            repair: sudo pz-trace\n"
+"yellow  process-reading     kernel.yama.ptrace_scope is 1\n"
+"                            why:    pz-top reads the memory of other processes\n"
+"                            repair: sysctl -w kernel.yama.ptrace_scope=0\n"
 "\n"
-"31 checks: 5 green, 5 yellow, 20 red, 1 skipped\n"),
+"33 checks: 5 green, 7 yellow, 20 red, 1 skipped\n"),
         // clang-format on
         doctor.output);
     EXPECT_EQ(20, doctor.status);
@@ -598,6 +611,31 @@ TEST_F(doctorTest, FindsEveryNiceValueAllowedWithTheCapability) {
     EXPECT_EQ(Table("green   nice-limit          CAP_SYS_NICE: every nice value\n"
                     "\n1 checks: 1 green, 0 yellow, 0 red, 0 skipped\n"),
               Doctor("nice-limit").output);
+}
+
+TEST_F(doctorTest, FindsWhatKeepsFromLookingInsideOfProcessesYellow) {
+    GoodMachine();
+    const std::string total = "\n1 checks: 0 green, 1 yellow, 0 red, 0 skipped\n";
+    const std::string why =
+        "                            why:    pz-trace records by probes of the kernel\n";
+    Remove("/sys/kernel/tracing/uprobe_events");
+    EXPECT_EQ(
+        Table("yellow  probes              this kernel has no probes of programs\n" + why +
+              "                            repair: zgrep UPROBE_EVENTS /proc/config.gz  # the "
+              "kernel needs it\n" +
+              total),
+        Doctor("probes").output);
+    File("/proc/self/mounts", "proc /proc proc rw 0 0\n");
+    EXPECT_EQ(
+        Table("yellow  probes              tracefs is not mounted\n" + why +
+              "                            repair: mount -t tracefs nodev /sys/kernel/tracing  # "
+              "as root\n" +
+              total),
+        Doctor("probes").output);
+    File("/proc/self/status", "CapEff:\t0000000000000000\n");
+    EXPECT_EQ(Table("green   process-reading     the processes of this user\n"
+                    "\n1 checks: 1 green, 0 yellow, 0 red, 0 skipped\n"),
+              Doctor("process-reading").output);
 }
 
 TEST_F(doctorTest, FindsAKernelWithoutQueuesSegmentsOrLimitsRed) {
@@ -811,7 +849,7 @@ TEST_F(doctorTest, EscapesWhatJsonDoesNotTake) {
 TEST_F(doctorTest, ListsEveryCheckWithItsReason) {
     EXPECT_EQ(0U, run_doctor("--list").output.find("temp-folder         every process writes its "
                                                    "thread status to /temp/ThreadInfo\n"));
-    EXPECT_EQ(31U, all_names().size());
+    EXPECT_EQ(33U, all_names().size());
     for (const std::string& name : all_names()) {
         EXPECT_NE(std::string::npos, Doctor(name).output.find(" " + name + " ")) << name;
     }
@@ -891,9 +929,9 @@ TEST(doctorLiveTest, EndsWithTheNumberOfRedsOfThisMachine) {
     const auto json = read_json(doctor.output);
     ASSERT_TRUE(json) << doctor.output;
     EXPECT_EQ("", json->At("root").text);
-    EXPECT_EQ(31U, json->At("checks").members.size());
+    EXPECT_EQ(33U, json->At("checks").members.size());
     EXPECT_EQ(doctor.status, json->At("red").number);
-    EXPECT_EQ(31, json->At("green").number + json->At("yellow").number + json->At("red").number +
+    EXPECT_EQ(33, json->At("green").number + json->At("yellow").number + json->At("red").number +
                       json->At("skipped").number);
     for (const auto& member : json->At("checks").members) {
         const JsonValue& check = member.second;

@@ -12,5 +12,6 @@ std::vector<Check> text_checks();      ///< code pages
 std::vector<Check> limit_checks();     ///< priorities, descriptors, threads
 std::vector<Check> queue_checks();     ///< what the kernel allows to message queues
 std::vector<Check> leftover_checks();  ///< what dead processes left to others
+std::vector<Check> look_checks();      ///< who may look inside of running processes
 
 #endif  // TOOLS_DOCTOR_CHECKS_H

@@ -53,7 +53,7 @@ struct Options {
 std::vector<Check> all_checks() {
     std::vector<Check> all;
     for (const auto& family : {folder_checks(), device_checks(), zone_checks(), text_checks(),
-                               limit_checks(), queue_checks(), leftover_checks()}) {
+                               limit_checks(), queue_checks(), leftover_checks(), look_checks()}) {
         all.insert(all.end(), family.begin(), family.end());
     }
     return all;

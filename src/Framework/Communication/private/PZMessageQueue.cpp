@@ -168,7 +168,7 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
     std::memset(message + 1 + size, 0, kTrailer);
     int error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
     if (error == 0) {
-        PZ_PROBE(queue_send, static_cast<const char*>(name_), size, priority);
+        PZ_PROBE(queue_send, static_cast<const char*>(name_), size, kMostUrgent - priority);
         return answer(0);
     }
 
