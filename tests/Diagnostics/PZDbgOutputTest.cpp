@@ -2,8 +2,10 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/pz_framework.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -51,6 +53,9 @@ Log system_log;
 pztest::StdoutCapture* watched_output = nullptr;  // what it holds when a line is logged goes
 std::string printed_before_log;                   // here
 
+bool connects = false;  // as the log does at its first line, and when its daemon was started again
+int connection = -1;
+
 }  // namespace
 
 // The system log of these tests.
@@ -63,6 +68,7 @@ extern "C" void syslog(int pri, const char* fmt, ...) {
     const std::lock_guard<std::mutex> lock(system_log_mutex);
     system_log.push_back({pri, line});
     if (watched_output != nullptr) printed_before_log = watched_output->Take();
+    if (connects) connection = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     errno = ENOTCONN;
 }
 
@@ -543,6 +549,21 @@ TEST_F(PZDbgOutputTest, FlushesEachLine) {
     });
     EXPECT_EQ(padded_line(kRed, "[error] f()@unit(1) {} : std library error [0 : Success] hi\n"),
               stdErr.output);
+}
+
+TEST_F(PZDbgOutputTest, TheConnectionToTheLogTakesNoNumberOfAClosedStandardDescriptor) {
+    for (const int closed : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        const pztest::ChildResult result = pztest::run_in_child([closed] {
+            connects = true;
+            ::close(closed);
+            PZDbgOutput::DbgPrint("a.cpp", "f", 1, PZDbgOutput::en_TAG_ERROR, "x\n");
+            if (connection <= STDERR_FILENO) return 1;
+            PZDbgOutput::DbgPrintStdErr("a.cpp", "f", 1, "x\n");
+            if (connection <= STDERR_FILENO) return 2;
+            return ::fcntl(closed, F_GETFD) == -1 ? 42 : 3;  // and it is free again
+        });
+        EXPECT_EQ(42, result.status) << closed;
+    }
 }
 
 TEST_F(PZDbgOutputTest, KeepsTheCallersErrno) {

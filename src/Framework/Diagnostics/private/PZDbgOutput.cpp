@@ -120,7 +120,7 @@ void put(const ST_REPORT& report) {
     }
     std::printf("%s%*s%s", report.colour, kReportWidth, report.text, kReportReset);
     std::fflush(stdout);
-    if (report.isLogged) syslog(report.priority, "%s", report.text);
+    pz_log_report(report);
 }
 
 void put_plain(const char* message) {

@@ -1,6 +1,7 @@
 #include "pz_report_way.h"
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_standard_descriptors.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -164,9 +165,15 @@ unsigned int pz_settle_report_way() {
     return pz_report_way.load(std::memory_order_relaxed);
 }
 
+void pz_log_report(const ST_REPORT& report) {
+    if (!report.isLogged) return;
+    const PZStandardDescriptorsTaken taken;  // it may connect to the log, and stay connected
+    syslog(report.priority, "%s", report.text);
+}
+
 void pz_print_report(unsigned int way, const ST_REPORT& report) {
     print(way, report);
-    if (report.isLogged) syslog(report.priority, "%s", report.text);
+    pz_log_report(report);
 }
 
 void pz_put_special_report(const ST_REPORT& report) {

@@ -64,6 +64,9 @@ unsigned int pz_settle_report_way();
 /// Hands the report to the sink, and prints and logs it as asked for.
 void pz_put_special_report(const ST_REPORT& report);
 
+/// Hands it to the system log, if it belongs there.
+void pz_log_report(const ST_REPORT& report);
+
 /// Prints the line in the style of `way`, with one write, and logs it.
 void pz_print_report(unsigned int way, const ST_REPORT& report);
 
