@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <ucontext.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -11,6 +12,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <Framework/Foundation/PZPriorityQueue.h>
 
 // The hand-over in every order that its threads can take turns in.
 //
@@ -65,6 +68,14 @@ public:
     void Note(std::uint64_t value) {
         Thread& self = *threads_[current_];
         self.history = (self.history ^ value) * 1099511628211U + 1;
+    }
+
+    /// Called by a thread at a `place` in its program where only the state decides what it does
+    /// next: what it has read before counts no more.
+    void Forget(std::uint64_t place) {
+        Thread& self = *threads_[current_];
+        self.history = place;
+        self.steps = 0;
     }
 
     /// Called when something happens that must not.
@@ -237,15 +248,42 @@ private:
 };
 std::vector<const ModelAtomic*> ModelAtomic::all;
 
+struct Number {
+    unsigned int value;
+};
+
+/// The box's own queue; what lies in it is part of the state.
+class ModelQueue : public PZPriorityQueue<Number> {
+public:
+    explicit ModelQueue(unsigned int max) : PZPriorityQueue<Number>(max) { all.push_back(this); }
+
+    void AppendTo(Explorer::State& state) const {
+        state.push_back(size());
+        for (PZPriorityQueue<Number> rest = *this; !rest.empty(); rest.pop()) {
+            state.push_back(rest.top().value * 256 + rest.top().priority);
+        }
+    }
+
+    static std::vector<const ModelQueue*> all;
+};
+std::vector<const ModelQueue*> ModelQueue::all;
+
 enum class EN_MODEL_RESULT : int { WOKEN, END, ERROR };
 
 struct ModelWait {
     bool woken = false;
     unsigned int ends = 0;
+    unsigned int endsAnswered = 0;
     unsigned int failingWakes = 0;
     unsigned int failingWaits = 0;
     bool isWaiting = false;
+    bool looks = false;
 
+    /// One test, at any time, stands for many: those that find nothing change nothing.
+    template <typename HasWork>
+    bool Look(HasWork hasWork) {
+        return looks && hasWork();
+    }
     int Wake() {
         stop_before_access();
         if (failingWakes > 0) {
@@ -270,6 +308,7 @@ struct ModelWait {
         }
         if (ends > 0) {
             --ends;
+            ++endsAnswered;
             return EN_MODEL_RESULT::END;
         }
         woken = false;
@@ -285,6 +324,8 @@ struct ModelEnv {
     using Sync = ModelSync;
     using Guard = ModelGuard;
     using Atomic = ModelAtomic;
+    using Message = Number;
+    using Queue = ModelQueue;
     using Wait = ModelWait;
     using Result = EN_MODEL_RESULT;
     static constexpr Result kWoken = EN_MODEL_RESULT::WOKEN;
@@ -292,32 +333,52 @@ struct ModelEnv {
     static constexpr Result kError = EN_MODEL_RESULT::ERROR;
 };
 
-constexpr size_t kWakers = 2;  // the hand-over's third atomic
+constexpr size_t kWakers = 3;  // the hand-over's fourth atomic
+constexpr unsigned int kOrdinary = 1;
 
 /// A box reduced to numbers, with the hand-over that is to be tried.
-template <typename HandOver>
+template <typename HandOver, unsigned int kRoom = 3>
 struct ModelBox {
-    static constexpr size_t kRoom = 8;
+    struct Posted {
+        unsigned int number;
+        unsigned int priority;
+        bool served;
+    };
 
     ModelSync sync;
     ModelWait wait;
-    HandOver handOver{sync, wait};
-    std::array<unsigned int, kRoom> queue = {};
-    size_t head = 0;
-    size_t tail = 0;
-    std::array<unsigned int, kRoom> served = {};
-    size_t servedCount = 0;
+    HandOver handOver{sync, wait, kRoom};
+    std::vector<Posted> posted;  // in the order of the lock
+    std::vector<unsigned int> served;
+    std::vector<size_t> servedBeforePosts;  // how many were when each post began
+    size_t known = 0;                       // how many were posted when the pass began
+    std::set<unsigned int> failed;          // posts that could not wake the loop
+    unsigned int refused = 0;
     unsigned int failedWaits = 0;
     bool loopEnded = false;
 
-    bool Post(unsigned int number) {
+    /// Whether the loop was woken, if it was asleep; a refused message fails nothing.
+    bool Post(unsigned int number, unsigned int priority = kOrdinary) {
+        explorer->Forget(number);
+        const size_t servedBefore = served.size();
+        servedBeforePosts.push_back(servedBefore);
         unsigned int sleep = 0;
         {
             const ModelGuard guard(sync);
-            queue.at(tail++) = number;
-            sleep = handOver.AddedLocked();
+            if (handOver.IsFullLocked()) {
+                if (posted.size() - servedBefore < kRoom) explorer->Fail("refused with room");
+                ++refused;
+                return true;
+            }
+            sleep = handOver.PostLocked({{number}, priority});
+            posted.push_back({number, priority, false});
+            // One more is out whose service has just begun.
+            if (posted.size() - served.size() > kRoom + 1)
+                explorer->Fail("more than there is room");
         }
-        return handOver.WakeFrom(sleep);
+        const bool answer = handOver.WakeFrom(sleep);
+        if (!answer) failed.insert(number);
+        return answer;
     }
 
     void Loop() {
@@ -327,37 +388,51 @@ struct ModelBox {
 
     /// One message, as a pass of the box without emergencies and events.
     void ServePass() {
-        if (handOver.IsIdle()) return;
-        unsigned int number = 0;
-        {
-            const ModelGuard guard(sync);
-            if (head == tail) return;
-            number = queue.at(head++);
-            handOver.TakenLocked();
+        explorer->Forget(1);
+        known = posted.size();
+        Number message = {0};
+        if (handOver.Take([](const Number&) { return true; }, message)) Serve(message.value);
+        known = 0;
+    }
+
+    /// What was posted before the pass is not to wait for a later or less urgent one.
+    void Serve(unsigned int number) {
+        size_t index = 0;
+        while (index < posted.size() && posted[index].number != number) ++index;
+        if (index == posted.size() || posted[index].served) return explorer->Fail("served twice");
+        for (size_t i = 0; i < posted.size(); ++i) {
+            const bool before = posted[i].priority == posted[index].priority
+                                    ? i < index
+                                    : i < known && posted[i].priority < posted[index].priority;
+            if (before && !posted[i].served) explorer->Fail("served out of order");
         }
-        served.at(servedCount++) = number;
+        posted[index].served = true;
+        served.push_back(number);
     }
 
     /// The loop has begun: discards, as PZLMsgBox does.
     void Begin() {
         const ModelGuard guard(sync);
-        head = tail;
+        posted.clear();
         handOver.BeginLocked();
+        handOver.AwakeLocked();
     }
 
+    bool IsAllServed() const { return served.size() == posted.size(); }
+
     Explorer::State State() const {
-        Explorer::State state = {sync.held ? 1U : 0U,
-                                 wait.woken ? 1U : 0U,
-                                 wait.ends,
-                                 wait.failingWakes,
-                                 wait.failingWaits,
-                                 head,
-                                 tail,
-                                 servedCount,
-                                 loopEnded ? 1U : 0U,
-                                 destroyed ? 1U : 0U};
+        Explorer::State state = {sync.held ? 1U : 0U, wait.woken ? 1U : 0U, wait.ends,
+                                 wait.failingWakes,   wait.failingWaits,    refused,
+                                 loopEnded ? 1U : 0U, destroyed ? 1U : 0U};
         for (const ModelAtomic* atomic : ModelAtomic::all) state.push_back(atomic->Value());
-        for (size_t i = 0; i < tail; ++i) state.push_back(queue.at(i));
+        for (const ModelQueue* queue : ModelQueue::all) queue->AppendTo(state);
+        state.push_back(posted.size());
+        for (const Posted& post : posted) state.push_back(post.number * 2 + (post.served ? 1 : 0));
+        for (const unsigned int number : served) state.push_back(number);
+        state.push_back(wait.endsAnswered);
+        state.push_back(known);
+        for (const size_t count : servedBeforePosts) state.push_back(count);
+        for (const unsigned int number : failed) state.push_back(number);
         return state;
     }
 };
@@ -376,6 +451,7 @@ protected:
         return all.Explore([&]() -> Explorer::Program {
             destroyed = false;
             ModelAtomic::all.clear();
+            ModelQueue::all.clear();
             box = std::make_shared<AnyBox>();
             prepare(*box);
             return {threadsOf(*box), [&box] { return box->State(); },
@@ -390,9 +466,7 @@ protected:
 template <typename AnyBox>
 std::string nothing_is_left(const AnyBox& box) {
     if (!box.wait.isWaiting) return "the loop does not wait";
-    if (box.head != box.tail) return "asleep with work";
-    if (box.servedCount != box.tail) return "lost or served twice";
-    return "";
+    return box.IsAllServed() ? "" : "asleep with work";
 }
 
 // What every order comes to
@@ -414,9 +488,54 @@ TEST_F(PZHandOverTest, LeavesNothingThatTwoThreadsPostUnserved) {
                         box.Post(20);
                     }};
         },
-        nothing_is_left<Box>);
+        nothing_is_left<Box>, [](Box& box) { box.wait.looks = true; });
     EXPECT_EQ("", failure);
     EXPECT_GT(all.States(), 1000U);
+}
+
+/// Each of the two posts something ordinary and something more urgent.
+template <typename AnyBox>
+std::vector<Explorer::Body> loop_and_urgent_posts(AnyBox& box) {
+    return {[&box] {
+                box.Begin();
+                box.Loop();
+            },
+            [&box] {
+                explorer->Stop([&box] { return box.wait.isWaiting; });
+                box.Post(10);
+                box.Post(11, 0);
+            },
+            [&box] {
+                explorer->Stop([&box] { return box.wait.isWaiting; });
+                box.Post(20);
+            }};
+}
+
+TEST_F(PZHandOverTest, ServesTheMoreUrgentFirstAndEqualsInTheOrderTheyCame) {
+    const std::string failure = Explore<Box>(loop_and_urgent_posts<Box>, nothing_is_left<Box>);
+    EXPECT_EQ("", failure);
+}
+
+TEST_F(PZHandOverTest, RefusesAMessageOnlyWhileThereIsNoRoom) {
+    using SmallBox = ModelBox<PZHandOver<ModelEnv>, 2>;
+    unsigned int mostRefused = 0;
+    const std::string failure = Explore<SmallBox>(
+        [](SmallBox& box) -> std::vector<Explorer::Body> {
+            return {[&box] {
+                        box.Begin();
+                        box.Loop();
+                    },
+                    [&box] {
+                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        for (unsigned int number = 10; number < 15; ++number) box.Post(number);
+                    }};
+        },
+        [&mostRefused](const SmallBox& box) -> std::string {
+            mostRefused = std::max(mostRefused, box.refused);
+            return nothing_is_left(box);
+        });
+    EXPECT_EQ("", failure);
+    EXPECT_EQ(3U, mostRefused);  // by a loop that takes nothing meanwhile
 }
 
 TEST_F(PZHandOverTest, LeavesNothingUnservedThatIsPostedWhileTheLoopBegins) {
@@ -436,10 +555,11 @@ TEST_F(PZHandOverTest, LeavesNothingUnservedThatIsPostedWhileTheLoopBegins) {
                     }};
         },
         [](const Box& box) -> std::string {
-            if (!box.wait.isWaiting || box.head != box.tail) return "asleep with work";
-            if (box.servedCount == 0) return "served nothing";
-            return box.served.at(box.servedCount - 1) == 10 ? "" : "did not serve the last post";
-        });
+            if (!box.wait.isWaiting || !box.IsAllServed()) return "asleep with work";
+            if (box.served.empty()) return "served nothing";
+            return box.served.back() == 10 ? "" : "did not serve the last post";
+        },
+        [](Box& box) { box.wait.looks = true; });
     EXPECT_EQ("", failure);
 }
 
@@ -464,7 +584,7 @@ TEST_F(PZHandOverTest, ServesEverythingThatWasPostedBeforeTheEnd) {
         [](const Box& box) -> std::string {
             if (!box.loopEnded) return "did not end";
             unsigned int ownPosts = 0;
-            for (size_t i = 0; i < box.servedCount; ++i) ownPosts += box.served.at(i) < 20 ? 1 : 0;
+            for (const unsigned int number : box.served) ownPosts += number < 20 ? 1 : 0;
             return ownPosts == 2 ? "" : "ended too early";
         });
     EXPECT_EQ("", failure);
@@ -493,9 +613,12 @@ TEST_F(PZHandOverTest, WakesWithTheNextPostWhatAFailedWakeUpHasLeft) {
             if (!box.wait.isWaiting) return "the loop does not wait";
             // One wake-up failed; of three posts the others have found a loop that serves.
             if (!answered[1] && !answered[2]) return "two posts failed for one wake-up";
-            return box.head == box.tail ? "" : "asleep with work";
+            return box.IsAllServed() ? "" : "asleep with work";
         },
-        [](Box& box) { box.wait.failingWakes = 1; });
+        [](Box& box) {
+            box.wait.failingWakes = 1;
+            box.wait.looks = true;
+        });
     EXPECT_EQ("", failure);
 }
 
@@ -518,7 +641,7 @@ TEST_F(PZHandOverTest, AnswersAFailureForEachPostThatLeavesTheLoopAsleep) {
                     }};
         },
         [&answered](const Box& box) -> std::string {
-            if (box.servedCount != 0) return "served without a wake-up";
+            if (!box.served.empty()) return "served without a wake-up";
             return !answered[0] && !answered[1] ? "" : "answered 0 to a loop that sleeps";
         },
         [](Box& box) { box.wait.failingWakes = 2; });
@@ -555,7 +678,7 @@ TEST_F(PZHandOverTest, IsLeftAloneByAPostBeforeItSaysThatNobodyWakesTheLoop) {
                     },
                     [&box] {
                         // Who waits for the message to be served, and destroys the box then.
-                        explorer->Stop([&box] { return box.servedCount == 1; });
+                        explorer->Stop([&box] { return box.served.size() == 1; });
                         box.wait.End();
                         explorer->Stop([&box] { return box.loopEnded; });
                         explorer->Stop([] { return ModelAtomic::all.at(kWakers)->Value() == 0; });
@@ -569,25 +692,53 @@ TEST_F(PZHandOverTest, IsLeftAloneByAPostBeforeItSaysThatNobodyWakesTheLoop) {
 
 // The explorer finds the classic mistakes.
 
-/// A hand-over whose loop tests for work, says that it sleeps, and does not test again.
-class TestsOnlyOnce {
+/// What broken hand-overs have in common: one queue under the lock.
+class OneQueue {
 public:
     using Sleep = unsigned int;
 
-    TestsOnlyOnce(ModelSync& /*sync*/, ModelWait& wait) : wait_(wait) {}
+    OneQueue(ModelSync& sync, ModelWait& wait, unsigned int room)
+        : sync_(sync), wait_(wait), queue_(room) {}
 
-    Sleep AddedLocked() {
+    bool IsFullLocked() const { return queue_.size() >= queue_.capacity(); }
+    Sleep PostLocked(const ModelQueue::que& message) {
+        queue_.push(message);
         pieces_.store(pieces_.load() + 1);
         return sleep_.load();
     }
+    void BeginLocked() { queue_.Clear(); }
+    void AwakeLocked() { sleep_.store(0); }
+
+    template <typename IsWanted>
+    bool Take(IsWanted /*isWanted*/, Number& message) {
+        const ModelGuard guard(sync_);
+        if (queue_.empty()) return false;
+        message = queue_.top();
+        queue_.pop();
+        pieces_.store(pieces_.load() - 1);
+        return true;
+    }
+
+protected:
+    bool IsIdle() const { return pieces_.load() == 0; }
+
+    ModelSync& sync_;
+    ModelWait& wait_;
+    ModelQueue queue_;
+    ModelAtomic pieces_{0};
+    ModelAtomic sleep_{0};
+};
+
+/// A hand-over whose loop tests for work, says that it sleeps, and does not test again.
+class TestsOnlyOnce : public OneQueue {
+public:
+    using OneQueue::OneQueue;
+
     bool WakeFrom(Sleep sleep) {
         if (sleep == 0) return true;
         sleep_.store(0);
         return wait_.Wake() == 1;
     }
-    void TakenLocked() { pieces_.store(pieces_.load() - 1); }
-    bool IsIdle() const { return pieces_.load() == 0; }
-    void BeginLocked() { sleep_.store(0); }
 
     template <typename ServePass, typename WaitFailed>
     void Run(ServePass servePass, WaitFailed /*waitFailed*/) {
@@ -599,33 +750,19 @@ public:
             servePass();
         }
     }
-
-private:
-    ModelWait& wait_;
-    ModelAtomic pieces_{0};
-    ModelAtomic sleep_{0};
 };
 
 /// Tests again under the lock, but its sleeps have no numbers: a late post ends the next one's.
-class CallsEverySleepAlike {
+class CallsEverySleepAlike : public OneQueue {
 public:
-    using Sleep = unsigned int;
+    using OneQueue::OneQueue;
 
-    CallsEverySleepAlike(ModelSync& sync, ModelWait& wait) : sync_(sync), wait_(wait) {}
-
-    Sleep AddedLocked() {
-        pieces_.store(pieces_.load() + 1);
-        return sleep_.load();
-    }
     bool WakeFrom(Sleep sleep) {
         if (sleep == 0) return true;
         const bool woken = wait_.Wake() == 1;
         if (woken) sleep_.store(0);
         return woken;
     }
-    void TakenLocked() { pieces_.store(pieces_.load() - 1); }
-    bool IsIdle() const { return pieces_.load() == 0; }
-    void BeginLocked() { sleep_.store(0); }
 
     template <typename ServePass, typename WaitFailed>
     void Run(ServePass servePass, WaitFailed /*waitFailed*/) {
@@ -645,11 +782,38 @@ private:
         wait_.Wait();
         sleep_.store(0);
     }
+};
 
-    ModelSync& sync_;
-    ModelWait& wait_;
-    ModelAtomic pieces_{0};
-    ModelAtomic sleep_{0};
+/// Serves what its loop has fetched to the end before it looks at what was posted meanwhile.
+class ServesItsOwnFirst : public OneQueue {
+public:
+    using OneQueue::OneQueue;
+
+    bool WakeFrom(Sleep /*sleep*/) { return true; }
+
+    template <typename IsWanted>
+    bool Take(IsWanted /*isWanted*/, Number& message) {
+        const ModelGuard guard(sync_);
+        if (own_.empty()) std::swap(own_, queue_);
+        if (own_.empty()) return false;
+        message = own_.top();
+        own_.pop();
+        pieces_.store(pieces_.load() - 1);
+        return true;
+    }
+
+    template <typename ServePass, typename WaitFailed>
+    void Run(ServePass servePass, WaitFailed /*waitFailed*/) {
+        for (;;) {
+            wait_.isWaiting = true;
+            explorer->Stop([this] { return pieces_.Value() > 0; });
+            wait_.isWaiting = false;
+            servePass();
+        }
+    }
+
+private:
+    ModelQueue own_{8};
 };
 
 template <typename AnyBox>
@@ -680,6 +844,13 @@ TEST_F(PZHandOverTest, TheExplorerFindsALatePostThatEndsTheNextSleep) {
     const std::string failure =
         Explore<Broken>(loop_and_two_posts<Broken>, nothing_is_left<Broken>);
     EXPECT_EQ(0U, failure.find("asleep with work")) << failure;
+}
+
+TEST_F(PZHandOverTest, TheExplorerFindsALoopThatLetsTheMoreUrgentWait) {
+    using Broken = ModelBox<ServesItsOwnFirst>;
+    const std::string failure =
+        Explore<Broken>(loop_and_urgent_posts<Broken>, nothing_is_left<Broken>);
+    EXPECT_EQ(0U, failure.find("served out of order")) << failure;
 }
 
 }  // namespace

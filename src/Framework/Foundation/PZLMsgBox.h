@@ -1,7 +1,6 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZLMSGBOX_H
 #define PZ_FRAMEWORK_FOUNDATION_PZLMSGBOX_H
 
-#include <atomic>
 #include <memory>
 #include <set>
 
@@ -28,8 +27,9 @@
 /// Exit:      takes effect when nothing is pending. An Exit that found no loop, or a second one,
 ///            stays pending and ends the next Loop as soon as that is idle.
 /// Wake-ups:  a post wakes the loop when it sleeps, with one system call, and makes none while it
-///            serves: it cannot fail for that then. A wait that fails is reported like a broken
-///            invariant and repeated after 100 milliseconds.
+///            serves: it cannot fail for that then. Before it sleeps, the loop looks for more for
+///            up to 10 microseconds, when the last post came from another processor. A wait that
+///            fails is reported like a broken invariant and repeated after 100 milliseconds.
 /// Ownership: the box owns its payload copies, in memory that it keeps, and uses the memory of one
 ///            again after service. Copies of messages that are still queued when the box dies are
 ///            not released. Messages for an identifier that is not registered are dropped without
@@ -73,11 +73,10 @@ private:
 
     PZ_LOCAL bool MakeEvents();
     PZ_LOCAL bool BeginLoop(unsigned int workerId);
-    PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d) PZ_REQUIRES(msgSync_);
-    PZ_LOCAL bool QueueLocked(const EventInfo& event) PZ_REQUIRES(msgSync_);
+    PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) PZ_REQUIRES(msgSync_);
+    PZ_LOCAL bool QueueLocked(const EventInfo& event, unsigned int& sleep) PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL EventInfo TakeEvent();
-    PZ_LOCAL void NoteNextLocked() PZ_REQUIRES(msgSync_);
     PZ_LOCAL PZIDispatcher* FindLocked(unsigned long id) const PZ_REQUIRES(dispatcherSync_);
     PZ_LOCAL void DispatchMessage(const ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL void DispatchEvent(const EventInfo& event);
@@ -89,20 +88,16 @@ private:
 
     friend class PZWorker;  // makes the events before the thread
 
+    // What the loop changes at every message stands away from what posts change, in this object and
+    // in the order of allocations: on two processors they are not to wait for each other's lines.
     std::set<PZIDispatcher*> dispatchers_ PZ_GUARDED_BY(dispatcherSync_);  // not owned
-    PZPriorityQueue<ST_PUSH_MSG_DATA> msgs_ PZ_GUARDED_BY(msgSync_);       // payloads in kept_
-    PZPriorityQueue<EventInfo> events_ PZ_GUARDED_BY(msgSync_);            // all of one level
-    PZSync msgSync_;         // never held while a handler runs
-    PZSync dispatcherSync_;  // held while a handler runs
+    PZSync dispatcherSync_;                                      // held while a handler runs
+    PZPriorityQueue<EventInfo> events_ PZ_GUARDED_BY(msgSync_);  // all of one level
     PZEvent startedEvent_;
-    std::unique_ptr<Kept> kept_;  // what the loop waits with; null without memory
     unsigned int trail_;
     int workerId_ PZ_GUARDED_BY(msgSync_);  // 0 until Loop
-
-    // What the loop reads without the lock, under which they are written: what it has missed wakes
-    // it, and what it has seen stays, because only the loop takes out.
-    std::atomic<bool> isEmergencyNext_;
-    std::atomic<bool> isEventPending_;
+    std::unique_ptr<Kept> kept_;  // messages, and what the loop waits with; null without memory
+    PZSync msgSync_;              // never held while a handler runs
 };
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PZLMSGBOX_H

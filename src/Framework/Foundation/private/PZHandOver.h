@@ -1,12 +1,27 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZHANDOVER_H
 #define PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZHANDOVER_H
 
-/// How work gets from the threads that post it to the loop that serves it, without a wake-up too
-/// few and with as few as possible.
+#include <array>
+#include <utility>
+
+/// Stands between what different threads write, so that it lies on different lines of their caches.
+using PZApart = std::array<unsigned char, 64>;
+
+/// How work gets from the threads that post it to the loop that serves it: in order, without a
+/// wake-up too few, and with few locks and wake-ups.
+///
+/// Messages wait in two queues. Posts put theirs into the inbox, under the lock. The loop serves
+/// from a queue of its own, without the lock; when that is empty, it exchanges it for the inbox. So
+/// both meet at the lock once for many messages.
+///
+/// The order is that of one queue: before each message the loop reads how urgent the inbox is. What
+/// is more urgent than all of its own comes first. Among equals its own came first, because an
+/// exchange takes all there is.
 ///
 ///   a post, under the lock:   put the work in; is the loop asleep?
 ///           after it:         if so, wake it: this sleep needs no other wake-up
-///   the loop:                 nothing there? under the lock: still nothing? it is asleep; wait
+///   the loop:                 nothing there? look a moment longer, where that may help;
+///                             under the lock: still nothing? it is asleep; wait
 ///
 /// So only a post for a sleeping loop wakes it, and none does while it serves. The wake-up comes
 /// after the lock, for which the woken loop would have to wait at once.
@@ -19,25 +34,47 @@
 /// very same steps in every order. `Env` names the types:
 ///   Sync, Guard   the lock of the queues, and its scoped guard
 ///   Atomic        an atomic unsigned int
-///   Wait          Wake, Wait (without limit), DiscardWakeUps, as PZLoopWait
+///   Message       what is posted
+///   Queue         PZPriorityQueue of messages
+///   Wait          Look, Wake, Wait (without limit), DiscardWakeUps, as the box's
 ///   Result        what Wait answers: kWoken, kEnd, kError
 template <typename Env>
 class PZHandOver {
 public:
+    using Message = typename Env::Message;
+    using Queue = typename Env::Queue;
+
     /// What a post has found: the number of the loop's sleep, 0 when it is awake.
     using Sleep = unsigned int;
 
-    PZHandOver(typename Env::Sync& sync, typename Env::Wait& wait) : sync_(sync), wait_(wait) {}
+    /// For `room` messages at most: who posts asks IsFullLocked first.
+    PZHandOver(typename Env::Sync& sync, typename Env::Wait& wait, unsigned int room)
+        : sync_(sync), wait_(wait), inbox_(room), own_(room) {}
 
     PZHandOver(const PZHandOver&) = delete;
     PZHandOver& operator=(const PZHandOver&) = delete;
 
-    /// Under the lock, when a piece of work was put in: the answer is for WakeFrom, which follows.
-    Sleep AddedLocked() {
-        pieces_.store(pieces_.load() + 1);
-        const Sleep sleep = sleep_.load();
-        if (sleep != kAwake) wakers_.fetch_add(1);
-        return sleep;
+    /// Under the lock: whether as many messages wait as there is room for.
+    bool IsFullLocked() {
+        if (posted_ - takenBefore_ < inbox_.capacity()) return false;
+        takenBefore_ = taken_.load();
+        return posted_ - takenBefore_ >= inbox_.capacity();
+    }
+
+    /// Under the lock: puts a message in. The answer is for WakeFrom, which follows. Without memory
+    /// it throws std::bad_alloc, and nothing has changed.
+    Sleep PostLocked(const typename Queue::que& message) {
+        inbox_.push(message);
+        ++posted_;
+        const unsigned int level = LevelOf(inbox_);
+        if (level < urgency_.load()) urgency_.store(level);
+        return AddedLocked();
+    }
+
+    /// Under the lock, when an event was put in: the answer is for WakeFrom, which follows.
+    Sleep EventPostedLocked() {
+        events_.store(events_.load() + 1);
+        return AddedLocked();
     }
 
     /// After the lock. False when the loop sleeps and could not be woken: the next post tries
@@ -51,16 +88,19 @@ public:
         return woken;
     }
 
-    /// Under the lock, when a piece of work was taken out.
-    void TakenLocked() { pieces_.store(pieces_.load() - 1); }
-
-    /// The test for work without the lock: only the loop takes out, so what it has seen stays
-    /// there, and what it has missed it finds before it falls asleep.
-    bool IsIdle() const { return pieces_.load() == 0; }
-
-    /// Under the lock, when a loop begins, for which all work was thrown away.
+    /// Under the lock, when a loop begins: throws all work away.
     void BeginLocked() {
-        pieces_.store(0);
+        inbox_.Clear();
+        own_.Clear();
+        posted_ = 0;
+        takenBefore_ = 0;
+        taken_.store(0);
+        urgency_.store(kNothing);
+        events_.store(0);
+    }
+
+    /// Under the lock, when a loop that can be woken has begun.
+    void AwakeLocked() {
         wait_.DiscardWakeUps();
         sleep_.store(kAwake);
     }
@@ -88,14 +128,68 @@ public:
         FallAsleepLocked();
     }
 
+    /// The loop: takes the next message out; false when there is none, or when `isWanted` refuses
+    /// the next one, which stays.
+    template <typename IsWanted>
+    bool Take(IsWanted isWanted, Message& message) {
+        if (urgency_.load() < LevelOf(own_)) {
+            const typename Env::Guard guard(sync_);
+            if (!own_.empty()) {
+                const bool taken = TakeFrom(inbox_, isWanted, message);
+                urgency_.store(LevelOf(inbox_));
+                return taken;
+            }
+            std::swap(own_, inbox_);
+            urgency_.store(kNothing);
+        }
+        return TakeFrom(own_, isWanted, message);
+    }
+
+    /// The loop: what it takes next, if nothing more urgent is posted meanwhile; null when it has
+    /// to look into the inbox.
+    const Message* NextOwn() const { return own_.empty() ? nullptr : &own_.top(); }
+
+    /// The loop: whether there is an event.
+    bool HasEvent() const { return events_.load() != 0; }
+
+    /// Under the lock, when an event was taken out.
+    void EventTakenLocked() { events_.store(events_.load() - 1); }
+
     /// Whether a post is still about to wake the loop: it is to outlive that.
     bool IsBeingWoken() const { return wakers_.load() != 0; }
 
 private:
     static constexpr Sleep kAwake = 0;
+    static constexpr unsigned int kNothing = ~0U;  // less urgent than every level
+
+    static unsigned int LevelOf(const Queue& queue) {
+        return queue.empty() ? kNothing : queue.top().priority;
+    }
+
+    Sleep AddedLocked() {
+        const Sleep sleep = sleep_.load();
+        if (sleep != kAwake) wakers_.fetch_add(1);
+        return sleep;
+    }
+
+    template <typename IsWanted>
+    bool TakeFrom(Queue& queue, IsWanted isWanted, Message& message) {
+        if (queue.empty() || !isWanted(queue.top())) return false;
+        message = queue.top();
+        queue.pop();
+        taken_.store(taken_.load() + 1);
+        return true;
+    }
+
+    /// The loop's test for work without the lock: only the loop takes out, so what it has seen
+    /// stays there, and what it has missed it finds before it falls asleep.
+    bool IsIdle() const {
+        return own_.empty() && urgency_.load() == kNothing && events_.load() == 0;
+    }
 
     /// Waits until there is work, or the loop is asked to end; answers as the wait did.
     typename Env::Result WaitForWork() {
+        if (wait_.Look([this] { return !IsIdle(); })) return Env::kWoken;
         {
             const typename Env::Guard guard(sync_);
             if (!IsIdle()) return Env::kWoken;
@@ -111,12 +205,25 @@ private:
         sleep_.store(lastSleep_);
     }
 
+    // Read by everybody.
     typename Env::Sync& sync_;
     typename Env::Wait& wait_;
-    typename Env::Atomic pieces_{0};  // written under the lock
-    typename Env::Atomic sleep_{1};   // begins under the lock; asleep until there is a loop
+    typename Env::Atomic urgency_{kNothing};  // level of the inbox's next; written under the lock
+    typename Env::Atomic events_{0};          // written under the lock
+    typename Env::Atomic sleep_{1};           // begins under the lock; asleep until there is a loop
     typename Env::Atomic wakers_{0};
-    Sleep lastSleep_ = 1;  // guarded by the lock
+    PZApart fromPosts_ = {};
+
+    // Guarded by the lock.
+    Queue inbox_;
+    unsigned int posted_ = 0;       // messages since the loop began, modulo 2^32
+    unsigned int takenBefore_ = 0;  // taken_, as it was when the box last seemed full
+    Sleep lastSleep_ = 1;
+    PZApart fromLoop_ = {};
+
+    // The loop's own.
+    Queue own_;
+    typename Env::Atomic taken_{0};  // read by posts
 };
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZHANDOVER_H

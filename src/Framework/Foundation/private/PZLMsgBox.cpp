@@ -14,12 +14,14 @@
 #include "PZHandOver.h"
 #include "PZLoopWait.h"
 #include "PZPayloadStore.h"
+#include "PZShortLook.h"
 
 namespace {
 
 constexpr unsigned int kMaxMessages = 256;
 constexpr unsigned int kMaxEvents = 256;
 constexpr unsigned int kMaxPayload = 256;  // bytes
+constexpr unsigned int kMostSpent = 16;    // payload copies that the loop gives back together
 constexpr unsigned int kNoTimeLimit = 0xFFFFFFFFU;
 constexpr unsigned int kOneLevel = 0;  // all events are alike
 constexpr unsigned long kNoIdentifier = ~0UL;
@@ -43,8 +45,14 @@ static_assert(sizeof(PZLMsgBox::EventInfo) == 8, "record layout");
 
 /// What the box keeps for its loop.
 struct PZLMsgBox::Kept {
-    /// The loop's wait, between the watchdog's hooks.
+    /// The loop's wait, between the watchdog's hooks, and its look before it.
     struct BracketedWait {
+        explicit BracketedWait(PZShortLook& shortLook) : look(shortLook) {}
+
+        template <typename HasWork>
+        bool Look(HasWork hasWork) {
+            return look(hasWork);
+        }
         int Wake() { return wait.Wake(); }
         void DiscardWakeUps() { wait.DiscardWakeUps(); }
 
@@ -56,10 +64,11 @@ struct PZLMsgBox::Kept {
         }
 
         PZLoopWait wait;
+        PZShortLook& look;
     };
 
-    /// Written under the lock, which orders what posts do. A loop that reads an old value learns
-    /// better under the lock, before it falls asleep.
+    /// What others have written before they stored a value is seen by who loads it. A loop that
+    /// reads an old value learns better under the lock, before it falls asleep.
     class Counter {
     public:
         constexpr explicit Counter(unsigned int value) : value_(value) {}
@@ -80,6 +89,8 @@ struct PZLMsgBox::Kept {
         using Sync = PZSync;
         using Guard = PZSyncLock;
         using Atomic = Counter;
+        using Message = ST_PUSH_MSG_DATA;
+        using Queue = PZPriorityQueue<ST_PUSH_MSG_DATA>;
         using Wait = BracketedWait;
         using Result = PZLoopWait::EN_RESULT;
         static constexpr Result kWoken = PZLoopWait::en_WAKE;
@@ -87,22 +98,19 @@ struct PZLMsgBox::Kept {
         static constexpr Result kError = PZLoopWait::en_ERROR;
     };
 
-    explicit Kept(PZSync& msgSync) : handOver(msgSync, wait) {}
+    explicit Kept(PZSync& msgSync) : wait(look), handOver(msgSync, wait, kMaxMessages) {}
 
+    PZPayloadStore payloads;  // taken under the message lock
+    PZShortLook look;
+    PZApart fromPosts = {};
     BracketedWait wait;
-    PZHandOver<Env> handOver;
-    PZPayloadStore payloads;          // guarded by the message lock
-    const void* inService = nullptr;  // copy that the loop's last message had; the loop's own
+    PZHandOver<Env> handOver;         // ends with what is the loop's own
+    const void* inService = nullptr;  // copy that the loop's last message had
+    PZPayloadStore::Spent spent;      // copies of the loop's messages before it
 };
 
 PZLMsgBox::PZLMsgBox()
-    : msgs_(kMaxMessages),
-      events_(kMaxEvents),
-      kept_(new (std::nothrow) Kept(msgSync_)),
-      trail_(0),
-      workerId_(0),
-      isEmergencyNext_(false),
-      isEventPending_(false) {
+    : events_(kMaxEvents), trail_(0), workerId_(0), kept_(new (std::nothrow) Kept(msgSync_)) {
     if (kept_ == nullptr) PZ_REPORT_ERROR("failed to allocate memory\n");
 }
 
@@ -111,7 +119,8 @@ PZLMsgBox::~PZLMsgBox() {
     // The last message may have been served before the thread that posted it has woken the loop.
     while (kept_->handOver.IsBeingWoken())
         std::this_thread::sleep_for(std::chrono::microseconds(50));
-    kept_->payloads.Give(kept_->inService);
+    kept_->spent.Add(kept_->inService);
+    kept_->payloads.Give(kept_->spent);
 }
 
 /// Makes what is missing for a loop to be started and woken; false, and reported once, when that
@@ -175,15 +184,14 @@ unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
             PZCallStack::dumpDirectly(kCallStackDepth);
             return kBadParameter;
         }
-        if (msgs_.size() >= msgs_.capacity()) {
+        if (kept_ != nullptr && kept_->handOver.IsFullLocked()) {
             PZ_REPORT_ERROR("msg queue is full : worker[%d]\n", workerId_);
             return kFull;
         }
-        if (!QueueLocked(d)) {
+        if (!QueueLocked(d, sleep)) {
             PZ_REPORT_ERROR("failed to allocate memory\n");
             return kFailure;
         }
-        sleep = kept_->handOver.AddedLocked();
     }
     if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
     PZ_REPORT_ERROR("SetEvent failed\n");
@@ -191,8 +199,8 @@ unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
 }
 
 /// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
-/// nothing changed, without memory.
-bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d) {
+/// nothing changed, without memory. `sleep` is what the loop is to be woken from.
+bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) {
     if (kept_ == nullptr) return false;
     PZPriorityQueue<ST_PUSH_MSG_DATA>::que queued = {d, d.Priority};
     if (d.Buff != nullptr) {
@@ -201,13 +209,13 @@ bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d) {
         queued.Buff = std::memcpy(copy, d.Buff, d.BuffSize);
     }
     try {
-        msgs_.push(queued);
+        sleep = kept_->handOver.PostLocked(queued);
     } catch (const std::bad_alloc&) {
-        if (d.Buff != nullptr) kept_->payloads.Give(queued.Buff);
+        if (d.Buff != nullptr) kept_->payloads.GiveBack(queued.Buff);
         return false;
     }
     d.Buff = queued.Buff;
-    NoteNextLocked();
+    kept_->look.NotePost();
     return true;
 }
 
@@ -219,26 +227,26 @@ unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
             PZ_REPORT_ERROR("event is full : worker[%d]\n", workerId_);
             return kFull;
         }
-        if (!QueueLocked(EventInfo{bits, id})) {
+        if (!QueueLocked(EventInfo{bits, id}, sleep)) {
             PZ_REPORT_ERROR("failed to allocate memory\n");
             return kFailure;
         }
-        sleep = kept_->handOver.AddedLocked();
     }
     if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
     PZ_REPORT_ERROR("SetEvent failed\n");
     return kFailure;
 }
 
-/// False, and nothing changed, without memory.
-bool PZLMsgBox::QueueLocked(const EventInfo& event) {
+/// False, and nothing changed, without memory. `sleep` is what the loop is to be woken from.
+bool PZLMsgBox::QueueLocked(const EventInfo& event, unsigned int& sleep) {
     if (kept_ == nullptr) return false;
     try {
         events_.push({event, kOneLevel});
     } catch (const std::bad_alloc&) {
         return false;
     }
-    isEventPending_.store(true, std::memory_order_release);
+    sleep = kept_->handOver.EventPostedLocked();
+    kept_->look.NotePost();
     return true;
 }
 
@@ -257,30 +265,27 @@ int PZLMsgBox::Loop(unsigned int workerId) {
 /// the loop serves. False when it could not be woken, or cannot say so.
 bool PZLMsgBox::BeginLoop(unsigned int workerId) {
     const PZSyncLock lock(msgSync_);
-    msgs_.Clear();
     events_.Clear();
-    isEventPending_.store(false, std::memory_order_release);
-    NoteNextLocked();
+    if (kept_ != nullptr) kept_->handOver.BeginLocked();
     workerId_ = static_cast<int>(workerId);
     if (kept_ == nullptr || !kept_->wait.wait.IsOpen()) return false;
-    kept_->handOver.BeginLocked();
+    kept_->handOver.AwakeLocked();
     return startedEvent_.SetEvent() == 1;
 }
 
 /// Takes the next message out; false when there is none, or none that is an emergency. The payload
 /// of the one before is released.
 bool PZLMsgBox::TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg) {
-    const PZSyncLock lock(msgSync_);
-    if (msgs_.empty()) return false;
-    const auto& next = msgs_.top();
     // The whole field: 256 stands in the emergency level without being an emergency.
-    if (emergencyOnly && next.Priority != 0) return false;
-    msg = next;
-    msgs_.pop();
-    NoteNextLocked();
-    kept_->handOver.TakenLocked();
-    kept_->payloads.Give(kept_->inService);
+    const auto isWanted = [emergencyOnly](const ST_PUSH_MSG_DATA& next) {
+        return !emergencyOnly || next.Priority == 0;
+    };
+    if (!kept_->handOver.Take(isWanted, msg)) return false;
+    kept_->spent.Add(kept_->inService);
     kept_->inService = msg.Buff;
+    const ST_PUSH_MSG_DATA* const next = kept_->handOver.NextOwn();
+    if (next != nullptr) PZPayloadStore::Prefetch(next->Buff);
+    if (next == nullptr || kept_->spent.Count() >= kMostSpent) kept_->payloads.Give(kept_->spent);
     return true;
 }
 
@@ -289,26 +294,18 @@ PZLMsgBox::EventInfo PZLMsgBox::TakeEvent() {
     const PZSyncLock lock(msgSync_);
     const EventInfo event = events_.top();
     events_.pop();
-    isEventPending_.store(!events_.empty(), std::memory_order_release);
-    kept_->handOver.TakenLocked();
+    kept_->handOver.EventTakenLocked();
     return event;
-}
-
-void PZLMsgBox::NoteNextLocked() {
-    const bool isEmergency = !msgs_.empty() && msgs_.top().Priority == 0;
-    isEmergencyNext_.store(isEmergency, std::memory_order_release);
 }
 
 int PZLMsgBox::GetAndExcuteEmgMessage() {
     ST_PUSH_MSG_DATA msg;
-    while (isEmergencyNext_.load(std::memory_order_acquire) && TakeMessage(true, msg)) {
-        DispatchMessage(msg);
-    }
+    while (TakeMessage(true, msg)) DispatchMessage(msg);
     return 1;
 }
 
 int PZLMsgBox::GetAndExcuteEventAndEmgMsg() {
-    while (isEventPending_.load(std::memory_order_acquire)) {
+    while (kept_->handOver.HasEvent()) {
         GetAndExcuteEmgMessage();
         DispatchEvent(TakeEvent());
     }
@@ -317,7 +314,7 @@ int PZLMsgBox::GetAndExcuteEventAndEmgMsg() {
 
 int PZLMsgBox::GetAndExcuteMessage() {
     ST_PUSH_MSG_DATA msg;
-    if (!kept_->handOver.IsIdle() && TakeMessage(false, msg)) DispatchMessage(msg);
+    if (TakeMessage(false, msg)) DispatchMessage(msg);
     return 1;
 }
 

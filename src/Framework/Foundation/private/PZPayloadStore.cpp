@@ -1,42 +1,76 @@
 #include "PZPayloadStore.h"
 
+#include <functional>
 #include <new>
 
 PZPayloadStore::~PZPayloadStore() {
+    CountFree(free_);
+    CountFree(given_.load(std::memory_order_acquire));
     while (all_ != nullptr) {
         Slots* const slots = all_;
         all_ = slots->next;
-        if (slots->taken == 0) delete slots;
+        if (slots->free == slots->slots.size()) delete slots;
+    }
+}
+
+/// Counts the free slots from `slot` on in their own Slots.
+void PZPayloadStore::CountFree(const Slot* slot) noexcept {
+    for (; slot != nullptr; slot = slot->next) {
+        Slots* home = all_;
+        while (std::less<>()(slot, home->slots.begin()) ||
+               !std::less<>()(slot, home->slots.end())) {
+            home = home->next;
+        }
+        ++home->free;
     }
 }
 
 void* PZPayloadStore::Take() noexcept {
+    if (free_ == nullptr) free_ = given_.exchange(nullptr, std::memory_order_acquire);
     if (free_ == nullptr) Grow();
     Slot* const slot = free_;
     if (slot == nullptr) return nullptr;
     free_ = slot->next;
-    ++slot->home->taken;
+    if (free_ != nullptr) {  // whose lines its last reader has
+        __builtin_prefetch(free_, 1);
+        __builtin_prefetch(free_->bytes.data() + 64, 1);
+    }
     return slot->bytes.data();
 }
 
-void PZPayloadStore::Give(const void* bytes) noexcept {
-    if (bytes == nullptr) return;
-    auto* const address = static_cast<unsigned char*>(const_cast<void*>(bytes));
-    auto* const slot = reinterpret_cast<Slot*>(address - offsetof(Slot, bytes));
-    --slot->home->taken;
+void PZPayloadStore::GiveBack(const void* bytes) noexcept {
+    auto* const slot = static_cast<Slot*>(const_cast<void*>(bytes));
     slot->next = free_;
     free_ = slot;
+}
+
+void PZPayloadStore::Spent::Add(const void* bytes) noexcept {
+    if (bytes == nullptr) return;
+    auto* const slot = static_cast<Slot*>(const_cast<void*>(bytes));
+    slot->next = first_;
+    if (first_ == nullptr) last_ = slot;
+    first_ = slot;
+    ++count_;
+}
+
+void PZPayloadStore::Give(Spent& spent) noexcept {
+    if (spent.first_ == nullptr) return;
+    Slot*& next = spent.last_->next;
+    next = given_.load(std::memory_order_relaxed);
+    while (!given_.compare_exchange_weak(next, spent.first_, std::memory_order_release,
+                                         std::memory_order_relaxed)) {
+    }
+    spent = Spent();
 }
 
 void PZPayloadStore::Grow() noexcept {
     auto* const slots = new (std::nothrow) Slots;
     if (slots == nullptr) return;
-    slots->taken = 0;
+    slots->free = 0;
     slots->next = all_;
     all_ = slots;
     // The first one is taken first.
     for (auto slot = slots->slots.rbegin(); slot != slots->slots.rend(); ++slot) {
-        slot->home = slots;
         slot->next = free_;
         free_ = &*slot;
     }

@@ -2,16 +2,35 @@
 #define PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZPAYLOADSTORE_H
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 
 /// The memory of a message box's payload copies: slots of the largest size, kept for the next copy.
 ///
 /// Memory:  grows with the number of copies that live together, slot by slot as far as pages are
 ///          touched. A copy that was never given back outlives the store, with its neighbours.
-/// Threads: no lock of its own.
+/// Threads: one at a time takes; any thread gives back meanwhile.
 class PZPayloadStore {
+    union Slot;
+
 public:
     static constexpr std::size_t kSlotSize = 256;
+
+    /// Copies that are to be given back together.
+    class Spent {
+    public:
+        /// Null is nothing to give back.
+        void Add(const void* bytes) noexcept;
+
+        unsigned int Count() const noexcept { return count_; }
+
+    private:
+        friend class PZPayloadStore;
+
+        Slot* first_ = nullptr;
+        Slot* last_ = nullptr;
+        unsigned int count_ = 0;
+    };
 
     PZPayloadStore() noexcept = default;
     ~PZPayloadStore();
@@ -22,31 +41,37 @@ public:
     /// `kSlotSize` bytes; null when there is no memory.
     void* Take() noexcept;
 
-    /// Takes back what Take has given; null is nothing to take back.
-    void Give(const void* bytes) noexcept;
+    /// Takes back what was taken last.
+    void GiveBack(const void* bytes) noexcept;
+
+    /// Takes back many, and leaves none in `spent`.
+    void Give(Spent& spent) noexcept;
+
+    /// Before a copy is read on another processor than it was written on.
+    static void Prefetch(const void* bytes) noexcept {
+        __builtin_prefetch(bytes);
+        __builtin_prefetch(static_cast<const unsigned char*>(bytes) + 64);
+    }
 
 private:
-    struct Slots;
-
-    struct Slot {
-        Slots* home;
-        union {
-            std::array<unsigned char, kSlotSize> bytes;
-            Slot* next;  // of a free one
-        };
+    union Slot {
+        std::array<unsigned char, kSlotSize> bytes;
+        Slot* next;  // of a free one
     };
 
     /// As many as are allocated together.
     struct Slots {
         std::array<Slot, 8> slots;
-        unsigned int taken;
+        std::size_t free;  // at the store's end
         Slots* next;
     };
 
     void Grow() noexcept;
+    void CountFree(const Slot* slot) noexcept;
 
-    Slot* free_ = nullptr;  // given back last, taken next
+    Slot* free_ = nullptr;  // taken next
     Slots* all_ = nullptr;
+    std::atomic<Slot*> given_{nullptr};  // given back since free_ was last empty
 };
 
 #endif  // PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZPAYLOADSTORE_H
