@@ -14,22 +14,20 @@
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
 
+#include "TraceTool.h"
+
+using pztest::checked_export;
 using pztest::CommandResult;
+using pztest::contains;
 using pztest::lines_of;
+using pztest::passed;
 using pztest::read_file;
 using pztest::run_command;
+using pztest::run_trace;
 using pztest::TempDir;
 using pztest::write_file;
 
 namespace {
-
-CommandResult run_trace(const std::string& arguments) {
-    return run_command(PZ_TRACE " " + arguments + " 2>&1");
-}
-
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
 
 size_t count_of(const std::string& text, const std::string& part) {
     size_t count = 0;
@@ -42,23 +40,6 @@ std::string part_of(const std::string& text, const std::string& head) {
     const size_t at = text.find(head);
     if (at == std::string::npos) return "no " + head + " in " + text;
     return text.substr(at, text.find("\n\n", at) - at);
-}
-
-/// How often a probe was passed, as show says; -1 when it says nothing of it.
-int passed(const std::string& shown, const std::string& probe) {
-    std::smatch match;
-    return std::regex_search(shown, match, std::regex("\n +(\\d+)  " + probe + "(\n|$)"))
-               ? std::stoi(match[1])
-               : -1;
-}
-
-/// What the check of the exported form says of a recording.
-std::string checked_export(const std::string& recording) {
-    const TempDir folder;
-    const std::string json = folder.File("trace.json");
-    const CommandResult exported = run_command(PZ_TRACE " export " + recording + " >" + json);
-    EXPECT_EQ(0, exported.status);
-    return run_command(PZ_PYTHON " " PZ_TRACE_CHECK " " + json + " 2>&1").output;
 }
 
 /// A line of a recording: a thread of process 100 passes a probe.
@@ -217,6 +198,25 @@ TEST(traceTest, DrawsAPictureAsWellFormedXml) {
     const std::string cut = run_command(PZ_TRACE " svg --to 0.045 " + recording.Path()).output;
     EXPECT_TRUE(contains(cut, "message 3: 40.000 ms"));
     EXPECT_FALSE(contains(cut, "timer 0x70"));
+}
+
+TEST(traceTest, KnowsEveryProbeOfThePageWithItsArguments) {
+    std::string page;
+    const std::regex row(R"(\| ([a-z_]+) \| ([^|]+) \|[^|]+\|)");
+    for (const std::string& text : lines_of(read_file(PZ_ROOT "/docs/probes.md"))) {
+        std::smatch match;
+        if (!std::regex_match(text, match, row)) continue;
+        page += match[1].str() + " " + std::regex_replace(match[2].str(), std::regex("[`,]"), "") +
+                "\n";
+    }
+    const std::string known =
+        run_command(PZ_PYTHON
+                    " -B -c 'import sys, importlib.machinery as m; t = m.SourceFileLoader(\"t\", "
+                    "sys.argv[1]).load_module(); [print(n, *[a for a, _ in p]) for n, p in "
+                    "t.PROBES.items()]' " PZ_TRACE " 2>/dev/null")
+            .output;
+    EXPECT_NE("", page);
+    EXPECT_EQ(page, known);
 }
 
 TEST(traceTest, ReadsTheProbesThatPerfItselfHasMade) {

@@ -443,7 +443,7 @@ void Free(void* p) {
     if (p == nullptr) return;
     ST_MEM_BLOCK* block = block_of(p);
     if (!release_block(block)) return;
-    PZ_PROBE(heap_release, p, block->size);
+    PZ_PROBE(heap_release, data_of(block), block->size);
     std::free(block);
 }
 

@@ -10,6 +10,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/private/pz_probes.h>
 
 #include "PZHandOver.h"
 #include "PZLoopWait.h"
@@ -208,6 +209,8 @@ bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) {
         if (copy == nullptr) return false;
         queued.Buff = std::memcpy(copy, d.Buff, d.BuffSize);
     }
+    // Before the loop can see it.
+    PZ_PROBE(msg_post, this, queued.SID, queued.MsgID, queued.Priority, queued.Buff);
     try {
         sleep = kept_->handOver.PostLocked(queued);
     } catch (const std::bad_alloc&) {
@@ -240,6 +243,7 @@ unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
 /// False, and nothing changed, without memory. `sleep` is what the loop is to be woken from.
 bool PZLMsgBox::QueueLocked(const EventInfo& event, unsigned int& sleep) {
     if (kept_ == nullptr) return false;
+    PZ_PROBE(event_post, this, event.id, event.bits);
     try {
         events_.push({event, kOneLevel});
     } catch (const std::bad_alloc&) {
@@ -326,12 +330,16 @@ PZIDispatcher* PZLMsgBox::FindLocked(unsigned long id) const {
 
 void PZLMsgBox::DispatchMessage(const ST_PUSH_MSG_DATA& msg) {
     const PZSyncLock lock(dispatcherSync_);
+    PZ_PROBE(msg_begin, this, msg.SID, msg.MsgID, msg.Priority, msg.Buff);
     PZIDispatcher* const dispatcher = FindLocked(msg.SID);
     if (dispatcher != nullptr) dispatcher->OnReceiveMsg(msg.MsgID, msg.Buff, msg.BuffSize);
+    PZ_PROBE(msg_end, this, msg.MsgID);
 }
 
 void PZLMsgBox::DispatchEvent(const EventInfo& event) {
     const PZSyncLock lock(dispatcherSync_);
+    PZ_PROBE(event_begin, this, event.id, event.bits);
     PZIDispatcher* const dispatcher = FindLocked(event.id);
     if (dispatcher != nullptr) dispatcher->OnReceiveEvent(event.bits);
+    PZ_PROBE(event_end, this, event.bits);
 }
