@@ -34,8 +34,8 @@ TEST_P(ScriptTest, RefusesAnArgumentThatItDoesNotKnow) {
 INSTANTIATE_TEST_SUITE_P(Scripts, ScriptTest,
                          testing::Values("bench", "bootstrap", "check", "compare-abi",
                                          "compare-lines", "count-calls", "demo", "docs",
-                                         "first-run", "fuzz", "limits", "package", "test",
-                                         "verify-packages"),
+                                         "first-run", "fuzz", "limits", "new-application",
+                                         "package", "test", "verify-packages"),
                          [](const auto& script) {
                              std::string name = script.param;
                              for (char& c : name) c = c == '-' ? '_' : c;
