@@ -1,7 +1,9 @@
 #include <mqueue.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -18,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Diagnostics/pz_inspection.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
@@ -534,6 +537,30 @@ TEST_F(PZMessageQueueReceiverTest, TheQuitMessageHasOneZeroByteAndTheHighestPrio
     receiver->close();
     EXPECT_EQ(std::string("\002\0\0\0\0", 5), last_taken);
     EXPECT_EQ(kMostUrgent, last_priority);
+}
+
+TEST_F(PZMessageQueueReceiverTest, TheTableOfTheProcessTellsWhileItsObserversRun) {
+    std::atomic<unsigned int> tid{0};
+    observer.action = [&] {
+        tid = static_cast<unsigned int>(gettid());
+        gate.Pass();
+    };
+    const auto isShown = [&tid](unsigned int isNotifying) {
+        const auto* const queues = static_cast<const ST_INSPECTED_QUEUE<PZInspectionLive>*>(
+            pz_inspection.queues.pointer.load());
+        return std::any_of(queues, queues + pz_inspection.queueCount, [&](const auto& queue) {
+            return queue.queue.pointer != nullptr && queue.tid == tid &&
+                   queue.isNotifying == isNotifying;
+        });
+    };
+    ASSERT_TRUE(Open());
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    ASSERT_TRUE(gate.WaitForArrival());
+    EXPECT_TRUE(isShown(1));
+    gate.Open();
+    EXPECT_TRUE(wait_until([&] { return isShown(0); }));
+    receiver->close();
+    EXPECT_FALSE(isShown(0));
 }
 
 TEST_F(PZMessageQueueReceiverTest, CloseWaitsForAnObserverAtWork) {

@@ -79,7 +79,8 @@ struct alignas(8) ST_INSPECTED_BOX : ST_INSPECTED_LINK<Form> {
     typename Form::U32 servedEvents{};    ///< events likewise
     typename Form::Address dispatcher{};  ///< whose handler runs now; 0: none
     typename Form::U32 messageId{};       ///< what it was called with: MsgID, or the bits
-    typename Form::U32 isEvent{};         ///< 1: bits of an event
+    typename Form::U16 isEvent{};         ///< 1: bits of an event
+    typename Form::U16 refusedKnown{};    ///< low half of `refused` when PZSupervisor last looked
     typename Form::U32 beganMs{};         ///< when it was called
     typename Form::U32 longestMs{};       ///< longest handler that has returned
 };
@@ -123,11 +124,14 @@ constexpr std::uint32_t PZ_INSPECTED_QUEUE_RECEIVES = 2;
 /// An open message queue. Messages that end a receiver's thread are not counted.
 template <typename Form>
 struct alignas(8) ST_INSPECTED_QUEUE {
-    typename Form::Address queue{};  ///< PZMessageQueue<2>; 0: the entry is free
-    typename Form::U32 sides{};      ///< PZ_INSPECTED_QUEUE_...
-    typename Form::U32 sent{};       ///< messages that the queue took; wraps
-    typename Form::U32 received{};   ///< wraps
-    typename Form::U32 refused{};    ///< sends that did not answer 0
+    typename Form::Address queue{};    ///< PZMessageQueue<2>; 0: the entry is free
+    typename Form::U32 sides{};        ///< PZ_INSPECTED_QUEUE_...
+    typename Form::U32 sent{};         ///< messages that the queue took; wraps
+    typename Form::U32 received{};     ///< wraps
+    typename Form::U32 refused{};      ///< sends that did not answer 0
+    typename Form::U32 tid{};          ///< kernel id of the thread that receives; 0: none does
+    typename Form::U32 beganMs{};      ///< when its observers were called
+    typename Form::U32 isNotifying{};  ///< 1: they run now
 };
 
 /// A thread that waits for a PZSync, noted only when it has to sleep.
@@ -220,7 +224,7 @@ static_assert(pz_inspection_forms_agree<ST_INSPECTION>());
 static_assert(sizeof(ST_INSPECTED_BOX<PZInspectionLive>) == 64);
 static_assert(sizeof(ST_INSPECTED_BAND<PZInspectionLive>) == 64);
 static_assert(sizeof(ST_INSPECTED_THREAD<PZInspectionLive>) == 40);
-static_assert(sizeof(ST_INSPECTED_QUEUE<PZInspectionLive>) == 24);
+static_assert(sizeof(ST_INSPECTED_QUEUE<PZInspectionLive>) == 40);
 static_assert(sizeof(ST_INSPECTED_WAIT<PZInspectionLive>) == 24);
 static_assert(sizeof(ST_INSPECTED_HEAP<PZInspectionLive>) == 16 + 200 * 20);
 static_assert(sizeof(ST_INSPECTION<PZInspectionLive>) == 144);

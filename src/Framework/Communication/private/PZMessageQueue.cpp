@@ -325,6 +325,7 @@ int PZMessageQueue<1>::Initialize() {
 void PZMessageQueue<1>::MainProc() {
     if (!queue_.isOpened()) return;
     received_queue = this;
+    pz_inspect_set(pz_inspection_queue(queue_.shown_).tid, pz_get_current_thread_id());
     while (serveOne()) {
     }
     received_queue = nullptr;
@@ -364,7 +365,11 @@ bool PZMessageQueue<1>::serveOne() {
     out_wait();
     if (received < 0) return mayServeAfterFailure();
     if (type == en_MSG_TYPE_QUIT) return false;
+    PZInspectedQueue& shown = pz_inspection_queue(queue_.shown_);
+    pz_inspect_set(shown.beganMs, pz_inspection_now());
+    pz_inspect_set(shown.isNotifying, 1U);
     NotifyObserver(0, data, static_cast<unsigned int>(received), en_NTF_ALL);
+    pz_inspect_set(shown.isNotifying, 0U);
     return state_ != en_STATE_LEAVING;
 }
 

@@ -104,6 +104,8 @@ unsigned short pz_inspection_queue_opened(const void* queue, std::uint32_t sides
         pz_inspect_set(record.sent, 0U);
         pz_inspect_set(record.received, 0U);
         pz_inspect_set(record.refused, 0U);
+        pz_inspect_set(record.tid, 0U);
+        pz_inspect_set(record.isNotifying, 0U);
         return entry;
     }
     return 0;
