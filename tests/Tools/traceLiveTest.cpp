@@ -171,11 +171,13 @@ TEST(traceLiveTest, TheLineForPerfOfThePageOfProbesDoesWhatItSays) {
     if (!may_record()) return;
     std::string line = pztest::block_of(pztest::read_file(PZ_ROOT "/docs/probes.md"), "text perf");
     line = std::regex_replace(line, std::regex("LIBRARY"), PZ_LIBRARY);
-    line = std::regex_replace(line, std::regex(" -p PID\\s*"), " -o data -- " PZ_PROGRAM);
+    line = std::regex_replace(line, std::regex(" -p PID\\s*"), " -o data -- " PZ_PROGRAM "\n");
     const TempDir folder;
-    const CommandResult run = run_command(
-        with_tracefs("sh -c \"cd " + folder.Path() + " && HOME=$PWD && export HOME && { " + line +
-                     "; }; perf probe -q -d sdt_pzframework:\\*\""));
+    // perf keeps what it has added in the home folder.
+    pztest::write_file(folder.File("commands"), "cd " + folder.Path() + "\nHOME=" + folder.Path() +
+                                                    "\nexport HOME\n" + line +
+                                                    "perf probe -q -d 'sdt_pzframework:*'\n");
+    const CommandResult run = run_command(with_tracefs("sh " + folder.File("commands")));
     const std::string shown = run_trace("show " + folder.File("data")).output;
     EXPECT_EQ(4, passed(shown, "timer_begin")) << run.output << shown;
 }
