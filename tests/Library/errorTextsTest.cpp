@@ -106,6 +106,9 @@ std::set<std::string> reports_of(const std::string& code) {
     for (const std::string& call : calls_of(code, "PZ_REPORT_ERROR_OF")) {
         texts.insert(first_literal(call, call.find(',')));  // after the function
     }
+    for (const std::string& call : calls_of(code, "PZ_REPORT_ERROR_ON")) {
+        texts.insert(first_literal(call, call.find(',', call.find(',') + 1)));  // after the object
+    }
     for (const std::string& call : calls_of(code, "DbgPrint")) {
         const size_t tag = call.find("en_TAG_ERROR");
         if (tag != std::string::npos) texts.insert(first_literal(call, tag));
@@ -116,7 +119,8 @@ std::set<std::string> reports_of(const std::string& code) {
             texts.insert(perror_text(code, call));
         }
     }
-    for (const char* const lastError : {"PZ_REPORT_LAST_ERROR", "put_error"}) {
+    for (const char* const lastError :
+         {"PZ_REPORT_LAST_ERROR", "PZ_REPORT_LAST_ERROR_ON", "put_error"}) {
         if (!calls_of(code, lastError).empty()) texts.insert(kLastError);
     }
     if (!calls_of(code, "PZ_REPORT_ASSERTION").empty()) texts.insert(kAssertion);

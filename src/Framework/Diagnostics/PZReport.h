@@ -16,6 +16,17 @@
 #define PZ_REPORT_ERROR_OF(function, ...) \
     PZDbgOutput::DbgPrint(__FILE__, function, __LINE__, PZDbgOutput::en_TAG_ERROR, __VA_ARGS__)
 
+/// PZ_REPORT_ERROR about an object that the text does not name: only the record does, see
+/// PZReportObject. `kind` is PATH, THREAD or WORKER.
+#define PZ_REPORT_ERROR_ON(kind, name, ...)                       \
+    pz_report_error_on(PZReportObject::en_##kind, name, __FILE__, \
+                       static_cast<const char*>(__func__), __LINE__, __VA_ARGS__)
+
+/// PZ_REPORT_LAST_ERROR about such an object.
+#define PZ_REPORT_LAST_ERROR_ON(kind, name)                            \
+    pz_report_last_error_on(PZReportObject::en_##kind, name, __FILE__, \
+                            static_cast<const char*>(__func__), __LINE__)
+
 /// Prints a tagged error line with the calling thread's errno: "std library error [%d : %s]\n".
 #define PZ_REPORT_LAST_ERROR() \
     PZDbgOutput::DbgPrintStdErr(__FILE__, static_cast<const char*>(__func__), __LINE__)
@@ -55,5 +66,12 @@ private:
     const EN_KIND kind_;
     const char* const before_;
 };
+
+/// The functions behind PZ_REPORT_ERROR_ON and PZ_REPORT_LAST_ERROR_ON.
+PZ_API void pz_report_error_on(PZReportObject::EN_KIND kind, const char* name, const char* file,
+                               const char* func, int line, const char* format, ...)
+    PZ_PRINTF_FORMAT(6, 7);
+PZ_API void pz_report_last_error_on(PZReportObject::EN_KIND kind, const char* name,
+                                    const char* file, const char* func, int line);
 
 #endif  // PZ_FRAMEWORK_DIAGNOSTICS_PZREPORT_H

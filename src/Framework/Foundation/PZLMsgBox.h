@@ -77,6 +77,7 @@ private:
     PZ_LOCAL bool QueueLocked(const EventInfo& event, unsigned int& sleep) PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL EventInfo TakeEvent();
+    PZ_LOCAL const char* WorkerNameLocked() const PZ_REQUIRES(msgSync_);
     PZ_LOCAL PZIDispatcher* FindLocked(unsigned long id) const PZ_REQUIRES(dispatcherSync_);
     PZ_LOCAL void DispatchMessage(const ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL void DispatchEvent(const EventInfo& event);

@@ -96,8 +96,8 @@ public:
     int WaitExit() {
         const int result = Join();
         if (result != 0) {
-            PZ_REPORT_ERROR("pthread_join failed !! ret[%d] errno[%d : %s]\n", result,
-                            pz_get_last_err(), pz_get_last_err_string());
+            PZ_REPORT_ERROR_ON(THREAD, name_, "pthread_join failed !! ret[%d] errno[%d : %s]\n",
+                               result, pz_get_last_err(), pz_get_last_err_string());
         }
         return result;
     }
@@ -129,7 +129,8 @@ public:
         }
         const int tid = tid_;
         if (tid == kNoTid) {
-            PZ_REPORT_ERROR("invalid thread id\n");  // the kernel refuses it below
+            PZ_REPORT_ERROR_ON(THREAD, name_,
+                               "invalid thread id\n");  // the kernel refuses it below
         }
         return PZThreadMng::GetInstance()->SetPriority(handle_, priority,
                                                        static_cast<unsigned int>(tid));
@@ -160,7 +161,8 @@ private:
             registry->registerThreadInfo(handle, name_, priority, watchTime_);
             registry->claimThreadInfo(handle, this);
         } catch (const std::bad_alloc&) {
-            PZ_REPORT_ERROR("failed to allocate memory\n");  // there was no registry yet
+            PZ_REPORT_ERROR_ON(THREAD, name_,
+                               "failed to allocate memory\n");  // there was no registry yet
         }
     }
 
@@ -181,7 +183,7 @@ private:
     int GetPriority(pthread_t handle) {
         const int tid = tid_;
         if (tid == kNoTid) {
-            PZ_REPORT_ERROR("invalid thread id\n");
+            PZ_REPORT_ERROR_ON(THREAD, name_, "invalid thread id\n");
             return -1;
         }
         return PZThreadMng::GetInstance()->GetPriority(handle, static_cast<unsigned int>(tid));

@@ -20,6 +20,7 @@
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
 
 #include <Framework/private/pz_descriptor.h>
 
@@ -133,6 +134,19 @@ bool detach(int& id, T*& content) {
     return true;
 }
 
+/// Names the guarded file in the records of reports, without memory of the heap.
+class NamedFile {
+public:
+    NamedFile(const std::string& folder, const std::string& file)
+        : object_(PZReportObject::en_PATH, path_) {
+        std::snprintf(path_, sizeof path_, "%s%s", folder.c_str(), file.c_str());
+    }
+
+private:
+    char path_[512];
+    const PZReportObject object_;
+};
+
 }  // namespace
 
 PZFileGuard::PZFileGuard() : PZFileGuard(std::string()) {}
@@ -198,6 +212,7 @@ bool PZFileGuard::initForSystem() {
         PZ_REPORT_ERROR("error\n");
         return false;
     }
+    const NamedFile named(dirPath_, fileName_);
     mode_ = en_MODE_SYSTEM;
     rememberMaker();
     makeDir(dirPath_);  // a directory that is missing still shows when the key files are made
@@ -214,6 +229,7 @@ bool PZFileGuard::initForSystem() {
 }
 
 bool PZFileGuard::initForApp() {
+    const NamedFile named(dirPath_, fileName_);
     if (mode_ != en_MODE_NONE) {
         PZ_REPORT_ERROR("error already init [%d]\n", mode_);
         return false;
@@ -238,8 +254,7 @@ bool PZFileGuard::canLock() {
 
 bool PZFileGuard::getReadyToLock() {
     if (canLock()) return mutex_ != nullptr;
-    PZDbgOutput::DbgPrint(__FILE__, "lock", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                          "error not initialized\n");
+    PZ_REPORT_ERROR_OF("lock", "error not initialized\n");
     return false;
 }
 
@@ -263,27 +278,24 @@ bool PZFileGuard::unlockWithCare() {
 }
 
 bool PZFileGuard::reportLock(int error) {
-    PZDbgOutput::DbgPrint(__FILE__, "lock", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                          "PZFileGuard::lock() pthread_mutex_lock() Failed [%s]",
-                          std::strerror(error));
+    PZ_REPORT_ERROR_OF("lock", "PZFileGuard::lock() pthread_mutex_lock() Failed [%s]",
+                       std::strerror(error));
     return false;
 }
 
 bool PZFileGuard::reportTryLock(int error) {
     if (error == EBUSY) {
-        PZDbgOutput::DbgPrint(__FILE__, "tryLock", __LINE__, PZDbgOutput::en_TAG_ERROR, "error\n");
+        PZ_REPORT_ERROR_OF("tryLock", "error\n");
     } else {
-        PZDbgOutput::DbgPrint(__FILE__, "tryLock", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                              "PZFileGuard::tryLock() pthread_mutex_trylock() Failed [%s]",
-                              std::strerror(error));
+        PZ_REPORT_ERROR_OF("tryLock", "PZFileGuard::tryLock() pthread_mutex_trylock() Failed [%s]",
+                           std::strerror(error));
     }
     return false;
 }
 
 bool PZFileGuard::reportUnlock(int error) {
-    PZDbgOutput::DbgPrint(__FILE__, "unlock", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                          "PZFileGuard::unlock() pthread_mutex_unlock() Failed [%s]",
-                          std::strerror(error));
+    PZ_REPORT_ERROR_OF("unlock", "PZFileGuard::unlock() pthread_mutex_unlock() Failed [%s]",
+                       std::strerror(error));
     return false;
 }
 
@@ -298,6 +310,7 @@ bool PZFileGuard::isMaker() const {
 }
 
 bool PZFileGuard::destroyMutex() {
+    const NamedFile named(dirPath_, fileName_);
     if (initialized_ && mode_ == en_MODE_SYSTEM) return destroyMutexForSystem();
     if (initialized_ && mode_ == en_MODE_APP) return destroyMutexForApp();
     PZ_REPORT_ERROR("error not initialized[%d]\n", mode_);
@@ -324,7 +337,7 @@ bool PZFileGuard::makeDir(const std::string& dirPath) try {
         const std::string directory = dirPath.substr(0, end);
         if (is_directory(directory)) continue;
         if (mkdir(directory.c_str(), kOpenToAll) != 0) {
-            PZ_REPORT_ERROR("PZFileGuard::makeDir() mkdir() Failed [%s]", std::strerror(errno));
+            PZ_REPORT_ERROR("PZFileGuard::makeDir() mkdir() Failed [%s]", pz_get_last_err_string());
             return false;
         }
         open_directory_to_all(directory);
@@ -361,7 +374,7 @@ key_t PZFileGuard::getMkeyForSystem(const std::string& path) {
             std::fclose(file);
         } else if (errno != EEXIST) {  // of another system side
             PZ_REPORT_ERROR("PZFileGuard::initMutex() fopen(%s) Failed [%s]", path.c_str(),
-                            std::strerror(errno));
+                            pz_get_last_err_string());
             return kNoKey;
         }
         key = getMkeyForApp(path);
@@ -375,7 +388,7 @@ key_t PZFileGuard::getMkeyForApp(const std::string& path) {
     const key_t key = ftok(path.c_str(), kKeyProject);
     if (key < 0) {
         PZ_REPORT_ERROR("PZFileGuard::initMutex() ftok(%s) Failed [%s]", path.c_str(),
-                        std::strerror(errno));
+                        pz_get_last_err_string());
         return kNoKey;
     }
     return key;
@@ -453,7 +466,7 @@ bool PZFileGuard::destroyMutexForSystem() {
     for (int* const id : {&mutexShmId_, &initFlagShmId_}) {
         if (shmctl(*id, IPC_RMID, nullptr) != 0) {
             PZ_REPORT_ERROR("PZFileGuard::destroyMutexForSystem() shmctl() Failed. [%s].",
-                            std::strerror(errno));
+                            pz_get_last_err_string());
             return false;
         }
         *id = kNotAttached;
@@ -466,7 +479,7 @@ bool PZFileGuard::destroyMutexForApp() {
     mode_ = en_MODE_NONE;
     if (!detach(mutexShmId_, mutex_) || !detach(initFlagShmId_, initFlag_)) {
         PZ_REPORT_ERROR("PZFileGuard::destroyMutexForApp() shmdt() Failed. [%s].",
-                        std::strerror(errno));
+                        pz_get_last_err_string());
         return false;
     }
     return true;

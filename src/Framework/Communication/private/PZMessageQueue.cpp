@@ -91,7 +91,7 @@ PZMessageQueue<2>::PZMessageQueue() = default;
 PZMessageQueue<2>::~PZMessageQueue() {
     if (!isOpened()) return;
     const PZUncancelled whole;
-    PZ_REPORT_ERROR("Call close method before deleting this instance!\n");
+    PZ_REPORT_ERROR_ON(PATH, name_, "Call close method before deleting this instance!\n");
     close(false);
 }
 
@@ -147,11 +147,11 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
         return result;
     };
     if (size > kMaxPayload) {
-        PZ_REPORT_ERROR("size over(%d)\n", static_cast<int>(size));
+        PZ_REPORT_ERROR_ON(PATH, name_, "size over(%d)\n", static_cast<int>(size));
         return answer(kInvalid);
     }
     if (type == en_MSG_TYPE_USER && priority == 0) {
-        PZ_REPORT_ERROR("invalid priority(%d)\n", priority);
+        PZ_REPORT_ERROR_ON(PATH, name_, "invalid priority(%d)\n", priority);
         return answer(kInvalid);
     }
     if (!isOpened()) {
@@ -183,7 +183,7 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
                         static_cast<int>(attr.mq_maxmsg));
         return answer(kFull);
     }
-    PZ_REPORT_ERROR("error : errno[%d : %s]\n", error, std::strerror(error));
+    PZ_REPORT_ERROR_ON(PATH, name_, "error : errno[%d : %s]\n", error, std::strerror(error));
     return answer(kError);
 }
 
@@ -204,7 +204,8 @@ int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
             mq_receive(handle_, reinterpret_cast<char*>(rxBuffer_), kMaxMessageSize, &priority);
     } while (received == -1 && errno == EINTR);
     if (received == -1) {
-        PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        PZ_REPORT_ERROR_ON(PATH, name_, "error : errno[%d : %s]\n", pz_get_last_err(),
+                           pz_get_last_err_string());
         return kError;
     }
     const auto length = static_cast<size_t>(received);
@@ -266,14 +267,14 @@ bool PZMessageQueue<1>::open(const OpenParam& p) {
     }
     // The thread may be waiting in the queue that is open.
     if (thread_.isStarted() || !queue_.open({p.name, kCapacity}, PZ_INSPECTED_QUEUE_RECEIVES)) {
-        PZ_REPORT_ERROR("open error\n");
+        PZ_REPORT_ERROR_ON(PATH, p.name, "open error\n");
         return false;
     }
     RemoveObserver(observer_);  // of an open whose thread could not be started
     observer_ = AddObserver(p.observer) != 0 ? p.observer : nullptr;
     if (observer_ == nullptr) {
         queue_.close(false);
-        PZ_REPORT_ERROR("open error\n");
+        PZ_REPORT_ERROR_ON(PATH, p.name, "open error\n");
         return false;
     }
     opener_ = getpid();
@@ -292,8 +293,8 @@ void PZMessageQueue<1>::close() {
         // The observer's subscription is in use, and a thread cannot wait for its own end.
         sendQuit();
         constexpr int kResult = EDEADLK;
-        PZ_REPORT_ERROR("pthread_join failed !! ret[%d] errno[%d : %s]\n", kResult, kResult,
-                        std::strerror(kResult));
+        PZ_REPORT_ERROR_ON(THREAD, threadName_, "pthread_join failed !! ret[%d] errno[%d : %s]\n",
+                           kResult, kResult, std::strerror(kResult));
         PZ_REPORT_ASSERTION();
         return;
     }
@@ -302,8 +303,8 @@ void PZMessageQueue<1>::close() {
     sendQuit();
     const int result = thread_.Join();
     if (result != 0) {
-        PZ_REPORT_ERROR("pthread_join failed !! ret[%d] errno[%d : %s]\n", result,
-                        pz_get_last_err(), pz_get_last_err_string());
+        PZ_REPORT_ERROR_ON(THREAD, threadName_, "pthread_join failed !! ret[%d] errno[%d : %s]\n",
+                           result, pz_get_last_err(), pz_get_last_err_string());
         PZ_REPORT_ASSERTION();  // the thread may run on: the queue is its own
         return;
     }

@@ -1,5 +1,6 @@
 #include "Framework/Diagnostics/PZDbgOutput.h"
 
+#include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <syslog.h>
@@ -229,6 +230,15 @@ void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line, c
     PZ_FORMAT_MESSAGE(message, format)
     // Formatting may have failed, too: its error is the last one.
     put_error({file, func, line}, errno, "] ", message);
+}
+
+// Here because it formats.
+void pz_report_error_on(PZReportObject::EN_KIND kind, const char* name, const char* file,
+                        const char* func, int line, const char* format, ...) {
+    const PZErrnoKeeper keeper;
+    const PZReportObject object(kind, name);
+    PZ_FORMAT_MESSAGE(message, format)
+    put_located(kTagged, {file, func, line}, PZDbgOutput::en_TAG_ERROR, message);
 }
 
 const char* PZDbgOutput::getColorTagString(EN_TAG tag) {

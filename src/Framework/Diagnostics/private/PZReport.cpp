@@ -23,6 +23,12 @@ const char* PZReportObject::Current(EN_KIND kind) noexcept {
     return name != nullptr ? name : "";
 }
 
+void pz_report_last_error_on(PZReportObject::EN_KIND kind, const char* name, const char* file,
+                             const char* func, int line) {
+    const PZReportObject object(kind, name);
+    PZDbgOutput::DbgPrintStdErr(file, func, line);
+}
+
 void pz_report_assertion(const char* file, int line) {
     PZDbgOutput::DbgPrint("#########\n#########\nASSERT Failed! - %s(%d)\n#########\n#########\n",
                           file, line);

@@ -184,8 +184,7 @@ bool replace_active_zone(const char* file, const struct stat* active) {
 /// anybody can have put there.
 bool overwrite_active_zone(const char* path, const struct stat* active) {
     if (active != nullptr && !S_ISREG(active->st_mode) && !S_ISDIR(active->st_mode)) {
-        PZDbgOutput::DbgPrint(__FILE__, "SetTimeZone", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                              "failed to open [%s]\n", kActiveZoneFile);
+        PZ_REPORT_ERROR_OF("SetTimeZone", "failed to open [%s]\n", kActiveZoneFile);
         return false;
     }
     if (!PZFileSys::Copy(path, kActiveZoneFile, false, false)) return false;
@@ -288,7 +287,7 @@ bool PZClock::SetLocal(ST_CLOCK* clock) {
     SignalBlock signals;
     const pid_t child = pz_fork_for_program();
     if (child == -1) {
-        PZ_REPORT_ERROR("error : fork\n");
+        PZ_REPORT_ERROR_ON(PATH, kDateProgram, "error : fork\n");
         return false;
     }
     if (child == 0) {

@@ -205,7 +205,8 @@ unsigned int PZFileSys::chkAttribute(const char* path) {
     struct stat status = {};
     if (::stat(path, &status) != 0) {
         if (errno != ENOENT) {
-            PZ_REPORT_ERROR("error[%d: %s]\n", pz_get_last_err(), pz_get_last_err_string());
+            PZ_REPORT_ERROR_ON(PATH, path, "error[%d: %s]\n", pz_get_last_err(),
+                               pz_get_last_err_string());
         }
         return 0;
     }
@@ -232,7 +233,8 @@ bool PZFileSys::Delete(const char* path, bool sync) {
         return false;
     }
     if (::unlink(path) != 0) {
-        PZ_REPORT_ERROR("error(%d : %s)\n", pz_get_last_err(), pz_get_last_err_string());
+        PZ_REPORT_ERROR_ON(PATH, path, "error(%d : %s)\n", pz_get_last_err(),
+                           pz_get_last_err_string());
         return false;
     }
     if (sync) pz_sync();
@@ -368,7 +370,7 @@ bool PZFileSys::createDirectorySub(const char* path, bool& created) {
         if (chkAttribute(path) == en_ATTR_DIRECTORY) return true;
         errno = EEXIST;  // the reason, whatever the question has left
     }
-    PZ_REPORT_LAST_ERROR();
+    PZ_REPORT_LAST_ERROR_ON(PATH, path);
     return false;
 }
 
@@ -473,7 +475,7 @@ void PZFileSys::find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const {
             data.size = static_cast<std::uint64_t>(status.st_size);
         } else {
             PZ_REPORT_ERROR("%s\n", path.text);
-            PZ_REPORT_LAST_ERROR();
+            PZ_REPORT_LAST_ERROR_ON(PATH, path.text);
         }
     }
     data.attribute = en_ATTR_FILE;
@@ -614,7 +616,7 @@ bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bo
     const PZStream in(isOwn ? pz_open_own_stream(src, "rb") : pz_open_stream(src, "rb"));
     if (!in.IsOpen()) {
         PZ_REPORT_ERROR("failed to open [%s]\n", src);
-        PZ_REPORT_LAST_ERROR();
+        PZ_REPORT_LAST_ERROR_ON(PATH, src);
         return false;
     }
     PZStream out(open_destination(dst, failIfExists, isOwn));
@@ -658,7 +660,7 @@ bool PZFileSys::copyDirectory(const char* src, const char* dst, bool failIfExist
     // Also a name with a '*' is that of the directory.
     if (!search.OpenDirectory(src)) {
         if (!is_shortage(errno)) return true;
-        PZ_REPORT_LAST_ERROR();
+        PZ_REPORT_LAST_ERROR_ON(PATH, src);
         return false;
     }
     ST_FIND_DATA entry;
@@ -673,10 +675,10 @@ bool PZFileSys::copyDirectory(const char* src, const char* dst, bool failIfExist
         if (!CreateDirectory(to.c_str(), true)) return false;
         if (createDirs && !copyDirectory(from.c_str(), to.c_str(), false, true)) return false;
     }
-    if (listing == Listing::FAILED) PZ_REPORT_LAST_ERROR();
+    if (listing == Listing::FAILED) PZ_REPORT_LAST_ERROR_ON(PATH, src);
     return listing == Listing::END;
 } catch (const std::bad_alloc&) {
-    PZ_REPORT_ERROR("failed to allocate memory\n");
+    PZ_REPORT_ERROR_ON(PATH, src, "failed to allocate memory\n");
     return false;
 }
 

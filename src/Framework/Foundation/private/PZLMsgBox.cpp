@@ -10,6 +10,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_probes.h>
 
 #include "PZHandOver.h"
@@ -101,6 +102,12 @@ struct PZLMsgBox::Kept {
 
     explicit Kept(PZSync& msgSync) : wait(look), handOver(msgSync, wait, kMaxMessages) {}
 
+    /// On the worker's own thread.
+    void TakeWorkerName() {
+        pz_strncpy(workerName, sizeof workerName,
+                   PZReportObject::Current(PZReportObject::en_WORKER), sizeof workerName - 1);
+    }
+
     PZPayloadStore payloads;  // taken under the message lock
     PZShortLook look;
     PZApart fromPosts = {};
@@ -108,6 +115,7 @@ struct PZLMsgBox::Kept {
     PZHandOver<Env> handOver;         // ends with what is the loop's own
     const void* inService = nullptr;  // copy that the loop's last message had
     PZPayloadStore::Spent spent;      // copies of the loop's messages before it
+    char workerName[128] = {};        // under the message lock; "" before the first loop
 };
 
 PZLMsgBox::PZLMsgBox()
@@ -180,17 +188,19 @@ unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
     {
         const PZSyncLock lock(msgSync_);
         if (d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload)) {
-            PZ_REPORT_ERROR("param is NG [0x%08lx][%d]\n", reinterpret_cast<unsigned long>(d.Buff),
-                            static_cast<int>(d.BuffSize));
+            PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "param is NG [0x%08lx][%d]\n",
+                               reinterpret_cast<unsigned long>(d.Buff),
+                               static_cast<int>(d.BuffSize));
             PZCallStack::dumpDirectly(kCallStackDepth);
             return kBadParameter;
         }
         if (kept_ != nullptr && kept_->handOver.IsFullLocked()) {
-            PZ_REPORT_ERROR("msg queue is full : worker[%d]\n", workerId_);
+            PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "msg queue is full : worker[%d]\n",
+                               workerId_);
             return kFull;
         }
         if (!QueueLocked(d, sleep)) {
-            PZ_REPORT_ERROR("failed to allocate memory\n");
+            PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
             return kFailure;
         }
     }
@@ -227,11 +237,12 @@ unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
     {
         const PZSyncLock lock(msgSync_);
         if (events_.size() >= events_.capacity()) {
-            PZ_REPORT_ERROR("event is full : worker[%d]\n", workerId_);
+            PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "event is full : worker[%d]\n",
+                               workerId_);
             return kFull;
         }
         if (!QueueLocked(EventInfo{bits, id}, sleep)) {
-            PZ_REPORT_ERROR("failed to allocate memory\n");
+            PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
             return kFailure;
         }
     }
@@ -272,6 +283,7 @@ bool PZLMsgBox::BeginLoop(unsigned int workerId) {
     events_.Clear();
     if (kept_ != nullptr) kept_->handOver.BeginLocked();
     workerId_ = static_cast<int>(workerId);
+    if (kept_ != nullptr) kept_->TakeWorkerName();
     if (kept_ == nullptr || !kept_->wait.wait.IsOpen()) return false;
     kept_->handOver.AwakeLocked();
     return startedEvent_.SetEvent() == 1;
@@ -300,6 +312,11 @@ PZLMsgBox::EventInfo PZLMsgBox::TakeEvent() {
     events_.pop();
     kept_->handOver.EventTakenLocked();
     return event;
+}
+
+/// For records of reports: texts tell the worker's number only.
+const char* PZLMsgBox::WorkerNameLocked() const {
+    return kept_ != nullptr ? kept_->workerName : "";
 }
 
 int PZLMsgBox::GetAndExcuteEmgMessage() {

@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZStorage.h"
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Utility/PZString.h>
 #include <Framework/private/pz_stream.h>
 #include <stdio_ext.h>
@@ -72,7 +73,7 @@ int PZStorage::Open(const char* path, const char* mode) {
         stream_ = pz_open_stream(path, mode);
     }
     if (stream_ == nullptr) {
-        PZ_REPORT_LAST_ERROR();
+        PZ_REPORT_LAST_ERROR_ON(PATH, path);
         return 1;
     }
     return 0;
@@ -148,8 +149,7 @@ int PZStorage::Seek(long long offset, EN_POS origin) {
         return 1;
     }
     if (fseeko(stream_, offset, origin) != 0) {
-        const int error = errno;
-        PZ_REPORT_ERROR("fseek error[%d : %s]\n", error, std::strerror(error));
+        PZ_REPORT_ERROR("fseek error[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
         return 1;
     }
     return 0;

@@ -10,6 +10,7 @@
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/private/pz_probes.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
@@ -97,15 +98,18 @@ PZSync::PZSync(const char* name, EN_TYPE type)
         case en_TYPE_NAMED:
             handle_ = open_semaphore(name);
             if (handle_ == nullptr) {
-                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", errno, std::strerror(errno));
+                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", pz_get_last_err(),
+                                pz_get_last_err_string());
             }
             break;
         case en_TYPE_UNNAMED:
             handle_ = static_cast<sem_t*>(std::malloc(sizeof(sem_t)));
             if (handle_ == nullptr) {
-                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", errno, std::strerror(errno));
+                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", pz_get_last_err(),
+                                pz_get_last_err_string());
             } else if (sem_init(handle_, 0, kFree) != 0) {
-                PZ_REPORT_ERROR("sem_init : errno[%d : %s]\n", errno, std::strerror(errno));
+                PZ_REPORT_ERROR("sem_init : errno[%d : %s]\n", pz_get_last_err(),
+                                pz_get_last_err_string());
                 std::free(handle_);
                 handle_ = nullptr;
             }
@@ -146,8 +150,7 @@ unsigned int PZSync::Wait(unsigned int timeout, int error) {
         return kAcquired;
     }
     if (error == ETIMEDOUT && timeout != kNoTimeLimit) return kTimedOut;
-    PZDbgOutput::DbgPrint(__FILE__, "Lock", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                          "create error : errno[%d : %s]\n", error, std::strerror(error));
+    PZ_REPORT_ERROR_OF("Lock", "create error : errno[%d : %s]\n", error, std::strerror(error));
     return kError;
 }
 

@@ -122,6 +122,15 @@ void write_record(FILE* file, const PZThreadMng::ThreadInfo& info) {
     std::fprintf(file, "\n");
 }
 
+/// Reports errno as a failure of `operation`; the record names the thread by its label.
+void report_errno(PZThreadMng& registry, unsigned long handle, const char* operation) {
+    const int error = errno;
+    char label[sizeof PZThreadMng::ThreadInfo::name] = {};
+    registry.getLabel(handle, label);
+    const PZReportObject object(PZReportObject::en_THREAD, label);
+    PZ_REPORT_ERROR_OF(operation, "error : errno[%d : %s]\n", error, std::strerror(error));
+}
+
 }  // namespace
 
 PZThreadMng::PZThreadMng() : sync_(std::make_unique<PZSync>()) {}
@@ -162,7 +171,7 @@ bool PZThreadMng::registerThreadInfo(const ThreadInfo& info) {
         return true;
     } catch (const std::bad_alloc&) {
     }
-    PZ_REPORT_ERROR("failed to allocate memory\n");
+    PZ_REPORT_ERROR_ON(THREAD, fresh.name, "failed to allocate memory\n");
     return false;
 }
 
@@ -224,10 +233,10 @@ unsigned int PZThreadMng::getWatchTime(unsigned long handle) {
     return info != nullptr ? info->watchTime : 0;
 }
 
-int PZThreadMng::GetPriority(unsigned long /*handle*/, unsigned int tid) {
+int PZThreadMng::GetPriority(unsigned long handle, unsigned int tid) {
     int nice = 0;
     if (!read_nice(tid, nice)) {
-        PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        report_errno(*this, handle, __func__);
         return 0;
     }
     return get_wide_priority(nice);
@@ -247,7 +256,7 @@ int PZThreadMng::GetCurrentThreadPriority() {
 
 bool PZThreadMng::SetPriority(unsigned long handle, int priority, unsigned int tid) {
     if (setpriority(PRIO_PROCESS, tid, get_narrow_priority(priority)) != 0) {
-        PZ_REPORT_ERROR("error : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        report_errno(*this, handle, __func__);
         return false;
     }
     const PZSyncLock lock(*sync_);

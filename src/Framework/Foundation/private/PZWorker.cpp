@@ -37,8 +37,7 @@ bool PZWorker::MakeThreadObject() {
     try {
         thread_ = new PZThread<PZWorker>(this, watchTime_);
     } catch (const std::bad_alloc&) {
-        PZDbgOutput::DbgPrint(__FILE__, "Start", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                              "failed to allocate memory\n");
+        PZ_REPORT_ERROR_OF("Start", "failed to allocate memory\n");
     }
     return thread_ != nullptr;
 }
@@ -72,6 +71,7 @@ int PZWorker::Initialize() {
 }
 
 void PZWorker::MainProc() {
+    const PZReportObject self(PZReportObject::en_WORKER, getName());  // in all that it reports
     PZ_PROBE(worker_start, msgBox_.get(), workerNo_, getName());
     msgBox_->Loop(workerNo_);
     PZ_PROBE(worker_end, msgBox_.get(), workerNo_);

@@ -74,8 +74,7 @@ void PZLTimerMng::endBands() {
     for (unsigned int i = 0; i < count_; ++i) {
         ended[i] = subs_[i]->sub->end(kEndTimeoutMs) == 1;
         if (ended[i]) continue;
-        PZDbgOutput::DbgPrint(__FILE__, "~PZLTimerMng", __LINE__, PZDbgOutput::en_TAG_ERROR,
-                              "failed to end timer submng\n");
+        PZ_REPORT_ERROR_OF("~PZLTimerMng", "failed to end timer submng\n");
     }
     for (unsigned int i = 0; i < count_; ++i) {
         if (!ended[i]) continue;  // left in place: its thread may still run

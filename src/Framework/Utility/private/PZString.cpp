@@ -29,8 +29,7 @@ Result with_memory(const char* function, Result refusal, const Operation& operat
     try {
         return operation();
     } catch (const std::bad_alloc&) {
-        PZDbgOutput::DbgPrint(__FILE__, function, __LINE__, PZDbgOutput::en_TAG_ERROR,
-                              "failed to allocate memory\n");
+        PZ_REPORT_ERROR_OF(function, "failed to allocate memory\n");
         return refusal;
     }
 }

@@ -197,7 +197,7 @@ bool pz_create_process(const char* program, pid_t* pidOut, const char* arg, ...)
     ChildGate gate(isTooLong);
     const pid_t pid = pz_fork_for_program();
     if (pid == -1) {
-        PZ_REPORT_ERROR("error : fork\n");
+        PZ_REPORT_ERROR_ON(PATH, program, "error : fork\n");
         return false;
     }
     if (pid == 0) {
