@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -237,6 +238,99 @@ TEST_P(zoneinfoTest, TheMachinesOwnDatabaseHasTheOtherRows) {
 // 1970, the summer of 2024, and the last second of 32 bits.
 INSTANTIATE_TEST_SUITE_P(AtAnyTime, zoneinfoTest,
                          testing::Values(time_t{0}, time_t{1721000000}, time_t{0x7FFFFFFF}));
+
+// ---- the Debian package's scripts, run by dpkg over a machine of their own ----
+
+namespace {
+
+/// A folder that stands for a machine, and a package of the shipped scripts alone.
+class debianScriptsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        Run("mkdir -p package/DEBIAN machine/var/lib/dpkg/info machine/var/lib/dpkg/updates "
+            "machine/tmp && touch machine/var/lib/dpkg/status");
+        for (const std::string script : {"preinst", "postrm"}) {
+            Run("[ ! -e " PZ_ROOT "/packaging/debian/pzframework-common." + script +
+                " ] || install -m 755 " PZ_ROOT "/packaging/debian/pzframework-common." + script +
+                " package/DEBIAN/" + script);
+        }
+        pztest::write_file(dir_.File("package/DEBIAN/control"),
+                           "Package: pzframework-common\nVersion: 1.0.0\nArchitecture: all\n"
+                           "Maintainer: nobody <nobody@localhost>\nDescription: scripts\n");
+        Run("dpkg-deb --build package package.deb");
+    }
+
+    /// The shell commands in the folder of the test.
+    void Run(const std::string& commands) {
+        const auto result =
+            pztest::run_command("cd " + dir_.Path() + " && { " + commands + "; } 2>&1");
+        EXPECT_EQ(0, result.status) << commands << "\n" << result.output;
+    }
+
+    void Dpkg(const std::string& arguments) {
+        Run("PATH=$PATH:/usr/sbin:/sbin dpkg --root=$PWD/machine --force-script-chrootless "
+            "--force-not-root " +
+            arguments);
+    }
+
+    /// What systemd-tmpfiles makes when the package is installed, and what programs leave.
+    void Use() {
+        Run("cd machine && mkdir -p temp/system_data Syslog && touch temp/ThreadInfo && "
+            "[ -e tmp/tzfile ] || touch tmp/tzfile");
+    }
+
+    bool Has(const std::string& path) const {
+        return std::filesystem::exists(dir_.File("machine" + path));
+    }
+
+    const pztest::TempDir dir_;
+};
+
+}  // namespace
+
+TEST_F(debianScriptsTest, APurgeRemovesTheFoldersThatThePackageBrought) {
+    Dpkg("-i package.deb");
+    Use();
+    Dpkg("--remove pzframework-common");
+    EXPECT_TRUE(Has("/temp/system_data"));
+    Dpkg("--purge pzframework-common");
+    for (const char* const path :
+         {"/temp", "/Syslog", "/tmp/tzfile", "/var/lib/pzframework-common"}) {
+        EXPECT_FALSE(Has(path)) << path;
+    }
+}
+
+TEST_F(debianScriptsTest, APurgeLeavesWhatWasThereBefore) {
+    Run("cd machine && mkdir temp Syslog && echo zone >tmp/tzfile");
+    Dpkg("-i package.deb");
+    Use();
+    Dpkg("--purge pzframework-common");
+    EXPECT_TRUE(Has("/temp"));
+    EXPECT_TRUE(Has("/Syslog"));
+    EXPECT_TRUE(Has("/tmp/tzfile"));
+    EXPECT_FALSE(Has("/temp/system_data"));
+    EXPECT_FALSE(Has("/temp/ThreadInfo"));
+}
+
+TEST_F(debianScriptsTest, AnUpgradeAndASecondInstallationRememberTheFirst) {
+    Dpkg("-i package.deb");
+    Use();
+    Dpkg("-i package.deb");
+    Dpkg("--remove pzframework-common");
+    Dpkg("-i package.deb");
+    Dpkg("--purge pzframework-common");
+    EXPECT_FALSE(Has("/temp"));
+    EXPECT_FALSE(Has("/Syslog"));
+}
+
+TEST_F(debianScriptsTest, APurgeLeavesFoldersThatHoldSomething) {
+    Dpkg("-i package.deb");
+    Use();
+    Run("touch machine/Syslog/app_0.txt");
+    Dpkg("--purge pzframework-common");
+    EXPECT_TRUE(Has("/Syslog/app_0.txt"));
+    EXPECT_FALSE(Has("/temp"));
+}
 
 TEST(iconvModulesTest, TheListIsPrintedFromTheMachinesOwnConfiguration) {
     const pztest::CommandResult list =
