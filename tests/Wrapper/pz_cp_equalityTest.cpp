@@ -395,6 +395,55 @@ TEST(pz_cp_equality_of_unicodeTest, ConvertsAtEveryPlaceOfABlockAsIconvDoes) {
     }
 }
 
+TEST(pz_cp_equality_of_unicodeTest, ReadsWhatIsBrokenAtEveryPlaceOfEveryBlockAsIconvDoes) {
+    const std::string sample =
+        "Gr\u00FC\u00DFe, d\u00E9j\u00E0 vu \u20AC 80.0 \u65E5\u672C \U0001F600 and thirty bytes "
+        "of plain "
+        "text; \u0416\u0438\u0437\u043D\u044C, \uFFFD\u0800\u07FF, sm\u00F6rg\u00E5sbord, and so "
+        "on and on";
+    pztest::StdoutCapture output;
+    Comparison comparison;
+    for (const int to : {XCP_WCHAR, XCP_UTF16LE}) {
+        for (const size_t length : std::initializer_list<size_t>{63, 64, 65, 111, 112, 113, 117}) {
+            ASSERT_LE(length, sample.size());
+            comparison.Check(to, XCP_UTF8, sample.substr(0, length), 512);
+            for (size_t at = 0; at < length; ++at) {
+                for (const char wrong : {'x', '\x80', '\xC1', '\xC3', '\xE2', '\xF0', '\xFF'}) {
+                    std::string text = sample.substr(0, length);
+                    text[at] = wrong;
+                    comparison.Check(to, XCP_UTF8, text, 512);
+                }
+            }
+            if (!comparison.IsEqual()) return;
+        }
+        comparison.CheckReports(output.Take());
+    }
+}
+
+TEST(pz_cp_equality_of_unicodeTest, ConvertsEveryLengthFromAndToEveryAddressAsIconvDoes) {
+    std::string sample;
+    while (sample.size() < 200) sample += "Gr\u00FC\u00DFe and \u20AC, plain as plain can be; ";
+    pztest::StdoutCapture output;  // of lengths that end inside a character
+    for (const int to : {XCP_WCHAR, XCP_UTF16LE, XCP_UTF16BE}) {
+        for (size_t length = 1; length <= sample.size(); ++length) {
+            const std::string text = sample.substr(0, length);
+            const size_t room = 4 * length + 4;
+            const Outcome expected = ask_iconv(to, XCP_UTF8, text, room);
+            for (size_t shift = 0; shift < 16; ++shift) {
+                const std::string src = std::string(shift, 'x') + text;
+                const std::vector<char> source(src.begin(), src.end());
+                std::string dst(shift + room + 16, kFill);
+                const int result = pz_cp_conv(dst.data() + shift, static_cast<unsigned int>(room),
+                                              static_cast<EN_XCP>(to), source.data() + shift,
+                                              static_cast<unsigned int>(length), XCP_UTF8);
+                ASSERT_EQ(expected.result, result) << length << " bytes, shift " << shift;
+                ASSERT_EQ(std::string(shift, kFill) + expected.dst + std::string(16, kFill), dst)
+                    << length << " bytes, shift " << shift;
+            }
+        }
+    }
+}
+
 TEST(pz_cp_equality_of_unicodeTest, ConvertsLongTextsIntoEverySmallerDestinationAsIconvDoes) {
     std::string text;
     while (text.size() < 700) text += "Gr\u00FC\u00DFe \u20AC \U0001F600 and plain text; ";

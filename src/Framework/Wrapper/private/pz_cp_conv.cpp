@@ -63,26 +63,26 @@ int terminator_size(EN_XCP page) {
     return is_utf16(page) ? kUnit16Size : 1;
 }
 
-/// Ends a text of `written` bytes, and answers its units.
+/// Ends a text of `written` bytes, and answers its units. Stores of a known size: this is a good
+/// part of the time that a short text takes.
 int end_text(char* dst, int written, int terminator) {
-    // Callers of the narrow converters zero-fill their buffers.
-    if (terminator > 1) std::memset(dst + written, 0, static_cast<size_t>(terminator));
-    return written / terminator;
+    switch (terminator) {
+        case kWideSize:
+            std::memset(dst + written, 0, kWideSize);
+            return written / kWideSize;
+        case kUnit16Size:
+            std::memset(dst + written, 0, kUnit16Size);
+            return written / kUnit16Size;
+        default:
+            return written;  // callers of the narrow converters zero-fill their buffers
+    }
 }
 
-int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_XCP from,
-                        int src_size) {
-    if (src == nullptr || dst == nullptr || src_size <= 0 || dst_size <= 0) {
-        PZ_REPORT_ERROR("invalied args dst[%p] dst_size[%d] src[%p] src_size[%d]\n",
-                        static_cast<void*>(dst), dst_size, static_cast<const void*>(src), src_size);
-        PZCallStack::dumpDirectly(10);
-        return 0;
-    }
-
+/// The way of every text that has no other one.
+__attribute__((noinline)) int convert_by_iconv(char* dst, EN_XCP to, int dst_size, const char* src,
+                                               EN_XCP from, int src_size) {
+    constexpr const char* kReporter = "conv_character_code";
     const int terminator = terminator_size(to);
-    const int direct = pz_convert_directly(dst, dst_size - terminator, to, src, src_size, from);
-    if (direct >= 0) return end_text(dst, direct, terminator);
-
     const char* const toName = pz_iconv_name(to);
     const char* const fromName = pz_iconv_name(from);
     ST_ICONV_RESULT done = {};
@@ -90,7 +90,8 @@ int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_
         PZKeptIconv converter(to, from);
         if (!converter.IsOpen()) {
             const int error = errno;
-            PZ_REPORT_ERROR(
+            PZ_REPORT_ERROR_OF(
+                kReporter,
                 "conv_character_code : iconv open error[%d:%s] : not support in this version "
                 "dst[%s] src[%s]",
                 error, std::strerror(error), toName, fromName);
@@ -101,7 +102,8 @@ int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_
                                  static_cast<size_t>(src_size));
     }
     if (done.result == static_cast<size_t>(-1)) {
-        PZ_REPORT_ERROR(
+        PZ_REPORT_ERROR_OF(
+            kReporter,
             "conv_character_code : iconv error [%d] [%d:%s] : dst[%s] sz[%d] : src[%s] sz[%d]\n",
             static_cast<int>(done.result), done.error, std::strerror(done.error), toName, dst_size,
             fromName, src_size);
@@ -113,10 +115,24 @@ int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_
     const auto written = static_cast<int>(done.written);
     if (dst_size - written < terminator) {
         make_empty(dst, dst_size, terminator);
-        PZ_REPORT_ERROR("buffer size is too few.\n");
+        PZ_REPORT_ERROR_OF(kReporter, "buffer size is too few.\n");
         return 0;
     }
     return end_text(dst, written, terminator);
+}
+
+int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_XCP from,
+                        int src_size) {
+    if (src == nullptr || dst == nullptr || src_size <= 0 || dst_size <= 0) {
+        PZ_REPORT_ERROR("invalied args dst[%p] dst_size[%d] src[%p] src_size[%d]\n",
+                        static_cast<void*>(dst), dst_size, static_cast<const void*>(src), src_size);
+        PZCallStack::dumpDirectly(10);
+        return 0;
+    }
+    const int terminator = terminator_size(to);
+    const int direct = pz_convert_directly(dst, dst_size - terminator, to, src, src_size, from);
+    if (direct >= 0) return end_text(dst, direct, terminator);
+    return convert_by_iconv(dst, to, dst_size, src, from, src_size);
 }
 
 // ICU's names for code pages, searched from the top. XCP_NONE marks a set that is recognised but

@@ -7,6 +7,10 @@
 #include <memory>
 #include <new>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include "pz_kept_iconv.h"
 
 namespace {
@@ -21,6 +25,7 @@ constexpr int kIconvs = -1;  // as a result: the text is for iconv
 constexpr bool kIsLittleEndian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 
 constexpr EN_XCP kNativeUtf16 = kIsLittleEndian ? XCP_UTF16LE : XCP_UTF16BE;
+constexpr EN_XCP kOtherUtf16 = kIsLittleEndian ? XCP_UTF16BE : XCP_UTF16LE;
 
 constexpr uint32_t kLastCharacter = 0x10FFFF;
 constexpr uint32_t kFirstBeyond16 = 0x10000;
@@ -104,7 +109,55 @@ void learn_page(EN_XCP page) {
     }
 }
 
-constexpr size_t kRun = 8;  // bytes that are looked at together
+// ---- blocks: bytes of UTF-8 that are looked at together ----
+
+constexpr size_t kBlock = 48;
+constexpr size_t kStep = 16;               // bytes that are widened together
+constexpr size_t kReach = kBlock + kStep;  // from the beginning of a block on, more is not touched
+
+#ifdef __SSE2__
+
+/// One bit for each of kStep bytes, the lowest for the first one: set beyond ASCII.
+PZ_INLINE uint64_t letters_of_step(const Byte* bytes) {
+    const __m128i step = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+    return static_cast<unsigned int>(_mm_movemask_epi8(step));
+}
+
+#else
+
+PZ_INLINE uint64_t letters_of_step(const Byte* bytes) {
+    const auto half = [bytes](size_t at) {
+        uint64_t word = 0;
+        std::memcpy(&word, bytes + at, sizeof word);
+        if (!kIsLittleEndian) word = __builtin_bswap64(word);
+        // The highest bit of every byte, gathered in the highest byte of a product.
+        return (word >> 7U & 0x0101010101010101U) * 0x0102040810204080U >> 56U;
+    };
+    return half(0) | half(kStep / 2) << kStep / 2;
+}
+
+#endif
+
+/// The same of a block, and one bit more for its end.
+PZ_INLINE uint64_t letters_of(const Byte* block) {
+    static_assert(kBlock == 3 * kStep);
+    return letters_of_step(block) | letters_of_step(block + kStep) << kStep |
+           letters_of_step(block + 2 * kStep) << 2 * kStep | uint64_t{1} << kBlock;
+}
+
+/// The next kStep bytes, of which those that are ASCII become characters.
+template <typename Unit>
+PZ_INLINE void widen_step(Unit* units, const Byte* bytes) {
+    Byte step[kStep];
+    std::memcpy(step, bytes, sizeof step);
+    for (size_t i = 0; i < kStep; ++i) units[i] = step[i];  // by a few wide instructions
+}
+
+/// Up to kBlock bytes of ASCII. Writes whole steps.
+template <typename Unit>
+PZ_INLINE void widen_ascii(Unit* units, const Byte* bytes, size_t count) {
+    for (size_t i = 0; i < count; i += kStep) widen_step(units + i, bytes + i);
+}
 
 // ---- the forms whose converters iconv has to load ----
 
@@ -137,61 +190,72 @@ public:
 
     bool IsAtEnd() const { return at_ == end_; }
 
-    /// Puts the next kRun bytes into `units`, and goes behind those at their beginning that are
-    /// ASCII: the number of these. There must be kRun bytes.
-    template <typename Unit>
-    PZ_INLINE size_t TakeRun(Unit* units) {
-        Byte bytes[kRun];
-        std::memcpy(bytes, at_, kRun);
-        for (size_t i = 0; i < kRun; ++i) units[i] = bytes[i];  // by a few wide instructions
-        uint64_t word = 0;
-        std::memcpy(&word, bytes, kRun);
-        word &= 0x8080808080808080U;
-        size_t count = kRun;
-        if (word != 0) {
-            count = static_cast<size_t>(kIsLittleEndian ? __builtin_ctzll(word)
-                                                        : __builtin_clzll(word)) /
-                    8;
-        }
-        at_ += count;
-        return count;
+    size_t Left() const { return static_cast<size_t>(end_ - at_); }
+    bool HasBlock() const { return Left() >= kReach; }
+
+    /// Puts the characters that begin in the next block into `units`: their number of units, or
+    /// kIconvs. There must be kReach bytes, and room for as many units.
+    template <typename Unit, typename Writer>
+    PZ_INLINE int TakeBlock(Unit* units) {
+        const uint64_t letters = letters_of(at_);
+        const Byte* const begin = at_;
+        Unit* out = units;
+        do {
+            if (*at_ < 0x80) {
+                const auto run = static_cast<size_t>(__builtin_ctzll(letters >> (at_ - begin)));
+                widen_ascii(out, at_, run);
+                out += run;
+                at_ += run;
+                if (at_ == begin + kBlock) break;
+            }
+            uint32_t c = 0;
+            if (!TakeLetter<true>(c)) return kIconvs;
+            Writer writer(reinterpret_cast<char*>(out), 2 * sizeof(Unit));
+            writer.Put(c);
+            out += static_cast<size_t>(writer.Written()) / sizeof(Unit);
+        } while (at_ < begin + kBlock);
+        return static_cast<int>(out - units);
     }
-    bool IsBeyondAscii() const { return at_ != end_ && *at_ >= 0x80; }
-    bool HasRun() const { return end_ - at_ >= static_cast<ptrdiff_t>(kRun); }
+
+    template <typename Unit>
+    PZ_INLINE bool TakeAscii(Unit& unit) {
+        if (IsAtEnd() || *at_ >= 0x80) return false;
+        unit = *at_++;
+        return true;
+    }
 
     PZ_INLINE bool Take(uint32_t& c) {
         c = *at_;
-        if (c < 0x80) {
-            ++at_;
-            return true;
-        }
-        if (c < 0xE0) {
-            if (c < 0xC2 || !HasTail(1)) return false;
-            c = (c & 0x1FU) << 6U | Tail(1);
-            at_ += 2;
-            return true;
-        }
-        if (c < 0xF0) {
-            if (!HasTail(2)) return false;
-            c = (c & 0x0FU) << 12U | Tail(1) << 6U | Tail(2);
-            at_ += 3;
-            return c >= 0x800 && !is_surrogate(c);
-        }
-        if (c > 0xF4 || !HasTail(3)) return false;
-        c = (c & 0x07U) << 18U | Tail(1) << 12U | Tail(2) << 6U | Tail(3);
-        at_ += 4;
-        return c >= kFirstBeyond16 && c <= kLastCharacter;
+        if (c >= 0x80) return TakeLetter<false>(c);
+        ++at_;
+        return true;
     }
 
 private:
-    bool HasTail(int bytes) const {
-        if (end_ - at_ <= bytes) return false;
-        for (int i = 1; i <= bytes; ++i) {
-            if ((at_[i] & 0xC0U) != 0x80U) return false;
+    /// A character beyond ASCII. `kIsWhole`: the text goes on for four bytes at least.
+    template <bool kIsWhole>
+    PZ_INLINE bool TakeLetter(uint32_t& c) {
+        const auto has = [this](int bytes) { return kIsWhole || end_ - at_ >= bytes; };
+        const auto tail = [this](int i) { return at_[i] ^ 0x80U; };  // below 0x40 for a tail
+        const uint32_t lead = *at_;
+        if (lead < 0xE0) {
+            if (!has(2)) return false;
+            c = (lead & 0x1FU) << 6U | tail(1);
+            const bool isValid = tail(1) < 0x40 && lead >= 0xC2;
+            at_ += 2;
+            return isValid;
         }
-        return true;
+        if (lead < 0xF0) {
+            if (!has(3) || (tail(1) | tail(2)) >= 0x40) return false;
+            c = (lead & 0x0FU) << 12U | tail(1) << 6U | tail(2);
+            at_ += 3;
+            return c >= 0x800 && !is_surrogate(c);
+        }
+        if (lead > 0xF4 || !has(4) || (tail(1) | tail(2) | tail(3)) >= 0x40) return false;
+        c = (lead & 0x07U) << 18U | tail(1) << 12U | tail(2) << 6U | tail(3);
+        at_ += 4;
+        return c >= kFirstBeyond16 && c <= kLastCharacter;
     }
-    uint32_t Tail(int i) const { return at_[i] & 0x3FU; }
 
     const Byte* at_;
     const Byte* const end_;
@@ -378,6 +442,33 @@ struct ST_ROOM {
     size_t size;
 };
 
+/// A short text into a destination that has room for as many units as the text has bytes.
+template <typename Unit, typename Writer>
+int widen_short(Utf8Reader reader, char* dst) {
+    char* at = dst;
+    for (;;) {
+        Unit unit = 0;
+        while (reader.TakeAscii(unit)) {  // a loop of its own: one jump a character
+            std::memcpy(at, &unit, sizeof unit);
+            at += sizeof unit;
+        }
+        if (reader.IsAtEnd()) return static_cast<int>(at - dst);
+        uint32_t c = 0;
+        if (!reader.Take(c)) return kIconvs;
+        Writer writer(at, 2 * sizeof(Unit));
+        writer.Put(c);
+        at += writer.Written();
+    }
+}
+
+/// The rest of a text, in units of the machine's own byte order.
+template <typename Unit, typename Writer>
+__attribute__((noinline)) int copy_rest(Utf8Reader reader, ST_ROOM dst) {
+    return reader.Left() * sizeof(Unit) <= dst.size
+               ? widen_short<Unit, Writer>(reader, dst.begin)
+               : copy_characters(reader, Writer(dst.begin, dst.size));
+}
+
 /// Units on their way into a destination, which gets those that count and no more: behind them
 /// others may be left.
 template <typename Unit>
@@ -386,7 +477,7 @@ public:
     bool IsFull() const { return count_ >= kSize; }
     bool IsOver(ST_ROOM dst) const { return count_ * sizeof(Unit) > dst.size; }
 
-    /// Where to put at most kRun units.
+    /// Where to put at most kReach units.
     Unit* End() { return units_ + count_; }
     void Add(size_t units) { count_ += units; }
 
@@ -402,7 +493,7 @@ public:
 private:
     static constexpr size_t kSize = 256;
 
-    Unit units_[kSize + 2 * kRun];
+    Unit units_[kSize + kReach];
     size_t count_ = 0;
 };
 
@@ -411,15 +502,10 @@ template <typename Unit, typename Writer>
 int widen(Utf8Reader reader, ST_ROOM dst) {
     char* const begin = dst.begin;
     Chunk<Unit> chunk;
-    while (reader.HasRun()) {
-        const size_t count = reader.TakeRun(chunk.End());
-        chunk.Add(count);
-        Writer writer(reinterpret_cast<char*>(chunk.End()), kRun * sizeof(Unit));
-        for (size_t left = kRun / 2; left > 0 && reader.IsBeyondAscii(); --left) {
-            uint32_t c = 0;
-            if (!reader.Take(c) || !writer.Put(c)) return kIconvs;
-        }
-        chunk.Add(static_cast<size_t>(writer.Written()) / sizeof(Unit));
+    while (reader.HasBlock()) {
+        const int count = reader.template TakeBlock<Unit, Writer>(chunk.End());
+        if (count < 0) return kIconvs;
+        chunk.Add(static_cast<size_t>(count));
         if (!chunk.IsFull()) continue;
         if (chunk.IsOver(dst)) return kIconvs;
         chunk.MoveTo(dst);
@@ -427,7 +513,7 @@ int widen(Utf8Reader reader, ST_ROOM dst) {
     // cppcheck-suppress uninitvar ; its units are written before they count
     if (chunk.IsOver(dst)) return kIconvs;
     chunk.MoveTo(dst);
-    const int rest = copy_characters(reader, Writer(dst.begin, dst.size));
+    const int rest = copy_rest<Unit, Writer>(reader, dst);
     return rest < 0 ? kIconvs : static_cast<int>(dst.begin - begin) + rest;
 }
 
@@ -447,16 +533,23 @@ int copy_from(Reader reader, EN_XCP to, ST_ROOM dst) {
     }
 }
 
-/// From here on a text is worth the way over a Chunk.
-constexpr size_t kLongText = 64;
+template <typename Unit, typename Writer>
+int copy_native(Utf8Reader reader, ST_ROOM dst) {
+    return reader.HasBlock() ? widen<Unit, Writer>(reader, dst)
+                             : copy_rest<Unit, Writer>(reader, dst);
+}
 
-int copy_from_utf8(const char* src, size_t size, EN_XCP to, ST_ROOM dst) {
-    const Utf8Reader reader(src, size);
-    if (size >= kLongText && to == XCP_WCHAR) return widen<uint32_t, WideWriter>(reader, dst);
-    if (size >= kLongText && to == kNativeUtf16) {
-        return widen<uint16_t, Utf16Writer<false>>(reader, dst);
+int copy_from_utf8(Utf8Reader reader, EN_XCP to, ST_ROOM dst) {
+    switch (to) {
+        case XCP_WCHAR:
+            return copy_native<uint32_t, WideWriter>(reader, dst);
+        case kNativeUtf16:
+            return copy_native<uint16_t, Utf16Writer<false>>(reader, dst);
+        case kOtherUtf16:
+            return copy_characters(reader, Utf16Writer<true>(dst.begin, dst.size));
+        default:
+            return kIconvs;
     }
-    return copy_from(reader, to, dst);
 }
 
 }  // namespace
@@ -469,7 +562,7 @@ int pz_convert_directly(char* dst, int room, EN_XCP to, const char* src, int siz
     const auto in = static_cast<size_t>(size);
     switch (from) {
         case XCP_UTF8:
-            return copy_from_utf8(src, in, to, out);
+            return copy_from_utf8(Utf8Reader(src, in), to, out);
         case XCP_WCHAR:
             return copy_from(WideReader(src, in), to, out);
         case XCP_UTF16LE:
