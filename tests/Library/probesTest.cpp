@@ -4,7 +4,6 @@
 #include <map>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -19,11 +18,20 @@ namespace {
 /// The arguments of the probes by name; of a probe at several places, each place's.
 using Probes = std::map<std::string, std::set<std::vector<std::string>>>;
 
-std::vector<std::string> words_of(const std::string& line) {
-    std::istringstream stream(line);
-    std::vector<std::string> words;
-    for (std::string word; stream >> word;) words.push_back(word);
-    return words;
+/// What stands behind a label of readelf's; "" for another line.
+std::string value_of(const std::string& line, const std::string& label) {
+    const size_t at = line.find(label + ": ");
+    return at == std::string::npos ? "" : line.substr(at + label.size() + 2);
+}
+
+/// "4@r5 4@[r4, #8]" and the like, as the machine's assembler writes operands.
+std::vector<std::string> arguments_of(const std::string& text) {
+    const std::regex argument(R"(-?\d@(\[[^\]]*\]|\S+))");
+    std::vector<std::string> arguments;
+    for (std::sregex_iterator it(text.begin(), text.end(), argument), end; it != end; ++it) {
+        arguments.push_back(it->str());
+    }
+    return arguments;
 }
 
 Probes probes_of_library() {
@@ -31,13 +39,11 @@ Probes probes_of_library() {
     std::string name;
     for (const std::string& line :
          pztest::lines_of(pztest::run_command("readelf -nW " PZ_LIBRARY).output)) {
-        const std::vector<std::string> words = words_of(line);
-        if (words.size() == 2 && words[0] == "Provider:") {
-            EXPECT_EQ("pzframework", words[1]);
-        }
-        if (words.size() == 2 && words[0] == "Name:") name = words[1];
-        if (words.empty() || words[0] != "Arguments:") continue;
-        probes[name].insert(std::vector<std::string>(words.begin() + 1, words.end()));
+        const std::string provider = value_of(line, "Provider");
+        EXPECT_TRUE(provider.empty() || provider == "pzframework") << provider;
+        if (!value_of(line, "Name").empty()) name = value_of(line, "Name");
+        const std::string arguments = value_of(line, "Arguments");
+        if (!arguments.empty()) probes[name].insert(arguments_of(arguments));
     }
     return probes;
 }

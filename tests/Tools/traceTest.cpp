@@ -219,6 +219,30 @@ TEST(traceTest, KnowsEveryProbeOfThePageWithItsArguments) {
     EXPECT_EQ(page, known);
 }
 
+TEST(traceTest, HandsArgumentsToTheKernelAsItsMachineNamesThem) {
+    const auto fetched = [](const std::string& machine, const std::string& arguments) {
+        return run_command(PZ_PYTHON
+                           " -B -W ignore -c 'import sys, importlib.machinery as m; t = "
+                           "m.SourceFileLoader(\"t\", sys.argv[1]).load_module(); "
+                           "print(t.kernel_arguments(t.Place(\"queue_send\", 0, sys.argv[4]), "
+                           "int(sys.argv[2]), int(sys.argv[3])))' " PZ_TRACE " " +
+                           machine + " \"" + arguments + "\"")
+            .output;
+    };
+    EXPECT_EQ("name=+0(%bp):string size=%r9:u32 priority=%r12:u8\n",
+              fetched("62 64", "8@%rbp 4@%r9d 1@%r12b"));
+    EXPECT_EQ("name=+0(-8(%sp)):string size=\\5:u32 priority=+0(%si):s32\n",
+              fetched("62 64", "8@-8(%rsp) 4@\\$5 -4@(%rsi)"));
+    // A pointer in memory is no wider than its process has them: the kernel would read too much.
+    EXPECT_EQ("name=-28(%bp):x32 size=%di:u32 priority=%ax:u32\n",
+              fetched("3 32", "4@-28(%ebp) 4@%edi 4@%eax"));
+    EXPECT_EQ("name=+0(%r4):string size=+20(%sp):u32 priority=+0(%r8):u32\n",
+              fetched("40 32", "4@r4 4@[sp, #20] 4@[r8]"));
+    EXPECT_EQ("name=+0(%x19):string size=%x3:u32 priority=+16(%sp):u32\n",
+              fetched("183 64", "8@x19 4@w3 4@[sp, 16]"));
+    EXPECT_EQ("None\n", fetched("62 64", "8@%rbp 4@8(%rax,%rbx,4) 4@%esi"));
+}
+
 TEST(traceTest, ReadsTheProbesThatPerfItselfHasMade) {
     const Recording recording(
         " radio 100/100 [000] 50.000001: sdt_pzframework:timer_begin: (7f) arg1=112 arg2=4\n"
