@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <Framework/Easy/Framework.h>
 #include <Framework/Foundation/PZWorker.h>
-#include <Framework/Foundation/pz_framework.h>
 
 #include "BlockPool.h"
 #include "Catalogue.h"
@@ -190,11 +190,10 @@ int main(int argc, char** argv) {
     }
 
     const EndOfRun end;  // before the framework starts its threads
-    if (pz_FwInitialize("pz_scan", 1) == 0) {
+    const pz::Framework framework("pz_scan", 1);
+    if (!framework) {
         std::fprintf(stderr, "pz_scan: the framework does not start\n");
         return kExitFailed;
     }
-    const int status = run(options, end);
-    pz_FwFinalize();
-    return status;
+    return run(options, end);
 }

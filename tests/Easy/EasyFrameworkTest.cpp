@@ -1,17 +1,22 @@
 #include <Framework/Easy/Framework.h>
 #include <Framework/Easy/Worker.h>
+#include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <ctime>
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "support/CallbackTimer.h"
 #include "support/ChildProcess.h"
+#include "support/FakePriorities.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
@@ -20,6 +25,7 @@
 using namespace std::chrono_literals;
 using pztest::Gate;
 using pztest::run_in_child;
+using pztest::setpriority_call;
 using pztest::StdoutCapture;
 using pztest::wait_until;
 
@@ -193,4 +199,61 @@ TEST(EasyFrameworkTest, TimersOfEveryBandFireRightAfterTheWrapOfTheTick) {
         return all ? 0 : 3;
     });
     EXPECT_EQ(0, result.status) << result.output;
+}
+
+// ---- a user without the right to raise priorities ----
+
+namespace {
+
+std::string printed_with_refused_priorities(int error, const std::function<void()>& body) {
+    return run_in_child([&] {
+               static int refusal;
+               refusal = error;
+               setpriority_call.Replace([](__priority_which_t, id_t, int) {
+                   errno = refusal;
+                   return -1;
+               });
+               body();
+               return 0;
+           })
+        .output;
+}
+
+void start_easily() {
+    const pz::Framework fw("radio", 1);
+    EXPECT_TRUE(fw);
+}
+
+}  // namespace
+
+TEST(EasyFrameworkTest, SaysInOneLineThatPrioritiesMayNotBeRaised) {
+    for (const int error : {EACCES, EPERM}) {
+        const std::string printed = printed_with_refused_priorities(error, start_easily);
+        EXPECT_EQ(1U, pztest::count_of(printed, "\n")) << printed;
+        EXPECT_NE(std::string::npos, printed.find("{radio} : timers keep the usual priority: no "
+                                                  "right to raise it; pz-doctor nice-limit says "
+                                                  "how to get it\n"))
+            << printed;
+    }
+}
+
+TEST(EasyFrameworkTest, ReportsOtherFailuresOfPrioritiesEach) {
+    const std::string printed = printed_with_refused_priorities(ESRCH, start_easily);
+    EXPECT_EQ(5U, pztest::count_of(printed, "error : errno[3 : No such process]\n")) << printed;
+    EXPECT_EQ(0U, pztest::count_of(printed, "timers keep")) << printed;
+}
+
+TEST(EasyFrameworkTest, LeavesTheFiveReportsToTheStartWithoutIt) {
+    const std::string printed = printed_with_refused_priorities(EACCES, [] {
+        if (pz_FwInitialize("radio", 1) != 0) pz_FwFinalize();
+    });
+    EXPECT_EQ(5U, pztest::count_of(printed, "error : errno[13 : Permission denied]\n")) << printed;
+}
+
+TEST(EasyFrameworkTest, ReportsPrioritiesThatAreRefusedAfterTheStart) {
+    const std::string printed = printed_with_refused_priorities(EACCES, [] {
+        const pz::Framework fw("radio", 1);
+        PZThreadMng::GetInstance()->SetPriority(pthread_self(), 251, 0);
+    });
+    EXPECT_EQ(1U, pztest::count_of(printed, "error : errno[13 : Permission denied]\n")) << printed;
 }

@@ -23,6 +23,8 @@ namespace pz {
 ///           that is reported, and the process may end all the same.
 /// Tick:     keeps timers going when the 32-bit tick wraps, every 49.7 days: one sleeping thread,
 ///           "pz_tick", brings about a check in every band of PZLTimerMng right after each wrap.
+/// Rights:   a user who may not raise priorities gets one warning that says so, where
+///           pz_FwInitialize reports an error for each band of timers; all else works.
 /// Threads:  made and destroyed by the main thread.
 /// Failures: answered with false, never thrown.
 class PZ_API Framework {

@@ -12,6 +12,7 @@
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLTimerMng.h>
+#include <Framework/private/pz_counted_priorities.h>
 
 #include "WorkerCore.h"
 
@@ -92,10 +93,20 @@ ST_STARTED& started() noexcept {
     return instance;
 }
 
+bool initialize(const char* name, int id) {
+    const PZCountedPriorities refused;
+    if (pz_FwInitialize(name, id) == 0) return false;
+    if (refused.Count() == 0) return true;
+    PZDbgOutput::DbgPrint(__FILE__, "Framework", __LINE__, PZDbgOutput::en_TAG_WARNING,
+                          "timers keep the usual priority: no right to raise it; "
+                          "pz-doctor nice-limit says how to get it\n");
+    return true;
+}
+
 bool start(const char* name, int id) {
     ST_STARTED& state = started();
     const std::lock_guard<std::mutex> lock(state.mutex);
-    if (state.users == 0 && pz_FwInitialize(name, id) == 0) return false;
+    if (state.users == 0 && !initialize(name, id)) return false;
     if (state.keeper == nullptr) state.keeper = new TickKeeper;
     ++state.users;
     return true;

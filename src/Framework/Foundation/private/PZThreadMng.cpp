@@ -15,6 +15,7 @@
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_counted_priorities.h>
 #include <Framework/private/pz_stream.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
@@ -256,7 +257,7 @@ int PZThreadMng::GetCurrentThreadPriority() {
 
 bool PZThreadMng::SetPriority(unsigned long handle, int priority, unsigned int tid) {
     if (setpriority(PRIO_PROCESS, tid, get_narrow_priority(priority)) != 0) {
-        report_errno(*this, handle, __func__);
+        if (!PZCountedPriorities::Take(errno)) report_errno(*this, handle, __func__);
         return false;
     }
     const PZSyncLock lock(*sync_);
