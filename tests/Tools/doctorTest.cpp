@@ -924,6 +924,71 @@ TEST(doctorReportTest, ColoursTheStatusOnly) {
         table_text(report, true));
 }
 
+TEST(doctorReportTest, AsksRootForWhatItsUserMayNotDo) {
+    Report report = {
+        "1", "", {{"a", "w", red("f", "r")}, {"b", "w", by_this_user(red("f", "s"))}}, true};
+    EXPECT_EQ(
+        "pz-doctor 1, this machine\n\n"
+        "red     a                   f\n"
+        "                            why:    w\n"
+        "                            repair: ask root: r\n"
+        "red     b                   f\n"
+        "                            why:    w\n"
+        "                            repair: s\n"
+        "\n2 checks: 0 green, 0 yellow, 2 red, 0 skipped\n",
+        table_text(report, false));
+    report.asksRoot = false;
+    EXPECT_EQ(std::string::npos, table_text(report, false).find("ask root"));
+}
+
+TEST_F(doctorTest, KnowsWhatItsUserMayRepair) {
+    const Machine machine(Root());
+    const auto may = [&machine](const std::vector<Check>& family, const std::string& name) {
+        const Finding finding = find(machine, family, name);
+        EXPECT_FALSE(finding.repair.empty()) << name;
+        return finding.byThisUser;
+    };
+    GoodMachine();
+    Folder("/temp", 0700);
+    Remove("/temp/system_data");
+    Remove("/tmp/tzfile");
+    File("/proc/self/limits", limits("100", "10", "0", "0"));
+    File("/proc/self/environ", std::string("TZ=UTC\0", 7));
+    File("/proc/sys/fs/mqueue/msg_max", "10\n");
+    Remove("/proc/101/fd/3");
+    EXPECT_TRUE(may(folder_checks(), "temp-folder"));
+    EXPECT_TRUE(may(folder_checks(), "system-data-folder"));
+    EXPECT_TRUE(may(device_checks(), "zone-file"));
+    EXPECT_TRUE(may(device_checks(), "tz-variable"));
+    EXPECT_TRUE(may(limit_checks(), "descriptors"));
+    EXPECT_TRUE(may(limit_checks(), "threads"));
+    EXPECT_TRUE(may(queue_checks(), "queue-bytes"));
+    EXPECT_TRUE(may(leftover_checks(), "queue-leftovers"));
+    EXPECT_FALSE(may(queue_checks(), "queue-messages"));
+
+    // The hard limits forbid more.
+    File("/proc/self/limits",
+         "Max processes             10 1023 processes\n"
+         "Max open files            100 1023 files\n"
+         "Max msgqueue size         0 18350079 bytes\n");
+    EXPECT_FALSE(may(limit_checks(), "descriptors"));
+    EXPECT_FALSE(may(limit_checks(), "threads"));
+    EXPECT_FALSE(may(queue_checks(), "queue-bytes"));
+}
+
+TEST(doctorLiveTest, AsksRootForWhatAnOrdinaryUserMayNotDo) {
+    const std::string user = geteuid() == 0 ? "setpriv --reuid 65534 --clear-groups " : "";
+    const auto advice = [&user](const std::string& limit) {
+        const std::string table =
+            run_command("bash -c '" + limit + "; exec " + user + PZ_DOCTOR " descriptors'").output;
+        const size_t at = table.find("repair: ");
+        return at == std::string::npos ? table : table.substr(at, table.find('\n', at) - at);
+    };
+    const std::string raise = "ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024";
+    EXPECT_EQ("repair: " + raise, advice("ulimit -S -n 100"));
+    EXPECT_EQ("repair: ask root: " + raise, advice("ulimit -n 100"));
+}
+
 TEST(doctorLiveTest, EndsWithTheNumberOfRedsOfThisMachine) {
     const CommandResult doctor = run_doctor("--json");
     const auto json = read_json(doctor.output);

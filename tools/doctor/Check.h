@@ -1,6 +1,7 @@
 #ifndef TOOLS_DOCTOR_CHECK_H
 #define TOOLS_DOCTOR_CHECK_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,14 +20,24 @@ const char* status_name(Status status);
 /// What a check has seen.
 struct Finding {
     Status status;
-    std::string found;   ///< one line
-    std::string repair;  ///< the shell command that mends it; "" for green and skipped
+    std::string found;        ///< one line
+    std::string repair;       ///< the shell command that mends it; "" for green and skipped
+    bool byThisUser = false;  ///< it needs no rights that the user lacks; false where unknown
 };
 
 Finding green(std::string found);
 Finding yellow(std::string found, std::string repair);
 Finding red(std::string found, std::string repair);
 Finding skipped(std::string found);
+
+/// The same, repaired without root's rights.
+Finding by_this_user(Finding finding);
+
+/// The same, repaired without root's rights if `can` is true.
+Finding by_this_user_if(bool can, Finding finding);
+
+/// Whether the user the program runs as owns what is there, as its information says.
+bool is_own(const std::optional<struct stat>& info);
 
 /// For what cannot be read from /proc: skipped when there is no /proc, which is a finding of its
 /// own, otherwise red with `repair`.

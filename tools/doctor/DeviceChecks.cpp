@@ -16,7 +16,7 @@ constexpr mode_t kAnyExecute = 0111;
 
 Finding check_zone_file(const Machine& machine) {
     const std::string make = "cp /usr/share/zoneinfo/Etc/UTC /tmp/tzfile";
-    if (!machine.Stat(kZoneFile)) return yellow("/tmp/tzfile is missing", make);
+    if (!machine.Stat(kZoneFile)) return by_this_user(yellow("/tmp/tzfile is missing", make));
     if (!is_zone_file(machine, kZoneFile)) {
         return red("/tmp/tzfile is not a compiled zone file", move_away(kZoneFile) + make);
     }
@@ -45,7 +45,8 @@ Finding check_tz_variable(const Machine& machine) {
     while (start < environment->size()) {
         const std::string variable = environment->c_str() + start;
         if (variable.compare(0, 3, "TZ=") == 0) {
-            return yellow("TZ is set to \"" + printable(variable.substr(3)) + "\"", "unset TZ");
+            return by_this_user(
+                yellow("TZ is set to \"" + printable(variable.substr(3)) + "\"", "unset TZ"));
         }
         start += variable.size() + 1;
     }

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <utility>
@@ -41,6 +43,20 @@ Finding red(std::string found, std::string repair) {
 
 Finding skipped(std::string found) {
     return {Status::Skipped, std::move(found), ""};
+}
+
+Finding by_this_user(Finding finding) {
+    finding.byThisUser = true;
+    return finding;
+}
+
+Finding by_this_user_if(bool can, Finding finding) {
+    finding.byThisUser = can;
+    return finding;
+}
+
+bool is_own(const std::optional<struct stat>& info) {
+    return info && info->st_uid == geteuid();
 }
 
 Finding unreadable(const Machine& machine, const std::string& path, std::string repair) {

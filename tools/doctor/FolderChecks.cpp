@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "Checks.h"
 
@@ -32,17 +33,23 @@ Finding check_folder(const Machine& machine, const std::string& path, const std:
     }
     const mode_t mode = info->st_mode & kPermissions;
     const std::string found = path + " has mode " + octal(mode);
-    if ((mode & kForAll) != kForAll) return red(found, "chmod 1777 " + path);
+    const std::string open = "chmod 1777 " + path;
+    if ((mode & kForAll) != kForAll) return by_this_user_if(is_own(info), red(found, open));
     if (is_read_only(machine, path)) {
         return red("the file system of " + path + " is read-only",
                    "mount -o remount,rw \"$(findmnt -n -o TARGET -T " + path + ")\"");
     }
-    if (mode != kForAllAndSticky) return yellow(found, "chmod 1777 " + path);
+    if (mode != kForAllAndSticky) return by_this_user_if(is_own(info), yellow(found, open));
     return green(found);
 }
 
 Finding check_own_folder(const Machine& machine, const std::string& path) {
-    return check_folder(machine, path, "install -d -m 1777 " + path);
+    Finding finding = check_folder(machine, path, "install -d -m 1777 " + path);
+    if (machine.Stat(path)) return finding;
+    const size_t slash = path.rfind('/');
+    const auto parent = machine.Stat(slash == 0 ? "/" : path.substr(0, slash));
+    return by_this_user_if(is_own(parent) || (parent && (parent->st_mode & S_IWOTH) != 0),
+                           std::move(finding));
 }
 
 Finding check_temp(const Machine& machine) {

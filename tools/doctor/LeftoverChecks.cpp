@@ -1,3 +1,6 @@
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <optional>
@@ -23,12 +26,19 @@ std::string command_for(std::string command, const std::vector<std::string>& wor
     return command;
 }
 
+/// Whether the user may remove all of them.
+bool owns(const Machine& machine, const std::vector<std::string>& paths) {
+    return std::all_of(paths.begin(), paths.end(),
+                       [&machine](const std::string& path) { return is_own(machine.Stat(path)); });
+}
+
 /// Said of names that nobody seems to hold, when some processes could not be looked into.
 Finding unsure(const std::string& what, const std::vector<std::string>& names,
                unsigned int hidden) {
-    return yellow(what + first_of(names) + ", unless one of " + std::to_string(hidden) +
-                      " processes that this user may not look into holds them",
-                  "sudo pz-doctor");
+    return by_this_user(yellow(what + first_of(names) + ", unless one of " +
+                                   std::to_string(hidden) +
+                                   " processes that this user may not look into holds them",
+                               "sudo pz-doctor"));
 }
 
 Finding check_queues(const Machine& machine) {
@@ -49,7 +59,8 @@ Finding check_queues(const Machine& machine) {
     if (left.empty()) return green("no queue without a process");
     const std::string what = "queues without a process: ";
     if (holders.hidden > 0) return unsure(what, left, holders.hidden);
-    return yellow(what + first_of(left), command_for("rm -f", files));
+    return by_this_user_if(owns(machine, files),
+                           yellow(what + first_of(left), command_for("rm -f", files)));
 }
 
 /// The value in the file of a named semaphore, as the C library of its users lays it out; nothing
@@ -90,7 +101,8 @@ Finding check_semaphores(const Machine& machine) {
     if (stuck.empty()) return green("no semaphore taken by a dead process");
     const std::string what = "semaphores taken by dead processes: ";
     if (holders.hidden > 0) return unsure(what, stuck, holders.hidden);
-    return red(what + first_of(stuck), command_for("rm -f", paths));
+    return by_this_user_if(owns(machine, paths),
+                           red(what + first_of(stuck), command_for("rm -f", paths)));
 }
 
 /// A row of /proc/sysvipc/shm.
@@ -102,6 +114,7 @@ struct Segment {
     std::string creator;
     std::string lastUser;
     unsigned long long attached;
+    uid_t owner;
 };
 
 std::vector<Segment> parse_segments(const std::string& text) {
@@ -113,7 +126,7 @@ std::vector<Segment> parse_segments(const std::string& text) {
         std::istringstream columns(line);
         Segment row;
         columns >> row.key >> row.id >> std::oct >> row.mode >> std::dec >> row.bytes >>
-            row.creator >> row.lastUser >> row.attached;
+            row.creator >> row.lastUser >> row.attached >> row.owner;
         if (columns) segments.push_back(row);
     }
     return segments;
@@ -133,15 +146,18 @@ Finding check_segments(const Machine& machine) {
     if (!text) return unreadable(machine, kSegments, kNoSegments);
     std::vector<std::string> left;
     std::string repair;
+    bool isOwn = true;
     for (const Segment& segment : parse_segments(*text)) {
         if (!is_of_file_guard(segment) || segment.attached != 0) continue;
         // 0 is a process of another container, of which nothing is known.
         if (segment.creator == "0" || machine.Stat("/proc/" + segment.creator)) continue;
         left.push_back(segment.id);
+        isOwn = isOwn && segment.owner == geteuid();
         repair += (repair.empty() ? "ipcrm -m " : " -m ") + segment.id;
     }
     if (left.empty()) return green("no segment of a dead process");
-    return yellow("segments left by dead processes: " + first_of(left), repair);
+    return by_this_user_if(isOwn,
+                           yellow("segments left by dead processes: " + first_of(left), repair));
 }
 
 Finding check_segment_count(const Machine& machine) {

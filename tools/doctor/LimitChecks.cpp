@@ -26,7 +26,15 @@ constexpr unsigned long long kEnoughDescriptors = 1024;
 constexpr unsigned long long kFewThreads = 64;
 constexpr unsigned long long kEnoughThreads = 256;
 
+constexpr unsigned long long kRaisedLimit = 1024;  // by the repairs of both
+
 constexpr char kNoLimitRow[] = "uname -r  # this kernel's /proc has no such row";
+
+/// Whether the user may raise the row's soft limit to `wanted` himself.
+bool may_raise(const Machine& machine, const char* row, unsigned long long wanted) {
+    const auto limit = hard_limit(machine, row);
+    return limit && *limit >= wanted;
+}
 
 std::string limit_text(unsigned long long limit) {
     return limit == kUnlimited ? "unlimited" : std::to_string(limit);
@@ -64,8 +72,9 @@ Finding check_descriptors(const Machine& machine) {
     std::string found = limit_text(*limit) + " open files";
     if (*limit != kUnlimited) found += ", room for " + std::to_string(workers) + " workers";
     const std::string repair = "ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024";
-    if (*limit < kFewDescriptors) return red(found, repair);
-    if (*limit < kEnoughDescriptors) return yellow(found, repair);
+    const bool can = may_raise(machine, "Max open files", kRaisedLimit);
+    if (*limit < kFewDescriptors) return by_this_user_if(can, red(found, repair));
+    if (*limit < kEnoughDescriptors) return by_this_user_if(can, yellow(found, repair));
     return green(found);
 }
 
@@ -74,8 +83,9 @@ Finding check_threads(const Machine& machine) {
     if (!limit) return unreadable(machine, kLimitsPath, kNoLimitRow);
     const std::string found = limit_text(*limit) + " threads of one user";
     const std::string repair = "ulimit -S -u 1024 || ulimit -u 1024  # in a unit: LimitNPROC=1024";
-    if (*limit < kFewThreads) return red(found, repair);
-    if (*limit < kEnoughThreads) return yellow(found, repair);
+    const bool can = may_raise(machine, "Max processes", kRaisedLimit);
+    if (*limit < kFewThreads) return by_this_user_if(can, red(found, repair));
+    if (*limit < kEnoughThreads) return by_this_user_if(can, yellow(found, repair));
     return green(found);
 }
 

@@ -21,7 +21,7 @@ Finding check_probes(const Machine& machine) {
                       "mount -t tracefs nodev /sys/kernel/tracing  # as root");
     }
     if (!has_capability(machine, kCapSysAdmin)) {
-        return yellow("this user may not make probes", "sudo pz-trace");
+        return by_this_user(yellow("this user may not make probes", "sudo pz-trace"));
     }
     if (!machine.Stat(kProbeEvents)) {
         return yellow("this kernel has no probes of programs",

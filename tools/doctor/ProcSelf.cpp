@@ -18,19 +18,29 @@ std::optional<std::string> rest_of_line(const Machine& machine, const char* path
     return std::nullopt;
 }
 
-}  // namespace
-
-std::optional<unsigned long long> soft_limit(const Machine& machine, const char* row) {
+std::optional<unsigned long long> limit_in_column(const Machine& machine, const char* row,
+                                                  int column) {
     const auto rest = rest_of_line(machine, kLimitsPath, row + std::string(" "));
     if (!rest) return std::nullopt;
     std::istringstream columns(*rest);
-    std::string soft;
-    columns >> soft;
-    if (soft == "unlimited") return kUnlimited;
+    std::string text;
+    for (int i = 0; i <= column; ++i) columns >> text;
+    if (!columns) return std::nullopt;
+    if (text == "unlimited") return kUnlimited;
     char* end = nullptr;
-    const unsigned long long limit = std::strtoull(soft.c_str(), &end, 10);
-    if (soft.empty() || *end != '\0') return std::nullopt;
+    const unsigned long long limit = std::strtoull(text.c_str(), &end, 10);
+    if (*end != '\0') return std::nullopt;
     return limit;
+}
+
+}  // namespace
+
+std::optional<unsigned long long> soft_limit(const Machine& machine, const char* row) {
+    return limit_in_column(machine, row, 0);
+}
+
+std::optional<unsigned long long> hard_limit(const Machine& machine, const char* row) {
+    return limit_in_column(machine, row, 1);
 }
 
 std::optional<int> own_nice(const Machine& machine) {

@@ -15,6 +15,9 @@ constexpr unsigned long long kUnlimited = ~0ULL;
 /// "unlimited", nothing when there is no such row.
 std::optional<unsigned long long> soft_limit(const Machine& machine, const char* row);
 
+/// The hard limit of that row, up to which every user may raise the soft one.
+std::optional<unsigned long long> hard_limit(const Machine& machine, const char* row);
+
 /// The nice value of the process.
 std::optional<int> own_nice(const Machine& machine);
 

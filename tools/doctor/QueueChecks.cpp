@@ -24,6 +24,8 @@ constexpr unsigned long long kBytesOfQueue =
     kMessagesOfQueue * (kBytesOfMessage + kOverheadOfMessage);
 static_assert(kBytesOfQueue == 71680, "as a 64-bit kernel counts a queue of 64 x 1024 bytes");
 
+constexpr unsigned long long kRaisedLimit = 18350080;
+
 Finding check_messages(const Machine& machine) {
     const auto most = machine.Number(kMessages);
     if (!most) return unreadable(machine, kMessages, kNoQueues);
@@ -63,9 +65,11 @@ Finding check_queue_bytes(const Machine& machine) {
     const std::string found = std::to_string(*limit) + " bytes, room for " +
                               std::to_string(*limit / kBytesOfQueue) + " queues of one user";
     if (*limit < kBytesOfQueue) {
-        return red(
-            found,
-            "ulimit -S -q 18350080 || ulimit -q 18350080  # in a unit: LimitMSGQUEUE=18350080");
+        const auto most = hard_limit(machine, "Max msgqueue size");
+        return by_this_user_if(most && *most >= kRaisedLimit,
+                               red(found,
+                                   "ulimit -S -q 18350080 || ulimit -q 18350080  # in a unit: "
+                                   "LimitMSGQUEUE=18350080"));
     }
     return green(found);
 }

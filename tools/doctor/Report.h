@@ -11,6 +11,7 @@ struct Report {
     std::string version;  ///< of the program
     std::string root;     ///< folder of the file tree; "" for the machine itself
     std::vector<Result> results;
+    bool asksRoot = false;  ///< for repairs that need root's rights, because the reader is not root
 };
 
 /// How many results have the status.

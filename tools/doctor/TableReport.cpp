@@ -30,14 +30,16 @@ std::string padded(const std::string& text, int width) {
     return text + std::string(columns > text.size() ? columns - text.size() : 1, ' ');
 }
 
-std::string row(const Result& result, bool colours) {
+std::string row(const Result& result, bool asksRoot, bool colours) {
     const Finding& finding = result.finding;
     std::string status = padded(status_name(finding.status), kStatusWidth);
     if (colours) status = colour_of(finding.status) + status + "\033[0m";
     std::string text = status + padded(result.name, kNameWidth) + finding.found + "\n";
     if (finding.repair.empty()) return text;
     text += kBelow + std::string("why:    ") + result.why + "\n";
-    return text + kBelow + "repair: " + finding.repair + "\n";
+    text += kBelow + std::string("repair: ");
+    if (asksRoot && !finding.byThisUser) text += "ask root: ";
+    return text + finding.repair + "\n";
 }
 
 }  // namespace
@@ -57,7 +59,7 @@ std::string table_text(const Report& report, bool colours) {
     std::string text = "pz-doctor " + report.version + ", ";
     text += report.root.empty() ? "this machine" : "the files under " + report.root;
     text += "\n\n";
-    for (const Result& result : report.results) text += row(result, colours);
+    for (const Result& result : report.results) text += row(result, report.asksRoot, colours);
     char sum[128];
     std::snprintf(sum, sizeof sum, "\n%zu checks: %u green, %u yellow, %u red, %u skipped\n",
                   report.results.size(), count(report, Status::Green),

@@ -22,7 +22,8 @@ constexpr char kUsage[] =
     "       pz-doctor --list | --version | --help\n"
     "\n"
     "Looks whether this machine has what programs on the PZFramework library need, and prints\n"
-    "a table with the command that repairs each finding. Changes nothing.\n"
+    "a table with the command that repairs each finding; for what its user may not do it says\n"
+    "to ask root. Changes nothing.\n"
     "\n"
     "  CHECK...     only these checks\n"
     "  --root DIR   look at the file tree in DIR, for example of an image; what only a running\n"
@@ -125,7 +126,8 @@ void print_list() {
 /// Runs the checks and prints their report; the exit status.
 int look(const Options& options) {
     const Machine machine(options.root);
-    Report report = {PZ_DOCTOR_VERSION, options.root, {}};
+    // The commands for a file tree are for the one who works on it.
+    Report report = {PZ_DOCTOR_VERSION, options.root, {}, machine.IsLive() && geteuid() != 0};
     for (const Check& check : options.checks) {
         report.results.push_back({check.name, check.why, check.run(machine)});
     }
