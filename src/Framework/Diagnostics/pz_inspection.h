@@ -66,23 +66,28 @@ struct alignas(8) ST_INSPECTED_LINK {
     typename Form::U32 tid{};       ///< kernel id of the thread that works here; 0: none
 };
 
-/// A worker's message box. The worker's name is that of its thread.
+/// A worker's message box, as its loop sees it. The worker's name is that of its thread.
 template <typename Form>
 struct alignas(8) ST_INSPECTED_BOX : ST_INSPECTED_LINK<Form> {
-    typename Form::U32 number{};          ///< of the worker
-    typename Form::U32 refused{};         ///< posts answered with 1, 2 or 3, messages and events
-    typename Form::U16 pending{};         ///< messages, of 256
-    typename Form::U16 mostPending{};     ///< since the box was made
-    typename Form::U16 events{};          ///< pending events, of 256
-    typename Form::U16 mostEvents{};      ///< since the box was made
-    typename Form::U32 served{};          ///< messages whose handlers have returned; wraps
-    typename Form::U32 servedEvents{};    ///< events likewise
     typename Form::Address dispatcher{};  ///< whose handler runs now; 0: none
     typename Form::U32 messageId{};       ///< what it was called with: MsgID, or the bits
-    typename Form::U16 isEvent{};         ///< 1: bits of an event
-    typename Form::U16 refusedKnown{};    ///< low half of `refused` when PZSupervisor last looked
     typename Form::U32 beganMs{};         ///< when it was called
     typename Form::U32 longestMs{};       ///< longest handler that has returned
+    typename Form::U32 served{};          ///< messages that have been handled, or dropped; wraps
+    typename Form::U32 servedEvents{};    ///< events likewise
+    typename Form::U16 number{};          ///< of the worker; its lower half
+    typename Form::U16 isEvent{};         ///< 1: the handler runs for the bits of an event
+};
+
+/// The same box, as those see it who post to it. It lies apart from what the loop writes.
+template <typename Form>
+struct ST_INSPECTED_POSTS {
+    typename Form::U32 posted{};        ///< messages; those not served are pending, or run; wraps
+    typename Form::U32 refused{};       ///< posts of messages and events that did not answer 0
+    typename Form::U16 events{};        ///< pending, of 256
+    typename Form::U16 mostEvents{};    ///< that were pending at once
+    typename Form::U16 mostPending{};   ///< messages likewise, of 256
+    typename Form::U16 refusedKnown{};  ///< lower half of `refused` when somebody last looked
 };
 
 /// Upper ends, in milliseconds, of the classes that a band counts its lateness in; what is later
@@ -189,6 +194,7 @@ struct alignas(8) ST_INSPECTION {
     std::uint32_t lockType;         ///< where a PZSync has its type: 0 shared with other processes
     std::uint32_t lockName;         ///< char[32]
     std::uint32_t lockOwner;        ///< pthread_t, 0: free
+    typename Form::U32 boxPosts{};  ///< from a box to its ST_INSPECTED_POSTS, modulo 2^32
     std::uint32_t queueName;        ///< where a PZMessageQueue<2> has its name: char[33]
     typename Form::U32 pid{};       ///< of the process that started the framework; 0: none did
     typename Form::U32 mainTid{};   ///< kernel id of the thread that did
@@ -215,18 +221,20 @@ constexpr bool pz_inspection_forms_agree() {
 
 static_assert(sizeof(PZInspectionAddress) == 8);
 static_assert(pz_inspection_forms_agree<ST_INSPECTED_BOX>());
+static_assert(pz_inspection_forms_agree<ST_INSPECTED_POSTS>());
 static_assert(pz_inspection_forms_agree<ST_INSPECTED_BAND>());
 static_assert(pz_inspection_forms_agree<ST_INSPECTED_THREAD>());
 static_assert(pz_inspection_forms_agree<ST_INSPECTED_QUEUE>());
 static_assert(pz_inspection_forms_agree<ST_INSPECTED_WAIT>());
 static_assert(pz_inspection_forms_agree<ST_INSPECTED_HEAP>());
 static_assert(pz_inspection_forms_agree<ST_INSPECTION>());
-static_assert(sizeof(ST_INSPECTED_BOX<PZInspectionLive>) == 64);
+static_assert(sizeof(ST_INSPECTED_BOX<PZInspectionLive>) == 48);
+static_assert(sizeof(ST_INSPECTED_POSTS<PZInspectionLive>) == 16);
 static_assert(sizeof(ST_INSPECTED_BAND<PZInspectionLive>) == 64);
 static_assert(sizeof(ST_INSPECTED_THREAD<PZInspectionLive>) == 40);
 static_assert(sizeof(ST_INSPECTED_QUEUE<PZInspectionLive>) == 40);
 static_assert(sizeof(ST_INSPECTED_WAIT<PZInspectionLive>) == 24);
 static_assert(sizeof(ST_INSPECTED_HEAP<PZInspectionLive>) == 16 + 200 * 20);
-static_assert(sizeof(ST_INSPECTION<PZInspectionLive>) == 144);
+static_assert(sizeof(ST_INSPECTION<PZInspectionLive>) == 152);
 
 #endif  // PZ_FRAMEWORK_DIAGNOSTICS_PZ_INSPECTION_H

@@ -241,9 +241,8 @@ private:
     PZ_LOCAL bool OpenDirectory(const char* path);
     PZ_LOCAL bool OpenPattern(const char* path);
     PZ_LOCAL Listing ReadEntry(ST_FIND_DATA& data);
-    PZ_LOCAL void find_next_sub(const dirent64* entry, std::size_t length,
-                                ST_FIND_DATA& data) const;
-    PZ_LOCAL EntryPath PathOf(const char* name, std::size_t length) const;
+    PZ_LOCAL void find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const;
+    PZ_LOCAL EntryPath PathOf(const dirent64* entry) const;
 
     PZ_LOCAL static bool CreateDirectory(const char* path, bool layers, bool& created);
     PZ_LOCAL static bool createLayers(const char* path, std::size_t length, bool& created);

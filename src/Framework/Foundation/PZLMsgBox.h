@@ -72,6 +72,7 @@ private:
     struct PZ_LOCAL Kept;
 
     PZ_LOCAL bool MakeEvents();
+    PZ_LOCAL unsigned int Refused(unsigned int answer) const;
     PZ_LOCAL bool BeginLoop(unsigned int workerId);
     PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool QueueLocked(const EventInfo& event, unsigned int& sleep) PZ_REQUIRES(msgSync_);

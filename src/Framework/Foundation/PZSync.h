@@ -73,12 +73,14 @@ inline unsigned int PZSync::Lock(unsigned int timeout) PZ_NO_THREAD_SAFETY_ANALY
     const pthread_t self = pthread_self();
     const pthread_t owner = owner_.load(std::memory_order_relaxed);
     if (owner != 0) {
-        // The wait for another thread shows itself to tracers; a lock that is free does not.
+        // The wait for another thread is noted for those who look; a free lock costs nothing more.
         if (owner != self) return Wait(timeout, EINTR);
         ++nest_;
         return 0;
     }
-    if (PZ_THREAD_SANITIZER || handle_ == nullptr || timeout != 0xFFFFFFFFU) {
+    // Of a lock that another process holds the owner is not known here.
+    if (PZ_THREAD_SANITIZER || handle_ == nullptr || timeout != 0xFFFFFFFFU ||
+        type_ != en_TYPE_UNNAMED) {
         return Wait(timeout, EINTR);
     }
     if (sem_wait(handle_) != 0) return Wait(timeout, errno);

@@ -1,10 +1,10 @@
 #include "PZInspection.h"
 
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <ctime>
+
+#include "../../private/pz_thread_id.h"
 
 namespace {
 
@@ -49,6 +49,7 @@ Table pz_inspection = {
     kInspectedLockType,
     kInspectedLockName,
     kInspectedLockOwner,
+    {0},
     kInspectedQueueName,
     {0},
     {0},
@@ -96,6 +97,15 @@ void pz_inspection_leave(PZInspectionAddress& list, PZInspectedLink& record) {
     pz_inspect_set(record.kind, 0U);
 }
 
+unsigned int pz_inspected_pending(PZInspectedBox& box) {
+    const bool isInHandler =
+        pz_inspect_get(box.dispatcher) != nullptr && pz_inspect_get(box.isEvent) == 0;
+    const std::uint32_t gone = pz_inspect_get(box.served) + (isInHandler ? 1 : 0);
+    const auto pending =
+        static_cast<std::int32_t>(pz_inspect_get(pz_inspected_posts(box).posted) - gone);
+    return pending > 0 ? static_cast<unsigned int>(pending) : 0;
+}
+
 unsigned short pz_inspection_queue_opened(const void* queue, std::uint32_t sides) {
     for (unsigned short entry = 1; entry <= PZ_INSPECTED_QUEUES; ++entry) {
         PZInspectedQueue& record = queues[entry];
@@ -120,7 +130,7 @@ PZInspectedQueue& pz_inspection_queue(unsigned short entry) {
 }
 
 PZInspectedLockWait::PZInspectedLockWait(const void* lock)
-    : entry_(take_wait(static_cast<std::uint32_t>(syscall(SYS_gettid)))) {
+    : entry_(take_wait(pz_this_thread_id())) {
     if (entry_ == nullptr) return;
     pz_inspect_set(entry_->sinceMs, pz_inspection_now());
     pz_inspect_set(entry_->handle, reinterpret_cast<const void*>(pthread_self()));

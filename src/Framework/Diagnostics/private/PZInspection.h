@@ -16,6 +16,7 @@
 
 using PZInspectedLink = ST_INSPECTED_LINK<PZInspectionLive>;
 using PZInspectedBox = ST_INSPECTED_BOX<PZInspectionLive>;
+using PZInspectedPosts = ST_INSPECTED_POSTS<PZInspectionLive>;
 using PZInspectedBand = ST_INSPECTED_BAND<PZInspectionLive>;
 using PZInspectedThread = ST_INSPECTED_THREAD<PZInspectionLive>;
 using PZInspectedQueue = ST_INSPECTED_QUEUE<PZInspectionLive>;
@@ -89,6 +90,16 @@ using PZListedBox =
     PZInspected<PZInspectedBox, &ST_INSPECTION<PZInspectionLive>::boxes, PZ_INSPECTED_BOX_KIND>;
 using PZListedBand =
     PZInspected<PZInspectedBand, &ST_INSPECTION<PZInspectionLive>::bands, PZ_INSPECTED_BAND_KIND>;
+
+/// What those see of the box who post to it.
+inline PZInspectedPosts& pz_inspected_posts(PZInspectedBox& box) {
+    auto* const bytes = reinterpret_cast<unsigned char*>(&box);
+    const auto distance = static_cast<std::int32_t>(pz_inspect_get(pz_inspection.boxPosts));
+    return *reinterpret_cast<PZInspectedPosts*>(bytes + distance);
+}
+
+/// Messages that wait in the box, also while it changes.
+PZ_LOCAL unsigned int pz_inspected_pending(PZInspectedBox& box);
 
 /// An entry for an open queue, 1 to PZ_INSPECTED_QUEUES; 0 when all are taken.
 PZ_LOCAL unsigned short pz_inspection_queue_opened(const void* queue, std::uint32_t sides);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -115,28 +114,12 @@ bool with_utf8(const wchar_t* src, const wchar_t* dst, Operation operation) {
 }
 
 bool is_dot_or_dotdot(const char* name) {
-    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
 /// The name, which may be longer than the field that is declared for it.
 const char* name_of(const dirent64* entry) {
     return reinterpret_cast<const char*>(entry) + offsetof(dirent64, d_name);
-}
-
-/// By the C library: built for size, the compiler would count the bytes itself, one by one.
-size_t length_of(const char* text) {
-    return ::strnlen(text, PTRDIFF_MAX);
-}
-
-/// Whether a name ends as a pattern without '*' wants.
-bool ends_in(const char* name, const char* pattern) {
-    const size_t length = length_of(name);
-    const size_t wanted = length_of(pattern);
-    if (length < wanted) return false;
-    for (name += length - wanted; *pattern != '\0'; ++pattern, ++name) {
-        if (*pattern != '?' && *pattern != *name) return false;
-    }
-    return true;
 }
 
 /// For file systems that do not tell: DT_REG, DT_DIR, or DT_UNKNOWN for everything else.
@@ -145,6 +128,10 @@ unsigned char type_by_status(const char* path) {
     if (::lstat(path, &status) != 0) return DT_UNKNOWN;
     if (S_ISREG(status.st_mode)) return DT_REG;
     return S_ISDIR(status.st_mode) ? DT_DIR : DT_UNKNOWN;
+}
+
+void copy_name(const char* name, PZFileSys::ST_FIND_DATA& data) {
+    std::memcpy(data.name, name, std::strlen(name) + 1);
 }
 
 /// Whether the part of a path that ends there names something new; "x/" and "x/." are x.
@@ -218,7 +205,8 @@ unsigned int PZFileSys::chkAttribute(const char* path) {
     struct stat status = {};
     if (::stat(path, &status) != 0) {
         if (errno != ENOENT) {
-            PZ_REPORT_ERROR("error[%d: %s]\n", pz_get_last_err(), pz_get_last_err_string());
+            PZ_REPORT_ERROR_ON(PATH, path, "error[%d: %s]\n", pz_get_last_err(),
+                               pz_get_last_err_string());
         }
         return 0;
     }
@@ -245,7 +233,8 @@ bool PZFileSys::Delete(const char* path, bool sync) {
         return false;
     }
     if (::unlink(path) != 0) {
-        PZ_REPORT_ERROR("error(%d : %s)\n", pz_get_last_err(), pz_get_last_err_string());
+        PZ_REPORT_ERROR_ON(PATH, path, "error(%d : %s)\n", pz_get_last_err(),
+                           pz_get_last_err_string());
         return false;
     }
     if (sync) pz_sync();
@@ -381,7 +370,7 @@ bool PZFileSys::createDirectorySub(const char* path, bool& created) {
         if (chkAttribute(path) == en_ATTR_DIRECTORY) return true;
         errno = EEXIST;  // the reason, whatever the question has left
     }
-    PZ_REPORT_LAST_ERROR();
+    PZ_REPORT_LAST_ERROR_ON(PATH, path);
     return false;
 }
 
@@ -448,15 +437,14 @@ PZFileSys::Listing PZFileSys::ReadEntry(ST_FIND_DATA& data) {
         data.attribute = 0;
         data.size = 0;
         data.name[0] = '\0';
-        const size_t length = ::strnlen(name, kNameSize);
-        if (length == kNameSize) {
+        if (::strnlen(name, kNameSize) == kNameSize) {
             doFindClose();
             errno = ENAMETOOLONG;
             return Listing::FAILED;
         }
         if (hasPattern_ && strcmp_wild(pattern_, name) != 0) continue;
         errno = errorBefore;
-        find_next_sub(entry, length, data);
+        find_next_sub(entry, data);
         return Listing::ENTRY;
     }
     if (errno != 0) return Listing::FAILED;
@@ -464,17 +452,16 @@ PZFileSys::Listing PZFileSys::ReadEntry(ST_FIND_DATA& data) {
     return Listing::END;
 }
 
-/// `length` is that of the entry's name.
-void PZFileSys::find_next_sub(const dirent64* entry, size_t length, ST_FIND_DATA& data) const {
+void PZFileSys::find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const {
     const char* const name = name_of(entry);
-    const auto nameLength = static_cast<unsigned int>(length);
+    const auto length = static_cast<unsigned int>(std::strlen(name));
     unsigned char type = entry->d_type;
-    if (type == DT_UNKNOWN) type = type_by_status(PathOf(name, length).text);
+    if (type == DT_UNKNOWN) type = type_by_status(PathOf(entry).text);
 
     if (type == DT_DIR) {
         data.attribute = en_ATTR_DIRECTORY;
-        if (is_hidden_folder(name, nameLength)) data.attribute |= en_ATTR_HIDDEN;
-        std::memcpy(data.name, name, length + 1);
+        if (is_hidden_folder(name, length)) data.attribute |= en_ATTR_HIDDEN;
+        copy_name(name, data);
         return;
     }
     if (type != DT_REG) {
@@ -482,28 +469,29 @@ void PZFileSys::find_next_sub(const dirent64* entry, size_t length, ST_FIND_DATA
         return;
     }
     if (getSize_) {
-        const EntryPath path = PathOf(name, length);
-        struct stat status;  // filled by a success
+        const EntryPath path = PathOf(entry);
+        struct stat status = {};
         if (::stat(path.text, &status) == 0) {
             data.size = static_cast<std::uint64_t>(status.st_size);
         } else {
             PZ_REPORT_ERROR("%s\n", path.text);
-            PZ_REPORT_LAST_ERROR();
+            PZ_REPORT_LAST_ERROR_ON(PATH, path.text);
         }
     }
     data.attribute = en_ATTR_FILE;
-    if (is_hidden_file(name, nameLength)) data.attribute |= en_ATTR_HIDDEN;
-    std::memcpy(data.name, name, length + 1);
+    if (is_hidden_file(name, length)) data.attribute |= en_ATTR_HIDDEN;
+    copy_name(name, data);
 }
 
 /// The pattern of a search stays in it, so that such a path names nothing.
-PZFileSys::EntryPath PZFileSys::PathOf(const char* name, size_t length) const {
+PZFileSys::EntryPath PZFileSys::PathOf(const dirent64* entry) const {
     EntryPath path;
     static_assert(sizeof path.text >= sizeof searchPath_ + kNameSize);
-    const size_t directory = length_of(searchPath_);
-    std::memcpy(path.text, searchPath_, directory);
-    path.text[directory] = '/';
-    std::memcpy(path.text + directory + 1, name, length + 1);
+    const size_t length = std::strlen(searchPath_);
+    std::memcpy(path.text, searchPath_, length);
+    path.text[length] = '/';
+    const char* const name = name_of(entry);
+    std::memcpy(path.text + length + 1, name, std::strlen(name) + 1);
     return path;
 }
 
@@ -536,17 +524,15 @@ bool PZFileSys::IsValidData(const ST_FIND_DATA& data, unsigned int filter, bool 
     return exact ? data.attribute == filter : (data.attribute & filter) != 0;
 }
 
-/// Only the '*' seen last needs a second try: whatever an earlier one could take more, it can take.
-/// Behind the last one of the pattern there is only the end of the name to be compared.
+/// Only the last '*' needs a second try: whatever an earlier one could take more, it can take.
 int PZFileSys::strcmp_wild(const char* pattern, const char* name) {
     if (pattern == nullptr || name == nullptr) return 1;
-    const char* afterStar = nullptr;  // the pattern behind the '*' seen last
+    const char* afterStar = nullptr;  // the pattern behind the last '*' seen
     const char* taken = nullptr;      // the name behind what that '*' takes
     while (*name != '\0') {
         if (*pattern == '*') {
             afterStar = ++pattern;
             taken = name;
-            if (std::strchr(pattern, '*') == nullptr) return ends_in(name, pattern) ? 0 : 1;
         } else if (*pattern == '?' || *pattern == *name) {
             ++pattern;
             ++name;
@@ -563,9 +549,9 @@ int PZFileSys::strcmp_wild(const char* pattern, const char* name) {
 
 bool PZFileSys::is_hidden_file(const char* name, unsigned int length) {
     if (is_hidden_folder(name, length)) return true;  // ".DS_Store" and "._" among them
-    constexpr std::string_view kExtension = ".CHK";
-    return length >= kExtension.size() &&
-           std::string_view(name + length - kExtension.size(), kExtension.size()) == kExtension;
+    const std::string_view text(name, length);
+    const size_t dot = text.rfind('.');
+    return dot != std::string_view::npos && text.substr(dot + 1) == "CHK";
 }
 
 bool PZFileSys::is_hidden_folder(const char* name, unsigned int length) {
@@ -630,7 +616,7 @@ bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bo
     const PZStream in(isOwn ? pz_open_own_stream(src, "rb") : pz_open_stream(src, "rb"));
     if (!in.IsOpen()) {
         PZ_REPORT_ERROR("failed to open [%s]\n", src);
-        PZ_REPORT_LAST_ERROR();
+        PZ_REPORT_LAST_ERROR_ON(PATH, src);
         return false;
     }
     PZStream out(open_destination(dst, failIfExists, isOwn));
@@ -674,7 +660,7 @@ bool PZFileSys::copyDirectory(const char* src, const char* dst, bool failIfExist
     // Also a name with a '*' is that of the directory.
     if (!search.OpenDirectory(src)) {
         if (!is_shortage(errno)) return true;
-        PZ_REPORT_LAST_ERROR();
+        PZ_REPORT_LAST_ERROR_ON(PATH, src);
         return false;
     }
     ST_FIND_DATA entry;
@@ -689,10 +675,10 @@ bool PZFileSys::copyDirectory(const char* src, const char* dst, bool failIfExist
         if (!CreateDirectory(to.c_str(), true)) return false;
         if (createDirs && !copyDirectory(from.c_str(), to.c_str(), false, true)) return false;
     }
-    if (listing == Listing::FAILED) PZ_REPORT_LAST_ERROR();
+    if (listing == Listing::FAILED) PZ_REPORT_LAST_ERROR_ON(PATH, src);
     return listing == Listing::END;
 } catch (const std::bad_alloc&) {
-    PZ_REPORT_ERROR("failed to allocate memory\n");
+    PZ_REPORT_ERROR_ON(PATH, src, "failed to allocate memory\n");
     return false;
 }
 

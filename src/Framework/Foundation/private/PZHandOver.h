@@ -71,6 +71,18 @@ public:
         return AddedLocked();
     }
 
+    /// Under the lock, after a post: how many messages wait when they are more than `most`, else 0.
+    /// What the loop has taken is looked up only when they may be more.
+    unsigned int PendingAboveLocked(unsigned int most) {
+        if (posted_ - takenBefore_ <= most) return 0;
+        takenBefore_ = taken_.load();
+        const unsigned int pending = posted_ - takenBefore_;
+        return pending > most ? pending : 0;
+    }
+
+    /// Under the lock: the events that wait.
+    unsigned int EventsLocked() const { return events_.load(); }
+
     /// Under the lock, when an event was put in: the answer is for WakeFrom, which follows.
     Sleep EventPostedLocked() {
         events_.store(events_.load() + 1);

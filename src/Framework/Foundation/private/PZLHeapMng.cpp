@@ -1,8 +1,6 @@
 #include "Framework/Foundation/PZLHeapMng.h"
 
 #include <pthread.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,6 +23,7 @@
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "../../private/pz_callers.h"
+#include "../../private/pz_thread_id.h"
 #include "../../private/pz_uncancelled.h"
 
 namespace {
@@ -130,8 +129,6 @@ PZSync& heap_lock() {
     return *lock;
 }
 
-thread_local unsigned int knownThreadId = 0;  // 0: not asked for yet
-
 /// A forked child gets the lock free and the list whole: no other thread is at them meanwhile.
 ///
 /// The handlers are registered when the library is loaded. So they run behind those of the
@@ -149,22 +146,9 @@ void after_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
     if (isHeldForFork) heap_lock().Unlock();
 }
 
-void after_fork_in_child() {
-    knownThreadId = 0;
-    after_fork();
-}
-
-const bool isToldOfForks = pthread_atfork(&before_fork, &after_fork, &after_fork_in_child) == 0;
+[[maybe_unused]] const bool isToldOfForks =
+    pthread_atfork(&before_fork, &after_fork, &after_fork) == 0;
 /// @}
-
-/// Kernel id of the calling thread. Asking for it costs as much as several frames of a call stack,
-/// so a thread asks once, and once more in a forked child.
-unsigned int this_thread_id() {
-    if (knownThreadId == 0 || !isToldOfForks) {
-        knownThreadId = static_cast<unsigned int>(syscall(SYS_gettid));
-    }
-    return knownThreadId;
-}
 
 unsigned char* data_of(ST_MEM_BLOCK* block) {
     return reinterpret_cast<unsigned char*>(block) + kHeaderSize;
@@ -239,7 +223,7 @@ void unlink_locked(ST_MEM_BLOCK* block) {
 
     for (unsigned int& guard : block->guards) guard = kGuardWord;
     block->size = size;
-    block->threadId = this_thread_id();
+    block->threadId = pz_this_thread_id();
     for (auto& name : block->names) name[0] = '\0';
     std::memset(data_of(block) + size, kTrailerByte, kTrailerSize);
 

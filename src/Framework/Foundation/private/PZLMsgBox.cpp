@@ -13,6 +13,7 @@
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_probes.h>
 
+#include "../../Diagnostics/private/PZInspection.h"
 #include "PZHandOver.h"
 #include "PZLoopWait.h"
 #include "PZPayloadStore.h"
@@ -43,13 +44,48 @@ static_assert(offsetof(PZLMsgBox::EventInfo, id) == 4, "record layout");
 static_assert(sizeof(PZLMsgBox::EventInfo) == 8, "record layout");
 #endif
 
+/// What the loop shows of its handlers. The clock is read once for each: a handler ends when the
+/// next one begins, or when the loop is about to sleep.
+class ShownHandlers {
+public:
+    void Begin(const void* dispatcher, unsigned int id, bool isEvent) {
+        const unsigned int now = pz_inspection_now();
+        if (isInRow_) pz_inspect_raise(box_.longestMs, now - pz_inspect_get(box_.beganMs));
+        isInRow_ = true;
+        pz_inspect_set(box_.beganMs, now);
+        pz_inspect_set(box_.messageId, id);
+        pz_inspect_set(box_.isEvent, isEvent);
+        pz_inspect_set(box_.dispatcher, dispatcher);
+    }
+
+    void End(std::atomic<std::uint32_t>& served) {
+        pz_inspect_set(box_.dispatcher, nullptr);
+        pz_inspect_count(served);
+    }
+
+    /// No handler follows at once.
+    void EndRow() {
+        if (isInRow_) {
+            pz_inspect_raise(box_.longestMs, pz_inspection_now() - pz_inspect_get(box_.beganMs));
+        }
+        isInRow_ = false;
+    }
+
+    PZInspectedBox& Box() { return box_; }
+
+private:
+    PZListedBox box_;
+    bool isInRow_ = false;  // a handler has begun since the last sleep
+};
+
 }  // namespace
 
 /// What the box keeps for its loop.
 struct PZLMsgBox::Kept {
     /// The loop's wait, between the watchdog's hooks, and its look before it.
     struct BracketedWait {
-        explicit BracketedWait(PZShortLook& shortLook) : look(shortLook) {}
+        BracketedWait(PZShortLook& shortLook, ShownHandlers& shownHandlers)
+            : look(shortLook), shown(shownHandlers) {}
 
         template <typename HasWork>
         bool Look(HasWork hasWork) {
@@ -59,6 +95,7 @@ struct PZLMsgBox::Kept {
         void DiscardWakeUps() { wait.DiscardWakeUps(); }
 
         PZLoopWait::EN_RESULT Wait() {
+            shown.EndRow();
             PZWatchDog::GetInstance()->IntoWait();
             const PZLoopWait::EN_RESULT result = wait.Wait(kNoTimeLimit);
             PZWatchDog::GetInstance()->OutWait();
@@ -67,6 +104,7 @@ struct PZLMsgBox::Kept {
 
         PZLoopWait wait;
         PZShortLook& look;
+        ShownHandlers& shown;
     };
 
     /// What others have written before they stored a value is seen by who loads it. A loop that
@@ -100,7 +138,31 @@ struct PZLMsgBox::Kept {
         static constexpr Result kError = PZLoopWait::en_ERROR;
     };
 
-    explicit Kept(PZSync& msgSync) : wait(look), handOver(msgSync, wait, kMaxMessages) {}
+    explicit Kept(PZSync& msgSync) : wait(look, shown), handOver(msgSync, wait, kMaxMessages) {
+        pz_inspect_set(pz_inspection.boxPosts, reinterpret_cast<std::uintptr_t>(&posts) -
+                                                   reinterpret_cast<std::uintptr_t>(&shown.Box()));
+    }
+
+    void ShowPostLocked() {
+        pz_inspect_count(posts.posted);
+        const unsigned int pending = handOver.PendingAboveLocked(pz_inspect_get(posts.mostPending));
+        if (pending != 0) pz_inspect_set(posts.mostPending, pending);
+    }
+
+    void ShowEventsLocked() {
+        const unsigned int events = handOver.EventsLocked();
+        pz_inspect_set(posts.events, events);
+        pz_inspect_raise(posts.mostEvents, events);
+    }
+
+    void ShowBeginLocked(unsigned int workerId) {
+        PZInspectedBox& box = shown.Box();
+        pz_inspect_set(box.number, workerId);
+        pz_inspect_set(box.tid, pz_get_current_thread_id());
+        pz_inspect_set(posts.posted,
+                       pz_inspect_get(box.served));  // what came before is thrown away
+        pz_inspect_set(posts.events, 0);
+    }
 
     /// On the worker's own thread.
     void TakeWorkerName() {
@@ -109,10 +171,12 @@ struct PZLMsgBox::Kept {
     }
 
     PZPayloadStore payloads;  // taken under the message lock
+    PZInspectedPosts posts;   // written under the message lock, but for the refusals
     PZShortLook look;
     PZApart fromPosts = {};
     BracketedWait wait;
-    PZHandOver<Env> handOver;         // ends with what is the loop's own
+    PZHandOver<Env> handOver;  // ends with what is the loop's own
+    ShownHandlers shown;
     const void* inService = nullptr;  // copy that the loop's last message had
     PZPayloadStore::Spent spent;      // copies of the loop's messages before it
     char workerName[128] = {};        // under the message lock; "" before the first loop
@@ -192,21 +256,27 @@ unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
                                reinterpret_cast<unsigned long>(d.Buff),
                                static_cast<int>(d.BuffSize));
             PZCallStack::dumpDirectly(kCallStackDepth);
-            return kBadParameter;
+            return Refused(kBadParameter);
         }
         if (kept_ != nullptr && kept_->handOver.IsFullLocked()) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "msg queue is full : worker[%d]\n",
                                workerId_);
-            return kFull;
+            return Refused(kFull);
         }
         if (!QueueLocked(d, sleep)) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
-            return kFailure;
+            return Refused(kFailure);
         }
     }
     if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
     PZ_REPORT_ERROR("SetEvent failed\n");
-    return kFailure;
+    return Refused(kFailure);
+}
+
+/// Counts a post that is not answered with 0; the answer.
+unsigned int PZLMsgBox::Refused(unsigned int answer) const {
+    if (kept_ != nullptr) kept_->posts.refused.fetch_add(1, std::memory_order_relaxed);
+    return answer;
 }
 
 /// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
@@ -228,6 +298,7 @@ bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) {
         return false;
     }
     d.Buff = queued.Buff;
+    kept_->ShowPostLocked();
     kept_->look.NotePost();
     return true;
 }
@@ -239,16 +310,16 @@ unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
         if (events_.size() >= events_.capacity()) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "event is full : worker[%d]\n",
                                workerId_);
-            return kFull;
+            return Refused(kFull);
         }
         if (!QueueLocked(EventInfo{bits, id}, sleep)) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
-            return kFailure;
+            return Refused(kFailure);
         }
     }
     if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
     PZ_REPORT_ERROR("SetEvent failed\n");
-    return kFailure;
+    return Refused(kFailure);
 }
 
 /// False, and nothing changed, without memory. `sleep` is what the loop is to be woken from.
@@ -261,6 +332,7 @@ bool PZLMsgBox::QueueLocked(const EventInfo& event, unsigned int& sleep) {
         return false;
     }
     sleep = kept_->handOver.EventPostedLocked();
+    kept_->ShowEventsLocked();
     kept_->look.NotePost();
     return true;
 }
@@ -273,6 +345,7 @@ int PZLMsgBox::Loop(unsigned int workerId) {
         GetAndExcuteMessage();
     };
     kept_->handOver.Run(servePass, [] { PZ_REPORT_ASSERTION(); });
+    pz_inspect_set(kept_->shown.Box().tid, 0U);
     return 0;
 }
 
@@ -284,6 +357,7 @@ bool PZLMsgBox::BeginLoop(unsigned int workerId) {
     if (kept_ != nullptr) kept_->handOver.BeginLocked();
     workerId_ = static_cast<int>(workerId);
     if (kept_ != nullptr) kept_->TakeWorkerName();
+    if (kept_ != nullptr) kept_->ShowBeginLocked(workerId);
     if (kept_ == nullptr || !kept_->wait.wait.IsOpen()) return false;
     kept_->handOver.AwakeLocked();
     return startedEvent_.SetEvent() == 1;
@@ -311,6 +385,7 @@ PZLMsgBox::EventInfo PZLMsgBox::TakeEvent() {
     const EventInfo event = events_.top();
     events_.pop();
     kept_->handOver.EventTakenLocked();
+    kept_->ShowEventsLocked();
     return event;
 }
 
@@ -349,7 +424,9 @@ void PZLMsgBox::DispatchMessage(const ST_PUSH_MSG_DATA& msg) {
     const PZSyncLock lock(dispatcherSync_);
     PZ_PROBE(msg_begin, this, msg.SID, msg.MsgID, msg.Priority, msg.Buff);
     PZIDispatcher* const dispatcher = FindLocked(msg.SID);
+    kept_->shown.Begin(dispatcher, msg.MsgID, false);
     if (dispatcher != nullptr) dispatcher->OnReceiveMsg(msg.MsgID, msg.Buff, msg.BuffSize);
+    kept_->shown.End(kept_->shown.Box().served);
     PZ_PROBE(msg_end, this, msg.MsgID);
 }
 
@@ -357,6 +434,8 @@ void PZLMsgBox::DispatchEvent(const EventInfo& event) {
     const PZSyncLock lock(dispatcherSync_);
     PZ_PROBE(event_begin, this, event.id, event.bits);
     PZIDispatcher* const dispatcher = FindLocked(event.id);
+    kept_->shown.Begin(dispatcher, event.bits, true);
     if (dispatcher != nullptr) dispatcher->OnReceiveEvent(event.bits);
+    kept_->shown.End(kept_->shown.Box().servedEvents);
     PZ_PROBE(event_end, this, event.bits);
 }

@@ -48,6 +48,12 @@ int wait_until(sem_t* semaphore, const PZDeadline& deadline) {
                : sem_clockwait(semaphore, deadline.clock, &deadline.time);
 }
 
+/// True when a thread that waits now would have to sleep.
+bool is_held(sem_t* semaphore) {
+    int value = 0;
+    return sem_getvalue(semaphore, &value) == 0 && value <= 0;
+}
+
 /// Waits for the semaphore, on and on through interruptions: 0, or the error number.
 int wait_for(sem_t* semaphore, unsigned int timeout) {
     int result = 0;
@@ -141,7 +147,12 @@ unsigned int PZSync::Wait(unsigned int timeout, int error) {
         const bool limited = timeout != kNoTimeLimit;
         pz_tsan_waiting(handle_, limited);
         PZ_PROBE(lock_wait, this, timeout);
-        error = wait_for(handle_, timeout);
+        if (is_held(handle_)) {
+            const PZInspectedLockWait shown(this);
+            error = wait_for(handle_, timeout);
+        } else {
+            error = wait_for(handle_, timeout);
+        }
         PZ_PROBE(lock_got, this, error);
         pz_tsan_waited(handle_, limited, error == 0);
     }
