@@ -42,10 +42,25 @@ private:
             case '"':
                 value.kind = JsonValue::Kind::String;
                 return String(value.text);
+            case 't':
+                value.kind = JsonValue::Kind::Boolean;
+                value.number = 1;
+                return Word("true");
+            case 'f':
+                value.kind = JsonValue::Kind::Boolean;
+                return Word("false");
+            case 'n':
+                value.kind = JsonValue::Kind::Null;
+                return Word("null");
             default:
                 value.kind = JsonValue::Kind::Number;
-                return Number(value.number);
+                return Number(value);
         }
+    }
+
+    bool Word(const char* word) {
+        while (*word != '\0' && Take(*word)) ++word;
+        return *word == '\0';
     }
 
     bool List(JsonValue& value, JsonValue::Kind kind, char open, char close) {
@@ -111,14 +126,20 @@ private:
         return code <= 0xff;
     }
 
-    bool Number(long long& number) {
+    bool Number(JsonValue& value) {
         const size_t start = at_;
         Take('-');
         if (!is_digit(Peek())) return false;
         const bool zero = Take('0');
         if (zero && is_digit(Peek())) return false;
         while (is_digit(Peek())) ++at_;
-        number = std::strtoll(text_.substr(start, at_ - start).c_str(), nullptr, 10);
+        if (Take('.')) {
+            if (!is_digit(Peek())) return false;
+            while (is_digit(Peek())) ++at_;
+        }
+        const std::string number = text_.substr(start, at_ - start);
+        value.number = std::strtoll(number.c_str(), nullptr, 10);
+        value.real = std::strtod(number.c_str(), nullptr);
         return true;
     }
 

@@ -8,13 +8,14 @@
 
 namespace pztest {
 
-/// A JSON value of the kinds that our programs write: objects, arrays, strings and whole numbers.
+/// A JSON value.
 struct JsonValue {
-    enum class Kind { Object, Array, String, Number };
+    enum class Kind { Object, Array, String, Number, Boolean, Null };
 
     Kind kind = Kind::Object;
     std::string text;  ///< of a string, its escapes resolved to single bytes
-    long long number = 0;
+    long long number = 0;  ///< whole part of a number; 1 for true
+    double real = 0;       ///< of a number
     std::vector<std::pair<std::string, JsonValue>> members;  ///< of an object; in an array unnamed
 
     /// The member of that name; aborts the test process when there is none.

@@ -1,0 +1,508 @@
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/JsonReader.h"
+#include "support/RunCommand.h"
+#include "support/TempDir.h"
+#include "support/WaitUntil.h"
+
+// pz-top, looking at live processes.
+
+namespace {
+
+using pztest::JsonValue;
+
+constexpr char kTop[] = "'" PZ_TOP "' ";
+
+/// A running top_program; ends with this object.
+class Program {
+public:
+    explicit Program(const std::string& mode, const std::string& name = "pz_top_test",
+                     const std::string& file = PZ_TOP_PROGRAM) {
+        int in[2] = {-1, -1};
+        int out[2] = {-1, -1};
+        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(in[0], STDIN_FILENO);
+            dup2(out[1], STDOUT_FILENO);
+            execl(file.c_str(), "top_program", mode.c_str(), name.c_str(), nullptr);
+            _exit(127);
+        }
+        close(in[0]);
+        close(out[1]);
+        in_ = in[1];
+        out_ = out[0];
+    }
+    ~Program() {
+        End();
+        close(out_);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    pid_t Pid() const { return pid_; }
+    std::string PidText() const { return std::to_string(pid_); }
+
+    /// What it has counted itself, when it has done its work; aborts when it never comes so far.
+    std::string Counted() {
+        std::string line;
+        for (char byte = 0; read(out_, &byte, 1) == 1;) {
+            if (byte != '\n') {
+                line += byte;
+            } else if (line.compare(0, 6, "ready ") == 0) {
+                return line.substr(6);
+            } else {
+                line.clear();
+            }
+        }
+        std::abort();
+    }
+
+    /// Ends it by itself.
+    void End() {
+        if (in_ != -1) close(in_);
+        in_ = -1;
+        Reap();
+    }
+
+    void Kill() {
+        kill(pid_, SIGKILL);
+        Reap();
+    }
+
+private:
+    void Reap() {
+        if (pid_ > 0) waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+    }
+
+    pid_t pid_ = -1;
+    int in_ = -1;
+    int out_ = -1;
+};
+
+pztest::CommandResult top(const std::string& arguments) {
+    return pztest::run_command(kTop + arguments + " 2>&1");
+}
+
+/// The object that pz-top prints of a process.
+JsonValue json_of(const std::string& process) {
+    const auto result = top("--json --once --interval 50 " + process);
+    const auto value = pztest::read_json(result.output);
+    EXPECT_EQ(0, result.status) << result.output;
+    if (!value) {
+        ADD_FAILURE() << "no JSON: " << result.output;
+        std::abort();
+    }
+    return *value;
+}
+
+/// The entry of a list whose "name" that is; aborts when there is none.
+const JsonValue& named(const JsonValue& list, const std::string& name) {
+    for (const auto& member : list.members) {
+        if (member.second.At("name").text == name) return member.second;
+    }
+    ADD_FAILURE() << "no entry " << name;
+    std::abort();
+}
+
+bool is_null(const JsonValue& value) {
+    return value.kind == JsonValue::Kind::Null;
+}
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+/// The line of a text that has the part; "" when there is none.
+std::string line_with(const std::string& text, const std::string& part) {
+    const std::size_t place = text.find(part);
+    if (place == std::string::npos) return "";
+    const std::size_t start = text.rfind('\n', place) + 1;
+    return text.substr(start, text.find('\n', place) - start);
+}
+
+/// What pz-top prints to a terminal, with a shell's "script".
+std::string on_terminal(const std::string& arguments) {
+    return pztest::run_command("TERM=xterm script -qec \"" + std::string(kTop) + arguments +
+                               "\" /dev/null </dev/null")
+        .output;
+}
+
+}  // namespace
+
+TEST(topTest, ShowsAHungWorkerInRedWithItsMessageWithinOneAndAHalfSeconds) {
+    Program program("hang");
+    const std::string dispatcher = program.Counted();
+    const auto start = std::chrono::steady_clock::now();
+    const std::string what = "message 42 of " + dispatcher;
+    std::string red;
+    while (red.empty() &&
+           std::chrono::steady_clock::now() - start < std::chrono::milliseconds(1500)) {
+        red = line_with(on_terminal("--once --interval 50 " + program.PidText()), ", HANGS");
+    }
+    EXPECT_TRUE(contains(red, what)) << red;
+    EXPECT_EQ(0U, red.find("\033[1;31maudio")) << red;
+    EXPECT_TRUE(contains(red, "\033[0m")) << red;
+}
+
+TEST(topTest, TellsOfAHungWorkerWhatItCountedItself) {
+    Program program("hang");
+    const std::string dispatcher = program.Counted();
+    ASSERT_TRUE(pztest::wait_until([&program] {
+        const JsonValue process = json_of(program.PidText());
+        return named(process.At("threads"), "audio").At("hangs").number == 1;
+    }));
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& thread = named(process.At("threads"), "audio");
+    EXPECT_EQ("pz_top_test", process.At("name").text);
+    EXPECT_EQ(77, process.At("id").number);
+    EXPECT_EQ(200, thread.At("watch_ms").number);
+    EXPECT_EQ("S", thread.At("state").text);
+    EXPECT_EQ(251, thread.At("priority").number);
+    EXPECT_EQ(0, thread.At("nice").number);
+    const JsonValue& worker = thread.At("worker");
+    EXPECT_EQ(3, worker.At("number").number);
+    EXPECT_EQ(10, worker.At("served").number);
+    EXPECT_EQ(3, worker.At("served_events").number);
+    EXPECT_EQ(0, worker.At("pending").number);
+    EXPECT_EQ(0, worker.At("refused").number);
+    EXPECT_EQ("running", worker.At("state").text);
+    EXPECT_EQ("message", worker.At("running").At("kind").text);
+    EXPECT_EQ(42, worker.At("running").At("id").number);
+    EXPECT_EQ(dispatcher, worker.At("running").At("dispatcher").text);
+    EXPECT_LT(200, worker.At("running").At("for_ms").number);
+}
+
+TEST(topTest, TellsTheBitsOfAnEventThatHangs) {
+    Program program("hang-event");
+    const std::string dispatcher = program.Counted();
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& running = named(process.At("threads"), "audio").At("worker").At("running");
+    EXPECT_EQ("event", running.At("kind").text);
+    EXPECT_EQ(4, running.At("id").number);
+    EXPECT_EQ(dispatcher, running.At("dispatcher").text);
+}
+
+TEST(topTest, ShowsTheRefusalsOfAFloodedBox) {
+    Program program("flood");
+    ASSERT_EQ("7 256", program.Counted());
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& worker = named(process.At("threads"), "audio").At("worker");
+    EXPECT_EQ(7, worker.At("refused").number);
+    EXPECT_EQ(256, worker.At("pending").number);
+    EXPECT_EQ(256, worker.At("most_pending").number);
+    EXPECT_EQ(5, worker.At("events").number);
+    EXPECT_EQ(5, worker.At("most_events").number);
+    EXPECT_EQ(0, worker.At("served").number);
+    const std::string row =
+        line_with(top("--once --interval 50 " + program.PidText()).output, "256/256");
+    EXPECT_TRUE(contains(row, " 7 ")) << row;
+}
+
+TEST(topTest, CountsWhatAWorkerServesEachSecond) {
+    Program program("serve");
+    program.Counted();
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& thread = named(process.At("threads"), "audio");
+    EXPECT_LT(0, thread.At("worker").At("per_second").real);
+    EXPECT_LT(0, thread.At("cpu_percent").real);
+    EXPECT_EQ(0, thread.At("hangs").number);
+}
+
+TEST(topTest, ShowsHowLateTimersAreAndTheCallbackThatHangs) {
+    Program program("timers");
+    const long long returned = std::stoll(program.Counted());
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue* band = nullptr;
+    for (const auto& member : process.At("bands").members) {
+        if (member.second.At("fired").number != 0) band = &member.second;
+    }
+    ASSERT_NE(nullptr, band);
+    EXPECT_EQ(returned, band->At("fired").number);
+    // The third callback takes 150 milliseconds: the next check comes so much later.
+    EXPECT_LE(100, band->At("worst_late_ms").number);
+    EXPECT_LE(140, band->At("longest_ms").number);
+    EXPECT_FALSE(is_null(band->At("median_late_ms")));
+    EXPECT_LE(band->At("median_late_ms").number, band->At("worst_late_ms").number);
+    EXPECT_EQ("running", band->At("state").text);
+    EXPECT_FALSE(is_null(band->At("running").At("timer")));
+}
+
+TEST(topTest, NamesThreadsThatWaitForEachOther) {
+    Program program("locks");
+    program.Counted();
+    const auto waits = [&program] { return json_of(program.PidText()).At("waits").members.size(); };
+    ASSERT_TRUE(pztest::wait_until([&waits] { return waits() == 3; }));
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& left = named(process.At("waits"), "left");
+    const JsonValue& right = named(process.At("waits"), "right");
+    EXPECT_EQ(right.At("tid").number, left.At("holder_tid").number);
+    EXPECT_EQ(left.At("tid").number, right.At("holder_tid").number);
+    EXPECT_EQ("right", left.At("holder").text);
+    EXPECT_NE(left.At("lock").text, right.At("lock").text);
+    ASSERT_EQ(1U, process.At("deadlocks").members.size());
+    const JsonValue& circle = process.At("deadlocks").members[0].second;
+    EXPECT_EQ(2U, circle.members.size());
+    EXPECT_EQ(left.At("tid").number, named(circle, "left").At("tid").number);
+    EXPECT_EQ(right.At("tid").number, named(circle, "right").At("tid").number);
+    const std::string text = top("--once --interval 50 " + program.PidText()).output;
+    EXPECT_TRUE(contains(text, "DEADLOCK: ")) << text;
+}
+
+TEST(topTest, NamesALockThatAnotherProcessMayHold) {
+    Program program("locks");
+    const std::string name = program.Counted();
+    const auto isNoted = [&program] {
+        const JsonValue process = json_of(program.PidText());
+        for (const auto& wait : process.At("waits").members) {
+            if (wait.second.At("name").text == "outer") return true;
+        }
+        return false;
+    };
+    ASSERT_TRUE(pztest::wait_until(isNoted));
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& wait = named(process.At("waits"), "outer");
+    EXPECT_EQ(name, wait.At("lock").text);
+    EXPECT_EQ("another process", wait.At("holder").text);
+    EXPECT_TRUE(is_null(wait.At("holder_tid")));
+}
+
+TEST(topTest, ShowsQueuesWithTheirFillAndCounts) {
+    const std::string name = "pz_top_" + std::to_string(getpid());
+    Program program("queues", name);
+    program.Counted();
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& out = named(process.At("queues"), name + "_out");
+    EXPECT_EQ(1, out.At("sends").number);
+    EXPECT_EQ(0, out.At("receives").number);
+    EXPECT_EQ(64, out.At("sent").number);
+    EXPECT_EQ(4, out.At("refused").number);
+    EXPECT_EQ(64, out.At("waiting").number);
+    EXPECT_EQ(64, out.At("most").number);
+    const JsonValue& in = named(process.At("queues"), name + "_in");
+    EXPECT_EQ(1, in.At("receives").number);
+    EXPECT_EQ(5, in.At("received").number);
+    EXPECT_EQ(0, in.At("waiting").number);
+}
+
+TEST(topTest, ShowsTheAccountedHeapOfEachThread) {
+    Program program("heap");
+    program.Counted();
+    const JsonValue process = json_of(program.PidText());
+    const JsonValue& heap = process.At("heap");
+    EXPECT_EQ(6, heap.At("blocks").number);
+    EXPECT_EQ(6, heap.At("most_blocks").number);
+    EXPECT_EQ(510, heap.At("bytes").number);
+    EXPECT_EQ(1500, heap.At("most_bytes").number);
+    ASSERT_EQ(2U, heap.At("threads").members.size());
+    const JsonValue& own = heap.At("threads").members[0].second;
+    EXPECT_EQ(program.Pid(), own.At("tid").number);
+    EXPECT_EQ(500, own.At("bytes").number);
+}
+
+TEST(topTest, ShowsWhatTheKernelTellsOfAProcess) {
+    Program program("idle");
+    program.Counted();
+    const JsonValue process = json_of(program.PidText());
+    EXPECT_EQ(program.Pid(), process.At("pid").number);
+    EXPECT_LT(3, process.At("descriptors").number);
+    EXPECT_LT(0, process.At("descriptor_limit").number);
+    EXPECT_EQ(6U, process.At("threads").members.size()) << "the first and five timer threads";
+    EXPECT_EQ(5U, process.At("bands").members.size());
+    EXPECT_TRUE(is_null(process.At("heap")));
+    EXPECT_EQ(1, process.At("complete").number);
+    EXPECT_EQ(0, process.At("forked").number);
+}
+
+TEST(topTest, FindsAProcessByItsName) {
+    const std::string name = "pz_top_" + std::to_string(getpid());
+    Program program("idle", name);
+    program.Counted();
+    EXPECT_EQ(program.Pid(), json_of(name).At("pid").number);
+}
+
+TEST(topTest, AsksWhichOneWhenSeveralHaveTheName) {
+    const std::string name = "pz_top_" + std::to_string(getpid());
+    Program first("idle", name);
+    Program second("idle", name);
+    first.Counted();
+    second.Counted();
+    const auto result = top("--once " + name);
+    EXPECT_EQ(2, result.status);
+    EXPECT_EQ("pz-top: 2 processes are called " + name + "; give the number of one: " +
+                  std::to_string(std::min(first.Pid(), second.Pid())) + " " +
+                  std::to_string(std::max(first.Pid(), second.Pid())) + "\n",
+              result.output);
+}
+
+TEST(topTest, SaysThatAForkedProcessShowsWhatItsParentHad) {
+    Program program("forked");
+    const std::string child = program.Counted();
+    EXPECT_EQ(1, json_of(child).At("forked").number);
+    EXPECT_EQ(0, json_of(program.PidText()).At("forked").number);
+    EXPECT_EQ("X", named(json_of(child).At("threads"), "audio").At("state").text);
+}
+
+TEST(topTest, ListsFiftyProcessesAtOnce) {
+    const std::string name = "pz_top_" + std::to_string(getpid());
+    std::vector<std::unique_ptr<Program>> programs;
+    for (int i = 0; i < 50; ++i) {
+        programs.push_back(std::make_unique<Program>(i == 20 ? "hang" : "idle", name));
+    }
+    for (const auto& program : programs) program->Counted();
+    const auto result = top("--json --once --interval 250");
+    ASSERT_EQ(0, result.status) << result.output;
+    const auto list = pztest::read_json(result.output);
+    ASSERT_TRUE(list);
+    int found = 0;
+    for (const auto& member : list->At("processes").members) {
+        const JsonValue& row = member.second;
+        if (row.At("name").text != name) continue;
+        ++found;
+        EXPECT_EQ(77, row.At("id").number);
+        const bool isHung = row.At("pid").number == programs[20]->Pid();
+        EXPECT_EQ(isHung ? 1 : 0, row.At("workers").number);
+        EXPECT_EQ(isHung ? 1 : 0, row.At("hangs").number);
+        if (!isHung) continue;
+        EXPECT_EQ("audio", row.At("worst_thread").text);
+    }
+    EXPECT_EQ(50, found);
+}
+
+TEST(topTest, AProcessThatEndsBetweenTwoLooksIsNoFailureOfTheList) {
+    const std::string name = "pz_top_" + std::to_string(getpid());
+    Program staying("idle", name);
+    staying.Counted();
+    auto ending = std::make_unique<Program>("idle", name);
+    ending->Counted();
+    FILE* const list = popen((std::string(kTop) + "--json --interval 100").c_str(), "re");
+    ASSERT_NE(nullptr, list);
+    const auto count = [list, &name] {
+        char line[65536] = "";
+        if (std::fgets(line, sizeof line, list) == nullptr) return -1;
+        const auto value = pztest::read_json(line);
+        if (!value) return -2;
+        int found = 0;
+        for (const auto& member : value->At("processes").members) {
+            if (member.second.At("name").text == name) ++found;
+        }
+        return found;
+    };
+    EXPECT_EQ(2, count());
+    ending->Kill();
+    EXPECT_TRUE(pztest::wait_until([&count] { return count() == 1; }));
+    Program starting("idle", name);
+    EXPECT_TRUE(pztest::wait_until([&count] { return count() == 2; }));
+    pclose(list);
+}
+
+TEST(topTest, EndsWithTheProcessThatItLooksAt) {
+    Program program("idle");
+    program.Counted();
+    const std::string pid = program.PidText();
+    FILE* const looks =
+        popen((std::string(kTop) + "--json --interval 20 " + pid + " 2>&1").c_str(), "re");
+    ASSERT_NE(nullptr, looks);
+    char line[65536] = "";
+    ASSERT_NE(nullptr, std::fgets(line, sizeof line, looks));
+    EXPECT_TRUE(pztest::read_json(line));
+    program.Kill();
+    std::string last;
+    while (std::fgets(line, sizeof line, looks) != nullptr) last = line;
+    EXPECT_EQ("pz-top: process " + pid + " has ended\n", last);
+    EXPECT_EQ(0, WEXITSTATUS(pclose(looks)));
+}
+
+TEST(topTest, SaysThatThereIsNothing) {
+    Program program("end");
+    const std::string pid = program.PidText();
+    program.End();
+    auto result = top("--once " + pid);
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("pz-top: there is no process " + pid + "\n", result.output);
+    result = top("--once no_such_process");
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("pz-top: no process called no_such_process uses the library\n", result.output);
+    result = pztest::run_command("sleep 60 & " + std::string(kTop) +
+                                 "--once $! 2>&1; status=$?; kill $!; exit $status");
+    EXPECT_EQ(1, result.status);
+    EXPECT_TRUE(contains(result.output, " (sleep) does not use the library\n")) << result.output;
+}
+
+TEST(topTest, RefusesWhatItDoesNotUnderstand) {
+    EXPECT_EQ(2, top("--no-such-option").status);
+    EXPECT_EQ(2, top("--interval 5").status);
+    EXPECT_EQ(2, top("--interval x").status);
+    EXPECT_EQ(2, top("--interval").status);
+    EXPECT_EQ(2, top("1 2").status);
+    EXPECT_EQ(0, top("--help").status);
+    EXPECT_EQ("pz-top " PZ_VERSION "\n", top("--version").output);
+}
+
+TEST(topTest, AReaderWithoutTheRightGetsStatusThree) {
+    Program program("idle");
+    program.Counted();
+    const bool isRoot = getuid() == 0;
+    const std::string target = isRoot ? program.PidText() : "1";  // a process of root
+    const auto nobody = pztest::run_in_child([&target, isRoot] {
+        constexpr uid_t kNobody = 65534;
+        const bool isNobody =
+            isRoot && setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0;
+        if (isRoot && !isNobody) return 99;
+        execl(PZ_TOP, "pz-top", "--once", target.c_str(), nullptr);
+        return 98;
+    });
+    EXPECT_EQ(3, nobody.status);
+    EXPECT_TRUE(contains(nobody.output, "may not be looked at")) << nobody.output;
+}
+
+TEST(topTest, ReadsAProcessWhoseLibraryFileIsGone) {
+    const pztest::TempDir folder;
+    const std::string copy = folder.File("libpzframework.so.1");
+    ASSERT_EQ(0, pztest::run_command("cp -L '" PZ_LIBRARY "' '" + copy + "'").status);
+    setenv("LD_PRELOAD", copy.c_str(), 1);
+    Program program("idle");
+    unsetenv("LD_PRELOAD");
+    program.Counted();
+    ASSERT_EQ(0, unlink(copy.c_str()));
+    const std::string maps = pztest::read_file("/proc/" + program.PidText() + "/maps");
+    ASSERT_TRUE(contains(maps, copy + " (deleted)"));
+    EXPECT_EQ(77, json_of(program.PidText()).At("id").number);
+}
+
+#ifdef PZ_TOP_PROGRAM_32
+TEST(topTest, ReadsA32BitProcess) {
+    Program program("hang", "pz_top_32", PZ_TOP_PROGRAM_32);
+    const std::string dispatcher = program.Counted();
+    const JsonValue process = json_of(program.PidText());
+    EXPECT_EQ("pz_top_32", process.At("name").text);
+    EXPECT_EQ(1, process.At("complete").number);
+    const JsonValue& worker = named(process.At("threads"), "audio").At("worker");
+    EXPECT_EQ(10, worker.At("served").number);
+    EXPECT_EQ(42, worker.At("running").At("id").number);
+    EXPECT_EQ(dispatcher, worker.At("running").At("dispatcher").text);
+    EXPECT_EQ(5U, process.At("bands").members.size());
+}
+
+TEST(topTest, NamesThreadsOfA32BitProcessThatWaitForEachOther) {
+    Program program("locks", "pz_top_32", PZ_TOP_PROGRAM_32);
+    program.Counted();
+    EXPECT_TRUE(pztest::wait_until(
+        [&program] { return json_of(program.PidText()).At("deadlocks").members.size() == 1; }));
+}
+#endif

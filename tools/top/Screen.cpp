@@ -1,0 +1,200 @@
+#include "Screen.h"
+
+#include <curses.h>
+
+#include <algorithm>
+#include <chrono>
+#include <clocale>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr short kAlarmColours = 1;
+
+const std::vector<Line> kHelp = {
+    {"pz-top: keys", Style::Heading},
+    {},
+    {"  s       sort by the next of: name, load, pending messages, refused posts"},
+    {"  p       pause, and go on"},
+    {"  h, ?    this help, and back"},
+    {"  arrows  scroll; page up, page down"},
+    {"  q       quit"},
+    {},
+    {"Red: a handler or callback has run for longer than the watch time of its thread."},
+    {"A question mark: could not be read, or makes no sense."},
+};
+
+const char* name_of(SortKey key) {
+    switch (key) {
+        case SortKey::Load:
+            return "load";
+        case SortKey::Pending:
+            return "pending";
+        case SortKey::Refused:
+            return "refused";
+        default:
+            return "name";
+    }
+}
+
+SortKey next(SortKey key) {
+    return key == SortKey::Refused ? SortKey::Name
+                                   : static_cast<SortKey>(static_cast<int>(key) + 1);
+}
+
+/// The terminal, as long as the program has it.
+class Terminal {
+public:
+    Terminal() {
+        std::setlocale(LC_ALL, "");
+        isOpen_ = newterm(nullptr, stdout, stdin) != nullptr;
+        if (!isOpen_) return;
+        cbreak();
+        noecho();
+        keypad(stdscr, TRUE);
+        curs_set(0);
+        if (has_colors() && start_color() == OK) {
+            use_default_colors();
+            init_pair(kAlarmColours, COLOR_RED, -1);
+        }
+    }
+    ~Terminal() {
+        if (isOpen_) endwin();
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    bool IsOpen() const { return isOpen_; }
+
+private:
+    bool isOpen_ = false;
+};
+
+attr_t attributes_of(Style style) {
+    switch (style) {
+        case Style::Heading:
+            return A_BOLD;
+        case Style::Alarm:
+            return A_BOLD | static_cast<attr_t>(COLOR_PAIR(kAlarmColours));
+        default:
+            return A_NORMAL;
+    }
+}
+
+class Screen {
+public:
+    Screen(Watcher& watcher, unsigned int intervalMs)
+        : watcher_(watcher), interval_(intervalMs), nextLook_(Clock::now()) {}
+
+    int Run() {
+        while (!isQuit_) {
+            if (!isPaused_ && !isOver_ && Clock::now() >= nextLook_) LookAgain();
+            Draw();
+            Obey(WaitForKey());
+        }
+        return kExitDone;
+    }
+
+private:
+    void LookAgain() {
+        isOver_ = watcher_.Look() != kExitDone;
+        if (!isOver_) Rebuild();
+        nextLook_ += interval_;
+        nextLook_ = std::max(nextLook_, Clock::now());  // after a stop of the whole program
+    }
+
+    void Rebuild() { lines_ = watcher_.Table(key_); }
+
+    int WaitForKey() const {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(nextLook_ - Clock::now());
+        const bool waits = isPaused_ || isOver_;
+        timeout(waits ? -1 : static_cast<int>(std::max<long long>(left.count() + 1, 0)));
+        return getch();
+    }
+
+    void Obey(int key) {
+        switch (key) {
+            case 'q':
+                isQuit_ = true;
+                break;
+            case 's':
+                key_ = next(key_);
+                Rebuild();
+                break;
+            case 'p':
+                isPaused_ = !isPaused_;
+                nextLook_ = Clock::now();
+                break;
+            case 'h':
+            case '?':
+                isHelp_ = !isHelp_;
+                top_ = 0;
+                break;
+            case KEY_DOWN:
+                ++top_;
+                break;
+            case KEY_UP:
+                --top_;
+                break;
+            case KEY_NPAGE:
+                top_ += LINES - 1;
+                break;
+            case KEY_PPAGE:
+                top_ -= LINES - 1;
+                break;
+            default:
+                break;
+        }
+    }
+
+    std::string Footer() const {
+        std::string text =
+            std::string("sorted by ") + name_of(key_) + "   s sort  p pause  h help  q quit";
+        if (isPaused_) text = "PAUSED   " + text;
+        if (isOver_) text = watcher_.Problem() + "   " + text;
+        return text;
+    }
+
+    void Draw() {
+        const std::vector<Line>& lines = isHelp_ ? kHelp : lines_;
+        const int rows = std::max(LINES - 1, 1);
+        top_ = std::clamp(top_, 0, std::max(static_cast<int>(lines.size()) - rows, 0));
+        erase();
+        for (int row = 0; row < rows && top_ + row < static_cast<int>(lines.size()); ++row) {
+            DrawLine(row, lines[static_cast<std::size_t>(top_ + row)]);
+        }
+        DrawLine(LINES - 1, {Footer(), isOver_ ? Style::Alarm : Style::Heading});
+        refresh();
+    }
+
+    static void DrawLine(int row, const Line& line) {
+        attrset(static_cast<int>(attributes_of(line.style)));
+        move(row, 0);
+        addnstr(line.text.c_str(), -1);
+        attrset(A_NORMAL);
+    }
+
+    Watcher& watcher_;
+    const std::chrono::milliseconds interval_;
+    Clock::time_point nextLook_;
+    std::vector<Line> lines_;
+    SortKey key_ = SortKey::Name;
+    int top_ = 0;  // first line that is shown
+    bool isPaused_ = false;
+    bool isHelp_ = false;
+    bool isOver_ = false;  // there is nothing to look at any more
+    bool isQuit_ = false;
+};
+
+}  // namespace
+
+int run_screen(Watcher& watcher, unsigned int intervalMs) {
+    const Terminal terminal;
+    if (!terminal.IsOpen()) {
+        std::fputs("pz-top: this terminal cannot show a screen; try --once\n", stderr);
+        return kExitUsage;
+    }
+    return Screen(watcher, intervalMs).Run();
+}
