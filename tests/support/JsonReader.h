@@ -13,7 +13,7 @@ struct JsonValue {
     enum class Kind { Object, Array, String, Number, Boolean, Null };
 
     Kind kind = Kind::Object;
-    std::string text;  ///< of a string, its escapes resolved to single bytes
+    std::string text;      ///< of a string, its escapes resolved to single bytes
     long long number = 0;  ///< whole part of a number; 1 for true
     double real = 0;       ///< of a number
     std::vector<std::pair<std::string, JsonValue>> members;  ///< of an object; in an array unnamed
