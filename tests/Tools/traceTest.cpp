@@ -159,6 +159,16 @@ TEST(traceTest, ExportsAnArrowOnlyWithBothEnds) {
               checked_export(recording.Path()));
 }
 
+TEST(traceTest, KnowsAMessageOfAQueueThatIsReceivedBeforeItsSenderHasSaidSo) {
+    const std::string message = "name=\"radio\" size=4 priority=127";
+    const Recording recording(post(10, 1, 3) + line(20, 2, "queue_receive", message) +
+                              line(23, 1, "queue_send", message) +
+                              line(30, 1, "queue_send", message) +
+                              line(40, 2, "queue_receive", message));
+    EXPECT_EQ("slices 5, arrows 2 (between processes 0), counters 1, threads worker_1,worker_2\n",
+              checked_export(recording.Path()));
+}
+
 TEST(traceTest, ReadsWhatRealRunsHavePassed) {
     for (const char* name : {PZ_DATA "/trace_scan.txt", PZ_DATA "/trace_twoprocess.txt"}) {
         const std::string text = read_file(name);

@@ -84,8 +84,8 @@ int main(int argc, char** /*argv*/) {
     Timer slow(40, 1);
     Timer late(0, 3);
     PZLTimerMng* const timers = PZLTimerMng::GetTimerMng();
-    timers->AddTimer(&slow, 5);
-    timers->AddTimer(&late, 20);
+    // Refused, and reported, with a nice value above 4.
+    if (timers->AddTimer(&slow, 5) == nullptr || timers->AddTimer(&late, 20) == nullptr) return 1;
     wait_for_a_lock();
     use_the_heap();
     while (unit.messages < 11 || unit.events < 1 || slow.fired < 1 || late.fired < 3) pz_msleep(1);
