@@ -5,11 +5,16 @@ root=$(mktemp -d)
 chmod 755 "$root"  # for the user that apt downloads as
 lists=$(mktemp -d)
 
-clean_up() {
+empty_root() {
     local folder
     for folder in dev/mqueue dev/shm proc; do
         ! mountpoint -q "$root/$folder" || umount "$root/$folder"
     done
+    find "$root" -xdev -mindepth 1 -delete
+}
+
+clean_up() {
+    empty_root
     rm -rf --one-file-system "$root" "$lists"
 }
 trap clean_up EXIT
