@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -96,17 +95,6 @@ void format_message(char (&message)[kMessageSize], const wchar_t* format, va_lis
     pz_wctomb(message, sizeof message, text, -1, XCP_UTF8);
 }
 
-/// The caller's format and arguments as text, in the variable `message`. A macro, because only a
-/// function with variable arguments can begin to read them.
-#define PZ_FORMAT_MESSAGE(message, format)     \
-    char message[kMessageSize];                \
-    {                                          \
-        va_list args;                          \
-        va_start(args, format);                \
-        format_message(message, format, args); \
-        va_end(args);                          \
-    }
-
 struct ST_PLACE {
     const char* file;
     const char* func;
@@ -162,6 +150,23 @@ void put_located(const ST_FORM& form, const ST_PLACE& place, PZDbgOutput::EN_TAG
          false, form.isTagged, row.tag, place.file, place.func, place.line, error});
 }
 
+__attribute__((format(printf, 4, 0))) void print_located(const ST_FORM& form, const ST_PLACE& place,
+                                                         PZDbgOutput::EN_TAG tag,
+                                                         const char* format, va_list args) {
+    const PZErrnoKeeper keeper;
+    char message[kMessageSize];
+    format_message(message, format, args);
+    put_located(form, place, tag, message);
+}
+
+void print_located(const ST_FORM& form, const ST_PLACE& place, PZDbgOutput::EN_TAG tag,
+                   const wchar_t* format, va_list args) {
+    const PZErrnoKeeper keeper;
+    char message[kMessageSize];
+    format_message(message, format, args);
+    put_located(form, place, tag, message);
+}
+
 void put_error(const ST_PLACE& place, int error, const char* end, const char* message) {
     char text[2 * kMessageSize];
     std::snprintf(text, sizeof text, "std library error [%d : %s%s%s", error, std::strerror(error),
@@ -181,42 +186,58 @@ PZReportLine& PZReportLine::Add(std::string_view text) {
 
 PZReportLine& PZReportLine::Add(int number) {
     char digits[std::numeric_limits<int>::digits10 + 2];  // one more digit, and the sign
-    const char* end = std::to_chars(std::begin(digits), std::end(digits), number).ptr;
-    return Add(std::string_view(digits, static_cast<size_t>(end - digits)));
+    char* const end = std::end(digits);
+    char* begin = end;
+    unsigned int rest =
+        number < 0 ? 0U - static_cast<unsigned int>(number) : static_cast<unsigned int>(number);
+    do {
+        *--begin = static_cast<char>('0' + rest % 10);
+        rest /= 10;
+    } while (rest != 0);
+    if (number < 0) *--begin = '-';
+    return Add(std::string_view(begin, static_cast<size_t>(end - begin)));
 }
 
 void PZDbgOutput::DbgPrint(const char* format, ...) {
     const PZErrnoKeeper keeper;
-    PZ_FORMAT_MESSAGE(message, format)
+    char message[kMessageSize];
+    va_list args;
+    va_start(args, format);
+    format_message(message, format, args);
+    va_end(args);
     put_plain(message);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const char* format, ...) {
-    const PZErrnoKeeper keeper;
-    PZ_FORMAT_MESSAGE(message, format)
-    put_located(line == -1 ? kWithoutLineNumber : kUntagged, {file, func, line}, en_TAG_INFO,
-                message);
+    va_list args;
+    va_start(args, format);
+    print_located(line == -1 ? kWithoutLineNumber : kUntagged, {file, func, line}, en_TAG_INFO,
+                  format, args);
+    va_end(args);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const wchar_t* format,
                            ...) {
-    const PZErrnoKeeper keeper;
-    PZ_FORMAT_MESSAGE(message, format)
-    put_located(kUntagged, {file, func, line}, en_TAG_INFO, message);
+    va_list args;
+    va_start(args, format);
+    print_located(kUntagged, {file, func, line}, en_TAG_INFO, format, args);
+    va_end(args);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
                            const char* format, ...) {
-    const PZErrnoKeeper keeper;
-    PZ_FORMAT_MESSAGE(message, format)
-    put_located(kTagged, {file, func, line}, tag, message);
+    va_list args;
+    va_start(args, format);
+    print_located(kTagged, {file, func, line}, tag, format, args);
+    va_end(args);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
                            const wchar_t* format, ...) {
-    const PZErrnoKeeper keeper;
-    PZ_FORMAT_MESSAGE(message, format)
-    put_located(kTaggedWide, {file, func, line}, tag, message);
+    va_list args;
+    va_start(args, format);
+    print_located(kTaggedWide, {file, func, line}, tag, format, args);
+    va_end(args);
 }
 
 void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line) {
@@ -227,7 +248,11 @@ void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line) {
 void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line, const char* format,
                                  ...) {
     const PZErrnoKeeper keeper;
-    PZ_FORMAT_MESSAGE(message, format)
+    char message[kMessageSize];
+    va_list args;
+    va_start(args, format);
+    format_message(message, format, args);
+    va_end(args);
     // Formatting may have failed, too: its error is the last one.
     put_error({file, func, line}, errno, "] ", message);
 }
@@ -235,10 +260,11 @@ void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line, c
 // Here because it formats.
 void pz_report_error_on(PZReportObject::EN_KIND kind, const char* name, const char* file,
                         const char* func, int line, const char* format, ...) {
-    const PZErrnoKeeper keeper;
     const PZReportObject object(kind, name);
-    PZ_FORMAT_MESSAGE(message, format)
-    put_located(kTagged, {file, func, line}, PZDbgOutput::en_TAG_ERROR, message);
+    va_list args;
+    va_start(args, format);
+    print_located(kTagged, {file, func, line}, PZDbgOutput::en_TAG_ERROR, format, args);
+    va_end(args);
 }
 
 const char* PZDbgOutput::getColorTagString(EN_TAG tag) {
