@@ -94,6 +94,7 @@ TEST(traceLiveTest, ShowsWhatAProgramHasCountedItself) {
     EXPECT_TRUE(
         std::regex_search(shown, std::regex("waits for locks[^\n]+\n[^\n]+\n +[45]\\d\\.\\d+  ")))
         << shown;
+    EXPECT_LT(passed(shown, "lock_wait"), 100) << "a free lock is not waited for";
     const std::string exported = checked_export(file);
     EXPECT_TRUE(contains(exported, " arrows 12 ")) << exported;
     EXPECT_TRUE(contains(exported, "patient")) << exported;

@@ -1,7 +1,7 @@
-// What traceTest records: a handler of 60 ms with ten messages behind it, an event, a timer that is
-// late because another one's callback takes 40 ms, a wait of about 50 ms for a lock, and three
-// blocks of the accounted heap. Prints what it has counted itself. With an argument, a message
-// every 2 ms until it is killed instead.
+// What traceLiveTest records: a handler of 60 ms with ten messages behind it, an event, a timer
+// that is late because another one's callback takes 40 ms, a wait of about 50 ms for a lock and
+// none for a free one, and three blocks of the accounted heap. Prints what it has counted itself.
+// With an argument, a message every 2 ms until it is killed instead.
 
 #include <Framework/PZFramework.h>
 
@@ -57,6 +57,14 @@ void wait_for_a_lock() {
     holder.join();
 }
 
+void take_a_free_lock() {
+    PZSync sync;
+    for (int i = 0; i < 100; ++i) {
+        sync.Lock(1000);
+        sync.Unlock();
+    }
+}
+
 void use_the_heap() {
     void* const first = Malloc(100);
     void* const second = Realloc(Malloc(200), 300);
@@ -87,6 +95,7 @@ int main(int argc, char** /*argv*/) {
     // Refused, and reported, with a nice value above 4.
     if (timers->AddTimer(&slow, 5) == nullptr || timers->AddTimer(&late, 20) == nullptr) return 1;
     wait_for_a_lock();
+    take_a_free_lock();
     use_the_heap();
     while (unit.messages < 11 || unit.events < 1 || slow.fired < 1 || late.fired < 3) pz_msleep(1);
 

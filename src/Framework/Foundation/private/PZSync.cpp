@@ -146,14 +146,14 @@ unsigned int PZSync::Wait(unsigned int timeout, int error) {
     if (error == EINTR) {
         const bool limited = timeout != kNoTimeLimit;
         pz_tsan_waiting(handle_, limited);
-        PZ_PROBE(lock_wait, this, timeout);
         if (is_held(handle_)) {
             const PZInspectedLockWait shown(this);
+            PZ_PROBE(lock_wait, this, timeout);
             error = wait_for(handle_, timeout);
+            PZ_PROBE(lock_got, this, error);
         } else {
             error = wait_for(handle_, timeout);
         }
-        PZ_PROBE(lock_got, this, error);
         pz_tsan_waited(handle_, limited, error == 0);
     }
     if (error == 0) {
