@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZLMsgBox.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -48,6 +49,7 @@ constexpr unsigned int kOrdinary = 1;  // a priority that is no emergency
 constexpr unsigned int kHoldMsg = 1000;
 
 pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
+pztest::Interposed<ssize_t(int, void*, size_t)> read_call("read");
 pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
 
 std::atomic<int> into_waits{0};
@@ -58,6 +60,9 @@ std::atomic<int> out_waits{0};
 extern "C" {
 int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
     return epoll_wait_call(epfd, events, maxevents, timeout);
+}
+ssize_t read(int fd, void* buf, size_t n) {
+    return read_call(fd, buf, n);
 }
 ssize_t write(int fd, const void* buf, size_t n) {
     return write_call(fd, buf, n);
@@ -77,36 +82,38 @@ void PZWatchDog::OutWait() {
 
 namespace {
 
-// Work of the test on the loop's thread, at the moment the loop waits without limit (-1) for the
-// next time.
+/// The loop's wait reads a counter; nobody else here reads that many bytes.
+constexpr size_t kWaitSize = 8;
+
+// Work of the test on the loop's thread, at the moment the loop waits for the next time.
 std::function<void()> wait_hook;
-std::atomic<int> hooked_timeout{0};
 std::atomic<bool> wait_hook_armed{false};
 
-int run_hook_and_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    if (timeout == hooked_timeout && wait_hook_armed.exchange(false)) wait_hook();
-    return epoll_wait_call.Real(epfd, events, maxevents, timeout);
+ssize_t run_hook_and_wait(int fd, void* data, size_t size) {
+    if (size == kWaitSize && wait_hook_armed.exchange(false)) wait_hook();
+    return read_call.Real(fd, data, size);
 }
 
 std::atomic<int> signals_before_wait{-1};
 
-/// Counts the events that are set when the loop waits without limit for the first time.
-int count_signals_and_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    if (timeout == -1 && signals_before_wait == -1) {
-        signals_before_wait = epoll_wait_call.Real(epfd, events, maxevents, 0);
+/// Counts the signals that are there when the loop waits for the first time.
+ssize_t count_signals_and_wait(int fd, void* data, size_t size) {
+    if (size == kWaitSize && signals_before_wait == -1) {
+        pollfd signal = {fd, POLLIN, 0};
+        signals_before_wait = ::poll(&signal, 1, 0);
     }
-    return epoll_wait_call.Real(epfd, events, maxevents, timeout);
+    return read_call.Real(fd, data, size);
 }
 
 std::atomic<int> failing_waits{0};
 
-int fail_endless_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    if (timeout == -1 && failing_waits > 0) {
+ssize_t fail_wait(int fd, void* data, size_t size) {
+    if (size == kWaitSize && failing_waits > 0) {
         --failing_waits;
         errno = EBADF;
         return -1;
     }
-    return epoll_wait_call.Real(epfd, events, maxevents, timeout);
+    return read_call.Real(fd, data, size);
 }
 
 std::string bad_parameter_text(const void* buff, unsigned int size) {
@@ -130,6 +137,7 @@ protected:
         gate.Open();
         EndLoop();
         epoll_wait_call.Reset();
+        read_call.Reset();
         write_call.Reset();
     }
 
@@ -141,7 +149,7 @@ protected:
     /// Starts the loop and waits until it sleeps.
     void StartSleepingLoop() {
         std::atomic<bool> sleeps{false};
-        AtNextWait(-1, [&] { sleeps = true; });
+        AtNextWait([&] { sleeps = true; });
         StartLoop();
         ASSERT_TRUE(wait_until([&] { return sleeps.load(); }));
     }
@@ -173,11 +181,10 @@ protected:
         return box.PushMsg(record);
     }
 
-    void AtNextWait(int timeout, std::function<void()> hook) {
+    void AtNextWait(std::function<void()> hook) {
         wait_hook = std::move(hook);
-        hooked_timeout = timeout;
         wait_hook_armed = true;
-        epoll_wait_call.Replace(run_hook_and_wait);
+        read_call.Replace(run_hook_and_wait);
     }
 
     void FillWithMessages() {
@@ -281,13 +288,14 @@ TEST_F(PZLMsgBoxTest, TellsTheWatchdogOfTheWaitForTheLoop) {
 TEST_F(PZLMsgBoxTest, TellsTheWatchdogOfTheLoopsWait) {
     std::atomic<int> intoWaitsInside{0};
     std::atomic<int> outWaitsInside{0};
-    AtNextWait(-1, [&] {
+    AtNextWait([&] {
         intoWaitsInside = into_waits.load();
         outWaitsInside = out_waits.load();
     });
     into_waits = 0;
     out_waits = 0;
     loop = std::thread([this] { box.Loop(1); });
+    EXPECT_TRUE(wait_until([&] { return intoWaitsInside != 0; }));
     box.Exit();
     loop.join();
     EXPECT_EQ(1, intoWaitsInside);
@@ -944,7 +952,7 @@ TEST_F(PZLMsgBoxTest, DropsWhatIsAddressedToNobodyWithoutAReport) {
 TEST_F(PZLMsgBoxTest, DropsWhatIsQueuedForADispatcherThatHasLeft) {
     RecordingDispatcher other;
     const unsigned long otherId = box.Registory(&other);
-    AtNextWait(-1, [&] {
+    AtNextWait([&] {
         Record record = {otherId, 1, kOrdinary, "x", 2};
         box.PushMsg(record);
         box.SetEvent(1, otherId);
@@ -1124,7 +1132,7 @@ TEST_F(PZLMsgBoxTest, ServesWhatHandlersPostAfterExitWhileWorkIsPending) {
 
 TEST_F(PZLMsgBoxTest, ServesAMessageThatComesBetweenTheLoopsTestAndAnExit) {
     // Both signals are there when the wait begins: it sees the exit first.
-    AtNextWait(-1, [this] {
+    AtNextWait([this] {
         Post(1);
         box.Exit();
     });
@@ -1134,7 +1142,7 @@ TEST_F(PZLMsgBoxTest, ServesAMessageThatComesBetweenTheLoopsTestAndAnExit) {
 }
 
 TEST_F(PZLMsgBoxTest, ServesAnEventThatComesBetweenTheLoopsTestAndAnExit) {
-    AtNextWait(-1, [this] {
+    AtNextWait([this] {
         box.SetEvent(1, id);
         box.Exit();
     });
@@ -1144,7 +1152,7 @@ TEST_F(PZLMsgBoxTest, ServesAnEventThatComesBetweenTheLoopsTestAndAnExit) {
 }
 
 TEST_F(PZLMsgBoxTest, ServesAMessageThatComesBetweenTheLoopsTestAndItsWait) {
-    AtNextWait(-1, [this] { Post(1); });
+    AtNextWait([this] { Post(1); });
     StartLoop();
     EXPECT_TRUE(unit.WaitForCount(1));
 }
@@ -1182,7 +1190,7 @@ TEST_F(PZLMsgBoxTest, LeavesNoSignalOfAMessageBehindForTheNextLoop) {
     ASSERT_EQ(kSuccess, Post(1));  // discarded, but it has set the message event
     box.Exit();
     ASSERT_EQ(0, box.Loop(1));  // sees the exit first
-    epoll_wait_call.Replace(count_signals_and_wait);
+    read_call.Replace(count_signals_and_wait);
     StartLoop();
     ASSERT_TRUE(wait_until([] { return signals_before_wait != -1; }));
     EXPECT_EQ(0, signals_before_wait);
@@ -1191,7 +1199,7 @@ TEST_F(PZLMsgBoxTest, LeavesNoSignalOfAMessageBehindForTheNextLoop) {
 TEST_F(PZLMsgBoxTest, ReportsAFailedWaitAsAnAssertionAndCarriesOn) {
     StdoutCapture capture;
     failing_waits = 1;
-    epoll_wait_call.Replace(fail_endless_wait);
+    read_call.Replace(fail_wait);
     StartLoop();
     ASSERT_EQ(kSuccess, Post(1));
     EXPECT_EQ((Log{"msg 1"}), ServeAll());
@@ -1212,7 +1220,7 @@ TEST_F(PZLMsgBoxTest, ReportsAFailedWaitAsAnAssertionAndCarriesOn) {
 TEST_F(PZLMsgBoxTest, KeepsServingWhileItsWaitsFail) {
     StdoutCapture capture;
     failing_waits = 5;
-    epoll_wait_call.Replace(fail_endless_wait);
+    read_call.Replace(fail_wait);
     StartLoop();
     ASSERT_TRUE(wait_until([] { return failing_waits == 0; }));
     ASSERT_EQ(kSuccess, Post(1));

@@ -43,7 +43,7 @@ void print(const char* quantity, long value) {
     std::_Exit(1);
 }
 
-/// Descriptors that are open, and those of them that wait for events.
+/// Descriptors that are open, and those of them that timer threads or callers wait by.
 struct ST_DESCRIPTORS {
     int all;
     int waits;
@@ -69,7 +69,7 @@ ST_DESCRIPTORS descriptors() {
     return count;
 }
 
-/// Returns when that many waits for events are going on.
+/// Returns when that many such waits are going on.
 void wait_for_waits(int count) {
     constexpr std::chrono::milliseconds kNap(1);
     constexpr int kNaps = 60000;
@@ -111,7 +111,7 @@ void count_descriptors() {
     PZWorker worker(1, 4000, 1);
     print("descriptors of a worker before Start", descriptors().all - started.all);
     if (worker.Start("worker") != 0) fail("a worker does not start");
-    wait_for_waits(kTimerThreads + 1);
+    wait_for_waits(kTimerThreads);
     print("descriptors of a worker that waits", descriptors().all - started.all);
     worker.End(0);
     pz_FwFinalize();
@@ -140,7 +140,7 @@ void measure_block() {
 
 /// Starts workers while there are descriptors for one more and for the wait for its start.
 void count_workers() {
-    constexpr int kNeeded = 6 + 1 + 1;
+    constexpr int kNeeded = 3 + 1;
     const rlimit limit = {1024, 1024};
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0) fail("RLIMIT_NOFILE cannot be set");
     start_framework();
@@ -148,7 +148,7 @@ void count_workers() {
     while (descriptors().all + kNeeded <= 1024) {
         workers.push_back(std::make_unique<PZWorker>(1, 4000, 1));
         if (workers.back()->Start("worker") != 0) fail("a worker does not start");
-        wait_for_waits(kTimerThreads + static_cast<int>(workers.size()));
+        wait_for_waits(kTimerThreads);
     }
     print("workers of a process with 1,024 descriptors, 4 of them its own",
           static_cast<long>(workers.size()));

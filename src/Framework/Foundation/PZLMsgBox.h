@@ -34,7 +34,7 @@
 ///            again after service. Copies of messages that are still queued when the box dies are
 ///            not released. Messages for an identifier that is not registered are dropped without
 ///            a report.
-/// Process:   five descriptors, above 2 where they are the loop's. A box that found none, or no
+/// Process:   three descriptors, above 2 where it is the loop's. A box that found none, or no
 ///            memory, has reported that: its posts answer 1, and its Loop ends at once.
 class PZ_API PZLMsgBox : public PZIMsgBox {
 public:

@@ -33,11 +33,12 @@ public:
 
     /// Stores a copy behind all records that are served before it.
     void push(const que& element) {
-        que stored = element;
-        stored.priority &= 0xFFU;
+        const unsigned int priority = element.priority & 0xFFU;
         if (count_ == ring_.size()) Grow();
         // In front of all older elements of its level, because service is from the back.
-        Slot(MakeRoom(PositionOf(stored.priority))) = stored;
+        que& stored = NewSlot(priority);
+        stored = element;
+        stored.priority = priority;
     }
 
     /// The element to be served next. The queue must not be empty.
@@ -54,9 +55,8 @@ public:
 private:
     static constexpr unsigned int kFirstSize = 8;
 
-    // The ring's size is a power of two, and 0 without one.
     unsigned int IndexOf(unsigned int position) const noexcept {
-        return (front_ + position) & (static_cast<unsigned int>(ring_.size()) - 1);
+        return (front_ + position) & mask_;
     }
     que& Slot(unsigned int position) noexcept { return ring_[IndexOf(position)]; }
 
@@ -64,12 +64,21 @@ private:
         std::vector<que> larger(ring_.empty() ? kFirstSize : ring_.size() * 2);
         for (unsigned int i = 0; i < count_; ++i) larger[i] = Slot(i);
         ring_.swap(larger);
+        mask_ = static_cast<unsigned int>(ring_.size()) - 1;
         front_ = 0;
     }
 
-    /// The first position whose priority is not above `priority`; the size when there is none.
+    /// Makes room for an element; mostly it is the least urgent one.
+    que& NewSlot(unsigned int priority) noexcept {
+        if (count_ != 0 && Slot(0).priority > priority) return Slot(MakeRoom(PositionOf(priority)));
+        ++count_;
+        --front_;
+        return Slot(0);
+    }
+
+    /// The first position whose priority is not above `priority`, which that of position 0 is; the
+    /// size when there is none.
     unsigned int PositionOf(unsigned int priority) noexcept {
-        if (count_ == 0 || Slot(0).priority <= priority) return 0;
         unsigned int low = 1;
         unsigned int high = count_;
         while (low < high) {
@@ -96,6 +105,7 @@ private:
     }
 
     std::vector<que> ring_;
+    unsigned int mask_ = 0;   // the ring's size, a power of two, less 1
     unsigned int front_ = 0;  // where the ring begins, modulo its size
     unsigned int count_ = 0;  // priorities descend from front to back
     unsigned int max_;

@@ -14,8 +14,8 @@
 #include <Framework/private/pz_probes.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
+#include "PZBoxWait.h"
 #include "PZHandOver.h"
-#include "PZLoopWait.h"
 #include "PZPayloadStore.h"
 #include "PZShortLook.h"
 
@@ -25,8 +25,7 @@ constexpr unsigned int kMaxMessages = 256;
 constexpr unsigned int kMaxEvents = 256;
 constexpr unsigned int kMaxPayload = 256;  // bytes
 constexpr unsigned int kMostSpent = 16;    // payload copies that the loop gives back together
-constexpr unsigned int kNoTimeLimit = 0xFFFFFFFFU;
-constexpr unsigned int kOneLevel = 0;  // all events are alike
+constexpr unsigned int kOneLevel = 0;      // all events are alike
 constexpr unsigned long kNoIdentifier = ~0UL;
 constexpr int kCallStackDepth = 10;
 
@@ -94,15 +93,15 @@ struct PZLMsgBox::Kept {
         int Wake() { return wait.Wake(); }
         void DiscardWakeUps() { wait.DiscardWakeUps(); }
 
-        PZLoopWait::EN_RESULT Wait() {
+        PZBoxWait::EN_RESULT Wait() {
             shown.EndRow();
             PZWatchDog::GetInstance()->IntoWait();
-            const PZLoopWait::EN_RESULT result = wait.Wait(kNoTimeLimit);
+            const PZBoxWait::EN_RESULT result = wait.Wait();
             PZWatchDog::GetInstance()->OutWait();
             return result;
         }
 
-        PZLoopWait wait;
+        PZBoxWait wait;
         PZShortLook& look;
         ShownHandlers& shown;
     };
@@ -132,10 +131,10 @@ struct PZLMsgBox::Kept {
         using Message = ST_PUSH_MSG_DATA;
         using Queue = PZPriorityQueue<ST_PUSH_MSG_DATA>;
         using Wait = BracketedWait;
-        using Result = PZLoopWait::EN_RESULT;
-        static constexpr Result kWoken = PZLoopWait::en_WAKE;
-        static constexpr Result kEnd = PZLoopWait::en_END;
-        static constexpr Result kError = PZLoopWait::en_ERROR;
+        using Result = PZBoxWait::EN_RESULT;
+        static constexpr Result kWoken = PZBoxWait::en_WAKE;
+        static constexpr Result kEnd = PZBoxWait::en_END;
+        static constexpr Result kError = PZBoxWait::en_ERROR;
     };
 
     explicit Kept(PZSync& msgSync) : wait(look, shown), handOver(msgSync, wait, kMaxMessages) {

@@ -1,26 +1,17 @@
 #include "PZLoopWait.h"
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <ctime>
 #include <utility>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_epoll_wait.h>
 #include <Framework/private/pz_sigpipe.h>
-#include <Framework/private/pz_uncancelled.h>
+
+#include "pz_loop_signal.h"
 
 namespace {
-
-constexpr long kPauseNs = 100000000;  // 100 milliseconds
-
-PZDescriptor make_signal(int flags) {
-    PZDescriptor signal(::eventfd(0, flags | EFD_CLOEXEC | EFD_NONBLOCK));
-    signal.MoveAboveStandard();
-    return signal;
-}
 
 bool watch(const PZDescriptor& set, const PZDescriptor& signal, PZLoopWait::EN_RESULT meaning,
            unsigned int trigger) {
@@ -30,25 +21,12 @@ bool watch(const PZDescriptor& set, const PZDescriptor& signal, PZLoopWait::EN_R
     return ::epoll_ctl(set.Get(), EPOLL_CTL_ADD, signal.Get(), &interest) == 0;
 }
 
-/// Done whole or not at all: what the caller has done before it is not left unknown to the loop.
-int add_one(const PZDescriptor& signal) {
-    const PZUncancelled uncancelled;
-    const std::uint64_t one = 1;
-    return ::write(signal.Get(), &one, sizeof one) == sizeof one ? 1 : 0;
-}
-
-/// For a loop that is to try again: the cause of a failure may last.
-void pause_after_failure() {
-    const timespec pause = {0, kPauseNs};
-    nanosleep(&pause, nullptr);
-}
-
 }  // namespace
 
 bool PZLoopWait::Open() {
     if (IsOpen()) return true;
-    PZDescriptor end = make_signal(EFD_SEMAPHORE);
-    PZDescriptor wake = make_signal(0);
+    PZDescriptor end = pz_make_loop_signal(EFD_SEMAPHORE | EFD_NONBLOCK);
+    PZDescriptor wake = pz_make_loop_signal(EFD_NONBLOCK);
     PZDescriptor set(::epoll_create1(EPOLL_CLOEXEC));
     set.MoveAboveStandard();
     // Edge-triggered, a wake-up needs no read; its counter has room for 2^64 of them.
@@ -64,11 +42,11 @@ bool PZLoopWait::Open() {
 }
 
 int PZLoopWait::Wake() {
-    return add_one(wake_);
+    return pz_add_to_loop_signal(wake_, 1);
 }
 
 int PZLoopWait::End() {
-    return add_one(end_);
+    return pz_add_to_loop_signal(end_, 1);
 }
 
 PZLoopWait::EN_RESULT PZLoopWait::Wait(unsigned int timeoutMs) {
@@ -76,7 +54,7 @@ PZLoopWait::EN_RESULT PZLoopWait::Wait(unsigned int timeoutMs) {
     const EN_RESULT result = WaitOnce(woken_ ? 0 : static_cast<int>(timeoutMs));
     if (result == en_ERROR) {
         PZ_REPORT_LAST_ERROR();
-        pause_after_failure();
+        pz_pause_after_failure();
     }
     return result;
 }
