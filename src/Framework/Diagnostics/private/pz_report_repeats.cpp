@@ -45,17 +45,6 @@ void remember_locked(const ST_REPORT& report, long long nowMs) {
     std::memcpy(lastText, report.text, std::strlen(report.text) + 1);
 }
 
-/// Nothing comes after it that could tell a count.
-__attribute__((destructor)) void tell_the_last_count() {
-    ST_REPETITIONS due;
-    {
-        const PZReportLock lock;
-        take_locked(due);
-        isEnding = true;
-    }
-    if (due.isDue) pz_print_report(pz_report_way.load(std::memory_order_relaxed), due.report);
-}
-
 }  // namespace
 
 bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due) {
@@ -76,10 +65,11 @@ bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due) {
     return true;
 }
 
-void pz_take_repetitions(ST_REPETITIONS& due) {
+void pz_take_repetitions(ST_REPETITIONS& due, bool forGood) {
     const PZReportLock lock;
     take_locked(due);
     lastText[0] = '\0';
+    isEnding = isEnding || forGood;
 }
 
 void pz_forget_repetitions_in_child() {

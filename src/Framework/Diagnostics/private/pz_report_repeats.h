@@ -14,8 +14,9 @@ struct ST_REPETITIONS {
 /// itself. `due` gets what is to be printed first, if anything. Any thread.
 bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due);
 
-/// What was counted and not told yet; the next report is taken for a new one.
-void pz_take_repetitions(ST_REPETITIONS& due);
+/// What was counted and not told yet; the next report is taken for a new one. `forGood`: nothing is
+/// counted any more.
+void pz_take_repetitions(ST_REPETITIONS& due, bool forGood);
 
 /// In a forked child: what was counted is told by the parent.
 void pz_forget_repetitions_in_child();

@@ -158,6 +158,17 @@ void print_due(unsigned int way, const ST_REPETITIONS& due) {
     if (due.isDue) pz_print_report(way, due.report);
 }
 
+void tell_repetitions(unsigned int way, bool forGood) {
+    ST_REPETITIONS due;
+    pz_take_repetitions(due, forGood);
+    print_due(way, due);
+}
+
+/// Nothing comes after it that could tell a count.
+__attribute__((destructor)) void tell_the_last_repetitions() {
+    tell_repetitions(pz_report_way.load(std::memory_order_relaxed), /*forGood=*/true);
+}
+
 }  // namespace
 
 unsigned int pz_settle_report_way() {
@@ -194,9 +205,7 @@ void PZDbgOutput::SetStyle(unsigned int style) {
     unsigned int before = pz_report_way.load(std::memory_order_relaxed);
     while (!pz_report_way.compare_exchange_weak(before, way | (before & kReportsToSink))) {
     }
-    ST_REPETITIONS due;
-    pz_take_repetitions(due);
-    print_due(before, due);
+    tell_repetitions(before, /*forGood=*/false);
 }
 
 unsigned int PZDbgOutput::GetStyle() {
