@@ -83,8 +83,6 @@ __attribute__((noinline)) int convert_by_iconv(char* dst, EN_XCP to, int dst_siz
                                                EN_XCP from, int src_size) {
     constexpr const char* kReporter = "conv_character_code";
     const int terminator = terminator_size(to);
-    const char* const toName = pz_iconv_name(to);
-    const char* const fromName = pz_iconv_name(from);
     ST_ICONV_RESULT done = {};
     {
         PZKeptIconv converter(to, from);
@@ -94,7 +92,7 @@ __attribute__((noinline)) int convert_by_iconv(char* dst, EN_XCP to, int dst_siz
                 kReporter,
                 "conv_character_code : iconv open error[%d:%s] : not support in this version "
                 "dst[%s] src[%s]",
-                error, std::strerror(error), toName, fromName);
+                error, std::strerror(error), pz_iconv_name(to), pz_iconv_name(from));
             make_empty(dst, dst_size, to == XCP_WCHAR ? kWideSize : 1);
             return 0;
         }
@@ -105,8 +103,8 @@ __attribute__((noinline)) int convert_by_iconv(char* dst, EN_XCP to, int dst_siz
         PZ_REPORT_ERROR_OF(
             kReporter,
             "conv_character_code : iconv error [%d] [%d:%s] : dst[%s] sz[%d] : src[%s] sz[%d]\n",
-            static_cast<int>(done.result), done.error, std::strerror(done.error), toName, dst_size,
-            fromName, src_size);
+            static_cast<int>(done.result), done.error, std::strerror(done.error), pz_iconv_name(to),
+            dst_size, pz_iconv_name(from), src_size);
         make_empty(dst, dst_size, terminator);
         return 0;
     }

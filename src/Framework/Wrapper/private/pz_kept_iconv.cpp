@@ -9,6 +9,14 @@
 
 #include "pz_iconv_names.h"
 
+/// A place where a thread keeps a descriptor.
+struct ST_KEPT_ICONV {
+    iconv_t converter;  // null: the slot is free
+    EN_XCP to;
+    EN_XCP from;
+    unsigned int lastUse;
+};
+
 namespace {
 
 /// Enough for a program that turns texts of one page into another and back, with one more on the
@@ -20,17 +28,10 @@ iconv_t no_converter() {
     return reinterpret_cast<iconv_t>(-1);
 }
 
-struct ST_SLOT {
-    iconv_t converter;  // null: the slot is free
-    EN_XCP to;
-    EN_XCP from;
-    unsigned int lastUse;
-};
-
 /// The calling thread's descriptors. Plain memory: it can be used as long as the thread runs, by
 /// destructors of other thread-local objects, too.
 struct ST_STORE {
-    ST_SLOT slots[kKept];
+    ST_KEPT_ICONV slots[kKept];
     unsigned int uses;
     bool isClosedAtExit;  // the thread's end closes the slots
     bool isOver;          // and has done so: nothing is kept any more
@@ -45,7 +46,7 @@ constexpr bool is_stateless(EN_XCP page) {
 }
 
 /// The slot is free before its descriptor is closed, which may not come back.
-void close_slot(ST_SLOT& slot) {
+void close_slot(ST_KEPT_ICONV& slot) {
     iconv_t converter = std::exchange(slot.converter, nullptr);
     if (converter != nullptr) iconv_close(converter);
 }
@@ -55,7 +56,7 @@ void close_all(void* ofThread) noexcept {
     const PZUncancelled whole;
     auto* const ended = static_cast<ST_STORE*>(ofThread);
     ended->isOver = true;
-    for (ST_SLOT& slot : ended->slots) close_slot(slot);
+    for (ST_KEPT_ICONV& slot : ended->slots) close_slot(slot);
 }
 
 pthread_once_t exit_key_once = PTHREAD_ONCE_INIT;
@@ -72,25 +73,24 @@ bool can_keep() {
     return store.isClosedAtExit;
 }
 
-bool is_older(const ST_SLOT& a, const ST_SLOT& b) {
+bool is_older(const ST_KEPT_ICONV& a, const ST_KEPT_ICONV& b) {
     if ((a.converter == nullptr) != (b.converter == nullptr)) return a.converter == nullptr;
     return store.uses - a.lastUse > store.uses - b.lastUse;
 }
 
 /// A free slot, or the one that was not used for the longest time.
-ST_SLOT& oldest_slot() {
-    ST_SLOT* oldest = &store.slots[0];
-    for (ST_SLOT& slot : store.slots) {
+ST_KEPT_ICONV& oldest_slot() {
+    ST_KEPT_ICONV* oldest = &store.slots[0];
+    for (ST_KEPT_ICONV& slot : store.slots) {
         if (is_older(slot, *oldest)) oldest = &slot;
     }
     return *oldest;
 }
 
-/// Takes the thread's descriptor out of its slot; null when it has none.
-iconv_t take_kept(EN_XCP to, EN_XCP from) {
-    for (ST_SLOT& slot : store.slots) {
-        if (slot.converter == nullptr || slot.to != to || slot.from != from) continue;
-        return std::exchange(slot.converter, nullptr);
+/// The slot with the thread's descriptor; null when it has none.
+ST_KEPT_ICONV* find_kept(EN_XCP to, EN_XCP from) {
+    for (ST_KEPT_ICONV& slot : store.slots) {
+        if (slot.converter != nullptr && slot.to == to && slot.from == from) return &slot;
     }
     return nullptr;
 }
@@ -103,8 +103,9 @@ const char* pz_iconv_name(EN_XCP page) {
 }
 
 PZKeptIconv::PZKeptIconv(EN_XCP to, EN_XCP from)
-    : to_(to), from_(from), converter_(take_kept(to, from)) {
-    if (converter_ != nullptr) {
+    : to_(to), from_(from), slot_(find_kept(to, from)), converter_(nullptr) {
+    if (slot_ != nullptr) {
+        converter_ = std::exchange(slot_->converter, nullptr);
         Reset();
     } else {
         converter_ = iconv_open(pz_iconv_name(to), pz_iconv_name(from));
@@ -118,8 +119,10 @@ PZKeptIconv::~PZKeptIconv() noexcept(false) {
         Close();
         return;
     }
-    ST_SLOT replaced = std::exchange(
-        oldest_slot(), {std::exchange(converter_, no_converter()), to_, from_, ++store.uses});
+    // Where it was taken from, unless another text has filled the slot meanwhile.
+    ST_KEPT_ICONV& slot = slot_ != nullptr && slot_->converter == nullptr ? *slot_ : oldest_slot();
+    ST_KEPT_ICONV replaced =
+        std::exchange(slot, {std::exchange(converter_, no_converter()), to_, from_, ++store.uses});
     close_slot(replaced);
 }
 

@@ -14,6 +14,8 @@ struct ST_ICONV_RESULT {
     size_t written;  // bytes
 };
 
+struct ST_KEPT_ICONV;
+
 /// A descriptor of iconv for one text.
 ///
 /// Each thread keeps the descriptors that it used last, because opening one costs many times what a
@@ -45,6 +47,7 @@ public:
 private:
     const EN_XCP to_;
     const EN_XCP from_;
+    ST_KEPT_ICONV* const slot_;  // of the thread, where it was kept; null: it was opened
     iconv_t converter_;
     bool hasFailed_ = false;  // it refused a text
 };
