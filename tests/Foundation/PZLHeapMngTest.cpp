@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <set>
@@ -298,7 +299,7 @@ TEST(PZLHeapMngTest, RecordsTheKernelIdOfTheThreadInAForkedChild) {
     const pztest::ChildResult result = pztest::run_in_child(
         [] { return header_of(Malloc(1))->threadId == this_thread() ? 0 : 1; });
     EXPECT_TRUE(result.exited);
-    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(0, result.status) << result.output;
 }
 
 TEST(PZLHeapMngTest, TracksABlockOfNoBytes) {
@@ -610,6 +611,7 @@ TEST(PZLHeapMngTest, KeepsItsAccountsUnderManyThreads) {
     for (void* block : blocks) Free(block);
     EXPECT_EQ("", output.Take());
     EXPECT_EQ("", leak_report());
+    EXPECT_EQ(0U, pz_HeapLiveBlocks());
     const ForgedBlock forged(1);
     EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));  // the total is 0
 }
@@ -1280,6 +1282,229 @@ TEST_F(PZLHeapMngFileTest, LiesInTheSystemsLogFolder) {
     Free(p);
 }
 
+// The maps beside it
+
+namespace {
+
+/// For a process of its own, as each of these tests has.
+void ask_for_maps(const char* value) {
+    ASSERT_EQ(0, setenv("PZ_HEAP_MAPS", value, /*overwrite=*/1));
+}
+
+/// The names of the files that FinMemMng leaves while one block lives.
+std::set<std::string> files_of_a_report() {
+    void* const block = Malloc(1);
+    const std::set<std::string> names = report().fileNames;
+    Free(block);
+    return names;
+}
+
+bool has_line(const std::string& text, const std::string& line) {
+    return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
+}
+
+/// "thread 0x0000007b name"
+std::string thread_line(unsigned int thread, const std::string& name) {
+    char id[32];
+    std::snprintf(id, sizeof id, "thread 0x%08x ", thread);
+    return id + name;
+}
+
+/// True when the map says that the file lies around the address.
+bool maps_address(const std::string& map, const void* address) {
+    std::istringstream lines(map);
+    for (std::string line; std::getline(lines, line);) {
+        unsigned long begin = 0;
+        unsigned long end = 0;
+        const auto at = reinterpret_cast<unsigned long>(address);
+        if (std::sscanf(line.c_str(), "%lx-%lx ", &begin, &end) != 2) continue;
+        if (begin <= at && at < end) return line.find('/') != std::string::npos;
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST_F(PZLHeapMngFileTest, HasMapsBesideItWhenTheEnvironmentAsksForThem) {
+    const std::string maps = "HeapList_240305_0708.maps";
+    const std::string text = "HeapList_240305_0708.txt";
+    EXPECT_EQ((std::set<std::string>{text}), files_of_a_report());
+    for (const char* value : {"", "0", "yes", "10"}) {
+        ask_for_maps(value);
+        EXPECT_EQ((std::set<std::string>{text}), files_of_a_report()) << value;
+    }
+    ask_for_maps("1");
+    EXPECT_EQ((std::set<std::string>{maps, text}), files_of_a_report());
+
+    const pztest::FakeSyslog syslogFolder;
+    const pztest::StdoutCapture output;
+    void* const block = Malloc(1);
+    FinMemMng();
+    const std::string map = syslogFolder.Content(maps);
+    EXPECT_TRUE(maps_address(map, header_of(block)->callers[0])) << map;
+    Free(block);
+    FinMemMng();  // nothing was allocated since: no report, no map
+    EXPECT_EQ((std::set<std::string>{maps, text}), syslogFolder.Names());
+}
+
+TEST_F(PZLHeapMngFileTest, IsThereWhenItsMapsCannotBeWrittenWhichIsReported) {
+    ask_for_maps("1");
+    const pztest::FakeSyslog syslogFolder;
+    void* const block = Malloc(1);
+    pztest::StdoutCapture output;
+    std::filesystem::create_directory(syslogFolder.Folder().File("HeapList_240305_0708.maps"));
+    FinMemMng();
+    const std::string printed = output.Take();
+    EXPECT_TRUE(pztest::has_report(printed, "FinMemMng", "PZLHeapMng.cpp",
+                                   "std library error [21 : Is a directory] "
+                                   "[/Syslog//HeapList_240305_0708.maps]"))
+        << printed;
+    EXPECT_EQ(1U, block_rows(syslogFolder.Content("HeapList_240305_0708.txt")).size());
+    EXPECT_NE(std::string::npos, printed.find("[Memory Leak Info]"));
+    Free(block);
+}
+
+TEST_F(PZLHeapMngFileTest, DoesNotFollowALinkInThePlaceOfItsMaps) {
+    ask_for_maps("1");
+    const pztest::TempDir elsewhere;
+    const std::string victim = elsewhere.File("victim");
+    pztest::write_file(victim, "precious");
+    const pztest::FakeSyslog syslogFolder;
+    ASSERT_EQ(0, symlink(victim.c_str(),
+                         syslogFolder.Folder().File("HeapList_240305_0708.maps").c_str()));
+    void* const block = Malloc(1);
+    const pztest::StdoutCapture output;
+    FinMemMng();
+    EXPECT_EQ("precious", pztest::read_file(victim));
+    Free(block);
+}
+
+TEST(PZLHeapMngMapsTest, NameTheThreadsThatHaveAllocated) {
+    const pztest::TempDir dir;
+    const std::string path = dir.File("a.maps");
+    pztest::write_file(path, "something longer from before\n" + std::string(1000000, 'x'));
+    unsigned int ended = 0;
+    void* ofEnded = nullptr;
+    run_in_thread([&] {
+        pthread_setname_np(pthread_self(), "fifteen letters");
+        ended = this_thread();
+        ofEnded = Malloc(1);
+    });
+    // Its first block comes before its name, and there is a line feed in that.
+    std::atomic<unsigned int> living{0};
+    std::atomic<bool> isOver{false};
+    std::thread thread([&] {
+        Free(Malloc(1));
+        pthread_setname_np(pthread_self(), "two\nlines");
+        living = this_thread();
+        while (!isOver) sched_yield();
+    });
+    ASSERT_TRUE(pztest::wait_until([&] { return living != 0; }));
+    EXPECT_TRUE(pz_HeapWriteMaps(path.c_str()));
+    isOver = true;
+    thread.join();
+    const std::string map = pztest::read_file(path);
+    EXPECT_TRUE(maps_address(map, header_of(ofEnded)->callers[0])) << map;
+    EXPECT_TRUE(has_line(map, thread_line(ended, "fifteen letters"))) << map;
+    EXPECT_TRUE(has_line(map, thread_line(living, "two?lines"))) << map;
+    EXPECT_EQ(2U, pztest::count_of(map, "thread 0x")) << map;
+    Free(ofEnded);
+}
+
+TEST(PZLHeapMngMapsTest, KnowAThreadThatWasNamedAfterItsFirstBlock) {
+    const pztest::TempDir dir;
+    unsigned int ended = 0;
+    std::vector<void*> blocks;
+    run_in_thread([&] {
+        ended = this_thread();
+        blocks.push_back(Malloc(1));
+        pthread_setname_np(pthread_self(), "late");
+        blocks.push_back(Malloc(1));
+    });
+    EXPECT_TRUE(pz_HeapWriteMaps(dir.File("a.maps").c_str()));
+    const std::string map = pztest::read_file(dir.File("a.maps"));
+    EXPECT_TRUE(has_line(map, thread_line(ended, "late"))) << map;
+    for (void* const block : blocks) Free(block);
+}
+
+TEST(PZLHeapMngMapsTest, AreTheProcessMapAloneBeforeTheFirstBlock) {
+    const pztest::TempDir dir;
+    EXPECT_TRUE(pz_HeapWriteMaps(dir.File("a.maps").c_str()));
+    const std::string map = pztest::read_file(dir.File("a.maps"));
+    EXPECT_TRUE(maps_address(map, reinterpret_cast<const void*>(&run_in_thread))) << map;
+    EXPECT_EQ(0U, pztest::count_of(map, "thread 0x"));
+}
+
+TEST(PZLHeapMngMapsTest, AreRefusedWithAReport) {
+    const pztest::TempDir dir;
+    pztest::StdoutCapture output;
+    EXPECT_FALSE(pz_HeapWriteMaps(nullptr));
+    EXPECT_TRUE(
+        pztest::has_report(output.Take(), "pz_HeapWriteMaps", "PZLHeapMng.cpp", "invalid args"));
+    const std::string path = dir.File("no/such");
+    EXPECT_FALSE(pz_HeapWriteMaps(path.c_str()));
+    EXPECT_TRUE(
+        pztest::has_report(output.Take(), "pz_HeapWriteMaps", "PZLHeapMng.cpp",
+                           "std library error [2 : No such file or directory] [" + path + "]"));
+    EXPECT_FALSE(pz_HeapWriteMaps("/dev/full"));
+    EXPECT_TRUE(pztest::has_report(output.Take(), "pz_HeapWriteMaps", "PZLHeapMng.cpp",
+                                   "std library error [28 : No space left on device] [/dev/full]"));
+}
+
+// The live blocks
+
+TEST(PZLHeapMngTest, CountsTheLiveBlocksAndTheirBytes) {
+    EXPECT_EQ(0U, pz_HeapLiveBlocks());
+    EXPECT_EQ(0U, pz_HeapLiveBytes());
+    void* p = Malloc(100);
+    void* const q = Malloc(0);
+    EXPECT_EQ(2U, pz_HeapLiveBlocks());
+    EXPECT_EQ(100U, pz_HeapLiveBytes());
+    p = Realloc(p, 7);
+    EXPECT_EQ(2U, pz_HeapLiveBlocks());
+    EXPECT_EQ(7U, pz_HeapLiveBytes());
+    EXPECT_EQ(nullptr, Realloc(q, 0));
+    InitMemMng();
+    EXPECT_EQ(1U, pz_HeapLiveBlocks()) << "older ones included";
+    FinMemMng();
+    EXPECT_EQ(7U, pz_HeapLiveBytes());
+    Free(p);
+    EXPECT_EQ(0U, pz_HeapLiveBlocks());
+    EXPECT_EQ(0U, pz_HeapLiveBytes());
+}
+
+TEST(PZLHeapMngTest, CountsTheLiveBlocksOfAllThreads) {
+    constexpr unsigned int kThreads = 4;
+    std::vector<void*> kept[kThreads];
+    std::vector<std::thread> threads;
+    for (std::vector<void*>& own : kept) {
+        threads.emplace_back([&own] {
+            for (unsigned int i = 1; i <= 1000; ++i) {
+                void* const block = Malloc(i);
+                if (i % 3 == 0) {
+                    own.push_back(Realloc(block, 2 * i));
+                } else {
+                    Free(block);
+                }
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    unsigned int blocks = 0;
+    unsigned int bytes = 0;
+    for (unsigned int i = 3; i <= 1000; i += 3) {
+        blocks += kThreads;
+        bytes += kThreads * 2 * i;
+    }
+    EXPECT_EQ(blocks, pz_HeapLiveBlocks());
+    EXPECT_EQ(bytes, pz_HeapLiveBytes());
+    for (const std::vector<void*>& own : kept) {
+        for (void* const block : own) Free(block);
+    }
+    EXPECT_EQ(0U, pz_HeapLiveBlocks());
+    EXPECT_EQ(0U, pz_HeapLiveBytes());
+}
+
 // The lock
 
 TEST(PZLHeapMngTest, MakesItsLockInTheFirstMallocOnly) {
@@ -1325,7 +1550,13 @@ int status_of(pid_t child) {
 
 }  // namespace
 
+#ifndef __SANITIZE_THREAD__  // which keeps a lock of its own for each of ours, held in the child
 TEST(PZLHeapMngTest, AForkedChildAllocatesWhateverOtherThreadsDidMeanwhile) {
+#ifdef __SANITIZE_ADDRESS__
+    constexpr int kForks = 20;  // of a quarter of a second each
+#else
+    constexpr int kForks = 300;
+#endif
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
@@ -1335,7 +1566,7 @@ TEST(PZLHeapMngTest, AForkedChildAllocatesWhateverOtherThreadsDidMeanwhile) {
     }
     void* const ofParent = Malloc(100);
     int failed = 0;
-    for (int i = 0; i < 300 && failed == 0; ++i) {
+    for (int i = 0; i < kForks && failed == 0; ++i) {
         const pid_t child = fork();
         ASSERT_NE(-1, child);
         if (child == 0) {
@@ -1352,6 +1583,7 @@ TEST(PZLHeapMngTest, AForkedChildAllocatesWhateverOtherThreadsDidMeanwhile) {
     EXPECT_EQ(0, failed);
     Free(ofParent);
 }
+#endif
 
 TEST(PZLHeapMngTest, AThreadIsNotCancelledInTheMiddleOfAFork) {
     Free(Malloc(1));

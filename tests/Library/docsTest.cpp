@@ -311,10 +311,10 @@ protected:
         install();
         const std::string library = prefix() + "/" PZ_LIBDIR;
         write_file(dir.File("commands"), script);
-        result =
-            run_command("cd " + folder() + " && CMAKE_PREFIX_PATH=" + prefix() +
-                        " PKG_CONFIG_PATH=" + library + "/pkgconfig LD_LIBRARY_PATH=" + library +
-                        " timeout 120 bash -e ../commands 2>&1 </dev/null");
+        result = run_command("cd " + folder() + " && CMAKE_PREFIX_PATH=" + prefix() +
+                             " PATH=" + prefix() + "/bin:$PATH PKG_CONFIG_PATH=" + library +
+                             "/pkgconfig LD_LIBRARY_PATH=" + library +
+                             " timeout 120 bash -e ../commands 2>&1 </dev/null");
     }
 
     const std::string document = read_file(PZ_ROOT "/" + GetParam());

@@ -1,7 +1,8 @@
 // What heapviewTest shows: five blocks of one place, one of another, one of a second thread, and
-// one that is written past its end. With an argument, the process's map is copied to that file.
+// one that is written past its end. With an argument, the heap's maps are written to that file.
 
-#include <fstream>
+#include <pthread.h>
+
 #include <thread>
 
 #include <Framework/Foundation/PZLHeapMng.h>
@@ -22,6 +23,7 @@ namespace {
 }
 
 [[gnu::noinline]] void allocate_on_a_thread() {
+    pthread_setname_np(pthread_self(), "tuner");
     Malloc(1000);
     asm volatile("" ::: "memory");
 }
@@ -34,7 +36,7 @@ int main(int argc, char** argv) {
     make_station();
     std::thread(allocate_on_a_thread).join();
     static_cast<char*>(Malloc(8))[8] = 'x';
-    if (argc > 1) std::ofstream(argv[1]) << std::ifstream("/proc/self/maps").rdbuf();
+    if (argc > 1 && !pz_HeapWriteMaps(argv[1])) return 2;
     pz_FwFinalize();
     return 0;
 }

@@ -43,6 +43,8 @@ public:
     /// From now on the folder is not there and cannot be made.
     static void Remove() { isMissing_ = true; }
 
+    const TempDir& Folder() const { return dir_; }
+
     std::set<std::string> Names() const {
         std::set<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator(dir_.Path())) {

@@ -33,7 +33,24 @@ PZ_API void InitMemMng();
 /// "/Syslog/HeapList_<process name><UTC time>.txt" (the part before the time is cut to 24
 /// characters; the folder is made when it is missing), and prints the live blocks, if any, on the
 /// standard output. Where the file cannot be written, only that table tells. Changes no account.
+///
+/// With PZ_HEAP_MAPS=1 in the environment the file gets one beside it that ends in ".maps": see
+/// pz_HeapWriteMaps.
 PZ_API void FinMemMng();
+
+/// Blocks that are live now, and their bytes as they were asked for; modulo 2^32. Of the whole
+/// process since its start, whether the framework is started or not. Any thread; without the lock.
+/// A block that is refused (see Free) may have been subtracted, as in the report.
+/// @{
+PZ_API unsigned int pz_HeapLiveBlocks();
+PZ_API unsigned int pz_HeapLiveBytes();
+/// @}
+
+/// Writes what pz-heapview needs to name the functions of a position-independent program: the
+/// process's map, and a line "thread 0x%08x name" for each thread with an account; one that has
+/// ended is named as it was when it allocated. Replaces the file. Any thread, at any time; takes no
+/// memory. False, and reported, when it cannot be written, or for a null `path`.
+PZ_API bool pz_HeapWriteMaps(const char* path);
 
 /// `size` bytes, aligned as malloc aligns; null when there is no memory.
 PZ_API void* Malloc(unsigned int size);

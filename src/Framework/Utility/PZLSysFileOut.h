@@ -78,6 +78,8 @@ public:
     static unsigned int GetSize(const wchar_t* path);
 
 private:
+    friend struct PZHeapReport;  // puts a second file beside its own
+
     /// Holds every path of a log: nothing here may fail for want of memory in the middle of a
     /// shift.
     struct Path {

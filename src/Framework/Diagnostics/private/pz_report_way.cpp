@@ -28,16 +28,16 @@ constexpr unsigned int kStyles = 2 * PZDbgOutput::en_STYLE_REPEATS - 1;
 void lock_for_fork() {
     pthread_mutex_lock(&pz_report_mutex);
 }
-void unlock_in_parent() {
+void unlock_after_fork() {
     pthread_mutex_unlock(&pz_report_mutex);
 }
 void begin_in_child() {
     pz_keep_report_sink_in_child();
     pz_forget_repetitions_in_child();
-    pz_report_mutex = PTHREAD_MUTEX_INITIALIZER;
+    unlock_after_fork();
 }
 [[maybe_unused]] const bool isToldOfForks =
-    pthread_atfork(lock_for_fork, unlock_in_parent, begin_in_child) == 0;
+    pthread_atfork(lock_for_fork, unlock_after_fork, begin_in_child) == 0;
 
 struct ST_WORD {
     char word[12];

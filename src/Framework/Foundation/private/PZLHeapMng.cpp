@@ -1,6 +1,8 @@
 #include "Framework/Foundation/PZLHeapMng.h"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,6 +13,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <type_traits>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
@@ -19,12 +22,15 @@
 #include <Framework/Foundation/pz_identity.h>
 #include <Framework/Utility/PZLSysFileOut.h>
 #include <Framework/Utility/PZString.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
+#include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_probes.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "../../private/pz_callers.h"
 #include "../../private/pz_thread_id.h"
 #include "../../private/pz_uncancelled.h"
+#include "pz_heap_maps.h"
 
 namespace {
 
@@ -113,6 +119,9 @@ static_assert(offsetof(ST_HEAP, threads) - offsetof(ST_HEAP, total) ==
 static_assert(sizeof(ST_THREAD_USAGE) == sizeof(PZInspectedHeap::threads[0]));
 static_assert(sizeof heap.threads == sizeof(PZInspectedHeap::threads));
 
+/// Beside the entries of the accounts.
+char threadNames[kThreads][sizeof ST_HEAP_THREAD::name];
+
 std::atomic<bool> hasLock{false};
 
 PZSync* make_lock() {
@@ -177,6 +186,17 @@ ST_THREAD_USAGE* find_thread_locked(unsigned int threadId) {
     return nullptr;
 }
 
+/// Charges the thread, and asks for its name at its peaks of 1, 2, 4 ... blocks: the one that
+/// starts a thread may name it after its first block.
+void charge_locked(ST_THREAD_USAGE& thread, unsigned int bytes) {
+    const unsigned int peakBefore = thread.usage.maxCount;
+    thread.usage.Add(bytes);
+    const unsigned int peak = thread.usage.maxCount;
+    if (peak != peakBefore && (peak & peakBefore) == 0) {
+        prctl(PR_GET_NAME, threadNames[&thread - heap.threads]);
+    }
+}
+
 void append_locked(ST_MEM_BLOCK* block) {
     ST_MEM_BLOCK* const older = heap.tail;
     block->older = older;
@@ -231,7 +251,7 @@ void unlink_locked(ST_MEM_BLOCK* block) {
     append_locked(block);
     heap.total.Add(size);
     ST_THREAD_USAGE* thread = find_thread_locked(block->threadId);
-    if (thread != nullptr) thread->usage.Add(size);
+    if (thread != nullptr) charge_locked(*thread, size);
 }
 
 /// Takes the block out of the accounts and the list; the heap's lock is held. False when it is
@@ -359,6 +379,39 @@ void write_live_blocks(PZLSysFileOut& file, const ST_MEM_BLOCK* newest) {
     });
 }
 
+bool write_maps(const char* path, int flags, const char* operation) {
+    ST_HEAP_THREAD threads[kThreads];
+    size_t count = 0;
+    if (hasLock) {
+        const PZSyncLock lock(heap_lock());
+        for (; count < kThreads && heap.threads[count].threadId != 0; ++count) {
+            threads[count].id = heap.threads[count].threadId;
+            std::memcpy(threads[count].name, threadNames[count], sizeof threads[count].name);
+        }
+    }
+    if (pz_write_heap_maps(path, flags, threads, count)) return true;
+    PZDbgOutput::DbgPrintStdErr(__FILE__, operation, __LINE__, "[%s]\n", path);
+    return false;
+}
+
+}  // namespace
+
+/// Knows where the report is.
+struct PZHeapReport {
+    static void WriteMapsBeside(const PZLSysFileOut& file) {
+        constexpr unsigned int kSize = std::extent_v<decltype(file.path_)>;
+        char path[4 * kSize] = {};  // a character takes 4 bytes at most
+        const auto length = static_cast<int>(pz_wcsnlen(file.path_, kSize));
+        pz_wctomb(path, sizeof path, file.path_, length, XCP_UTF8);
+        char* const extension = std::strrchr(path, '.');
+        if (extension == nullptr) return;
+        std::memcpy(extension, ".maps", sizeof ".maps");
+        write_maps(path, O_NOFOLLOW, "FinMemMng");
+    }
+};
+
+namespace {
+
 /// A file of its own for every minute and process name; without one when it cannot be opened.
 void write_report_file(const ST_MEM_BLOCK* newest) {
     PZString name(L"HeapList_");
@@ -368,6 +421,8 @@ void write_report_file(const ST_MEM_BLOCK* newest) {
     write_totals(file);
     write_threads(file);
     write_live_blocks(file, newest);
+    const char* const maps = secure_getenv("PZ_HEAP_MAPS");
+    if (maps != nullptr && std::strcmp(maps, "1") == 0) PZHeapReport::WriteMapsBeside(file);
     file.Close();
 }
 
@@ -412,6 +467,20 @@ void FinMemMng() {
         // As where the file cannot be opened: the table below tells.
     }
     if (newest != nullptr) print_live_blocks(newest);
+}
+
+unsigned int pz_HeapLiveBlocks() {
+    return heap.total.count;
+}
+
+unsigned int pz_HeapLiveBytes() {
+    return heap.total.size;
+}
+
+bool pz_HeapWriteMaps(const char* path) {
+    if (path != nullptr) return write_maps(path, 0, __func__);
+    PZ_REPORT_ERROR("invalid args\n");
+    return false;
 }
 
 void* Malloc(unsigned int size) {
