@@ -132,6 +132,20 @@ constexpr bool fits_in_room() {
     return sizeof(F) <= Job::kRoom;
 }
 
+/// A posted function that is nothing but bytes: it lies in the message itself.
+struct PlainJob {
+    const JobType* type;
+    Place place;
+    alignas(void*) unsigned char room[Job::kRoom];
+};
+
+/// Whether a copy of its bytes is the function, and nothing need be destroyed.
+template <typename F>
+constexpr bool is_plain() {
+    if (!fits_in_room<F>()) return false;
+    return std::is_trivially_copyable_v<F> && alignof(F) <= alignof(void*);
+}
+
 /// The function itself is in the room.
 template <typename F>
 struct StoredHere {
@@ -208,6 +222,10 @@ private:
     Posted answer_ = Posted::stopped;
 };
 
+/// Posts the first `size` bytes of the job.
+PZ_API Posted post_plain(WorkerCore* core, PlainJob& job, std::size_t size, Priority priority,
+                         std::chrono::milliseconds within) noexcept;
+
 /// Reports a post that is refused, and answers it.
 PZ_API Posted refused(const WorkerCore* core, Posted answer, const Place& place) noexcept;
 
@@ -218,16 +236,24 @@ Posted post(WorkerCore* core, F&& function, Priority priority, std::chrono::mill
     using Function = std::decay_t<F>;
     static_assert(std::is_invocable_v<Function&>, "what is posted is called without arguments");
     if (is_empty<Function>(function)) return refused(core, Posted::empty, place);
-    Posting posting(core, within, place);
-    if (posting.job() == nullptr) return posting.answer();
-    try {
-        if (!Stored<Function>::Put(posting.job()->room, std::forward<F>(function))) {
+    if constexpr (is_plain<Function>()) {
+        PlainJob job;
+        job.type = &StoredHere<Function>::kType;
+        job.place = place;
+        StoredHere<Function>::Put(job.room, std::forward<F>(function));
+        return post_plain(core, job, offsetof(PlainJob, room) + sizeof(Function), priority, within);
+    } else {
+        Posting posting(core, within, place);
+        if (posting.job() == nullptr) return posting.answer();
+        try {
+            if (!Stored<Function>::Put(posting.job()->room, std::forward<F>(function))) {
+                return Posted::full;
+            }
+        } catch (const std::bad_alloc&) {
             return Posted::full;
         }
-    } catch (const std::bad_alloc&) {
-        return Posted::full;
+        return posting.Commit(Stored<Function>::kType, priority);
     }
-    return posting.Commit(Stored<Function>::kType, priority);
 }
 
 /// Where a caller waits for the end of what it has posted.
@@ -305,7 +331,7 @@ CallError call(WorkerCore* core, Body& body, const Place& place) {
 ///             thread after it has run. When it will never be run it is destroyed by the stop that
 ///             gives up.
 /// Cost:       256 posts have room. A function of up to 200 bytes is stored in the worker; a larger
-///             one is allocated.
+///             one is allocated. One that is trivially copyable is posted fastest.
 /// Exceptions: one that leaves a posted function is reported, and the worker goes on. None leaves
 ///             an operation here, but those of copying a function when it is posted (a lack of
 ///             memory there is answered).
@@ -416,7 +442,7 @@ public:
     /// Whether the calling thread is the worker's own.
     bool is_own_thread() const noexcept { return detail::is_own_thread(core_.get()); }
 
-    /// Posts that wait to be run.
+    /// Posts that wait to be run, with the messages of units.
     std::size_t pending() const noexcept;
 
     /// The message box, for units (PZUnitFrame). Lives as long as the worker; null when there is

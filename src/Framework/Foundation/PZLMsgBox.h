@@ -1,6 +1,7 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZLMSGBOX_H
 #define PZ_FRAMEWORK_FOUNDATION_PZLMSGBOX_H
 
+#include <atomic>
 #include <memory>
 #include <set>
 
@@ -10,6 +11,10 @@
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZThreadAnnotations.h>
 #include <Framework/PZApi.h>
+
+namespace pz::detail {
+class WorkerCore;
+}
 
 /// The message box of a worker: at most 256 pending messages and 256 pending events.
 ///
@@ -88,7 +93,21 @@ private:
     PZ_LOCAL int GetAndExcuteEventAndEmgMsg();
     PZ_LOCAL int GetAndExcuteMessage();
 
+    // For the easy layer's workers: as PushMsg, but without a report when there is no room, and
+    // only while `isOpen`. Room may be reserved before: it is taken then, or given back.
+    enum EN_QUIET {
+        en_QUIET_OK,
+        en_QUIET_FULL,   // no room, or no memory
+        en_QUIET_CLOSED  // not open
+    };
+    PZ_LOCAL EN_QUIET PushQuietly(ST_PUSH_MSG_DATA& d, const std::atomic<bool>& isOpen,
+                                  bool isReserved);
+    PZ_LOCAL bool Reserve();
+    PZ_LOCAL void GiveReservedBack();
+    PZ_LOCAL unsigned int CountMessages();
+
     friend class PZWorker;  // makes the events before the thread
+    friend class pz::detail::WorkerCore;
 
     // What the loop changes at every message stands away from what posts change, in this object and
     // in the order of allocations: on two processors they are not to wait for each other's lines.

@@ -22,6 +22,11 @@ Posted Posting::Commit(const JobType& type, Priority priority) noexcept {
     return core_->Commit(job, type, priority);
 }
 
+Posted post_plain(WorkerCore* core, PlainJob& job, std::size_t size, Priority priority,
+                  std::chrono::milliseconds within) noexcept {
+    return core != nullptr ? core->PostPlain(job, size, priority, within) : Posted::stopped;
+}
+
 Posted refused(const WorkerCore* core, Posted answer, const Place& place) noexcept {
     const char* const why = answer == Posted::empty ? "an empty function" : "no room";
     PZ_REPORT_ERROR("worker [%s] refuses a post of %s()@%s(%d): %s\n",

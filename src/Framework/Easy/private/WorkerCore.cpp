@@ -3,6 +3,8 @@
 #include <cxxabi.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <vector>
@@ -21,6 +23,7 @@ constexpr long long kMsPerSecond = 1000;
 constexpr long long kNsPerMs = 1000000;
 constexpr std::chrono::milliseconds kNone(0);
 constexpr std::chrono::milliseconds kGrace(100);
+constexpr std::chrono::milliseconds kLookAgain(10);
 constexpr std::chrono::hours kLongest(24 * 365 * 30);
 
 /// A clock that costs next to nothing; a few milliseconds behind.
@@ -28,6 +31,11 @@ long long coarse_ms() noexcept {
     timespec now = {};
     ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
+}
+
+/// As the box counts it.
+unsigned int level_of(Priority priority) noexcept {
+    return std::min(static_cast<unsigned int>(priority), 255U);
 }
 
 /// The cores with a thread. Never destroyed: a worker that hangs outlives everything.
@@ -163,32 +171,89 @@ bool WorkerCore::IsRunning() const noexcept {
     return accepting_;
 }
 
+Posted WorkerCore::PostPlain(PlainJob& job, std::size_t size, Priority priority,
+                             std::chrono::milliseconds within) noexcept {
+    if (IsManual()) return PostPlainByHand(job, size, priority);
+    PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, kPlain, level_of(priority), &job,
+                                           static_cast<unsigned int>(size)};
+    const Posted posted = Push(message, false);
+    if (posted != Posted::full || !MayWait(within)) return posted;
+    const Clock::time_point deadline = deadline_after(within);
+    while (WaitForRoom(deadline)) {
+        const Posted again = Push(message, false);
+        if (again != Posted::full) return again;
+    }
+    return accepting_ ? Posted::full : Posted::stopped;
+}
+
+/// The same for a manual core: in a job.
+Posted WorkerCore::PostPlainByHand(const PlainJob& job, std::size_t size,
+                                   Priority priority) noexcept {
+    Posted answer = Posted::stopped;
+    Job* const kept = Reserve(kNone, job.place, answer);
+    if (kept == nullptr) return answer;
+    std::memcpy(kept->room, job.room, size - offsetof(PlainJob, room));
+    return Commit(*kept, *job.type, priority);
+}
+
 Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
                          Posted& answer) noexcept {
-    std::unique_lock<std::mutex> lock(mutex_);
-    answer = Posted::stopped;
-    if (!accepting_) return nullptr;
-    answer = Posted::full;
-    if (!HasRoomLocked() && !WaitForRoomLocked(lock, within)) {
-        if (!accepting_) answer = Posted::stopped;
-        return nullptr;
-    }
-    Job* const job = TakeFreeLocked();
-    if (job == nullptr) return nullptr;
-    pending_.fetch_add(1);
-    job->place = place;
-    return job;
+    const Clock::time_point deadline = MayWait(within) ? deadline_after(within) : Clock::now();
+    do {
+        bool hasRoom = false;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            answer = Posted::stopped;
+            if (!accepting_) return nullptr;
+            answer = Posted::full;
+            hasRoom = TakeRoomLocked();
+            Job* const job = hasRoom ? TakeFreeLocked() : nullptr;
+            if (job != nullptr) {
+                job->place = place;
+                return job;
+            }
+        }
+        if (hasRoom) GiveRoomBack();
+    } while (MayWait(within) && WaitForRoom(deadline));
+    if (!accepting_) answer = Posted::stopped;
+    return nullptr;
+}
+
+bool WorkerCore::MayWait(std::chrono::milliseconds within) const noexcept {
+    return within > kNone && !IsManual() && !IsOwnThread();
 }
 
 /// False when there is no room in time, or no more service.
-bool WorkerCore::WaitForRoomLocked(std::unique_lock<std::mutex>& lock,
-                                   std::chrono::milliseconds within) {
-    if (within <= std::chrono::milliseconds::zero() || IsManual() || IsOwnThread()) return false;
+bool WorkerCore::WaitForRoom(Clock::time_point deadline) noexcept {
+    std::unique_lock<std::mutex> lock(mutex_);
     waitingForRoom_.fetch_add(1);
-    changed_.wait_until(lock, deadline_after(within),
-                        [this] { return HasRoomLocked() || !accepting_; });
+    const auto mayGoOn = [this] { return !accepting_ || box_.CountMessages() < kCapacity; };
+    // The serving thread tells of room without a lock: one that it overlooks is found soon.
+    while (!mayGoOn() && Clock::now() < deadline) {
+        changed_.wait_until(lock, std::min(deadline, Clock::now() + kLookAgain));
+    }
     waitingForRoom_.fetch_sub(1);
-    return accepting_ && HasRoomLocked();
+    return accepting_ && mayGoOn();
+}
+
+/// Keeps room for a message.
+bool WorkerCore::TakeRoomLocked() noexcept {
+    if (!IsManual()) return box_.Reserve();
+    if (manualPending_ >= kCapacity) return false;
+    ++manualPending_;
+    return true;
+}
+
+void WorkerCore::GiveRoomBack() noexcept {
+    if (!IsManual()) return box_.GiveReservedBack();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    --manualPending_;
+}
+
+std::size_t WorkerCore::Pending() noexcept {
+    if (!IsManual()) return box_.CountMessages();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return manualPending_;
 }
 
 Job* WorkerCore::TakeFreeLocked() noexcept {
@@ -216,57 +281,69 @@ void WorkerCore::Release(Job& job) noexcept {
 
 Posted WorkerCore::Commit(Job& job, const JobType& type, Priority priority) noexcept {
     job.type = &type;
-    Posted answer = Posted::stopped;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (accepting_) {
-            job.state.store(en_STATE_QUEUED);
-            if (EnqueueLocked(job, priority)) return Posted::ok;
-            answer = Posted::full;
-            // The box may have kept the message all the same: the job stays out of use until then.
-            int expected = en_STATE_QUEUED;
-            if (!job.state.compare_exchange_strong(expected, en_STATE_CANCELLED)) {
-                return Posted::ok;
-            }
-        }
-    }
-    type.drop(job.room);
-    if (answer == Posted::stopped) GiveBack(job);
+    job.state.store(en_STATE_QUEUED);
+    const Posted answer = Enqueue(job, priority);
+    if (answer == Posted::ok) return answer;
+    // A stop that gives up may have destroyed the function already.
+    int expected = en_STATE_QUEUED;
+    if (job.state.compare_exchange_strong(expected, en_STATE_TAKEN)) type.drop(job.room);
+    Release(job);
     return answer;
 }
 
-bool WorkerCore::EnqueueLocked(Job& job, Priority priority) noexcept {
-    const auto index = static_cast<unsigned int>(&job - jobs_.get());
-    const unsigned int level = std::min(static_cast<unsigned int>(priority), 255U);
+/// Into the room that was reserved.
+Posted WorkerCore::Enqueue(Job& job, Priority priority) noexcept {
+    if (IsManual()) return EnqueueByHand(job, level_of(priority));
+    PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, static_cast<unsigned int>(&job - jobs_.get()),
+                                           level_of(priority), nullptr, 0};
+    return Push(message, true);
+}
+
+Posted WorkerCore::EnqueueByHand(const Job& job, unsigned int level) noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
     try {
-        if (IsManual()) {
+        if (accepting_) {
             PZPriorityQueue<QueuedJob>::que entry;
-            entry.index = index;
+            entry.index = static_cast<unsigned int>(&job - jobs_.get());
             entry.priority = level;
             manualQueue_.push(entry);
-            return true;
+            return Posted::ok;
         }
-        PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, index, level, nullptr, 0};
-        return box_.PushMsg(message) == 0;
     } catch (const std::bad_alloc&) {
-        return false;
+        --manualPending_;
+        return Posted::full;
     }
+    --manualPending_;
+    return Posted::stopped;
+}
+
+Posted WorkerCore::Push(PZIMsgBox::ST_PUSH_MSG_DATA& message, bool isReserved) noexcept {
+    switch (box_.PushQuietly(message, accepting_, isReserved)) {
+        case PZLMsgBox::en_QUIET_OK:
+            return Posted::ok;
+        case PZLMsgBox::en_QUIET_CLOSED:
+            return Posted::stopped;
+        case PZLMsgBox::en_QUIET_FULL:
+            break;
+    }
+    return Posted::full;
 }
 
 void WorkerCore::GiveBack(Job& job) noexcept {
+    GiveRoomBack();
     NoteTaken();
     Release(job);
 }
 
-/// A job is no longer pending: there is room for one more.
+/// There is room for one more.
 void WorkerCore::NoteTaken() noexcept {
-    pending_.fetch_sub(1);
     if (waitingForRoom_.load() == 0) return;
     const std::lock_guard<std::mutex> lock(mutex_);
     changed_.notify_all();
 }
 
-void WorkerCore::OnReceiveMsg(unsigned int msgId, const void* /*buff*/, unsigned int /*size*/) {
+void WorkerCore::OnReceiveMsg(unsigned int msgId, const void* buff, unsigned int /*size*/) {
+    if (msgId == kPlain) return ExecutePlain(*static_cast<const PlainJob*>(buff));
     if (msgId < kJobs) Execute(jobs_[msgId]);
 }
 
@@ -279,6 +356,7 @@ bool WorkerCore::RunOne() {
         if (manualQueue_.empty()) return false;
         job = &jobs_[manualQueue_.top().index];
         manualQueue_.pop();
+        --manualPending_;
     }
     const bool isNested = isServing_;
     servingThread_ = pthread_self();
@@ -315,24 +393,44 @@ void WorkerCore::Execute(Job& job) {
         bool hasFunction_;
     };
     const Taken taken(*this, job);
-    if (taken.HasFunction()) RunFunction(job);
+    if (taken.HasFunction()) RunFunction(job.place, *job.type, job.room);
+}
+
+void WorkerCore::ExecutePlain(const PlainJob& job) {
+    NoteTaken();
+    if (isDropped_.load(std::memory_order_relaxed)) return;
+    /// Told also when the handler ends its thread.
+    class Running {
+    public:
+        explicit Running(std::atomic<bool>& isRunning) : isRunning_(isRunning) {}
+        ~Running() { isRunning_.store(false, std::memory_order_relaxed); }
+        Running(const Running&) = delete;
+        Running& operator=(const Running&) = delete;
+
+    private:
+        std::atomic<bool>& isRunning_;
+    };
+    const Running running(isRunning_);
+    RunFunction(job.place, *job.type, job.room);
 }
 
 // A forced unwind carries no object: the reference that catches it is null.
-__attribute__((no_sanitize("null"))) void WorkerCore::RunFunction(const Job& job) {
-    runningFile_.store(job.place.file, std::memory_order_relaxed);
-    runningFunction_.store(job.place.function, std::memory_order_relaxed);
-    runningLine_.store(job.place.line, std::memory_order_relaxed);
+__attribute__((no_sanitize("null"))) void WorkerCore::RunFunction(const Place& place,
+                                                                  const JobType& type,
+                                                                  const void* room) {
+    runningFile_.store(place.file, std::memory_order_relaxed);
+    runningFunction_.store(place.function, std::memory_order_relaxed);
+    runningLine_.store(place.line, std::memory_order_relaxed);
     runningSinceMs_.store(coarse_ms(), std::memory_order_relaxed);
     isRunning_.store(true, std::memory_order_release);
     try {
-        job.type->run(const_cast<unsigned char*>(job.room));
+        type.run(const_cast<void*>(room));
     } catch (abi::__forced_unwind&) {
         throw;  // cancellation, pthread_exit: the C library waits for it
     } catch (const std::exception& e) {
-        ReportException(job.place, e.what());
+        ReportException(place, e.what());
     } catch (...) {
-        ReportException(job.place, "something that is no std::exception");
+        ReportException(place, "something that is no std::exception");
     }
 }
 
@@ -420,6 +518,7 @@ bool WorkerCore::JoinIfFinished() noexcept {
 
 /// Destroys the functions that wait, without running them.
 void WorkerCore::DropQueued() noexcept {
+    isDropped_ = true;
     unsigned int used = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);

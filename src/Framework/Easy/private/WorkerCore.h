@@ -36,7 +36,7 @@ Clock::time_point deadline_after(std::chrono::milliseconds within) noexcept;
 ///
 /// A posted function lies in a job of the pool; the message that stands for it has no payload, its
 /// identifier is the job's index. The pool has one job more than the box has room: the one that is
-/// being run.
+/// being run. A function that is nothing but bytes is itself the payload of its message.
 class WorkerCore : public PZIDispatcher, public std::enable_shared_from_this<WorkerCore> {
 public:
     enum class Kind {
@@ -60,6 +60,10 @@ public:
 
     /// Ends the service as soon as nothing is posted any more; does not wait.
     void RequestStop() noexcept;
+
+    /// Posts the first `size` bytes of the job.
+    Posted PostPlain(PlainJob& job, std::size_t size, Priority priority,
+                     std::chrono::milliseconds within) noexcept;
 
     /// A free job, or null and why.
     Job* Reserve(std::chrono::milliseconds within, const Place& place, Posted& answer) noexcept;
@@ -87,7 +91,7 @@ public:
     bool IsOwnThread() const noexcept;
     bool IsRunning() const noexcept;
     bool HasFailedToStop() const noexcept { return hangReported_.load(); }
-    std::size_t Pending() const noexcept { return pending_.load(); }
+    std::size_t Pending() noexcept;
     const char* Name() const noexcept { return name_; }
     const WorkerOptions& Options() const noexcept { return options_; }
     PZIMsgBox* Box() noexcept { return IsManual() ? nullptr : &box_; }
@@ -110,6 +114,7 @@ private:
 
     static constexpr unsigned int kCapacity = 256;  // of the box
     static constexpr unsigned int kJobs = kCapacity + 1;
+    static constexpr unsigned int kPlain = kJobs;  // identifier of a message with a PlainJob
 
     /// Of a job.
     enum EN_STATE : int {
@@ -119,14 +124,20 @@ private:
         en_STATE_CANCELLED  // its message may still come, its function is gone
     };
 
-    bool HasRoomLocked() const { return pending_.load() < kCapacity; }
-    bool WaitForRoomLocked(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds within);
+    Posted PostPlainByHand(const PlainJob& job, std::size_t size, Priority priority) noexcept;
+    bool MayWait(std::chrono::milliseconds within) const noexcept;
+    bool WaitForRoom(Clock::time_point deadline) noexcept;
+    bool TakeRoomLocked() noexcept;
+    void GiveRoomBack() noexcept;
     Job* TakeFreeLocked() noexcept;
-    bool EnqueueLocked(Job& job, Priority priority) noexcept;
+    Posted Push(PZIMsgBox::ST_PUSH_MSG_DATA& message, bool isReserved) noexcept;
+    Posted Enqueue(Job& job, Priority priority) noexcept;
+    Posted EnqueueByHand(const Job& job, unsigned int level) noexcept;
     void NoteTaken() noexcept;
     void Release(Job& job) noexcept;
     void Execute(Job& job);
-    void RunFunction(const Job& job);
+    void ExecutePlain(const PlainJob& job);
+    void RunFunction(const Place& place, const JobType& type, const void* room);
     void ReportException(const Place& place, const char* what) const noexcept;
     void DetachTimers() noexcept;
     void DropQueued() noexcept;
@@ -142,16 +153,17 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;                 // room, or the end
-    bool accepting_ = false;                          // guarded by mutex_
+    std::atomic<bool> accepting_{false};              // written under mutex_
     bool finished_ = true;                            // guarded by mutex_: there is no loop
     std::vector<std::shared_ptr<TimerCore>> timers_;  // guarded by mutex_
     const std::unique_ptr<Job[]> jobs_;
     unsigned int usedJobs_ = 0;                    // guarded by mutex_: never used from here on
     Job* free_ = nullptr;                          // guarded by mutex_
     std::atomic<Job*> returned_{nullptr};          // free as well; taken over as a whole
-    std::atomic<unsigned int> pending_{0};         // reserved or queued; grows under mutex_
     std::atomic<unsigned int> waitingForRoom_{0};  // threads
+    std::atomic<bool> isDropped_{false};           // what is posted is not run any more
     PZPriorityQueue<QueuedJob> manualQueue_{kCapacity};  // guarded by mutex_
+    unsigned int manualPending_ = 0;                     // guarded by mutex_: reserved or queued
 
     // What is being run: written by the serving thread, read by the reporter of a hang.
     std::atomic<bool> isRunning_{false};

@@ -61,6 +61,15 @@ public:
         return posted_ - takenBefore_ >= inbox_.capacity();
     }
 
+    /// Under the lock: keeps room for a message, which counts as one that waits; and gives it back.
+    /// @{
+    void ReserveLocked() { ++posted_; }
+    void GiveReservedBackLocked() { --posted_; }
+    /// @}
+
+    /// Under the lock: how many messages wait, reserved room included.
+    unsigned int CountLocked() const { return posted_ - taken_.load(); }
+
     /// Under the lock: puts a message in. The answer is for WakeFrom, which follows. Without memory
     /// it throws std::bad_alloc, and nothing has changed.
     Sleep PostLocked(const typename Queue::que& message) {

@@ -278,6 +278,39 @@ unsigned int PZLMsgBox::Refused(unsigned int answer) const {
     return answer;
 }
 
+PZLMsgBox::EN_QUIET PZLMsgBox::PushQuietly(ST_PUSH_MSG_DATA& d, const std::atomic<bool>& isOpen,
+                                           bool isReserved) {
+    unsigned int sleep = 0;
+    {
+        const PZSyncLock lock(msgSync_);
+        if (kept_ == nullptr) return en_QUIET_FULL;
+        if (isReserved) kept_->handOver.GiveReservedBackLocked();
+        if (!isOpen.load(std::memory_order_relaxed)) return en_QUIET_CLOSED;
+        if (kept_->handOver.IsFullLocked()) return en_QUIET_FULL;
+        if (!QueueLocked(d, sleep)) return en_QUIET_FULL;
+    }
+    // It is there, and is served after the next post at the latest.
+    if (!kept_->handOver.WakeFrom(sleep)) PZ_REPORT_ERROR("SetEvent failed\n");
+    return en_QUIET_OK;
+}
+
+bool PZLMsgBox::Reserve() {
+    const PZSyncLock lock(msgSync_);
+    if (kept_ == nullptr || kept_->handOver.IsFullLocked()) return false;
+    kept_->handOver.ReserveLocked();
+    return true;
+}
+
+void PZLMsgBox::GiveReservedBack() {
+    const PZSyncLock lock(msgSync_);
+    if (kept_ != nullptr) kept_->handOver.GiveReservedBackLocked();
+}
+
+unsigned int PZLMsgBox::CountMessages() {
+    const PZSyncLock lock(msgSync_);
+    return kept_ != nullptr ? kept_->handOver.CountLocked() : 0;
+}
+
 /// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
 /// nothing changed, without memory. `sleep` is what the loop is to be woken from.
 bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) {
