@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
@@ -89,4 +91,35 @@ TEST(EasyEventTest, WithoutMemoryItIsFalse) {
         EXPECT_FALSE(event);
     }
     EXPECT_TRUE(pztest::has_report(capture.Take(), "Event", "Event.cpp", "no memory"));
+}
+
+namespace {
+
+template <size_t... kIndexes>
+std::optional<size_t> wait_for_all_of(std::vector<pz::Event>& events,
+                                      std::index_sequence<kIndexes...> /*count*/) {
+    return wait_any({&events[kIndexes]...}, 0ms);
+}
+
+}  // namespace
+
+TEST(EasyEventTest, WaitAnyTakesUpTo64) {
+    std::vector<pz::Event> events(65);
+    events[63].set();
+    EXPECT_EQ(63U, wait_for_all_of(events, std::make_index_sequence<64>()));
+    events[63].set();
+    StdoutCapture capture;
+    EXPECT_EQ(std::nullopt, wait_for_all_of(events, std::make_index_sequence<65>()));
+    EXPECT_NE("", capture.Take());
+    EXPECT_TRUE(events[63].wait(0ms)) << "no signal was taken";
+}
+
+TEST(EasyEventTest, TimesThatAreNegativeOrEndlessAreLimitsLikeOthers) {
+    pz::Event event;
+    EXPECT_FALSE(event.wait(std::chrono::milliseconds::min()));
+    EXPECT_EQ(std::nullopt, wait_any({&event}, -1ms));
+    event.set();
+    EXPECT_TRUE(event.wait(std::chrono::milliseconds::max()));
+    event.set();
+    EXPECT_EQ(0U, wait_any({&event}, std::chrono::milliseconds::max()));
 }

@@ -257,3 +257,15 @@ TEST(EasyFrameworkTest, ReportsPrioritiesThatAreRefusedAfterTheStart) {
     });
     EXPECT_EQ(1U, pztest::count_of(printed, "error : errno[13 : Permission denied]\n")) << printed;
 }
+
+TEST(EasyFrameworkTest, ALongNameIsCutAndOneThatWasMovedFromIsFalse) {
+    const auto result = run_in_child([] {
+        pz::Framework fw(std::string(100, 'x').c_str());
+        if (!fw || std::string(pz::Framework::name()) != std::string(63, 'x')) return 1;
+        pz::Framework moved(std::move(fw));
+        if (fw || !moved) return 2;
+        moved = pz::Framework("other");
+        return moved && std::string(pz::Framework::name()).size() == 63 ? 0 : 3;
+    });
+    EXPECT_EQ(0, result.status) << result.output;
+}

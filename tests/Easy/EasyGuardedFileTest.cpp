@@ -232,3 +232,43 @@ TEST_F(EasyGuardedFileTest, ALackOfMemoryLeavesTheFileAsItWas) {
     EXPECT_TRUE(isDone);
     EXPECT_EQ("n" + std::string(9999, 'o'), settings.read());
 }
+
+TEST_F(EasyGuardedFileTest, IsWholeWheneverItsProcessIsKilled) {
+    // Texts of one letter, whose number follows from the letter.
+    const auto text_of = [](char letter) {
+        return std::string(1000U * static_cast<unsigned int>(letter - 'a' + 1), letter);
+    };
+    ASSERT_TRUE(settings.update([&](std::string& bytes) { bytes = text_of('a'); }));
+    char last = 'a';
+    int changed = 0;
+    for (int round = 0; round < 30; ++round) {
+        {
+            const pztest::ChildProcess child([&] {
+                for (char letter = 'b';;
+                     letter = letter == 'z' ? 'a' : static_cast<char>(letter + 1)) {
+                    if (!settings.update([&](std::string& bytes) { bytes = text_of(letter); }))
+                        return 1;
+                }
+            });
+            ASSERT_TRUE(wait_until([&] { return settings.read() != text_of(last); }));
+            std::this_thread::sleep_for(std::chrono::microseconds(97 * round));
+        }  // killed here
+        const std::string bytes = settings.read().value_or("");
+        ASSERT_FALSE(bytes.empty());
+        ASSERT_EQ(text_of(bytes[0]), bytes);
+        if (bytes[0] != last) ++changed;
+        last = bytes[0];
+    }
+    EXPECT_LT(0, changed);
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "whole"; }, 60s));
+    EXPECT_EQ("whole", settings.read());
+    EXPECT_FALSE(std::filesystem::exists(dir.File(".settings.new")));
+}
+
+TEST_F(EasyGuardedFileTest, TimesThatAreNegativeOrEndlessAreLimitsLikeOthers) {
+    const auto change = [](std::string& bytes) { bytes += 'x'; };
+    EXPECT_TRUE(settings.update(change, -1ms)) << "it is free";
+    EXPECT_TRUE(settings.update(change, std::chrono::milliseconds::max()));
+    EXPECT_TRUE(settings.update(change, std::chrono::milliseconds::min()));
+    EXPECT_EQ("xxx", settings.read());
+}

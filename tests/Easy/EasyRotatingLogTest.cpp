@@ -267,3 +267,17 @@ TEST_F(EasyRotatingLogTest, ALackOfMemoryLosesALineAtMost) {
     }
     EXPECT_TRUE(isMade);
 }
+
+TEST_F(EasyRotatingLogTest, AnEmptyTextIsALineAndNoFormatIsNone) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    EXPECT_TRUE(log.text({}));
+    EXPECT_TRUE(log.text("\n"));
+    const char* const none = nullptr;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+    EXPECT_FALSE(log.line(none));
+#pragma GCC diagnostic pop
+    EXPECT_TRUE(log.flush());
+    EXPECT_EQ("\n\n", read_file(file));
+}

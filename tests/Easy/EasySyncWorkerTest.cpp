@@ -173,3 +173,14 @@ TEST_F(EasySyncWorkerTest, MayBeMovedFrom) {
     EXPECT_EQ(0U, worker.run_for(1s));
     EXPECT_EQ(0U, worker.overruns());
 }
+
+TEST_F(EasySyncWorkerTest, TimeDoesNotGoBack) {
+    clock.advance(5ms);
+    clock.advance(-3ms);
+    EXPECT_EQ(5ms, clock.now());
+    worker.post(note('a'));
+    worker.run_for(-1ms);
+    EXPECT_EQ(5ms, clock.now());
+    EXPECT_FALSE(worker.every(0ms, note('x')));
+    EXPECT_EQ(Posted::empty, worker.post(std::function<void()>()));
+}

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
@@ -78,4 +79,22 @@ TEST(EasyTextTest, WithoutAMatchNoPageIsDetected) {
     StdoutCapture capture;  // this process has no ICU
     EXPECT_EQ(std::nullopt, pz::detect("text"));
     EXPECT_NE(std::string::npos, capture.Take().find("no ICU in this process"));
+}
+
+TEST(EasyTextTest, AnswersNothingForAPageThatThereIsNot) {
+    const StdoutCapture capture;
+    for (const int page : {-1, 53, 1000}) {
+        EXPECT_FALSE(pz::to_utf8("text", static_cast<EN_XCP>(page))) << page;
+        EXPECT_FALSE(pz::from_utf8("text", static_cast<EN_XCP>(page))) << page;
+    }
+}
+
+TEST(EasyTextTest, AnswersNothingForATextThatIsTooLong) {
+    // It is refused before it is read.
+    const std::string_view endless("text", 128UL * 1024 * 1024 + 1);
+    StdoutCapture capture;
+    EXPECT_FALSE(pz::to_utf8(endless, XCP_SJIS));
+    EXPECT_FALSE(pz::from_utf8(endless, XCP_SJIS));
+    EXPECT_EQ(std::nullopt, pz::detect(endless));
+    EXPECT_EQ(3U, pztest::count_of(capture.Take(), "a text of 134217729 bytes is too long"));
 }

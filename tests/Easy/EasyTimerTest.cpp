@@ -288,3 +288,22 @@ TEST_F(EasyTimerTest, ALackOfMemoryIsAnsweredWithNoTimer) {
     }
     EXPECT_TRUE(isStarted);
 }
+
+TEST_F(EasyTimerTest, TimesWithoutEndNeverCome) {
+    std::atomic<int> runs{0};
+    pz::Timer period = worker.every(std::chrono::milliseconds::max(), [&] { ++runs; });
+    pz::Timer once = worker.after(std::chrono::milliseconds::max(), [&] { ++runs; });
+    EXPECT_TRUE(period);
+    EXPECT_TRUE(once);
+    pz::Timer past = worker.after(std::chrono::milliseconds::min(), [&] { ++runs; });
+    EXPECT_TRUE(wait_until([&] { return runs == 1; })) << "only what is in the past is due";
+    EXPECT_TRUE(worker.call([] {}));
+    EXPECT_TRUE(period.stop());
+    EXPECT_TRUE(period.stop()) << "twice";
+    EXPECT_TRUE(once.stop());
+    EXPECT_EQ(1, runs);
+    pz::Timer none;
+    EXPECT_FALSE(none);
+    EXPECT_TRUE(none.stop());
+    EXPECT_EQ(0U, none.missed());
+}

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "support/Gate.h"
@@ -468,21 +469,141 @@ TEST_F(EasyWorkerTest, AWorkerWithoutMemoryIsFalse) {
     EXPECT_TRUE(isStarted);
 }
 
-TEST_F(EasyWorkerTest, ASmallFunctionIsPostedWithoutAnAllocationOfItsOwn) {
+TEST_F(EasyWorkerTest, AFunctionOfUpTo200BytesIsPostedWithoutAnAllocation) {
     pz::Worker worker("tuner");
     std::atomic<int> sum{0};
-    Sized<200> small = {{}, &sum};
-    small.bytes.fill(1);
-    for (int i = 0; i < 1000; ++i) ASSERT_EQ(Posted::ok, worker.post_wait(small, 60s));
-    EXPECT_TRUE(worker.call([] {}));
-    // The box's own list of records may grow by a block now and then, not with every post.
-    constexpr int kPosts = 100;
-    constexpr int kBlocks = 20;
-    const MemoryShortage shortage(kBlocks);
-    int accepted = 0;
-    for (int i = 0; i < kPosts; ++i) {
-        if (worker.post_wait(small, 60s) == Posted::ok) ++accepted;
+    Sized<200> plain = {{}, &sum};
+    plain.bytes.fill(1);
+    // Not plain bytes: it is kept in the worker.
+    const auto kept = [&sum, text = std::string("x")] { sum += static_cast<int>(text.size()); };
+    static_assert(!std::is_trivially_copyable_v<decltype(kept)>);
+    // The box has grown to its most, on both of its sides.
+    for (int round = 0; round < 4; ++round) {
+        {
+            const Busy busy(worker);
+            for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(Posted::ok, worker.post(plain));
+        }
+        ASSERT_TRUE(worker.call([] {}));
     }
-    EXPECT_EQ(kPosts, accepted);
-    EXPECT_EQ(0, shortage.Refused());
+    sum = 0;
+    constexpr int kPosts = 100;
+    int accepted = 0;
+    int refused = 0;
+    {
+        const MemoryShortage shortage;
+        for (int i = 0; i < kPosts; ++i) {
+            if (worker.post_wait(plain, 60s) == Posted::ok) ++accepted;
+            if (worker.post_wait(kept, 60s) == Posted::ok) ++accepted;
+        }
+        refused = shortage.Refused();
+    }
+    EXPECT_EQ(2 * kPosts, accepted);
+    EXPECT_EQ(0, refused);
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(kPosts * (200 - static_cast<int>(sizeof(void*)) + 1), sum);
+}
+
+TEST_F(EasyWorkerTest, PlainAndOtherFunctionsShareRoomAndOrder) {
+    pz::Worker worker("tuner");
+    std::vector<int> order;
+    {
+        const Busy busy(worker);
+        for (int i = 0; i < kCapacity; ++i) {
+            if (i % 2 == 0) {
+                ASSERT_EQ(Posted::ok, worker.post([&order, i] { order.push_back(i); }));
+            } else {
+                const auto number = std::make_shared<int>(i);
+                ASSERT_EQ(Posted::ok, worker.post([&order, number] { order.push_back(*number); }));
+            }
+        }
+        EXPECT_EQ(static_cast<size_t>(kCapacity), worker.pending());
+        const StdoutCapture capture;
+        EXPECT_EQ(Posted::full, worker.post([] {}));
+        auto unused = std::make_unique<int>(7);
+        EXPECT_EQ(Posted::full, worker.post([kept = std::move(unused)] {}));
+    }
+    EXPECT_TRUE(worker.stop(60s));
+    ASSERT_EQ(static_cast<size_t>(kCapacity), order.size());
+    for (int i = 0; i < kCapacity; ++i) EXPECT_EQ(i, order[static_cast<size_t>(i)]);
+}
+
+TEST_F(EasyWorkerTest, AFullWorkerLeavesWhatCannotBePostedWithItsOwner) {
+    /// Moved into the worker, it leaves nothing behind.
+    struct Valuable {
+        std::unique_ptr<int> value;
+        void operator()() const {}
+    };
+    pz::Worker worker("tuner");
+    const Busy busy(worker);
+    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(Posted::ok, worker.post([] {}));
+    Valuable valuable = {std::make_unique<int>(7)};
+    EXPECT_EQ(Posted::full, worker.post_wait(std::move(valuable), 1ms));
+    EXPECT_NE(nullptr, valuable.value);
+}
+
+TEST_F(EasyWorkerTest, WhatWaitsIsNotRunAfterAStopThatGaveUp) {
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    std::atomic<int> runs{0};
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_EQ(Posted::ok, worker.post([&runs] { ++runs; }));
+        ASSERT_EQ(Posted::ok, worker.post([&runs, kept = std::make_shared<int>(i)] { ++runs; }));
+    }
+    {
+        const StdoutCapture capture;
+        EXPECT_FALSE(worker.stop(1ms));
+    }
+    busy.Open();
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(0, runs);
+}
+
+TEST_F(EasyWorkerTest, CallOfAnEmptyFunctionFailsAndIsReported) {
+    pz::Worker worker("tuner");
+    StdoutCapture capture;
+    EXPECT_EQ(CallError::failed, worker.call(std::function<int()>()).error());
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "what was posted by TestBody()@"));
+    EXPECT_EQ(7, worker.call([] { return 7; }).value_or(0));
+}
+
+TEST_F(EasyWorkerTest, PrioritiesAbove255CountAs255) {
+    pz::Worker worker("tuner");
+    std::string order;
+    {
+        const Busy busy(worker);
+        worker.post([&] { order += 'a'; }, static_cast<Priority>(1000));
+        worker.post([&] { order += 'b'; }, Priority::lowest);
+        worker.post([&] { order += 'c'; }, static_cast<Priority>(~0U));
+        worker.post([&] { order += 'd'; }, static_cast<Priority>(254));
+    }
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ("dabc", order);
+}
+
+TEST_F(EasyWorkerTest, StopWithANegativeTimeDoesNotWait) {
+    pz::Worker worker("tuner");
+    Busy busy(worker);
+    {
+        const StdoutCapture capture;
+        EXPECT_FALSE(worker.stop(std::chrono::milliseconds::min()));
+    }
+    busy.Open();
+    EXPECT_TRUE(worker.stop(std::chrono::milliseconds::max()));
+}
+
+TEST_F(EasyWorkerTest, AWorkerThatWasMovedFromAnswersEverything) {
+    pz::Worker first("tuner");
+    const pz::Worker second(std::move(first));
+    EXPECT_FALSE(first);
+    EXPECT_EQ(Posted::stopped, first.post([] {}));
+    EXPECT_EQ(Posted::stopped, first.post([kept = std::make_unique<int>(1)] {}));
+    EXPECT_EQ(Posted::stopped, first.post_wait([] {}, 60s));
+    EXPECT_EQ(CallError::stopped, first.call([] { return 1; }).error());
+    EXPECT_TRUE(first.stop());
+    EXPECT_TRUE(first.stop(0ms));
+    EXPECT_STREQ("", first.name());
+    EXPECT_FALSE(first.is_own_thread());
+    EXPECT_EQ(0U, first.pending());
+    EXPECT_EQ(nullptr, first.box());
+    EXPECT_EQ(0ms, first.now());
 }
