@@ -80,19 +80,20 @@ TEST(traceLiveTest, ShowsWhatAProgramHasCountedItself) {
     EXPECT_EQ(3, passed(shown, "heap_release"));
     // Its slow handler, for which ten others wait.
     EXPECT_TRUE(std::regex_search(
-        shown, std::regex("slowest handlers \\(12 of 12\\)\n[^\n]+\n +[6-9]\\d\\.\\d+  [^\n]+  "
+        shown, std::regex("slowest handlers \\(12 of 12\\)\n[^\n]+\n +[2-9]\\d\\d\\.\\d+  [^\n]+  "
                           "patient  message 7 ")))
         << shown;
     EXPECT_TRUE(std::regex_search(
         shown,
-        std::regex("patient \\(worker 5\\) +12 +[5-9]\\d\\.\\d+ +[5-9]\\d\\.\\d+ [^\n]+ 1[12]\n")))
+        std::regex(
+            "patient \\(worker 5\\) +12 +[1-9]\\d\\d\\.\\d+ +[1-9]\\d\\d\\.\\d+ [^\n]+ 1[12]\n")))
         << shown;
     // The timer that another one's callback delays.
     EXPECT_TRUE(std::regex_search(
-        shown, std::regex("worst late ms[^\n]+\n  0x\\w+ +\\S+ +20 +3 +\\d+ +[1-9]\\d +0\\.")))
+        shown, std::regex("worst late ms[^\n]+\n  0x\\w+ +\\S+ +20 +3 +\\d+ +\\d{2,3} +\\d+\\.")))
         << shown;
-    EXPECT_TRUE(
-        std::regex_search(shown, std::regex("waits for locks[^\n]+\n[^\n]+\n +[45]\\d\\.\\d+  ")))
+    EXPECT_TRUE(std::regex_search(
+        shown, std::regex("waits for locks[^\n]+\n[^\n]+\n +([4-9]\\d|\\d{3})\\.\\d+  ")))
         << shown;
     EXPECT_LT(passed(shown, "lock_wait"), 100) << "a free lock is not waited for";
     const std::string exported = checked_export(file);
@@ -124,7 +125,8 @@ TEST(traceLiveTest, RecordsTwoProcessesOfAScript) {
     EXPECT_TRUE(contains(shown, "pz_display (")) << shown;
     EXPECT_TRUE(contains(shown, "pz_tuner (")) << shown;
     EXPECT_GT(passed(shown, "queue_send"), 2) << shown;
-    EXPECT_EQ(passed(shown, "queue_send"), passed(shown, "queue_receive")) << shown;
+    // The display ends first: what is sent to it after that stays.
+    EXPECT_NEAR(passed(shown, "queue_send"), passed(shown, "queue_receive"), 3) << shown;
     const std::string exported = checked_export(file);
     EXPECT_TRUE(contains(exported, "display")) << exported;
     EXPECT_EQ(0U, exported.find("slices ")) << exported;
@@ -144,12 +146,18 @@ TEST(traceLiveTest, RecordsARunningProcessForSomeTimeOrUntilItIsInterrupted) {
     EXPECT_GT(passed(shown, "msg_end"), 20) << shown;
     EXPECT_EQ(-1, passed(shown, "lock_wait")) << "only what was asked for";
 
-    for (const char* signal : {"INT", "TERM"}) {
+    for (const std::string signal : {"INT", "TERM"}) {
         const std::string interrupted = folder.File(signal);
-        const CommandResult run =
-            run_command(with_tracefs("timeout --foreground -s " + std::string(signal) +
-                                     " 2 " PZ_TRACE " record -o " + interrupted + " -p " + pid));
-        EXPECT_EQ(124, run.status) << run.output;  // timeout's own
+        pztest::write_file(folder.File("commands"),
+                           PZ_TRACE " record -o " + interrupted + " -p " + pid +
+                               " & trace=$!\n"
+                               "passed() { awk '/msg_end/ {n = $3} END {exit n < 50}' "
+                               "/sys/kernel/tracing/uprobe_profile; }\n"
+                               "for i in $(seq 600); do passed && break; sleep 0.1; done\n"
+                               "kill -" +
+                               signal + " $trace; wait $trace\n");
+        const CommandResult run = run_command(with_tracefs("sh " + folder.File("commands")));
+        EXPECT_EQ(0, run.status) << run.output;
         EXPECT_GT(passed(run_trace("show " + interrupted).output, "msg_end"), 20) << run.output;
         EXPECT_FALSE(contains(kernel_events(), "pztrace_")) << signal;
     }

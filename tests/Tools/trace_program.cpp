@@ -1,4 +1,4 @@
-// What traceLiveTest records: a handler of 60 ms with ten messages behind it, an event, a timer
+// What traceLiveTest records: a handler of 200 ms with ten messages behind it, an event, a timer
 // that is late because another one's callback takes 40 ms, a wait of about 50 ms for a lock and
 // none for a free one, and three blocks of the accounted heap. Prints what it has counted itself.
 // With an argument, a message every 2 ms until it is killed instead.
@@ -18,7 +18,7 @@ constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 class Unit : public PZUnitFrame, public PZIDispatcher {
 public:
     void OnReceiveMsg(unsigned int id, const void* /*payload*/, unsigned int /*size*/) override {
-        if (id == kSlow) pz_msleep(60);
+        if (id == kSlow) pz_msleep(200);
         ++messages;
     }
     void OnReceiveEvent(unsigned int /*bits*/) override { ++events; }
