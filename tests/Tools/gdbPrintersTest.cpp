@@ -24,7 +24,8 @@ const char kPrintMark[] = "echo ----\\n\n";
 /// `load` makes the printers known, `environment` is put before the call of gdb.
 std::vector<std::string> run_gdb(const std::vector<std::string>& commands,
                                  const std::string& load = "source " PZ_PRINTERS,
-                                 const std::string& environment = "LC_ALL=C.UTF-8") {
+                                 const std::string& environment = "LC_ALL=C.UTF-8",
+                                 const std::string& program = PZ_PROGRAM) {
     const TempDir dir;
     std::string script = "set debuginfod enabled off\nset print thread-events off\n" + load +
                          "\nbreak inspect\nrun\n" + kPrintMark;
@@ -36,7 +37,7 @@ std::vector<std::string> run_gdb(const std::vector<std::string>& commands,
     }
     write_file(dir.File("commands"), script);
     const CommandResult result = run_command(environment + " " PZ_GDB " -nx -batch -x " +
-                                             dir.File("commands") + " " PZ_PROGRAM " 2>&1");
+                                             dir.File("commands") + " " + program + " 2>&1");
     std::vector<std::string> outputs;
     size_t start = 0;
     for (size_t end = 0; (end = result.output.find(kMark, start)) != std::string::npos;) {
@@ -57,6 +58,7 @@ std::vector<std::string> run_gdb(const std::vector<std::string>& commands,
 std::string without_chance(std::string text) {
     text = std::regex_replace(text, std::regex("0x[0-9a-f]{5,}"), "ADDRESS");
     text = std::regex_replace(text, std::regex("pipe \\d+ to \\d+"), "pipe W to R");
+    text = std::regex_replace(text, std::regex("\\(\\d+ ms\\)"), "(N ms)");
     return std::regex_replace(text, std::regex("due at tick \\d+, in \\d+ ms"), "due later");
 }
 
@@ -89,12 +91,13 @@ long milliseconds_after(const std::string& text, const std::string& mark) {
 
 const char kThreads[] =
     "6 threads = {\n"
-    "  thread 2 = \"ZLTimerSubMng_0\", priority 196, running, watch time 4000 ms,\n"
-    "  thread 3 = \"ZLTimerSubMng_1\", priority 197, running, watch time 4000 ms,\n"
-    "  thread 4 = \"ZLTimerSubMng_2\", priority 198, running, watch time 4000 ms,\n"
-    "  thread 5 = \"ZLTimerSubMng_3\", priority 199, running, watch time 4000 ms,\n"
-    "  thread 6 = \"ZLTimerSubMng_4\", priority 200, running, watch time 4000 ms,\n"
-    "  thread 7 = \"lamp \\\"A\\\"\", priority 251, running, watch time 1500 ms\n"
+    "  thread 2 = \"ZLTimerSubMng_0\", priority 196, waiting, watch time 4000 ms,\n"
+    "  thread 3 = \"ZLTimerSubMng_1\", priority 197, waiting, watch time 4000 ms,\n"
+    "  thread 4 = \"ZLTimerSubMng_2\", priority 198, waiting, watch time 4000 ms,\n"
+    "  thread 5 = \"ZLTimerSubMng_3\", priority 199, waiting, watch time 4000 ms,\n"
+    "  thread 6 = \"ZLTimerSubMng_4\", priority 200, waiting, watch time 4000 ms,\n"
+    "  thread 7 = \"lamp \\\"A\\\"\", priority 251, running message 1 for Lamp at ADDRESS (N ms), "
+    "watch time 600000 ms\n"
     "}";
 
 const char kTimers[] =
@@ -207,9 +210,9 @@ TEST(gdbPrintersTest, ListsTheActiveTimersTheNextOneFirst) {
     EXPECT_LE(left, 1800000);
 }
 
-TEST(gdbPrintersTest, ListsTheBoxesOfTheWorkersWithWhatWaitsInThem) {
+TEST(gdbPrintersTest, ListsTheBoxesOfTheProcessWithWhatWaitsInThem) {
     const std::string boxes =
-        "1 box = {\n"
+        "2 boxes = {\n"
         "  thread 7 \"lamp \\\"A\\\"\" = worker 7, 3 messages, 2 events = {\n"
         "    message lock = lock, free,\n"
         "    dispatcher lock = lock, held by thread 7,\n"
@@ -219,6 +222,10 @@ TEST(gdbPrintersTest, ListsTheBoxesOfTheWorkersWithWhatWaitsInThem) {
         "    event 0 = 0x10 for Lamp at ADDRESS,\n"
         "    event 1 = 0x3 for Lamp at ADDRESS,\n"
         "    dispatcher 0 = Lamp at ADDRESS\n"
+        "  },\n"
+        "  without a thread = not served yet, 0 messages, 0 events = {\n"
+        "    message lock = lock, free,\n"
+        "    dispatcher lock = lock, free\n"
         "  }\n"
         "}";
     const TempDir dir;
@@ -253,8 +260,38 @@ TEST(gdbPrintersTest, TellsThatTheFrameworkIsNotLoaded) {
 TEST(gdbPrintersTest, ListsTheRegisteredThreads) {
     const std::vector<std::string> outputs =
         run_gdb({"set print pretty on", "output *objects->threads", "pz-threads"});
-    EXPECT_EQ(kThreads, outputs[1]);
-    EXPECT_EQ(kThreads, outputs[2]);
+    EXPECT_EQ(kThreads, without_chance(outputs[1]));
+    EXPECT_EQ(kThreads, without_chance(outputs[2]));
+}
+
+TEST(gdbPrintersTest, TellsWaitingRunningAndStuckThreadsApart) {
+    const TempDir dir;
+    const std::string core = dir.File("core");
+    const std::vector<std::string> outputs = run_gdb(
+        {"pz-threads", "generate-core-file " + core, "kill", "core-file " + core, "pz-threads"},
+        "source " PZ_PRINTERS, "LC_ALL=C.UTF-8", PZ_WORKERS);
+    for (const std::string& output : {outputs[0], outputs[4]}) {
+        const std::string shown = without_chance(output);
+        for (const char* const line :
+             {"\"idle\", priority 251, waiting, watch time 600000 ms",
+              "\"busy\", priority 251, running message 3 for Unit at ADDRESS (N ms), watch time "
+              "600000 "
+              "ms",
+              "\"stuck\", priority 251, stuck in event 0x30 for Unit at ADDRESS (N ms), watch time "
+              "1 ms",
+              "\"blocked\", priority 251, stuck, waits for lock \"door\", held by thread 1, at "
+              "ADDRESS "
+              "(N ms) in message 5 for Unit at ADDRESS (N ms), watch time 1 ms",
+              "\"queued\", priority 251, waits for lock \"door\", held by thread 1, at ADDRESS (N "
+              "ms) "
+              "in message 6 for Unit at ADDRESS (N ms), watch time 600000 ms",
+              "stuck in timer Late at ADDRESS (N ms), watch time 1 ms"}) {
+            // The numbers of the threads of a core file may differ.
+            const std::string wanted =
+                std::regex_replace(shown, std::regex("held by thread \\d"), "held by thread 1");
+            EXPECT_NE(std::string::npos, wanted.find(line)) << line << "\n" << shown;
+        }
+    }
 }
 
 TEST(gdbPrintersTest, ShowsTheObjectsInACoreFileAsWell) {

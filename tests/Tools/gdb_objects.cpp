@@ -116,6 +116,15 @@ bool fill_box(Objects& o) {
            o.box->SetEvent(0x10, id) == 0 && o.box->SetEvent(0x3, id) == 0;
 }
 
+/// The timer thread that was woken for the timers may still be on its way through its lock.
+void wait_until_nobody_waits_for_a_lock() {
+    const auto* const waits =
+        static_cast<const ST_INSPECTED_WAIT<PZInspectionLive>*>(pz_inspection.waits.pointer.load());
+    for (unsigned int i = 0; i < pz_inspection.waitCount;) {
+        i = waits[i].tid == 0 ? i + 1 : 0;
+    }
+}
+
 }  // namespace
 
 int main() {
@@ -123,7 +132,7 @@ int main() {
     Objects o;
     objects = &o;
     if (pz_FwInitialize("gdb_objects", 1) == 0) return 1;
-    PZWorker worker(1, 1500, 7);
+    PZWorker worker(1, 600000, 7);
     if (worker.Start("lamp \"A\"") != 0) return 1;
     o.box = dynamic_cast<PZLMsgBox*>(worker.GetMsgBox());
     o.timers = PZLTimerMng::GetTimerMng();
@@ -136,6 +145,7 @@ int main() {
     PZLTimerMng::TimerSubInfo* const slow = o.timers->AddTimer(&blink, 3600000);
     PZLTimerMng::TimerSubInfo* const soon = o.timers->AddTimer(&chime, 1800000);
 
+    wait_until_nobody_waits_for_a_lock();
     inspect();
 
     o.timers->RemoveTimer(slow, &blink);

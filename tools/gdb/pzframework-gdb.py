@@ -205,6 +205,15 @@ def is_live_here():
     return inferior.pid != 0 and connection is not None and connection.type == "native"
 
 
+# The time at which the program stopped, in milliseconds of the monotonic clock.
+stopped_at = None
+
+
+def note_stop(event):
+    global stopped_at
+    stopped_at = int(time.clock_gettime(time.CLOCK_MONOTONIC) * 1000)
+
+
 def readable(operation):
     """Makes an answer of whatever cannot be read."""
     @functools.wraps(operation)
@@ -411,7 +420,7 @@ class MsgBoxPrinter:
 
     @readable
     def to_string(self):
-        messages = next(elements_of_queue(self.value["msgs_"]))
+        messages = sum(next(elements_of_queue(queue)) for queue in self.queues())
         events = next(elements_of_queue(self.value["events_"]))
         worker = int(self.value["workerId_"])
         state = "worker %d" % worker if worker != 0 else "not served yet"
@@ -421,9 +430,7 @@ class MsgBoxPrinter:
     def children(self):
         yield "message lock", self.value["msgSync_"]
         yield "dispatcher lock", self.value["dispatcherSync_"]
-        messages = elements_of_queue(self.value["msgs_"])
-        next(messages)
-        for index, message in enumerate(messages):
+        for index, message in enumerate(self.messages()):
             yield "message %d" % index, self.message_text(message)
         events = elements_of_queue(self.value["events_"])
         next(events)
@@ -432,6 +439,23 @@ class MsgBoxPrinter:
                                                        self.receiver(event["id"]))
         for index, dispatcher in enumerate(keys_of_set(self.value["dispatchers_"])):
             yield "dispatcher %d" % index, self.receiver(dispatcher)
+
+    def queues(self):
+        """What the loop has fetched, and what was posted since; none in a box without memory."""
+        kept = held_pointer(self.value["kept_"])
+        if int(kept) == 0:
+            return []
+        hand_over = kept.dereference()["handOver"]
+        return [hand_over["own_"], hand_over["inbox_"]]
+
+    def messages(self):
+        """In the order of service: of one level those that were fetched come first."""
+        messages = []
+        for queue in self.queues():
+            elements = elements_of_queue(queue)
+            next(elements)
+            messages.extend(itertools.islice(elements, MOST_ELEMENTS))
+        return sorted(messages, key=lambda message: unsigned(message["priority"], 32))
 
     def message_text(self, message):
         priority = unsigned(message["Priority"], 32)
@@ -518,8 +542,99 @@ class TimerMngPrinter:
                    band["sub"].dereference())
 
 
+class Inspection:
+    """The library's own table of what its threads do just now."""
+
+    def __init__(self):
+        self.table = gdb.parse_and_eval("pz_inspection")
+
+    @staticmethod
+    def number(field):
+        return unsigned(field["_M_i"], 32)
+
+    @staticmethod
+    def address(field):
+        return field["pointer"]["_M_b"]["_M_p"]
+
+    def records(self, name, class_):
+        """The records of a list; ends at one that leads nowhere."""
+        type_ = gdb.lookup_type("ST_INSPECTED_%s<PZInspectionLive>" % class_).pointer()
+        record = self.address(self.table[name])
+        for _ in range(MOST_ELEMENTS):
+            if int(record) == 0:
+                return
+            record = record.cast(type_)
+            yield record.dereference()
+            record = self.address(record["next"])
+
+    def entries(self, name, class_):
+        """The entries of an array."""
+        type_ = gdb.lookup_type("ST_INSPECTED_%s<PZInspectionLive>" % class_).pointer()
+        first = self.address(self.table[name]).cast(type_)
+        count = int(self.table[name[:-1] + "Count"])
+        return (first[i] for i in range(min(count, MOST_ELEMENTS)))
+
+    def activities(self):
+        """Kernel id, what it does, and since when, or None while it has nothing to do."""
+        for wait in self.entries("waits", "WAIT"):
+            if int(self.address(wait["lock"])) != 0:
+                yield self.number(wait["tid"]), self.lock_text(wait), self.number(wait["sinceMs"])
+        for box in self.records("boxes", "BOX"):
+            yield self.activity(box, "dispatcher", self.message_text)
+        for band in self.records("bands", "BAND"):
+            yield self.activity(band, "timer", self.timer_text)
+        for queue in self.entries("queues", "QUEUE"):
+            if int(self.address(queue["queue"])) != 0:
+                isRunning = self.number(queue["isNotifying"]) != 0
+                yield (self.number(queue["tid"]), "observers of a queue",
+                       self.number(queue["beganMs"]) if isRunning else None)
+
+    def activity(self, record, running, text):
+        if int(self.address(record[running])) == 0:
+            return self.number(record["tid"]), "", None
+        return self.number(record["tid"]), text(record), self.number(record["beganMs"])
+
+    def lock_text(self, wait):
+        lock = self.address(wait["lock"]).cast(gdb.lookup_type("PZSync").pointer())
+        return "%s, at 0x%x" % (SyncPrinter(lock.dereference()).to_string(), int(lock))
+
+    def message_text(self, box):
+        kind = "event 0x%x" if int(box["isEvent"]["_M_i"]) else "message %d"
+        return (kind + " for %s") % (self.number(box["messageId"]), self.object_text(
+            self.address(box["dispatcher"]), "PZIDispatcher"))
+
+    def timer_text(self, band):
+        return "timer %s" % self.object_text(self.address(band["timer"]), "PZLTimerBase")
+
+    @staticmethod
+    def object_text(address, class_):
+        try:
+            return dynamic_name(address.cast(gdb.lookup_type(class_).pointer()))
+        except UNREADABLE:
+            return "0x%x" % int(address)
+
+
+def states_of_threads():
+    """What each thread does by its kernel id: a text, and for how long; empty without the table."""
+    try:
+        activities = list(Inspection().activities())
+    except UNREADABLE:
+        return {}
+    # Of a core file the newest stamp is known to be past.
+    stamps = [since for _, _, since in activities if since is not None]
+    is_live = is_live_here() and stopped_at is not None
+    now = stopped_at if is_live else max(stamps, default=0)
+    states = {}
+    for tid, text, since in activities:
+        duration = None if since is None else unsigned(now - since, 32)
+        if duration is not None and duration >= 1 << 31:
+            duration = 0  # begun after that time
+        states.setdefault(tid, []).append((text, duration))
+    return states
+
+
 class ThreadMngPrinter:
-    """PZThreadMng: the registered threads in the order of gdb's numbers."""
+    """PZThreadMng: the registered threads in the order of gdb's numbers, and what they do."""
 
     def __init__(self, value):
         self.value = value
@@ -535,16 +650,29 @@ class ThreadMngPrinter:
         threads = [(unsigned(handle, 64), info)
                    for handle, info in items_of_map(self.value["threads_"])]
         threads.sort(key=lambda item: (numbers.get(item[0], MOST_ELEMENTS), item[0]))
+        states = states_of_threads()
         for handle, info in threads:
-            yield thread_text(handle), self.thread_info(info)
+            yield thread_text(handle), self.thread_info(info, states.get(int(info["tid"]), []))
 
-    @staticmethod
-    def thread_info(info):
-        states = {0: "waiting", 1: "running"}
-        status = int(info["status"])
+    def thread_info(self, info, activities):
+        watch = unsigned(info["watchTime"], 32)
         return "%s, priority %d, %s, watch time %d ms" % (
             quoted_array(info["name"]), int(info["priority"]),
-            states.get(status, "status %d" % status), unsigned(info["watchTime"], 32))
+            self.state(info, activities, watch), watch)
+
+    @staticmethod
+    def state(info, activities, watch):
+        """Stuck is what takes longer than the watch time; a lock is waited for inside the rest."""
+        at_work = [(text, duration) for text, duration in activities if duration is not None]
+        if not at_work:
+            status = int(info["status"])
+            states = {0: "waiting", 1: "waiting" if activities else "running"}
+            return states.get(status, "status %d" % status)
+        is_stuck = watch != 0 and any(duration > watch for _, duration in at_work)
+        text = " in ".join("%s (%d ms)" % activity for activity in at_work)
+        if "lock" in at_work[0][0].split(" ")[:2]:
+            return ("stuck, waits for " if is_stuck else "waits for ") + text
+        return ("stuck in " if is_stuck else "running ") + text
 
 
 # Registration.
@@ -582,9 +710,10 @@ class PrinterOfClass(gdb.printing.PrettyPrinter):
 
 def missing_symbols():
     """Why the framework's objects are not known here, and what helps; None when they are."""
-    if gdb.lookup_global_symbol("pz_FwInitialize") is not None:
+    objfiles = gdb.objfiles()
+    if any(objfile.lookup_global_symbol("pz_FwInitialize") for objfile in objfiles):
         return None
-    for objfile in gdb.objfiles():
+    for objfile in objfiles:
         library = re.search(r"/libpzframework\.so(?:\.(\d+))?[^/]*$", objfile.filename or "")
         if library:
             return ("%s has no debug symbols: install the package libpzframework%s-dbgsym, "
@@ -599,14 +728,15 @@ class FrameworkCommand(gdb.Command):
         super().__init__(name, gdb.COMMAND_DATA)
 
     def invoke(self, argument, from_tty):
-        missing = missing_symbols()
-        if missing:
-            print(missing)
-            return
+        # The program mostly stands in the C library: names are those of C++ all the same.
+        language = gdb.parameter("language")
+        gdb.execute("set language c++", to_string=True)
         try:
-            self.print_all()
+            print(missing_symbols() or self.listing())
         except UNREADABLE as error:
             print("not readable: %s" % error)
+        finally:
+            gdb.execute("set language " + language, to_string=True)
 
 
 def instance_of(class_):
@@ -623,57 +753,67 @@ class SingletonCommand(FrameworkCommand):
         self.class_ = class_
         super().__init__(name)
 
-    def print_all(self):
+    def listing(self):
         instance = instance_of(self.class_)
         if instance is None:
-            print("there is no %s" % self.class_)
-        else:
-            print(instance.format_string(pretty_structs=True))
+            return "there is no %s" % self.class_
+        return instance.format_string(pretty_structs=True)
+
+
+def offset_of(type_, name):
+    return next(field.bitpos // 8 for field in type_.fields() if field.name == name)
 
 
 class BoxesCommand(FrameworkCommand):
-    """List the message boxes of the program's workers, with what waits in them."""
+    """List the message boxes of the program, with what waits in them."""
 
     def __init__(self):
         super().__init__("pz-boxes")
 
-    def print_all(self):
-        boxes = list(self.boxes())
-        print("1 box" if len(boxes) == 1 else "%d boxes" % len(boxes), end="")
-        rows = ["%s = %s" % (name, box.format_string(pretty_structs=True)) for name, box in boxes]
-        print(" = {\n  %s\n}" % ",\n".join(rows).replace("\n", "\n  ") if rows else "")
+    def listing(self):
+        rows = ["%s = %s" % (name, box.format_string(pretty_structs=True))
+                for name, box in self.boxes()]
+        count = "1 box" if len(rows) == 1 else "%d boxes" % len(rows)
+        return count + (" = {\n  %s\n}" % ",\n".join(rows).replace("\n", "\n  ") if rows else "")
 
     def boxes(self):
-        """What the registered threads serve, in the order of gdb's numbers."""
-        registry = instance_of("PZThreadMng")
-        if registry is None:
-            return
+        """In the order of gdb's numbers of the threads that serve them."""
+        inspection = Inspection()
+        threads = {inspection.number(thread["tid"]): thread
+                   for thread in inspection.records("threads", "THREAD")}
         numbers = thread_numbers()
-        threads = [(unsigned(handle, 64), info)
-                   for handle, info in items_of_map(registry["threads_"])]
-        threads.sort(key=lambda item: (numbers.get(item[0], MOST_ELEMENTS), item[0]))
-        for handle, info in threads:
-            box = self.box_of(info["owner"])
-            if box is not None:
-                yield "%s %s" % (thread_text(handle), quoted_array(info["name"])), box
+        boxes = []
+        for record in inspection.records("boxes", "BOX"):
+            thread = threads.get(inspection.number(record["tid"]))
+            boxes.append((self.name_of(thread, numbers), self.box_of(record)))
+        boxes.sort(key=lambda row: row[0])
+        for (_, name), box in boxes:
+            yield name, box
 
     @staticmethod
-    def box_of(owner):
-        """The box that a thread object serves; None when its thread has none."""
-        if int(owner) == 0:
-            return None
-        try:
-            # Any instance of the template: the object itself tells which one it is.
-            thread = owner.cast(gdb.lookup_type("PZThread<PZWorker>").pointer())
-            served = thread.cast(thread.dynamic_type).dereference()["owner_"].dereference()
-            fields = [field.name for field in served.type.fields()]
-            if "msgBox_" in fields:
-                return held_pointer(served["msgBox_"]).dereference()
-            return served["box_"] if "box_" in fields else None
-        except UNREADABLE:
-            return None
+    def name_of(thread, numbers):
+        """For the order, and to be shown."""
+        if thread is None:
+            return MOST_ELEMENTS, "without a thread"
+        handle = int(Inspection.address(thread["handle"]))
+        name = Inspection.address(thread["name"]).cast(gdb.lookup_type("char").pointer())
+        label = quoted_bytes(memory(int(name), 256).split(b"\0")[0], "XCP_UTF8")
+        return numbers.get(handle, MOST_ELEMENTS - 1), "%s %s" % (thread_text(handle), label)
+
+    @staticmethod
+    def box_of(record):
+        """The box that keeps the record: by way of its lock, which it refers to."""
+        kept_type = gdb.lookup_type("PZLMsgBox::Kept")
+        shown = next(field for field in kept_type.fields() if field.name == "shown")
+        address = int(record.address) - shown.bitpos // 8 - offset_of(shown.type, "box_")
+        kept = gdb.Value(address).cast(kept_type.pointer()).dereference()
+        lock = int(kept["handOver"]["sync_"].referenced_value().address)
+        type_ = gdb.lookup_type("PZLMsgBox")
+        box = gdb.Value(lock - offset_of(type_, "msgSync_")).cast(type_.pointer())
+        return box.dereference()
 
 
+gdb.events.stop.connect(note_stop)
 gdb.printing.register_pretty_printer(gdb.current_objfile(), PrinterOfClass(), replace=True)
 SingletonCommand("pz-threads", "PZThreadMng", "List the registered threads of the program.")
 SingletonCommand("pz-timers", "PZLTimerMng", "List the active timers by their threads.")
