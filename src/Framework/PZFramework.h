@@ -9,6 +9,7 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/PZSupervisor.h>
 #include <Framework/Diagnostics/pz_inspection.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Diagnostics/pz_stack.h>

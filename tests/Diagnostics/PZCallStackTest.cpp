@@ -478,3 +478,27 @@ TEST_F(PZCallStackDemangledTest, KeepsErrno) {
     Shown("/usr/bin/radio(_Z4tunei+0x1f) [0x4012ab]");
     EXPECT_EQ(EDOM, errno);
 }
+
+TEST_F(PZCallStackTest, TakesAddressesFromElsewhereWithTheirSymbolLines) {
+    backtrace_symbols_call.Replace(&short_lines);
+    PZCallStack stack;
+    int marks[40];
+    void* addresses[40];
+    for (int i = 0; i < 40; ++i) addresses[i] = &marks[i];
+    stack.assign(addresses, 2);
+    EXPECT_EQ(2, stack.size());
+    EXPECT_EQ(&marks[1], stack.getAddress(1));
+    EXPECT_EQ(nullptr, stack.getAddress(2));
+    EXPECT_STREQ("frame 1", stack.getSymbol(1));
+    stack.assign(addresses, 40);
+    EXPECT_EQ(32, stack.size());
+    EXPECT_EQ(&marks[31], stack.getAddress(31));
+    EXPECT_STREQ("frame 31", stack.getSymbol(31));
+    for (const int count : {0, -1}) {
+        stack.assign(addresses, 3);
+        stack.assign(addresses, count);
+        EXPECT_EQ(0, stack.size());
+    }
+    stack.assign(nullptr, 3);
+    EXPECT_EQ(0, stack.size());
+}

@@ -20,6 +20,10 @@ public:
     /// kept, for a depth of 0 or below -1.
     int take(int depth, bool withSymbols);
 
+    /// Makes the snapshot one of these addresses, at most 32, with their symbol lines: of another
+    /// thread's stack, say. A null pointer or a count below 1 leaves it empty.
+    void assign(void* const* addresses, int count);
+
     /// Number of captured frames.
     int size() const noexcept;
 
@@ -38,6 +42,8 @@ public:
     static void dumpDirectly(int depth);
 
 private:
+    PZ_LOCAL void TakeSymbols();
+
     static constexpr int kMaxFrames = 32;
     static constexpr int kSymbolSize = 256;
 

@@ -54,14 +54,26 @@ int PZCallStack::take(int depth, bool withSymbols) {
     const PZErrnoKeeper keeper;
     const int limit = depth == -1 ? kMaxFrames : std::min(depth, kMaxFrames);
     count_ = std::min(backtrace(addresses_, limit), limit);
-    if (!withSymbols) return count_;
+    if (withSymbols) TakeSymbols();
+    return count_;
+}
 
+void PZCallStack::assign(void* const* addresses, int count) {
+    const PZErrnoKeeper keeper;
+    count_ = 0;
+    while (addresses != nullptr && count_ < count && count_ < kMaxFrames) {
+        addresses_[count_] = addresses[count_];
+        ++count_;
+    }
+    TakeSymbols();
+}
+
+void PZCallStack::TakeSymbols() {
     const SymbolLines lines = translate(addresses_, count_);
     for (int i = 0; i < count_; ++i) {
         // Without a translation the slots become empty: they must not describe older frames.
         std::snprintf(symbols_[i], sizeof symbols_[i], "%s", lines ? lines.get()[i] : "");
     }
-    return count_;
 }
 
 int PZCallStack::size() const noexcept {

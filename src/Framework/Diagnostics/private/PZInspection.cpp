@@ -69,6 +69,11 @@ std::mutex& pz_inspection_lock() {
     return lock;
 }
 
+// Of a process that forks just now the lists are whole, and their lock is free in the child.
+[[maybe_unused]] static const bool isToldOfForks =
+    pthread_atfork([] { pz_inspection_lock().lock(); }, [] { pz_inspection_lock().unlock(); },
+                   [] { pz_inspection_lock().unlock(); }) == 0;
+
 std::uint32_t pz_inspection_now() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC_COARSE, &now);

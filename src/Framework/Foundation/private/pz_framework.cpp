@@ -6,6 +6,7 @@
 
 #include <new>
 
+#include <Framework/Diagnostics/PZSupervisor.h>
 #include <Framework/Foundation/PZLHeapMng.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZThreadMng.h>
@@ -75,6 +76,7 @@ int pz_FwInitialize(const char* name, int id) {
 void pz_FwFinalize() {
     if (!framework.initialized) return;
 
+    PZSupervisor::Stop();
     framework.timerMng = nullptr;
     if (framework.threadMng != nullptr) {
         framework.threadMng->finalize();

@@ -1,0 +1,851 @@
+#include "Framework/Diagnostics/PZSupervisor.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Diagnostics/PZCallStack.h>
+#include <Framework/Foundation/PZIDispatcher.h>
+#include <Framework/Foundation/PZLMsgBox.h>
+#include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/Foundation/PZThread.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
+#include <Framework/Utility/PZLTimerMng.h>
+
+#include "support/CallbackTimer.h"
+#include "support/ChildProcess.h"
+#include "support/Gate.h"
+#include "support/MemoryShortage.h"
+#include "support/OwnProcess.h"
+#include "support/StdoutCapture.h"
+#include "support/TestQueue.h"
+#include "support/WaitUntil.h"
+
+namespace {
+
+using pztest::Gate;
+using pztest::wait_until;
+
+constexpr unsigned int kIntervalMs = 10;
+constexpr unsigned int kShortMs = 50;     // a watch time that is meant to be exceeded
+constexpr unsigned int kLongMs = 600000;  // one that is not
+constexpr unsigned int kOrdinary = 128;
+constexpr int kFull = 3;
+constexpr int kCapacity = 256;
+
+/// What a callback was told, with copies of what is valid only meanwhile.
+struct Told : PZSupervisor::ST_FINDING {
+    explicit Told(const ST_FINDING& finding) : ST_FINDING(finding), name(finding.threadName) {
+        for (int i = 0; callStack != nullptr && i < callStack->size(); ++i) {
+            addresses.push_back(callStack->getAddress(i));
+            lines.emplace_back(callStack->getSymbol(i));
+        }
+    }
+    bool Has(const void* address) const {
+        return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+    }
+
+    std::string name;
+    std::vector<const void*> addresses;
+    std::vector<std::string> lines;
+};
+
+/// Everything that was told.
+class Record {
+public:
+    static void OnFinding(const PZSupervisor::ST_FINDING& finding, void* user) {
+        auto* const record = static_cast<Record*>(user);
+        const std::lock_guard<std::mutex> lock(record->mutex_);
+        record->told_.emplace_back(finding);
+    }
+
+    std::vector<Told> All() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return told_;
+    }
+    size_t Count() const { return All().size(); }
+    bool WaitForCount(size_t count) const {
+        return wait_until([this, count] { return Count() >= count; });
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Told> told_;
+};
+
+/// Where the caller goes on: stands in the call stack as long as the caller's call runs.
+#define CALLER __builtin_return_address(0)
+
+/// A worker whose handler does what the test wants.
+class TestWorker : public PZIDispatcher {
+public:
+    using Handler = std::function<void()>;
+
+    TestWorker(const char* name, unsigned int watchTimeMs, unsigned int number, Handler handler)
+        : handler_(std::move(handler)), worker_(1, watchTimeMs, number) {
+        isStarted_ = worker_.Start(name) == 0;
+        id_ = worker_.GetMsgBox()->Registory(this);
+    }
+    ~TestWorker() override { worker_.End(0); }
+
+    bool IsStarted() const { return isStarted_; }
+    unsigned int Post(unsigned int msgId) {
+        PZIMsgBox::ST_PUSH_MSG_DATA message = {id_, msgId, kOrdinary, nullptr, 0};
+        return worker_.GetMsgBox()->PushMsg(message);
+    }
+    unsigned int PostEvent(unsigned int bits) { return worker_.GetMsgBox()->SetEvent(bits, id_); }
+
+    void OnReceiveMsg(unsigned int, const void*, unsigned int) override { handler_(); }
+    void OnReceiveEvent(unsigned int) override { handler_(); }
+
+    const PZIDispatcher* Dispatcher() const { return this; }
+    int Tid() const { return tid_; }
+    pthread_t Handle() const { return handle_; }
+    void NoteThread() {
+        tid_ = gettid();
+        handle_ = pthread_self();
+    }
+
+private:
+    Handler handler_;
+    std::atomic<int> tid_{0};
+    std::atomic<pthread_t> handle_{0};
+    PZWorker worker_;
+    bool isStarted_ = false;
+    unsigned long id_ = 0;
+};
+
+/// One whose handler waits at a gate.
+class HangingWorker {
+public:
+    explicit HangingWorker(const char* name = "hanging", unsigned int watchTimeMs = kShortMs,
+                           unsigned int number = 7)
+        : worker_(name, watchTimeMs, number, [this] { Hang(); }) {}
+    ~HangingWorker() { gate_.Open(); }
+
+    /// Posts a message, and returns when its handler hangs.
+    bool HangIn(unsigned int msgId) {
+        return worker_.IsStarted() && worker_.Post(msgId) == 0 && gate_.WaitForArrival();
+    }
+    bool HangInEvent(unsigned int bits) {
+        return worker_.PostEvent(bits) == 0 && gate_.WaitForArrival();
+    }
+    void Release() { gate_.Open(); }
+    TestWorker& Worker() { return worker_; }
+    const void* Caller() const { return caller_; }
+
+private:
+    [[gnu::noinline]] void Hang() {
+        caller_ = CALLER;
+        worker_.NoteThread();
+        gate_.Pass();
+    }
+
+    Gate gate_;
+    std::atomic<const void*> caller_{nullptr};
+    TestWorker worker_;  // ends first
+};
+
+class PZSupervisorTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(0, pz_FwInitialize("supervised", 1)); }
+    void TearDown() override { PZSupervisor::Stop(); }
+
+    bool Start(int stackSignal = PZSupervisor::kNoCallStack) {
+        return PZSupervisor::Start(&Record::OnFinding, &record, kIntervalMs, stackSignal);
+    }
+
+    /// Waits until the supervision has looked at the process a few times more: until it has told
+    /// of a worker that begins to hang now.
+    void WaitForLooks() {
+        HangingWorker probe("probe", kShortMs, 99);
+        ASSERT_TRUE(probe.HangIn(1));
+        const auto toldOfProbe = [this](bool isOver) {
+            const std::vector<Told> told = record.All();
+            return std::any_of(told.begin(), told.end(), [isOver](const Told& one) {
+                return one.name == "probe" && one.isOver == isOver;
+            });
+        };
+        ASSERT_TRUE(wait_until([&] { return toldOfProbe(false); }));
+        probe.Release();
+        ASSERT_TRUE(wait_until([&] { return toldOfProbe(true); }));
+    }
+
+    /// What was told of threads of this name.
+    std::vector<Told> ToldOf(const std::string& name) const {
+        std::vector<Told> told = record.All();
+        told.erase(std::remove_if(told.begin(), told.end(),
+                                  [&](const Told& one) { return one.name != name; }),
+                   told.end());
+        return told;
+    }
+
+    Record record;
+};
+
+int signal_that_is_free() {
+    return SIGRTMIN + 7;
+}
+
+void (*action_of(int signal))(int) {
+    struct sigaction action = {};
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler;
+}
+
+}  // namespace
+
+TEST_F(PZSupervisorTest, TellsOfAHandlerThatHangsOnceWhenItBeginsAndOnceWhenItIsOver) {
+    ASSERT_TRUE(Start());
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangIn(4711));
+    ASSERT_TRUE(record.WaitForCount(1));
+    WaitForLooks();
+    std::vector<Told> told = ToldOf("hanging");
+    ASSERT_EQ(1U, told.size());
+    EXPECT_EQ(PZSupervisor::en_HANDLER, told[0].kind);
+    EXPECT_FALSE(told[0].isOver);
+    EXPECT_EQ(hanging.Worker().Tid(), told[0].tid);
+    EXPECT_EQ(7, told[0].worker);
+    EXPECT_EQ(hanging.Worker().Dispatcher(), told[0].object);
+    EXPECT_EQ(hanging.Worker().Dispatcher(), told[0].dispatcher);
+    EXPECT_EQ(4711U, told[0].messageId);
+    EXPECT_FALSE(told[0].isEvent);
+    EXPECT_GT(told[0].durationMs, kShortMs);
+    EXPECT_EQ(kShortMs, told[0].watchTimeMs);
+    EXPECT_EQ(nullptr, told[0].callStack);
+
+    hanging.Release();
+    ASSERT_TRUE(wait_until([this] { return ToldOf("hanging").size() == 2; }));
+    WaitForLooks();
+    told = ToldOf("hanging");
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(PZSupervisor::en_HANDLER, told[1].kind);
+    EXPECT_TRUE(told[1].isOver);
+    EXPECT_EQ(4711U, told[1].messageId);
+    EXPECT_EQ(7, told[1].worker);
+    EXPECT_GE(told[1].durationMs, told[0].durationMs);
+}
+
+TEST_F(PZSupervisorTest, TellsOfAnEventHandlerThatHangsWithItsBits) {
+    ASSERT_TRUE(Start());
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangInEvent(0x50));
+    ASSERT_TRUE(record.WaitForCount(1));
+    const Told told = record.All()[0];
+    EXPECT_EQ(PZSupervisor::en_HANDLER, told.kind);
+    EXPECT_TRUE(told.isEvent);
+    EXPECT_EQ(0x50U, told.messageId);
+}
+
+TEST_F(PZSupervisorTest, DoesNotTellOfAWorkerThatIsBusyAndDoesNotHang) {
+    constexpr unsigned int kWatchMs = 1000;
+    ASSERT_TRUE(Start());
+    std::atomic<bool> isEnough{false};
+    TestWorker* self = nullptr;
+    TestWorker busy("busy", kWatchMs, 1, [&] {
+        pz_msleep(1);
+        if (!isEnough) self->Post(1);
+    });
+    self = &busy;
+    ASSERT_EQ(0U, busy.Post(1));
+    HangingWorker hanging("hanging", kWatchMs, 2);
+    ASSERT_TRUE(hanging.HangIn(1));  // hangs while the other one is busy
+    ASSERT_TRUE(record.WaitForCount(1));
+    isEnough = true;
+    EXPECT_EQ("hanging", record.All()[0].name);
+    EXPECT_EQ(1U, record.Count());
+}
+
+TEST_F(PZSupervisorTest, TellsOfTwoHandlersThatHangOneAfterTheOther) {
+    ASSERT_TRUE(Start());
+    TestWorker slow("slow", kShortMs, 1, [this] {
+        const size_t before = ToldOf("slow").size();
+        wait_until([&] { return ToldOf("slow").size() > before; });
+    });
+    ASSERT_EQ(0U, slow.Post(1));
+    ASSERT_TRUE(wait_until([this] { return ToldOf("slow").size() == 2; }));
+    ASSERT_EQ(0U, slow.Post(2));
+    ASSERT_TRUE(wait_until([this] { return ToldOf("slow").size() == 4; }));
+    const std::vector<Told> told = ToldOf("slow");
+    for (size_t i = 0; i < told.size(); ++i) {
+        EXPECT_EQ(i / 2 + 1, told[i].messageId);
+        EXPECT_EQ(i % 2 == 1, told[i].isOver);
+    }
+}
+
+TEST_F(PZSupervisorTest, TellsOfATimerCallbackThatHangs) {
+    ASSERT_TRUE(Start());
+    Gate gate;
+    std::atomic<unsigned long> thread{0};
+    std::atomic<unsigned int> usualMs{0};
+    pztest::CallbackTimer timer([&](pztest::TimerInfo*) {
+        usualMs = PZThreadMng::GetInstance()->getWatchTime(pthread_self());
+        PZThreadMng::GetInstance()->setWatchTime(pthread_self(), kShortMs);
+        thread = pthread_self();
+        gate.Pass();
+        return 0;
+    });
+    PZLTimerMng* const timers = PZLTimerMng::GetTimerMng();
+    PZLTimerMng::TimerSubInfo* const band = timers->AddTimer(&timer, 1);
+    ASSERT_NE(nullptr, band);
+    ASSERT_TRUE(record.WaitForCount(1));
+    gate.Open();
+    ASSERT_TRUE(record.WaitForCount(2));
+    timers->RemoveTimer(band, &timer);
+    PZThreadMng::GetInstance()->setWatchTime(thread, usualMs);
+
+    const std::vector<Told> told = record.All();
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(PZSupervisor::en_TIMER, told[0].kind);
+    EXPECT_EQ(0U, told[0].name.find("ZLTimerSubMng_")) << told[0].name;
+    EXPECT_EQ(static_cast<const PZLTimerBase*>(&timer), told[0].object);
+    EXPECT_EQ(nullptr, told[0].dispatcher);
+    EXPECT_EQ(-1, told[0].worker);
+    EXPECT_EQ(kShortMs, told[0].watchTimeMs);
+    EXPECT_FALSE(told[0].isOver);
+    EXPECT_TRUE(told[1].isOver);
+    EXPECT_EQ(4000U, usualMs);
+}
+
+TEST_F(PZSupervisorTest, TellsOfAnObserverOfAReceivedMessageThatHangs) {
+    struct Observer : PZObserver_ {
+        unsigned int OnNotify(unsigned int, void*, unsigned int) override {
+            PZThreadMng::GetInstance()->setWatchTime(pthread_self(), kShortMs);
+            tid = gettid();
+            gate.Pass();
+            return 0;
+        }
+        Gate gate;
+        std::atomic<int> tid{0};
+    } observer;
+    ASSERT_TRUE(Start());
+    const pztest::QueueName name;
+    PZMsgQ::PZMessageQueue<1> receiver;
+    PZMsgQ::PZMessageQueue<0> sender;
+    ASSERT_TRUE(receiver.open({name.Get(), &observer}));
+    ASSERT_TRUE(sender.open({name.Get()}));
+    ASSERT_EQ(0, sender.send("x", 1, 1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    observer.gate.Open();
+    ASSERT_TRUE(record.WaitForCount(2));
+    sender.close();
+    receiver.close();
+
+    const std::vector<Told> told = record.All();
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(PZSupervisor::en_OBSERVER, told[0].kind);
+    EXPECT_EQ("mq_" + name.Text(), told[0].name);
+    EXPECT_EQ(observer.tid, told[0].tid);
+    EXPECT_EQ(kShortMs, told[0].watchTimeMs);
+    EXPECT_NE(nullptr, told[0].object);
+    EXPECT_TRUE(told[1].isOver);
+    EXPECT_EQ(told[0].object, told[1].object);
+}
+
+TEST_F(PZSupervisorTest, TellsOfAThreadThatWaitsTooLongForALock) {
+    ASSERT_TRUE(Start());
+    PZSync lock;
+    auto held = std::make_unique<PZSyncLock>(lock);
+    struct Waiter {
+        explicit Waiter(PZSync& l) : lock(l) {}
+        int Initialize() { return 0; }
+        void MainProc() {
+            tid = gettid();
+            const PZSyncLock own(lock);
+        }
+        void Finalize() {}
+        PZSync& lock;
+        std::atomic<int> tid{0};
+    } waiter(lock);
+    PZThread<Waiter> thread(&waiter, kShortMs);
+    ASSERT_TRUE(thread.Start("waiting"));
+    ASSERT_TRUE(record.WaitForCount(1));
+    held.reset();
+    ASSERT_TRUE(record.WaitForCount(2));
+    thread.WaitExit();
+
+    const std::vector<Told> told = record.All();
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(PZSupervisor::en_LOCK, told[0].kind);
+    EXPECT_EQ("waiting", told[0].name);
+    EXPECT_EQ(waiter.tid, told[0].tid);
+    EXPECT_EQ(&lock, told[0].object);
+    EXPECT_EQ(-1, told[0].worker);
+    EXPECT_EQ(kShortMs, told[0].watchTimeMs);
+    EXPECT_GT(told[0].durationMs, kShortMs);
+    EXPECT_FALSE(told[0].isOver);
+    EXPECT_EQ(PZSupervisor::en_LOCK, told[1].kind);
+    EXPECT_TRUE(told[1].isOver);
+}
+
+TEST_F(PZSupervisorTest, TellsOfTheHandlerInWhichAWorkerWaitsForALock) {
+    ASSERT_TRUE(Start());
+    PZSync lock;
+    TestWorker blocked("blocked", kShortMs, 5, [&lock] { const PZSyncLock own(lock); });
+    auto held = std::make_unique<PZSyncLock>(lock);
+    ASSERT_EQ(0U, blocked.Post(31));
+    ASSERT_TRUE(record.WaitForCount(2));
+    held.reset();
+    ASSERT_TRUE(record.WaitForCount(4));
+    const std::vector<Told> told = record.All();
+    for (const PZSupervisor::EN_KIND kind : {PZSupervisor::en_HANDLER, PZSupervisor::en_LOCK}) {
+        EXPECT_EQ(2, std::count_if(told.begin(), told.end(), [&](const Told& one) {
+                      return one.kind == kind && one.worker == 5 && one.messageId == 31 &&
+                             one.dispatcher == blocked.Dispatcher();
+                  }));
+    }
+}
+
+TEST_F(PZSupervisorTest, TellsOfABoxThatRefusesPosts) {
+    ASSERT_TRUE(Start());
+    HangingWorker flooded("flooded", kLongMs, 3);
+    ASSERT_TRUE(flooded.HangIn(1));
+    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(0U, flooded.Worker().Post(2));
+    WaitForLooks();
+    EXPECT_EQ(0U, ToldOf("flooded").size());  // full, but nothing was refused
+    {
+        const pztest::StdoutCapture capture;
+        ASSERT_EQ(static_cast<unsigned int>(kFull), flooded.Worker().Post(3));
+    }
+    ASSERT_TRUE(wait_until([this] { return ToldOf("flooded").size() == 1; }));
+    WaitForLooks();
+    std::vector<Told> told = ToldOf("flooded");
+    ASSERT_EQ(1U, told.size());  // it is still full
+    EXPECT_EQ(PZSupervisor::en_REFUSAL, told[0].kind);
+    EXPECT_EQ(1U, told[0].refused);
+    EXPECT_EQ(3, told[0].worker);
+    EXPECT_EQ(1U, told[0].messageId);
+    EXPECT_EQ(flooded.Worker().Dispatcher(), told[0].dispatcher);
+    EXPECT_EQ(flooded.Worker().Tid(), told[0].tid);
+    EXPECT_FALSE(told[0].isOver);
+
+    flooded.Release();
+    ASSERT_TRUE(wait_until([this] { return ToldOf("flooded").size() == 2; }));
+    WaitForLooks();
+    told = ToldOf("flooded");
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(PZSupervisor::en_REFUSAL, told[1].kind);
+    EXPECT_TRUE(told[1].isOver);
+}
+
+TEST_F(PZSupervisorTest, TellsOfABoxThatWasRefusingBeforeTheStart) {
+    HangingWorker flooded("flooded", kLongMs, 3);
+    ASSERT_TRUE(flooded.HangIn(1));
+    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(0U, flooded.Worker().Post(2));
+    {
+        const pztest::StdoutCapture capture;
+        ASSERT_EQ(static_cast<unsigned int>(kFull), flooded.Worker().Post(3));
+    }
+    ASSERT_TRUE(Start());
+    ASSERT_TRUE(record.WaitForCount(1));
+    EXPECT_EQ(PZSupervisor::en_REFUSAL, record.All()[0].kind);
+}
+
+TEST_F(PZSupervisorTest, DoesNotTellOfThreadsWithoutAWatchTime) {
+    ASSERT_TRUE(Start());
+    HangingWorker unwatched("unwatched", 0, 1);
+    ASSERT_TRUE(unwatched.HangIn(1));
+    WaitForLooks();
+    EXPECT_EQ(0U, ToldOf("unwatched").size());
+}
+
+TEST_F(PZSupervisorTest, AThreadMayBeRenamedWhileItHangs) {
+    ASSERT_TRUE(Start());
+    HangingWorker hanging("first name");
+    ASSERT_TRUE(hanging.HangIn(1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    for (int i = 0; i < 100; ++i) {
+        const std::string label = "name " + std::to_string(i);
+        PZThreadMng::GetInstance()->setLabel(hanging.Worker().Handle(), label.c_str());
+        pz_msleep(1);
+    }
+    hanging.Release();
+    ASSERT_TRUE(record.WaitForCount(2));
+    EXPECT_EQ("first name", record.All()[0].name);
+    EXPECT_EQ("first name", record.All()[1].name);  // as it was told
+}
+
+TEST_F(PZSupervisorTest, TellsOfManyThreadsThatHangTogether) {
+    constexpr size_t kThreads = 40;  // more than are kept at a time
+    constexpr size_t kAtATime = 32;
+    ASSERT_TRUE(Start());
+    std::vector<std::unique_ptr<HangingWorker>> workers;
+    for (size_t i = 0; i < kThreads; ++i) {
+        workers.push_back(std::make_unique<HangingWorker>(("many_" + std::to_string(i)).c_str()));
+        ASSERT_TRUE(workers[i]->HangIn(1));
+    }
+    ASSERT_TRUE(record.WaitForCount(kAtATime));
+    EXPECT_EQ(kAtATime, record.Count());
+    const auto told = [this](bool isOver) {
+        std::vector<std::string> names;
+        for (const Told& one : record.All()) {
+            if (one.isOver == isOver) names.push_back(one.name);
+        }
+        return names;
+    };
+    // Those that were told make room for the rest.
+    for (const std::string& name : told(false)) {
+        workers[std::stoul(name.substr(std::string("many_").size()))]->Release();
+    }
+    ASSERT_TRUE(wait_until([&] { return told(false).size() == kThreads; }));
+    for (const auto& worker : workers) worker->Release();
+    ASSERT_TRUE(wait_until([&] { return told(true).size() == kThreads; }));
+
+    for (const bool isOver : {false, true}) {
+        std::vector<std::string> names = told(isOver);
+        std::sort(names.begin(), names.end());
+        EXPECT_EQ(names.end(), std::adjacent_find(names.begin(), names.end()));
+    }
+}
+
+TEST_F(PZSupervisorTest, GivesTheCallStackOfTheThreadThatHangs) {
+    ASSERT_TRUE(Start(PZSupervisor::kAnySignal));
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangIn(1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    hanging.Release();
+    ASSERT_TRUE(record.WaitForCount(2));
+    const std::vector<Told> told = record.All();
+    ASSERT_NE(nullptr, told[0].callStack);
+    EXPECT_TRUE(told[0].Has(hanging.Caller()));
+    EXPECT_TRUE(std::all_of(told[0].lines.begin(), told[0].lines.end(),
+                            [](const std::string& line) { return !line.empty(); }));
+    // The way into the signal handler is left out.
+    EXPECT_EQ(std::string::npos, told[0].lines[0].find("libpzframework")) << told[0].lines[0];
+    EXPECT_EQ(nullptr, told[1].callStack);
+}
+
+TEST_F(PZSupervisorTest, GivesTheCallStackOfAThreadInsideMallocAndInsideTheFrameworksLocks) {
+    constexpr int kRounds = 20;
+    ASSERT_TRUE(Start(PZSupervisor::kAnySignal));
+    std::atomic<size_t> round{0};
+    std::atomic<const void*> caller{nullptr};
+    TestWorker* self = nullptr;
+    TestWorker working("working", kShortMs, 1, [&] {
+        // Every round is told of while it works.
+        const auto work = [&]() __attribute__((noinline)) {
+            caller = CALLER;
+            while (record.Count() < 2 * round + 1) {
+                std::free(std::malloc(1000 + static_cast<size_t>(std::rand()) % 100000));
+                PZThreadMng::GetInstance()->getWatchTime(pthread_self());
+                std::vector<unsigned long> active;
+                PZThreadMng::GetInstance()->getActiveThreadList(active);
+            }
+        };
+        work();
+        caller.load();
+    });
+    self = &working;
+    for (round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(0U, self->Post(1));
+        ASSERT_TRUE(record.WaitForCount(2 * round + 2));
+    }
+    const std::vector<Told> told = record.All();
+    for (size_t i = 0; i < told.size(); i += 2) {
+        ASSERT_NE(nullptr, told[i].callStack) << i;
+        EXPECT_TRUE(told[i].Has(caller)) << i;
+    }
+}
+
+TEST_F(PZSupervisorTest, TellsWithoutACallStackWhenTheThreadBlocksTheSignal) {
+    const int signal = signal_that_is_free();
+    ASSERT_TRUE(Start(signal));
+    Gate gate;
+    TestWorker blocking("blocking", kShortMs, 1, [&] {
+        sigset_t blocked;
+        sigset_t before;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, signal);
+        pthread_sigmask(SIG_BLOCK, &blocked, &before);
+        gate.Pass();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    });
+    ASSERT_EQ(0U, blocking.Post(1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    EXPECT_EQ(nullptr, record.All()[0].callStack);
+    // The signal still waits for that thread. It must not end the process, which is its default.
+    ASSERT_TRUE(PZSupervisor::Stop());
+    EXPECT_EQ(SIG_DFL, action_of(signal));
+    gate.Open();
+}
+
+TEST_F(PZSupervisorTest, ALateAnswerIsNotTakenForThatOfAnotherThread) {
+    const int signal = signal_that_is_free();
+    ASSERT_TRUE(Start(signal));
+    Gate gate;
+    std::atomic<bool> isUnblocked{false};
+    TestWorker late("late", kShortMs, 1, [&] {
+        sigset_t blocked;
+        sigset_t before;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, signal);
+        pthread_sigmask(SIG_BLOCK, &blocked, &before);
+        gate.Pass();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);  // gets its signal here
+        isUnblocked = true;
+    });
+    ASSERT_EQ(0U, late.Post(1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    gate.Open();
+    ASSERT_TRUE(wait_until([&] { return isUnblocked.load(); }));
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangIn(1));
+    ASSERT_TRUE(wait_until([this] { return ToldOf("hanging").size() == 1; }));
+    const Told told = ToldOf("hanging")[0];
+    ASSERT_NE(nullptr, told.callStack);
+    EXPECT_TRUE(told.Has(hanging.Caller()));
+}
+
+TEST_F(PZSupervisorTest, UsesNoSignalThatTheProcessUses) {
+    const int signal = signal_that_is_free();
+    const pztest::StdoutCapture capture;
+    for (void (*const action)(int) : {+[](int) {}, SIG_IGN}) {
+        struct sigaction used = {};
+        used.sa_handler = action;
+        struct sigaction before = {};
+        sigaction(signal, &used, &before);
+        EXPECT_FALSE(Start(signal));
+        EXPECT_EQ(action, action_of(signal));
+        sigaction(signal, &before, nullptr);
+    }
+    sigset_t blocked;
+    sigset_t before;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, signal);
+    pthread_sigmask(SIG_BLOCK, &blocked, &before);  // for a signalfd, say
+    EXPECT_FALSE(Start(signal));
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_FALSE(Start(SIGKILL));
+    EXPECT_FALSE(Start(1000));
+    EXPECT_EQ(SIG_DFL, action_of(signal));
+    EXPECT_TRUE(Start(signal));
+    EXPECT_NE(SIG_DFL, action_of(signal));
+    EXPECT_TRUE(PZSupervisor::Stop());
+    EXPECT_EQ(SIG_DFL, action_of(signal));
+}
+
+TEST_F(PZSupervisorTest, LeavesASignalAloneThatTheProcessHasTakenMeanwhile) {
+    const int signal = signal_that_is_free();
+    ASSERT_TRUE(Start(signal));
+    void (*const own)(int) = +[](int) { std::abort(); };
+    struct sigaction used = {};
+    used.sa_handler = own;
+    sigaction(signal, &used, nullptr);
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangIn(1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    EXPECT_EQ(nullptr, record.All()[0].callStack);
+    EXPECT_TRUE(PZSupervisor::Stop());
+    EXPECT_EQ(own, action_of(signal));
+    used.sa_handler = SIG_DFL;
+    sigaction(signal, &used, nullptr);
+}
+
+TEST_F(PZSupervisorTest, TellsNothingMoreAfterStopAndBeginsFromTheBeginningAfterStart) {
+    ASSERT_TRUE(Start());
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangIn(1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    EXPECT_TRUE(PZSupervisor::Stop());
+    EXPECT_EQ(0U, pztest::threads_named("pz_supervisor").size());
+    const size_t count = record.Count();
+    EXPECT_EQ(1U, count);  // what is not over is not told
+    ASSERT_TRUE(Start());
+    EXPECT_EQ(1U, pztest::threads_named("pz_supervisor").size());
+    ASSERT_TRUE(record.WaitForCount(count + 1));
+    EXPECT_FALSE(record.All()[count].isOver);
+}
+
+TEST_F(PZSupervisorTest, EndsWithTheFramework) {
+    const int signal = signal_that_is_free();
+    ASSERT_TRUE(Start(signal));
+    pz_FwFinalize();
+    EXPECT_EQ(0U, pztest::threads_named("pz_supervisor").size());
+    EXPECT_EQ(SIG_DFL, action_of(signal));
+    EXPECT_FALSE(PZSupervisor::Stop());
+}
+
+TEST_F(PZSupervisorTest, RefusesWhatCannotBeStarted) {
+    const pztest::StdoutCapture capture;
+    EXPECT_FALSE(PZSupervisor::Start(nullptr, nullptr, kIntervalMs));
+    EXPECT_FALSE(PZSupervisor::Start(&Record::OnFinding, &record, 0));
+    EXPECT_FALSE(PZSupervisor::Stop());
+    EXPECT_TRUE(Start());
+    EXPECT_FALSE(Start());
+    EXPECT_TRUE(PZSupervisor::Stop());
+    EXPECT_FALSE(PZSupervisor::Stop());
+}
+
+TEST_F(PZSupervisorTest, NeitherStartsNorStopsFromItsCallback) {
+    struct Answers {
+        std::atomic<int> calls{0};
+        bool stopped = true;
+        bool started = true;
+    } answers;
+    const auto callback = [](const PZSupervisor::ST_FINDING&, void* user) {
+        auto* const own = static_cast<Answers*>(user);
+        const pztest::StdoutCapture capture;
+        own->stopped = PZSupervisor::Stop();
+        own->started = PZSupervisor::Start(&Record::OnFinding, nullptr, 1);
+        ++own->calls;
+    };
+    ASSERT_TRUE(PZSupervisor::Start(callback, &answers, kIntervalMs));
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangIn(1));
+    ASSERT_TRUE(wait_until([&] { return answers.calls > 0; }));
+    EXPECT_TRUE(PZSupervisor::Stop());
+    EXPECT_FALSE(answers.stopped);
+    EXPECT_FALSE(answers.started);
+}
+
+TEST_F(PZSupervisorTest, AStopThatWaitsForTheCallbackKeepsNobodyElse) {
+    struct Held {
+        Gate gate;
+        bool started = true;
+    } held;
+    const auto callback = [](const PZSupervisor::ST_FINDING&, void* user) {
+        static_cast<Held*>(user)->gate.Pass();
+    };
+    ASSERT_TRUE(PZSupervisor::Start(callback, &held, kIntervalMs));
+    HangingWorker hanging;
+    ASSERT_TRUE(hanging.HangIn(1));
+    ASSERT_TRUE(held.gate.WaitForArrival());
+    std::atomic<bool> isStopped{false};
+    std::thread stopping([&] { isStopped = PZSupervisor::Stop(); });
+    {
+        const pztest::StdoutCapture capture;
+        EXPECT_FALSE(Start());
+    }
+    EXPECT_FALSE(isStopped);
+    held.gate.Open();
+    stopping.join();
+    EXPECT_TRUE(isStopped);
+}
+
+TEST_F(PZSupervisorTest, WithoutMemoryOrDescriptorsNothingIsStarted) {
+    const int signal = signal_that_is_free();
+    for (int skip = 0;; ++skip) {
+        bool isStarted = false;
+        int refused = 0;
+        {
+            const pztest::StdoutCapture capture;
+            const pztest::MemoryShortage shortage(skip);
+            isStarted = Start(signal);
+            refused = shortage.Refused();
+        }
+        if (refused == 0) {
+            EXPECT_TRUE(isStarted);
+            break;
+        }
+        EXPECT_FALSE(isStarted) << skip;
+        EXPECT_EQ(SIG_DFL, action_of(signal)) << skip;
+        EXPECT_EQ(0U, pztest::threads_named("pz_supervisor").size()) << skip;
+    }
+}
+
+TEST_F(PZSupervisorTest, TellsWithoutMemoryToo) {
+    std::atomic<int> calls{0};
+    const auto count = [](const PZSupervisor::ST_FINDING&, void* user) {
+        ++*static_cast<std::atomic<int>*>(user);
+    };
+    ASSERT_TRUE(PZSupervisor::Start(count, &calls, kIntervalMs, PZSupervisor::kAnySignal));
+    HangingWorker hanging("hanging", kLongMs);
+    ASSERT_TRUE(hanging.HangIn(1));
+    bool isTold = false;
+    {
+        const pztest::GeneralMemoryShortage shortage;
+        PZThreadMng::GetInstance()->setWatchTime(hanging.Worker().Handle(), kShortMs);
+        isTold = wait_until([&] { return calls == 1; });
+        hanging.Release();
+        isTold = isTold && wait_until([&] { return calls == 2; });
+    }
+    EXPECT_TRUE(isTold);
+}
+
+// The thread sanitizer keeps signals back while a thread reads, and cannot start threads in a child
+// of a process with threads.
+#ifndef __SANITIZE_THREAD__
+TEST_F(PZSupervisorTest, ASystemCallThatCanGoOnGoesOnAfterTheCallStack) {
+    ASSERT_TRUE(Start(PZSupervisor::kAnySignal));
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    std::atomic<ssize_t> result{0};
+    TestWorker reading("reading", kShortMs, 1, [&] {
+        char byte = 0;
+        result = read(ends[0], &byte, 1);
+    });
+    ASSERT_EQ(0U, reading.Post(1));
+    ASSERT_TRUE(record.WaitForCount(1));
+    ASSERT_EQ(1, write(ends[1], "x", 1));
+    ASSERT_TRUE(record.WaitForCount(2));
+    EXPECT_NE(nullptr, record.All()[0].callStack);
+    EXPECT_EQ(1, result);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(PZSupervisorTest, AForkedChildMayStartItsOwn) {
+    const int signal = signal_that_is_free();
+    ASSERT_TRUE(Start(signal));
+    WaitForLooks();  // a thread that is just being made holds locks
+    const size_t before = record.Count();
+    const pztest::ChildResult child = pztest::run_in_child([&] {
+        if (PZSupervisor::Stop()) return 1;  // its parent's
+        if (!Start(signal)) return 2;
+        HangingWorker hanging;
+        if (!hanging.HangIn(1) || !record.WaitForCount(before + 1)) return 3;
+        if (!record.All()[before].Has(hanging.Caller())) return 4;
+        return PZSupervisor::Stop() ? 0 : 5;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status) << child.output;
+    EXPECT_TRUE(PZSupervisor::Stop());
+}
+
+TEST_F(PZSupervisorTest, AForkedChildMakesBoxesWhateverTheSupervisionWasDoing) {
+    constexpr unsigned long kRecords = 50000;  // keep the supervision busy in the table
+    PZThreadMng* const registry = PZThreadMng::GetInstance();
+    HangingWorker hanging;
+    ASSERT_TRUE(PZSupervisor::Start(&Record::OnFinding, &record, 1));
+    ASSERT_TRUE(hanging.HangIn(1));
+    for (unsigned long handle = 1; handle <= kRecords; ++handle) {
+        ASSERT_TRUE(registry->registerThreadInfo(handle, "filler", 251, 0));
+    }
+    for (int i = 0; i < 30; ++i) {
+        pztest::ChildProcess child([] {
+            alarm(30);  // instead of waiting for ever
+            const PZLMsgBox box;
+            return 0;
+        });
+        ASSERT_EQ(0, child.Wait()) << i;
+    }
+    for (unsigned long handle = kRecords; handle > 0; --handle) {  // the last one is found first
+        registry->unregisterThreadInfo(handle);
+    }
+}
+
+TEST_F(PZSupervisorTest, AProcessEndsWhileItRuns) {
+    const pztest::ChildResult child = pztest::run_in_child([&] {
+        if (!Start(PZSupervisor::kAnySignal)) return 1;
+        auto* const hanging = new HangingWorker;
+        if (!hanging->HangIn(1) || !record.WaitForCount(1)) return 2;
+        std::exit(17);  // exit handlers and destructors of static objects run
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(17, child.status) << child.output;
+}
+#endif
