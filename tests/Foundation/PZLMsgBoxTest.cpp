@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
@@ -1239,6 +1240,32 @@ constexpr unsigned int kFloodPerPoster = 30000;
 #endif
 constexpr unsigned int kPosters = 8;
 
+/// As many as PZ_LOAD_MESSAGES says, for the whole load:
+///     PZ_LOAD_MESSAGES=1000000 PZLMsgBoxTest --gtest_filter='*InOrderOn*'
+unsigned int messages_per_poster() {
+    const char* const wanted = std::getenv("PZ_LOAD_MESSAGES");
+    return wanted != nullptr ? static_cast<unsigned int>(std::strtoul(wanted, nullptr, 10))
+                             : kMessagesPerPoster;
+}
+
+/// While one lives, this thread and those that it starts run on one processor.
+class OneProcessor {
+public:
+    OneProcessor() {
+        EXPECT_EQ(0, sched_getaffinity(0, sizeof before_, &before_));
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(sched_getcpu(), &one);
+        EXPECT_EQ(0, sched_setaffinity(0, sizeof one, &one));
+    }
+    ~OneProcessor() { EXPECT_EQ(0, sched_setaffinity(0, sizeof before_, &before_)); }
+    OneProcessor(const OneProcessor&) = delete;
+    OneProcessor& operator=(const OneProcessor&) = delete;
+
+private:
+    cpu_set_t before_ = {};
+};
+
 /// Checks that every poster's sequence comes whole and in order.
 class SequenceChecker : public PZIDispatcher {
 public:
@@ -1309,13 +1336,20 @@ protected:
 };
 
 TEST_F(PZLMsgBoxLoadTest, ServesEveryMessageOfManyPostersInOrderOnOneLevel) {
-    Run(kMessagesPerPoster, [this](unsigned int poster, unsigned int sequence) {
+    Run(messages_per_poster(), [this](unsigned int poster, unsigned int sequence) {
+        return PostMessage(poster, kOrdinary, sequence);
+    });
+}
+
+TEST_F(PZLMsgBoxLoadTest, ServesEveryMessageOfManyPostersInOrderOnOneProcessor) {
+    const OneProcessor one;
+    Run(messages_per_poster(), [this](unsigned int poster, unsigned int sequence) {
         return PostMessage(poster, kOrdinary, sequence);
     });
 }
 
 TEST_F(PZLMsgBoxLoadTest, ServesEveryMessageOfManyPostersInOrderOnALevelOfTheirOwn) {
-    Run(kMessagesPerPoster, [this](unsigned int poster, unsigned int sequence) {
+    Run(messages_per_poster(), [this](unsigned int poster, unsigned int sequence) {
         return PostMessage(poster, poster + 1, sequence);
     });
 }
