@@ -379,7 +379,7 @@ void write_live_blocks(PZLSysFileOut& file, const ST_MEM_BLOCK* newest) {
     });
 }
 
-bool write_maps(const char* path, int flags, const char* operation) {
+bool write_maps(const char* path, int flags) {
     ST_HEAP_THREAD threads[kThreads];
     size_t count = 0;
     if (hasLock) {
@@ -389,9 +389,7 @@ bool write_maps(const char* path, int flags, const char* operation) {
             std::memcpy(threads[count].name, threadNames[count], sizeof threads[count].name);
         }
     }
-    if (pz_write_heap_maps(path, flags, threads, count)) return true;
-    PZDbgOutput::DbgPrintStdErr(__FILE__, operation, __LINE__, "[%s]\n", path);
-    return false;
+    return pz_write_heap_maps(path, flags, threads, count);
 }
 
 }  // namespace
@@ -406,7 +404,8 @@ struct PZHeapReport {
         char* const extension = std::strrchr(path, '.');
         if (extension == nullptr) return;
         std::memcpy(extension, ".maps", sizeof ".maps");
-        write_maps(path, O_NOFOLLOW, "FinMemMng");
+        if (write_maps(path, O_NOFOLLOW)) return;
+        PZDbgOutput::DbgPrintStdErr(__FILE__, "FinMemMng", __LINE__, "[%s]\n", path);
     }
 };
 
@@ -478,8 +477,12 @@ unsigned int pz_HeapLiveBytes() {
 }
 
 bool pz_HeapWriteMaps(const char* path) {
-    if (path != nullptr) return write_maps(path, 0, __func__);
-    PZ_REPORT_ERROR("invalid args\n");
+    if (path == nullptr) {
+        PZ_REPORT_ERROR("invalid args\n");
+        return false;
+    }
+    if (write_maps(path, 0)) return true;
+    PZ_REPORT_ERRNO("[%s]\n", path);
     return false;
 }
 
