@@ -33,7 +33,7 @@ TEST_P(ScriptTest, RefusesAnArgumentThatItDoesNotKnow) {
 
 INSTANTIATE_TEST_SUITE_P(Scripts, ScriptTest,
                          testing::Values("bench", "bootstrap", "check", "compare-abi",
-                                         "compare-lines", "count-calls", "demo", "docs",
+                                         "compare-lines", "count-calls", "demo", "docs", "draw-terminal",
                                          "first-run", "fuzz", "limits", "new-application",
                                          "package", "test", "verify-packages"),
                          [](const auto& script) {

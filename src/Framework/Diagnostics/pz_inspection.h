@@ -199,6 +199,7 @@ struct alignas(8) ST_INSPECTION {
     typename Form::U32 pid{};       ///< of the process that started the framework; 0: none did
     typename Form::U32 mainTid{};   ///< kernel id of the thread that did
     typename Form::U32 id{};        ///< of the process, as given to the start
+    typename Form::U32 reserved{};  ///< 0: the addresses lie at multiples of 8
     typename Form::Address mainThread{};  ///< its pthread_t
     typename Form::Address name{};        ///< of the process: char[64]; 0 before the start
     typename Form::Address boxes{};       ///< lists: the first record
@@ -236,5 +237,7 @@ static_assert(sizeof(ST_INSPECTED_QUEUE<PZInspectionLive>) == 40);
 static_assert(sizeof(ST_INSPECTED_WAIT<PZInspectionLive>) == 24);
 static_assert(sizeof(ST_INSPECTED_HEAP<PZInspectionLive>) == 16 + 200 * 20);
 static_assert(sizeof(ST_INSPECTION<PZInspectionLive>) == 152);
+static_assert(offsetof(ST_INSPECTION<PZInspectionLive>, mainThread) == 88);
+static_assert(offsetof(ST_INSPECTION<PZInspectionCopy>, mainThread) == 88);
 
 #endif  // PZ_FRAMEWORK_DIAGNOSTICS_PZ_INSPECTION_H
