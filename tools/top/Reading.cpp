@@ -63,6 +63,10 @@ Look read_process(pid_t pid, bool isWhole, Reading& reading) {
     const LiveMemory memory(pid);
     Look look = Look::NoLibrary;
     for (const MappedFile& file : candidates) {
+        if (file.address > UINTPTR_MAX) {
+            if (&file != &candidates.front()) look = Look::TooWide;  // behind the program
+            continue;
+        }
         errno = 0;
         unsigned char first = 0;
         if (!memory.Read(file.address, &first, sizeof first)) {

@@ -15,11 +15,12 @@
 /// What came of looking at a process.
 enum class Look {
     Done,
-    Gone,         ///< there is no such process, or no more
-    NotAllowed,   ///< the kernel refuses
-    NoLibrary,    ///< it does not use the library
-    Unreadable,   ///< it does, but its table makes no sense
-    OtherVersion  ///< its library is of another version
+    Gone,          ///< there is no such process, or no more
+    NotAllowed,    ///< the kernel refuses
+    NoLibrary,     ///< it does not use the library
+    Unreadable,    ///< it does, but its table makes no sense
+    OtherVersion,  ///< its library is of another version
+    TooWide        ///< a 64-bit process, and this one is not
 };
 
 /// One look at a process.

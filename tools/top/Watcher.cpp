@@ -81,6 +81,9 @@ private:
             case ::Look::NoLibrary:
                 problem_ = named + " does not use the library";
                 return kExitNothing;
+            case ::Look::TooWide:
+                problem_ = named + " is a 64-bit process: use a 64-bit pz-top";
+                return kExitNothing;
             case ::Look::OtherVersion:
                 problem_ = named + " shows a table of version " + std::to_string(reading.version) +
                            ", this program reads version 1: use the pz-top of its library";
