@@ -33,9 +33,9 @@ TEST_P(ScriptTest, RefusesAnArgumentThatItDoesNotKnow) {
 
 INSTANTIATE_TEST_SUITE_P(Scripts, ScriptTest,
                          testing::Values("bench", "bootstrap", "check", "compare-abi",
-                                         "compare-lines", "count-calls", "demo", "docs", "draw-terminal",
-                                         "first-run", "fuzz", "limits", "new-application",
-                                         "package", "test", "verify-packages"),
+                                         "compare-lines", "count-calls", "demo", "docs",
+                                         "draw-terminal", "first-run", "fuzz", "limits",
+                                         "new-application", "package", "test", "verify-packages"),
                          [](const auto& script) {
                              std::string name = script.param;
                              for (char& c : name) c = c == '-' ? '_' : c;
