@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/ChildProcess.h"
@@ -484,6 +487,92 @@ TEST(topTest, ReadsAProcessWhoseLibraryFileIsGone) {
     ASSERT_TRUE(contains(maps, copy + " (deleted)"));
     EXPECT_EQ(77, json_of(program.PidText()).At("id").number);
 }
+
+#ifdef PZ_TOP_HAS_SCREEN
+namespace {
+
+/// pz-top on a terminal of its own.
+class Screen {
+public:
+    explicit Screen(const std::string& target) {
+        const winsize size = {40, 150, 0, 0};
+        pid_ = forkpty(&terminal_, nullptr, nullptr, &size);
+        if (pid_ == 0) {
+            setenv("TERM", "xterm", 1);
+            execl(PZ_TOP, "pz-top", "--interval", "50", target.c_str(), nullptr);
+            _exit(127);
+        }
+    }
+    ~Screen() {
+        close(terminal_);
+        if (pid_ > 0) kill(pid_, SIGKILL);
+        if (pid_ > 0) waitpid(pid_, nullptr, 0);
+    }
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    void Press(char key) const { EXPECT_EQ(1, write(terminal_, &key, 1)); }
+
+    /// Whether the text comes to the screen from now on.
+    bool Shows(const std::string& text) const {
+        std::string shown;
+        for (char part[4096]; !contains(shown, text);) {
+            pollfd ready = {terminal_, POLLIN, 0};
+            constexpr int kLimitMs = 20000;
+            if (poll(&ready, 1, kLimitMs) != 1) return false;
+            const ssize_t size = read(terminal_, part, sizeof part);
+            if (size <= 0) return false;
+            shown.append(part, static_cast<std::size_t>(size));
+        }
+        return true;
+    }
+
+    /// How it ends by itself: its exit status.
+    int Status() {
+        char rest[4096];
+        while (read(terminal_, rest, sizeof rest) > 0) {
+        }
+        int status = -1;
+        waitpid(std::exchange(pid_, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    int terminal_ = -1;
+    pid_t pid_ = -1;
+};
+
+}  // namespace
+
+TEST(topScreenTest, ObeysItsKeys) {
+    Program program("hang");
+    program.Counted();
+    Screen screen(program.PidText());
+    EXPECT_TRUE(screen.Shows("sorted by name"));
+    screen.Press('s');
+    EXPECT_TRUE(screen.Shows("load"));
+    screen.Press('p');
+    EXPECT_TRUE(screen.Shows("PAUSED"));
+    screen.Press('h');
+    EXPECT_TRUE(screen.Shows("next of: name"));
+    screen.Press('h');
+    EXPECT_TRUE(screen.Shows("TimerSubMng_"));
+    screen.Press('q');
+    EXPECT_EQ(0, screen.Status());
+}
+
+TEST(topScreenTest, KeepsTheLastTableOfAProcessThatHasEnded) {
+    Program program("idle");
+    program.Counted();
+    Screen screen(program.PidText());
+    EXPECT_TRUE(screen.Shows("sorted by name"));
+    const std::string pid = program.PidText();
+    program.Kill();
+    EXPECT_TRUE(screen.Shows("process " + pid + " has ended"));
+    screen.Press('q');
+    EXPECT_EQ(0, screen.Status());
+}
+#endif
 
 #ifdef PZ_TOP_PROGRAM_32
 TEST(topTest, ReadsA32BitProcess) {
