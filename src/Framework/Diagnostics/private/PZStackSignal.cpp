@@ -2,6 +2,7 @@
 
 #include <execinfo.h>
 #include <sys/syscall.h>
+#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -27,41 +28,52 @@ std::atomic<int> request{kNothing};
 int frameCount = 0;
 void* frames[kMaxFrames];
 
-void take_own_stack(int /*signal*/) {
+/// Into the frames, those of the way into the handler included; answers their number.
+int walk(const void* context) {
+#ifdef __i386__
+    // The unwind tables of the C library are not exact there, and a walk that follows a wrong one
+    // reads memory that is none: only where the thread stands is known for certain.
+    const auto* const interrupted = static_cast<const ucontext_t*>(context);
+    frames[kHandlerFrames] = reinterpret_cast<void*>(interrupted->uc_mcontext.gregs[REG_EIP]);
+    return kHandlerFrames + 1;
+#else
+    static_cast<void>(context);
+    return backtrace(frames, kMaxFrames);
+#endif
+}
+
+void take_own_stack(int /*signal*/, siginfo_t* /*info*/, void* context) {
     const int error = errno;
     int self = static_cast<int>(syscall(SYS_gettid));
     if (request.compare_exchange_strong(self, kAtWork)) {
-        frameCount = backtrace(frames, kMaxFrames);
+        frameCount = walk(context);
         request.store(kAnswered);
     }
     errno = error;
 }
 
-using Action = void (*)(int);
-
-/// What the signal does; null, which is SIG_DFL, by default.
-Action action_of(int signal) {
+bool is_ours(int signal) {
     struct sigaction action = {};
-    // The handler and the one with more arguments share their place.
-    return sigaction(signal, nullptr, &action) == 0 ? action.sa_handler : SIG_ERR;
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_sigaction == take_own_stack;
 }
 
-bool set_action(int signal, Action handler) {
+bool is_default(int signal) {
+    struct sigaction action = {};
+    // Handlers of both kinds have the same place.
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL;
+}
+
+void set_plain_action(int signal, void (*handler)(int)) {
     struct sigaction action = {};
     action.sa_handler = handler;
-    action.sa_flags = SA_RESTART | SA_ONSTACK;
-    return sigaction(signal, &action, nullptr) == 0;
-}
-
-bool is_ours(int signal) {
-    return action_of(signal) == take_own_stack;
+    sigaction(signal, &action, nullptr);
 }
 
 /// Whether nothing in the process wants the signal: a forked child has its parent's handler.
 bool is_free(int signal) {
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-    return (action_of(signal) == SIG_DFL || is_ours(signal)) && sigismember(&blocked, signal) == 0;
+    return (is_default(signal) || is_ours(signal)) && sigismember(&blocked, signal) == 0;
 }
 
 /// 0 when all are used. The very highest is left to debuggers.
@@ -77,8 +89,8 @@ void PZStackSignal::Remove() {
     if (!is_ours(signal_)) return;
     // A thread that blocks the signal may still be going to get it. To ignore a signal takes it
     // away from every thread; its default action would end the process.
-    set_action(signal_, SIG_IGN);
-    set_action(signal_, SIG_DFL);
+    set_plain_action(signal_, SIG_IGN);
+    set_plain_action(signal_, SIG_DFL);
 }
 
 bool PZStackSignal::Install(int signal) {
@@ -89,7 +101,10 @@ bool PZStackSignal::Install(int signal) {
     backtrace(own, 1);
     request.store(kNothing);
     signal_ = signal;
-    return set_action(signal, take_own_stack);
+    struct sigaction action = {};
+    action.sa_sigaction = take_own_stack;
+    action.sa_flags = SA_RESTART | SA_ONSTACK | SA_SIGINFO;
+    return sigaction(signal, &action, nullptr) == 0;
 }
 
 bool PZStackSignal::Take(int tid, PZCallStack& into) {
