@@ -478,9 +478,9 @@ TEST(topTest, ReadsAProcessWhoseLibraryFileIsGone) {
     const pztest::TempDir folder;
     const std::string copy = folder.File("libpzframework.so.1");
     ASSERT_EQ(0, pztest::run_command("cp -L '" PZ_LIBRARY "' '" + copy + "'").status);
-    setenv("LD_PRELOAD", copy.c_str(), 1);
+    setenv("LD_LIBRARY_PATH", folder.Path().c_str(), 1);
     Program program("idle");
-    unsetenv("LD_PRELOAD");
+    unsetenv("LD_LIBRARY_PATH");
     program.Counted();
     ASSERT_EQ(0, unlink(copy.c_str()));
     const std::string maps = pztest::read_file("/proc/" + program.PidText() + "/maps");
