@@ -325,7 +325,7 @@ TEST(topTest, ShowsWhatTheKernelTellsOfAProcess) {
     EXPECT_EQ(program.Pid(), process.At("pid").number);
     EXPECT_LT(3, process.At("descriptors").number);
     EXPECT_LT(0, process.At("descriptor_limit").number);
-    EXPECT_EQ(6U, process.At("threads").members.size()) << "the first and five timer threads";
+    EXPECT_LE(6U, process.At("threads").members.size()) << "the first and five timer threads";
     EXPECT_EQ(5U, process.At("bands").members.size());
     EXPECT_TRUE(is_null(process.At("heap")));
     EXPECT_EQ(1, process.At("complete").number);
