@@ -144,7 +144,10 @@ private:
     }
 
     BoxInfo BoxOf(const Box& before, const Box& box) const {
-        const bool isSame = std::memcmp(&before, &box, sizeof box) == 0;
+        const bool isSame =
+            before.served == box.served && before.servedEvents == box.servedEvents &&
+            before.dispatcher == box.dispatcher && before.messageId == box.messageId &&
+            before.isEvent == box.isEvent && before.beganMs == box.beganMs;
         BoxInfo info = {};
         info.tid = box.tid;
         info.number = box.number;

@@ -128,7 +128,12 @@ std::vector<TaskInfo> ProcFolder::Tasks() const {
         const std::string task = "task/" + std::to_string(tid) + "/";
         const auto fields = fields_of_stat(Contents(task + "stat").value_or(""));
         if (fields.size() <= kNice) continue;  // it has just ended
-        TaskInfo info = {tid, tid, "", fields[kState][0], std::atoi(fields[kNice].c_str()), 0};
+        TaskInfo info = {tid,
+                         tid,
+                         "",
+                         fields[kState][0],
+                         static_cast<int>(std::strtol(fields[kNice].c_str(), nullptr, 10)),
+                         0};
         info.name = printable(without_newline(Contents(task + "comm").value_or("?")));
         info.runNs = number(Contents(task + "schedstat").value_or(""));
         if (isInContainer) {

@@ -163,7 +163,7 @@ private:
         top_ = std::clamp(top_, 0, std::max(static_cast<int>(lines.size()) - rows, 0));
         erase();
         for (int row = 0; row < rows && top_ + row < static_cast<int>(lines.size()); ++row) {
-            DrawLine(row, lines[static_cast<std::size_t>(top_ + row)]);
+            DrawLine(row, lines[static_cast<std::size_t>(top_) + static_cast<std::size_t>(row)]);
         }
         DrawLine(LINES - 1, {Footer(), isOver_ ? Style::Alarm : Style::Heading});
         refresh();

@@ -115,7 +115,8 @@ std::unique_ptr<Watcher> watch_process(pid_t pid) {
 }
 
 pid_t find_process(const std::string& nameOrNumber, int& status, std::string& problem) {
-    if (is_number(nameOrNumber)) return std::atoi(nameOrNumber.c_str());
+    if (is_number(nameOrNumber))
+        return static_cast<pid_t>(std::strtol(nameOrNumber.c_str(), nullptr, 10));
     const MachineReading machine = read_machine();
     std::vector<pid_t> found;
     for (const auto* readings : {&machine.processes, &machine.others}) {
