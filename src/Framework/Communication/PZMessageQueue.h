@@ -120,7 +120,7 @@ private:
 
     mqd_t handle_ = kNoQueue;
     char name_[kMaxNameLength + 1] = {};  // without "/"
-    // The byte behind the longest message: as many bytes are handed on as were received, from the
+    // The byte after the longest message: as many bytes are handed on as were received, from the
     // second one on.
     unsigned char rxBuffer_[kMaxMessageSize + 1] = {};
     unsigned short shown_ = 0;  // entry of pz_inspection, 0: none
@@ -161,7 +161,7 @@ private:
 ///
 /// The observer is called with id 0, the payload, and the number of bytes received: 4 more than
 /// were sent (see PZMessageQueue<2>::receive). The bytes are valid during the call; up to 1024 of
-/// them may be read, those behind the message are zero. More observers may be added, as to every
+/// them may be read, those after the message are zero. More observers may be added, as to every
 /// subject, and must be removed before the queue is destroyed.
 ///
 /// Threads:   open, close and destruction belong to one controlling thread. Observers run on the

@@ -166,7 +166,7 @@ private:
 
     // The growable array; all null when there never was room.
     unsigned char* begin_ = nullptr;
-    unsigned char* end_ = nullptr;  // behind the last byte that was written
+    unsigned char* end_ = nullptr;  // after the last byte that was written
     unsigned char* limit_ = nullptr;
     unsigned int readPosition_ = 0;
 };

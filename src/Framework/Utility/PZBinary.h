@@ -108,7 +108,7 @@ public:
     /// @}
 
     /// Moves the cursor and answers where it is afterwards. `origin`:
-    /// - 0: to `offset`, even behind the end
+    /// - 0: to `offset`, even past the end
     /// - 1: forward by `offset`, only to a byte that exists
     /// - 2: to the byte that lies `offset` before the last one, only if it exists
     /// It stays when it must not go there, and for any other origin.
@@ -144,7 +144,7 @@ private:
 
     std::unique_ptr<unsigned char[]> buffer_;  // null when size_ is 0
     unsigned int size_ = 0;
-    unsigned int cursor_ = 0;  // may lie behind the end
+    unsigned int cursor_ = 0;  // may lie past the end
 };
 
 #endif  // PZ_FRAMEWORK_UTILITY_PZBINARY_H

@@ -54,12 +54,12 @@ public:
 
     /// The cursor goes to the first node, which is answered; null when the list is empty.
     NODE* MoveFirst() noexcept { return current_ = head_; }
-    /// It goes on to the next node, which is answered; null behind the last one.
+    /// It goes on to the next node, which is answered; null after the last one.
     NODE* MoveNext() noexcept {
         if (current_ != nullptr) current_ = current_->next;
         return current_;
     }
-    /// The node that it stands on; null behind the last one.
+    /// The node that it stands on; null after the last one.
     NODE* GetCurrent() const noexcept { return current_; }
 
 protected:

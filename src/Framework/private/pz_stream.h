@@ -22,7 +22,7 @@ inline int pz_close_stream(FILE* stream) noexcept {
 /// standard input, output and error: a process that was started without those would read and print
 /// through it. Null with errno set when it cannot be opened or no such number is free.
 inline FILE* pz_open_stream(const char* path, const char* mode) {
-    // The C library looks at the first seven characters and for a ",ccs=" behind them.
+    // The C library looks at the first seven characters and for a ",ccs=" after them.
     char closing[64];
     std::snprintf(closing, sizeof closing, "%.1se%s", mode, *mode != '\0' ? mode + 1 : "");
     FILE* const stream = std::fopen(path, *mode != '\0' ? closing : mode);

@@ -50,7 +50,7 @@ void store_flag(unsigned char* flag, unsigned char state) {
     __atomic_store_n(flag, state, __ATOMIC_RELEASE);
 }
 
-/// Wakes whoever sleeps in a lock of the mutex. A mutex that is made afresh is free, but does not
+/// Wakes all that sleep in a lock of the mutex. A mutex that is made afresh is free, but does not
 /// know that somebody waits for it.
 void wake_waiters(pthread_mutex_t* mutex) {
     syscall(SYS_futex, &mutex->__data.__lock, FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
@@ -443,7 +443,7 @@ bool PZFileGuard::initMutex() {
     // several processes.
     store_flag(initFlag_, kNotYet);
     __sync_synchronize();
-    pthread_mutex_init(mutex_, attributes.Get());  // afresh, whoever may hold an earlier one
+    pthread_mutex_init(mutex_, attributes.Get());  // afresh, even while an earlier one is held
     store_flag(initFlag_, kUsable);
     wake_waiters(mutex_);
     return true;

@@ -25,7 +25,7 @@ namespace PZMsgQ {
 namespace {
 
 constexpr unsigned int kMaxPayload = 1024;
-constexpr unsigned int kTrailer = 3;  // zero bytes behind the payload
+constexpr unsigned int kTrailer = 3;  // zero bytes after the payload
 constexpr mode_t kQueueMode = 0666;
 constexpr unsigned int kMostUrgent = 255;  // of the system; the caller's priority 0
 constexpr int kCapacity = 64;              // of the queues of <0> and <1>
@@ -48,7 +48,7 @@ mqd_t open_or_create(const SystemName& name, int maxMsg) {
     mq_attr attr = {};
     attr.mq_maxmsg = maxMsg;
     attr.mq_msgsize = PZMessageQueue<2>::kMaxMessageSize;
-    umask(0);  // every process may open the queue, whoever created it
+    umask(0);  // every process may open the queue, whichever process created it
     // The system makes queues close-on-exec by itself.
     return pz_above_standard(mq_open(name.text, O_RDWR | O_CREAT, kQueueMode, &attr));
 }

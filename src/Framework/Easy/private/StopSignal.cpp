@@ -120,7 +120,7 @@ PZEvent* StopSignal::signals() const noexcept {
     return slot_ != kNoSlot ? event_.get() : nullptr;
 }
 
-// The stop stays: whoever waits next is let through as well.
+// The stop stays: the next waiter is let through as well.
 void StopSignal::taken() noexcept {
     event_->SetEvent();
 }

@@ -61,7 +61,7 @@ void forget_core(const WorkerCore* core) noexcept {
     all.erase(found);
 }
 
-/// Null behind the last one.
+/// Null after the last one.
 std::shared_ptr<WorkerCore> core_at(std::size_t index) noexcept {
     const std::lock_guard<std::mutex> lock(cores().mutex);
     return index < cores().all.size() ? cores().all[index] : nullptr;

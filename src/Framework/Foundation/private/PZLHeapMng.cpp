@@ -48,7 +48,7 @@ struct ST_MEM_BLOCK;
 using Link = std::atomic<ST_MEM_BLOCK*>;
 using Count = std::atomic<unsigned int>;
 
-/// What stands in front of the caller's data; the trailer stands behind them.
+/// What precedes the caller's data; the trailer follows them.
 struct ST_MEM_BLOCK {
     unsigned int guards[2];  // written for a reader of memory dumps, never examined
     Link older;

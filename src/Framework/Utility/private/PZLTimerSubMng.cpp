@@ -341,7 +341,7 @@ void PZLTimerSubMng::fire(Timers& due, unsigned int now) {
     }
 }
 
-// Puts the timers back, but for those that a callback has added anew. Nothing is allocated.
+// Puts the timers back, but for those that a callback has added again. Nothing is allocated.
 void PZLTimerSubMng::armAgainLocked(Timers& due) {
     while (!due.byAddress.empty()) {
         auto timer = due.byAddress.extract(due.byAddress.begin());

@@ -672,7 +672,7 @@ PZString& PZString::SubStr(unsigned int start, unsigned int end) {
     if (narrow_ != nullptr) {
         cut(*narrow_, start, count);
     } else if (wide_ != nullptr) {
-        static_cast<void>(wide_->substr(start, 0));  // throws behind the end
+        static_cast<void>(wide_->substr(start, 0));  // throws past the end
         cut(*wide_, start, count);
     } else {
         PZ_REPORT_ERROR("not support for now.\n");

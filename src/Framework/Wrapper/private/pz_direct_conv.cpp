@@ -469,7 +469,7 @@ __attribute__((noinline)) int copy_rest(Utf8Reader reader, ST_ROOM dst) {
                : copy_characters(reader, Writer(dst.begin, dst.size));
 }
 
-/// Units on their way into a destination, which gets those that count and no more: behind them
+/// Units on their way into a destination, which gets those that count and no more: after them
 /// others may be left.
 template <typename Unit>
 class Chunk {
@@ -481,7 +481,7 @@ public:
     Unit* End() { return units_ + count_; }
     void Add(size_t units) { count_ += units; }
 
-    /// Moves its units to the beginning of `dst`, which shrinks to what is behind them.
+    /// Moves its units to the beginning of `dst`, which shrinks to what follows them.
     void MoveTo(ST_ROOM& dst) {
         const size_t bytes = count_ * sizeof(Unit);
         std::memcpy(dst.begin, units_, bytes);

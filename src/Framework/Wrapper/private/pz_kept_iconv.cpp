@@ -51,7 +51,7 @@ void close_slot(ST_KEPT_ICONV& slot) {
     if (converter != nullptr) iconv_close(converter);
 }
 
-/// Runs when the thread ends, behind the destructors of its thread-local objects.
+/// Runs when the thread ends, after the destructors of its thread-local objects.
 void close_all(void* ofThread) noexcept {
     const PZUncancelled whole;
     auto* const ended = static_cast<ST_STORE*>(ofThread);

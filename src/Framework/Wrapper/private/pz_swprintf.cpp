@@ -84,7 +84,7 @@ Length parse_length(const wchar_t*& format) {
     return Length::en_NONE;
 }
 
-/// `format` stands behind the percent sign, and is moved behind the letter (not behind the end).
+/// `format` stands after the percent sign, and is moved past the letter (not past the end).
 ST_CONVERSION parse_conversion(const wchar_t*& format, ST_ARGS& args) {
     ST_CONVERSION conversion = {};
     parse_flags(format, conversion);
@@ -135,7 +135,7 @@ unsigned long long take_unsigned(Length length, ST_ARGS& args) {
     return static_cast<unsigned int>(value);
 }
 
-/// The bytes of the first `limit` characters of a UTF-8 text. Reads nothing behind them: a text
+/// The bytes of the first `limit` characters of a UTF-8 text. Reads nothing after them: a text
 /// that is cut needs no terminator.
 size_t size_of_characters(const char* text, size_t limit) {
     size_t size = 0;

@@ -107,7 +107,7 @@ int cp_conv_to_utf8(char* dst, const char* src, unsigned int src_len, const ST_U
             dst[count++] = static_cast<char>(character.code >> shift);
         }
     }
-    // Deliberately not right behind the output: callers hand in a zero-filled buffer.
+    // Deliberately not right after the output: callers hand in a zero-filled buffer.
     dst[2 * static_cast<long>(count)] = '\0';
     return count;
 }
