@@ -39,7 +39,7 @@ constexpr uint32_t shifted(uint32_t reg) {
 using Tables = std::array<std::array<uint32_t, 256>, 8>;
 
 /// Table n: what a byte leaves in the register after n bytes of 0 behind it.
-constexpr Tables make_tables() {
+inline Tables make_tables() noexcept {
     Tables tables{};
     for (uint32_t byte = 0; byte < 256; ++byte) {
         uint32_t reg = byte;
@@ -55,9 +55,13 @@ constexpr Tables make_tables() {
     return tables;
 }
 
-// 8 KiB. Twice that, for sixteen bytes a step, would push half of a small processor's first cache
-// out for little.
-inline constexpr Tables kTables = make_tables();
+/// 8 KiB, made by the first checksum that needs them: in the library's file they would be a
+/// fiftieth of it. Twice that, for sixteen bytes a step, would push half of a small processor's
+/// first cache out for little.
+inline const Tables& tables() noexcept {
+    static const Tables made = make_tables();
+    return made;
+}
 
 inline uint32_t word_at(const unsigned char* data) {
     uint32_t word = 0;
@@ -66,15 +70,16 @@ inline uint32_t word_at(const unsigned char* data) {
 }
 
 inline uint32_t feed_by_tables(uint32_t reg, const unsigned char* data, size_t length) {
+    const Tables& table = tables();
     for (; length >= 8; data += 8, length -= 8) {
         const uint32_t first = word_at(data) ^ reg;
         const uint32_t second = word_at(data + 4);
-        reg = kTables[7][first & 0xFFU] ^ kTables[6][first >> 8U & 0xFFU] ^
-              kTables[5][first >> 16U & 0xFFU] ^ kTables[4][first >> 24U] ^
-              kTables[3][second & 0xFFU] ^ kTables[2][second >> 8U & 0xFFU] ^
-              kTables[1][second >> 16U & 0xFFU] ^ kTables[0][second >> 24U];
+        reg = table[7][first & 0xFFU] ^ table[6][first >> 8U & 0xFFU] ^
+              table[5][first >> 16U & 0xFFU] ^ table[4][first >> 24U] ^ table[3][second & 0xFFU] ^
+              table[2][second >> 8U & 0xFFU] ^ table[1][second >> 16U & 0xFFU] ^
+              table[0][second >> 24U];
     }
-    for (; length > 0; ++data, --length) reg = kTables[0][(reg ^ *data) & 0xFFU] ^ (reg >> 8U);
+    for (; length > 0; ++data, --length) reg = table[0][(reg ^ *data) & 0xFFU] ^ (reg >> 8U);
     return reg;
 }
 
