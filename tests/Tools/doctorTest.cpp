@@ -269,7 +269,7 @@ TEST_F(doctorTest, FindsAMachineWithEverythingGreen) {
 "green   icu-detector        ICU 72, libicui18n.so.72\n"
 "green   nice-limit          nice values from -20\n"
 "green   own-nice            nice value 4\n"
-"green   descriptors         4096 open files, room for 815 workers\n"
+"green   descriptors         4096 open files, room for 1359 workers\n"
 "green   threads             unlimited threads of one user\n"
 "green   clock-rights        CAP_SYS_TIME\n"
 "green   queue-messages      fs.mqueue.msg_max is 256\n"
@@ -447,8 +447,8 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
 "red     own-nice            nice value 5\n"
 "                            why:    a thread with a nice value above 4 can add no timer\n"
 "                            repair: renice -n 0 -p $$\n"
-"red     descriptors         36 open files, room for 3 workers\n"
-"                            why:    an event takes 2 descriptors, a worker 5\n"
+"red     descriptors         36 open files, room for 5 workers\n"
+"                            why:    an event takes 2 descriptors, a worker 3\n"
 "                            repair: ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024\n"
 "red     threads             63 threads of one user\n"
 "                            why:    every worker, timer band and receiving queue has a thread\n"
@@ -507,8 +507,8 @@ TEST_F(doctorTest, FindsARestrictionYellow) {
 "yellow  nice-limit          nice values from -10\n"
 "                            why:    workers and timers take nice values down to -20\n"
 "                            repair: prlimit --pid $$ --nice=40:40  # in a unit: LimitNICE=-20\n"
-"yellow  descriptors         1023 open files, room for 200 workers\n"
-"                            why:    an event takes 2 descriptors, a worker 5\n"
+"yellow  descriptors         1023 open files, room for 334 workers\n"
+"                            why:    an event takes 2 descriptors, a worker 3\n"
 "                            repair: ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024\n"
 "yellow  threads             255 threads of one user\n"
 "                            why:    every worker, timer band and receiving queue has a thread\n"
@@ -1016,7 +1016,7 @@ TEST(doctorLiveTest, ReadsWhatItInherits) {
         const size_t row = table.find("\n\n") + 2;
         return table.substr(row, table.find('\n', row) - row);
     };
-    EXPECT_EQ("red     descriptors         100 open files, room for 16 workers",
+    EXPECT_EQ("red     descriptors         100 open files, room for 27 workers",
               first_row("ulimit -S -n 100;", "descriptors"));
     EXPECT_EQ("red     queue-bytes         71679 bytes, room for 0 queues of one user",
               first_row("ulimit -S -q 71679;", "queue-bytes"));
@@ -1114,16 +1114,16 @@ long open_descriptors() {
 
 }  // namespace
 
-// What the check of descriptors counts with: 19 with the standard streams and the log, and 5 for
+// What the check of descriptors counts with: 19 with the standard streams and the log, and 3 for
 // each worker.
-TEST(doctorLiveTest, FrameworkTakes15DescriptorsBesideTheLogAndAWorker5) {
+TEST(doctorLiveTest, FrameworkTakes15DescriptorsBesideTheLogAndAWorker3) {
     const pztest::ChildResult child = pztest::run_in_child([] {
         const long before = open_descriptors();
         if (pz_FwInitialize("doctor", 1) == 0) return 1;
         if (!wait_until([=] { return open_descriptors() == before + 15; })) return 2;
         PZWorker worker(1, 4000, 1);
         worker.Start("worker");
-        if (!wait_until([=] { return open_descriptors() == before + 15 + 5; })) return 3;
+        if (!wait_until([=] { return open_descriptors() == before + 15 + 3; })) return 3;
         worker.End(0);
         pz_FwFinalize();
         return 0;

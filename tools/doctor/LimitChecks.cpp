@@ -18,7 +18,7 @@ constexpr int kHighestNice = 4;        // the end of the framework's scale
 // Measured: the standard streams, the system log and the waits of five timer threads, and those of
 // one worker.
 constexpr unsigned long long kDescriptorsOfFramework = 19;
-constexpr unsigned long long kDescriptorsOfWorker = 5;
+constexpr unsigned long long kDescriptorsOfWorker = 3;
 constexpr unsigned long long kFewDescriptors = 256;
 constexpr unsigned long long kEnoughDescriptors = 1024;
 
@@ -101,7 +101,7 @@ std::vector<Check> limit_checks() {
     return {
         {"nice-limit", "workers and timers take nice values down to -20", check_nice_limit},
         {"own-nice", "a thread with a nice value above 4 can add no timer", check_own_nice},
-        {"descriptors", "an event takes 2 descriptors, a worker 5", check_descriptors},
+        {"descriptors", "an event takes 2 descriptors, a worker 3", check_descriptors},
         {"threads", "every worker, timer band and receiving queue has a thread", check_threads},
         {"clock-rights", "only a process with CAP_SYS_TIME sets clocks", check_clock_rights},
     };
