@@ -166,7 +166,7 @@ void send_raw(benchmark::State& state) {
 }
 
 constexpr char kMemory[] = "/dev/shm";  // no disk is measured
-constexpr std::size_t kLogSize = 50 * 1024 * 1024;
+constexpr std::size_t kLogSize = std::size_t{50} * 1024 * 1024;
 constexpr benchmark::IterationCount kLines = 200000;
 
 void log_line(benchmark::State& state) {
