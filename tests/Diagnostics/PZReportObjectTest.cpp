@@ -7,6 +7,7 @@
 #include <Framework/Foundation/PZStorage.h>
 #include <Framework/Foundation/PZThread.h>
 #include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Foundation/PZWorker.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -48,7 +49,12 @@ bool see(const PZDbgOutput::ST_RECORD& record, void* /*user*/) {
 
 class PZReportObjectTest : public testing::Test {
 protected:
-    PZReportObjectTest() { PZDbgOutput::SetSink(see, nullptr); }
+    // The framework's start makes these two before any worker runs.
+    PZReportObjectTest() {
+        PZThreadMng::GetInstance();
+        PZWatchDog::GetInstance();
+        PZDbgOutput::SetSink(see, nullptr);
+    }
     ~PZReportObjectTest() override {
         PZDbgOutput::SetSink(nullptr, nullptr);
         seen.clear();

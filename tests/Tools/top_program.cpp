@@ -125,7 +125,9 @@ public:
     int OnTimer(PZLTimerSubMng::_TimerInfo*) override {
         const int number = ++calls;
         if (number == 3) nap(150);
-        while (number == 5) nap(kForever);
+        if (number == 5) {
+            for (;;) nap(kForever);
+        }
         return 1;
     }
     std::atomic<int> calls{0};

@@ -80,9 +80,11 @@ int main(int argc, char** /*argv*/) {
     if (worker.Start("patient") != 0) return 1;
     Unit unit;
     unit.RegistMsgBox(worker.GetMsgBox(), &unit);
-    while (argc > 1) {
-        unit.SendMsgSelf(kQuick, en_MSG_NORMAL, nullptr, 0);
-        pz_msleep(2);
+    if (argc > 1) {
+        for (;;) {
+            unit.SendMsgSelf(kQuick, en_MSG_NORMAL, nullptr, 0);
+            pz_msleep(2);
+        }
     }
 
     unit.SendMsgSelf(kSlow, en_MSG_HIGH, "slow", sizeof "slow");

@@ -179,7 +179,7 @@ private:
 
     ST_FINDINGS& open_;
     ST_FINDINGS* const fresh_;
-    ST_FOUND row_;                            // the one that is looked at
+    ST_FOUND row_ = {};                       // the one that is looked at
     const std::lock_guard<std::mutex> lock_;  // of the table's lists
 };
 
