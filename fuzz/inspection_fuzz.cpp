@@ -35,7 +35,8 @@ public:
         if (bytes_.empty() || address < kBase) return false;
         if (!repeats_ && (start > bytes_.size() || bytes_.size() - start < size)) return false;
         for (std::size_t i = 0; i < size; ++i) {
-            static_cast<char*>(to)[i] = bytes_[(start + i) % bytes_.size()];
+            static_cast<char*>(to)[i] =
+                bytes_[static_cast<std::size_t>((start + i) % bytes_.size())];
         }
         if (changes_) ++bytes_[static_cast<std::size_t>(reads_) * 7 % bytes_.size()];
         return true;
