@@ -441,8 +441,9 @@ TEST(topTest, SaysThatThereIsNothing) {
     result = top("--once no_such_process");
     EXPECT_EQ(1, result.status);
     EXPECT_EQ("pz-top: no process called no_such_process uses the library\n", result.output);
-    result = pztest::run_command("sleep 60 & " + std::string(kTop) +
-                                 "--once $! 2>&1; status=$?; kill $!; exit $status");
+    result =
+        pztest::run_command("sleep 60 & until grep -q sleep /proc/$!/comm; do :; done; " +
+                            std::string(kTop) + "--once $! 2>&1; status=$?; kill $!; exit $status");
     EXPECT_EQ(1, result.status);
     EXPECT_TRUE(contains(result.output, " (sleep) does not use the library\n")) << result.output;
 }
