@@ -46,6 +46,7 @@ PZ_API void pz_report_assertion(const char* file, int line);
 /// PZDbgOutput::SetSink. Lines do not show it. An inner scope hides an outer one of the same kind.
 class PZ_API PZReportObject {
 public:
+    /// What kind of object is named.
     enum EN_KIND : unsigned int {
         en_PATH = 0,    ///< a file or a folder
         en_THREAD = 1,  ///< name of a thread
@@ -67,10 +68,11 @@ private:
     const char* const before_;
 };
 
-/// The functions behind PZ_REPORT_ERROR_ON and PZ_REPORT_LAST_ERROR_ON.
+/// The function that PZ_REPORT_ERROR_ON calls.
 PZ_API void pz_report_error_on(PZReportObject::EN_KIND kind, const char* name, const char* file,
                                const char* func, int line, const char* format, ...)
     PZ_PRINTF_FORMAT(6, 7);
+/// The function that PZ_REPORT_LAST_ERROR_ON calls.
 PZ_API void pz_report_last_error_on(PZReportObject::EN_KIND kind, const char* name,
                                     const char* file, const char* func, int line);
 

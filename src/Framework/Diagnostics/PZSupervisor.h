@@ -51,7 +51,7 @@ public:
 
     /// Valid as long as the callback runs.
     struct ST_FINDING {
-        EN_KIND kind;
+        EN_KIND kind;                  ///< what is found
         bool isOver;                   ///< false when it begins, true when it is over
         const char* threadName;        ///< at most 127 characters; "" when nobody serves the box
         int tid;                       ///< kernel id of the thread, 0 when nobody serves the box
@@ -69,8 +69,8 @@ public:
     /// Must not throw, nor call pz_FwFinalize. While it runs nothing is watched.
     using Callback = void (*)(const ST_FINDING& finding, void* user);
 
-    static constexpr int kNoCallStack = 0;
-    static constexpr int kAnySignal = -1;  ///< the highest real-time signal that is not used
+    static constexpr int kNoCallStack = 0;  ///< no signal, and no call stacks
+    static constexpr int kAnySignal = -1;   ///< the highest real-time signal that is not used
 
     /// Begins to watch, every `intervalMs` milliseconds. `stackSignal` is the signal for call
     /// stacks, which stays the framework's until Stop: no other code may use it meanwhile.

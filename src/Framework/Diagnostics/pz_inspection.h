@@ -31,7 +31,7 @@
 
 /// An address as the library writes it.
 struct alignas(8) PZInspectionAddress {
-    std::atomic<const void*> pointer{nullptr};
+    std::atomic<const void*> pointer{nullptr};  ///< null: none
 #if __SIZEOF_POINTER__ == 4
     std::uint32_t upperHalf = 0;
 #endif
@@ -39,16 +39,16 @@ struct alignas(8) PZInspectionAddress {
 
 /// The form of the table in the process that it describes.
 struct PZInspectionLive {
-    using Address = PZInspectionAddress;
-    using U16 = std::atomic<std::uint16_t>;
-    using U32 = std::atomic<std::uint32_t>;
+    using Address = PZInspectionAddress;     ///< 64 bits
+    using U16 = std::atomic<std::uint16_t>;  ///< 16 bits
+    using U32 = std::atomic<std::uint32_t>;  ///< 32 bits
 };
 
 /// The form of a copy that was read from a process.
 struct PZInspectionCopy {
-    using Address = std::uint64_t;
-    using U16 = std::uint16_t;
-    using U32 = std::uint32_t;
+    using Address = std::uint64_t;  ///< 64 bits
+    using U16 = std::uint16_t;      ///< 16 bits
+    using U32 = std::uint32_t;      ///< 32 bits
 };
 
 /// Marks of the records, the characters "PZBX", "PZBD", "PZTH" in memory.
@@ -145,33 +145,34 @@ struct alignas(8) ST_INSPECTED_WAIT {
     typename Form::Address lock{};    ///< PZSync; 0 when `tid` is
     typename Form::Address handle{};  ///< pthread_t of the waiting thread
     typename Form::U32 tid{};         ///< kernel id of the waiting thread; 0: the entry is free
-    typename Form::U32 sinceMs{};
+    typename Form::U32 sinceMs{};     ///< when it began to wait
 };
 
 /// Live blocks and their bytes, with the peaks.
 template <typename Form>
 struct ST_INSPECTED_USAGE {
-    typename Form::U32 blocks{};
-    typename Form::U32 mostBlocks{};
-    typename Form::U32 bytes{};
-    typename Form::U32 mostBytes{};
+    typename Form::U32 blocks{};      ///< live
+    typename Form::U32 mostBlocks{};  ///< at once
+    typename Form::U32 bytes{};       ///< of the live blocks
+    typename Form::U32 mostBytes{};   ///< at once
 };
 
 /// What one thread has allocated.
 template <typename Form>
 struct ST_INSPECTED_HEAP_THREAD {
-    typename Form::U32 tid{};  ///< 0: the entry is free, and so are all behind it
-    ST_INSPECTED_USAGE<Form> usage{};
+    typename Form::U32 tid{};          ///< 0: the entry is free, and so are all behind it
+    ST_INSPECTED_USAGE<Form> usage{};  ///< of its blocks
 };
 
 /// The accounted heap, with 200 threads.
 template <typename Form>
 struct ST_INSPECTED_HEAP {
-    ST_INSPECTED_USAGE<Form> total{};
-    ST_INSPECTED_HEAP_THREAD<Form> threads[200]{};
+    ST_INSPECTED_USAGE<Form> total{};               ///< of the process
+    ST_INSPECTED_HEAP_THREAD<Form> threads[200]{};  ///< in the order of their first blocks
 };
 
-constexpr std::uint32_t PZ_INSPECTION_VERSION = 1;
+constexpr std::uint32_t PZ_INSPECTION_VERSION = 1;  ///< changes with the layout
+/// What the table begins with.
 constexpr char PZ_INSPECTION_MAGIC[8] = {'P', 'Z', 'I', 'N', 'S', 'P', 'E', 'C'};
 constexpr std::uint32_t PZ_INSPECTED_QUEUES = 32;  ///< further ones are not shown
 constexpr std::uint32_t PZ_INSPECTED_WAITS = 32;   ///< likewise
@@ -179,15 +180,15 @@ constexpr std::uint32_t PZ_INSPECTED_WAITS = 32;   ///< likewise
 /// The table.
 template <typename Form>
 struct alignas(8) ST_INSPECTION {
-    char magic[8];              ///< PZ_INSPECTION_MAGIC
-    std::uint32_t version;      ///< PZ_INSPECTION_VERSION
-    std::uint32_t size;         ///< of the table
-    std::uint32_t pointerSize;  ///< 4 or 8, of everything that is not part of the table
-    std::uint32_t boxSize;      ///< of one record each
-    std::uint32_t bandSize;
-    std::uint32_t threadSize;
-    std::uint32_t queueSize;
-    std::uint32_t waitSize;
+    char magic[8];                  ///< PZ_INSPECTION_MAGIC
+    std::uint32_t version;          ///< PZ_INSPECTION_VERSION
+    std::uint32_t size;             ///< of the table
+    std::uint32_t pointerSize;      ///< 4 or 8, of everything that is not part of the table
+    std::uint32_t boxSize;          ///< of one record each
+    std::uint32_t bandSize;         ///< likewise
+    std::uint32_t threadSize;       ///< likewise
+    std::uint32_t queueSize;        ///< likewise
+    std::uint32_t waitSize;         ///< likewise
     std::uint32_t queueCount;       ///< entries of the array
     std::uint32_t waitCount;        ///< entries of the array
     std::uint32_t heapThreadCount;  ///< entries of the array
@@ -203,11 +204,11 @@ struct alignas(8) ST_INSPECTION {
     typename Form::Address mainThread{};  ///< its pthread_t
     typename Form::Address name{};        ///< of the process: char[64]; 0 before the start
     typename Form::Address boxes{};       ///< lists: the first record
-    typename Form::Address bands{};
-    typename Form::Address threads{};
-    typename Form::Address queues{};  ///< arrays
-    typename Form::Address waits{};
-    typename Form::Address heap{};  ///< ST_INSPECTED_HEAP; 0 before the first accounted block
+    typename Form::Address bands{};       ///< likewise
+    typename Form::Address threads{};     ///< likewise
+    typename Form::Address queues{};      ///< arrays: the first record
+    typename Form::Address waits{};       ///< likewise
+    typename Form::Address heap{};        ///< ST_INSPECTED_HEAP; 0 before the first accounted block
 };
 
 /// The table of this process. To be read, from outside; the library writes it.

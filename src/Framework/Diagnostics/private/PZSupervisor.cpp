@@ -291,16 +291,16 @@ private:
     [[maybe_unused]] const Supervision* const parents_;  // left as it is, and within reach
     std::atomic<int> tid_{0};
     std::atomic<int> state_{en_STOPPED};
-    PZSupervisor::Callback callback_;
-    void* user_;
-    unsigned int intervalMs_;
-    bool isWithStack_;
+    PZSupervisor::Callback callback_ = nullptr;
+    void* user_ = nullptr;
+    unsigned int intervalMs_ = 0;
+    bool isWithStack_ = false;
     PZLoopWait wait_;
     PZStackSignal stackSignal_;
     PZCallStack callStack_;
-    ST_FINDINGS open_;
-    ST_FINDINGS fresh_;
-    ST_FOUND now_;  // told just now
+    ST_FINDINGS open_ = {};
+    ST_FINDINGS fresh_ = {};
+    ST_FOUND now_ = {};  // told just now
     PZThread<Supervision> thread_{this, kNotWatched};
 };
 

@@ -34,6 +34,7 @@ class Running {
 public:
     Running() noexcept {
         const PZReportLock lock;
+        // cppcheck-suppress useInitializationList ; what it reads is guarded by the lock
         call_ = {currentSink, currentUser, currentRound, calls};
         calls = &call_;
         callOfThread = &call_;

@@ -335,6 +335,7 @@ PZThreadMng::Record* PZThreadMng::FindLocked(unsigned long handle) {
     return record != threads_.end() ? &record->second : nullptr;
 }
 
+// cppcheck-suppress uninitDerivedMemberVar ; the base is copied
 PZThreadMng::Record::Record(const ThreadInfo& info, int knownTid)
     : ThreadInfo(info), tid(knownTid), owner(nullptr) {
     pz_inspect_set(shown.handle, reinterpret_cast<const void*>(info.handle));
