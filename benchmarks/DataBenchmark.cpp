@@ -1,14 +1,14 @@
 // Byte buffers, checksums and archives, beside what a program would otherwise do by hand or with
 // a serialization library.
 
-#include <benchmark/benchmark.h>
-
 #include <array>
 #include <cstdint>
 #include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Pattern/PZSerializable.h>
 #include <Framework/Utility/PZBinary.h>

@@ -1,8 +1,8 @@
 // One debug line to a file, beside the formatted print and flush it stands on.
 
-#include <benchmark/benchmark.h>
-
 #include <cstdio>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Diagnostics/PZDbgOutput.h>
 

@@ -1,15 +1,15 @@
 // The easy layer beside what each of its types stands on.
 
-#include <Framework/Easy.h>
-#include <benchmark/benchmark.h>
-
 #include <array>
 #include <atomic>
 #include <cstdlib>
 #include <string>
 
+#include <benchmark/benchmark.h>
+
 #include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Easy.h>
 #include <Framework/Foundation/PZIDispatcher.h>
 #include <Framework/Foundation/PZIMsgBox.h>
 #include <Framework/Foundation/PZStorage.h>

@@ -1,7 +1,6 @@
 // Copying a file and searching a directory, beside bare loops of the calls underneath; and
 // patterns made to be slow.
 
-#include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,6 +10,8 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Foundation/PZFileSys.h>
 

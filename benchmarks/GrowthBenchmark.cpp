@@ -2,13 +2,13 @@
 // text. A row is named "growth/curve/size"; its time is that of one message, timer, notification or
 // text.
 
-#include <benchmark/benchmark.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZUnitFrame.h>

@@ -1,6 +1,5 @@
 // The file guard, beside the process-shared mutex and the byte that it stands on.
 
-#include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -8,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Communication/PZFileGuard.h>
 

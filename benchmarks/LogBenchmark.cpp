@@ -1,10 +1,10 @@
 // One line of a log, beside the C library's buffered write that it stands on.
 
-#include <benchmark/benchmark.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Utility/PZLSysFileOut.h>
 

@@ -1,10 +1,10 @@
 // Messages between two threads, on one processor and on two, beside the system calls they stand on.
 
-#include <benchmark/benchmark.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <thread>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>

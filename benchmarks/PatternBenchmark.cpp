@@ -1,8 +1,8 @@
 // Notifying observers, beside plain lists of virtual calls.
 
-#include <benchmark/benchmark.h>
-
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Pattern/PZSubject.h>
 

@@ -1,11 +1,12 @@
 // The accounted heap, and start and stop of the framework with its private memory.
 
-#include <benchmark/benchmark.h>
 #include <execinfo.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <string>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Foundation/PZLHeapMng.h>
 #include <Framework/Foundation/pz_framework.h>

@@ -1,6 +1,5 @@
 // Message queues between processes, beside the system calls they stand on.
 
-#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <mqueue.h>
 #include <unistd.h>
@@ -8,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Communication/PZMessageQueue.h>
 

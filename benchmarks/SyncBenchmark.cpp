@@ -1,10 +1,11 @@
 // Locks and events, beside the system calls they stand on.
 
-#include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <semaphore.h>
 
 #include <atomic>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZSync.h>

@@ -1,12 +1,13 @@
 // Code-page conversion, radio text and strings, beside what they stand on.
 
-#include <benchmark/benchmark.h>
 #include <iconv.h>
 
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/cp_conv_basic_rds.h>

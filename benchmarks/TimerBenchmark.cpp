@@ -1,6 +1,5 @@
 // Timers: the cost of adding and removing, and how late they fire.
 
-#include <benchmark/benchmark.h>
 #include <sys/epoll.h>
 #include <time.h>
 #include <unistd.h>
@@ -10,6 +9,8 @@
 #include <cstdlib>
 #include <thread>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZSync.h>

@@ -1,8 +1,8 @@
-#include <Framework/Pattern/PZSerializable.h>
-
 #include <cstring>
 #include <string>
 #include <utility>
+
+#include <Framework/Pattern/PZSerializable.h>
 
 #include "support/FuzzInput.h"
 #include "support/fuzz_check.h"

@@ -1,7 +1,7 @@
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <cstring>
 #include <string>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/Source.h"
 #include "support/conversion.h"

@@ -1,9 +1,10 @@
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <unicode/ucsdet.h>
-
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include <unicode/ucsdet.h>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/FuzzInput.h"
 #include "support/conversion.h"

@@ -1,11 +1,11 @@
-#include <Framework/Utility/PZString.h>
-
 #include <array>
 #include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include <Framework/Utility/PZString.h>
 
 #include "support/FuzzInput.h"
 #include "support/StringModel.h"

@@ -1,8 +1,8 @@
-#include <Framework/Wrapper/cp_conv_basic_rds.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <algorithm>
 #include <string>
+
+#include <Framework/Wrapper/cp_conv_basic_rds.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/Source.h"
 #include "support/conversion.h"

@@ -1,19 +1,20 @@
 // The checksum of a block, and a record that becomes bytes and a record again.
 
-#include <benchmark/benchmark.h>
-#include <libdeflate.h>
 #include <zlib.h>
 
-#include <QByteArray>
-#include <QDataStream>
-#include <QString>
-#include <cereal/archives/portable_binary.hpp>
-#include <cereal/types/string.hpp>
 #include <cstdint>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <QByteArray>
+#include <QDataStream>
+#include <QString>
+#include <benchmark/benchmark.h>
+#include <cereal/archives/portable_binary.hpp>
+#include <cereal/types/string.hpp>
+#include <libdeflate.h>
 
 #include <Framework/Pattern/PZSerializable.h>
 #include <Framework/Utility/PZCRC.h>

@@ -1,13 +1,5 @@
 // A file of 10 MiB that is copied, and a line of 100 bytes that goes to a log.
 
-#include <Poco/AutoPtr.h>
-#include <Poco/File.h>
-#include <Poco/FileChannel.h>
-#include <Poco/Message.h>
-#include <benchmark/benchmark.h>
-#include <spdlog/logger.h>
-#include <spdlog/sinks/basic_file_sink.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +7,14 @@
 #include <iterator>
 #include <memory>
 #include <string>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/File.h>
+#include <Poco/FileChannel.h>
+#include <Poco/Message.h>
+#include <benchmark/benchmark.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/basic_file_sink.h>
 
 #include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Utility/PZLSysFileOut.h>

@@ -1,13 +1,13 @@
 // The recursive lock, free and with a second thread at it; an event that is set and waited for.
 
-#include <Poco/Event.h>
-#include <Poco/Mutex.h>
-#include <benchmark/benchmark.h>
-#include <uv.h>
-
-#include <QMutex>
 #include <cstdint>
 #include <cstdlib>
+
+#include <Poco/Event.h>
+#include <Poco/Mutex.h>
+#include <QMutex>
+#include <benchmark/benchmark.h>
+#include <uv.h>
 
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZSync.h>

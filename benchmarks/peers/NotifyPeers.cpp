@@ -1,12 +1,12 @@
 // One change, told to eight observers.
 
-#include <Poco/BasicEvent.h>
-#include <Poco/Delegate.h>
-#include <benchmark/benchmark.h>
-
-#include <QObject>
 #include <array>
 #include <cstdint>
+
+#include <Poco/BasicEvent.h>
+#include <Poco/Delegate.h>
+#include <QObject>
+#include <benchmark/benchmark.h>
 
 #include <Framework/Pattern/PZSubject.h>
 

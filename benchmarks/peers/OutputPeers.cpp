@@ -1,15 +1,16 @@
 // A line for whoever debugs: its place in the source, two values, coloured, out at once.
 
-#include <benchmark/benchmark.h>
-#include <spdlog/logger.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
 #include <unistd.h>
 
-#include <QMessageLogger>
-#include <QString>
 #include <algorithm>
 #include <memory>
 #include <string>
+
+#include <QMessageLogger>
+#include <QString>
+#include <benchmark/benchmark.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <Framework/Diagnostics/PZDbgOutput.h>
 

@@ -1,18 +1,18 @@
 // Work that is handed to another thread: an order of 64 bytes, copied on the way.
 
-#include <benchmark/benchmark.h>
-
-#include <QCoreApplication>
-#include <QEvent>
-#include <QThread>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <thread>
+
+#include <QCoreApplication>
+#include <QEvent>
+#include <QThread>
+#include <benchmark/benchmark.h>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>

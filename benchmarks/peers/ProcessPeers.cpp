@@ -1,14 +1,15 @@
 // Between processes: a message of 256 bytes through a queue, and a lock that has a name.
 
-#include <Poco/NamedMutex.h>
-#include <benchmark/benchmark.h>
 #include <unistd.h>
 
-#include <boost/interprocess/ipc/message_queue.hpp>
-#include <boost/interprocess/sync/named_recursive_mutex.hpp>
 #include <cstdlib>
 #include <string>
 #include <thread>
+
+#include <Poco/NamedMutex.h>
+#include <benchmark/benchmark.h>
+#include <boost/interprocess/ipc/message_queue.hpp>
+#include <boost/interprocess/sync/named_recursive_mutex.hpp>
 
 #include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Communication/PZMessageQueue.h>

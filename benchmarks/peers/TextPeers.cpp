@@ -1,13 +1,13 @@
 // Texts from UTF-8 into a page of one byte a letter.
 
-#include <benchmark/benchmark.h>
-#include <glib.h>
-#include <unicode/ucnv.h>
-
 #include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <benchmark/benchmark.h>
+#include <glib.h>
+#include <unicode/ucnv.h>
 
 #include <Framework/Wrapper/pz_cp_conv.h>
 

@@ -1,16 +1,16 @@
 // A timer that is started and stopped while others are active: a time limit that is rarely reached.
 
-#include <benchmark/benchmark.h>
-#include <uv.h>
-
 #include <atomic>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdlib>
 #include <deque>
 #include <thread>
+
+#include <benchmark/benchmark.h>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <uv.h>
 
 #include <Framework/Utility/PZLTimerMng.h>
 

@@ -1,11 +1,11 @@
 // The same works done by the framework and by the libraries that one would take instead. A row is
 // named "work/library"; every adapter is checked for the right result, outside of what is timed.
 
-#include <benchmark/benchmark.h>
-
-#include <QCoreApplication>
 #include <algorithm>
 #include <vector>
+
+#include <QCoreApplication>
+#include <benchmark/benchmark.h>
 
 #include <Framework/Foundation/pz_framework.h>
 

@@ -1,11 +1,11 @@
 #ifndef PZ_BENCHMARKS_SUPPORT_RATIOREPORTER_H
 #define PZ_BENCHMARKS_SUPPORT_RATIOREPORTER_H
 
-#include <benchmark/benchmark.h>
-
 #include <map>
 #include <string>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 namespace pzbench {
 

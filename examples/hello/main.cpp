@@ -1,6 +1,6 @@
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

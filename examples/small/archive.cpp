@@ -1,8 +1,8 @@
 // The archive: values to bytes and back, also those of objects inside it.
-#include <Framework/Pattern/PZSerializable.h>
-
 #include <cstdio>
 #include <string>
+
+#include <Framework/Pattern/PZSerializable.h>
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The byte buffer: numbers and texts in a received telegram.
-#include <Framework/Utility/PZBinary.h>
-
 #include <cstdio>
+
+#include <Framework/Utility/PZBinary.h>
 
 int main() {
     const unsigned char received[] = {

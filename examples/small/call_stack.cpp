@@ -1,7 +1,7 @@
 // The call stack: return addresses of the calling thread, with symbol lines on request.
-#include <Framework/Diagnostics/PZCallStack.h>
-
 #include <cstdio>
+
+#include <Framework/Diagnostics/PZCallStack.h>
 
 int main() {
     PZCallStack stack;

@@ -1,10 +1,10 @@
 // The clock: seconds, UTC and local time, and the zones to choose from.
 //
 // On a device SetTimeZone makes a zone the one of all processes; here it comes from TZ.
-#include <Framework/Foundation/PZClock.h>
-
 #include <cstdio>
 #include <cstdlib>
+
+#include <Framework/Foundation/PZClock.h>
 
 namespace {
 

@@ -2,10 +2,10 @@
 //
 // The results are the numbers of units written, without terminator. Narrow targets get none, so
 // the buffers are filled with zeros.
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <cstdio>
 #include <cstring>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 namespace {
 

@@ -1,11 +1,11 @@
 // CRC-32 of memory, at once and in pieces, and of a file.
 //
 // Makes and removes a file in the current folder.
+#include <cstdio>
+
 #include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Foundation/PZStorage.h>
 #include <Framework/Utility/PZCRC.h>
-
-#include <cstdio>
 
 namespace {
 

@@ -1,10 +1,10 @@
 // Debug output: one line a call. Errors are red and go to the system log as well.
+#include <cerrno>
+#include <cstdio>
+
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Foundation/pz_framework.h>
-
-#include <cerrno>
-#include <cstdio>
 
 int main() {
     if (pz_FwInitialize("radio", 1) == 0) return 1;  // the lines carry the name

@@ -1,10 +1,10 @@
 // Detection: the likely code page of unknown bytes.
 //
 // Asks the detector of the ICU that the process has loaded: link PZFramework::icu.
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <cstdio>
 #include <string>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 namespace {
 

@@ -1,12 +1,12 @@
 // A timer that does not drift: each callback sets the interval to what is left until the next
 // multiple of the period. A late call shortens the next interval; no call is left out.
+#include <algorithm>
+#include <cstdio>
+
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLTimerMng.h>
-
-#include <algorithm>
-#include <cstdio>
 
 namespace {
 

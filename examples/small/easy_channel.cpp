@@ -1,9 +1,10 @@
 // Values of one type from process to process.
-#include <Framework/Easy.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Settings that several threads and processes change, whole or not at all.
-#include <Framework/Easy/GuardedFile.h>
-
 #include <cstdio>
 #include <cstdlib>
+
+#include <Framework/Easy/GuardedFile.h>
 
 int main() {
     pz::GuardedFile settings(".", "easy_settings");

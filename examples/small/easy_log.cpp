@@ -1,8 +1,8 @@
 // A log that rotates by renaming and keeps to its size.
-#include <Framework/Easy/RotatingLog.h>
-
 #include <cstdio>
 #include <filesystem>
+
+#include <Framework/Easy/RotatingLog.h>
 
 int main() {
     constexpr std::size_t kSize = 1024;  // bytes of a file; or 1_KiB, with pz::literals

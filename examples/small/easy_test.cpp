@@ -1,7 +1,7 @@
 // A unit tested without threads: the test serves its worker and moves its time.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

@@ -1,7 +1,7 @@
 // Texts to UTF-8 and back, as strings.
-#include <Framework/Easy/Text.h>
-
 #include <cstdio>
+
+#include <Framework/Easy/Text.h>
 
 int main() {
     const std::string station = pz::to_utf8("Caf\xe9 Wien", XCP_ISO8859_1);

@@ -1,7 +1,7 @@
 // A steady timer on a worker, and one that runs once.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

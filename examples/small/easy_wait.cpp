@@ -1,8 +1,8 @@
 // Waiting for one of several events, and for the signal that ends the program.
-#include <Framework/Easy.h>
-
 #include <csignal>
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

@@ -1,7 +1,7 @@
 // A worker that runs what is posted to it, in order, and answers calls.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The event: every SetEvent adds one signal, every successful wait takes one.
-#include <Framework/Foundation/PZEvent.h>
-
 #include <cstdio>
 #include <thread>
+
+#include <Framework/Foundation/PZEvent.h>
 
 namespace {
 

@@ -1,12 +1,13 @@
 // The file guard: two processes take turns at a file.
 //
 // Makes and removes files in the current folder: the counted number, and two key files.
-#include <Framework/Communication/PZFileGuard.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+
+#include <Framework/Communication/PZFileGuard.h>
 
 namespace {
 

@@ -1,12 +1,12 @@
 // Files and folders: making, searching, copying and removing them.
 //
 // Works below the current folder and leaves nothing there.
-#include <Framework/Foundation/PZFileSys.h>
-#include <Framework/Foundation/PZStorage.h>
-
 #include <cstdio>
 #include <set>
 #include <string>
+
+#include <Framework/Foundation/PZFileSys.h>
+#include <Framework/Foundation/PZStorage.h>
 
 namespace {
 

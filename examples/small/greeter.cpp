@@ -1,7 +1,7 @@
 // A unit on a worker, and a timer that sends it a message every 100 ms.
-#include <Framework/PZFramework.h>
-
 #include <cstdio>
+
+#include <Framework/PZFramework.h>
 
 // A unit: its messages arrive on the worker's thread.
 class Greeter : public PZUnitFrame, public PZIDispatcher {

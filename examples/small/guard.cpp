@@ -1,9 +1,9 @@
 // The guard: locks anything that can be locked, for a scope.
 //
 // The door says what happens to it. A scope that is left early gives it back as well.
-#include <Framework/Foundation/PZSyncGuard.h>
-
 #include <cstdio>
+
+#include <Framework/Foundation/PZSyncGuard.h>
 
 namespace {
 

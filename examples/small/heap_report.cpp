@@ -3,15 +3,16 @@
 // The framework lists the blocks on the standard output when it stops, with the addresses of their
 // callers. It also writes them to a file below /Syslog, whose totals are printed (and the file
 // removed) here; the list itself goes to /dev/null.
-#include <Framework/Foundation/PZFileSys.h>
-#include <Framework/Foundation/PZLHeapMng.h>
-#include <Framework/Foundation/PZStorage.h>
-#include <Framework/Foundation/pz_framework.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
+
+#include <Framework/Foundation/PZFileSys.h>
+#include <Framework/Foundation/PZLHeapMng.h>
+#include <Framework/Foundation/PZStorage.h>
+#include <Framework/Foundation/pz_framework.h>
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The list of pointers: in the order of adding; the elements stay with their owner.
-#include <Framework/Utility/PZPList.h>
-
 #include <cstdio>
+
+#include <Framework/Utility/PZPList.h>
 
 namespace {
 

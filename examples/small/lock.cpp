@@ -1,11 +1,11 @@
 // The lock: recursive, taken for a scope or with a time limit.
 //
 // Two threads count together. Nobody else gets in while a scope holds the lock.
-#include <Framework/Foundation/PZSync.h>
-#include <Framework/Foundation/PZSyncLock.h>
-
 #include <cstdio>
 #include <thread>
+
+#include <Framework/Foundation/PZSync.h>
+#include <Framework/Foundation/PZSyncLock.h>
 
 namespace {
 

@@ -1,12 +1,12 @@
 // Priorities of messages: emergencies first, then the lower value; equal values keep their order.
 //
 // The first message keeps the worker busy until the others are there.
+#include <cstdio>
+
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/Foundation/pz_framework.h>
-
-#include <cstdio>
 
 namespace {
 

@@ -1,9 +1,9 @@
 // A subject and its observers: some subscribe for everything, some for certain identifiers.
 //
 // The largest answer of the observers that were called goes back to the notifier.
-#include <Framework/Pattern/PZSubject.h>
-
 #include <cstdio>
+
+#include <Framework/Pattern/PZSubject.h>
 
 namespace {
 

@@ -1,10 +1,10 @@
 // A one-shot timer: its callback answers 0, so it fires once. Until then it can be taken back.
+#include <cstdio>
+
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZStopwatch.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLTimerMng.h>
-
-#include <cstdio>
 
 namespace {
 

@@ -2,13 +2,13 @@
 // does the work on a worker.
 //
 // The next period counts from the call. A late call is not caught up; see drift_free_timer.cpp.
+#include <cstdio>
+
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLTimerMng.h>
-
-#include <cstdio>
 
 namespace {
 

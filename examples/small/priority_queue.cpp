@@ -1,7 +1,7 @@
 // The priority queue: the lowest value first, equal values in the order of their coming.
-#include <Framework/Foundation/PZPriorityQueue.h>
-
 #include <cstdio>
+
+#include <Framework/Foundation/PZPriorityQueue.h>
 
 namespace {
 

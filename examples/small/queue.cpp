@@ -1,15 +1,16 @@
 // A queue between processes: one process sends and ends, the other receives.
 //
 // Messages wait in the system, the smaller priority value first.
-#include <Framework/Communication/PZMessageQueue.h>
-#include <Framework/Foundation/PZEvent.h>
-#include <Framework/Foundation/pz_framework.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
 #include <string>
+
+#include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Foundation/PZEvent.h>
+#include <Framework/Foundation/pz_framework.h>
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Radio text: the same broadcast bytes in the three character sets.
-#include <Framework/Utility/PZString.h>
-
 #include <cstdio>
+
+#include <Framework/Utility/PZString.h>
 
 int main() {
     const char received[] = "Caf\x82 \x24 \x5E \xA9";

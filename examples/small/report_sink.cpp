@@ -1,10 +1,10 @@
 // Reports as the application wants them: in another style, and as records in its own hands.
+#include <cerrno>
+#include <cstdio>
+
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/pz_framework.h>
-
-#include <cerrno>
-#include <cstdio>
 
 namespace {
 

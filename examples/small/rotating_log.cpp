@@ -2,12 +2,12 @@
 //
 // Works in the current folder and leaves nothing there. Each step of a shift that finds no file
 // prints a message, so the files are there from the beginning.
+#include <cstdio>
+#include <initializer_list>
+
 #include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Foundation/PZStorage.h>
 #include <Framework/Utility/PZLSysFileOut.h>
-
-#include <cstdio>
-#include <initializer_list>
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Waiting for several events: for any of them, or for all.
-#include <Framework/Foundation/PZEvent.h>
-
 #include <cstdio>
+
+#include <Framework/Foundation/PZEvent.h>
 
 int main() {
     PZEvent key;

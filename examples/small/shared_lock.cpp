@@ -1,8 +1,6 @@
 // The shared lock: two processes that know the same name exclude each other.
 //
 // They count in common memory. The semaphore stays in the system until somebody removes it.
-#include <Framework/Foundation/PZSyncGuard.h>
-#include <Framework/SharedMemory/PZSharedSyncObject.h>
 #include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -10,6 +8,9 @@
 
 #include <cstdio>
 #include <string>
+
+#include <Framework/Foundation/PZSyncGuard.h>
+#include <Framework/SharedMemory/PZSharedSyncObject.h>
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Singletons: made on first use, destroyed last made first when the framework stops.
+#include <cstdio>
+
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/pz_framework.h>
-
-#include <cstdio>
 
 namespace {
 

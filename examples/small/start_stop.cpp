@@ -1,8 +1,8 @@
 // Start and stop of the framework, and the name and id of the process.
+#include <cstdio>
+
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Foundation/pz_identity.h>
-
-#include <cstdio>
 
 int main() {
     std::printf("before: \"%s\", id %d\n", pz_GetName(), pz_GetId());

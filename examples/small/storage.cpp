@@ -1,10 +1,10 @@
 // Buffered files whose data reach the medium in Flush and Close.
 //
 // Makes and removes a file in the current folder.
+#include <cstdio>
+
 #include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Foundation/PZStorage.h>
-
-#include <cstdio>
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The string: holds one form of a text at a time and turns into the one that is asked for.
-#include <Framework/Utility/PZString.h>
-
 #include <cstdio>
+
+#include <Framework/Utility/PZString.h>
 
 int main() {
     PZString text(

@@ -1,8 +1,8 @@
 // Helpers for C strings: formatting, numbers, comparing.
+#include <cstdio>
+
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/pz_stdlib.h>
-
-#include <cstdio>
 
 int main() {
     // Wide text with %s, narrow text with %hs, a truth value with %b.

@@ -1,11 +1,11 @@
 // The thread template: runs an object's Initialize, MainProc and Finalize on a thread of its own.
 //
 // It cannot be stopped from outside: the owner makes MainProc return, here with an event.
+#include <cstdio>
+
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZThread.h>
 #include <Framework/Foundation/pz_framework.h>
-
-#include <cstdio>
 
 namespace {
 

@@ -2,12 +2,13 @@
 // priorities on the wide scale from 177 (most urgent) to 255.
 //
 // Framework threads register themselves; here the main thread does so, too.
-#include <Framework/Foundation/PZThreadMng.h>
-#include <Framework/Foundation/pz_framework.h>
 #include <pthread.h>
 
 #include <cstdio>
 #include <vector>
+
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/pz_framework.h>
 
 int main() {
     if (pz_FwInitialize("registry", 1) == 0) return 1;

@@ -1,9 +1,6 @@
 // Timers that fire on time where the tick wraps, every 49.7 days: shortly before, a band whose
 // timers all expire behind the wrap may wait without limit. No timer of its own can help, only
 // another thread, that adds one to the band from time to time. The program moves the tick by hand.
-#include <Framework/Foundation/PZEvent.h>
-#include <Framework/Foundation/pz_framework.h>
-#include <Framework/Utility/PZLTimerMng.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,6 +8,10 @@
 #include <cstdio>
 #include <ctime>
 #include <thread>
+
+#include <Framework/Foundation/PZEvent.h>
+#include <Framework/Foundation/pz_framework.h>
+#include <Framework/Utility/PZLTimerMng.h>
 
 constexpr long long kWrapMs = 4294967296;  // the tick that reads 0 again
 static std::atomic<long long> tickMs{1000};

@@ -1,9 +1,9 @@
 // Ticks for time-outs, the stopwatch for measuring. Neither follows the wall clock.
+#include <cstdio>
+
 #include <Framework/Foundation/PZStopwatch.h>
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Wrapper/pz_stdlib.h>
-
-#include <cstdio>
 
 namespace {
 

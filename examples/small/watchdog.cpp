@@ -1,11 +1,11 @@
 // The watchdog's hooks: a thread of the application says when it waits.
 //
 // No watchdog stands behind them yet. The thread registry is told in the same places.
+#include <cstdio>
+
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
-
-#include <cstdio>
 
 namespace {
 

@@ -1,9 +1,9 @@
 // A unit on a worker: what it sends to itself is handled on the worker's thread.
+#include <cstdio>
+
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/Foundation/pz_framework.h>
-
-#include <cstdio>
 
 namespace {
 

@@ -1,11 +1,12 @@
 #ifndef PZ_FUZZ_SUPPORT_REFERENCE_H
 #define PZ_FUZZ_SUPPORT_REFERENCE_H
 
-#include <Framework/Wrapper/private/pz_iconv_names.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
 #include <iconv.h>
 
 #include <string>
+
+#include <Framework/Wrapper/private/pz_iconv_names.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/Destination.h"
 

@@ -1,12 +1,12 @@
 #ifndef PZ_FUZZ_SUPPORT_STRINGMODEL_H
 #define PZ_FUZZ_SUPPORT_STRINGMODEL_H
 
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 namespace pzfuzz {
 

@@ -1,10 +1,10 @@
 #ifndef PZ_FUZZ_SUPPORT_CONVERSION_H
 #define PZ_FUZZ_SUPPORT_CONVERSION_H
 
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <cstddef>
 #include <string>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/Destination.h"
 #include "support/FuzzInput.h"

@@ -1,9 +1,10 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Communication/PZFileGuard.h>
 

@@ -1,9 +1,7 @@
 #include "Framework/Diagnostics/PZCallStack.h"
 
-#include <Framework/Diagnostics/PZDbgOutput.h>
 #include <dlfcn.h>
 #include <execinfo.h>
-#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include <cerrno>
@@ -14,6 +12,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Diagnostics/PZDbgOutput.h>
 
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"

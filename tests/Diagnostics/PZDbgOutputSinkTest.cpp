@@ -1,6 +1,3 @@
-#include <Framework/Diagnostics/PZDbgOutput.h>
-#include <Framework/Diagnostics/PZReport.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -14,6 +11,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Diagnostics/PZDbgOutput.h>
+#include <Framework/Diagnostics/PZReport.h>
 
 #include "support/ChildProcess.h"
 #include "support/MemoryShortage.h"

@@ -1,6 +1,3 @@
-#include <Framework/Diagnostics/PZDbgOutput.h>
-#include <Framework/Diagnostics/PZReport.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <pty.h>
 #include <sys/syscall.h>
@@ -17,6 +14,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Diagnostics/PZDbgOutput.h>
+#include <Framework/Diagnostics/PZReport.h>
 
 #include "support/ChildProcess.h"
 #include "support/ManualTick.h"

@@ -1,9 +1,6 @@
 #include "Framework/Diagnostics/PZDbgOutput.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Foundation/pz_framework.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -20,6 +17,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/pz_framework.h>
 
 #include "support/ChildProcess.h"
 #include "support/StdoutCapture.h"

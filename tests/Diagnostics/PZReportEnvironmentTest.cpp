@@ -1,12 +1,13 @@
-#include <Framework/Diagnostics/PZDbgOutput.h>
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Diagnostics/PZDbgOutput.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"

@@ -1,15 +1,3 @@
-#include <Framework/Communication/PZFileGuard.h>
-#include <Framework/Communication/PZMessageQueue.h>
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Foundation/PZFileSys.h>
-#include <Framework/Foundation/PZIDispatcher.h>
-#include <Framework/Foundation/PZLMsgBox.h>
-#include <Framework/Foundation/PZStorage.h>
-#include <Framework/Foundation/PZThread.h>
-#include <Framework/Foundation/PZThreadMng.h>
-#include <Framework/Foundation/PZWatchDog.h>
-#include <Framework/Foundation/PZWorker.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -21,6 +9,20 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Communication/PZFileGuard.h>
+#include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/PZFileSys.h>
+#include <Framework/Foundation/PZIDispatcher.h>
+#include <Framework/Foundation/PZLMsgBox.h>
+#include <Framework/Foundation/PZStorage.h>
+#include <Framework/Foundation/PZThread.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/Foundation/PZWorker.h>
 
 #include "support/Gate.h"
 #include "support/StdoutCapture.h"

@@ -1,13 +1,14 @@
 #include "Framework/Diagnostics/PZReport.h"
 
 #include <execinfo.h>
-#include <gtest/gtest.h>
 #include <syslog.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"

@@ -1,6 +1,5 @@
 #include "Framework/Diagnostics/PZSupervisor.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -13,6 +12,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Diagnostics/PZCallStack.h>

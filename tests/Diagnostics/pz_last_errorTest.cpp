@@ -1,11 +1,11 @@
 #include "Framework/Diagnostics/pz_last_error.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 TEST(pz_last_errorTest, AnswersErrno) {
     errno = ENOENT;

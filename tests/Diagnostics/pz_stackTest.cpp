@@ -1,8 +1,8 @@
 #include "Framework/Diagnostics/pz_stack.h"
 
-#include <gtest/gtest.h>
-
 #include <limits>
+
+#include <gtest/gtest.h>
 
 #include "support/StdoutCapture.h"
 

@@ -1,7 +1,4 @@
-#include <Framework/Easy/Channel.h>
-#include <Framework/Easy/Framework.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <mqueue.h>
 #include <unistd.h>
 
@@ -13,6 +10,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/Channel.h>
+#include <Framework/Easy/Framework.h>
 
 #include "support/ChildProcess.h"
 #include "support/Gate.h"

@@ -1,9 +1,10 @@
-#include <Framework/Easy/Event.h>
-#include <gtest/gtest.h>
-
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/Event.h>
 
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"

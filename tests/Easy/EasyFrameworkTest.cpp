@@ -1,11 +1,3 @@
-#include <Framework/Easy/Framework.h>
-#include <Framework/Easy/Worker.h>
-#include <Framework/Foundation/PZThreadMng.h>
-#include <Framework/Foundation/pz_framework.h>
-#include <Framework/Foundation/pz_identity.h>
-#include <Framework/Utility/PZLTimerMng.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <cerrno>
 #include <ctime>
@@ -13,6 +5,15 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/Worker.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/pz_framework.h>
+#include <Framework/Foundation/pz_identity.h>
+#include <Framework/Utility/PZLTimerMng.h>
 
 #include "support/CallbackTimer.h"
 #include "support/ChildProcess.h"

@@ -1,5 +1,3 @@
-#include <Framework/Easy/GuardedFile.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +9,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/GuardedFile.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"

@@ -1,5 +1,3 @@
-#include <Framework/Easy/RotatingLog.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -10,6 +8,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/RotatingLog.h>
 
 #include "support/ChildProcess.h"
 #include "support/MemoryShortage.h"

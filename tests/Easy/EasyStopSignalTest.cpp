@@ -1,7 +1,3 @@
-#include <Framework/Easy/Framework.h>
-#include <Framework/Easy/StopSignal.h>
-#include <Framework/Easy/Worker.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
@@ -9,6 +5,12 @@
 #include <memory>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/StopSignal.h>
+#include <Framework/Easy/Worker.h>
 
 #include "support/ChildProcess.h"
 #include "support/StdoutCapture.h"

@@ -1,10 +1,11 @@
-#include <Framework/Easy/test/ManualClock.h>
-#include <Framework/Easy/test/SyncWorker.h>
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/test/ManualClock.h>
+#include <Framework/Easy/test/SyncWorker.h>
 
 #include "support/StdoutCapture.h"
 

@@ -1,8 +1,9 @@
-#include <Framework/Easy/Text.h>
-#include <gtest/gtest.h>
-
 #include <string>
 #include <string_view>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/Text.h>
 
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"

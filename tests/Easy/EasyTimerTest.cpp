@@ -1,8 +1,3 @@
-#include <Framework/Easy/Framework.h>
-#include <Framework/Easy/Timer.h>
-#include <Framework/Easy/Worker.h>
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -10,6 +5,12 @@
 #include <optional>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/Timer.h>
+#include <Framework/Easy/Worker.h>
 
 #include "support/Gate.h"
 #include "support/MemoryShortage.h"

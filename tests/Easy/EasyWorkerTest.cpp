@@ -1,8 +1,3 @@
-#include <Framework/Easy/Framework.h>
-#include <Framework/Easy/Worker.h>
-#include <Framework/Foundation/PZThreadMng.h>
-#include <Framework/Foundation/PZUnitFrame.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <array>
@@ -14,6 +9,13 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/Worker.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Foundation/PZUnitFrame.h>
 
 #include "support/Gate.h"
 #include "support/MemoryShortage.h"

@@ -1,8 +1,9 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

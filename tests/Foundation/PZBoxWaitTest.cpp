@@ -1,7 +1,4 @@
-#include <Framework/Foundation/private/PZBoxWait.h>
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -13,6 +10,10 @@
 #include <cstring>
 #include <string>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Foundation/private/PZBoxWait.h>
 
 #include "support/CancelledStack.h"
 #include "support/ChildProcess.h"

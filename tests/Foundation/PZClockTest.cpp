@@ -1,8 +1,6 @@
 #include "Framework/Foundation/PZClock.h"
 
-#include <Framework/Foundation/PZFileSys.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/rtc.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -30,6 +28,10 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Foundation/PZFileSys.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"

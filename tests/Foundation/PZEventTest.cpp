@@ -1,7 +1,6 @@
 #include "Framework/Foundation/PZEvent.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -20,6 +19,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/CancelledStack.h"
 #include "support/ChildProcess.h"

@@ -1,7 +1,6 @@
 #include "Framework/Foundation/PZFileSys.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <unistd.h>
@@ -18,6 +17,8 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 

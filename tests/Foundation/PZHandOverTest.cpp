@@ -1,6 +1,3 @@
-#include <Framework/Foundation/private/PZHandOver.h>
-
-#include <gtest/gtest.h>
 #include <ucontext.h>
 
 #include <algorithm>
@@ -13,7 +10,10 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include <Framework/Foundation/PZPriorityQueue.h>
+#include <Framework/Foundation/private/PZHandOver.h>
 
 // The hand-over in every order that its threads can take turns in.
 //

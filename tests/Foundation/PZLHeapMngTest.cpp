@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZLHeapMng.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
@@ -25,6 +24,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Foundation/PZClock.h>
 #include <Framework/Foundation/pz_identity.h>

@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZLMsgBox.h"
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/epoll.h>
@@ -19,6 +18,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Foundation/PZWatchDog.h>
 

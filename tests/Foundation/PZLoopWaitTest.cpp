@@ -1,7 +1,4 @@
-#include <Framework/Foundation/private/PZLoopWait.h>
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -16,6 +13,9 @@
 #include <string>
 #include <thread>
 
+#include <gtest/gtest.h>
+
+#include <Framework/Foundation/private/PZLoopWait.h>
 #include <Framework/private/pz_epoll_wait.h>
 
 #include "support/CancelledStack.h"

@@ -1,11 +1,11 @@
 #include "Framework/Foundation/PZPriorityQueue.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <random>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,9 +1,10 @@
-#include <Framework/Foundation/private/PZShortLook.h>
-
-#include <gtest/gtest.h>
 #include <sched.h>
 
 #include <ctime>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Foundation/private/PZShortLook.h>
 
 #include "support/Interposed.h"
 

@@ -1,7 +1,6 @@
 #include "Framework/Foundation/PZSingleton.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <semaphore.h>
 
 #include <cstddef>
@@ -12,6 +11,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Foundation/PZTickCount.h>
 

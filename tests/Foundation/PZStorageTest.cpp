@@ -1,7 +1,6 @@
 #include "Framework/Foundation/PZStorage.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -16,6 +15,8 @@
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"

@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZSyncGuard.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <cstring>
@@ -9,6 +8,8 @@
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZSyncLock.h"
 
-#include <gtest/gtest.h>
 #include <semaphore.h>
 
 #include <stdexcept>
@@ -8,6 +7,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"

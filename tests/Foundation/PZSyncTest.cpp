@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
@@ -21,6 +20,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/CancelledStack.h"
 #include "support/ChildProcess.h"

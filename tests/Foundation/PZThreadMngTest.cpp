@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZThreadMng.h"
 
-#include <Framework/Foundation/PZSingleton.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -21,6 +20,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <Framework/Foundation/PZSingleton.h>
 
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"

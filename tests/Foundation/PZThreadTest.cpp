@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZThread.h"
 
-#include <Framework/Foundation/PZThreadMng.h>
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/resource.h>
@@ -22,6 +21,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <Framework/Foundation/PZThreadMng.h>
 
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"

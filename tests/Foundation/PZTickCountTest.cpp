@@ -1,10 +1,10 @@
 #include "Framework/Foundation/PZTickCount.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <cstring>
 #include <type_traits>
+
+#include <gtest/gtest.h>
 
 #include "support/ManualTick.h"
 

@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZUnitFrame.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <cstdio>
@@ -9,6 +8,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Foundation/PZLMsgBox.h>
 

@@ -1,8 +1,8 @@
 #include "Framework/Foundation/PZWatchDog.h"
 
-#include <gtest/gtest.h>
-
 #include <type_traits>
+
+#include <gtest/gtest.h>
 
 #include "support/StdoutCapture.h"
 

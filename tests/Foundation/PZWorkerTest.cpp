@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZWorker.h"
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -17,6 +16,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>

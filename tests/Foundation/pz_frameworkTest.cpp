@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -14,6 +13,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Foundation/PZLHeapMng.h>
 #include <Framework/Foundation/PZSingleton.h>

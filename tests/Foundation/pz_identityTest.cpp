@@ -1,10 +1,11 @@
 #include "Framework/Foundation/pz_identity.h"
 
-#include <Framework/Foundation/pz_framework.h>
-#include <gtest/gtest.h>
-
 #include <string>
 #include <thread>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Foundation/pz_framework.h>
 
 // Every test runs in a process of its own, so that each begins before start-up.
 

@@ -1,9 +1,10 @@
-#include <gtest/gtest.h>
+#include "support/Consumer.h"
 
 #include <fstream>
 #include <string>
 
-#include "support/Consumer.h"
+#include <gtest/gtest.h>
+
 #include "support/ElfFile.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

@@ -1,8 +1,3 @@
-#include <Framework/Communication/PZMessageQueue.h>
-#include <Framework/Foundation/PZClock.h>
-#include <Framework/Foundation/PZThreadMng.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -14,6 +9,13 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Foundation/PZClock.h>
+#include <Framework/Foundation/PZThreadMng.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/ChildProcess.h"
 #include "support/RunCommand.h"

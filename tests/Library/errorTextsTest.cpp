@@ -1,11 +1,11 @@
-#include <gtest/gtest.h>
-
 #include <cctype>
 #include <filesystem>
 #include <map>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/Document.h"
 #include "support/TempDir.h"

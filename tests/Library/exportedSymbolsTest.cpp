@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "support/ElfFile.h"
 #include "support/RunCommand.h"

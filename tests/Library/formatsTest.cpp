@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <cctype>
 #include <cstdio>
 #include <filesystem>
@@ -8,6 +6,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Communication/PZMessageQueue.h>

@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <cctype>
 #include <filesystem>
 #include <set>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

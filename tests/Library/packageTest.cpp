@@ -1,8 +1,9 @@
-#include <Framework/PZFramework.h>
-#include <gtest/gtest.h>
-
 #include <set>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include <Framework/PZFramework.h>
 
 #include "support/ChildProcess.h"
 #include "support/Consumer.h"

@@ -1,11 +1,11 @@
-#include <gtest/gtest.h>
-
 #include <iterator>
 #include <map>
 #include <regex>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/Document.h"
 #include "support/RunCommand.h"

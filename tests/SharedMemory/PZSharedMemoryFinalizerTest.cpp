@@ -1,11 +1,12 @@
 #include "Framework/SharedMemory/PZSharedMemoryFinalizer.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <semaphore.h>
 #include <unistd.h>
 
 #include <climits>
+
+#include <gtest/gtest.h>
 
 #include "support/StdoutCapture.h"
 

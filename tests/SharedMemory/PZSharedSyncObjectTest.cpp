@@ -1,7 +1,6 @@
 #include "Framework/SharedMemory/PZSharedSyncObject.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <semaphore.h>
 #include <unistd.h>
 
@@ -14,6 +13,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"

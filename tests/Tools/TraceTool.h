@@ -1,10 +1,10 @@
 #ifndef PZ_TESTS_TOOLS_TRACETOOL_H
 #define PZ_TESTS_TOOLS_TRACETOOL_H
 
-#include <gtest/gtest.h>
-
 #include <regex>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

@@ -1,9 +1,9 @@
 // scripts/check-includes holds the sources to the list of allowed includes, and draws that list.
 
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

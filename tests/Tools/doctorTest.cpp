@@ -1,7 +1,6 @@
 #include <doctor/Checks.h>
 #include <doctor/Report.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <iconv.h>
 #include <mqueue.h>
 #include <semaphore.h>
@@ -20,6 +19,8 @@
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/PZFramework.h>
 

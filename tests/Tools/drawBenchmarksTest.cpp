@@ -1,13 +1,13 @@
 // scripts/draw-benchmarks: from the results of benchmarks to the tables and charts of a page.
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <regex>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/Document.h"
 #include "support/RunCommand.h"

@@ -1,9 +1,9 @@
 // scripts/draw-logs draws the picture of docs/files-and-logs.md. What it shows is held by
 // PZLSysFileOutTest.
 
-#include <gtest/gtest.h>
-
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

@@ -1,9 +1,9 @@
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <regex>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

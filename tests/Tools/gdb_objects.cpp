@@ -1,7 +1,8 @@
-#include <Framework/PZFramework.h>
 #include <semaphore.h>
 
 #include <cstring>
+
+#include <Framework/PZFramework.h>
 
 #include "support/FakePriorities.h"
 

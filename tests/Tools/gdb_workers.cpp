@@ -1,7 +1,8 @@
-#include <Framework/PZFramework.h>
 #include <sched.h>
 
 #include <atomic>
+
+#include <Framework/PZFramework.h>
 
 #include "support/FakePriorities.h"
 

@@ -1,8 +1,8 @@
 // The scripts tell what they do when they are asked, and refuse what they do not know.
 
-#include <gtest/gtest.h>
-
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "support/RunCommand.h"
 

@@ -1,7 +1,4 @@
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <Framework/Diagnostics/pz_inspection.h>
 
 #include <cstring>
 #include <ctime>
@@ -12,6 +9,10 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Diagnostics/pz_inspection.h>
 
 #include "top/InspectionReader.h"
 #include "top/ProcessMemory.h"

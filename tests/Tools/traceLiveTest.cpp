@@ -1,17 +1,17 @@
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <regex>
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include "TraceTool.h"
 #include "support/ChildProcess.h"
 #include "support/Document.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
-
-#include "TraceTool.h"
 
 // pz-trace on running programs. Where the machine or the user may not make probes, it has to say
 // so.

@@ -1,4 +1,3 @@
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,11 +9,12 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "TraceTool.h"
 #include "support/Document.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
-
-#include "TraceTool.h"
 
 using pztest::checked_export;
 using pztest::CommandResult;

@@ -3,11 +3,11 @@
 // none for a free one, and three blocks of the accounted heap. Prints what it has counted itself.
 // With an argument, a message every 2 ms until it is killed instead.
 
-#include <Framework/PZFramework.h>
-
 #include <atomic>
 #include <cstdio>
 #include <thread>
+
+#include <Framework/PZFramework.h>
 
 namespace {
 

@@ -1,5 +1,10 @@
 #include "Framework/Utility/PZCRC.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <climits>
 #include <cstdint>
@@ -9,13 +14,10 @@
 #include <type_traits>
 #include <vector>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "Framework/Utility/private/pz_crc32.h"
+
 #include "support/Interposed.h"
 #include "support/OpenDescriptors.h"
 #include "support/TempDir.h"

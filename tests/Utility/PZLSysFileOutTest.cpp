@@ -1,7 +1,6 @@
 #include "Framework/Utility/PZLSysFileOut.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +13,8 @@
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include <Framework/Foundation/PZClock.h>
 

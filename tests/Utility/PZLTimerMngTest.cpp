@@ -21,9 +21,10 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZThreadMng.h>
-#include <gtest/gtest.h>
 
 #include "support/CallbackTimer.h"
 #include "support/FakePriorities.h"

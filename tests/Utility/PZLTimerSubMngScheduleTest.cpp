@@ -12,8 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include <Framework/Utility/PZLTimerMng.h>
 #include <gtest/gtest.h>
+
+#include <Framework/Utility/PZLTimerMng.h>
 
 #include "support/ManualTick.h"
 #include "support/ManualWait.h"

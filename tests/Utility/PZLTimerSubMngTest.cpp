@@ -19,10 +19,11 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Utility/PZLTimerMng.h>
-#include <gtest/gtest.h>
 
 #include "support/CallbackTimer.h"
 #include "support/ChildProcess.h"

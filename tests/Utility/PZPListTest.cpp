@@ -1,12 +1,12 @@
 #include "Framework/Utility/PZPList.h"
 
-#include <gtest/gtest.h>
-
 #include <cstddef>
 #include <memory>
 #include <random>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,10 +1,11 @@
-#include <Framework/Utility/PZString.h>
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <new>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Utility/PZString.h>
 
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"

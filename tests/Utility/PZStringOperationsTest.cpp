@@ -1,4 +1,5 @@
-#include <gtest/gtest.h>
+#include "Framework/Utility/PZString.h"
+
 #include <poll.h>
 #include <unistd.h>
 
@@ -8,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "Framework/Utility/PZString.h"
+#include <gtest/gtest.h>
+
 #include "support/ChildProcess.h"
 #include "support/StdoutCapture.h"
 

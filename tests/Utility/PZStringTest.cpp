@@ -1,6 +1,5 @@
 #include "Framework/Utility/PZString.h"
 
-#include <gtest/gtest.h>
 #include <iconv.h>
 
 #include <algorithm>
@@ -10,6 +9,8 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"

@@ -1,14 +1,15 @@
 #include "Framework/Wrapper/cp_conv_basic_rds.h"
 
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "Wrapper/radio_characters.h"
 #include "support/StdoutCapture.h"

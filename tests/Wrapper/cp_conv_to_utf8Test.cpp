@@ -1,8 +1,9 @@
-#include <Framework/Wrapper/private/special_cp_conv/cp_conv_to_utf8.h>
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/private/special_cp_conv/cp_conv_to_utf8.h>
 
 #include "support/StdoutCapture.h"
 

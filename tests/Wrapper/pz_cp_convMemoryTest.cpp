@@ -1,8 +1,9 @@
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"

@@ -1,6 +1,5 @@
 #include "Framework/Wrapper/pz_cp_conv.h"
 
-#include <gtest/gtest.h>
 #include <iconv.h>
 
 #include <algorithm>
@@ -13,6 +12,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "support/Interposed.h"
 #include "support/RunCommand.h"

@@ -1,10 +1,12 @@
-#include <Framework/Wrapper/pz_cp_conv.h>
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "Wrapper/fake_icu.h"
 #include "support/StdoutCapture.h"

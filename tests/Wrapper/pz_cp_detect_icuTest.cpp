@@ -1,6 +1,4 @@
-#include <Framework/Wrapper/pz_cp_conv.h>
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <map>
@@ -8,6 +6,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/RunCommand.h"
 #include "support/TempDir.h"

@@ -1,6 +1,3 @@
-#include <Framework/Wrapper/private/pz_iconv_names.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <gtest/gtest.h>
 #include <iconv.h>
 
 #include <algorithm>
@@ -12,6 +9,11 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/private/pz_iconv_names.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/StdoutCapture.h"
 

@@ -1,10 +1,11 @@
-#include <Framework/Utility/PZString.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Utility/PZString.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/RunCommand.h"
 #include "support/StdoutCapture.h"

@@ -1,5 +1,3 @@
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <gtest/gtest.h>
 #include <iconv.h>
 #include <pthread.h>
 
@@ -7,6 +5,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"

@@ -1,8 +1,6 @@
 #include "Framework/Wrapper/pz_stdlib.h"
 
-#include <Framework/Diagnostics/PZReport.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -25,6 +23,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Diagnostics/PZReport.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"

@@ -1,9 +1,10 @@
-#include <Framework/Wrapper/pz_stdlib.h>
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/Wrapper/pz_stdlib.h>
 
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"

@@ -1,9 +1,6 @@
-#include <Framework/private/pz_callers.h>
-
 #include <alloca.h>
 #include <dlfcn.h>
 #include <execinfo.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +15,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
+
+#include <Framework/private/pz_callers.h>
 
 namespace {
 

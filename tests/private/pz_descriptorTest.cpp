@@ -1,13 +1,14 @@
-#include <Framework/private/pz_descriptor.h>
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <utility>
+
+#include <gtest/gtest.h>
+
+#include <Framework/private/pz_descriptor.h>
 
 #include "support/ChildProcess.h"
 

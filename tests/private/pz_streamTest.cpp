@@ -1,7 +1,4 @@
-#include <Framework/private/pz_stream.h>
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -10,6 +7,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <string>
+
+#include <gtest/gtest.h>
+
+#include <Framework/private/pz_stream.h>
 
 #include "support/ChildProcess.h"
 #include "support/OpenDescriptors.h"

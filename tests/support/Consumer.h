@@ -1,10 +1,11 @@
 #ifndef PZ_TESTS_SUPPORT_CONSUMER_H
 #define PZ_TESTS_SUPPORT_CONSUMER_H
 
-#include <Framework/Wrapper/pz_cp_conv.h>
+#include <string>
+
 #include <gtest/gtest.h>
 
-#include <string>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/ElfFile.h"
 #include "support/RunCommand.h"

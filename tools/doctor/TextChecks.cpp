@@ -1,8 +1,9 @@
-#include <Framework/Wrapper/private/pz_iconv_names.h>
 #include <iconv.h>
 
 #include <string>
 #include <vector>
+
+#include <Framework/Wrapper/private/pz_iconv_names.h>
 
 #include "Checks.h"
 #include "IcuLibrary.h"

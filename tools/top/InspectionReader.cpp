@@ -1,7 +1,5 @@
 #include "InspectionReader.h"
 
-#include <Framework/Diagnostics/pz_inspection.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -9,6 +7,8 @@
 #include <map>
 #include <set>
 #include <type_traits>
+
+#include <Framework/Diagnostics/pz_inspection.h>
 
 #include "Text.h"
 

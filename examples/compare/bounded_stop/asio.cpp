@@ -1,9 +1,10 @@
 // Gives a worker that hangs 100 ms to end, tells what hangs, and ends the program all the same.
 #include <atomic>
-#include <boost/asio.hpp>
 #include <cstdio>
 #include <future>
 #include <thread>
+
+#include <boost/asio.hpp>
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;

@@ -1,8 +1,8 @@
 // Gives a worker that hangs 100 ms to end, tells what hangs, and ends the program all the same.
-#include <Framework/Easy.h>
-
 #include <cstdio>
 #include <thread>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

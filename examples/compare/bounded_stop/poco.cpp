@@ -1,9 +1,9 @@
 // Gives a worker that hangs 100 ms to end, tells what hangs, and ends the program all the same.
-#include <Poco/Clock.h>
-#include <Poco/Thread.h>
-
 #include <atomic>
 #include <cstdio>
+
+#include <Poco/Clock.h>
+#include <Poco/Thread.h>
 
 int main() {
     static std::atomic<Poco::Clock::ClockVal> start(Poco::Clock().microseconds());

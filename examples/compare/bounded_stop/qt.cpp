@@ -1,9 +1,10 @@
 // Gives a worker that hangs 100 ms to end, tells what hangs, and ends the program all the same.
+#include <atomic>
+#include <cstdio>
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QThread>
-#include <atomic>
-#include <cstdio>
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);

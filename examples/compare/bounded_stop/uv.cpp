@@ -1,7 +1,7 @@
 // Gives a worker that hangs 100 ms to end, tells what hangs, and ends the program all the same.
-#include <uv.h>
-
 #include <cstdio>
+
+#include <uv.h>
 
 struct Tuner {
     uv_mutex_t mutex;

@@ -2,9 +2,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <boost/asio.hpp>
 #include <cstdio>
 #include <thread>
+
+#include <boost/asio.hpp>
 
 using boost::asio::local::datagram_protocol;
 

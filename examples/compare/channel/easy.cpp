@@ -1,9 +1,10 @@
 // Sends a value to another process, whichever of the two comes first.
-#include <Framework/Easy.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 struct Station {
     unsigned int khz;

@@ -1,8 +1,9 @@
 // Sends a value to another process, whichever of the two comes first.
-#include <gio/gio.h>
-#include <gio/gunixsocketaddress.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <gio/gio.h>
+#include <gio/gunixsocketaddress.h>
 
 struct Station {
     guint khz;

@@ -1,12 +1,13 @@
 // Sends a value to another process, whichever of the two comes first.
-#include <Poco/File.h>
-#include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/StreamSocket.h>
-#include <Poco/Thread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
+
+#include <Poco/File.h>
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/Thread.h>
 
 struct Station {
     unsigned int khz;

@@ -2,11 +2,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+
 #include <QCoreApplication>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QThread>
-#include <cstdio>
 
 struct Station {
     unsigned int khz;

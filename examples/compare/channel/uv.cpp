@@ -1,10 +1,11 @@
 // Sends a value to another process, whichever of the two comes first.
 #include <sys/wait.h>
 #include <unistd.h>
-#include <uv.h>
 
 #include <cstdio>
 #include <cstring>
+
+#include <uv.h>
 
 struct Station {
     unsigned int khz;

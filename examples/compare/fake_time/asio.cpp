@@ -1,6 +1,7 @@
 // Tests a unit that polls every 100 ms over an hour, without waiting.
-#include <boost/asio.hpp>
 #include <cstdio>
+
+#include <boost/asio.hpp>
 
 using namespace std::chrono_literals;
 

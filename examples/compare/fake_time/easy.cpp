@@ -1,7 +1,7 @@
 // Tests a unit that polls every 100 ms over an hour, without waiting.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

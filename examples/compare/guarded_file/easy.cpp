@@ -1,7 +1,7 @@
 // Changes a file in one step that other processes wait for; it is replaced whole or not at all.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 int main() {
     pz::GuardedFile settings(".", "settings");

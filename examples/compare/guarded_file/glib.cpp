@@ -1,7 +1,8 @@
 // Changes a file in one step that other processes wait for; it is replaced whole or not at all.
 #include <fcntl.h>
-#include <glib.h>
 #include <sys/file.h>
+
+#include <glib.h>
 
 int main() {
     const int lock = open("settings.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0666);

@@ -1,13 +1,14 @@
 // Changes a file in one step that other processes wait for; it is replaced whole or not at all.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/FileStream.h>
 #include <Poco/NamedMutex.h>
 #include <Poco/StreamCopier.h>
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cstdio>
 
 void flush(const char* path) {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);

@@ -1,8 +1,9 @@
 // Changes a file in one step that other processes wait for; it is replaced whole or not at all.
+#include <cstdio>
+
 #include <QFile>
 #include <QLockFile>
 #include <QSaveFile>
-#include <cstdio>
 
 int main() {
     QLockFile lock("settings.lock");

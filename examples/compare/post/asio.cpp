@@ -1,10 +1,11 @@
 // Posts to a worker, one function before the others, and asks for a result.
-#include <boost/asio.hpp>
 #include <cstdio>
 #include <functional>
 #include <future>
 #include <map>
 #include <mutex>
+
+#include <boost/asio.hpp>
 
 class Worker {
 public:

@@ -1,7 +1,7 @@
 // Posts to a worker, one function before the others, and asks for a result.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 int main() {
     pz::Framework fw("radio", 1);

@@ -1,9 +1,9 @@
 // Posts to a worker, one function before the others, and asks for a result.
-#include <glib.h>
-
 #include <functional>
 #include <future>
 #include <memory>
+
+#include <glib.h>
 
 struct Job {
     gint priority;

@@ -1,12 +1,12 @@
 // Posts to a worker, one function before the others, and asks for a result.
+#include <cstdio>
+#include <functional>
+#include <future>
+
 #include <Poco/Event.h>
 #include <Poco/Notification.h>
 #include <Poco/PriorityNotificationQueue.h>
 #include <Poco/Thread.h>
-
-#include <cstdio>
-#include <functional>
-#include <future>
 
 enum Priority { high, normal, last };
 

@@ -1,10 +1,11 @@
 // Posts to a worker, one function before the others, and asks for a result.
+#include <cstdio>
+#include <functional>
+
 #include <QCoreApplication>
 #include <QEvent>
 #include <QSemaphore>
 #include <QThread>
-#include <cstdio>
-#include <functional>
 
 class Tuner : public QObject {
 public:

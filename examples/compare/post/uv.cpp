@@ -1,11 +1,11 @@
 // Posts to a worker, one function before the others, and asks for a result.
-#include <uv.h>
-
 #include <cstdio>
 #include <functional>
 #include <future>
 #include <map>
 #include <mutex>
+
+#include <uv.h>
 
 class Worker {
 public:

@@ -1,7 +1,7 @@
 // Starts the library under a name, and ends it with the scope.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 int main() {
     pz::Framework fw("radio", 1);

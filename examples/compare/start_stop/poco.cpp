@@ -1,7 +1,7 @@
 // Starts the library under a name, and ends it with the scope.
-#include <Poco/Util/Application.h>
-
 #include <cstdio>
+
+#include <Poco/Util/Application.h>
 
 class Radio : public Poco::Util::Application {
     void initialize(Application& self) override {

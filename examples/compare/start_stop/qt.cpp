@@ -1,7 +1,7 @@
 // Starts the library under a name, and ends it with the scope.
-#include <QCoreApplication>
-
 #include <cstdio>
+
+#include <QCoreApplication>
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);

@@ -1,6 +1,7 @@
 // Waits for Ctrl-C or SIGTERM, and ends in order.
-#include <boost/asio.hpp>
 #include <cstdio>
+
+#include <boost/asio.hpp>
 
 int main() {
     boost::asio::io_context io;

@@ -1,7 +1,7 @@
 // Waits for Ctrl-C or SIGTERM, and ends in order.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 int main() {
     pz::wait_for_stop();

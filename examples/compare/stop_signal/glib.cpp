@@ -1,7 +1,7 @@
 // Waits for Ctrl-C or SIGTERM, and ends in order.
-#include <glib-unix.h>
-
 #include <csignal>
+
+#include <glib-unix.h>
 
 gboolean stop(gpointer loop) {
     g_main_loop_quit(static_cast<GMainLoop*>(loop));

@@ -1,8 +1,8 @@
 // Waits for Ctrl-C or SIGTERM, and ends in order.
-#include <Poco/Util/ServerApplication.h>
-
 #include <cstdio>
 #include <iostream>
+
+#include <Poco/Util/ServerApplication.h>
 
 class Radio : public Poco::Util::ServerApplication {
     int main(const ArgVec&) override {

@@ -1,10 +1,11 @@
 // Waits for Ctrl-C or SIGTERM, and ends in order.
 #include <unistd.h>
 
-#include <QCoreApplication>
-#include <QSocketNotifier>
 #include <csignal>
 #include <cstdio>
+
+#include <QCoreApplication>
+#include <QSocketNotifier>
 
 int ends[2];  // of a pipe: a handler may write to it, but not call the library
 

@@ -1,8 +1,8 @@
 // Waits for Ctrl-C or SIGTERM, and ends in order.
-#include <uv.h>
-
 #include <csignal>
 #include <cstdio>
+
+#include <uv.h>
 
 void stop(uv_signal_t* signal, int) {
     uv_stop(signal->loop);

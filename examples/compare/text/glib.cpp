@@ -1,7 +1,7 @@
 // Converts Japanese text to UTF-8, and tells what cannot be converted.
-#include <glib.h>
-
 #include <cstdio>
+
+#include <glib.h>
 
 gchar* to_utf8(const gchar* bytes) {
     return g_convert(bytes, -1, "UTF-8", "SHIFT_JIS", nullptr, nullptr, nullptr);

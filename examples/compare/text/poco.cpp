@@ -1,9 +1,9 @@
 // Converts Japanese text to UTF-8, and tells what cannot be converted.
+#include <cstdio>
+
 #include <Poco/TextConverter.h>
 #include <Poco/UTF8Encoding.h>
 #include <Poco/Windows932Encoding.h>
-
-#include <cstdio>
 
 int main() {
     Poco::Windows932Encoding sjis;

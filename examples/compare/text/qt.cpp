@@ -1,6 +1,7 @@
 // Converts Japanese text to UTF-8, and tells what cannot be converted.
-#include <QTextCodec>
 #include <cstdio>
+
+#include <QTextCodec>
 
 int main() {
     const QTextCodec* sjis = QTextCodec::codecForName("Shift_JIS");

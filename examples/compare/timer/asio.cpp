@@ -1,6 +1,7 @@
 // Polls every 10 ms.
-#include <boost/asio.hpp>
 #include <cstdio>
+
+#include <boost/asio.hpp>
 
 using namespace std::chrono_literals;
 

@@ -1,7 +1,7 @@
 // Polls every 10 ms.
-#include <Framework/Easy.h>
-
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

@@ -1,8 +1,8 @@
 // Polls every 10 ms.
+#include <cstdio>
+
 #include <Poco/Event.h>
 #include <Poco/Util/Timer.h>
-
-#include <cstdio>
 
 using Poco::Util::Timer;
 

@@ -1,7 +1,8 @@
 // Polls every 10 ms.
+#include <cstdio>
+
 #include <QCoreApplication>
 #include <QTimer>
-#include <cstdio>
 
 int main(int argc, char** argv) {
     QCoreApplication tuner(argc, argv);

@@ -1,7 +1,7 @@
 // Polls every 10 ms. The library's own repetition would count from the time of each poll.
-#include <uv.h>
-
 #include <cstdio>
+
+#include <uv.h>
 
 uint64_t due;
 

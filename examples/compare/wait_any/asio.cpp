@@ -1,9 +1,10 @@
 // Waits for one of two signals from other threads, for a second at most.
-#include <boost/asio.hpp>
 #include <cstdio>
 #include <deque>
 #include <optional>
 #include <thread>
+
+#include <boost/asio.hpp>
 
 using namespace std::chrono_literals;
 

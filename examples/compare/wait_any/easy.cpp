@@ -1,8 +1,8 @@
 // Waits for one of two signals from other threads, for a second at most.
-#include <Framework/Easy.h>
-
 #include <cstdio>
 #include <thread>
+
+#include <Framework/Easy.h>
 
 using namespace std::chrono_literals;
 

@@ -1,9 +1,9 @@
 // Waits for one of two signals from other threads, for a second at most.
+#include <cstdio>
+
 #include <Poco/Notification.h>
 #include <Poco/NotificationQueue.h>
 #include <Poco/Thread.h>
-
-#include <cstdio>
 
 struct Signal : Poco::Notification {
     explicit Signal(int number) : index(number) {}

@@ -1,9 +1,10 @@
 // Waits for one of two signals from other threads, for a second at most.
+#include <cstdio>
+#include <thread>
+
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QTimer>
-#include <cstdio>
-#include <thread>
 
 int wait(QEventLoop& loop, int within) {
     QTimer limit;

@@ -1,7 +1,7 @@
 // Waits for one of two signals from other threads, for a second at most.
-#include <uv.h>
-
 #include <cstdio>
+
+#include <uv.h>
 
 struct Signals {
     uv_mutex_t mutex;

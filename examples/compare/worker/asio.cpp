@@ -1,8 +1,9 @@
 // A thread with a name, that is ended with the scope.
 #include <pthread.h>
 
-#include <boost/asio.hpp>
 #include <cstdio>
+
+#include <boost/asio.hpp>
 
 int main() {
     boost::asio::thread_pool tuner(1);

@@ -1,8 +1,9 @@
 // A thread with a name, that is ended with the scope.
-#include <Framework/Easy.h>
 #include <pthread.h>
 
 #include <cstdio>
+
+#include <Framework/Easy.h>
 
 int main() {
     pz::Framework fw("radio", 1);

@@ -1,6 +1,7 @@
 // A thread with a name, that is ended with the scope.
-#include <glib.h>
 #include <pthread.h>
+
+#include <glib.h>
 
 gpointer run(gpointer) {
     char name[16];

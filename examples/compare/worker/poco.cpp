@@ -1,8 +1,9 @@
 // A thread with a name, that is ended with the scope.
-#include <Poco/Thread.h>
 #include <pthread.h>
 
 #include <cstdio>
+
+#include <Poco/Thread.h>
 
 int main() {
     Poco::Thread tuner;

@@ -1,10 +1,11 @@
 // A thread with a name, that is ended with the scope.
 #include <pthread.h>
 
+#include <cstdio>
+
 #include <QCoreApplication>
 #include <QScopedPointer>
 #include <QThread>
-#include <cstdio>
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);

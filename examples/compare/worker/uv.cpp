@@ -1,8 +1,9 @@
 // A thread with a name, that is ended with the scope.
 #include <pthread.h>
-#include <uv.h>
 
 #include <cstdio>
+
+#include <uv.h>
 
 void run(void*) {
     pthread_setname_np(pthread_self(), "tuner");

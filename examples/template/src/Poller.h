@@ -1,12 +1,12 @@
 #ifndef POLLER_H
 #define POLLER_H
 
-#include <Framework/Easy.h>
-
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
+
+#include <Framework/Easy.h>
 
 /// Does something again and again.
 ///

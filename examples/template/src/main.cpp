@@ -1,7 +1,7 @@
 // The application: makes its units, and waits until it is to end.
-#include <Framework/Easy.h>
-
 #include <cstdlib>
+
+#include <Framework/Easy.h>
 
 #include "Poller.h"
 

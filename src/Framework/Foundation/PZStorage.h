@@ -1,10 +1,10 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZSTORAGE_H
 #define PZ_FRAMEWORK_FOUNDATION_PZSTORAGE_H
 
+#include <cstdio>
+
 #include <Framework/PZApi.h>
 #include <Framework/PZUncopyable.h>
-
-#include <cstdio>
 
 /// A file, read and written through a buffer, whose written data reach the storage medium.
 ///

@@ -1,13 +1,13 @@
 #ifndef PZ_FRAMEWORK_PATTERN_PZSERIALIZABLE_H
 #define PZ_FRAMEWORK_PATTERN_PZSERIALIZABLE_H
 
-#include <Framework/PZApi.h>
-#include <Framework/PZUncopyable.h>
-#include <Framework/Utility/PZString.h>
-
 #include <cstddef>
 #include <string>
 #include <type_traits>
+
+#include <Framework/PZApi.h>
+#include <Framework/PZUncopyable.h>
+#include <Framework/Utility/PZString.h>
 
 namespace PZSerialization {
 

@@ -1,11 +1,11 @@
 #ifndef PZ_FRAMEWORK_UTILITY_PZBINARY_H
 #define PZ_FRAMEWORK_UTILITY_PZBINARY_H
 
-#include <Framework/PZApi.h>
-
 #include <cstring>
 #include <memory>
 #include <string>
+
+#include <Framework/PZApi.h>
 
 /// Bytes, and the numbers and texts that lie in them.
 ///

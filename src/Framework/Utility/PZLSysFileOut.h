@@ -1,10 +1,10 @@
 #ifndef PZ_FRAMEWORK_UTILITY_PZLSYSFILEOUT_H
 #define PZ_FRAMEWORK_UTILITY_PZLSYSFILEOUT_H
 
+#include <cstdio>
+
 #include <Framework/PZApi.h>
 #include <Framework/PZUncopyable.h>
-
-#include <cstdio>
 
 /// Writes a log, or any bytes, to a file, and keeps a bounded family of such files.
 ///

@@ -1,14 +1,14 @@
 #ifndef PZ_FRAMEWORK_UTILITY_PZSTRING_H
 #define PZ_FRAMEWORK_UTILITY_PZSTRING_H
 
-#include <Framework/PZApi.h>
-#include <Framework/Utility/PZPList.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <Framework/PZApi.h>
+#include <Framework/Utility/PZPList.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 namespace PZSerialization {
 class Archive;

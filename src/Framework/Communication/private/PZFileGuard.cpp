@@ -21,7 +21,6 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
-
 #include <Framework/private/pz_descriptor.h>
 
 #if __SIZEOF_POINTER__ == 4

@@ -1,6 +1,5 @@
 #include "Framework/Diagnostics/PZCallStack.h"
 
-#include <Framework/Diagnostics/PZReport.h>
 #include <execinfo.h>
 
 #include <algorithm>
@@ -8,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+
+#include <Framework/Diagnostics/PZReport.h>
 
 #include "PZErrnoKeeper.h"
 #include "pz_frame_text.h"

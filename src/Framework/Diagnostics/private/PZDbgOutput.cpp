@@ -1,8 +1,5 @@
 #include "Framework/Diagnostics/PZDbgOutput.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Foundation/pz_identity.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -15,6 +12,10 @@
 #include <iterator>
 #include <limits>
 #include <string_view>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/pz_identity.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "PZErrnoKeeper.h"
 #include "pz_report_way.h"

@@ -1,7 +1,5 @@
 #include "pz_report_sink.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/private/pz_uncancelled.h>
 #include <cxxabi.h>
 #include <pthread.h>
 #include <sys/prctl.h>
@@ -9,6 +7,9 @@
 #include <unistd.h>
 
 #include <ctime>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_uncancelled.h>
 
 namespace {
 

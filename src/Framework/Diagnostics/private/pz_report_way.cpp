@@ -1,7 +1,5 @@
 #include "pz_report_way.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/private/pz_standard_descriptors.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -12,6 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_standard_descriptors.h>
 
 #include "PZErrnoKeeper.h"
 #include "pz_report_repeats.h"

@@ -1,12 +1,13 @@
 #ifndef PZ_FRAMEWORK_DIAGNOSTICS_PRIVATE_PZ_REPORT_WAY_H
 #define PZ_FRAMEWORK_DIAGNOSTICS_PRIVATE_PZ_REPORT_WAY_H
 
-#include <Framework/Diagnostics/PZDbgOutput.h>
 #include <pthread.h>
 
 #include <atomic>
 #include <cstddef>
 #include <string_view>
+
+#include <Framework/Diagnostics/PZDbgOutput.h>
 
 /// A line under construction. Appending costs a fraction of a formatted print of the same parts,
 /// and every report of the framework passes here. What does not fit is cut.

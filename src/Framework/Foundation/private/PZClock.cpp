@@ -1,13 +1,5 @@
 #include "Framework/Foundation/PZClock.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Diagnostics/pz_last_error.h>
-#include <Framework/Foundation/PZFileSys.h>
-#include <Framework/Foundation/PZTickCount.h>
-#include <Framework/PZUncopyable.h>
-#include <Framework/Wrapper/pz_stdlib.h>
-#include <Framework/private/pz_child.h>
-#include <Framework/private/pz_descriptor.h>
 #include <fcntl.h>
 #include <linux/rtc.h>
 #include <sys/ioctl.h>
@@ -27,6 +19,15 @@
 #include <ctime>
 #include <iterator>
 #include <limits>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/Foundation/PZFileSys.h>
+#include <Framework/Foundation/PZTickCount.h>
+#include <Framework/PZUncopyable.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_child.h>
+#include <Framework/private/pz_descriptor.h>
 
 static_assert(sizeof(PZClock::ST_CLOCK) == 28 && offsetof(PZClock::ST_CLOCK, month) == 4 &&
                   offsetof(PZClock::ST_CLOCK, dayOfWeek) == 8 &&

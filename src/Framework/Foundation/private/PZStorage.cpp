@@ -1,9 +1,5 @@
 #include "Framework/Foundation/PZStorage.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Diagnostics/pz_last_error.h>
-#include <Framework/Utility/PZString.h>
-#include <Framework/private/pz_stream.h>
 #include <stdio_ext.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -11,6 +7,11 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/Utility/PZString.h>
+#include <Framework/private/pz_stream.h>
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(PZStorage) == 8, "a stream and a flag");

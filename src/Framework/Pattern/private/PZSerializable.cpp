@@ -1,13 +1,13 @@
 #include "Framework/Pattern/PZSerializable.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
 #include <functional>
 #include <limits>
 #include <new>
+
+#include <Framework/Diagnostics/PZReport.h>
 
 namespace PZSerialization {
 

@@ -1,10 +1,10 @@
 #include "Framework/SharedMemory/PZSharedSyncObject.h"
 
-#include <Framework/Diagnostics/PZReport.h>
-
 #include <cerrno>
 #include <cstring>
 #include <new>
+
+#include <Framework/Diagnostics/PZReport.h>
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(PZSharedSyncObject) == 8, "record layout");

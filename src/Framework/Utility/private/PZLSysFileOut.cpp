@@ -1,11 +1,5 @@
 #include "Framework/Utility/PZLSysFileOut.h"
 
-#include <Framework/Foundation/PZClock.h>
-#include <Framework/Foundation/PZFileSys.h>
-#include <Framework/Utility/PZString.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <Framework/Wrapper/pz_stdlib.h>
-#include <Framework/private/pz_stream.h>
 #include <sys/types.h>
 
 #include <algorithm>
@@ -14,6 +8,13 @@
 #include <cstring>
 #include <cwchar>
 #include <iterator>
+
+#include <Framework/Foundation/PZClock.h>
+#include <Framework/Foundation/PZFileSys.h>
+#include <Framework/Utility/PZString.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
+#include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_stream.h>
 
 static_assert(sizeof(off_t) == 8, "files of more than 2 GiB");
 

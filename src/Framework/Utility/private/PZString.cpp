@@ -1,6 +1,5 @@
 #include "Framework/Utility/PZString.h"
 
-#include <Framework/Diagnostics/PZReport.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +8,8 @@
 #include <new>
 #include <string_view>
 #include <utility>
+
+#include <Framework/Diagnostics/PZReport.h>
 
 #include "pz_find_bytes.h"
 

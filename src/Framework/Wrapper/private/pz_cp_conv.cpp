@@ -1,16 +1,16 @@
 #include "Framework/Wrapper/pz_cp_conv.h"
 
-#include <Framework/Diagnostics/PZCallStack.h>
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/PZUncopyable.h>
-#include <Framework/Wrapper/cp_conv_basic_rds.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
+
+#include <Framework/Diagnostics/PZCallStack.h>
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/PZUncopyable.h>
+#include <Framework/Wrapper/cp_conv_basic_rds.h>
 
 #include "pz_direct_conv.h"
 #include "pz_icu_detector.h"

@@ -1,9 +1,9 @@
 #ifndef PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_DIRECT_CONV_H
 #define PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_DIRECT_CONV_H
 
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <cstddef>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 // Conversion without iconv, of texts that iconv would convert, too, and with the same result:
 // between UTF-8, wide characters and 16-bit units by their definitions, and between these and the

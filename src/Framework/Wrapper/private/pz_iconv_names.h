@@ -1,9 +1,9 @@
 #ifndef PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_ICONV_NAMES_H
 #define PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_ICONV_NAMES_H
 
-#include <Framework/Wrapper/pz_cp_conv.h>
-
 #include <iterator>
+
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 // The names for iconv_open, by EN_XCP. The last four are unusable on purpose, so that iconv_open
 // refuses them; the radio sets have converters of their own.

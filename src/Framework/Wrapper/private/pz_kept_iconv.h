@@ -1,11 +1,12 @@
 #ifndef PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_KEPT_ICONV_H
 #define PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_KEPT_ICONV_H
 
-#include <Framework/PZUncopyable.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
 #include <iconv.h>
 
 #include <cstddef>
+
+#include <Framework/PZUncopyable.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
 
 /// What one call of iconv did.
 struct ST_ICONV_RESULT {

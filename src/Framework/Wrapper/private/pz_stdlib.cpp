@@ -1,6 +1,5 @@
 #include "Framework/Wrapper/pz_stdlib.h"
 
-#include <Framework/Diagnostics/PZReport.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <cwchar>
 #include <cwctype>
 
+#include <Framework/Diagnostics/PZReport.h>
 #include <Framework/PZUncopyable.h>
 #include <Framework/private/pz_child.h>
 #include <Framework/private/pz_descriptor.h>

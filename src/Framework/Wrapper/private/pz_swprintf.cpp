@@ -1,7 +1,3 @@
-#include <Framework/Diagnostics/PZReport.h>
-#include <Framework/Wrapper/pz_cp_conv.h>
-#include <Framework/Wrapper/pz_stdlib.h>
-
 #include <algorithm>
 #include <cstdarg>
 #include <cstddef>
@@ -13,6 +9,10 @@
 #include <new>
 #include <sstream>
 #include <string>
+
+#include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Wrapper/pz_cp_conv.h>
+#include <Framework/Wrapper/pz_stdlib.h>
 
 namespace {
 
