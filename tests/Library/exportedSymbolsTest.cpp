@@ -82,6 +82,18 @@ TEST(exportedSymbolsTest, EveryPublicNameIsExported) {
     }
 }
 
+// The loader keeps those of a process in a table; beyond 23 of them it takes 8 KiB and more.
+TEST(exportedSymbolsTest, NoNameIsUniqueInTheWholeProcess) {
+    std::istringstream lines(pztest::run_command("nm -D --defined-only " PZ_LIBRARY).output);
+    int functions = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const std::string kind = line.substr(line.find(' ') + 1, 1);
+        EXPECT_NE("u", kind) << line;
+        if (kind == "T") ++functions;
+    }
+    EXPECT_NE(0, functions);
+}
+
 #ifdef PZ_NEEDED_SYMBOLS
 TEST(exportedSymbolsTest, WhatItTakesFromTheCLibraryIsListed) {
     std::istringstream lines(

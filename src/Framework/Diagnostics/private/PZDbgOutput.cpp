@@ -31,18 +31,20 @@ constexpr char kDefaultColour[] = "\033[49m";
 struct ST_TAG {
     PZDbgOutput::EN_TAG tag;
     int priority;  // of the system log
-    const char* word;
-    const char* colour;
+    bool isRed;
+    char word[8];
+
+    const char* Colour() const { return isRed ? kRed : kDefaultColour; }
 };
 
 // clang-format off
 constexpr ST_TAG kTags[] = {
-    { PZDbgOutput::en_TAG_INFO,    LOG_INFO,    "info",    kDefaultColour },
-    { PZDbgOutput::en_TAG_ERROR,   LOG_ERR,     "error",   kRed           },
-    { PZDbgOutput::en_TAG_DEBUG,   LOG_DEBUG,   "debug",   kDefaultColour },
-    { PZDbgOutput::en_TAG_VERBOSE, LOG_INFO,    "verbose", kDefaultColour },
-    { PZDbgOutput::en_TAG_WARNING, LOG_WARNING, "warning", kDefaultColour },
-    { PZDbgOutput::en_TAG_SYS,     LOG_NOTICE,  "sys",     kDefaultColour },
+    { PZDbgOutput::en_TAG_INFO,        LOG_INFO,    false, "info"    },
+    { PZDbgOutput::en_TAG_ERROR,       LOG_ERR,     true,  "error"   },
+    { PZDbgOutput::en_TAG_DEBUG,       LOG_DEBUG,   false, "debug"   },
+    { PZDbgOutput::en_TAG_VERBOSE,     LOG_INFO,    false, "verbose" },
+    { PZDbgOutput::en_TAG_WARNING,     LOG_WARNING, false, "warning" },
+    { PZDbgOutput::en_TAG_SYS,         LOG_NOTICE,  false, "sys"     },
 };
 // clang-format on
 
@@ -57,7 +59,7 @@ static_assert(follow_the_enumeration(kTags), "kTags follows EN_TAG");
 ST_TAG describe(PZDbgOutput::EN_TAG tag) {
     const auto index = static_cast<size_t>(tag);
     if (index < std::size(kTags)) return kTags[index];
-    return {tag, LOG_ERR, "illegal", kDefaultColour};
+    return {tag, LOG_ERR, false, "illegal"};
 }
 
 // A set of priorities, not a threshold: warnings stay out of the system log on purpose, although
@@ -147,8 +149,9 @@ void put_located(const ST_FORM& form, const ST_PLACE& place, PZDbgOutput::EN_TAG
     text.Add("{").Add(pz_GetName()).Add("} : ");
     const size_t messageAt = text.Length();
     text.Add(message);
-    put({text.Text(), messageAt, row.colour, row.priority, form.isTagged && is_logged(row.priority),
-         false, form.isTagged, row.tag, place.file, place.func, place.line, error});
+    put({text.Text(), messageAt, row.Colour(), row.priority,
+         form.isTagged && is_logged(row.priority), false, form.isTagged, row.tag, place.file,
+         place.func, place.line, error});
 }
 
 __attribute__((format(printf, 4, 0))) void print_located(const ST_FORM& form, const ST_PLACE& place,
@@ -269,5 +272,5 @@ void pz_report_error_on(PZReportObject::EN_KIND kind, const char* name, const ch
 }
 
 const char* PZDbgOutput::getColorTagString(EN_TAG tag) {
-    return describe(tag).colour;
+    return describe(tag).Colour();
 }

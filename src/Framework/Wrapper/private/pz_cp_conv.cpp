@@ -136,7 +136,7 @@ int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_
 // ICU's names for code pages, searched from the top. XCP_NONE marks a set that is recognised but
 // not supported.
 struct ST_ICU_NAME {
-    const char* name;
+    char name[13];
     EN_XCP page;
 };
 

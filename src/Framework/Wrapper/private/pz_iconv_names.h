@@ -8,7 +8,7 @@
 // The names for iconv_open, by EN_XCP. The last four are unusable on purpose, so that iconv_open
 // refuses them; the radio sets have converters of their own.
 // clang-format off
-inline constexpr const char* kIconvNames[] = {
+inline constexpr char kIconvNames[][13] = {
     /*  0 */ "ASCII",       "CP1256",       "CP1251",       "CP850",
     /*  4 */ "CP874",       "CP1252",       "CP1253",       "CP1254",
     /*  8 */ "ASCII",       "CP850",        "CP874",        "CP932",
