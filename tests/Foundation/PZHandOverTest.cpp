@@ -376,9 +376,11 @@ struct ModelBox {
             if (posted.size() - served.size() > kRoom + 1)
                 explorer->Fail("more than there is room");
         }
-        const bool answer = handOver.WakeFrom(sleep);
-        if (!answer) failed.insert(number);
-        return answer;
+        if (sleep == 0) return true;
+        return handOver.WakeFrom(sleep, [this, number] {
+            stop_before_access();
+            failed.insert(number);
+        });
     }
 
     void Loop() {
@@ -734,8 +736,8 @@ class TestsOnlyOnce : public OneQueue {
 public:
     using OneQueue::OneQueue;
 
-    bool WakeFrom(Sleep sleep) {
-        if (sleep == 0) return true;
+    template <typename NotWoken>
+    bool WakeFrom(Sleep /*sleep*/, NotWoken /*notWoken*/) {
         sleep_.store(0);
         return wait_.Wake() == 1;
     }
@@ -757,8 +759,8 @@ class CallsEverySleepAlike : public OneQueue {
 public:
     using OneQueue::OneQueue;
 
-    bool WakeFrom(Sleep sleep) {
-        if (sleep == 0) return true;
+    template <typename NotWoken>
+    bool WakeFrom(Sleep /*sleep*/, NotWoken /*notWoken*/) {
         const bool woken = wait_.Wake() == 1;
         if (woken) sleep_.store(0);
         return woken;
@@ -789,7 +791,10 @@ class ServesItsOwnFirst : public OneQueue {
 public:
     using OneQueue::OneQueue;
 
-    bool WakeFrom(Sleep /*sleep*/) { return true; }
+    template <typename NotWoken>
+    bool WakeFrom(Sleep /*sleep*/, NotWoken /*notWoken*/) {
+        return true;
+    }
 
     template <typename IsWanted>
     bool Take(IsWanted /*isWanted*/, Number& message) {

@@ -2,7 +2,9 @@
 
 #include <poll.h>
 #include <sched.h>
+#include <semaphore.h>
 #include <sys/epoll.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <array>
@@ -52,6 +54,7 @@ constexpr unsigned int kHoldMsg = 1000;
 
 pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
 pztest::Interposed<ssize_t(int, void*, size_t)> read_call("read");
+pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
 pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
 
 std::atomic<int> into_waits{0};
@@ -65,6 +68,9 @@ int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
 }
 ssize_t read(int fd, void* buf, size_t n) {
     return read_call(fd, buf, n);
+}
+int sem_post(sem_t* sem) {
+    return sem_post_call(sem);
 }
 ssize_t write(int fd, const void* buf, size_t n) {
     return write_call(fd, buf, n);
@@ -802,6 +808,93 @@ TEST_F(PZLMsgBoxTest, WaitsInItsDestructorForAPostThatIsAboutToWakeItsLoop) {
     EXPECT_EQ(kSuccess, result);
     EXPECT_TRUE(waited);
     EXPECT_GE(other.Count(), 2U);
+}
+
+/// A box in memory that is taken away with it: who touches it afterwards ends the process.
+class BoxOnAPage {
+public:
+    BoxOnAPage()
+        : page_(::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)),
+          box_(new (page_) PZLMsgBox) {}
+    ~BoxOnAPage() {
+        box_->~PZLMsgBox();
+        ::munmap(page_, kSize);
+    }
+    BoxOnAPage(const BoxOnAPage&) = delete;
+    BoxOnAPage& operator=(const BoxOnAPage&) = delete;
+
+    PZLMsgBox* operator->() const { return box_; }
+
+private:
+    static constexpr size_t kSize = 4096;
+    static_assert(sizeof(PZLMsgBox) <= kSize, "one page");
+
+    void* const page_;
+    PZLMsgBox* const box_;
+};
+
+thread_local bool waits_after_its_unlock = false;
+std::atomic<bool> post_is_in{false};
+std::atomic<bool> box_is_gone{false};
+
+/// Gives the lock back, and keeps the thread that has asked for it until the box is gone.
+int unlock_and_wait(sem_t* sem) {
+    const int result = sem_post_call.Real(sem);
+    if (waits_after_its_unlock) {
+        waits_after_its_unlock = false;
+        post_is_in = true;
+        EXPECT_TRUE(wait_until([] { return box_is_gone.load(); }));
+    }
+    return result;
+}
+
+/// Runs `post` while the loop is in a handler, and destroys the box between the post's unlocking
+/// and its end: another thread may do that when it sees that the post was served.
+template <typename Post>
+unsigned int answer_of_a_post_whose_box_goes(const Post& post) {
+    auto dying = std::make_unique<BoxOnAPage>();
+    PZLMsgBox& box = *dying->operator->();
+    Gate gate;
+    RecordingDispatcher unit;
+    unit.OnMessage(kHoldMsg, [&gate](const auto&) { gate.Pass(); });
+    const unsigned long id = box.Registory(&unit);
+    std::thread loop([&box] { box.Loop(8); });
+    EXPECT_EQ(0, box.InitWait(kLongWaitMs));
+    Record hold = {id, kHoldMsg, kOrdinary, nullptr, 0};
+    EXPECT_EQ(kSuccess, box.PushMsg(hold));
+    EXPECT_TRUE(gate.WaitForArrival());
+
+    post_is_in = false;
+    box_is_gone = false;
+    unsigned int answer = kFailure;
+    sem_post_call.Replace(unlock_and_wait);
+    std::thread poster([&] {
+        waits_after_its_unlock = true;
+        answer = post(box, id);
+    });
+    EXPECT_TRUE(wait_until([] { return post_is_in.load(); }));
+    gate.Open();
+    EXPECT_TRUE(unit.WaitForCount(2));
+    box.Exit();
+    loop.join();
+    dying.reset();
+    box_is_gone = true;
+    poster.join();
+    sem_post_call.Reset();
+    return answer;
+}
+
+TEST_F(PZLMsgBoxTest, IsNotTouchedByAMessageThatItHasServedBeforeThePostEnds) {
+    EXPECT_EQ(kSuccess, answer_of_a_post_whose_box_goes([](PZLMsgBox& dying, unsigned long unitId) {
+                  Record record = {unitId, 1, kOrdinary, "x", 2};
+                  return dying.PushMsg(record);
+              }));
+}
+
+TEST_F(PZLMsgBoxTest, IsNotTouchedByAnEventThatItHasServedBeforeThePostEnds) {
+    EXPECT_EQ(kSuccess, answer_of_a_post_whose_box_goes([](PZLMsgBox& dying, unsigned long unitId) {
+                  return dying.SetEvent(1, unitId);
+              }));
 }
 
 TEST_F(PZLMsgBoxTest, NeedsNoWakeUpForALoopThatServes) {

@@ -75,12 +75,13 @@ public:
 
 private:
     struct PZ_LOCAL Kept;
+    struct PZ_LOCAL Waking;
 
     PZ_LOCAL bool MakeEvents();
-    PZ_LOCAL unsigned int Refused(unsigned int answer) const;
+    PZ_LOCAL unsigned int RefusedLocked(unsigned int answer) const PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool BeginLoop(unsigned int workerId);
-    PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) PZ_REQUIRES(msgSync_);
-    PZ_LOCAL bool QueueLocked(const EventInfo& event, unsigned int& sleep) PZ_REQUIRES(msgSync_);
+    PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d, Waking& waking) PZ_REQUIRES(msgSync_);
+    PZ_LOCAL bool QueueLocked(const EventInfo& event, Waking& waking) PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL EventInfo TakeEvent();
     PZ_LOCAL const char* WorkerNameLocked() const PZ_REQUIRES(msgSync_);

@@ -44,8 +44,9 @@ public:
     using Message = typename Env::Message;
     using Queue = typename Env::Queue;
 
-    /// What a post has found: the number of the loop's sleep, 0 when it is awake.
+    /// What a post has found: the number of the loop's sleep, kAwake when it needs no wake-up.
     using Sleep = unsigned int;
+    static constexpr Sleep kAwake = 0;
 
     /// For `room` messages at most: who posts asks IsFullLocked first.
     PZHandOver(typename Env::Sync& sync, typename Env::Wait& wait, unsigned int room)
@@ -98,13 +99,17 @@ public:
         return AddedLocked();
     }
 
-    /// After the lock. False when the loop sleeps and could not be woken: the next post tries
-    /// again.
-    bool WakeFrom(Sleep sleep) {
-        if (sleep == kAwake) return true;
+    /// After the lock, when the loop was asleep: who destroys this waits for the call. When the
+    /// loop was awake, there may be nothing left to call.
+    ///
+    /// False when the loop could not be woken: the next post tries again. `notWoken` is called
+    /// then, before anybody may destroy what it touches.
+    template <typename NotWoken>
+    bool WakeFrom(Sleep sleep, NotWoken notWoken) {
         const bool woken = wait_.Wake() == 1;
         // Another sleep may have begun meanwhile: it needs a wake-up of its own.
         if (woken) sleep_.compare_exchange(sleep, kAwake);
+        if (!woken) notWoken();
         wakers_.fetch_sub(1);
         return woken;
     }
@@ -180,7 +185,6 @@ public:
     bool IsBeingWoken() const { return wakers_.load() != 0; }
 
 private:
-    static constexpr Sleep kAwake = 0;
     static constexpr unsigned int kNothing = ~0U;  // less urgent than every level
 
     static unsigned int LevelOf(const Queue& queue) {

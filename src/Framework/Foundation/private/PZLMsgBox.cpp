@@ -148,6 +148,9 @@ struct PZLMsgBox::Kept {
         if (pending != 0) pz_inspect_set(posts.mostPending, pending);
     }
 
+    /// After the lock, too: a wake-up that fails counts.
+    void CountRefused() { posts.refused.fetch_add(1, std::memory_order_relaxed); }
+
     void ShowEventsLocked() {
         const unsigned int events = handOver.EventsLocked();
         pz_inspect_set(posts.events, events);
@@ -179,6 +182,27 @@ struct PZLMsgBox::Kept {
     const void* inService = nullptr;  // copy that the loop's last message had
     PZPayloadStore::Spent spent;      // copies of the loop's messages before it
     char workerName[128] = {};        // under the message lock; "" before the first loop
+};
+
+/// What follows a post after the lock. The loop may have served it by then, and the box may be
+/// gone: its destructor waits only for those that have found the loop asleep.
+struct PZLMsgBox::Waking {
+    /// Under the lock.
+    void From(Kept& asleep, unsigned int itsSleep) {
+        kept = &asleep;
+        sleep = itsSleep;
+    }
+
+    /// False when the loop sleeps and could not be woken, and `counts` that as a refusal.
+    bool Succeeds(bool counts) const {
+        if (sleep == decltype(Kept::handOver)::kAwake) return true;
+        return kept->handOver.WakeFrom(sleep, [this, counts] {
+            if (counts) kept->CountRefused();
+        });
+    }
+
+    Kept* kept = nullptr;
+    unsigned int sleep = 0;
 };
 
 PZLMsgBox::PZLMsgBox()
@@ -247,7 +271,7 @@ int PZLMsgBox::CheckTrail(unsigned int n) {
 }
 
 unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
-    unsigned int sleep = 0;
+    Waking waking;
     {
         const PZSyncLock lock(msgSync_);
         if (d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload)) {
@@ -255,42 +279,42 @@ unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
                                reinterpret_cast<unsigned long>(d.Buff),
                                static_cast<int>(d.BuffSize));
             PZCallStack::dumpDirectly(kCallStackDepth);
-            return Refused(kBadParameter);
+            return RefusedLocked(kBadParameter);
         }
         if (kept_ != nullptr && kept_->handOver.IsFullLocked()) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "msg queue is full : worker[%d]\n",
                                workerId_);
-            return Refused(kFull);
+            return RefusedLocked(kFull);
         }
-        if (!QueueLocked(d, sleep)) {
+        if (!QueueLocked(d, waking)) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
-            return Refused(kFailure);
+            return RefusedLocked(kFailure);
         }
     }
-    if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
+    if (waking.Succeeds(true)) return kSuccess;
     PZ_REPORT_ERROR("SetEvent failed\n");
-    return Refused(kFailure);
+    return kFailure;
 }
 
 /// Counts a post that is not answered with 0; the answer.
-unsigned int PZLMsgBox::Refused(unsigned int answer) const {
-    if (kept_ != nullptr) kept_->posts.refused.fetch_add(1, std::memory_order_relaxed);
+unsigned int PZLMsgBox::RefusedLocked(unsigned int answer) const {
+    if (kept_ != nullptr) kept_->CountRefused();
     return answer;
 }
 
 PZLMsgBox::EN_QUIET PZLMsgBox::PushQuietly(ST_PUSH_MSG_DATA& d, const std::atomic<bool>& isOpen,
                                            bool isReserved) {
-    unsigned int sleep = 0;
+    Waking waking;
     {
         const PZSyncLock lock(msgSync_);
         if (kept_ == nullptr) return en_QUIET_FULL;
         if (isReserved) kept_->handOver.GiveReservedBackLocked();
         if (!isOpen.load(std::memory_order_relaxed)) return en_QUIET_CLOSED;
         if (kept_->handOver.IsFullLocked()) return en_QUIET_FULL;
-        if (!QueueLocked(d, sleep)) return en_QUIET_FULL;
+        if (!QueueLocked(d, waking)) return en_QUIET_FULL;
     }
     // It is there, and is served after the next post at the latest.
-    if (!kept_->handOver.WakeFrom(sleep)) PZ_REPORT_ERROR("SetEvent failed\n");
+    if (!waking.Succeeds(false)) PZ_REPORT_ERROR("SetEvent failed\n");
     return en_QUIET_OK;
 }
 
@@ -312,8 +336,8 @@ unsigned int PZLMsgBox::CountMessages() {
 }
 
 /// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
-/// nothing changed, without memory. `sleep` is what the loop is to be woken from.
-bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) {
+/// nothing changed, without memory. `waking` follows after the lock.
+bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, Waking& waking) {
     if (kept_ == nullptr) return false;
     PZPriorityQueue<ST_PUSH_MSG_DATA>::que queued = {d, d.Priority};
     if (d.Buff != nullptr) {
@@ -324,7 +348,7 @@ bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) {
     // Before the loop can see it.
     PZ_PROBE(msg_post, this, queued.SID, queued.MsgID, queued.Priority, queued.Buff);
     try {
-        sleep = kept_->handOver.PostLocked(queued);
+        waking.From(*kept_, kept_->handOver.PostLocked(queued));
     } catch (const std::bad_alloc&) {
         if (d.Buff != nullptr) kept_->payloads.GiveBack(queued.Buff);
         return false;
@@ -336,26 +360,26 @@ bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, unsigned int& sleep) {
 }
 
 unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
-    unsigned int sleep = 0;
+    Waking waking;
     {
         const PZSyncLock lock(msgSync_);
         if (events_.size() >= events_.capacity()) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "event is full : worker[%d]\n",
                                workerId_);
-            return Refused(kFull);
+            return RefusedLocked(kFull);
         }
-        if (!QueueLocked(EventInfo{bits, id}, sleep)) {
+        if (!QueueLocked(EventInfo{bits, id}, waking)) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
-            return Refused(kFailure);
+            return RefusedLocked(kFailure);
         }
     }
-    if (kept_->handOver.WakeFrom(sleep)) return kSuccess;
+    if (waking.Succeeds(true)) return kSuccess;
     PZ_REPORT_ERROR("SetEvent failed\n");
-    return Refused(kFailure);
+    return kFailure;
 }
 
-/// False, and nothing changed, without memory. `sleep` is what the loop is to be woken from.
-bool PZLMsgBox::QueueLocked(const EventInfo& event, unsigned int& sleep) {
+/// False, and nothing changed, without memory. `waking` follows after the lock.
+bool PZLMsgBox::QueueLocked(const EventInfo& event, Waking& waking) {
     if (kept_ == nullptr) return false;
     PZ_PROBE(event_post, this, event.id, event.bits);
     try {
@@ -363,7 +387,7 @@ bool PZLMsgBox::QueueLocked(const EventInfo& event, unsigned int& sleep) {
     } catch (const std::bad_alloc&) {
         return false;
     }
-    sleep = kept_->handOver.EventPostedLocked();
+    waking.From(*kept_, kept_->handOver.EventPostedLocked());
     kept_->ShowEventsLocked();
     kept_->look.NotePost();
     return true;
