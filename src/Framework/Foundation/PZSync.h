@@ -66,20 +66,21 @@ private:
 
 // Lock and Unlock of a free lock are short enough to run in the caller's own code: calling them in
 // the library takes half as long again as the semaphore's own work. Everything else is called.
+// The shortest way is laid straight: a thread's lock of what it holds already, where a jump shows;
+// beside the semaphore's own work it does not.
 
 inline unsigned int PZSync::Lock(unsigned int timeout) PZ_NO_THREAD_SAFETY_ANALYSIS {
     // Relaxed is enough: a thread can find only an identity that it stored itself, and what the
     // lock guards is ordered by the semaphore. A lock that is not created has no owner.
     const pthread_t self = pthread_self();
     const pthread_t owner = owner_.load(std::memory_order_relaxed);
-    if (owner != 0) {
-        // The wait for another thread is noted for those who look; a free lock costs nothing more.
-        if (owner != self) return Wait(timeout, EINTR);
+    if (__builtin_expect(owner == self, 1)) {
         ++nest_;
         return 0;
     }
-    // Of a lock that another process holds the owner is not known here.
-    if (PZ_THREAD_SANITIZER || handle_ == nullptr || timeout != 0xFFFFFFFFU ||
+    // The wait for another thread is noted for those who look; a free lock costs nothing more. Of a
+    // lock that another process holds the owner is not known here.
+    if (PZ_THREAD_SANITIZER || owner != 0 || handle_ == nullptr || timeout != 0xFFFFFFFFU ||
         type_ != en_TYPE_UNNAMED) {
         return Wait(timeout, EINTR);
     }
@@ -89,7 +90,7 @@ inline unsigned int PZSync::Lock(unsigned int timeout) PZ_NO_THREAD_SAFETY_ANALY
 }
 
 inline void PZSync::Unlock() PZ_NO_THREAD_SAFETY_ANALYSIS {
-    if (nest_ > 0) {
+    if (__builtin_expect(nest_ > 0, 1)) {
         --nest_;
         return;
     }
