@@ -8,12 +8,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <new>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Foundation/PZSyncLock.h>
-#include <Framework/Foundation/PZWatchDog.h>
+#include <Framework/Foundation/private/PZWatchedWait.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_descriptor.h>
 #include <Framework/private/pz_probes.h>
@@ -53,30 +52,12 @@ mqd_t open_or_create(const SystemName& name, int maxMsg) {
     return pz_above_standard(mq_open(name.text, O_RDWR | O_CREAT, kQueueMode, &attr));
 }
 
-/// Null when there is no memory for one: the queue's thread does not end for that.
-PZWatchDog* watchdog() {
-    try {
-        return PZWatchDog::GetInstance();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-void into_wait() {
-    if (PZWatchDog* const dog = watchdog()) dog->IntoWait();
-}
-
-void out_wait() {
-    if (PZWatchDog* const dog = watchdog()) dog->OutWait();
-}
-
 /// For a loop that is to try again. The whole pause, whatever signals come.
 void pause_after_failure() {
     timespec rest = {0, kRetryPauseNs};
-    into_wait();
+    const PZWatchedWait watched;
     while (nanosleep(&rest, &rest) == -1 && errno == EINTR) {
     }
-    out_wait();
 }
 
 /// The queue whose messages the calling thread receives.
@@ -361,9 +342,11 @@ void PZMessageQueue<1>::closeQueue() {
 bool PZMessageQueue<1>::serveOne() {
     unsigned char data[PZMessageQueue<2>::kMaxMessageSize] = {};  // as long as a message can be
     MSG_TYPE type = en_MSG_TYPE_USER;
-    into_wait();
-    const int received = queue_.receive(type, data, sizeof data);
-    out_wait();
+    int received = 0;
+    {
+        const PZWatchedWait watched;
+        received = queue_.receive(type, data, sizeof data);
+    }
     if (received < 0) return mayServeAfterFailure();
     if (type == en_MSG_TYPE_QUIT) return false;
     PZInspectedQueue& shown = pz_inspection_queue(queue_.shown_);

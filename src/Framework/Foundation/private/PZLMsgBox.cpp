@@ -9,7 +9,6 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
-#include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_probes.h>
 
@@ -18,6 +17,7 @@
 #include "PZHandOver.h"
 #include "PZPayloadStore.h"
 #include "PZShortLook.h"
+#include "PZWatchedWait.h"
 
 namespace {
 
@@ -95,10 +95,8 @@ struct PZLMsgBox::Kept {
 
         PZBoxWait::EN_RESULT Wait() {
             shown.EndRow();
-            PZWatchDog::GetInstance()->IntoWait();
-            const PZBoxWait::EN_RESULT result = wait.Wait();
-            PZWatchDog::GetInstance()->OutWait();
-            return result;
+            const PZWatchedWait watched;
+            return wait.Wait();
         }
 
         PZBoxWait wait;
@@ -243,10 +241,8 @@ int PZLMsgBox::Exit() {
 }
 
 int PZLMsgBox::InitWait(unsigned int timeout) {
-    PZWatchDog::GetInstance()->IntoWait();
-    const int result = startedEvent_.WaitEvent(timeout);
-    PZWatchDog::GetInstance()->OutWait();
-    return result == 0 ? 0 : 1;
+    const PZWatchedWait watched;
+    return startedEvent_.WaitEvent(timeout) == 0 ? 0 : 1;
 }
 
 unsigned long PZLMsgBox::Registory(PZIDispatcher* d) {

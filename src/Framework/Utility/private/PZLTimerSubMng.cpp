@@ -11,6 +11,7 @@
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Foundation/private/PZLoopWait.h>
+#include <Framework/Foundation/private/PZWatchedWait.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_probes.h>
@@ -190,10 +191,8 @@ void PZLTimerSubMng::takeFirstTick() {
 }
 
 int PZLTimerSubMng::waitForEvent(unsigned int waitMs) {
-    PZWatchDog::GetInstance()->IntoWait();
-    const int result = kept_->wait.Wait(waitMs == 0 ? kNoLimit : waitMs);
-    PZWatchDog::GetInstance()->OutWait();
-    return result;
+    const PZWatchedWait watched;
+    return kept_->wait.Wait(waitMs == 0 ? kNoLimit : waitMs);
 }
 
 // What these three answer is the wait that follows: milliseconds, 0 for no limit.
