@@ -4,7 +4,6 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 
@@ -23,8 +22,6 @@ constexpr int kTimedOut = -2;
 constexpr int kError = -3;
 
 constexpr unsigned long kMaxEvents = 64;  // in one wait
-
-using ReadyEntries = std::array<epoll_event, kMaxEvents>;
 
 /// Closes both ends, whatever becomes of the first; false when one of them failed.
 bool close_pipe(int readFd, int writeFd) {
@@ -51,17 +48,59 @@ bool watch(int epollFd, int readFd) {
     return ::epoll_ctl(epollFd, EPOLL_CTL_ADD, readFd, &interest) == 0;
 }
 
-/// Takes one signal of each of the first `count` entries.
-bool take_signals(const ReadyEntries& ready, int count) {
-    return std::all_of(ready.begin(), ready.begin() + count,
-                       [](const epoll_event& entry) { return take_signal(entry.data.fd); });
+bool watch_all(int epollFd, const int* readFds, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (!watch(epollFd, readFds[i])) return false;
+    }
+    return true;
 }
 
 /// Leaves the first `count` entries out of the next round.
-bool unwatch_all(int epollFd, const ReadyEntries& ready, int count) {
-    return std::all_of(ready.begin(), ready.begin() + count, [epollFd](const epoll_event& entry) {
-        return ::epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.data.fd, nullptr) == 0;
-    });
+bool unwatch_all(int epollFd, const epoll_event* ready, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (::epoll_ctl(epollFd, EPOLL_CTL_DEL, ready[i].data.fd, nullptr) != 0) return false;
+    }
+    return true;
+}
+
+/// Takes one signal of each of the first `count` entries.
+bool take_signals(const epoll_event* ready, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (!take_signal(ready[i].data.fd)) return false;
+    }
+    return true;
+}
+
+/// Waits until one of `count` watched events has a signal; takes it from the first, or one from
+/// each, that is ready. The number of ready entries, kTimedOut, or kError with errno.
+int take_ready(int epollFd, epoll_event* ready, int count, bool fromEach, int timeoutMs) {
+    const int readyCount = pz_epoll_wait(epollFd, ready, count, timeoutMs);
+    if (readyCount == 0) return kTimedOut;
+    if (readyCount < 0) return kError;
+    return take_signals(ready, fromEach ? readyCount : 1) ? readyCount : kError;
+}
+
+/// kSignalled when each of `count` watched events gave a signal, kTimedOut, or kError with errno.
+int take_all(int epollFd, epoll_event* ready, int count, int timeoutMs) {
+    for (int remaining = count;;) {
+        const int taken = take_ready(epollFd, ready, remaining, true, timeoutMs);
+        if (taken < 0) return taken;
+        remaining -= taken;
+        if (remaining == 0) return kSignalled;
+        if (!unwatch_all(epollFd, ready, taken)) return kTimedOut;
+    }
+}
+
+/// The place, among `count` events, of the one whose signal was taken from the first ready entry.
+int index_of_taken(const int* readFds, int count, const epoll_event* ready, int readyCount) {
+    for (int i = 0; i < count; ++i) {
+        if (readFds[i] == ready[0].data.fd) return i;
+    }
+    for (int i = 0; i < count; ++i) {
+        PZ_REPORT_ERROR_OF("timedMultiWait", "No[%d] rcv[%d] evt[%d]\n", i,
+                           i < readyCount ? ready[i].data.fd : kNoDescriptor, readFds[i]);
+    }
+    return kError;
 }
 
 }  // namespace
@@ -124,7 +163,7 @@ bool PZEvent::ResetEvent() {
 
 int PZEvent::WaitEvent(unsigned int timeout) {
     PZEvent* self = this;
-    return WaitMultipleEvent(1, &self, timeout, true);
+    return timedMultiWait(1, &self, true, timeout);
 }
 
 int PZEvent::WaitMultipleEvent(unsigned int count, PZEvent** events, unsigned int timeout,
@@ -140,59 +179,28 @@ int PZEvent::timedMultiWait(unsigned long count, PZEvent** events, bool waitAll,
     if (events == nullptr || count == 0) return kNothingToWaitFor;
 
     std::array<int, kMaxEvents> readFds;
-    if (count > readFds.size()) {
+    bool canWait = count <= readFds.size();
+    for (unsigned long i = 0; canWait && i < count; ++i) {
+        readFds[i] = events[i] != nullptr ? events[i]->readFd_ : kNoDescriptor;
+        canWait = readFds[i] != kNoDescriptor;
+    }
+    if (!canWait) {
         PZ_REPORT_ERROR("handle error\n");
         return kError;
     }
-    for (unsigned long i = 0; i < count; ++i) {
-        readFds[i] = events[i] != nullptr ? events[i]->readFd_ : kNoDescriptor;
-        if (readFds[i] == kNoDescriptor) {
-            PZ_REPORT_ERROR("handle error\n");
-            return kError;
-        }
-    }
 
+    const int number = static_cast<int>(count);
     const PZDescriptor epoll(::epoll_create1(EPOLL_CLOEXEC));
-    if (!epoll.IsOpen()) {
+    if (!epoll.IsOpen() || !watch_all(epoll.Get(), readFds.data(), number)) {
         PZ_REPORT_LAST_ERROR();
         return kError;
     }
-    for (unsigned long i = 0; i < count; ++i) {
-        if (!watch(epoll.Get(), readFds[i])) {
-            PZ_REPORT_LAST_ERROR();
-            return kError;
-        }
-    }
 
-    ReadyEntries ready;
-    int readyCount = 0;
-    int remaining = static_cast<int>(count);
-    for (;;) {
-        readyCount = pz_epoll_wait(epoll.Get(), ready.data(), remaining, static_cast<int>(timeout));
-        if (readyCount == 0) return kTimedOut;
-        if (readyCount < 0) {
-            PZ_REPORT_LAST_ERROR();
-            return kError;
-        }
-        if (!take_signals(ready, waitAll ? readyCount : 1)) {
-            PZ_REPORT_LAST_ERROR();
-            return kError;
-        }
-        if (!waitAll) break;
-
-        remaining -= readyCount;
-        if (remaining == 0) return kSignalled;
-        if (!unwatch_all(epoll.Get(), ready, readyCount)) return kTimedOut;
-    }
-
-    const auto end = readFds.begin() + remaining;
-    const auto found = std::find(readFds.begin(), end, ready[0].data.fd);
-    if (found != end) return static_cast<int>(found - readFds.begin());
-
-    for (int i = 0; i < remaining; ++i) {
-        const auto index = static_cast<unsigned int>(i);
-        PZ_REPORT_ERROR("No[%d] rcv[%d] evt[%d]\n", i,
-                        i < readyCount ? ready[index].data.fd : kNoDescriptor, readFds[index]);
-    }
-    return kError;
+    std::array<epoll_event, kMaxEvents> ready;
+    const int timeoutMs = static_cast<int>(timeout);
+    const int result = waitAll ? take_all(epoll.Get(), ready.data(), number, timeoutMs)
+                               : take_ready(epoll.Get(), ready.data(), number, false, timeoutMs);
+    if (result == kError) PZ_REPORT_LAST_ERROR();
+    if (result < 0 || waitAll) return result;
+    return index_of_taken(readFds.data(), number, ready.data(), result);
 }
