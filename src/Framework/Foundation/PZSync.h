@@ -2,13 +2,25 @@
 #define PZ_FRAMEWORK_FOUNDATION_PZSYNC_H
 
 #include <pthread.h>
-#include <semaphore.h>
+#include <semaphore.h>  // Lock and Unlock of a free lock are inline calls of it
 
 #include <atomic>
 #include <cerrno>
 
 #include <Framework/Foundation/PZThreadAnnotations.h>
 #include <Framework/PZApi.h>
+
+/// 1 in a build under the thread sanitizer, which is told of every lock, else 0.
+#if defined(__SANITIZE_THREAD__)
+#define PZ_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define PZ_THREAD_SANITIZER 1
+#endif
+#endif
+#if !defined(PZ_THREAD_SANITIZER)
+#define PZ_THREAD_SANITIZER 0
+#endif
 
 /// The framework's lock: recursive, private to the process or shared between processes by name.
 ///

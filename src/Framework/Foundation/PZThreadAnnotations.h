@@ -32,16 +32,4 @@
 /// A function that the analysis cannot follow; the reason stands beside it.
 #define PZ_NO_THREAD_SAFETY_ANALYSIS PZ_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
-/// 1 in a build under the thread sanitizer, which is told of every lock, else 0.
-#if defined(__SANITIZE_THREAD__)
-#define PZ_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define PZ_THREAD_SANITIZER 1
-#endif
-#endif
-#if !defined(PZ_THREAD_SANITIZER)
-#define PZ_THREAD_SANITIZER 0
-#endif
-
 #endif  // PZ_FRAMEWORK_FOUNDATION_PZTHREADANNOTATIONS_H

@@ -10,6 +10,7 @@
 
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/Foundation/PZThreadAnnotations.h>
 #include <Framework/PZApi.h>
 
 /// Whom a notification reaches. Every value other than en_NTF_SELECTED reaches all.
@@ -65,7 +66,7 @@ public:
 protected:
     /// Drops all subscriptions without the lock. For a subject in a forked child: another thread of
     /// the parent may have held the lock when the child was made.
-    void ForgetObservers() noexcept;
+    void ForgetObservers() noexcept PZ_NO_THREAD_SAFETY_ANALYSIS;
 
 private:
     struct Entry {
@@ -76,8 +77,11 @@ private:
     /// While one lives, no entry changes its place: a subscription that ends leaves a gap.
     class Pass {
     public:
-        explicit Pass(PZSubject& subject) noexcept : subject_(subject) { ++subject_.passes_; }
-        ~Pass() {
+        explicit Pass(PZSubject& subject) noexcept PZ_REQUIRES(subject.sync_) : subject_(subject) {
+            ++subject_.passes_;
+        }
+        // The analysis does not know this subject for the constructor's.
+        ~Pass() PZ_NO_THREAD_SAFETY_ANALYSIS {
             if (--subject_.passes_ == 0 && subject_.gaps_ > 0) subject_.CloseGaps();
         }
         Pass(const Pass&) = delete;
@@ -88,15 +92,15 @@ private:
     };
 
     unsigned int NotifyRest(std::size_t next, unsigned int result, unsigned int id, void* data,
-                            unsigned int size);
+                            unsigned int size) PZ_REQUIRES(sync_);
     unsigned int NotifySelected(unsigned int id, void* data, unsigned int size);
-    void CloseGaps() noexcept;
+    void CloseGaps() noexcept PZ_REQUIRES(sync_);
 
-    std::vector<Entry> observers_;  // in the order of subscription
-    PZSync sync_;                   // guards everything here; held during a notification
-    unsigned int passes_ = 0;       // running, one in the other
-    unsigned int gaps_ = 0;         // among observers_
-    unsigned int changes_ = 0;      // of observers_; may wrap
+    std::vector<Entry> observers_ PZ_GUARDED_BY(sync_);  // in the order of subscription
+    PZSync sync_;                                        // held during a notification
+    unsigned int passes_ PZ_GUARDED_BY(sync_) = 0;       // running, one in the other
+    unsigned int gaps_ PZ_GUARDED_BY(sync_) = 0;         // among observers_
+    unsigned int changes_ PZ_GUARDED_BY(sync_) = 0;      // of observers_; may wrap
 };
 
 // A notification runs in the caller's own code: where the compiler sees what the observers of a

@@ -1,8 +1,6 @@
 #ifndef PZ_FRAMEWORK_UTILITY_PZLTIMERMNG_H
 #define PZ_FRAMEWORK_UTILITY_PZLTIMERMNG_H
 
-#include <semaphore.h>
-
 #include <functional>
 #include <map>
 #include <memory>
@@ -135,7 +133,7 @@ private:
     Wait due_ PZ_GUARDED_BY(sync_);           // ends with the next check, never before wait_
     bool isWoken_ PZ_GUARDED_BY(sync_);       // a wake-up is on its way to the thread
     bool refuses_ PZ_GUARDED_BY(sync_);       // the last start made no thread
-    sem_t firstTickTaken_;                    // posted by each thread
+    long firstTickTaken_[4];                  // room of a semaphore that each thread posts
 };
 
 /// A timer: derive, say in OnTimer what is to happen, and hand the object to PZLTimerMng::AddTimer.

@@ -1,7 +1,7 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZ_TSAN_H
 #define PZ_FRAMEWORK_FOUNDATION_PRIVATE_PZ_TSAN_H
 
-#include <Framework/Foundation/PZThreadAnnotations.h>
+#include <Framework/Foundation/PZSync.h>
 
 // What PZSync tells the thread sanitizer, so that it finds locks taken in opposite orders: a
 // semaphore alone gives it the order of memory accesses, but no locks. Empty in other builds.

@@ -1,3 +1,4 @@
+#include <semaphore.h>
 #include <sys/prctl.h>
 
 #include <cerrno>
@@ -43,6 +44,11 @@ constexpr bool is_without_limit(unsigned int waitMs) {
     return waitMs == 0 || waitMs > kLongestWaitMs;
 }
 
+/// The one that was made there.
+sem_t* semaphore_in(long* room) {
+    return std::launder(reinterpret_cast<sem_t*>(room));
+}
+
 /// Counts a callback that is called so late. When a count would overflow, all are halved.
 void count_lateness(PZInspectedBand& shown, unsigned int lateMs) {
     pz_inspect_raise(shown.worstLateMs, lateMs);
@@ -72,7 +78,9 @@ PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
       due_{0, 0},
       isWoken_(false),
       refuses_(false) {
-    sem_init(&firstTickTaken_, 0, 0);
+    static_assert(sizeof firstTickTaken_ == sizeof(sem_t) && alignof(long) >= alignof(sem_t),
+                  "the header gives the room without the system's header");
+    sem_init(new (firstTickTaken_) sem_t, 0, 0);
     // The timer threads need these to their end. Made here they outlive the timer manager, and no
     // two timer threads come to make singletons at the same time.
     PZThreadMng::GetInstance();
@@ -81,7 +89,7 @@ PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
 }
 
 PZLTimerSubMng::~PZLTimerSubMng() {
-    sem_destroy(&firstTickTaken_);
+    sem_destroy(semaphore_in(firstTickTaken_));
 }
 
 int PZLTimerSubMng::start(const char* name) {
@@ -101,7 +109,7 @@ int PZLTimerSubMng::start(const char* name) {
 // A thread that could not be woken would be of no use to anybody.
 int PZLTimerSubMng::startThread(const char* name) {
     if (!kept_->wait.Open() || !thread_.Start(name)) return 0;
-    while (sem_wait(&firstTickTaken_) != 0 && errno == EINTR) {
+    while (sem_wait(semaphore_in(firstTickTaken_)) != 0 && errno == EINTR) {
     }
     return 1;
 }
@@ -187,7 +195,7 @@ void PZLTimerSubMng::takeFirstTick() {
         pz_inspect_set(kept_->shown.tid, pz_get_current_thread_id());
         if (!timers_.empty()) wakeLocked();  // added while there was no thread
     }
-    sem_post(&firstTickTaken_);
+    sem_post(semaphore_in(firstTickTaken_));
 }
 
 int PZLTimerSubMng::waitForEvent(unsigned int waitMs) {
