@@ -32,8 +32,9 @@ class PZCallStack;
 /// Limits:    32 findings at a time; further ones are told when others are over.
 /// Call stack: on request, of the thread that hangs. The thread is sent a signal, and takes its
 ///            call stack in the handler of that signal: also inside malloc, and with locks held.
-///            As far as the unwind tables of all code are right; on 32-bit x86, where those of the
-///            C library are not, only the address where the thread stands.
+///            As far as the unwind tables of all code are right. On 32-bit ARM most functions of
+///            the C library have none: their callers are searched for on the stack, and some may be
+///            missing, or have returned already.
 ///            A thread that blocks the signal gives none. Calls that every signal interrupts
 ///            (sleep, poll, epoll_wait) return early in that thread, once for each finding.
 /// Failures:  answered with false, and reported where that is said. Watching itself needs no

@@ -2,7 +2,6 @@
 
 #include <execinfo.h>
 #include <sys/syscall.h>
-#include <ucontext.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +9,7 @@
 #include <csignal>
 
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_interrupted_stack.h>
 
 namespace {
 
@@ -29,15 +29,11 @@ int frameCount = 0;
 void* frames[kMaxFrames];
 
 /// Into the frames, those of the way into the handler included; answers their number.
-int walk(const void* context) {
-#ifdef __i386__
-    // The unwind tables of the C library are not exact there, and a walk that follows a wrong one
-    // reads memory that is none: only where the thread stands is known for certain.
-    const auto* const interrupted = static_cast<const ucontext_t*>(context);
-    frames[kHandlerFrames] = reinterpret_cast<void*>(interrupted->uc_mcontext.gregs[REG_EIP]);
-    return kHandlerFrames + 1;
+int walk([[maybe_unused]] const void* context) {
+#ifdef PZ_HAS_INTERRUPTED_STACK
+    return kHandlerFrames +
+           pz_take_interrupted_stack(context, frames + kHandlerFrames, kMaxFrames - kHandlerFrames);
 #else
-    static_cast<void>(context);
     return backtrace(frames, kMaxFrames);
 #endif
 }
@@ -76,11 +72,21 @@ bool is_free(int signal) {
     return (is_default(signal) || is_ours(signal)) && sigismember(&blocked, signal) == 0;
 }
 
-/// 0 when all are used. The very highest is left to debuggers.
-int highest_free_signal() {
-    int signal = SIGRTMAX - 1;
-    while (signal >= SIGRTMIN && !is_free(signal)) --signal;
-    return signal >= SIGRTMIN ? signal : 0;
+int send_to(int tid, int signal) {
+    return static_cast<int>(syscall(SYS_tgkill, getpid(), tid, signal));
+}
+
+/// False when the signal is used, or cannot be caught or sent: emulators of other processors refuse
+/// to send some. The calling thread gets it once, for nothing.
+bool occupy(int signal) {
+    if (!is_free(signal)) return false;
+    struct sigaction action = {};
+    action.sa_sigaction = take_own_stack;
+    action.sa_flags = SA_RESTART | SA_ONSTACK | SA_SIGINFO;
+    if (sigaction(signal, &action, nullptr) != 0) return false;
+    if (send_to(static_cast<int>(syscall(SYS_gettid)), signal) == 0) return true;
+    set_plain_action(signal, SIG_DFL);
+    return false;
 }
 
 }  // namespace
@@ -94,24 +100,24 @@ void PZStackSignal::Remove() {
 }
 
 bool PZStackSignal::Install(int signal) {
-    if (signal == kAny) signal = highest_free_signal();
-    if (signal <= 0 || !is_free(signal)) return false;
     // The first walk of a process loads the unwinder, which no signal handler may do.
     void* own[1];
     backtrace(own, 1);
     request.store(kNothing);
-    signal_ = signal;
-    struct sigaction action = {};
-    action.sa_sigaction = take_own_stack;
-    action.sa_flags = SA_RESTART | SA_ONSTACK | SA_SIGINFO;
-    return sigaction(signal, &action, nullptr) == 0;
+    // The very highest is left to debuggers.
+    const int first = signal == kAny ? SIGRTMAX - 1 : signal;
+    const int last = signal == kAny ? SIGRTMIN : signal;
+    for (signal_ = first; signal_ >= last; --signal_) {
+        if (occupy(signal_)) return true;
+    }
+    return false;
 }
 
 bool PZStackSignal::Take(int tid, PZCallStack& into) {
     // A thread that was asked before may still be at work: the frames are its own.
     if (!is_ours(signal_) || request.load() == kAtWork) return false;
     request.store(tid);
-    if (syscall(SYS_tgkill, getpid(), tid, signal_) != 0) {
+    if (send_to(tid, signal_) != 0) {
         request.store(kNothing);
         return false;
     }

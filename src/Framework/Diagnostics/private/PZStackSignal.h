@@ -13,7 +13,7 @@ public:
     static constexpr int kAny = -1;  ///< the highest real-time signal that is not used
 
     /// Takes the signal for this purpose. False when the process has another action for it, or the
-    /// calling thread blocks it, or it cannot be caught.
+    /// calling thread blocks it, or it cannot be caught or sent.
     bool Install(int signal);
 
     /// Gives it back, and leaves it alone when somebody else has taken it.
