@@ -5,9 +5,7 @@ if(PZ_SANITIZE)
 endif()
 
 # How the sanitizers run in tests.
-set(support ${PROJECT_SOURCE_DIR}/tests/support)
 set(PZ_TEST_ENVIRONMENT
     "ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1"
-    "LSAN_OPTIONS=suppressions=${support}/lsan.supp:print_suppressions=0"
     "UBSAN_OPTIONS=print_stacktrace=1"
-    "TSAN_OPTIONS=suppressions=${support}/tsan.supp:detect_deadlocks=1:second_deadlock_stack=1")
+    "TSAN_OPTIONS=detect_deadlocks=1:second_deadlock_stack=1")
