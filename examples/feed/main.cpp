@@ -7,11 +7,13 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <utility>
 #include <vector>
 
+#include <Framework/Easy/Framework.h>
 #include <Framework/Foundation/PZStopwatch.h>
 #include <Framework/Foundation/PZWorker.h>
-#include <Framework/Foundation/pz_framework.h>
 
 #include "CounterUnit.h"
 #include "FileTotals.h"
@@ -114,7 +116,8 @@ int main(int argc, char** argv) {
     PZStopwatch watch;
 
     watch.Start();
-    if (pz_FwInitialize("pz_feed", 1) == 0) {
+    std::optional<pz::Framework> framework(std::in_place, "pz_feed", 1);
+    if (!*framework) {
         std::fprintf(stderr, "pz_feed: the framework does not start\n");
         return kExitUnreadable;
     }
@@ -123,7 +126,7 @@ int main(int argc, char** argv) {
     const int status = feed(options.files, options.flood, end);
 
     watch.Start();
-    pz_FwFinalize();
+    framework.reset();
     times.stop = milliseconds(watch.Stop());
 
     if (status == kExitInterrupted) std::printf("stopped early: the counts until then\n");

@@ -3,8 +3,8 @@
 #include <cstdio>
 
 #include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Easy/Framework.h>
 #include <Framework/Foundation/PZWorker.h>
-#include <Framework/Foundation/pz_framework.h>
 
 #include "DisplayUnit.h"
 #include "Options.h"
@@ -62,11 +62,10 @@ int main(int argc, char** argv) {
     }
 
     const EndOfRun end;  // before the framework starts its threads
-    if (pz_FwInitialize("pz_display", 2) == 0) {
+    const pz::Framework framework("pz_display", 2);
+    if (!framework) {
         std::fprintf(stderr, "pz_display: the framework does not start\n");
         return kExitFailed;
     }
-    const int status = run(options, end);
-    pz_FwFinalize();
-    return status;
+    return run(options, end);
 }

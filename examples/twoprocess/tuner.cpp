@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
+#include <Framework/Easy/Framework.h>
 #include <Framework/Foundation/PZWorker.h>
-#include <Framework/Foundation/pz_framework.h>
 
 #include "Options.h"
 #include "SettingsStore.h"
@@ -55,7 +55,8 @@ int main(int argc, char** argv) {
     }
 
     const EndOfRun end;  // before the framework starts its threads
-    if (pz_FwInitialize("pz_tuner", 1) == 0) {
+    const pz::Framework framework("pz_tuner", 1);
+    if (!framework) {
         std::fprintf(stderr, "pz_tuner: the framework does not start\n");
         return kExitFailed;
     }
@@ -67,6 +68,5 @@ int main(int argc, char** argv) {
     } else {
         std::fprintf(stderr, "pz_tuner: no file guard in %s\n", options.dir.c_str());
     }
-    pz_FwFinalize();
     return status;
 }

@@ -6,14 +6,22 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
-#include <Framework/Foundation/pz_framework.h>
+#include <Framework/Easy/Framework.h>
 
 #include "Feeder.h"
 #include "JobUnit.h"
 #include "NotifySocket.h"
 
 namespace {
+
+constexpr int kExitUsage = 2;
+constexpr char kUsage[] =
+    "usage: pz_watchdog\n"
+    "\n"
+    "Serves until a request to terminate, and tells systemd that it is alive.\n"
+    "SIGUSR1 makes a worker hang.\n";
 
 /// Serves until a request to terminate; false when something does not start.
 bool run(const sigset_t& signals) {
@@ -36,15 +44,21 @@ bool run(const sigset_t& signals) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    if (argc > 1) {
+        const bool isHelp = std::string_view(argv[1]) == "--help";
+        std::fputs(kUsage, isHelp ? stdout : stderr);
+        return isHelp ? EXIT_SUCCESS : kExitUsage;
+    }
+
     sigset_t signals;
     sigemptyset(&signals);
     for (const int signal : {SIGTERM, SIGINT, SIGUSR1}) sigaddset(&signals, signal);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // before the framework starts its threads
 
-    if (pz_FwInitialize("pz_watchdog", 1) == 0) return EXIT_FAILURE;
+    const pz::Framework framework("pz_watchdog", 1);
+    if (!framework) return EXIT_FAILURE;
     const bool isDone = run(signals);
     if (!isDone) std::fprintf(stderr, "pz_watchdog: the service does not start\n");
-    pz_FwFinalize();
     return isDone ? EXIT_SUCCESS : EXIT_FAILURE;
 }

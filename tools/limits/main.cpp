@@ -257,7 +257,11 @@ void measure_processes() {
 
 int main(int argc, char** argv) {
     const bool isExact = argc == 2 && std::strcmp(argv[1], "--exact") == 0;
-    if (argc > 1 && !isExact) fail("usage: pz_limits [--exact]");
+    if (argc > 1 && !isExact) {
+        const bool isHelp = std::strcmp(argv[1], "--help") == 0;
+        std::fputs("usage: pz_limits [--exact]\n", isHelp ? stdout : stderr);
+        return isHelp ? 0 : 2;
+    }
     close_range(3, ~0U, 0);  // what the process was started with does not count
     results = fdopen(dup(STDOUT_FILENO), "w");
     if (results == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) fail("no output");
