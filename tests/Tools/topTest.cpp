@@ -448,6 +448,42 @@ TEST(topTest, SaysThatThereIsNothing) {
     EXPECT_TRUE(contains(result.output, " (sleep) does not use the library\n")) << result.output;
 }
 
+TEST(topTest, RefusesAProcessOfAnotherReleaseAndSaysWhichTableItHas) {
+    Program program("", "", PZ_TOP_OTHER_PROGRAM);
+    EXPECT_EQ("2", program.Counted());
+    const std::string pid = program.PidText();
+    const std::string refused = "pz-top: process " + pid +
+                                " (top_other_progr) shows a table of version 2, this program reads "
+                                "version 1: use the pz-top of its library\n";
+    for (const char* const form : {"--once ", "--json --once ", "--json --interval 50 "}) {
+        const auto result = top(form + pid);
+        EXPECT_EQ(1, result.status) << form;
+        EXPECT_EQ(refused, result.output) << form;
+    }
+}
+
+TEST(topTest, ListsAProcessOfAnotherReleaseWithItsTablesVersion) {
+    Program program("", "", PZ_TOP_OTHER_PROGRAM);
+    program.Counted();
+    const auto list = top("--once");
+    EXPECT_EQ(0, list.status);
+    const std::string line = line_with(list.output, " " + program.PidText() + " ");
+    EXPECT_TRUE(contains(line, "top_other_progr")) << list.output;
+    EXPECT_TRUE(contains(line, "table of version 2")) << list.output;
+
+    const auto listed = pztest::read_json(top("--json --once").output);
+    ASSERT_TRUE(listed);
+    for (const auto& member : listed->At("processes").members) {
+        const JsonValue& row = member.second;
+        if (row.At("pid").number != program.Pid()) continue;
+        EXPECT_EQ("top_other_progr", row.At("name").text);
+        EXPECT_EQ(2, row.At("table_version").number);
+        EXPECT_EQ(3U, row.members.size());
+        return;
+    }
+    ADD_FAILURE() << "not listed";
+}
+
 TEST(topTest, RefusesWhatItDoesNotUnderstand) {
     EXPECT_EQ(2, top("--no-such-option").status);
     EXPECT_EQ(2, top("--interval 5").status);
