@@ -17,9 +17,10 @@
 
 #include "CounterUnit.h"
 #include "FileTotals.h"
-#include "ProgressTimer.h"
+#include "ProgressText.h"
 #include "ReaderUnit.h"
 #include "common/EndOfRun.h"
+#include "common/ProgressLine.h"
 
 namespace {
 
@@ -87,8 +88,10 @@ int feed(std::vector<FileTotals>& files, bool flood, const EndOfRun& end) {
     ReaderUnit reader(files, counter, flood);
     bool finished = false;
     if (counter.Join(counterWorker.GetMsgBox()) && reader.Join(readerWorker.GetMsgBox())) {
-        std::unique_ptr<ProgressTimer> progress;
-        if (isatty(STDOUT_FILENO) != 0) progress = std::make_unique<ProgressTimer>(counter);
+        std::unique_ptr<ProgressLine> progress;
+        if (isatty(STDOUT_FILENO) != 0) {
+            progress = std::make_unique<ProgressLine>(ProgressText(counter));
+        }
         reader.Begin();
         finished = end.Wait();
         if (!finished) {

@@ -19,13 +19,13 @@
 #include "Catalogue.h"
 #include "CatalogueFile.h"
 #include "ChecksumUnit.h"
-#include "ProgressLine.h"
 #include "ReaderUnit.h"
 #include "ScanLog.h"
 #include "ScanTable.h"
 #include "ScannerUnit.h"
 #include "TextUnit.h"
 #include "common/EndOfRun.h"
+#include "common/ProgressLine.h"
 
 namespace {
 
@@ -140,7 +140,11 @@ int scan(const Options& options, Catalogue& catalogue, ScanLog& log, const EndOf
     if (isJoined) {
         std::unique_ptr<ProgressLine> progress;
         if (isatty(STDOUT_FILENO) != 0) {
-            progress = std::make_unique<ProgressLine>(catalogue, reader, checksum);
+            progress = std::make_unique<ProgressLine>([&] {
+                return std::to_string(checksum.FilesDone()) + " of " +
+                       std::to_string(catalogue.Count()) + " files, " +
+                       std::to_string(reader.BytesRead()) + " bytes";
+            });
         }
         scanner.Begin();
         isFinished = end.Wait();

@@ -41,6 +41,15 @@ Finding unsure(const std::string& what, const std::vector<std::string>& names,
                                "sudo pz-doctor"));
 }
 
+/// What a check says of left names, whose files `files` may be removed.
+Finding removable(const Machine& machine, const char* what, const std::vector<std::string>& left,
+                  const std::vector<std::string>& files, const Holders& holders,
+                  Finding (*verdict)(std::string found, std::string repair)) {
+    if (holders.hidden > 0) return unsure(what, left, holders.hidden);
+    return by_this_user_if(owns(machine, files),
+                           verdict(what + first_of(left), command_for("rm -f", files)));
+}
+
 Finding check_queues(const Machine& machine) {
     const auto queues = list_queues(machine);
     if (!queues) return skipped("needs /dev/mqueue");
@@ -57,10 +66,7 @@ Finding check_queues(const Machine& machine) {
         files.push_back(file);
     }
     if (left.empty()) return green("no queue without a process");
-    const std::string what = "queues without a process: ";
-    if (holders.hidden > 0) return unsure(what, left, holders.hidden);
-    return by_this_user_if(owns(machine, files),
-                           yellow(what + first_of(left), command_for("rm -f", files)));
+    return removable(machine, "queues without a process: ", left, files, holders, yellow);
 }
 
 /// The value in the file of a named semaphore, as the C library of its users lays it out; nothing
@@ -99,10 +105,7 @@ Finding check_semaphores(const Machine& machine) {
         paths.push_back(path);
     }
     if (stuck.empty()) return green("no semaphore taken by a dead process");
-    const std::string what = "semaphores taken by dead processes: ";
-    if (holders.hidden > 0) return unsure(what, stuck, holders.hidden);
-    return by_this_user_if(owns(machine, paths),
-                           red(what + first_of(stuck), command_for("rm -f", paths)));
+    return removable(machine, "semaphores taken by dead processes: ", stuck, paths, holders, red);
 }
 
 /// A row of /proc/sysvipc/shm.

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <string>
+#include <utility>
 
 #include "Checks.h"
 #include "ProcSelf.h"
@@ -40,6 +41,16 @@ std::string limit_text(unsigned long long limit) {
     return limit == kUnlimited ? "unlimited" : std::to_string(limit);
 }
 
+/// What a limit deserves; `repair` raises it, for the user himself when he may.
+Finding judged(const Machine& machine, const char* row, unsigned long long limit,
+               unsigned long long few, unsigned long long enough, std::string found,
+               std::string repair) {
+    const bool can = may_raise(machine, row, kRaisedLimit);
+    if (limit < few) return by_this_user_if(can, red(std::move(found), std::move(repair)));
+    if (limit < enough) return by_this_user_if(can, yellow(std::move(found), std::move(repair)));
+    return green(std::move(found));
+}
+
 Finding check_nice_limit(const Machine& machine) {
     if (has_capability(machine, kCapSysNice)) return green("CAP_SYS_NICE: every nice value");
     const auto limit = soft_limit(machine, "Max nice priority");
@@ -71,22 +82,16 @@ Finding check_descriptors(const Machine& machine) {
         kDescriptorsOfWorker;
     std::string found = limit_text(*limit) + " open files";
     if (*limit != kUnlimited) found += ", room for " + std::to_string(workers) + " workers";
-    const std::string repair = "ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024";
-    const bool can = may_raise(machine, "Max open files", kRaisedLimit);
-    if (*limit < kFewDescriptors) return by_this_user_if(can, red(found, repair));
-    if (*limit < kEnoughDescriptors) return by_this_user_if(can, yellow(found, repair));
-    return green(found);
+    return judged(machine, "Max open files", *limit, kFewDescriptors, kEnoughDescriptors, found,
+                  "ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024");
 }
 
 Finding check_threads(const Machine& machine) {
     const auto limit = soft_limit(machine, "Max processes");
     if (!limit) return unreadable(machine, kLimitsPath, kNoLimitRow);
-    const std::string found = limit_text(*limit) + " threads of one user";
-    const std::string repair = "ulimit -S -u 1024 || ulimit -u 1024  # in a unit: LimitNPROC=1024";
-    const bool can = may_raise(machine, "Max processes", kRaisedLimit);
-    if (*limit < kFewThreads) return by_this_user_if(can, red(found, repair));
-    if (*limit < kEnoughThreads) return by_this_user_if(can, yellow(found, repair));
-    return green(found);
+    return judged(machine, "Max processes", *limit, kFewThreads, kEnoughThreads,
+                  limit_text(*limit) + " threads of one user",
+                  "ulimit -S -u 1024 || ulimit -u 1024  # in a unit: LimitNPROC=1024");
 }
 
 Finding check_clock_rights(const Machine& machine) {

@@ -316,6 +316,12 @@ class StringPrinter:
         return memory(int(first), shown * 2), "..." if shown < count else ""
 
 
+def bytes_text(place, address, size):
+    """How many bytes, the place in them, and the bytes."""
+    head = "%s, %s" % (count_of(size, "byte"), place)
+    return head if size == 0 else "%s: %s" % (head, hex_dump(address, size))
+
+
 class BinaryPrinter:
     """PZBinary: size, cursor and the bytes."""
 
@@ -326,10 +332,7 @@ class BinaryPrinter:
     def to_string(self):
         size, cursor = unsigned(self.value["size_"], 32), unsigned(self.value["cursor_"], 32)
         buffer = held_pointer(self.value["buffer_"])
-        head = "%s, cursor at %d" % (count_of(size, "byte"), cursor)
-        if size == 0:
-            return head
-        return "%s: %s" % (head, hex_dump(int(buffer), size))
+        return bytes_text("cursor at %d" % cursor, int(buffer), size)
 
 
 class ArchivePrinter:
@@ -345,10 +348,7 @@ class ArchivePrinter:
         if size < 0:
             raise ValueError("size below 0")
         position = unsigned(self.value["readPosition_"], 32)
-        head = "%s, read up to %d" % (count_of(size, "byte"), position)
-        if size == 0:
-            return head
-        return "%s: %s" % (head, hex_dump(int(first), size))
+        return bytes_text("read up to %d" % position, int(first), size)
 
 
 # Locks and events.

@@ -1,18 +1,18 @@
-#ifndef SCAN_PROGRESSLINE_H
-#define SCAN_PROGRESSLINE_H
+#ifndef EXAMPLES_PROGRESSLINE_H
+#define EXAMPLES_PROGRESSLINE_H
+
+#include <functional>
+#include <string>
 
 #include <Framework/Utility/PZLTimerMng.h>
-
-#include "Catalogue.h"
-#include "ChecksumUnit.h"
-#include "ReaderUnit.h"
 
 /// Draws a progress line on the terminal ten times a second, from construction to the end of the
 /// scope.
 class ProgressLine : private PZLTimerBase {
 public:
-    ProgressLine(const Catalogue& catalogue, const ReaderUnit& reader,
-                 const ChecksumUnit& checksum);
+    /// `text` is called on a timer thread for what the line is to say, and never after the
+    /// destructor.
+    explicit ProgressLine(std::function<std::string()> text);
     ~ProgressLine() override;
 
     ProgressLine(const ProgressLine&) = delete;
@@ -24,10 +24,8 @@ private:
     /// Runs on a timer thread.
     int OnTimer(PZLTimerSubMng::_TimerInfo* info) override;
 
-    const Catalogue& catalogue_;
-    const ReaderUnit& reader_;
-    const ChecksumUnit& checksum_;
+    std::function<std::string()> text_;
     PZLTimerMng::TimerSubInfo* handle_;  // null: not running
 };
 
-#endif  // SCAN_PROGRESSLINE_H
+#endif  // EXAMPLES_PROGRESSLINE_H
