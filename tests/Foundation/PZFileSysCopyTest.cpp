@@ -35,7 +35,7 @@ pztest::Interposed<size_t(const void*, size_t, size_t, FILE*)> fwrite_call("fwri
 pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
 pztest::Interposed<int(int, const char*, int)> unlinkat_call("unlinkat");
 pztest::Interposed<int(const char*, mode_t)> mkdir_call("mkdir");
-pztest::Interposed<void*(DIR*)> readdir_call("readdir64", nullptr);
+pztest::Interposed<ssize_t(int, void*, size_t)> getdents_call("getdents64");
 pztest::Interposed<ssize_t(int, off64_t*, int, off64_t*, size_t, unsigned int)>
     copy_file_range_call("copy_file_range");
 
@@ -62,8 +62,8 @@ extern "C" FILE* fopen64(const char* path, const char* mode) {
 extern "C" int mkdir(const char* path, mode_t mode) noexcept {
     return mkdir_call(path, mode);
 }
-extern "C" dirent64* readdir64(DIR* dir) {
-    return static_cast<dirent64*>(readdir_call(dir));
+extern "C" ssize_t getdents64(int fd, void* entries, size_t size) noexcept {
+    return getdents_call(fd, entries, size);
 }
 extern "C" ssize_t copy_file_range(int in, off64_t* inOffset, int out, off64_t* outOffset,
                                    size_t length, unsigned int flags) {
@@ -147,7 +147,7 @@ protected:
         fopen_call.Reset();
         unlinkat_call.Reset();
         mkdir_call.Reset();
-        readdir_call.Reset();
+        getdents_call.Reset();
         copy_file_range_call.Reset();
         asked.clear();
         written.clear();
@@ -157,7 +157,7 @@ protected:
         watching = false;
         fopen_call.Reset();
         mkdir_call.Reset();
-        readdir_call.Reset();
+        getdents_call.Reset();
         copy_file_range_call.Reset();
     }
 
@@ -885,13 +885,13 @@ TEST_F(PZFileSysCopyTest, FailsAMoveWhoseSourceCannotBeOpenedForRemovalForWantOf
     Make("a/f", "1");
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
     // The descriptors run out once everything is copied: with the end of the listing.
-    readdir_call.Replace([](DIR* listed) {
-        void* const entry = readdir_call.Real(listed);
-        if (entry == nullptr) {
+    getdents_call.Replace([](int fd, void* entries, size_t size) {
+        const ssize_t got = getdents_call.Real(fd, entries, size);
+        if (got == 0) {
             const rlimit limit = {3, before.rlim_max};
             ::setrlimit(RLIMIT_NOFILE, &limit);
         }
-        return entry;
+        return got;
     });
     const bool moved = PZFileSys::Move(src.c_str(), dir.File("z").c_str());
     ::setrlimit(RLIMIT_NOFILE, &before);
@@ -905,9 +905,9 @@ TEST_F(PZFileSysCopyTest, FailsAMoveWhoseSourceCannotBeOpenedForRemovalForWantOf
 
 TEST_F(PZFileSysCopyTest, FailsWhenAListingFails) {
     const std::string src = MakeTree();
-    // "." and "..", the file and the folder in any order, then those of the folder.
+    // The entries of the folder, those of the ones in it, and the end of each.
     for (int skip = 0; skip < 6; ++skip) {
-        readdir_call.FailNext(EIO, 1, skip);
+        getdents_call.FailNext(EIO, 1, skip);
         EXPECT_FALSE(PZFileSys::Move(src.c_str(), dir.File("z").c_str())) << skip;
         const std::string text = output.Take();
         EXPECT_TRUE(pztest::has_report(text, "copyDirectory", "PZFileSys.cpp",

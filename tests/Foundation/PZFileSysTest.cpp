@@ -1,5 +1,6 @@
 #include "Framework/Foundation/PZFileSys.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -30,7 +31,7 @@
 
 namespace {
 
-pztest::Interposed<void*(DIR*)> readdir_call("readdir64", nullptr);
+pztest::Interposed<ssize_t(int, void*, size_t)> getdents_call("getdents64");
 pztest::Interposed<int(const char*, struct statfs64*)> statfs_call("statfs64");
 pztest::Interposed<int(const char*, struct stat64*)> stat_call("stat64");
 pztest::Interposed<int(int, const char*, struct stat64*, int)> fstatat_call("fstatat64");
@@ -46,8 +47,8 @@ int syncs;
 extern "C" void sync() noexcept {
     ++syncs;
 }
-extern "C" dirent64* readdir64(DIR* dir) {
-    return static_cast<dirent64*>(readdir_call(dir));
+extern "C" ssize_t getdents64(int fd, void* entries, size_t size) noexcept {
+    return getdents_call(fd, entries, size);
 }
 extern "C" int statfs64(const char* path, struct statfs64* status) noexcept {
     return statfs_call(path, status);
@@ -77,7 +78,7 @@ const char* const kNoPath = nullptr;
 const wchar_t* const kNoWidePath = nullptr;
 using Messages = std::vector<std::string>;
 
-/// The entries that the next readdir64 calls answer, before the directory's own.
+/// The entries that the next getdents64 answers, before the directory's own.
 struct FakeEntry {
     ino64_t d_ino;
     off64_t d_off;
@@ -87,11 +88,14 @@ struct FakeEntry {
 };
 static_assert(offsetof(FakeEntry, d_name) == offsetof(dirent64, d_name));
 std::vector<FakeEntry> fakeEntries;
-size_t nextFake;
 
-void* read_fake(DIR* dir) {
-    if (nextFake < fakeEntries.size()) return &fakeEntries[nextFake++];
-    return readdir_call.Real(dir);
+ssize_t read_fake(int fd, void* entries, size_t size) {
+    if (fakeEntries.empty()) return getdents_call.Real(fd, entries, size);
+    const size_t length = fakeEntries.size() * sizeof fakeEntries[0];
+    EXPECT_LE(length, size);
+    std::memcpy(entries, fakeEntries.data(), length);
+    fakeEntries.clear();
+    return static_cast<ssize_t>(length);
 }
 
 void fake_entry(const std::string& name, unsigned char type) {
@@ -101,19 +105,29 @@ void fake_entry(const std::string& name, unsigned char type) {
     entry.d_type = type;
     std::memcpy(entry.d_name, name.c_str(), name.size() + 1);
     fakeEntries.push_back(entry);
-    readdir_call.Replace(read_fake);
+    getdents_call.Replace(read_fake);
 }
 
-void* read_untyped(DIR* dir) {
-    void* const entry = readdir_call.Real(dir);
-    if (entry != nullptr) static_cast<dirent64*>(entry)->d_type = DT_UNKNOWN;
-    return entry;
+/// The directory's own entries, each changed by `change`.
+template <typename Change>
+ssize_t read_changed(int fd, void* entries, size_t size, Change change) {
+    const ssize_t got = getdents_call.Real(fd, entries, size);
+    for (ssize_t at = 0; at < got;) {
+        auto* const entry = reinterpret_cast<dirent64*>(static_cast<char*>(entries) + at);
+        change(*entry);
+        at += entry->d_reclen;
+    }
+    return got;
+}
+
+ssize_t read_untyped(int fd, void* entries, size_t size) {
+    return read_changed(fd, entries, size, [](dirent64& entry) { entry.d_type = DT_UNKNOWN; });
 }
 
 class PZFileSysTest : public testing::Test {
 protected:
     PZFileSysTest() {
-        readdir_call.Reset();
+        getdents_call.Reset();
         statfs_call.Reset();
         stat_call.Reset();
         fstatat_call.Reset();
@@ -121,11 +135,10 @@ protected:
         unlink_call.Reset();
         mkdir_call.Reset();
         fakeEntries.clear();
-        nextFake = 0;
         syncs = 0;
         std::memset(&data, 0x5A, sizeof data);
     }
-    ~PZFileSysTest() override { readdir_call.Reset(); }
+    ~PZFileSysTest() override { getdents_call.Reset(); }
 
     std::string Make(const std::string& name, const std::string& content = "x") {
         pztest::write_file(dir.File(name), content);
@@ -728,6 +741,49 @@ TEST_F(PZFileSysTest, EndsTheSearchAtANameOf256Bytes) {
     EXPECT_EQ("", output.Take());
 }
 
+TEST_F(PZFileSysTest, FindsEveryEntryOfALargeDirectoryOnce) {
+    std::vector<std::string> made;
+    for (int i = 0; i < 500; ++i) {  // more than one call of the system lists
+        made.push_back(std::string(200, 'n') + std::to_string(i));
+        Make(made.back(), "");
+    }
+    std::vector<std::string> found;
+    for (bool more = files.FindFirst(dir.Path().c_str(), data); more; more = files.FindNext(data)) {
+        found.emplace_back(data.name);
+    }
+    EXPECT_LT(3, getdents_call.Calls());
+    std::sort(made.begin(), made.end());
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(made, found);
+}
+
+TEST_F(PZFileSysTest, EndsQuietlyInADirectoryThatIsRemovedMeanwhile) {
+    const std::string folder = MakeDir("d");
+    Make("d/f");
+    ASSERT_TRUE(files.FindFirst(folder.c_str(), data));
+    ASSERT_TRUE(PZFileSys::RemoveDirectory(folder.c_str(), true));
+    errno = ENOTTY;
+    EXPECT_FALSE(files.FindNext(data));
+    EXPECT_EQ(ENOTTY, errno);
+    getdents_call.FailNext(ENOENT);  // some file systems refuse to list what is gone
+    EXPECT_FALSE(files.FindNext(data));
+    EXPECT_EQ(ENOTTY, errno);
+    EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZFileSysTest, PassesOverEntriesThatTheFileSystemMarksAsDeleted) {
+    Make("gone");
+    Make("here");
+    getdents_call.Replace([](int fd, void* entries, size_t size) {
+        return read_changed(fd, entries, size, [](dirent64& entry) {
+            if (std::strcmp(entry.d_name, "gone") == 0) entry.d_ino = 0;
+        });
+    });
+    ASSERT_TRUE(files.FindFirst(dir.Path().c_str(), data));
+    EXPECT_STREQ("here", data.name);
+    EXPECT_FALSE(files.FindNext(data));
+}
+
 TEST_F(PZFileSysTest, AnswersLinksAndDevicesWithoutANameAndWithoutAttributes) {
     for (const unsigned char type : {DT_LNK, DT_CHR, DT_BLK, DT_FIFO, DT_SOCK}) {
         std::memset(&data, 0x5A, sizeof data);
@@ -745,7 +801,7 @@ TEST_F(PZFileSysTest, AsksTheTypeWhereTheFileSystemTellsNone) {
     Make("f", "abc");
     MakeDir(".d");
     ASSERT_EQ(0, ::symlink("f", dir.File("l").c_str()));
-    readdir_call.Replace(read_untyped);
+    getdents_call.Replace(read_untyped);
     PZFileSys::FuncOption option = {true};
     PZFileSys sized(option);
     std::vector<std::pair<std::string, unsigned int>> found;
@@ -777,6 +833,22 @@ TEST_F(PZFileSysTest, FillsInSizesOnRequest) {
     EXPECT_STREQ("f", data.name);
     EXPECT_EQ((Messages{dir.File("f*/f"), "std library error [2 : No such file or directory]"}),
               Reports());
+}
+
+TEST_F(PZFileSysTest, AsksForSizesByTheWholePathWhereverThatLeadsMeanwhile) {
+    const std::string folder = MakeDir("d");
+    Make("d/1", "1");
+    Make("d/2", "2");
+    PZFileSys::FuncOption option = {true};
+    PZFileSys sized(option);
+    ASSERT_TRUE(sized.FindFirst(folder.c_str(), data));
+    EXPECT_EQ(1u, data.size);
+    ASSERT_EQ(0, ::rename(folder.c_str(), dir.File("moved").c_str()));
+    MakeDir("d");
+    ASSERT_TRUE(sized.FindNext(data));
+    EXPECT_EQ(0u, data.size);
+    const std::string path = folder + "/" + data.name;
+    EXPECT_EQ((Messages{path, "std library error [2 : No such file or directory]"}), Reports());
 }
 
 TEST_F(PZFileSysTest, FillsInSizesAbove4GiB) {
@@ -930,7 +1002,7 @@ TEST_F(PZFileSysTest, KeepsTheLastErrorOfItsCallerWhileASearchSucceeds) {
     EXPECT_TRUE(files.FindFirst(dir.File("f*").c_str(), data));
     EXPECT_FALSE(files.FindNext(data)) << "the end";
     EXPECT_EQ(ENOTTY, errno);
-    readdir_call.FailNext(EIO);
+    getdents_call.FailNext(EIO);
     EXPECT_FALSE(files.FindNext(data));
     EXPECT_EQ(EIO, errno);
 }

@@ -1,13 +1,14 @@
 #ifndef PZ_FRAMEWORK_FOUNDATION_PZFILESYS_H
 #define PZ_FRAMEWORK_FOUNDATION_PZFILESYS_H
 
-#include <dirent.h>
-
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include <Framework/PZApi.h>
-#include <Framework/PZUncopyable.h>
+
+struct dirent64;
+class PZDirectory;
 
 /// Files and directories: searching, asking, creating, copying, moving, deleting.
 ///
@@ -23,7 +24,7 @@
 ///            wide paths and to walk a directory that is copied; a lack of it is reported, false.
 /// Programs:  those that this process starts inherit no file or directory from here.
 /// Cost:      "syncs" means sync(): all file systems are written to their disks, which takes long.
-class PZ_API PZFileSys : private PZUncopyable {
+class PZ_API PZFileSys {
 public:
     /// Bits of ST_FIND_DATA::attribute, of the filter of a search, and of chkAttribute.
     enum EN_ATTR : std::uint32_t {
@@ -57,6 +58,9 @@ public:
     explicit PZFileSys(FuncOption& option);
     /// @}
     ~PZFileSys();
+
+    PZFileSys(const PZFileSys&) = delete;
+    PZFileSys& operator=(const PZFileSys&) = delete;
 
     // Questions.
 
@@ -241,8 +245,9 @@ private:
     PZ_LOCAL bool OpenDirectory(const char* path);
     PZ_LOCAL bool OpenPattern(const char* path);
     PZ_LOCAL Listing ReadEntry(ST_FIND_DATA& data);
-    PZ_LOCAL void find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const;
-    PZ_LOCAL EntryPath PathOf(const dirent64* entry) const;
+    PZ_LOCAL void find_next_sub(const dirent64* entry, std::string_view name,
+                                ST_FIND_DATA& data) const;
+    PZ_LOCAL EntryPath PathOf(std::string_view name) const;
 
     PZ_LOCAL static bool CreateDirectory(const char* path, bool layers, bool& created);
     PZ_LOCAL static bool createLayers(const char* path, std::size_t length, bool& created);
@@ -256,11 +261,9 @@ private:
                                   bool createDirs, bool& refused, Links links = Links::FOLLOWED);
 
     PZ_LOCAL static Removal removeTree(const char* path, Links links = Links::FOLLOWED);
-    PZ_LOCAL static bool removeSubDir(DIR* dir, std::size_t length);
+    PZ_LOCAL static bool removeSubDir(PZDirectory& dir, std::size_t length);
 
-    PZ_LOCAL static constexpr void check_layout();
-
-    DIR* dir_ = nullptr;  // null while no search is open
+    PZDirectory* dir_ = nullptr;  // null while no search is open
     bool hasPattern_ = false;
     char searchPath_[1024] = {};  // as given to FindFirst, pattern included
     char pattern_[1024] = {};

@@ -11,18 +11,30 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_directory.h>
 #include <Framework/private/pz_stream.h>
 
 static_assert(sizeof(off_t) == 8, "files of more than 2 GiB");
+static_assert(offsetof(PZFileSys::DiskInfo, availableBytes) == 0 &&
+              offsetof(PZFileSys::DiskInfo, totalBytes) == 8 &&
+              offsetof(PZFileSys::DiskInfo, freeBytes) == 16);
+static_assert(offsetof(PZFileSys::ST_FIND_DATA, attribute) == 0 &&
+              offsetof(PZFileSys::ST_FIND_DATA, name) ==
+                  offsetof(PZFileSys::ST_FIND_DATA, size) + 8);
+#if __SIZEOF_POINTER__ == 4
+static_assert(sizeof(PZFileSys) == 2056, "a listing, two flags and two texts");
+#endif
 
 namespace {
 
@@ -32,48 +44,16 @@ constexpr size_t kCopyChunk = 1024;
 constexpr size_t kKernelPiece = size_t{1} << 30;  // bytes that one call may copy
 constexpr int kRefusalFrames = 10;
 
-/// Closes a directory even on a thread that is being cancelled, and leaves errno alone.
-void close_directory(DIR* dir) noexcept {
-    const int error = errno;
-    const PZUncancelled whole;
-    ::closedir(dir);
-    errno = error;
-}
-
-/// Owns one open directory.
-class DirHolder : private PZUncopyable {
-public:
-    explicit DirHolder(DIR* dir) noexcept : dir_(dir) {}
-    ~DirHolder() {
-        if (IsOpen()) close_directory(dir_);
-    }
-
-    DIR* Get() const noexcept { return dir_; }
-    bool IsOpen() const noexcept { return dir_ != nullptr; }
-
-private:
-    DIR* const dir_;
-};
-
-/// A stream over a directory's descriptor, which it takes over; null with errno set for none.
-DIR* stream_over(PZDescriptor directory) {
-    if (!directory.MoveAboveStandard()) return nullptr;
-    DIR* const dir = ::fdopendir(directory.Get());
-    if (dir != nullptr) directory.Release();
-    return dir;
-}
-
-/// Null with errno set when it cannot be opened. Not below the standard descriptors, because a
-/// search may stay open for long.
-DIR* open_directory(const char* path, int flags = 0) {
-    flags |= O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
-    return stream_over(PZDescriptor(::open(path, flags)));
+/// Null with errno set when it cannot be opened.
+std::unique_ptr<PZDirectory> open_directory(const char* path, int flags = 0) {
+    return PZDirectory::Over(
+        PZDescriptor(::open(path, flags | O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC)));
 }
 
 /// The directory itself, never what a link in its place leads to.
-DIR* open_below(DIR* parent, const char* name) {
-    return stream_over(PZDescriptor(
-        ::openat(::dirfd(parent), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
+std::unique_ptr<PZDirectory> open_below(const PZDirectory& parent, const char* name) {
+    return PZDirectory::Over(PZDescriptor(
+        ::openat(parent.Get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
 }
 
 bool is_link(const char* path) {
@@ -113,15 +93,6 @@ bool with_utf8(const wchar_t* src, const wchar_t* dst, Operation operation) {
     });
 }
 
-bool is_dot_or_dotdot(const char* name) {
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
-
-/// The name, which may be longer than the field that is declared for it.
-const char* name_of(const dirent64* entry) {
-    return reinterpret_cast<const char*>(entry) + offsetof(dirent64, d_name);
-}
-
 /// For file systems that do not tell: DT_REG, DT_DIR, or DT_UNKNOWN for everything else.
 unsigned char type_by_status(const char* path) {
     struct stat status = {};
@@ -130,8 +101,45 @@ unsigned char type_by_status(const char* path) {
     return S_ISDIR(status.st_mode) ? DT_DIR : DT_UNKNOWN;
 }
 
-void copy_name(const char* name, PZFileSys::ST_FIND_DATA& data) {
-    std::memcpy(data.name, name, std::strlen(name) + 1);
+/// A text that is followed by its terminator. By the C library, whose copy of a few bytes is faster
+/// than the shortest code for one.
+void copy_terminated(std::string_view text, char* to) {
+    std::memmove(to, text.data(), text.size() + 1);
+}
+
+bool is_like(char wanted, char actual) {
+    return wanted == '?' || wanted == actual;
+}
+
+/// Only the last '*' seen needs a second try: whatever an earlier one could take more, it can take.
+bool matches(std::string_view pattern, std::string_view name) {
+    // What stands after the very last '*' is the end of the name, where most names differ.
+    const size_t last = pattern.rfind('*');
+    if (last != std::string_view::npos) {
+        for (; pattern.size() > last + 1; pattern.remove_suffix(1), name.remove_suffix(1)) {
+            if (name.empty() || !is_like(pattern.back(), name.back())) return false;
+        }
+    }
+    size_t at = 0;
+    size_t afterStar = std::string_view::npos;  // in the pattern, after the last '*' seen
+    size_t taken = 0;                           // of the name, up to the end of what that '*' takes
+    for (size_t i = 0; i < name.size();) {
+        if (at == last) return true;  // it takes the rest
+        if (at < pattern.size() && pattern[at] == '*') {
+            afterStar = ++at;
+            taken = i;
+        } else if (at < pattern.size() && is_like(pattern[at], name[i])) {
+            ++at;
+            ++i;
+        } else if (afterStar != std::string_view::npos) {
+            at = afterStar;
+            i = ++taken;
+        } else {
+            return false;
+        }
+    }
+    while (at < pattern.size() && pattern[at] == '*') ++at;
+    return at == pattern.size();
 }
 
 /// Whether the part of a path that ends there names something new; "x/" and "x/." are x.
@@ -159,17 +167,6 @@ FILE* open_destination(const char* path, bool mustBeNew, bool isOwn) {
 }
 
 }  // namespace
-
-constexpr void PZFileSys::check_layout() {
-    static_assert(offsetof(DiskInfo, availableBytes) == 0);
-    static_assert(offsetof(DiskInfo, totalBytes) == 8);
-    static_assert(offsetof(DiskInfo, freeBytes) == 16);
-    static_assert(offsetof(ST_FIND_DATA, attribute) == 0);
-    static_assert(offsetof(ST_FIND_DATA, name) == offsetof(ST_FIND_DATA, size) + 8);
-#if __SIZEOF_POINTER__ == 4
-    static_assert(sizeof(PZFileSys) == 2056);
-#endif
-}
 
 PZFileSys::PZFileSys() = default;
 
@@ -264,34 +261,33 @@ bool PZFileSys::RemoveDirectory(const wchar_t* path, bool recursive) {
 
 PZFileSys::Removal PZFileSys::removeTree(const char* path, Links links) {
     if (is_empty(path)) return Removal::NOT_OPENED;
-    const DirHolder dir(open_directory(path, links == Links::REFUSED ? O_NOFOLLOW : 0));
-    if (!dir.IsOpen() || !removeSubDir(dir.Get(), std::strlen(path))) return Removal::NOT_OPENED;
+    const auto dir = open_directory(path, links == Links::REFUSED ? O_NOFOLLOW : 0);
+    if (dir == nullptr || !removeSubDir(*dir, std::strlen(path))) return Removal::NOT_OPENED;
     return ::rmdir(path) == 0 ? Removal::REMOVED : Removal::FAILED;
 }
 
 bool PZFileSys::removeSubDir(const char* path) {
     if (is_empty(path)) return false;
-    const DirHolder dir(open_directory(path));
-    return dir.IsOpen() && removeSubDir(dir.Get(), std::strlen(path));
+    const auto dir = open_directory(path);
+    return dir != nullptr && removeSubDir(*dir, std::strlen(path));
 }
 
 /// `length` is that of the directory's path. Entries are reached through their open directory, so
 /// that nobody can lead the walk out of the tree by exchanging a directory for a link. False, with
 /// the reason in errno, when a directory below cannot be opened.
-bool PZFileSys::removeSubDir(DIR* dir, size_t length) {
-    while (const dirent64* entry = ::readdir64(dir)) {
-        const char* const name = name_of(entry);
-        if (is_dot_or_dotdot(name)) continue;
+bool PZFileSys::removeSubDir(PZDirectory& dir, size_t length) {
+    while (const dirent64* const entry = dir.Read()) {
+        const char* const name = PZDirectory::NameOf(entry);
         const size_t lengthBelow = length + 1 + std::strlen(name);
         if (lengthBelow >= kRemovePathSize) continue;  // like an entry without a status
         struct stat status = {};
-        if (::fstatat(::dirfd(dir), name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+        if (::fstatat(dir.Get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
         const bool isDirectory = S_ISDIR(status.st_mode);
         if (isDirectory) {
-            const DirHolder below(open_below(dir, name));
-            if (!below.IsOpen() || !removeSubDir(below.Get(), lengthBelow)) return false;
+            const auto below = open_below(dir, name);
+            if (below == nullptr || !removeSubDir(*below, lengthBelow)) return false;
         }
-        if (::unlinkat(::dirfd(dir), name, isDirectory ? AT_REMOVEDIR : 0) != 0) return true;
+        if (::unlinkat(dir.Get(), name, isDirectory ? AT_REMOVEDIR : 0) != 0) return true;
     }
     return true;
 }
@@ -394,7 +390,7 @@ bool PZFileSys::OpenDirectory(const char* path) {
         return false;
     }
     chkAttribute(path);  // for its report
-    dir_ = open_directory(path);
+    dir_ = open_directory(path).release();
     if (dir_ == nullptr) return false;
     hasPattern_ = false;
     std::memcpy(searchPath_, path, length + 1);
@@ -410,7 +406,7 @@ bool PZFileSys::OpenPattern(const char* path) {
     char directory[sizeof searchPath_];
     std::memcpy(directory, path, slash);
     directory[slash] = '\0';
-    dir_ = open_directory(directory);
+    dir_ = open_directory(directory).release();
     if (dir_ == nullptr) return false;
     hasPattern_ = true;
     std::memcpy(searchPath_, path, length + 1);
@@ -429,47 +425,42 @@ bool PZFileSys::FindNext(ST_FIND_DATA& data) {
 /// A listing that has failed tells why in errno.
 PZFileSys::Listing PZFileSys::ReadEntry(ST_FIND_DATA& data) {
     if (dir_ == nullptr) return Listing::END;
-    const int errorBefore = errno;
-    errno = 0;
-    while (const dirent64* entry = ::readdir64(dir_)) {
-        const char* const name = name_of(entry);
-        if (is_dot_or_dotdot(name)) continue;
+    while (const dirent64* const entry = dir_->Read()) {
+        const std::string_view name = PZDirectory::NameOf(entry);
         data.attribute = 0;
         data.size = 0;
         data.name[0] = '\0';
-        if (::strnlen(name, kNameSize) == kNameSize) {
+        if (name.size() >= kNameSize) {
             doFindClose();
             errno = ENAMETOOLONG;
             return Listing::FAILED;
         }
-        if (hasPattern_ && strcmp_wild(pattern_, name) != 0) continue;
-        errno = errorBefore;
-        find_next_sub(entry, data);
+        if (hasPattern_ && !matches(pattern_, name)) continue;
+        find_next_sub(entry, name, data);
         return Listing::ENTRY;
     }
-    if (errno != 0) return Listing::FAILED;
-    errno = errorBefore;
-    return Listing::END;
+    return dir_->HasFailed() ? Listing::FAILED : Listing::END;
 }
 
-void PZFileSys::find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const {
-    const char* const name = name_of(entry);
-    const auto length = static_cast<unsigned int>(std::strlen(name));
+/// `name` is that of the entry.
+void PZFileSys::find_next_sub(const dirent64* entry, std::string_view name,
+                              ST_FIND_DATA& data) const {
+    const auto length = static_cast<unsigned int>(name.size());
     unsigned char type = entry->d_type;
-    if (type == DT_UNKNOWN) type = type_by_status(PathOf(entry).text);
+    if (type == DT_UNKNOWN) type = type_by_status(PathOf(name).text);
 
     if (type == DT_DIR) {
         data.attribute = en_ATTR_DIRECTORY;
-        if (is_hidden_folder(name, length)) data.attribute |= en_ATTR_HIDDEN;
-        copy_name(name, data);
+        if (is_hidden_folder(name.data(), length)) data.attribute |= en_ATTR_HIDDEN;
+        copy_terminated(name, data.name);
         return;
     }
     if (type != DT_REG) {
-        PZ_REPORT_ERROR("error d_type[%d][%s]\n", entry->d_type, name);
+        PZ_REPORT_ERROR("error d_type[%d][%s]\n", entry->d_type, name.data());
         return;
     }
     if (getSize_) {
-        const EntryPath path = PathOf(entry);
+        const EntryPath path = PathOf(name);
         struct stat status = {};
         if (::stat(path.text, &status) == 0) {
             data.size = static_cast<std::uint64_t>(status.st_size);
@@ -479,19 +470,18 @@ void PZFileSys::find_next_sub(const dirent64* entry, ST_FIND_DATA& data) const {
         }
     }
     data.attribute = en_ATTR_FILE;
-    if (is_hidden_file(name, length)) data.attribute |= en_ATTR_HIDDEN;
-    copy_name(name, data);
+    if (is_hidden_file(name.data(), length)) data.attribute |= en_ATTR_HIDDEN;
+    copy_terminated(name, data.name);
 }
 
 /// The pattern of a search stays in it, so that such a path names nothing.
-PZFileSys::EntryPath PZFileSys::PathOf(const dirent64* entry) const {
+PZFileSys::EntryPath PZFileSys::PathOf(std::string_view name) const {
     EntryPath path;
     static_assert(sizeof path.text >= sizeof searchPath_ + kNameSize);
-    const size_t length = std::strlen(searchPath_);
-    std::memcpy(path.text, searchPath_, length);
-    path.text[length] = '/';
-    const char* const name = name_of(entry);
-    std::memcpy(path.text + length + 1, name, std::strlen(name) + 1);
+    const std::string_view folder = searchPath_;
+    copy_terminated(folder, path.text);
+    path.text[folder.size()] = '/';
+    copy_terminated(name, path.text + folder.size() + 1);
     return path;
 }
 
@@ -515,43 +505,23 @@ bool PZFileSys::FindNextWithFilter(ST_FIND_DATA& data, unsigned int filter, bool
 }
 
 void PZFileSys::doFindClose() {
-    if (dir_ == nullptr) return;
-    close_directory(dir_);
-    dir_ = nullptr;
+    delete std::exchange(dir_, nullptr);
 }
 
 bool PZFileSys::IsValidData(const ST_FIND_DATA& data, unsigned int filter, bool exact) {
     return exact ? data.attribute == filter : (data.attribute & filter) != 0;
 }
 
-/// Only the last '*' needs a second try: whatever an earlier one could take more, it can take.
 int PZFileSys::strcmp_wild(const char* pattern, const char* name) {
     if (pattern == nullptr || name == nullptr) return 1;
-    const char* afterStar = nullptr;  // the pattern behind the last '*' seen
-    const char* taken = nullptr;      // the name behind what that '*' takes
-    while (*name != '\0') {
-        if (*pattern == '*') {
-            afterStar = ++pattern;
-            taken = name;
-        } else if (*pattern == '?' || *pattern == *name) {
-            ++pattern;
-            ++name;
-        } else if (afterStar != nullptr) {
-            pattern = afterStar;
-            name = ++taken;
-        } else {
-            return 1;
-        }
-    }
-    while (*pattern == '*') ++pattern;
-    return *pattern == '\0' ? 0 : 1;
+    return matches(pattern, name) ? 0 : 1;
 }
 
 bool PZFileSys::is_hidden_file(const char* name, unsigned int length) {
     if (is_hidden_folder(name, length)) return true;  // ".DS_Store" and "._" among them
-    const std::string_view text(name, length);
-    const size_t dot = text.rfind('.');
-    return dot != std::string_view::npos && text.substr(dot + 1) == "CHK";
+    constexpr std::string_view kEnd = ".CHK";
+    return length >= kEnd.size() &&
+           std::memcmp(name + length - kEnd.size(), kEnd.data(), kEnd.size()) == 0;
 }
 
 bool PZFileSys::is_hidden_folder(const char* name, unsigned int length) {
