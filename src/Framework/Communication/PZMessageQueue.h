@@ -117,6 +117,7 @@ private:
     PZ_LOCAL bool open(const OpenParam& p, unsigned int sides);
     PZ_LOCAL int post(const unsigned char* message, size_t length,
                       unsigned int systemPriority) const;
+    PZ_LOCAL int reportRefusal(int error) const;
 
     mqd_t handle_ = kNoQueue;
     char name_[kMaxNameLength + 1] = {};  // without "/"

@@ -4,7 +4,6 @@
 #include <cstdio>
 
 #include <Framework/PZApi.h>
-#include <Framework/PZUncopyable.h>
 
 /// A file, read and written through a buffer, whose written data reach the storage medium.
 ///
@@ -24,7 +23,7 @@
 ///            need memory: without it Open and GetSize fail, reported.
 /// Cancelled: a thread may be cancelled while it waits for a file or a medium, but not in the
 ///            destructor. A cancelled Close has closed the file; what was not written yet is lost.
-class PZ_API PZStorage : private PZUncopyable {
+class PZ_API PZStorage {
 public:
     /// The origin of Seek.
     enum EN_POS {
@@ -41,6 +40,9 @@ public:
     PZStorage(const wchar_t* path, const wchar_t* mode);
     /// @}
     ~PZStorage();
+
+    PZStorage(const PZStorage&) = delete;
+    PZStorage& operator=(const PZStorage&) = delete;
 
     /// Closes what is open, then opens `path`. 0 for success. 1, reported, when that fails, also
     /// for null; the object is closed then. Waits without limit for the other side of a fifo.

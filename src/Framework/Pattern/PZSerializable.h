@@ -6,7 +6,6 @@
 #include <type_traits>
 
 #include <Framework/PZApi.h>
-#include <Framework/PZUncopyable.h>
 #include <Framework/Utility/PZString.h>
 
 namespace PZSerialization {
@@ -39,7 +38,7 @@ class PZSerializable;
 ///            Reading more than was written is a mistake of the caller. It is harmless, and takes
 ///            everything that is left: the target stays as it was, the read position goes to the
 ///            end, so that what is read next stays as it was, too.
-class PZ_API Archive : private PZUncopyable {
+class PZ_API Archive {
 public:
     /// The origin of seek.
     enum SEEK_OPT : int {
@@ -53,6 +52,9 @@ public:
     /// Empty, with room for `capacity` bytes. Every archive grows on demand.
     explicit Archive(unsigned int capacity);
     virtual ~Archive();
+
+    Archive(const Archive&) = delete;
+    Archive& operator=(const Archive&) = delete;
 
     /// Empty again, with room for 1024 bytes; the read position goes to 0. Never throws: without
     /// memory it keeps the room that it has.

@@ -4,7 +4,6 @@
 #include <cstdio>
 
 #include <Framework/PZApi.h>
-#include <Framework/PZUncopyable.h>
 
 /// Writes a log, or any bytes, to a file, and keeps a bounded family of such files.
 ///
@@ -33,7 +32,7 @@
 ///             one.
 /// Failures:   answered by Open and Write; file-system operations report theirs. Without memory a
 ///             step of a shift fails like any other, and the log is opened all the same.
-class PZ_API PZLSysFileOut : private PZUncopyable {
+class PZ_API PZLSysFileOut {
 public:
     /// Answer of GetSize for a file that cannot be opened.
     static constexpr unsigned int kNoSize = 0xFFFFFFFF;
@@ -46,6 +45,9 @@ public:
     /// `maxSize` 0 means no maximum; `fileCount` as above. Other negative counts have no file name.
     PZLSysFileOut(const wchar_t* directory, const wchar_t* name, const wchar_t* extension,
                   bool binary, unsigned int maxSize, int fileCount);
+
+    PZLSysFileOut(const PZLSysFileOut&) = delete;
+    PZLSysFileOut& operator=(const PZLSysFileOut&) = delete;
 
     /// Opens the file, after the one that may be open was flushed and closed. Shifts the
     /// generations first where that is due. False when the file cannot be opened.
@@ -94,7 +96,6 @@ private:
     PZ_LOCAL bool OpenAct();
     PZ_LOCAL void CloseAct();
     PZ_LOCAL void BackupAct();
-    PZ_LOCAL static constexpr void check_layout();
 
     // A text that fills its field has no terminator.
     wchar_t directory_[256];  // ends in '/'

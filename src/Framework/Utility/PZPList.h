@@ -6,8 +6,6 @@
 #include <memory>
 #include <new>
 
-#include <Framework/PZUncopyable.h>
-
 /// Memory from the heap, for containers: a standard allocator without state.
 template <typename T>
 class PZAllocator {
@@ -41,8 +39,11 @@ struct PZPListObj {
 
 /// Links nodes that have a `prev` and a `next` into a chain. Neither makes nor frees them.
 template <typename NODE>
-class PZListBase : private PZUncopyable {
+class PZListBase {
 public:
+    PZListBase(const PZListBase&) = delete;
+    PZListBase& operator=(const PZListBase&) = delete;
+
     /// Number of nodes.
     unsigned int GetCount() const noexcept { return count_; }
 

@@ -268,6 +268,8 @@ private:
                                       std::basic_string_view<T> separator, LastPiece lastPiece);
     PZ_LOCAL bool IsWide() const;
     PZ_LOCAL bool HasNoText() const;
+    PZ_LOCAL bool ConvertNarrow(EN_CP cp);
+    PZ_LOCAL bool MakeNarrow(EN_CP cp);
 
     EN_CP codePage_;
     std::unique_ptr<std::wstring> wide_;

@@ -53,6 +53,7 @@ public:
     static void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
         return std::malloc(size);
     }
+    // NOLINTNEXTLINE(misc-new-delete-overloads): there is no way to make one that throws
     static void operator delete(void* memory) noexcept { std::free(memory); }
 
 private:

@@ -395,23 +395,15 @@ key_t PZFileGuard::getMkeyForApp(const std::string& path) {
 
 /// Attaches what is not attached yet: after a failure the next call goes on where it stopped.
 bool PZFileGuard::attachSharedMem() try {
-    if (mutexShmId_ == kNotAttached) {
-        const key_t key = getMkey(dirPath_ + fileName_ + kMutexSuffix);
-        if (key < 0) {
-            PZ_REPORT_ERROR("error\n");
-            return false;
-        }
-        if (!attach(key, mutexShmId_, mutex_)) return false;
-    }
-    if (initFlagShmId_ == kNotAttached) {
-        const key_t key = getMkey(dirPath_ + fileName_ + kInitFlagSuffix);
-        if (key < 0) {
-            PZ_REPORT_ERROR("error\n");
-            return false;
-        }
-        if (!attach(key, initFlagShmId_, initFlag_)) return false;
-    }
-    return true;
+    const auto attach_missing = [this](const char* suffix, int& id, auto*& content) {
+        if (id != kNotAttached) return true;
+        const key_t key = getMkey(dirPath_ + fileName_ + suffix);
+        if (key >= 0) return attach(key, id, content);
+        PZ_REPORT_ERROR_OF("attachSharedMem", "error\n");
+        return false;
+    };
+    return attach_missing(kMutexSuffix, mutexShmId_, mutex_) &&
+           attach_missing(kInitFlagSuffix, initFlagShmId_, initFlag_);
 } catch (const std::bad_alloc&) {
     PZ_REPORT_ERROR("error\n");
     return false;

@@ -23,6 +23,11 @@
 namespace PZMsgQ {
 namespace {
 
+// Results.
+constexpr int kError = -1;
+constexpr int kFull = -2;
+constexpr int kInvalid = -3;
+
 constexpr unsigned int kMaxPayload = 1024;
 constexpr unsigned int kTrailer = 3;  // zero bytes after the payload
 constexpr mode_t kQueueMode = 0666;
@@ -65,7 +70,7 @@ thread_local const void* received_queue = nullptr;
 
 }  // namespace
 
-// The core.
+// ---- the core ----
 
 PZMessageQueue<2>::PZMessageQueue() = default;
 
@@ -119,9 +124,6 @@ void PZMessageQueue<2>::close(bool unlink) {
 
 int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
                             unsigned char priority) {
-    constexpr int kError = -1;
-    constexpr int kFull = -2;
-    constexpr int kInvalid = -3;
     const auto answer = [this, type](int result) {
         PZInspectedQueue& shown = pz_inspection_queue(shown_);
         if (type != en_MSG_TYPE_QUIT) pz_inspect_count(result == 0 ? shown.sent : shown.refused);
@@ -147,29 +149,31 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
     message[0] = type;
     if (size != 0) std::memcpy(message + 1, data, size);
     std::memset(message + 1 + size, 0, kTrailer);
-    int error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
-    if (error == 0) {
-        PZ_PROBE(queue_send, static_cast<const char*>(name_), size, kMostUrgent - priority);
-        return answer(0);
-    }
+    const int error = post(message, 1 + size + kTrailer, kMostUrgent - priority);
+    if (error != 0) return answer(reportRefusal(error));
+    PZ_PROBE(queue_send, static_cast<const char*>(name_), size, kMostUrgent - priority);
+    return answer(0);
+}
 
-    // Only now asked for, because asking costs as much as sending. A full queue answers so whatever
-    // else is wrong with the message.
+// What send answers to a message that post has refused. The attributes are asked for only now,
+// because asking costs as much as sending. A full queue answers so whatever else is wrong with the
+// message.
+int PZMessageQueue<2>::reportRefusal(int error) const {
     mq_attr attr = {};
     if (mq_getattr(handle_, &attr) != 0) {
         error = errno;
     } else if (error == ETIMEDOUT || attr.mq_curmsgs >= attr.mq_maxmsg) {
         // Somebody may have taken a message since this one was refused.
-        PZ_REPORT_ERROR("que full (%s) %d/%d\n", name_, static_cast<int>(attr.mq_maxmsg),
-                        static_cast<int>(attr.mq_maxmsg));
-        return answer(kFull);
+        PZ_REPORT_ERROR_OF("send", "que full (%s) %d/%d\n", name_, static_cast<int>(attr.mq_maxmsg),
+                           static_cast<int>(attr.mq_maxmsg));
+        return kFull;
     }
-    PZ_REPORT_ERROR_ON(PATH, name_, "error : errno[%d : %s]\n", error, std::strerror(error));
-    return answer(kError);
+    const PZReportObject queue(PZReportObject::en_PATH, name_);
+    PZ_REPORT_ERROR_OF("send", "error : errno[%d : %s]\n", error, std::strerror(error));
+    return kError;
 }
 
 int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
-    constexpr int kError = -1;
     if (size == 0 || data == nullptr) {
         PZ_REPORT_ERROR("invalid args\n");
         return kError;
@@ -212,7 +216,7 @@ int PZMessageQueue<2>::post(const unsigned char* message, size_t length,
     return 0;
 }
 
-// The sending side.
+// ---- the sending side ----
 
 PZMessageQueue<0>::PZMessageQueue() = default;
 
@@ -232,7 +236,7 @@ int PZMessageQueue<0>::send(const void* data, unsigned int size, unsigned char p
     return queue_.send(en_MSG_TYPE_USER, data, size, priority);
 }
 
-// The receiving side.
+// ---- the receiving side ----
 
 PZMessageQueue<1>::PZMessageQueue() : thread_(this, kWatchTimeMs) {}
 

@@ -13,6 +13,7 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_write_whole.h>
 
 #include "WorkerCore.h"
 
@@ -44,20 +45,6 @@ Read read_whole(const std::string& path, std::string& bytes, struct stat& info) 
             return Read::failed;
         }
     }
-}
-
-/// False, with errno, when the file did not take them all.
-bool write_whole(int file, const std::string& bytes) {
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t count = ::write(file, bytes.data() + written, bytes.size() - written);
-        if (count > 0) {
-            written += static_cast<std::size_t>(count);
-        } else if (count == 0 || errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
 }
 
 /// 0, or errno: EWOULDBLOCK when the time is over.
@@ -188,7 +175,7 @@ bool FileUpdate::State::WriteNew() const {
         static_cast<void>(::fchown(file.Get(), info_.st_uid, info_.st_gid) == 0);
         if (::fchmod(file.Get(), info_.st_mode & 07777U) != 0) return Refuse("fchmod", newPath_);
     }
-    if (!write_whole(file.Get(), bytes_)) return Refuse("write", newPath_);
+    if (!pz_write_whole(file.Get(), bytes_)) return Refuse("write", newPath_);
     if (::fsync(file.Get()) != 0) return Refuse("fsync", newPath_);
     return true;
 }

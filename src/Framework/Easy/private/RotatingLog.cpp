@@ -18,6 +18,7 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_write_whole.h>
 
 #include "WorkerCore.h"
 
@@ -54,19 +55,11 @@ std::size_t print_time(char (&text)[32]) {
 
 /// Writes all of it or nothing: what was written of it is taken back.
 bool append(int file, std::string_view bytes, std::size_t sizeBefore) {
-    std::size_t written = 0;
-    while (written < bytes.size()) {
-        const ssize_t count = ::write(file, bytes.data() + written, bytes.size() - written);
-        if (count > 0) {
-            written += static_cast<std::size_t>(count);
-        } else if (count == 0 || errno != EINTR) {
-            const int error = errno;
-            static_cast<void>(::ftruncate(file, static_cast<off_t>(sizeBefore)) == 0);
-            errno = error;
-            return false;
-        }
-    }
-    return true;
+    if (pz_write_whole(file, bytes)) return true;
+    const int error = errno;
+    static_cast<void>(::ftruncate(file, static_cast<off_t>(sizeBefore)) == 0);
+    errno = error;
+    return false;
 }
 
 }  // namespace

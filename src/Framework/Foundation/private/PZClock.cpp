@@ -24,7 +24,6 @@
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Foundation/PZTickCount.h>
-#include <Framework/PZUncopyable.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_child.h>
 #include <Framework/private/pz_descriptor.h>
@@ -85,8 +84,10 @@ std::int32_t narrow_seconds(unsigned long long seconds) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
 }
 
-rtc_time to_rtc_time(const PZClock::ST_CLOCK& clock) {
-    rtc_time time = {};
+/// As the clock device (rtc_time) or the C library (tm) has it, but for the day of the week.
+template <typename Time>
+Time broken_down(const PZClock::ST_CLOCK& clock) {
+    Time time = {};
     time.tm_sec = static_cast<int>(clock.second);
     time.tm_min = static_cast<int>(clock.minute);
     time.tm_hour = static_cast<int>(clock.hour);
@@ -96,22 +97,36 @@ rtc_time to_rtc_time(const PZClock::ST_CLOCK& clock) {
     return time;
 }
 
-tm to_tm(const PZClock::ST_CLOCK& clock) {
-    tm time = {};
-    time.tm_year = clock.year - kFirstYear;
-    time.tm_mon = static_cast<int>(clock.month) - 1;
-    time.tm_wday = static_cast<int>(clock.dayOfWeek);
-    time.tm_mday = static_cast<int>(clock.day);
-    time.tm_hour = static_cast<int>(clock.hour);
-    time.tm_min = static_cast<int>(clock.minute);
-    time.tm_sec = static_cast<int>(clock.second);
-    time.tm_isdst = -1;  // the zone decides
-    return time;
+/// The time now, for `operation`, in whose name failures are reported.
+bool get_now(const char* operation, BreakDown convert, PZClock::ST_CLOCK* clock) {
+    if (clock == nullptr) {
+        PZ_REPORT_ERROR_OF(operation, "invalid arg\n");
+        return false;
+    }
+    if (!read_time(convert, *clock)) {
+        PZ_REPORT_ERROR_OF(operation, "err(%d:%s)\n", pz_get_last_err(), pz_get_last_err_string());
+        return false;
+    }
+    return true;
+}
+
+/// Any time, likewise.
+bool get_time(const char* operation, BreakDown convert, unsigned long long seconds,
+              PZClock::ST_CLOCK* clock) {
+    if (clock == nullptr) {
+        PZ_REPORT_ERROR_OF(operation, "invalid arg\n");
+        return false;
+    }
+    if (!break_down(convert, narrow_seconds(seconds), *clock)) {
+        PZ_REPORT_ERROR_OF(operation, "error\n");
+        return false;
+    }
+    return true;
 }
 
 /// Holds back the signals of the calling thread. A handler may neither interrupt the wait for a
 /// child, which would be taken for a failed one, nor collect that child first.
-class SignalBlock : private PZUncopyable {
+class SignalBlock {
 public:
     SignalBlock() {
         sigset_t all;
@@ -119,6 +134,9 @@ public:
         pthread_sigmask(SIG_SETMASK, &all, &before_);
     }
     ~SignalBlock() { Lift(); }
+
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
 
     void Lift() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
@@ -139,7 +157,7 @@ private:
 
 /// A folder below /tmp into which nobody else can put anything, and the path of a file in it. Both
 /// are removed with the object.
-class PrivateFolder : private PZUncopyable {
+class PrivateFolder {
 public:
     PrivateFolder() : isMade_(::mkdtemp(folder_) != nullptr) {
         std::snprintf(file_, sizeof file_, "%s/tzfile", folder_);
@@ -149,6 +167,9 @@ public:
         ::unlink(file_);
         ::rmdir(folder_);
     }
+
+    PrivateFolder(const PrivateFolder&) = delete;
+    PrivateFolder& operator=(const PrivateFolder&) = delete;
 
     bool IsMade() const { return isMade_; }
     const char* File() const { return file_; }
@@ -191,6 +212,13 @@ bool overwrite_active_zone(const char* path, const struct stat* active) {
     if (!PZFileSys::Copy(path, kActiveZoneFile, false, false)) return false;
     if (active != nullptr) make_newer(kActiveZoneFile, active->st_mtim);
     return true;
+}
+
+/// Null when no row of the table fits.
+template <typename Row, size_t N, typename Fits>
+const char* find_path(const Row (&table)[N], const Fits& fits) {
+    const Row* const row = std::find_if(std::begin(table), std::end(table), fits);
+    return row != std::end(table) ? row->path : nullptr;
 }
 
 bool copy_zone_file(const char* path) {
@@ -236,27 +264,11 @@ bool settle(const char* path, bool copied) {
 PZClock::~PZClock() = default;
 
 bool PZClock::GetUtc(ST_CLOCK* clock) {
-    if (clock == nullptr) {
-        PZ_REPORT_ERROR("invalid arg\n");
-        return false;
-    }
-    if (!read_time(&to_utc, *clock)) {
-        PZ_REPORT_ERROR("err(%d:%s)\n", pz_get_last_err(), pz_get_last_err_string());
-        return false;
-    }
-    return true;
+    return get_now("GetUtc", &to_utc, clock);
 }
 
 bool PZClock::GetLocal(ST_CLOCK* clock) {
-    if (clock == nullptr) {
-        PZ_REPORT_ERROR("invalid arg\n");
-        return false;
-    }
-    if (!read_time(&to_local, *clock)) {
-        PZ_REPORT_ERROR("err(%d:%s)\n", pz_get_last_err(), pz_get_last_err_string());
-        return false;
-    }
-    return true;
+    return get_now("GetLocal", &to_local, clock);
 }
 
 bool PZClock::SetUtc(ST_CLOCK* clock) {
@@ -269,7 +281,7 @@ bool PZClock::SetUtc(ST_CLOCK* clock) {
         PZ_REPORT_ERROR("open(/dev/rtc0) Failed [%s]\n", pz_get_last_err_string());
         return false;
     }
-    const rtc_time time = to_rtc_time(*clock);
+    const auto time = broken_down<rtc_time>(*clock);
     const bool written = ::ioctl(device.Get(), RTC_SET_TIME, &time) >= 0;
     if (!written) PZ_REPORT_ERROR("ioctl(RTC_SET_TIME) Error [%s]\n", pz_get_last_err_string());
     return written;
@@ -314,39 +326,37 @@ bool PZClock::SetLocal(ST_CLOCK* clock) {
 bool PZClock::SetTimeZone(int minutes) {
     constexpr float kMinutesPerHour = 60.0F;
     const float hours = static_cast<float>(minutes) / kMinutesPerHour;
-    const ST_TIME_ZONE_GMT* const row =
-        std::find_if(std::begin(timeZoneGmtTbl_), std::end(timeZoneGmtTbl_),
-                     [hours](const ST_TIME_ZONE_GMT& zone) { return zone.hours == hours; });
-    if (row == std::end(timeZoneGmtTbl_)) {
+    const char* const path =
+        find_path(timeZoneGmtTbl_, [hours](const auto& zone) { return zone.hours == hours; });
+    if (path == nullptr) {
         PZ_REPORT_ERROR("timezone gmt file not found\n");
         return false;
     }
-    const bool copied = copy_zone_file(row->path);
+    const bool copied = copy_zone_file(path);
     if (copied) {
         ::tzset();
         ::sync();
-        print_zone(row->path);
+        print_zone(path);
     }
-    return settle(row->path, copied);
+    return settle(path, copied);
 }
 
 bool PZClock::SetTimeZone(TimeZone::Area area) {
-    const ST_TIME_ZONE* const row =
-        std::find_if(std::begin(timeZoneTbl_), std::end(timeZoneTbl_),
-                     [area](const ST_TIME_ZONE& zone) { return zone.area == area; });
-    if (row == std::end(timeZoneTbl_)) {
+    const char* const path =
+        find_path(timeZoneTbl_, [area](const auto& zone) { return zone.area == area; });
+    if (path == nullptr) {
         PZ_REPORT_ERROR("timezone area file not found\n");
         return false;
     }
-    const bool copied = copy_zone_file(row->path);
+    const bool copied = copy_zone_file(path);
     if (copied) {
         ::sync();
         ::tzset();
-        print_zone(row->path);
+        print_zone(path);
     }
     // Its abbreviation is "JST", which tells nothing.
     if (area == TimeZone::en_AREA_TOKYO) return copied;
-    return settle(row->path, copied);
+    return settle(path, copied);
 }
 
 unsigned long PZClock::GetTime() {
@@ -354,27 +364,11 @@ unsigned long PZClock::GetTime() {
 }
 
 bool PZClock::ToLocaltime(unsigned long long seconds, ST_CLOCK* clock) {
-    if (clock == nullptr) {
-        PZ_REPORT_ERROR("invalid arg\n");
-        return false;
-    }
-    if (!break_down(&to_local, narrow_seconds(seconds), *clock)) {
-        PZ_REPORT_ERROR("error\n");
-        return false;
-    }
-    return true;
+    return get_time("ToLocaltime", &to_local, seconds, clock);
 }
 
 bool PZClock::ToUtcTime(unsigned long long seconds, ST_CLOCK* clock) {
-    if (clock == nullptr) {
-        PZ_REPORT_ERROR("invalid arg\n");
-        return false;
-    }
-    if (!break_down(&to_utc, narrow_seconds(seconds), *clock)) {
-        PZ_REPORT_ERROR("error\n");
-        return false;
-    }
-    return true;
+    return get_time("ToUtcTime", &to_utc, seconds, clock);
 }
 
 long long PZClock::ToCalendarTime(ST_CLOCK* clock) {
@@ -382,7 +376,9 @@ long long PZClock::ToCalendarTime(ST_CLOCK* clock) {
         PZ_REPORT_ERROR("invalid arg\n");
         return 0;
     }
-    tm time = to_tm(*clock);
+    tm time = broken_down<tm>(*clock);
+    time.tm_wday = static_cast<int>(clock->dayOfWeek);
+    time.tm_isdst = -1;  // the zone decides
     return narrow_seconds(static_cast<unsigned long long>(std::mktime(&time)));
 }
 

@@ -31,7 +31,7 @@ long long measure(std::FILE* stream) {
 
 /// Closes a stream at the end of the scope. Until Settle was called that is because its thread is
 /// cancelled: what could not be written is dropped then, or the thread would wait for it again.
-class Closing : private PZUncopyable {
+class Closing {
 public:
     explicit Closing(std::FILE*& stream) noexcept : stream_(stream) {}
     ~Closing() {
@@ -39,6 +39,9 @@ public:
         pz_close_stream(stream_);
         stream_ = nullptr;
     }
+
+    Closing(const Closing&) = delete;
+    Closing& operator=(const Closing&) = delete;
 
     void Settle() noexcept { isSettled_ = true; }
 

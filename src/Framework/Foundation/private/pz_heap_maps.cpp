@@ -7,20 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "../../private/pz_descriptor.h"
+#include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_write_whole.h>
 
 namespace {
-
-bool write_all(int fd, const char* data, size_t size) {
-    while (size > 0) {
-        const ssize_t written = ::write(fd, data, size);
-        if (written == -1 && errno != EINTR) return false;
-        if (written <= 0) continue;
-        data += written;
-        size -= static_cast<size_t>(written);
-    }
-    return true;
-}
 
 /// Up to `size` bytes of a file of the kernel's; -1 with errno set when it cannot be read.
 ssize_t read_some(int fd, char* data, size_t size) {
@@ -38,7 +28,7 @@ bool copy_map(int out) {
     for (;;) {
         const ssize_t got = read_some(map.Get(), piece, sizeof piece);
         if (got <= 0) return got == 0;
-        if (!write_all(out, piece, static_cast<size_t>(got))) return false;
+        if (!pz_write_whole(out, {piece, static_cast<size_t>(got)})) return false;
     }
 }
 
@@ -63,7 +53,7 @@ bool write_name(int out, ST_HEAP_THREAD thread) {
     char line[64];
     const int length =
         std::snprintf(line, sizeof line, "thread 0x%08x %s\n", thread.id, thread.name);
-    return write_all(out, line, static_cast<size_t>(length));
+    return pz_write_whole(out, {line, static_cast<size_t>(length)});
 }
 
 }  // namespace

@@ -67,7 +67,15 @@ unsigned int size_of(const char* path) {
 
 }  // namespace
 
-constexpr void PZLSysFileOut::check_layout() {
+PZLSysFileOut::PZLSysFileOut(const wchar_t* directory, const wchar_t* name,
+                             const wchar_t* extension, bool binary, unsigned int maxSize,
+                             int fileCount)
+    : isBinary_(binary),
+      fileCount_(fileCount),
+      maxSize_(maxSize),
+      stream_(nullptr),
+      path_(),
+      sizeCounter_(0) {
 #if __SIZEOF_POINTER__ == 4
     static_assert(offsetof(PZLSysFileOut, directory_) == 0);
     static_assert(offsetof(PZLSysFileOut, name_) == 1024);
@@ -80,17 +88,6 @@ constexpr void PZLSysFileOut::check_layout() {
     static_assert(offsetof(PZLSysFileOut, sizeCounter_) == 2176);
     static_assert(sizeof(PZLSysFileOut) == 2180);
 #endif
-}
-
-PZLSysFileOut::PZLSysFileOut(const wchar_t* directory, const wchar_t* name,
-                             const wchar_t* extension, bool binary, unsigned int maxSize,
-                             int fileCount)
-    : isBinary_(binary),
-      fileCount_(fileCount),
-      maxSize_(maxSize),
-      stream_(nullptr),
-      path_(),
-      sizeCounter_(0) {
     copy_to(directory_, directory);
     copy_to(name_, name);
     copy_to(extension_, extension);

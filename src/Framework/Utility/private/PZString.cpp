@@ -100,9 +100,13 @@ void destroy_elements(PZString::SplitList& list) {
 }
 
 /// The pieces of a text, until all of them are made.
-class Pieces : private PZUncopyable {
+class Pieces {
 public:
+    Pieces() = default;
     ~Pieces() { destroy_elements(list_); }
+
+    Pieces(const Pieces&) = delete;
+    Pieces& operator=(const Pieces&) = delete;
 
     void Add(std::unique_ptr<PZString> piece) {
         list_.AddTail(piece.get());
@@ -414,21 +418,9 @@ PZString& PZString::operator+=(const PZString& o) {
 
 const char* PZString::ToCHAR(EN_CP cp) {
     if (narrow_ != nullptr) {
-        if (codePage_ == cp || narrow_->empty()) return narrow_->c_str();
-        const ST_BUFFER<char> buffer = narrow_buffer(narrow_->size());
-        if (buffer.memory == nullptr) {
-            PZ_REPORT_ERROR("failed to allocate memory\n");
-            return nullptr;
-        }
-        const int result = pz_cp_conv(buffer.memory.get(), buffer.size, cp, narrow_->c_str(),
-                                      size32(*narrow_), codePage_);
-        if (result < 1) {
-            PZ_REPORT_ERROR("faild to convert ret[%d]\n", result);
-            return nullptr;
-        }
-        return Copy(buffer.memory.get(), cp) ? narrow_->c_str() : nullptr;
+        const bool isDone = codePage_ == cp || narrow_->empty() || ConvertNarrow(cp);
+        return isDone ? narrow_->c_str() : nullptr;
     }
-
     if (wide_ == nullptr && units_ == nullptr) return nullptr;
     if (cp == XCP_NONE) {
         PZ_REPORT_ERROR("invalid code page\n");
@@ -438,12 +430,33 @@ const char* PZString::ToCHAR(EN_CP cp) {
         PZ_REPORT_ERROR("not support for now.\n");
         return nullptr;
     }
+    return MakeNarrow(cp) ? narrow_->c_str() : nullptr;
+}
+
+/// Into another code page, for ToCHAR.
+bool PZString::ConvertNarrow(EN_CP cp) {
+    const ST_BUFFER<char> buffer = narrow_buffer(narrow_->size());
+    if (buffer.memory == nullptr) {
+        PZ_REPORT_ERROR_OF("ToCHAR", "failed to allocate memory\n");
+        return false;
+    }
+    const int result = pz_cp_conv(buffer.memory.get(), buffer.size, cp, narrow_->c_str(),
+                                  size32(*narrow_), codePage_);
+    if (result < 1) {
+        PZ_REPORT_ERROR_OF("ToCHAR", "faild to convert ret[%d]\n", result);
+        return false;
+    }
+    return Copy(buffer.memory.get(), cp);
+}
+
+/// From the wide or the 16-bit form, for ToCHAR.
+bool PZString::MakeNarrow(EN_CP cp) {
     const size_t length = wide_ != nullptr ? wide_->size() : units_->size() - 1;
-    if (length == 0) return Copy("", codePage_) ? narrow_->c_str() : nullptr;
+    if (length == 0) return Copy("", codePage_);
     const ST_BUFFER<char> buffer = narrow_buffer(length);
     if (buffer.memory == nullptr) {
-        PZ_REPORT_ERROR("failed to allocate memory\n");
-        return nullptr;
+        PZ_REPORT_ERROR_OF("ToCHAR", "failed to allocate memory\n");
+        return false;
     }
     const int result = wide_ != nullptr
                            ? pz_wctomb(buffer.memory.get(), buffer.size, wide_->c_str(),
@@ -451,10 +464,10 @@ const char* PZString::ToCHAR(EN_CP cp) {
                            : pz_wc16tomb(buffer.memory.get(), buffer.size, XCP_UTF8, units_->data(),
                                          static_cast<int>(length), codePage_);
     if (result < 1) {
-        PZ_REPORT_ERROR("faild to convert\n");
-        return nullptr;
+        PZ_REPORT_ERROR_OF("ToCHAR", "faild to convert\n");
+        return false;
     }
-    return Copy(buffer.memory.get(), cp) ? narrow_->c_str() : nullptr;
+    return Copy(buffer.memory.get(), cp);
 }
 
 const char* PZString::ToTCHAR() {

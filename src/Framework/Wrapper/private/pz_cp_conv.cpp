@@ -9,7 +9,6 @@
 
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
-#include <Framework/PZUncopyable.h>
 #include <Framework/Wrapper/cp_conv_basic_rds.h>
 
 #include "pz_direct_conv.h"
@@ -79,8 +78,8 @@ int end_text(char* dst, int written, int terminator) {
 }
 
 /// The way of every text that has no other one.
-__attribute__((noinline)) int convert_by_iconv(char* dst, EN_XCP to, int dst_size, const char* src,
-                                               EN_XCP from, int src_size) {
+__attribute__((noinline)) int convert_by_iconv(char* dst, int dst_size, EN_XCP to, const char* src,
+                                               int src_size, EN_XCP from) {
     constexpr const char* kReporter = "conv_character_code";
     const int terminator = terminator_size(to);
     ST_ICONV_RESULT done = {};
@@ -119,8 +118,8 @@ __attribute__((noinline)) int convert_by_iconv(char* dst, EN_XCP to, int dst_siz
     return end_text(dst, written, terminator);
 }
 
-int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_XCP from,
-                        int src_size) {
+int conv_character_code(char* dst, int dst_size, EN_XCP to, const char* src, int src_size,
+                        EN_XCP from) {
     if (src == nullptr || dst == nullptr || src_size <= 0 || dst_size <= 0) {
         PZ_REPORT_ERROR("invalied args dst[%p] dst_size[%d] src[%p] src_size[%d]\n",
                         static_cast<void*>(dst), dst_size, static_cast<const void*>(src), src_size);
@@ -130,7 +129,7 @@ int conv_character_code(char* dst, EN_XCP to, int dst_size, const char* src, EN_
     const int terminator = terminator_size(to);
     const int direct = pz_convert_directly(dst, dst_size - terminator, to, src, src_size, from);
     if (direct >= 0) return end_text(dst, direct, terminator);
-    return convert_by_iconv(dst, to, dst_size, src, from, src_size);
+    return convert_by_iconv(dst, dst_size, to, src, src_size, from);
 }
 
 // ICU's names for code pages, searched from the top. XCP_NONE marks a set that is recognised but
@@ -235,11 +234,14 @@ EN_XCP choose(const ST_ICU_DETECTOR& icu, const ST_MATCHES& matches, EN_XCP hint
 }
 
 /// Owns one detector and closes it.
-class DetectorHolder : private PZUncopyable {
+class DetectorHolder {
 public:
     DetectorHolder(const ST_ICU_DETECTOR& icu, UCharsetDetector* detector)
         : icu_(icu), detector_(detector) {}
     ~DetectorHolder() { icu_.close(detector_); }
+
+    DetectorHolder(const DetectorHolder&) = delete;
+    DetectorHolder& operator=(const DetectorHolder&) = delete;
 
 private:
     const ST_ICU_DETECTOR& icu_;
@@ -262,33 +264,32 @@ int pz_cp_conv(char* dst, unsigned int dst_size, EN_XCP to, const char* src, uns
         }
         return cp_conv_basic_rbds_2017_to_utf8(dst, dst_size, src, src_len);
     }
-    return conv_character_code(dst, to, bytes_of(dst_size, 1), src, from,
-                               bytes_of(length_of(src, src_len), 1));
+    return conv_character_code(dst, bytes_of(dst_size, 1), to, src,
+                               bytes_of(length_of(src, src_len), 1), from);
 }
 
 int pz_mbtowc(wchar_t* dst, unsigned int dst_count, const char* src, unsigned int src_len,
               EN_XCP from) {
-    return conv_character_code(reinterpret_cast<char*>(dst), XCP_WCHAR,
-                               bytes_of(dst_count, kWideSize), src, from,
-                               bytes_of(length_of(src, src_len), 1));
+    return conv_character_code(reinterpret_cast<char*>(dst), bytes_of(dst_count, kWideSize),
+                               XCP_WCHAR, src, bytes_of(length_of(src, src_len), 1), from);
 }
 
 int pz_mbtowc16(unsigned short* dst, unsigned int dst_count, EN_XCP to, const char* src,
                 unsigned int src_len, EN_XCP from) {
     if (!is_utf16(to)) return -1;
-    return conv_character_code(reinterpret_cast<char*>(dst), to, bytes_of(dst_count, kUnit16Size),
-                               src, from, bytes_of(length_of(src, src_len), 1));
+    return conv_character_code(reinterpret_cast<char*>(dst), bytes_of(dst_count, kUnit16Size), to,
+                               src, bytes_of(length_of(src, src_len), 1), from);
 }
 
 int pz_wctomb(char* dst, unsigned int dst_size, const wchar_t* src, int src_len, EN_XCP to) {
-    return conv_character_code(dst, to, bytes_of(dst_size, 1), reinterpret_cast<const char*>(src),
-                               XCP_WCHAR, bytes_of(length_of(src, src_len), kWideSize));
+    return conv_character_code(dst, bytes_of(dst_size, 1), to, reinterpret_cast<const char*>(src),
+                               bytes_of(length_of(src, src_len), kWideSize), XCP_WCHAR);
 }
 
 int pz_wc16tomb(char* dst, unsigned int dst_size, EN_XCP to, const unsigned short* src, int src_len,
                 EN_XCP from) {
-    return conv_character_code(dst, to, bytes_of(dst_size, 1), reinterpret_cast<const char*>(src),
-                               from, bytes_of(length_of(src, src_len), kUnit16Size));
+    return conv_character_code(dst, bytes_of(dst_size, 1), to, reinterpret_cast<const char*>(src),
+                               bytes_of(length_of(src, src_len), kUnit16Size), from);
 }
 
 EN_XCP pz_cp_detect(const char* text, unsigned int size, EN_XCP hint, int threshold) {

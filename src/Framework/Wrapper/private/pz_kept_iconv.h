@@ -5,7 +5,6 @@
 
 #include <cstddef>
 
-#include <Framework/PZUncopyable.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 
 /// What one call of iconv did.
@@ -26,12 +25,15 @@ struct ST_KEPT_ICONV;
 ///
 /// While a descriptor is in use it is nobody else's: a thread that is cancelled meanwhile closes
 /// it.
-class PZKeptIconv : private PZUncopyable {
+class PZKeptIconv {
 public:
     /// Takes the calling thread's, or opens one. See IsOpen.
     PZKeptIconv(EN_XCP to, EN_XCP from);
     /// Keeps or closes it; closing may be a cancellation point.
     ~PZKeptIconv() noexcept(false);
+
+    PZKeptIconv(const PZKeptIconv&) = delete;
+    PZKeptIconv& operator=(const PZKeptIconv&) = delete;
 
     /// False, with the error of iconv_open in errno, when there is none.
     bool IsOpen() const { return converter_ != reinterpret_cast<iconv_t>(-1); }

@@ -14,7 +14,6 @@
 #include <cwctype>
 
 #include <Framework/Diagnostics/PZReport.h>
-#include <Framework/PZUncopyable.h>
 #include <Framework/private/pz_child.h>
 #include <Framework/private/pz_descriptor.h>
 
@@ -62,7 +61,7 @@ const char* address_of(const VaList& args) {
 
 /// Holds a child back until its parent has printed what belongs before the program's own output.
 /// Without descriptors for it, or when the parent has died, the child goes on at once.
-class ChildGate : private PZUncopyable {
+class ChildGate {
 public:
     explicit ChildGate(bool isClosed) {
         int fds[2];
@@ -70,6 +69,9 @@ public:
         out_ = PZDescriptor(fds[0]);
         in_ = PZDescriptor(fds[1]);
     }
+
+    ChildGate(const ChildGate&) = delete;
+    ChildGate& operator=(const ChildGate&) = delete;
 
     /// In the child.
     void Await() {
