@@ -1,10 +1,13 @@
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
 #include <set>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -63,6 +66,53 @@ TEST(PZDirectoryTest, IsNoneWithoutADescriptorAndSaysWhatOpenSaid) {
     EXPECT_EQ(nullptr, PZDirectory::Over(open_folder("/no place")));
     EXPECT_EQ(ENOENT, errno);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they take what they need
+
+/// All the memory that malloc still gives in a process that gets no more.
+class AllMemory {
+public:
+    AllMemory() {
+        rlimit limit = {};
+        ::getrlimit(RLIMIT_AS, &limit);
+        limit.rlim_cur = 1;
+        ::setrlimit(RLIMIT_AS, &limit);
+        for (size_t size = 32768; size >= sizeof(Block); size /= 2) {
+            while (auto* const block = static_cast<Block*>(std::malloc(size))) {
+                block->next = first_;
+                first_ = block;
+            }
+        }
+    }
+    ~AllMemory() {
+        while (first_ != nullptr) std::free(std::exchange(first_, first_->next));
+    }
+
+    AllMemory(const AllMemory&) = delete;
+    AllMemory& operator=(const AllMemory&) = delete;
+
+private:
+    struct Block {
+        Block* next;
+    };
+    Block* first_ = nullptr;
+};
+
+TEST(PZDirectoryTest, IsNoneWithoutMemoryAndClosesItsDescriptor) {
+    const pztest::ChildResult result = pztest::run_in_child([] {
+        const int folder = ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        {
+            const AllMemory taken;
+            if (PZDirectory::Over(PZDescriptor(folder)) != nullptr) return 1;
+            if (errno != ENOMEM) return 2;
+        }
+        if (::fcntl(folder, F_GETFD) != -1) return 3;
+        return PZDirectory::Over(open_folder("/")) != nullptr ? 42 : 4;
+    });
+    EXPECT_EQ(42, result.status) << result.output;
+}
+
+#endif
 
 TEST(PZDirectoryTest, StaysAwayFromTheStandardDescriptorsAndClosesItsOwn) {
     const pztest::ChildResult result = pztest::run_in_child([] {

@@ -461,7 +461,7 @@ void PZFileSys::find_next_sub(const dirent64* entry, std::string_view name,
     }
     if (getSize_) {
         const EntryPath path = PathOf(name);
-        struct stat status = {};
+        struct stat status;  // filled by a success
         if (::stat(path.text, &status) == 0) {
             data.size = static_cast<std::uint64_t>(status.st_size);
         } else {
