@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -27,6 +28,7 @@
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
 
 namespace {
 
@@ -634,6 +636,23 @@ TEST_F(PZThreadTest, WaitExitLeavesTheNextThreadOfTheApplicationRegistered) {
     plainGate.Open();
     next_plain_thread.join();
     EXPECT_TRUE(PZThreadMng::GetInstance()->unregisterThreadInfo(next_plain_handle));
+}
+
+std::atomic<int> ended_tid{0};
+
+bool has_ended() {
+    return ended_tid != 0 && tgkill(getpid(), ended_tid, 0) == -1;
+}
+
+TEST_F(PZThreadTest, KeepsItsRecordWhenItIsRegisteredOnceMoreAfterItsEnd) {
+    ended_tid = 0;
+    owner.onFinalize = [this] { ended_tid = owner.tid; };
+    ASSERT_TRUE(thread.Start("tested"));
+    ASSERT_TRUE(pztest::wait_until(&has_ended));
+    EXPECT_TRUE(PZThreadMng::GetInstance()->registerThreadInfo(owner.handle, "afresh", 251, 0));
+    EXPECT_EQ("tested", label_of(owner.handle));
+    EXPECT_EQ(0, thread.WaitExit());
+    EXPECT_EQ("(unknown)", label_of(owner.handle));
 }
 
 TEST_F(PZThreadTest, WaitExitUnregistersAThreadThatWasRegisteredAfresh) {

@@ -48,8 +48,10 @@ public:
 
     /// Registers a running thread. A null name leaves the label empty; 256 characters or more are
     /// cut to 255. A handle that is registered already keeps its record, unless that is known to be
-    /// the one of an ended thread whose handle the calling thread has got. False, and reported,
-    /// when there is no memory for the record.
+    /// the one of an ended thread whose handle the calling thread has got. Let each thread register
+    /// itself: when a third one does it while a WaitExit ends, the handle may be that of the thread
+    /// which was joined, and the record goes with it. False, and reported, when there is no memory
+    /// for the record.
     /// @{
     bool registerThreadInfo(unsigned long handle, const char* name, int priority,
                             unsigned int watchTime);
