@@ -10,11 +10,13 @@ text { font: 13px sans-serif; fill: #1f2328 } .note { font-size: 12px; fill: #59
 .file { fill: #eff2f5; stroke: #818b98 } .current { fill: #ddf4ff; stroke: #0969da }
 .warm { fill: #fff1e5; stroke: #bc4c00 } .group { fill: none; stroke: #818b98; stroke-dasharray: 5 4 }
 .line { fill: none; stroke: #59636e } .faint { stroke: #d1d9e0 } .tip { fill: #59636e }
+.line.up { stroke: #9a6700 } .tip.up, .note.up { fill: #9a6700 }
 @media (prefers-color-scheme: dark) {
 text { fill: #e6edf3 } .note { fill: #b7bfc8 } .back { fill: #0d1117; stroke: #3d444d }
 .file { fill: #212830; stroke: #656c76 } .current { fill: #0c2d6b; stroke: #4493f8 }
 .warm { fill: #4d2408; stroke: #db6d28 } .group { stroke: #656c76 }
 .line { stroke: #9198a1 } .faint { stroke: #3d444d } .tip { fill: #9198a1 }
+.line.up { stroke: #d29922 } .tip.up, .note.up { fill: #d29922 }
 }
 </style>"""
 
