@@ -154,6 +154,14 @@ TEST_F(PZCRCTest, DividesBlocksOfEveryLengthAtEveryAlignment) {
     }
 }
 
+#if defined(PZ_CRC32_BY_CARRYLESS_MULTIPLICATION)
+TEST_F(PZCRCTest, KnowsWhatTheProcessorMultipliesWith) {
+    EXPECT_EQ(__builtin_cpu_supports("pclmul") != 0, pz_crc32::multipliers.hasNarrow);
+    EXPECT_EQ(__builtin_cpu_supports("vpclmulqdq") != 0 && __builtin_cpu_supports("avx2") != 0,
+              pz_crc32::multipliers.hasWide);
+}
+#endif
+
 TEST_F(PZCRCTest, GivesTheSameByEveryWayThatThisProcessorHas) {
     using Way = uint32_t (*)(uint32_t, const unsigned char*, size_t);
     struct ST_WAY {
@@ -163,10 +171,10 @@ TEST_F(PZCRCTest, GivesTheSameByEveryWayThatThisProcessorHas) {
     };
     std::vector<ST_WAY> ways = {{"tables", &pz_crc32::feed_by_tables, 0}};
 #if defined(PZ_CRC32_BY_CARRYLESS_MULTIPLICATION)
-    if (__builtin_cpu_supports("pclmul")) {
+    if (pz_crc32::multipliers.hasNarrow) {
         ways.push_back({"multiplication", &pz_crc32::feed_by_multiplication, 16});
     }
-    if (__builtin_cpu_supports("vpclmulqdq")) {
+    if (pz_crc32::multipliers.hasWide) {
         ways.push_back({"wide multiplication", &pz_crc32::feed_by_wide_multiplication, 128});
     }
 #elif defined(PZ_CRC32_BY_INSTRUCTION)

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
 #include <immintrin.h>
 #define PZ_CRC32_BY_CARRYLESS_MULTIPLICATION
 #elif defined(__arm__)
@@ -218,6 +219,35 @@ PZ_CRC32_TARGET inline uint32_t feed_by_wide_multiplication(uint32_t reg, const 
 
 #undef PZ_CRC32_TARGET
 
+/// What the processor multiplies with.
+struct ST_MULTIPLIERS {
+    bool hasNarrow;
+    bool hasWide;
+};
+
+/// Asked by hand: __builtin_cpu_supports brings a list of all processors, a hundredth of the
+/// library's size.
+__attribute__((target("xsave"))) inline ST_MULTIPLIERS find_multipliers() noexcept {
+    constexpr unsigned int kPclmul = 1U << 1U;       // leaf 1, ecx
+    constexpr unsigned int kOsxsave = 1U << 27U;     // leaf 1, ecx
+    constexpr unsigned int kAvx2 = 1U << 5U;         // leaf 7, ebx
+    constexpr unsigned int kWidePclmul = 1U << 10U;  // leaf 7, ecx
+    constexpr unsigned int kWideState = 6;           // the system keeps the wide registers
+    unsigned int eax = 0;
+    unsigned int ebx = 0;
+    unsigned int ecx = 0;
+    unsigned int edx = 0;
+    if (__get_cpuid(1, &eax, &ebx, &ecx, &edx) == 0) return {false, false};
+    const bool hasNarrow = (ecx & kPclmul) != 0;
+    const bool hasState = (ecx & kOsxsave) != 0 && (_xgetbv(0) & kWideState) == kWideState;
+    const bool hasWide = hasState && __get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) != 0 &&
+                         (ebx & kAvx2) != 0 && (ecx & kWidePclmul) != 0;
+    return {hasNarrow, hasNarrow && hasWide};
+}
+
+/// What runs before this is set takes the tables.
+inline const ST_MULTIPLIERS multipliers = find_multipliers();
+
 #endif  // PZ_CRC32_BY_CARRYLESS_MULTIPLICATION
 
 #ifdef PZ_CRC32_BY_INSTRUCTION
@@ -247,10 +277,10 @@ PZ_CRC32_TARGET inline uint32_t feed_by_instruction(uint32_t reg, const unsigned
 /// The register after `length` bytes.
 inline uint32_t feed(uint32_t reg, const unsigned char* data, size_t length) {
 #if defined(PZ_CRC32_BY_CARRYLESS_MULTIPLICATION)
-    if (length >= 256 && __builtin_cpu_supports("vpclmulqdq") != 0) {
+    if (length >= 256 && multipliers.hasWide) {
         return feed_by_wide_multiplication(reg, data, length);
     }
-    if (length >= 16 && __builtin_cpu_supports("pclmul") != 0) {
+    if (length >= 16 && multipliers.hasNarrow) {
         return feed_by_multiplication(reg, data, length);
     }
 #elif defined(PZ_CRC32_BY_INSTRUCTION)
