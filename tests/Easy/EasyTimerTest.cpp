@@ -1,3 +1,5 @@
+#include <semaphore.h>
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -13,6 +15,7 @@
 #include <Framework/Easy/Worker.h>
 
 #include "support/Gate.h"
+#include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
@@ -22,6 +25,24 @@ using Steady = std::chrono::steady_clock;
 using pztest::Gate;
 using pztest::StdoutCapture;
 using pztest::wait_until;
+
+namespace {
+
+pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
+thread_local bool is_held_up = false;
+
+/// Gives others the time to go on with what the calling thread has just let go.
+int post_and_pause(sem_t* sem) {
+    const int result = sem_post_call.Real(sem);
+    if (is_held_up) std::this_thread::sleep_for(50ms);
+    return result;
+}
+
+}  // namespace
+
+extern "C" int sem_post(sem_t* sem) noexcept {
+    return sem_post_call(sem);
+}
 
 class EasyTimerTest : public testing::Test {
 protected:
@@ -274,6 +295,20 @@ TEST_F(EasyTimerTest, ManyTimersStartAndStopFromManyThreads) {
     }
     for (std::thread& thread : threads) thread.join();
     EXPECT_TRUE(worker.stop(60s));
+}
+
+TEST_F(EasyTimerTest, AShortTimerMayBeOverBeforeTheCallThatStartsItReturns) {
+    std::atomic<int> runs{0};
+    StdoutCapture capture;
+    sem_post_call.Replace(post_and_pause);
+    is_held_up = true;
+    pz::Timer timer = worker.after(0ms, [&] { ++runs; });
+    is_held_up = false;
+    sem_post_call.Reset();
+    EXPECT_TRUE(worker.call([] {}));
+    EXPECT_EQ(1, runs);
+    EXPECT_TRUE(timer.stop());
+    EXPECT_EQ("", capture.Take());
 }
 
 TEST_F(EasyTimerTest, ALackOfMemoryIsAnsweredWithNoTimer) {

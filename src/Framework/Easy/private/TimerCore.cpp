@@ -32,7 +32,10 @@ TimerCore::TimerCore(std::shared_ptr<WorkerCore> worker, std::unique_ptr<TimerFu
 
 bool TimerCore::Attach() {
     if (!Add()) return false;
-    if (IsActive()) return true;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!isDetached_) return true;  // its only run may have been posted already
+    }
     Detach();  // the worker has been stopped meanwhile, and could not find it yet
     return false;
 }
@@ -57,6 +60,7 @@ void TimerCore::Detach() noexcept {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         isOver_ = true;
+        isDetached_ = true;
     }
     if (ClockCore* const clock = worker_->ManualClock(); clock != nullptr) {
         clock->Remove(*this);

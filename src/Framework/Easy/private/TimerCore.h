@@ -57,7 +57,8 @@ private:
     std::condition_variable done_;  // with isRunning_
     bool isStopped_ = false;        // guarded by mutex_, as what follows
     bool isOver_ = false;           // the only run has been posted, or there is no worker any more
-    bool isPosted_ = false;         // and not run yet
+    bool isDetached_ = false;
+    bool isPosted_ = false;  // and not run yet
     bool isRunning_ = false;
 };
 
