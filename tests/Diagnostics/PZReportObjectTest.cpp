@@ -1,5 +1,7 @@
 #include <pthread.h>
+#include <sys/ipc.h>
 #include <sys/resource.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -7,7 +9,9 @@
 #include <cerrno>
 #include <climits>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,10 +23,12 @@
 #include <Framework/Foundation/PZIDispatcher.h>
 #include <Framework/Foundation/PZLMsgBox.h>
 #include <Framework/Foundation/PZStorage.h>
+#include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZThread.h>
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Foundation/PZWorker.h>
+#include <Framework/SharedMemory/PZSharedSyncObject.h>
 
 #include "support/Gate.h"
 #include "support/StdoutCapture.h"
@@ -205,6 +211,59 @@ TEST_F(PZReportObjectTest, TellsTheGuardedFile) {
               ObjectsOf("error").substr(0, ObjectsOf("error").find(' ')));
 }
 
+TEST_F(PZReportObjectTest, TellsTheGuardedFileOfEveryFailureOfItsMutex) {
+    const std::string path = dir.Path() + "/settings||";
+    PZFileGuard guard(dir.Path(), "settings");
+    EXPECT_FALSE(guard.lock());
+    EXPECT_EQ(path, ObjectsOf("error not initialized"));
+    ASSERT_TRUE(guard.initForSystem());
+    EXPECT_FALSE(guard.initForSystem());
+    EXPECT_FALSE(guard.setFileName("other"));
+    EXPECT_FALSE(guard.setFilePath(dir.Path(), "other"));
+    ASSERT_TRUE(guard.lock());
+    std::thread([&guard] { EXPECT_FALSE(guard.tryLock()); }).join();
+    EXPECT_TRUE(guard.unlock());
+    EXPECT_EQ(path + " " + path + " " + path + " " + path + " " + path, ObjectsOf("error"));
+    const int id = shmget(ftok((dir.Path() + "/settings_mutex").c_str(), 1), 0, 0);
+    auto* const mutex = static_cast<pthread_mutex_t*>(shmat(id, nullptr, 0));
+    const pthread_mutex_t sound = *mutex;
+    mutex->__data.__kind = 0x7F;
+    EXPECT_FALSE(guard.lock());
+    EXPECT_FALSE(guard.tryLock());
+    EXPECT_FALSE(guard.unlock());
+    *mutex = sound;
+    shmdt(mutex);
+    for (const char* const operation : {"lock", "tryLock", "unlock"}) {
+        EXPECT_EQ(path, ObjectsOf(std::string("PZFileGuard::") + operation + "() "));
+    }
+    EXPECT_TRUE(guard.destroyMutex());
+}
+
+TEST_F(PZReportObjectTest, TellsTheNameOfALockOrItsAddress) {
+    PZSync refused("no/such", PZSync::en_TYPE_NAMED);
+    EXPECT_EQ(2U, refused.Lock(0));
+    refused.Unlock();
+    EXPECT_EQ("no/such||", ObjectsOf("create error : errno[2"));
+    EXPECT_EQ("no/such|| no/such||", ObjectsOf("handle is not created"));
+    const std::string longest(32, 'x');  // has no terminator where it is kept
+    const PZSync unknown((longest + "y").c_str(), static_cast<PZSync::EN_TYPE>(7));
+    EXPECT_EQ(longest + "||", ObjectsOf("invalid arg"));
+    seen.clear();
+    PZSync nameless(nullptr, PZSync::en_TYPE_UNNAMED);
+    EXPECT_EQ(2U, nameless.Lock(0));
+    nameless.Unlock();
+    std::ostringstream address;
+    address << &nameless << "||";
+    EXPECT_EQ(address.str(), ObjectsOf("invalid arg : name is null"));
+    EXPECT_EQ(address.str() + " " + address.str(), ObjectsOf("handle is not created"));
+}
+
+TEST_F(PZReportObjectTest, TellsTheSharedLockThatIsNotFreeInTime) {
+    const PZSharedSyncObject refused("no/such");
+    refused.lock();
+    EXPECT_EQ("no/such||", ObjectsOf("PZSync.Lock() error [2]"));
+}
+
 TEST_F(PZReportObjectTest, TellsTheQueue) {
     const pztest::QueueName name;
     PZMsgQ::PZMessageQueue<0> queue;
@@ -214,7 +273,30 @@ TEST_F(PZReportObjectTest, TellsTheQueue) {
     EXPECT_EQ(name.Text() + "||", ObjectsOf("size over(2000)"));
     EXPECT_EQ(-3, queue.send(text, 1, 0));
     EXPECT_EQ(name.Text() + "||", ObjectsOf("invalid priority(0)"));
+    EXPECT_EQ(-3, queue.send(nullptr, 1, 1));
+    EXPECT_EQ(name.Text() + "||", ObjectsOf("invalid args"));
     queue.close();
+    EXPECT_EQ(-1, queue.send(text, 1, 1));
+    EXPECT_EQ(name.Text() + "||", ObjectsOf("not opened"));
+    const std::string tooLong(40, 'q');
+    EXPECT_FALSE(queue.open({tooLong.c_str()}));
+    EXPECT_EQ(tooLong + "||", ObjectsOf("name is too long."));
+    EXPECT_EQ(tooLong + "||", ObjectsOf("#########\n#########\nASSERT Failed!"));
+    PZMsgQ::PZMessageQueue<1> receiver;
+    EXPECT_FALSE(receiver.open({name.Get(), nullptr}));
+    EXPECT_EQ(name.Text() + "|| " + name.Text() + "||", ObjectsOf("invalid args"));
+}
+
+TEST_F(PZReportObjectTest, TellsTheWorkerThatCannotStart) {
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none = {0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    PZWorker refused(1, 1000, 8);
+    const int answer = refused.Start("tuner");
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(-1, answer);
+    EXPECT_NE(std::string::npos, ObjectsOf(kLastError).find("||tuner"));
 }
 
 TEST_F(PZReportObjectTest, TellsTheObjectOfAReportOfTheProgramsOwn) {

@@ -144,9 +144,9 @@ private:
     bool unlockWithCare();
 
     /// Reports what an operation got from the mutex, and answers false.
-    static bool reportLock(int error);
-    static bool reportTryLock(int error);
-    static bool reportUnlock(int error);
+    bool reportLock(int error);
+    bool reportTryLock(int error);
+    bool reportUnlock(int error);
 
     PZ_LOCAL void rememberMaker();
     PZ_LOCAL bool isMaker() const;

@@ -64,7 +64,8 @@ public:
         int line;                  ///< -1 in a plain message
         int error;                 ///< errno of DbgPrintStdErr, else 0
         const char* message;       ///< without the line feed at its end
-        const char* objectPath;    ///< the file or folder that is meant, or ""
+        const char* objectPath;    ///< the file, folder, queue or lock that is meant, or ""; a
+                                   ///< lock without a name by its address, "0x55d0c2a0"
         const char* objectThread;  ///< the thread that is meant, or ""
         const char* objectWorker;  ///< the worker that is meant, else the one that reports, or ""
     };

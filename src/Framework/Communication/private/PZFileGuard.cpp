@@ -23,6 +23,8 @@
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/private/pz_descriptor.h>
 
+#include "../../Diagnostics/private/PZNamedPath.h"
+
 #if __SIZEOF_POINTER__ == 4
 static_assert(sizeof(pthread_mutex_t) == 24, "format shared between processes");
 static_assert(sizeof(PZFileGuard) == 4 + 2 * sizeof(std::string) + 24, "record layout");
@@ -133,19 +135,6 @@ bool detach(int& id, T*& content) {
     return true;
 }
 
-/// Names the guarded file in the records of reports, without memory of the heap.
-class NamedFile {
-public:
-    NamedFile(const std::string& folder, const std::string& file)
-        : object_(PZReportObject::en_PATH, path_) {
-        std::snprintf(path_, sizeof path_, "%s%s", folder.c_str(), file.c_str());
-    }
-
-private:
-    char path_[512];
-    const PZReportObject object_;
-};
-
 }  // namespace
 
 PZFileGuard::PZFileGuard() : PZFileGuard(std::string()) {}
@@ -173,6 +162,7 @@ PZFileGuard::~PZFileGuard() noexcept(false) {
 }
 
 bool PZFileGuard::setFileName(const std::string& name) {
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     if (mode_ != en_MODE_NONE || name.empty()) {
         PZ_REPORT_ERROR("error\n");
         return false;
@@ -187,6 +177,7 @@ bool PZFileGuard::setFileName(const std::string& name) {
 }
 
 bool PZFileGuard::setFilePath(const std::string& dirPath, const std::string& fileName) {
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     if (mode_ != en_MODE_NONE || fileName.empty()) {
         PZ_REPORT_ERROR("error\n");
         return false;
@@ -207,11 +198,11 @@ bool PZFileGuard::setFilePath(const std::string& dirPath, const std::string& fil
 }
 
 bool PZFileGuard::initForSystem() {
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     if (mode_ != en_MODE_NONE || fileName_.empty()) {
         PZ_REPORT_ERROR("error\n");
         return false;
     }
-    const NamedFile named(dirPath_, fileName_);
     mode_ = en_MODE_SYSTEM;
     rememberMaker();
     makeDir(dirPath_);  // a directory that is missing still shows when the key files are made
@@ -228,7 +219,7 @@ bool PZFileGuard::initForSystem() {
 }
 
 bool PZFileGuard::initForApp() {
-    const NamedFile named(dirPath_, fileName_);
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     if (mode_ != en_MODE_NONE) {
         PZ_REPORT_ERROR("error already init [%d]\n", mode_);
         return false;
@@ -252,6 +243,7 @@ bool PZFileGuard::canLock() {
 }
 
 bool PZFileGuard::getReadyToLock() {
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     if (canLock()) return mutex_ != nullptr;
     PZ_REPORT_ERROR_OF("lock", "error not initialized\n");
     return false;
@@ -277,12 +269,14 @@ bool PZFileGuard::unlockWithCare() {
 }
 
 bool PZFileGuard::reportLock(int error) {
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     PZ_REPORT_ERROR_OF("lock", "PZFileGuard::lock() pthread_mutex_lock() Failed [%s]",
                        std::strerror(error));
     return false;
 }
 
 bool PZFileGuard::reportTryLock(int error) {
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     if (error == EBUSY) {
         PZ_REPORT_ERROR_OF("tryLock", "error\n");
     } else {
@@ -293,6 +287,7 @@ bool PZFileGuard::reportTryLock(int error) {
 }
 
 bool PZFileGuard::reportUnlock(int error) {
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     PZ_REPORT_ERROR_OF("unlock", "PZFileGuard::unlock() pthread_mutex_unlock() Failed [%s]",
                        std::strerror(error));
     return false;
@@ -309,7 +304,7 @@ bool PZFileGuard::isMaker() const {
 }
 
 bool PZFileGuard::destroyMutex() {
-    const NamedFile named(dirPath_, fileName_);
+    const PZNamedPath named(dirPath_.c_str(), fileName_.c_str());
     if (initialized_ && mode_ == en_MODE_SYSTEM) return destroyMutexForSystem();
     if (initialized_ && mode_ == en_MODE_APP) return destroyMutexForApp();
     PZ_REPORT_ERROR("error not initialized[%d]\n", mode_);

@@ -92,6 +92,7 @@ bool PZMessageQueue<2>::open(const OpenParam& p, unsigned int sides) {
         PZ_REPORT_ASSERTION();
         return false;
     }
+    const PZReportObject named(PZReportObject::en_PATH, p.name);
     if (strnlen(p.name, kMaxNameLength + 1) > kMaxNameLength) {
         PZ_REPORT_ERROR("name is too long.\n");
         PZ_REPORT_ASSERTION();
@@ -138,11 +139,11 @@ int PZMessageQueue<2>::send(MSG_TYPE type, const void* data, unsigned int size,
         return answer(kInvalid);
     }
     if (!isOpened()) {
-        PZ_REPORT_ERROR("not opened\n");
+        PZ_REPORT_ERROR_ON(PATH, name_, "not opened\n");
         return answer(kError);
     }
     if (data == nullptr && size != 0) {
-        PZ_REPORT_ERROR("invalid args\n");
+        PZ_REPORT_ERROR_ON(PATH, name_, "invalid args\n");
         return answer(kInvalid);
     }
     unsigned char message[1 + kMaxPayload + kTrailer];
@@ -175,11 +176,11 @@ int PZMessageQueue<2>::reportRefusal(int error) const {
 
 int PZMessageQueue<2>::receive(MSG_TYPE& type, void* data, unsigned int size) {
     if (size == 0 || data == nullptr) {
-        PZ_REPORT_ERROR("invalid args\n");
+        PZ_REPORT_ERROR_ON(PATH, name_, "invalid args\n");
         return kError;
     }
     if (!isOpened()) {
-        PZ_REPORT_ERROR("not opened\n");
+        PZ_REPORT_ERROR_ON(PATH, name_, "not opened\n");
         return kError;
     }
     unsigned int priority = 0;
@@ -247,7 +248,7 @@ PZMessageQueue<1>::~PZMessageQueue() {
 
 bool PZMessageQueue<1>::open(const OpenParam& p) {
     if (p.name == nullptr || p.observer == nullptr) {
-        PZ_REPORT_ERROR("invalid args\n");
+        PZ_REPORT_ERROR_ON(PATH, p.name, "invalid args\n");
         return false;
     }
     // The thread may be waiting in the queue that is open.

@@ -283,7 +283,10 @@ bool PZClock::SetUtc(ST_CLOCK* clock) {
     }
     const auto time = broken_down<rtc_time>(*clock);
     const bool written = ::ioctl(device.Get(), RTC_SET_TIME, &time) >= 0;
-    if (!written) PZ_REPORT_ERROR("ioctl(RTC_SET_TIME) Error [%s]\n", pz_get_last_err_string());
+    if (!written) {
+        PZ_REPORT_ERROR_ON(PATH, kClockDevice, "ioctl(RTC_SET_TIME) Error [%s]\n",
+                           pz_get_last_err_string());
+    }
     return written;
 }
 
@@ -313,6 +316,7 @@ bool PZClock::SetLocal(ST_CLOCK* clock) {
         exit_because_of_waitpid();
     }
     if (WIFSIGNALED(status)) {
+        const PZReportObject named(PZReportObject::en_PATH, kDateProgram);
         PZ_REPORT_ERROR("failed to set time [%04d/%02d/%02d %02d:%02d:%02d]\n", clock->year,
                         static_cast<int>(clock->month), static_cast<int>(clock->day),
                         static_cast<int>(clock->hour), static_cast<int>(clock->minute),

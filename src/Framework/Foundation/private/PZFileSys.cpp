@@ -540,7 +540,7 @@ bool PZFileSys::Copy(const char* src, const char* dst, bool failIfExists, bool c
                      bool& refused, Links links) {
     refused = false;
     if (is_empty(src) || is_empty(dst)) {
-        PZ_REPORT_ERROR("invalid args\n");
+        PZ_REPORT_ERROR_ON(PATH, is_empty(src) ? dst : src, "invalid args\n");
         return false;
     }
     if (failIfExists && IsExist(dst)) {

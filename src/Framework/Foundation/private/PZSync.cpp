@@ -14,6 +14,7 @@
 #include <Framework/private/pz_probes.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
+#include "../../Diagnostics/private/PZNamedPath.h"
 #include "pz_deadline.h"
 #include "pz_tsan.h"
 
@@ -70,7 +71,8 @@ int wait_for(sem_t* semaphore, unsigned int timeout) {
     return result == 0 ? 0 : errno;
 }
 
-void report_not_created(const char* operation, int line) {
+void report_not_created(const PZSync* lock, const char* operation, int line) {
+    const PZNamedPath named(lock);
     PZDbgOutput::DbgPrint(__FILE__, operation, line, PZDbgOutput::en_TAG_ERROR,
                           "handle is not created\n");
     PZCallStack::dumpDirectly(kCallStackDepth);
@@ -95,36 +97,37 @@ PZSync::PZSync() : PZSync("", en_TYPE_UNNAMED) {
 PZSync::PZSync(const char* name, EN_TYPE type)
     : handle_(nullptr), type_(type), name_(), owner_(0), nest_(0) {
     if (name == nullptr) {
+        const PZNamedPath named(this);
         PZ_REPORT_ERROR("invalid arg : name is null\n");
         return;
     }
     std::memcpy(name_, name, strnlen(name, sizeof name_));
-
     switch (type) {
         case en_TYPE_NAMED:
             handle_ = open_semaphore(name);
-            if (handle_ == nullptr) {
-                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", pz_get_last_err(),
-                                pz_get_last_err_string());
-            }
             break;
         case en_TYPE_UNNAMED:
             handle_ = static_cast<sem_t*>(std::malloc(sizeof(sem_t)));
-            if (handle_ == nullptr) {
-                PZ_REPORT_ERROR("create error : errno[%d : %s]\n", pz_get_last_err(),
-                                pz_get_last_err_string());
-            } else if (sem_init(handle_, 0, kFree) != 0) {
-                PZ_REPORT_ERROR("sem_init : errno[%d : %s]\n", pz_get_last_err(),
-                                pz_get_last_err_string());
-                std::free(handle_);
-                handle_ = nullptr;
-            }
             break;
         default:
+            const PZNamedPath named(this);
             PZ_REPORT_ERROR("invalid arg\n");
-            break;
+            return;
     }
-    if (handle_ != nullptr) pz_tsan_created(handle_);
+    if (handle_ == nullptr) {
+        const PZNamedPath named(this);
+        PZ_REPORT_ERROR("create error : errno[%d : %s]\n", pz_get_last_err(),
+                        pz_get_last_err_string());
+        return;
+    }
+    if (type == en_TYPE_UNNAMED && sem_init(handle_, 0, kFree) != 0) {
+        const PZNamedPath named(this);
+        PZ_REPORT_ERROR("sem_init : errno[%d : %s]\n", pz_get_last_err(), pz_get_last_err_string());
+        std::free(handle_);
+        handle_ = nullptr;
+        return;
+    }
+    pz_tsan_created(handle_);
 }
 
 PZSync::~PZSync() {
@@ -140,7 +143,7 @@ PZSync::~PZSync() {
 
 unsigned int PZSync::Wait(unsigned int timeout, int error) {
     if (handle_ == nullptr) {
-        report_not_created("Lock", __LINE__);
+        report_not_created(this, "Lock", __LINE__);
         return kError;
     }
     if (error == EINTR) {
@@ -161,13 +164,14 @@ unsigned int PZSync::Wait(unsigned int timeout, int error) {
         return kAcquired;
     }
     if (error == ETIMEDOUT && timeout != kNoTimeLimit) return kTimedOut;
+    const PZNamedPath named(this);
     PZ_REPORT_ERROR_OF("Lock", "create error : errno[%d : %s]\n", error, std::strerror(error));
     return kError;
 }
 
 bool PZSync::MayPost() {
     if (handle_ == nullptr) {
-        report_not_created("Unlock", __LINE__);
+        report_not_created(this, "Unlock", __LINE__);
         return false;
     }
     pz_tsan_unlocking(handle_);

@@ -24,6 +24,7 @@ PZWorker::PZWorker(int /*id*/, unsigned int watchTime, unsigned int workerNo)
 PZWorker::~PZWorker() = default;
 
 int PZWorker::Start(const char* name) {
+    const PZReportObject named(PZReportObject::en_WORKER, name);
     // A loop that nobody could wake or end is not begun.
     if (!msgBox_->MakeEvents() || !MakeThreadObject()) return -1;
     if (!thread_->Start(name)) return -1;

@@ -129,7 +129,7 @@ int PZLTimerSubMng::addTimer(PZLTimerBase* t, unsigned int ms) {
         const PZSyncLock lock(sync_);
         return !refuses_ && insertLocked(t, ms) ? 1 : 0;
     } catch (const std::bad_alloc&) {
-        PZ_REPORT_ERROR("failed to allocate memory\n");
+        PZ_REPORT_ERROR_ON(THREAD, thread_.getName(), "failed to allocate memory\n");
         return 0;
     }
 }

@@ -213,6 +213,7 @@ bool pz_create_process(const char* program, pid_t* pidOut, const char* arg, ...)
     }
     *pidOut = pid;
     if (isTooLong) {
+        const PZReportObject named(PZReportObject::en_PATH, program);
         PZ_REPORT_ERROR("program file name is too long! [%s]\n", program);
         PZ_REPORT_ASSERTION();
     }
