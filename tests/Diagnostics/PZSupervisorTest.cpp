@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -25,6 +26,7 @@
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/Foundation/pz_framework.h>
+#include <Framework/Pattern/PZSubject.h>
 #include <Framework/Utility/PZLTimerMng.h>
 
 #include "support/CallbackTimer.h"
@@ -170,6 +172,33 @@ private:
     Gate gate_;
     std::atomic<const void*> caller_{nullptr};
     TestWorker worker_;  // ends first
+};
+
+/// An observer that waits at a gate.
+struct HangingObserver : PZObserver_ {
+    [[gnu::noinline]] unsigned int OnNotify(unsigned int, void*, unsigned int) override {
+        caller = CALLER;
+        gate.Pass();
+        return 0;
+    }
+    Gate gate;
+    std::atomic<const void*> caller{nullptr};
+};
+
+/// The owner of a thread that is no worker.
+class Notifier {
+public:
+    explicit Notifier(std::function<void()> main) : main_(std::move(main)) {}
+    int Initialize() { return 0; }
+    void MainProc() {
+        tid = gettid();
+        main_();
+    }
+    void Finalize() {}
+    std::atomic<int> tid{0};
+
+private:
+    const std::function<void()> main_;
 };
 
 class PZSupervisorTest : public testing::Test {
@@ -372,6 +401,131 @@ TEST_F(PZSupervisorTest, TellsOfAnObserverOfAReceivedMessageThatHangs) {
     EXPECT_NE(nullptr, told[0].object);
     EXPECT_TRUE(told[1].isOver);
     EXPECT_EQ(told[0].object, told[1].object);
+}
+
+TEST_F(PZSupervisorTest, TellsOfAnObserverThatAThreadOfTheProgramNotifiesAndThatHangs) {
+    ASSERT_TRUE(Start(signal_that_is_free()));
+    HangingObserver observer;
+    PZSubject subject;
+    subject.AddObserver(&observer);
+    Notifier notifier([&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
+    PZThread<Notifier> thread(&notifier, kShortMs);
+    ASSERT_TRUE(thread.Start("notifying"));
+    ASSERT_TRUE(record.WaitForCount(1));
+    WaitForLooks();
+    EXPECT_EQ(1U, ToldOf("notifying").size());
+    observer.gate.Open();
+    ASSERT_TRUE(wait_until([this] { return ToldOf("notifying").size() == 2; }));
+    thread.WaitExit();
+    WaitForLooks();
+    subject.RemoveObserver(&observer);
+
+    const std::vector<Told> told = ToldOf("notifying");
+    ASSERT_EQ(2U, told.size());
+    EXPECT_EQ(PZSupervisor::en_OBSERVER, told[0].kind);
+    EXPECT_EQ(&subject, told[0].object);
+    EXPECT_EQ(notifier.tid, told[0].tid);
+    EXPECT_EQ(-1, told[0].worker);
+    EXPECT_EQ(nullptr, told[0].dispatcher);
+    EXPECT_EQ(kShortMs, told[0].watchTimeMs);
+    EXPECT_GT(told[0].durationMs, kShortMs);
+    EXPECT_TRUE(told[0].Has(observer.caller));
+    EXPECT_FALSE(told[0].isOver);
+    EXPECT_EQ(PZSupervisor::en_OBSERVER, told[1].kind);
+    EXPECT_EQ(&subject, told[1].object);
+    EXPECT_TRUE(told[1].isOver);
+    EXPECT_GE(told[1].durationMs, told[0].durationMs);
+}
+
+TEST_F(PZSupervisorTest, TellsOfAnObserverThatNotifiesWithoutEndItself) {
+    ASSERT_TRUE(Start());
+    PZSubject subject;
+    std::atomic<bool> isEnough{false};
+    struct Nesting : PZObserver_ {
+        Nesting(PZSubject& s, std::atomic<bool>& e) : subject(s), isEnough(e) {}
+        unsigned int OnNotify(unsigned int id, void*, unsigned int) override {
+            while (id == 1 && !isEnough) subject.NotifyObserver(2, nullptr, 0, en_NTF_ALL);
+            return 0;
+        }
+        PZSubject& subject;
+        std::atomic<bool>& isEnough;
+    } observer(subject, isEnough);
+    subject.AddObserver(&observer);
+    Notifier notifier([&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
+    PZThread<Notifier> thread(&notifier, kShortMs);
+    ASSERT_TRUE(thread.Start("nesting"));
+    ASSERT_TRUE(record.WaitForCount(1));
+    isEnough = true;
+    ASSERT_TRUE(record.WaitForCount(2));
+    thread.WaitExit();
+    subject.RemoveObserver(&observer);
+    EXPECT_EQ("nesting", record.All()[0].name);
+    EXPECT_EQ(&subject, record.All()[0].object);
+}
+
+TEST_F(PZSupervisorTest, DoesNotTellOfAThreadThatNotifiesAllTheTime) {
+    constexpr unsigned int kWatchMs = 1000;  // enough for more than one notification
+    ASSERT_TRUE(Start());
+    PZSubject subject;
+    struct Quick : PZObserver_ {
+        unsigned int OnNotify(unsigned int, void*, unsigned int) override { return 0; }
+    } observer;
+    subject.AddObserver(&observer);
+    std::atomic<bool> isEnough{false};
+    Notifier notifier([&] {
+        while (!isEnough) subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL);
+    });
+    PZThread<Notifier> thread(&notifier, kWatchMs);
+    ASSERT_TRUE(thread.Start("busy"));
+    HangingWorker hanging("hanging", kWatchMs, 2);
+    ASSERT_TRUE(hanging.HangIn(1));  // while the other one notifies
+    ASSERT_TRUE(record.WaitForCount(1));
+    isEnough = true;
+    thread.WaitExit();
+    subject.RemoveObserver(&observer);
+    EXPECT_EQ("hanging", record.All()[0].name);
+    EXPECT_EQ(1U, record.Count());
+}
+
+TEST_F(PZSupervisorTest, TellsOfTheObserversOfAHandlerAsOfTheHandlerOnly) {
+    ASSERT_TRUE(Start());
+    HangingObserver observer;
+    PZSubject subject;
+    subject.AddObserver(&observer);
+    TestWorker worker("handling", kShortMs, 3,
+                      [&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
+    ASSERT_EQ(0U, worker.Post(8));
+    ASSERT_TRUE(record.WaitForCount(1));
+    WaitForLooks();
+    observer.gate.Open();
+    ASSERT_TRUE(wait_until([this] { return ToldOf("handling").size() == 2; }));
+    WaitForLooks();
+    subject.RemoveObserver(&observer);
+    for (const Told& told : ToldOf("handling")) EXPECT_EQ(PZSupervisor::en_HANDLER, told.kind);
+    EXPECT_EQ(2U, ToldOf("handling").size());
+}
+
+TEST_F(PZSupervisorTest, WatchesASubjectInThePlaceOfOneThatIsGone) {
+    constexpr int kMore = 100;  // than are watched
+    ASSERT_TRUE(Start());
+    HangingObserver observer;
+    std::vector<std::unique_ptr<PZSubject>> many;
+    for (int i = 0; i < kMore; ++i) {
+        many.push_back(std::make_unique<PZSubject>());
+        many.back()->AddObserver(&observer);
+    }
+    for (const auto& subject : many) subject->RemoveObserver(&observer);
+    many.clear();
+    PZSubject subject;
+    subject.AddObserver(&observer);
+    Notifier notifier([&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
+    PZThread<Notifier> thread(&notifier, kShortMs);
+    ASSERT_TRUE(thread.Start("late"));
+    ASSERT_TRUE(record.WaitForCount(1));
+    observer.gate.Open();
+    thread.WaitExit();
+    subject.RemoveObserver(&observer);
+    EXPECT_EQ(&subject, record.All()[0].object);
 }
 
 TEST_F(PZSupervisorTest, TellsOfAThreadThatWaitsTooLongForALock) {

@@ -13,8 +13,9 @@ class PZCallStack;
 /// PZThreadMng::setWatchTime; 0: not watched). A finding is
 /// - a handler that runs longer than the watch time of its thread;
 /// - a timer callback, likewise;
-/// - the observers of a received queue message, likewise. Observers that a handler or a timer
-///   callback notifies are part of that;
+/// - the observers of a received queue message, or of a PZSubject that a registered thread of
+///   another kind notifies, likewise. Observers that a handler or a timer callback notifies are
+///   part of that;
 /// - a registered thread that waits longer than its watch time for one PZSync;
 /// - a box that refuses posts.
 /// Each is told once when it begins and once when it is over. The callback comes on the thread of
@@ -23,13 +24,14 @@ class PZCallStack;
 /// Time:      the process is looked at every interval: a finding is told up to one interval
 ///            late, and one that outlasts its watch time by less than that may go unnoticed.
 ///            A refusing box is over when a whole interval has passed without a refusal, and the
-///            box is not full any more.
+///            box is not full any more. A notification counts from the first look that sees it.
 /// Threads:   Start and Stop may be called by any thread, but not from the callback, where they
 ///            answer false.
 /// Process:   one thread; from the first Start on three descriptors and 25 KiB. A forked child has
 ///            no supervision; it may start its own. pz_FwFinalize stops the supervision. A process
 ///            that ends without it does not wait for the thread.
-/// Limits:    32 findings at a time; further ones are told when others are over.
+/// Limits:    32 findings at a time; further ones are told when others are over. 64 subjects with
+///            observers at a time; those that get their first observer later are not watched.
 /// Call stack: on request, of the thread that hangs. The thread is sent a signal, and takes its
 ///            call stack in the handler of that signal: also inside malloc, and with locks held.
 ///            As far as the unwind tables of all code are right. On 32-bit ARM most functions of
@@ -45,7 +47,7 @@ public:
     enum EN_KIND : int {
         en_HANDLER = 0,   ///< OnReceiveMsg or OnReceiveEvent; `object` is the dispatcher
         en_TIMER = 1,     ///< OnTimer; `object` is the PZLTimerBase
-        en_OBSERVER = 2,  ///< of a receiving queue; `object` is the queue
+        en_OBSERVER = 2,  ///< `object` is the receiving queue, or the PZSubject
         en_LOCK = 3,      ///< a wait; `object` is the PZSync
         en_REFUSAL = 4    ///< `object` is the box's record in pz_inspection
     };

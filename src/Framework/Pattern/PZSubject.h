@@ -5,6 +5,7 @@
 /// The subject, its observers, and whom a notification reaches.
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <vector>
 
@@ -82,7 +83,10 @@ private:
         }
         // The analysis does not know this subject for the constructor's.
         ~Pass() PZ_NO_THREAD_SAFETY_ANALYSIS {
-            if (--subject_.passes_ == 0 && subject_.gaps_ > 0) subject_.CloseGaps();
+            if (--subject_.passes_ != 0) return;
+            subject_.turns_.store(subject_.turns_.load(std::memory_order_relaxed) + 1,
+                                  std::memory_order_relaxed);
+            if (subject_.gaps_ > 0) subject_.CloseGaps();
         }
         Pass(const Pass&) = delete;
         Pass& operator=(const Pass&) = delete;
@@ -101,6 +105,7 @@ private:
     unsigned int passes_ PZ_GUARDED_BY(sync_) = 0;       // running, one in the other
     unsigned int gaps_ PZ_GUARDED_BY(sync_) = 0;         // among observers_
     unsigned int changes_ PZ_GUARDED_BY(sync_) = 0;      // of observers_; may wrap
+    std::atomic<unsigned int> turns_{0};  // passes that are over; others read it at any time
 };
 
 // A notification runs in the caller's own code: where the compiler sees what the observers of a

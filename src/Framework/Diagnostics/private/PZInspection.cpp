@@ -30,6 +30,8 @@ PZInspectedWait* take_wait(std::uint32_t tid) {
 
 }  // namespace
 
+ST_WATCHED_SUBJECT pz_watched_subjects[64];
+
 // Constant from the first instruction of the program on: objects of static storage may join before
 // the library's own constructors have run.
 Table pz_inspection = {
@@ -133,6 +135,24 @@ void pz_inspection_queue_closed(unsigned short entry) {
 
 PZInspectedQueue& pz_inspection_queue(unsigned short entry) {
     return queues[entry];
+}
+
+void pz_watch_subject(const void* subject, const PZSync& lock,
+                      const std::atomic<unsigned int>& turns) {
+    const auto* const owner = reinterpret_cast<const unsigned char*>(&lock) + kInspectedLockOwner;
+    const std::lock_guard<std::mutex> whole(pz_inspection_lock());
+    for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects) {
+        if (entry.subject != nullptr) continue;
+        entry = {subject, reinterpret_cast<const std::atomic<pthread_t>*>(owner), &turns, 0, 0, 0};
+        return;
+    }
+}
+
+void pz_forget_subject(const void* subject) {
+    const std::lock_guard<std::mutex> whole(pz_inspection_lock());
+    for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects) {
+        if (entry.subject == subject) entry.subject = nullptr;
+    }
 }
 
 PZInspectedLockWait::PZInspectedLockWait(const void* lock)

@@ -7,12 +7,16 @@
 /// Every field has one writer at a time, or is written under the lock of what it describes: plain
 /// loads and stores, no locked instructions.
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
 
 #include <Framework/Diagnostics/pz_inspection.h>
 #include <Framework/PZApi.h>
+
+class PZSync;
 
 using PZInspectedLink = ST_INSPECTED_LINK<PZInspectionLive>;
 using PZInspectedBox = ST_INSPECTED_BOX<PZInspectionLive>;
@@ -109,6 +113,28 @@ PZ_LOCAL void pz_inspection_queue_closed(unsigned short entry);
 
 /// The record of an entry; entry 0, which is never shown, stands for all that have none.
 PZ_LOCAL PZInspectedQueue& pz_inspection_queue(unsigned short entry);
+
+/// A subject that has observers. Those who look from outside do not see it; the supervision does.
+/// Who notifies holds the subject's lock, and counts the notification when it is over.
+struct ST_WATCHED_SUBJECT {
+    const void* subject;  // PZSubject; null: the entry is free
+    const std::atomic<pthread_t>* owner;
+    const std::atomic<unsigned int>* turns;
+    // The supervision's: what it saw last, and since when.
+    pthread_t seenOwner;
+    unsigned int seenTurn;
+    std::uint32_t sinceMs;
+};
+
+/// To be read under the lock of the lists.
+PZ_LOCAL extern ST_WATCHED_SUBJECT pz_watched_subjects[64];
+
+/// Takes an entry, if there is a free one, or gives it back.
+/// @{
+PZ_LOCAL void pz_watch_subject(const void* subject, const PZSync& lock,
+                               const std::atomic<unsigned int>& turns);
+PZ_LOCAL void pz_forget_subject(const void* subject);
+/// @}
 
 /// Notes, as long as it lives, that the calling thread waits for a lock: only on the way to sleep.
 class PZ_LOCAL PZInspectedLockWait {

@@ -1,5 +1,6 @@
 #include "Framework/Diagnostics/PZSupervisor.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -69,6 +70,27 @@ Record* record_at(const PZInspectionAddress& address) {
     return tid != 0 ? record : nullptr;
 }
 
+/// Kernel id of a registered thread; 0 of another one.
+std::uint32_t registered_tid(pthread_t handle) noexcept {
+    const auto* thread = record_at<PZInspectedThread>(pz_inspection.threads);
+    while (thread != nullptr &&
+           pz_inspect_get(thread->handle) != reinterpret_cast<const void*>(handle)) {
+        thread = record_at<PZInspectedThread>(thread->next);
+    }
+    return thread != nullptr ? pz_inspect_get(thread->tid) : 0;
+}
+
+/// True for a thread that serves a box, a band or a queue, which is watched there.
+bool is_served(std::uint32_t tid) noexcept {
+    if (record_of(pz_inspection.boxes, tid) != nullptr) return true;
+    if (record_of(pz_inspection.bands, tid) != nullptr) return true;
+    for (unsigned short i = 1; i <= PZ_INSPECTED_QUEUES; ++i) {
+        const PZInspectedQueue& queue = pz_inspection_queue(i);
+        if (pz_inspect_get(queue.queue) != nullptr && pz_inspect_get(queue.tid) == tid) return true;
+    }
+    return false;
+}
+
 /// One reading of the table: what hangs just now. Of the findings that are open it marks those that
 /// it has seen; others it adds to `fresh`, when there is such a list, as far as there is room.
 class Reading {
@@ -79,6 +101,7 @@ public:
     }
 
     void ReadRunning() noexcept {
+        ReadNotifying();
         for (const auto* box = record_at<PZInspectedBox>(pz_inspection.boxes); box != nullptr;
              box = record_at<PZInspectedBox>(box->next)) {
             AddOverdue(PZSupervisor::en_HANDLER, *box, box->dispatcher,
@@ -125,20 +148,39 @@ public:
     }
 
 private:
+    /// Subjects that other threads than those of boxes, bands and queues notify. When they began is
+    /// not noted anywhere: it counts from the first look that sees them.
+    void ReadNotifying() noexcept {
+        const std::uint32_t now = pz_inspection_now();
+        for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects) {
+            if (entry.subject == nullptr) continue;
+            const pthread_t owner = pz_inspect_get(*entry.owner);
+            const unsigned int turn = pz_inspect_get(*entry.turns);
+            if (entry.seenOwner != owner || entry.seenTurn != turn) {
+                entry.seenOwner = owner;
+                entry.seenTurn = turn;
+                entry.sinceMs = now;
+            }
+            const std::uint32_t tid = owner != 0 ? registered_tid(owner) : 0;
+            if (tid == 0 || is_served(tid)) continue;
+            AddOverdue(PZSupervisor::en_OBSERVER, &entry, entry.subject, tid, turn, entry.sinceMs);
+        }
+    }
+
     template <typename Record>
     void AddOverdue(PZSupervisor::EN_KIND kind, const Record& record,
                     const PZInspectionAddress& running, std::uint32_t turn,
                     const std::atomic<std::uint32_t>& since) noexcept {
         if (const void* const object = pz_inspect_get(running)) {
-            AddOverdue(kind, &record, object, pz_inspect_get(record.tid), turn, since);
+            AddOverdue(kind, &record, object, pz_inspect_get(record.tid), turn,
+                       pz_inspect_get(since));
         }
     }
 
     void AddOverdue(PZSupervisor::EN_KIND kind, const void* record, const void* object,
-                    std::uint32_t tid, std::uint32_t turn,
-                    const std::atomic<std::uint32_t>& since) noexcept {
+                    std::uint32_t tid, std::uint32_t turn, std::uint32_t sinceMs) noexcept {
         Describe(kind, record, object, turn, tid);
-        row_.sinceMs = pz_inspect_get(since);
+        row_.sinceMs = sinceMs;
         row_.finding.durationMs = pz_inspection_now() - row_.sinceMs;  // never before it
         const unsigned int watchMs = row_.finding.watchTimeMs;
         if (watchMs != 0 && row_.finding.durationMs > watchMs) Keep();

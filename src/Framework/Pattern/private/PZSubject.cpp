@@ -10,6 +10,8 @@
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/private/pz_uncancelled.h>
 
+#include "../../Diagnostics/private/PZInspection.h"
+
 namespace {
 
 /// The header holds its code; this puts a copy into the library for callers that have none.
@@ -22,6 +24,7 @@ PZObserver_::~PZObserver_() = default;
 PZSubject::PZSubject() = default;
 
 PZSubject::~PZSubject() {
+    if (observers_.capacity() != 0) pz_forget_subject(this);
     if (observers_.size() == gaps_) return;
     const PZUncancelled held;  // printing is a point at which a thread can be cancelled
     PZ_REPORT_ERROR("call RemoveObserver() before delete. [%d]\n",
@@ -42,7 +45,9 @@ int PZSubject::AddObserver(PZObserver_* o, unsigned int* ids, unsigned int count
     try {
         Entry entry{o, std::vector<unsigned int>(ids, ids + count)};
         const PZSyncLock lock(sync_);
+        const bool isFirst = observers_.capacity() == 0;
         observers_.push_back(std::move(entry));
+        if (isFirst) pz_watch_subject(this, sync_, turns_);
         ++changes_;
         return 1;
     } catch (const std::bad_alloc&) {
