@@ -1,3 +1,4 @@
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -265,6 +266,97 @@ TEST_F(EasyGuardedFileTest, IsWholeWheneverItsProcessIsKilled) {
     EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "whole"; }, 60s));
     EXPECT_EQ("whole", settings.read());
     EXPECT_FALSE(std::filesystem::exists(dir.File(".settings.new")));
+}
+
+TEST_F(EasyGuardedFileTest, RefusesWhatIsNoPlainFileWithoutWaitingForAPeer) {
+    const StdoutCapture capture;
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0666));
+    EXPECT_FALSE(settings.update([](std::string&) { FAIL(); }));
+    EXPECT_EQ(std::nullopt, settings.read());
+    EXPECT_TRUE(std::filesystem::is_fifo(path));
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    EXPECT_FALSE(settings.update([](std::string&) { FAIL(); }));
+    EXPECT_EQ(std::nullopt, settings.read());
+    std::filesystem::remove(path);
+    std::filesystem::remove(dir.File(".settings.lock"));
+    ASSERT_EQ(0, ::mkfifo(dir.File(".settings.lock").c_str(), 0666));
+    EXPECT_FALSE(settings.update([](std::string&) { FAIL(); }));
+}
+
+TEST_F(EasyGuardedFileTest, DoesNotWriteIntoWhatLiesInThePlaceOfItsNewFile) {
+    const std::string victim = dir.File("victim");
+    const std::string fresh = dir.File(".settings.new");
+    write_file(victim, "precious");
+    std::filesystem::create_hard_link(victim, fresh);
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "1"; }));
+    std::filesystem::create_symlink(victim, fresh);
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += "2"; }));
+    ASSERT_EQ(0, ::mkfifo(fresh.c_str(), 0666));
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += "3"; }));
+    EXPECT_EQ("123", settings.read());
+    EXPECT_EQ("precious", read_file(victim));
+    EXPECT_FALSE(std::filesystem::exists(fresh));
+}
+
+TEST_F(EasyGuardedFileTest, AMediumWithoutRoomLeavesTheFileAsItWas) {
+    write_file(path, "old");
+    pztest::ChildProcess child([this] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit = {1000, 1000};  // as a full medium: the first bytes are taken
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        const StdoutCapture capture;
+        const bool isDone =
+            settings.update([](std::string& bytes) { bytes = std::string(5000, 'n'); });
+        return isDone || settings.read() != "old" ? 1 : 0;
+    });
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_EQ("old", settings.read());
+    EXPECT_FALSE(std::filesystem::exists(dir.File(".settings.new")));
+}
+
+TEST_F(EasyGuardedFileTest, AFolderThatMayOnlyBeReadIsRefused) {
+    write_file(path, "old");
+    ASSERT_EQ(0, ::chmod(dir.Path().c_str(), 0555));
+    pztest::ChildProcess child([this] {
+        constexpr uid_t kNobody = 65534;
+        if (::geteuid() == 0 && ::setuid(kNobody) != 0) return 2;
+        const StdoutCapture capture;
+        const bool isDone = settings.update([](std::string& bytes) { bytes = "new"; });
+        return isDone || settings.read() != "old" ? 1 : 0;
+    });
+    EXPECT_EQ(0, child.Wait());
+    ::chmod(dir.Path().c_str(), 0755);
+    EXPECT_EQ("old", settings.read());
+}
+
+TEST_F(EasyGuardedFileTest, AFolderThatIsExchangedDuringAStepIsLeftAlone) {
+    const std::string folder = dir.File("folder");
+    const std::string other = dir.File("other");
+    std::filesystem::create_directory(folder);
+    std::filesystem::create_directory(other);
+    write_file(folder + "/a", "old");
+    write_file(other + "/a", "others");
+    pz::GuardedFile file(folder.c_str(), "a");
+    StdoutCapture capture;
+    EXPECT_FALSE(file.update([&](std::string& bytes) {
+        bytes = "new";
+        std::filesystem::rename(folder, dir.File("away"));
+        std::filesystem::create_symlink(other, folder);
+    }));
+    EXPECT_EQ("others", read_file(other + "/a"));
+    EXPECT_EQ("old", read_file(dir.File("away/a")));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "Refuse()@GuardedFile.cpp"));
+    EXPECT_TRUE(file.update([](std::string& bytes) { bytes += " and new"; }));
+    EXPECT_EQ("others and new", read_file(other + "/a"));
+}
+
+TEST_F(EasyGuardedFileTest, ANameThatIsTooLongForTheFileSystemIsRefused) {
+    const StdoutCapture capture;
+    const std::string longest(255, 'n');  // with ".lock" it is longer than a name may be
+    pz::GuardedFile file(dir.Path().c_str(), longest.c_str());
+    EXPECT_FALSE(file.update([](std::string&) { FAIL(); }));
+    EXPECT_EQ(std::nullopt, file.read());
 }
 
 TEST_F(EasyGuardedFileTest, TimesThatAreNegativeOrEndlessAreLimitsLikeOthers) {

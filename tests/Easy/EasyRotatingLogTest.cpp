@@ -1,12 +1,18 @@
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 #include <iterator>
+#include <memory>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,6 +20,7 @@
 #include <Framework/Easy/RotatingLog.h>
 
 #include "support/ChildProcess.h"
+#include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
@@ -27,6 +34,8 @@ using pztest::wait_until;
 using pztest::write_file;
 
 namespace {
+
+pztest::Interposed<int(int, int)> flock_call("flock");
 
 /// All bytes of the log's files.
 std::uintmax_t size_of(const std::string& folder) {
@@ -55,6 +64,10 @@ std::vector<int> numbers_in(const std::string& folder, unsigned int generations)
 }
 
 }  // namespace
+
+extern "C" int flock(int fd, int operation) noexcept {
+    return flock_call(fd, operation);
+}
 
 class EasyRotatingLogTest : public testing::Test {
 protected:
@@ -220,6 +233,130 @@ TEST_F(EasyRotatingLogTest, TwoObjectsDoNotShareALog) {
     EXPECT_FALSE(other.line("line 2"));
     EXPECT_TRUE(log.line("line 1"));
     EXPECT_EQ("line 1\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, AProcessTakesTheLogOverFromOneThatWasKilled) {
+    const std::string begun = dir.File("begun");
+    const auto child = std::make_unique<pztest::ChildProcess>([&] {
+        pz::RotatingLog own(folder.c_str(), "app", 64_KiB, 3);
+        if (!own.line("line 1")) return 1;
+        write_file(begun, "x");
+        for (;;) ::pause();
+    });
+    ASSERT_TRUE(wait_until([&] { return std::filesystem::exists(begun); }));
+    const StdoutCapture capture;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    EXPECT_FALSE(log.line("lost"));
+    ::kill(child->Pid(), SIGKILL);
+    EXPECT_EQ(-1, child->Wait());
+    ASSERT_TRUE(wait_until([&] { return log.line("line 2"); }));
+    EXPECT_EQ("line 1\n(" + std::to_string(log.lost()) + " lines lost)\nline 2\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, AFileThatItsOwnerRenamesMeanwhileIsNotTakenForTheNewest) {
+    static pz::RotatingLog* owner = nullptr;
+    pz::RotatingLog log(folder.c_str(), "app", 200, 1);
+    ASSERT_TRUE(log.text(std::string(150, 'x')));
+    owner = &log;
+    flock_call.Replace([](int fd, int operation) {
+        pz::RotatingLog* const renaming = std::exchange(owner, nullptr);
+        if (renaming != nullptr) renaming->text(std::string(150, 'y'));
+        return flock_call.Real(fd, operation);
+    });
+    const StdoutCapture capture;
+    pz::RotatingLog other(folder.c_str(), "app", 64, 0);
+    flock_call.Reset();
+    EXPECT_EQ(nullptr, owner);
+    EXPECT_FALSE(other.line("lost"));
+    EXPECT_EQ(std::string(150, 'y') + "\n", read_file(file)) << "not cut to 64 bytes";
+    EXPECT_EQ(std::string(150, 'x') + "\n", read_file(file + ".1"));
+}
+
+TEST_F(EasyRotatingLogTest, RemovesWhatAProcessHasLeftThatWasKilledWhileItCutAFile) {
+    std::filesystem::create_directory(folder);
+    write_file(file + ".new", std::string(200, 'n'));
+    pz::RotatingLog log(folder.c_str(), "app", 200, 1);
+    for (int i = 0; i < 100; ++i) ASSERT_TRUE(log.line("line %d", i));
+    EXPECT_LE(size_of(folder), 400U);
+    EXPECT_EQ(2U, count_files(folder));
+}
+
+TEST_F(EasyRotatingLogTest, LosesWholeLinesWhileTheMediumHasNoRoom) {
+    pztest::ChildProcess child([this] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const StdoutCapture capture;
+        pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1);
+        const rlimit full = {1000, RLIM_INFINITY};  // as a full medium: the first bytes are taken
+        ::setrlimit(RLIMIT_FSIZE, &full);
+        int written = 0;
+        while (log.line("line %d", written)) ++written;
+        if (log.line("line %d of more", 0)) return 1;
+        const rlimit room = {RLIM_INFINITY, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_FSIZE, &room);
+        if (log.lost() != 2 || !log.line("line %d", written)) return 2;
+        std::string expected;
+        for (int i = 0; i < written; ++i) expected += "line " + std::to_string(i) + "\n";
+        expected += "(2 lines lost)\nline " + std::to_string(written) + "\n";
+        return read_file(file) == expected ? 0 : 3;
+    });
+    EXPECT_EQ(0, child.Wait());
+}
+
+TEST_F(EasyRotatingLogTest, LosesLinesWhileItMayOnlyReadItsFolder) {
+    std::filesystem::create_directory(folder);
+    ASSERT_EQ(0, ::chmod(folder.c_str(), 0555));
+    ASSERT_EQ(0, ::chmod(dir.Path().c_str(), 0755));
+    pztest::ChildProcess child([this] {
+        constexpr uid_t kNobody = 65534;
+        if (::geteuid() == 0 && ::setuid(kNobody) != 0) return 4;
+        const StdoutCapture capture;
+        pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1);
+        if (!log || log.line("lost")) return 1;
+        return log.lost() == 1 ? 0 : 2;
+    });
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_EQ(0U, count_files(folder));
+}
+
+TEST_F(EasyRotatingLogTest, WritesToNoLinkAndWaitsForNoReaderOfAFifo) {
+    std::filesystem::create_directory(folder);
+    const std::string victim = dir.File("victim");
+    write_file(victim, "precious\n");
+    std::filesystem::create_symlink(victim, file);
+    const StdoutCapture capture;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1);
+    EXPECT_FALSE(log.line("lost"));
+    std::filesystem::remove(file);
+    ASSERT_EQ(0, ::mkfifo(file.c_str(), 0666));
+    EXPECT_FALSE(log.line("lost"));
+    pz::RotatingLog(folder.c_str(), "app", 64_KiB, 1).line("lost");
+    std::filesystem::remove(file);
+    ASSERT_TRUE(wait_until([&] { return log.line("back"); }));
+    EXPECT_EQ("precious\n", read_file(victim));
+    EXPECT_EQ("(" + std::to_string(log.lost()) + " lines lost)\nback\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, GoesOnInTheFolderThatALinkLeadsTo) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1);
+    EXPECT_TRUE(log.line("line 1"));
+    const std::string elsewhere = dir.File("elsewhere");
+    std::filesystem::create_directory(elsewhere);
+    std::filesystem::rename(folder, dir.File("away"));
+    std::filesystem::create_symlink(elsewhere, folder);
+    ASSERT_TRUE(wait_until([&] {
+        log.line("line 2");
+        return std::filesystem::exists(elsewhere + "/app.log");
+    }));
+    EXPECT_EQ(0U, log.lost());
+    EXPECT_EQ("line 2\n", read_file(elsewhere + "/app.log"));
+}
+
+TEST_F(EasyRotatingLogTest, ANameThatIsTooLongForTheFileSystemLosesItsLines) {
+    const StdoutCapture capture;
+    pz::RotatingLog log(folder.c_str(), std::string(300, 'n').c_str(), 64_KiB, 1);
+    EXPECT_TRUE(log);
+    EXPECT_FALSE(log.line("lost"));
+    EXPECT_EQ(1U, log.lost());
 }
 
 TEST_F(EasyRotatingLogTest, RefusesWhatIsNoLog) {

@@ -50,8 +50,10 @@ private:
 ///            power goes: the bytes are on the medium before they get the name.
 /// Files:     beside "settings" there are ".settings.lock", which stays, and during an update
 ///            ".settings.new". The folder must exist. A replaced file keeps its mode, and its owner
-///            where the process may give it away; links are not followed. The lock is this class's
-///            own: PZFileGuard does not know of it.
+///            where the process may give it away; links are not followed, and what is no plain file
+///            (a fifo, a folder) is refused. The lock is this class's own: PZFileGuard does not
+///            know of it. An update whose folder or lock somebody else replaces meanwhile is
+///            refused.
 /// Threads:   any thread may call anything.
 /// Failures:  reported and answered, never thrown; what the function throws reaches the caller, and
 ///            the file stays as it was.

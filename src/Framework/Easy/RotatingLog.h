@@ -46,9 +46,10 @@ struct RotatingLogOptions {
 ///            lines, and generations beyond the last are removed.
 /// Kill:      a process that is killed leaves whole files, at any moment: no line is lost but those
 ///            that were not flushed.
-/// Folder:    made by the constructor, as far as it is missing. When folder or file go away, or
-///            cannot be written, lines are counted as lost until they are back; the log looks ten
-///            times in a second. The first line then tells how many were lost.
+/// Folder:    made by the constructor, as far as it is missing. When folder or file go away, cannot
+///            be written (a full medium), or the file is no plain one (a link, a fifo), lines are
+///            counted as lost until they are back; the log looks ten times in a second. The first
+///            line then tells how many were lost.
 /// Threads:   any thread may call anything; lines do not mix. One object, in one process, for each
 ///            log: the lines of a second one are lost while the first one lives.
 /// Failures:  reported once until the log works again, and answered with false; nothing is thrown.

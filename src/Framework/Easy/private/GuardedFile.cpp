@@ -25,11 +25,23 @@ constexpr mode_t kMode = 0644;  // of a file that was not there
 
 enum class Read { ok, missing, failed };
 
+/// Opens a file, never by a link. One that is no file (a fifo would keep its reader waiting) is
+/// refused with EINVAL.
+PZDescriptor open_plain(const std::string& path, int flags, struct stat& info) {
+    PZDescriptor file(::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW, kMode));
+    if (!file.IsOpen()) return file;
+    if (::fstat(file.Get(), &info) != 0) return PZDescriptor();
+    if (S_ISREG(info.st_mode)) return file;
+    file.Close();
+    errno = EINVAL;
+    return file;
+}
+
 /// Reads the whole file; `info` tells about it.
 Read read_whole(const std::string& path, std::string& bytes, struct stat& info) {
-    const PZDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    const PZDescriptor file = open_plain(path, O_RDONLY, info);
     if (!file.IsOpen() && errno == ENOENT) return Read::missing;
-    if (!file.IsOpen() || ::fstat(file.Get(), &info) != 0) {
+    if (!file.IsOpen()) {
         PZ_REPORT_ERRNO("open [%s]\n", path.c_str());
         return Read::failed;
     }
@@ -90,6 +102,7 @@ struct FileUpdate::State {
 
 private:
     bool OpenLock();
+    PZ_LOCAL bool IsLockInPlace() const;
     bool IsHeldByThread() const;
     bool WriteNew() const;
     bool Refuse(const char* step, const std::string& path) const;
@@ -119,9 +132,15 @@ bool FileUpdate::State::Refuse(const char* step, const std::string& path) const 
 }
 
 bool FileUpdate::State::OpenLock() {
-    lock_ =
-        PZDescriptor(::open(lockPath_.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kMode));
-    return lock_.IsOpen() && ::fstat(lock_.Get(), &lockInfo_) == 0;
+    lock_ = open_plain(lockPath_, O_RDONLY | O_CREAT, lockInfo_);
+    return lock_.IsOpen();
+}
+
+/// Whether others who come to the file find this lock. Somebody may have removed it, or have put
+/// another folder in the place of this one.
+bool FileUpdate::State::IsLockInPlace() const {
+    struct stat now = {};
+    return ::lstat(lockPath_.c_str(), &now) == 0 && is_same_file(now, lockInfo_);
 }
 
 bool FileUpdate::State::IsHeldByThread() const {
@@ -148,9 +167,7 @@ bool FileUpdate::State::Lock(std::chrono::milliseconds within) {
             errno = error;
             return Refuse("flock", lockPath_);
         }
-        // Somebody may have removed the file while this waited: others lock the one that is there.
-        struct stat now = {};
-        if (::lstat(lockPath_.c_str(), &now) == 0 && is_same_file(now, lockInfo_)) break;
+        if (IsLockInPlace()) break;
     }
     isHeld_ = true;
     next_ = held_by_thread;
@@ -166,11 +183,14 @@ bool FileUpdate::State::Load() {
 }
 
 bool FileUpdate::State::WriteNew() const {
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW;
+    // One that was left behind, or put there by others, is not used: it may be a link, or have more
+    // than one name.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    ::unlink(newPath_.c_str());
     const mode_t mode = isThere_ ? info_.st_mode & 0777U : kMode;
     PZDescriptor file(::open(newPath_.c_str(), kFlags | O_CLOEXEC, mode));
     if (!file.IsOpen()) return Refuse("open", newPath_);
-    // One that was left behind may have another owner and mode. To give it away takes rights.
+    // To give it away takes rights.
     if (isThere_) {
         static_cast<void>(::fchown(file.Get(), info_.st_uid, info_.st_gid) == 0);
         if (::fchmod(file.Get(), info_.st_mode & 07777U) != 0) return Refuse("fchmod", newPath_);
@@ -182,6 +202,10 @@ bool FileUpdate::State::WriteNew() const {
 
 bool FileUpdate::State::Replace() {
     if (bytes_ == former_) return true;
+    if (!IsLockInPlace()) {
+        errno = ESTALE;
+        return Refuse("lock", lockPath_);
+    }
     if (!WriteNew()) {
         ::unlink(newPath_.c_str());
         return false;

@@ -123,6 +123,7 @@ private:
 /// Brings down what other settings have left; false without memory.
 bool RotatingLog::State::KeepToSizes() const noexcept {
     try {
+        ::unlink(newPath_.c_str());  // of a process that was killed meanwhile
         for (const std::string& path : paths_) KeepTail(path);
         RemoveBeyondLast();
         return true;
@@ -146,15 +147,15 @@ void RotatingLog::State::KeepTail(const std::string& path) const {
     if (static_cast<std::size_t>(info.st_size) <= size_) return;
     const PZDescriptor from(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     const PZDescriptor to(
-        ::open(newPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+        ::open(newPath_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     std::string tail(size_, '\0');
     const ssize_t count =
         ::pread(from.Get(), tail.data(), size_, info.st_size - static_cast<off_t>(size_));
-    if (count < 0 || !to.IsOpen()) return;
-    tail.resize(static_cast<std::size_t>(count));
+    if (!to.IsOpen()) return;
+    tail.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     const std::size_t firstEnd = tail.find('\n');
     if (firstEnd != std::string::npos) tail.erase(0, firstEnd + 1);
-    if (!append(to.Get(), tail, 0) || ::rename(newPath_.c_str(), path.c_str()) != 0) {
+    if (count < 0 || !append(to.Get(), tail, 0) || ::rename(newPath_.c_str(), path.c_str()) != 0) {
         PZ_REPORT_ERRNO("cut [%s]\n", path.c_str());
         ::unlink(newPath_.c_str());
     }
@@ -181,11 +182,17 @@ bool RotatingLog::State::EnsureOpenLocked() {
 }
 
 bool RotatingLog::State::OpenLocked() {
-    file_ = PZDescriptor(
-        ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    // A fifo without a reader would keep its writer waiting.
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW;
+    file_ = PZDescriptor(::open(path_.c_str(), kFlags, kFileMode));
     struct stat info = {};
-    const bool isMine = file_.MoveAboveStandard() && ::flock(file_.Get(), LOCK_EX | LOCK_NB) == 0 &&
-                        ::fstat(file_.Get(), &info) == 0;
+    bool isMine = file_.MoveAboveStandard() && ::flock(file_.Get(), LOCK_EX | LOCK_NB) == 0 &&
+                  ::fstat(file_.Get(), &info) == 0;
+    // Its owner may have renamed it, and given it free, since it was opened.
+    if (isMine && !(S_ISREG(info.st_mode) && IsInPlaceLocked())) {
+        isMine = false;
+        errno = EBUSY;
+    }
     if (!isMine) {
         if (!isReported_) PZ_REPORT_ERRNO("open [%s]\n", path_.c_str());
         isReported_ = true;
