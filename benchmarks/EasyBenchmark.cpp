@@ -2,8 +2,14 @@
 
 #include <array>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include <benchmark/benchmark.h>
 
@@ -13,6 +19,8 @@
 #include <Framework/Foundation/PZIDispatcher.h>
 #include <Framework/Foundation/PZIMsgBox.h>
 #include <Framework/Foundation/PZStorage.h>
+#include <Framework/Foundation/PZWorker.h>
+#include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLSysFileOut.h>
 #include <Framework/Utility/PZLTimerMng.h>
 
@@ -27,6 +35,9 @@ using namespace std::chrono_literals;
 using pzbench::Acknowledge;
 
 constexpr unsigned int kPosterProcessor = 0;
+
+/// The framework of all benchmarks but those of its start.
+std::optional<pz::Framework> framework;
 constexpr std::size_t kBytes = 200;  // of a function, and of a payload
 
 /// As large as the largest function that is stored in the worker.
@@ -256,6 +267,111 @@ void wait_raw(benchmark::State& state) {
     }
 }
 
+/// Start and end of the framework.
+void start(benchmark::State& state) {
+    framework.reset();
+    for (auto _ : state) {
+        const pz::Framework fw("bench", 1);
+        if (!fw) std::abort();
+    }
+    framework.emplace("bench", 1);
+}
+
+void start_raw(benchmark::State& state) {
+    framework.reset();
+    for (auto _ : state) {
+        if (pz_FwInitialize("bench", 1) == 0) std::abort();
+        pz_FwFinalize();
+    }
+    framework.emplace("bench", 1);
+}
+
+/// Start and stop of a worker that runs one function.
+void worker(benchmark::State& state) {
+    for (auto _ : state) {
+        pz::Worker started("bench");
+        started.post([] {});
+        if (!started.stop()) std::abort();
+    }
+}
+
+void worker_raw(benchmark::State& state) {
+    Acknowledge acknowledge;
+    for (auto _ : state) {
+        PZWorker started(1, 4000, 1);
+        if (started.Start("bench") != 0) std::abort();
+        Dispatcher dispatcher(acknowledge);
+        const unsigned long id = started.GetMsgBox()->Registory(&dispatcher);
+        PZIMsgBox::ST_PUSH_MSG_DATA message = {id, 1, 128, nullptr, 0};
+        acknowledge.Expect(1);
+        started.GetMsgBox()->PushMsg(message);
+        acknowledge.Wait();
+        started.End(0);
+    }
+}
+
+void stop_signal(benchmark::State& state) {
+    for (auto _ : state) {
+        const pz::StopSignal stop;
+        if (!stop) std::abort();
+    }
+}
+
+/// The event and the two handlers, set and put back.
+void stop_signal_raw(benchmark::State& state) {
+    for (auto _ : state) {
+        const PZEvent event;
+        struct sigaction before[2] = {};
+        struct sigaction ignoring = {};
+        ignoring.sa_handler = SIG_IGN;
+        sigaction(SIGINT, &ignoring, &before[0]);
+        sigaction(SIGTERM, &ignoring, &before[1]);
+        sigaction(SIGINT, &before[0], nullptr);
+        sigaction(SIGTERM, &before[1], nullptr);
+    }
+}
+
+/// A post that the test itself serves.
+void sync_post(benchmark::State& state) {
+    pz::test::ManualClock clock;
+    pz::test::SyncWorker served(clock);
+    unsigned int runs = 0;
+    for (auto _ : state) {
+        served.post([&runs] { ++runs; });
+        served.run_one();
+    }
+    if (runs != state.iterations()) std::abort();
+}
+
+/// A queue of functions, under a mutex.
+void sync_post_raw(benchmark::State& state) {
+    std::mutex mutex;
+    std::deque<std::function<void()>> queue;
+    unsigned int runs = 0;
+    for (auto _ : state) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            queue.emplace_back([&runs] { ++runs; });
+        }
+        std::function<void()> next;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            next = std::move(queue.front());
+            queue.pop_front();
+        }
+        next();
+    }
+    if (runs != state.iterations()) std::abort();
+}
+
+BENCHMARK(start)->Name("easy/start")->UseRealTime();
+BENCHMARK(start_raw)->Name("easy/start:raw")->UseRealTime();
+BENCHMARK(worker)->Name("easy/worker")->UseRealTime();
+BENCHMARK(worker_raw)->Name("easy/worker:raw")->UseRealTime();
+BENCHMARK(stop_signal)->Name("easy/stop_signal");
+BENCHMARK(stop_signal_raw)->Name("easy/stop_signal:raw");
+BENCHMARK(sync_post)->Name("easy/sync_post");
+BENCHMARK(sync_post_raw)->Name("easy/sync_post:raw");
 BENCHMARK(post)->Name("easy/post:200_bytes")->Apply(batches);
 BENCHMARK(post_raw)->Name("easy/post:200_bytes:raw")->Apply(batches);
 BENCHMARK(timer)->Name("easy/timer");
@@ -274,7 +390,9 @@ BENCHMARK(wait_raw)->Name("easy/wait_any:raw");
 }  // namespace
 
 int main(int argc, char** argv) {
-    const pz::Framework fw("bench", 1);
-    if (!fw) return 1;
-    return pzbench::run(argc, argv);
+    framework.emplace("bench", 1);
+    if (!*framework) return 1;
+    const int result = pzbench::run(argc, argv);
+    framework.reset();
+    return result;
 }
