@@ -276,7 +276,7 @@ private:
     const uintptr_t pc_;
     ST_PZ_UNWIND_RULES rules_;
     ST_PZ_UNWIND_RULES initial_{};
-    ST_PZ_UNWIND_RULES stack_[kMaxRemembered];
+    ST_PZ_UNWIND_RULES stack_[kMaxRemembered]{};
     int remembered_ = 0;
 };
 
