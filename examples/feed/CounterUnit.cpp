@@ -25,7 +25,7 @@ unsigned int CounterUnit::Post(EN_MSG id, const void* data, unsigned int size) {
     PZIMsgBox::ST_PUSH_MSG_DATA message = {static_cast<unsigned long>(SID), id, en_MSG_NORMAL, data,
                                            size};
     const unsigned int result = pIMsgBox_->PushMsg(message);
-    if (result == 0) ++posted_;
+    if (result == PZIMsgBox::en_POST_OK) ++posted_;
     return result;
 }
 

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr unsigned int kFull = 3;  // PZIMsgBox::PushMsg: the box is full
-
 /// False when the file has nothing to read within a moment (a pipe, a terminal).
 bool is_readable_soon(int fd) {
     constexpr int kMomentMs = 20;
@@ -58,13 +56,14 @@ bool ReaderUnit::TakeTurn() {
 bool ReaderUnit::Send() {
     constexpr unsigned int kRetryMs = 1;
     const bool room = flood_ || counter_.Backlog() < kMaxBacklog;
-    const unsigned int result =
-        room ? counter_.Post(outgoing_.id, outgoing_.data, outgoing_.size) : kFull;
+    const unsigned int result = room ? counter_.Post(outgoing_.id, outgoing_.data, outgoing_.size)
+                                     : PZIMsgBox::en_POST_FULL;
     if (result == 0) {
         unsent_ = false;
         return true;
     }
-    if (result != kFull) failed_ = true;  // out of memory: reported by the box, tried again
+    if (result != PZIMsgBox::en_POST_FULL)
+        failed_ = true;  // out of memory: reported by the box, tried again
     pz_msleep(kRetryMs);
     return false;
 }

@@ -21,6 +21,14 @@ public:
         unsigned int BuffSize;  ///< 1 to 256 bytes; ignored without payload
     };
 
+    /// What PushMsg and SetEvent answer.
+    enum EN_POST : unsigned int {
+        en_POST_OK = 0,        ///< posted
+        en_POST_FAILED = 1,    ///< no memory, or the loop could not be woken
+        en_POST_BAD_SIZE = 2,  ///< a payload of 0 or of more than 256 bytes
+        en_POST_FULL = 3       ///< 256 wait already
+    };
+
     virtual ~PZIMsgBox();
 
     /// Prepares the box for its thread: 0 success, anything else keeps the thread from Loop.
@@ -45,16 +53,15 @@ public:
     /// 1 when the trail value is `n`, else 0.
     virtual int CheckTrail(unsigned int n) = 0;
 
-    /// Posts a message: 0 success, 1 failure, 2 bad payload size, 3 full.
+    /// Posts a message: an EN_POST.
     ///
-    /// Result 1 has two causes: no memory for the payload (nothing is queued), or the loop could
-    /// not be woken (the message stays queued and is served when the loop wakes for another
+    /// en_POST_FAILED has two causes: no memory for the payload (nothing is queued), or the loop
+    /// could not be woken (the message stays queued and is served when the loop wakes for another
     /// reason). With a payload, `d.Buff` is changed to the address of the box's copy, which the
     /// box releases after service: give every post a fresh record.
     virtual unsigned int PushMsg(ST_PUSH_MSG_DATA& d) = 0;
 
-    /// Posts an event for the dispatcher `id`: 0 success, 1 the loop could not be woken (the event
-    /// stays queued), 3 full.
+    /// Posts an event for the dispatcher `id`: an EN_POST, with the same two causes of a failure.
     virtual unsigned int SetEvent(unsigned int bits, unsigned long id) = 0;
 
     /// Serves until Exit; `workerId` names the worker in reports. Always 0.

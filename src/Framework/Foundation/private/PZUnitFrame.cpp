@@ -61,7 +61,7 @@ int PZUnitFrame::SendMsgSelf(unsigned int msgId, EN_MSG_ID priority, const void*
     // The box writes into the record; the report shows the caller's buffer.
     PZIMsgBox::ST_PUSH_MSG_DATA msg = {static_cast<unsigned long>(SID), msgId, priority, buff,
                                        size};
-    if (pIMsgBox_->PushMsg(msg) != 0) {
+    if (pIMsgBox_->PushMsg(msg) != PZIMsgBox::en_POST_OK) {
         PZ_REPORT_ERROR(
             "\n%s\n[PZUnitFrame] SendMsgSelf - en_ERROR_PUSH_MSG unit id[%d] pIMsgBox_[0x%08lx] "
             "pIDispatcher_[0x%08lx] SID[%ld] Priority[%d] MsgID[%d] Buff[0x%08lx] "
@@ -78,7 +78,7 @@ int PZUnitFrame::SendEvtSelf(unsigned int bits) {
     const int registration = CheckRegistration(__func__);
     if (registration != en_SUCCESS) return registration;
 
-    if (pIMsgBox_->SetEvent(bits, static_cast<unsigned long>(SID)) != 0) {
+    if (pIMsgBox_->SetEvent(bits, static_cast<unsigned long>(SID)) != PZIMsgBox::en_POST_OK) {
         report_failure(__func__, __LINE__, "en_ERROR_PUSH_EVT");
         return en_ERROR_PUSH_EVT;
     }
