@@ -370,7 +370,8 @@ struct ModelBox {
                 ++refused;
                 return true;
             }
-            sleep = handOver.PostLocked({{number}, priority});
+            sleep =
+                handOver.PostLocked(priority, [number](Number& queued) { queued.value = number; });
             posted.push_back({number, priority, false});
             // One more is out whose service has just begun.
             if (posted.size() - served.size() > kRoom + 1)
@@ -703,8 +704,9 @@ public:
         : sync_(sync), wait_(wait), queue_(room) {}
 
     bool IsFullLocked() const { return queue_.size() >= queue_.capacity(); }
-    Sleep PostLocked(const ModelQueue::que& message) {
-        queue_.push(message);
+    template <typename Fill>
+    Sleep PostLocked(unsigned int priority, Fill fill) {
+        fill(queue_.Insert(priority));
         pieces_.store(pieces_.load() + 1);
         return sleep_.load();
     }

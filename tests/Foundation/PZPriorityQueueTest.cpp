@@ -140,6 +140,18 @@ TEST_F(PZPriorityQueueTest, KeepsTheRecordWhole) {
     EXPECT_EQ(4U, queue.top().priority);
 }
 
+TEST_F(PZPriorityQueueTest, InsertPlacesWhatTheCallerFillsInLikePush) {
+    Push(5);
+    Queue::que& first = queue.Insert(0);
+    EXPECT_EQ(0U, first.priority);
+    first.number = 20;
+    Queue::que& second = queue.Insert(256 + 5);
+    EXPECT_EQ(5U, second.priority);
+    second.number = 30;
+    Push(4, 40);
+    EXPECT_EQ((std::vector<int>{20, 40, 1, 30}), Serve());
+}
+
 TEST_F(PZPriorityQueueTest, TopLeavesTheElementInPlace) {
     Push(4, 1);
     EXPECT_EQ(1, queue.top().number);

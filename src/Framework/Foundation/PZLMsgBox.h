@@ -33,14 +33,15 @@ class WorkerCore;
 ///            stays pending and ends the next Loop as soon as that is idle.
 /// Wake-ups:  a post wakes the loop when it sleeps, with one system call, and makes none while it
 ///            serves: it cannot fail for that then. Before it sleeps, the loop looks for more for
-///            up to 10 microseconds, when the last post came from another processor. A wait that
+///            up to 10 microseconds, when posts come from another processor. A wait that
 ///            fails is reported like a broken invariant and repeated after 100 milliseconds.
 /// Ownership: the box owns its payload copies, in memory that it keeps, and uses the memory of one
 ///            again after service. Copies of messages that are still queued when the box dies are
 ///            not released. Messages for an identifier that is not registered are dropped without
 ///            a report.
 /// Process:   three descriptors, above 2 where it is the loop's. A box that found none, or no
-///            memory, has reported that: its posts answer 1, and its Loop ends at once.
+///            memory, has reported that: its posts answer en_POST_FAILED, and its Loop ends at
+///            once.
 class PZ_API PZLMsgBox : public PZIMsgBox {
 public:
     /// One pending event.
@@ -78,7 +79,7 @@ private:
     struct PZ_LOCAL Waking;
 
     PZ_LOCAL bool MakeEvents();
-    PZ_LOCAL unsigned int RefusedLocked(unsigned int answer) const PZ_REQUIRES(msgSync_);
+    PZ_LOCAL EN_POST RefusedLocked(EN_POST answer) const PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool BeginLoop(unsigned int workerId);
     PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d, Waking& waking) PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool QueueLocked(const EventInfo& event, Waking& waking) PZ_REQUIRES(msgSync_);
@@ -106,6 +107,7 @@ private:
     PZ_LOCAL bool Reserve();
     PZ_LOCAL void GiveReservedBack();
     PZ_LOCAL unsigned int CountMessages();
+    PZ_LOCAL unsigned int HandlerRunsForMs() const;  // while one does; there is a loop
 
     friend class PZWorker;  // makes the events before the thread
     friend class pz::detail::WorkerCore;

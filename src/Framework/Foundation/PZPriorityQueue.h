@@ -33,12 +33,18 @@ public:
 
     /// Stores a copy behind all records that are served before it.
     void push(const que& element) {
-        const unsigned int priority = element.priority & 0xFFU;
+        que& stored = Insert(element.priority);
+        static_cast<T&>(stored) = element;
+    }
+
+    /// As push, without a copy: the caller fills in all but the priority of the answer, before
+    /// anything else is called.
+    que& Insert(unsigned int priority) {
         if (count_ == ring_.size()) Grow();
         // In front of all older elements of its level, because service is from the back.
-        que& stored = NewSlot(priority);
-        stored = element;
-        stored.priority = priority;
+        que& stored = NewSlot(priority & 0xFFU);
+        stored.priority = priority & 0xFFU;
+        return stored;
     }
 
     /// The element to be served next. The queue must not be empty.

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
-#include <ctime>
 #include <exception>
 #include <vector>
 
@@ -19,19 +18,10 @@ namespace pz::detail {
 
 namespace {
 
-constexpr long long kMsPerSecond = 1000;
-constexpr long long kNsPerMs = 1000000;
 constexpr std::chrono::milliseconds kNone(0);
 constexpr std::chrono::milliseconds kGrace(100);
 constexpr std::chrono::milliseconds kLookAgain(10);
 constexpr std::chrono::hours kLongest(24 * 365 * 30);
-
-/// A clock that costs next to nothing; a few milliseconds behind.
-long long coarse_ms() noexcept {
-    timespec now = {};
-    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
-}
 
 /// As the box counts it.
 unsigned int level_of(Priority priority) noexcept {
@@ -177,7 +167,12 @@ Posted WorkerCore::PostPlain(PlainJob& job, std::size_t size, Priority priority,
     PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, kPlain, level_of(priority), &job,
                                            static_cast<unsigned int>(size)};
     const Posted posted = Push(message, false);
-    if (posted != Posted::full || !MayWait(within)) return posted;
+    return posted != Posted::full || !MayWait(within) ? posted : PushLater(message, within);
+}
+
+/// When there is room in time.
+Posted WorkerCore::PushLater(PZIMsgBox::ST_PUSH_MSG_DATA& message,
+                             std::chrono::milliseconds within) noexcept {
     const Clock::time_point deadline = deadline_after(within);
     while (WaitForRoom(deadline)) {
         const Posted again = Push(message, false);
@@ -198,7 +193,9 @@ Posted WorkerCore::PostPlainByHand(const PlainJob& job, std::size_t size,
 
 Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
                          Posted& answer) noexcept {
-    const Clock::time_point deadline = MayWait(within) ? deadline_after(within) : Clock::now();
+    const bool mayWait = MayWait(within);
+    // The clock is not read without need: that costs as much as all the rest.
+    const Clock::time_point deadline = mayWait ? deadline_after(within) : Clock::time_point();
     do {
         bool hasRoom = false;
         {
@@ -214,7 +211,7 @@ Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
             }
         }
         if (hasRoom) GiveRoomBack();
-    } while (MayWait(within) && WaitForRoom(deadline));
+    } while (mayWait && WaitForRoom(deadline));
     if (!accepting_) answer = Posted::stopped;
     return nullptr;
 }
@@ -421,7 +418,6 @@ __attribute__((no_sanitize("null"))) void WorkerCore::RunFunction(const Place& p
     runningFile_.store(place.file, std::memory_order_relaxed);
     runningFunction_.store(place.function, std::memory_order_relaxed);
     runningLine_.store(place.line, std::memory_order_relaxed);
-    runningSinceMs_.store(coarse_ms(), std::memory_order_relaxed);
     isRunning_.store(true, std::memory_order_release);
     try {
         type.run(const_cast<void*>(room));
@@ -544,7 +540,7 @@ void WorkerCore::ReportHang(std::chrono::milliseconds waited) const noexcept {
         "worker [%s] has not ended within %lld ms: what was posted by %s()@%s(%d) has been running "
         "for %lld ms\n",
         name_, waitedMs, runningFunction_.load(), base_name(runningFile_.load()),
-        runningLine_.load(), coarse_ms() - runningSinceMs_.load());
+        runningLine_.load(), static_cast<long long>(box_.HandlerRunsForMs()));
 }
 
 void join_finished_cores() noexcept {

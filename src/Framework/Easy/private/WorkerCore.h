@@ -125,6 +125,8 @@ private:
     };
 
     Posted PostPlainByHand(const PlainJob& job, std::size_t size, Priority priority) noexcept;
+    Posted PushLater(PZIMsgBox::ST_PUSH_MSG_DATA& message,
+                     std::chrono::milliseconds within) noexcept;
     bool MayWait(std::chrono::milliseconds within) const noexcept;
     bool WaitForRoom(Clock::time_point deadline) noexcept;
     bool TakeRoomLocked() noexcept;
@@ -170,7 +172,6 @@ private:
     std::atomic<const char*> runningFile_{nullptr};
     std::atomic<const char*> runningFunction_{nullptr};
     std::atomic<int> runningLine_{0};
-    std::atomic<long long> runningSinceMs_{0};
 
     std::atomic<pthread_t> servingThread_{};
     std::atomic<bool> isServing_{false};  // servingThread_ is valid

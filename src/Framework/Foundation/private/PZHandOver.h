@@ -71,15 +71,19 @@ public:
     /// Under the lock: how many messages wait, reserved room included.
     unsigned int CountLocked() const { return posted_ - taken_.load(); }
 
-    /// Under the lock: puts a message in. The answer is for WakeFrom, which follows. Without memory
-    /// it throws std::bad_alloc, and nothing has changed.
-    Sleep PostLocked(const typename Queue::que& message) {
-        inbox_.push(message);
+    /// Under the lock: puts a message in, which `fill` is called with. The answer is for WakeFrom,
+    /// which follows. Without memory it throws std::bad_alloc, and nothing has changed.
+    template <typename Fill>
+    Sleep PostLocked(unsigned int priority, Fill fill) {
+        typename Queue::que& message = inbox_.Insert(priority);
+        fill(message);
         ++posted_;
-        const unsigned int level = LevelOf(inbox_);
-        if (level < urgency_.load()) urgency_.store(level);
+        if (message.priority < urgency_.load()) urgency_.store(message.priority);
         return AddedLocked();
     }
+
+    /// Under the lock, after a post: whether it is the only one that the loop has not fetched.
+    bool IsFirstLocked() const { return inbox_.size() == 1; }
 
     /// Under the lock, after a post: how many messages wait when they are more than `most`, else 0.
     /// What the loop has taken is looked up only when they may be more.
@@ -158,18 +162,13 @@ public:
     /// the next one, which stays.
     template <typename IsWanted>
     bool Take(IsWanted isWanted, Message& message) {
-        if (urgency_.load() < LevelOf(own_)) {
-            const typename Env::Guard guard(sync_);
-            if (!own_.empty()) {
-                const bool taken = TakeFrom(inbox_, isWanted, message);
-                urgency_.store(LevelOf(inbox_));
-                return taken;
-            }
-            std::swap(own_, inbox_);
-            urgency_.store(kNothing);
-        }
-        return TakeFrom(own_, isWanted, message);
+        if (urgency_.load() >= LevelOf(own_)) return TakeFrom(own_, isWanted, message);
+        return TakeWithInbox(isWanted, message);
     }
+
+    /// The loop: false when the next message is none of the most urgent level, unless such a one is
+    /// posted just now.
+    bool IsNextMostUrgent() const { return LevelOf(own_) == 0 || urgency_.load() == 0; }
 
     /// The loop: what it takes next, if nothing more urgent is posted meanwhile; null when it has
     /// to look into the inbox.
@@ -195,6 +194,19 @@ private:
         const Sleep sleep = sleep_.load();
         if (sleep != kAwake) wakers_.fetch_add(1);
         return sleep;
+    }
+
+    template <typename IsWanted>
+    __attribute__((noinline)) bool TakeWithInbox(IsWanted isWanted, Message& message) {
+        const typename Env::Guard guard(sync_);
+        if (!own_.empty()) {
+            const bool taken = TakeFrom(inbox_, isWanted, message);
+            urgency_.store(LevelOf(inbox_));
+            return taken;
+        }
+        std::swap(own_, inbox_);
+        urgency_.store(kNothing);
+        return TakeFrom(own_, isWanted, message);
     }
 
     template <typename IsWanted>

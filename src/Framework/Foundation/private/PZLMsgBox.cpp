@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <thread>
@@ -29,11 +30,10 @@ constexpr unsigned int kOneLevel = 0;      // all events are alike
 constexpr unsigned long kNoIdentifier = ~0UL;
 constexpr int kCallStackDepth = 10;
 
-// Results of the posts.
-constexpr unsigned int kSuccess = 0;
-constexpr unsigned int kFailure = 1;
-constexpr unsigned int kBadParameter = 2;
-constexpr unsigned int kFull = 3;
+/// The condition, laid out as one that mostly does not hold.
+constexpr bool is_rare(bool condition) {
+    return __builtin_expect(condition, false);
+}
 
 #if __SIZEOF_POINTER__ == 4
 using Stored = PZPriorityQueue<PZIMsgBox::ST_PUSH_MSG_DATA>::que;
@@ -69,6 +69,8 @@ public:
         }
         isInRow_ = false;
     }
+
+    std::uint32_t RunsForMs() const { return pz_inspection_now() - pz_inspect_get(box_.beganMs); }
 
     PZInspectedBox& Box() { return box_; }
 
@@ -266,34 +268,66 @@ int PZLMsgBox::CheckTrail(unsigned int n) {
     return trail_ == n ? 1 : 0;
 }
 
+/// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
+/// nothing changed, without memory. `waking` follows after the lock.
+__attribute__((always_inline)) inline bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d,
+                                                                  Waking& waking) {
+    if (kept_ == nullptr) return false;
+    const void* copy = nullptr;
+    if (d.Buff != nullptr) {
+        void* const room = kept_->payloads.Take(d.BuffSize);
+        if (room == nullptr) return false;
+        copy = std::memcpy(room, d.Buff, d.BuffSize);
+    }
+    // Before the loop can see it.
+    PZ_PROBE(msg_post, this, d.SID, d.MsgID, d.Priority, copy);
+    try {
+        const auto fill = [&d, copy](ST_PUSH_MSG_DATA& queued) {
+            queued.SID = d.SID;
+            queued.MsgID = d.MsgID;
+            queued.Priority = d.Priority;
+            queued.Buff = copy;
+            queued.BuffSize = d.BuffSize;
+        };
+        waking.From(*kept_, kept_->handOver.PostLocked(d.Priority, fill));
+    } catch (const std::bad_alloc&) {
+        if (copy != nullptr) kept_->payloads.GiveBack(copy);
+        return false;
+    }
+    if (copy != nullptr) d.Buff = copy;
+    kept_->ShowPostLocked();
+    if (kept_->handOver.IsFirstLocked()) kept_->look.NotePost();
+    return true;
+}
+
 unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
     Waking waking;
     {
         const PZSyncLock lock(msgSync_);
-        if (d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload)) {
+        if (is_rare(d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload))) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "param is NG [0x%08lx][%d]\n",
                                reinterpret_cast<unsigned long>(d.Buff),
                                static_cast<int>(d.BuffSize));
             PZCallStack::dumpDirectly(kCallStackDepth);
-            return RefusedLocked(kBadParameter);
+            return RefusedLocked(en_POST_BAD_SIZE);
         }
-        if (kept_ != nullptr && kept_->handOver.IsFullLocked()) {
+        if (is_rare(kept_ != nullptr && kept_->handOver.IsFullLocked())) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "msg queue is full : worker[%d]\n",
                                workerId_);
-            return RefusedLocked(kFull);
+            return RefusedLocked(en_POST_FULL);
         }
-        if (!QueueLocked(d, waking)) {
+        if (is_rare(!QueueLocked(d, waking))) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
-            return RefusedLocked(kFailure);
+            return RefusedLocked(en_POST_FAILED);
         }
     }
-    if (waking.Succeeds(true)) return kSuccess;
+    if (waking.Succeeds(true)) return en_POST_OK;
     PZ_REPORT_ERROR("SetEvent failed\n");
-    return kFailure;
+    return en_POST_FAILED;
 }
 
-/// Counts a post that is not answered with 0; the answer.
-unsigned int PZLMsgBox::RefusedLocked(unsigned int answer) const {
+/// Counts a post that is not answered with en_POST_OK; the answer.
+PZIMsgBox::EN_POST PZLMsgBox::RefusedLocked(EN_POST answer) const {
     if (kept_ != nullptr) kept_->CountRefused();
     return answer;
 }
@@ -331,30 +365,6 @@ unsigned int PZLMsgBox::CountMessages() {
     return kept_ != nullptr ? kept_->handOver.CountLocked() : 0;
 }
 
-/// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
-/// nothing changed, without memory. `waking` follows after the lock.
-bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d, Waking& waking) {
-    if (kept_ == nullptr) return false;
-    PZPriorityQueue<ST_PUSH_MSG_DATA>::que queued = {d, d.Priority};
-    if (d.Buff != nullptr) {
-        void* const copy = kept_->payloads.Take();
-        if (copy == nullptr) return false;
-        queued.Buff = std::memcpy(copy, d.Buff, d.BuffSize);
-    }
-    // Before the loop can see it.
-    PZ_PROBE(msg_post, this, queued.SID, queued.MsgID, queued.Priority, queued.Buff);
-    try {
-        waking.From(*kept_, kept_->handOver.PostLocked(queued));
-    } catch (const std::bad_alloc&) {
-        if (d.Buff != nullptr) kept_->payloads.GiveBack(queued.Buff);
-        return false;
-    }
-    d.Buff = queued.Buff;
-    kept_->ShowPostLocked();
-    kept_->look.NotePost();
-    return true;
-}
-
 unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
     Waking waking;
     {
@@ -362,16 +372,20 @@ unsigned int PZLMsgBox::SetEvent(unsigned int bits, unsigned long id) {
         if (events_.size() >= events_.capacity()) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "event is full : worker[%d]\n",
                                workerId_);
-            return RefusedLocked(kFull);
+            return RefusedLocked(en_POST_FULL);
         }
         if (!QueueLocked(EventInfo{bits, id}, waking)) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
-            return RefusedLocked(kFailure);
+            return RefusedLocked(en_POST_FAILED);
         }
     }
-    if (waking.Succeeds(true)) return kSuccess;
+    if (waking.Succeeds(true)) return en_POST_OK;
     PZ_REPORT_ERROR("SetEvent failed\n");
-    return kFailure;
+    return en_POST_FAILED;
+}
+
+unsigned int PZLMsgBox::HandlerRunsForMs() const {
+    return kept_->shown.RunsForMs();
 }
 
 /// False, and nothing changed, without memory. `waking` follows after the lock.
@@ -426,7 +440,7 @@ bool PZLMsgBox::TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg) {
     kept_->spent.Add(kept_->inService);
     kept_->inService = msg.Buff;
     const ST_PUSH_MSG_DATA* const next = kept_->handOver.NextOwn();
-    if (next != nullptr) PZPayloadStore::Prefetch(next->Buff);
+    if (next != nullptr) PZPayloadStore::PrefetchToRead(next->Buff, next->BuffSize);
     if (next == nullptr || kept_->spent.Count() >= kMostSpent) kept_->payloads.Give(kept_->spent);
     return true;
 }
@@ -448,7 +462,7 @@ const char* PZLMsgBox::WorkerNameLocked() const {
 
 int PZLMsgBox::GetAndExcuteEmgMessage() {
     ST_PUSH_MSG_DATA msg;
-    while (TakeMessage(true, msg)) DispatchMessage(msg);
+    while (kept_->handOver.IsNextMostUrgent() && TakeMessage(true, msg)) DispatchMessage(msg);
     return 1;
 }
 

@@ -25,32 +25,16 @@ void PZPayloadStore::CountFree(const Slot* slot) noexcept {
     }
 }
 
-void* PZPayloadStore::Take() noexcept {
-    if (free_ == nullptr) free_ = given_.exchange(nullptr, std::memory_order_acquire);
+/// Fetches what was given back, or makes more; free_ stays null without memory.
+void PZPayloadStore::Refill() noexcept {
+    free_ = given_.exchange(nullptr, std::memory_order_acquire);
     if (free_ == nullptr) Grow();
-    Slot* const slot = free_;
-    if (slot == nullptr) return nullptr;
-    free_ = slot->next;
-    if (free_ != nullptr) {  // whose lines its last reader has
-        __builtin_prefetch(free_, 1);
-        __builtin_prefetch(free_->bytes.data() + 64, 1);
-    }
-    return slot->bytes.data();
 }
 
 void PZPayloadStore::GiveBack(const void* bytes) noexcept {
     auto* const slot = static_cast<Slot*>(const_cast<void*>(bytes));
     slot->next = free_;
     free_ = slot;
-}
-
-void PZPayloadStore::Spent::Add(const void* bytes) noexcept {
-    if (bytes == nullptr) return;
-    auto* const slot = static_cast<Slot*>(const_cast<void*>(bytes));
-    slot->next = first_;
-    if (first_ == nullptr) last_ = slot;
-    first_ = slot;
-    ++count_;
 }
 
 void PZPayloadStore::Give(Spent& spent) noexcept {

@@ -10,11 +10,12 @@
 /// A loop's look for more work before it falls asleep: on several processors the next post is often
 /// under way, and a sleep with its wake-up takes longer than to wait for it awake.
 ///
-/// It takes 8 microseconds at most, by the monotonic clock. It is left out when the last post did
-/// not come from another processor: on one, nobody could post meanwhile. Each look without success
-/// doubles the number of sleeps until the next look, up to 64; a success makes it 0 again.
+/// It takes 8 microseconds at most, by the monotonic clock. It is left out when the last noted post
+/// did not come from another processor: on one, nobody could post meanwhile. Each look without
+/// success doubles the number of sleeps until the next look, up to 64; a success makes it 0 again.
 ///
-/// Threads: one loop looks; any thread notes its post.
+/// Threads: one loop looks; any thread notes its post. Of many that the loop has not fetched, the
+///          first is enough.
 class PZShortLook {
 public:
     /// A post, whatever it finds.
