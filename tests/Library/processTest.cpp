@@ -139,6 +139,11 @@ std::vector<void (*)(int)> signal_handling() {
     return handlers;
 }
 
+/// A thread that was joined is listed a moment longer.
+bool timer_threads_end() {
+    return HOLDS(pztest::wait_until([] { return pztest::threads_named(kTimerThreads).empty(); }));
+}
+
 }  // namespace
 
 TEST(processTest, LoadingStartsNothingAndLeavesSigpipe) {
@@ -243,7 +248,7 @@ TEST(processTest, AStartWithoutMemoryFailsAndCanBeRepeated) {
         }
         const bool fires = a_timer_fires();
         pz_FwFinalize();
-        return fires && HOLDS(pztest::threads_named(kTimerThreads).empty());
+        return fires && timer_threads_end();
     });
 }
 
@@ -260,7 +265,7 @@ TEST(processTest, AStartWithFewDescriptorsHasFewerTimerThreadsAndStops) {
         auto* const bands = PZLTimerMng::GetTimerMng();
         if (!HOLDS(bands->Find(255)->sub->addTimer(&timer, 0) == 0)) return false;
         pz_FwFinalize();
-        return HOLDS(pztest::threads_named(kTimerThreads).empty());
+        return timer_threads_end();
     });
 }
 
