@@ -205,6 +205,28 @@ TEST_F(EasyChannelTest, KeepsValuesInTheChannelWhileTheWorkerHasNoRoom) {
     EXPECT_TRUE(wait_until([&] { return received == 10; }));
 }
 
+TEST_F(EasyChannelTest, ValuesThatWaitForAReceiverGoWithIt) {
+    Gate gate;
+    ASSERT_EQ(pz::Posted::ok, worker.post([&] { gate.Pass(); }));
+    ASSERT_TRUE(gate.WaitForArrival());
+    while (worker.post_wait([] {}, 0ms) == pz::Posted::ok) {
+    }
+    std::atomic<unsigned int> last{0};
+    const auto take = [&](const Station& s) { last = s.kHz; };
+    pz::Sender<Station> out(channel);
+    {
+        const pz::Receiver<Station> in(worker, channel, take);
+        for (int i = 0; i < 10; ++i) ASSERT_EQ(Sent::ok, out.send({1, ""}));
+    }
+    gate.Open();
+    EXPECT_TRUE(worker.call([] {}));
+    EXPECT_EQ(0U, last);
+    const pz::Receiver<Station> in(worker, channel, take);
+    EXPECT_EQ(Sent::ok, out.send({2, ""}));
+    EXPECT_TRUE(wait_until([&] { return last != 0; }));
+    EXPECT_EQ(2U, last);
+}
+
 TEST_F(EasyChannelTest, ADestroyedReceiverDoesNotRunItsFunctionAnyMore) {
     pz::Sender<Station> out(channel);
     for (int round = 0; round < 20; ++round) {
