@@ -3,6 +3,7 @@
 //
 //   top_program MODE [NAME]
 
+#include <mqueue.h>
 #include <semaphore.h>
 #include <time.h>
 #include <unistd.h>

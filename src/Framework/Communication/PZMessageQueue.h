@@ -1,7 +1,6 @@
 #ifndef PZ_FRAMEWORK_COMMUNICATION_PZMESSAGEQUEUE_H
 #define PZ_FRAMEWORK_COMMUNICATION_PZMESSAGEQUEUE_H
 
-#include <mqueue.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -112,14 +111,14 @@ private:
     friend class PZMessageQueue<0>;
     friend class PZMessageQueue<1>;
 
-    static constexpr mqd_t kNoQueue = -1;
+    static constexpr int kNoQueue = -1;
 
     PZ_LOCAL bool open(const OpenParam& p, unsigned int sides);
     PZ_LOCAL int post(const unsigned char* message, size_t length,
                       unsigned int systemPriority) const;
     PZ_LOCAL int reportRefusal(int error) const;
 
-    mqd_t handle_ = kNoQueue;
+    int handle_ = kNoQueue;               // a mqd_t
     char name_[kMaxNameLength + 1] = {};  // without "/"
     // The byte after the longest message: as many bytes are handed on as were received, from the
     // second one on.

@@ -1,6 +1,7 @@
 #include "Framework/Communication/PZMessageQueue.h"
 
 #include <fcntl.h>
+#include <mqueue.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <type_traits>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
@@ -36,7 +38,7 @@ constexpr int kCapacity = 64;              // of the queues of <0> and <1>
 constexpr unsigned int kWatchTimeMs = 4000;
 constexpr long kRetryPauseNs = 100000000;  // 100 ms
 
-static_assert(sizeof(mqd_t) == 4, "record layout");
+static_assert(std::is_same_v<mqd_t, int>, "the header says so without the system's header");
 static_assert(sizeof(PZMessageQueue<2>) == 1064, "record layout: 4 + 33 + 1025, padded");
 
 /// A queue's system-wide name.
