@@ -26,6 +26,10 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
+PZ_INTERPOSE(pthread_mutex_lock, 1, EINVAL);
+PZ_INTERPOSE(pthread_mutex_trylock, 1, EINVAL);
+PZ_INTERPOSE(pthread_mutex_unlock, 1, EINVAL);
+
 // One process; the guard's two sides are two objects in it.
 
 namespace {
@@ -59,9 +63,6 @@ Interposed<int(pthread_mutexattr_t*, int)> setpshared_call("pthread_mutexattr_se
 Interposed<int(pthread_mutex_t*, const pthread_mutexattr_t*)> init_call("pthread_mutex_init",
                                                                         EINVAL);
 Interposed<int(pthread_mutex_t*)> destroy_call("pthread_mutex_destroy", EBUSY);
-Interposed<int(pthread_mutex_t*)> lock_call("pthread_mutex_lock", EINVAL);
-Interposed<int(pthread_mutex_t*)> trylock_call("pthread_mutex_trylock", EINVAL);
-Interposed<int(pthread_mutex_t*)> unlock_call("pthread_mutex_unlock", EINVAL);
 
 void reset_calls() {
     ftok_call.Reset();
@@ -78,9 +79,9 @@ void reset_calls() {
     setpshared_call.Reset();
     init_call.Reset();
     destroy_call.Reset();
-    lock_call.Reset();
-    trylock_call.Reset();
-    unlock_call.Reset();
+    pthread_mutex_lock_call.Reset();
+    pthread_mutex_trylock_call.Reset();
+    pthread_mutex_unlock_call.Reset();
 }
 
 /// The segments that are attached. A system side never detaches its own, and the machine has a
@@ -199,15 +200,6 @@ int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* mutexa
 int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept {
     note("destroy mutex");
     return destroy_call(mutex);
-}
-int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    return lock_call(mutex);
-}
-int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
-    return trylock_call(mutex);
-}
-int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-    return unlock_call(mutex);
 }
 
 }  // extern "C"
@@ -1050,14 +1042,14 @@ TEST_F(PZFileGuardTest, DoesNotExcludeGuardsOfOtherFiles) {
 TEST_F(PZFileGuardTest, ReportsAMutexThatIsNoMutex) {
     PZFileGuard guard(dir_, name_);
     ASSERT_TRUE(guard.initForSystem());
-    lock_call.FailNext(0);
+    pthread_mutex_lock_call.FailNext(0);
     EXPECT_FALSE(guard.lock());
     ExpectReports({{"lock", "PZFileGuard::lock() pthread_mutex_lock() Failed [Invalid argument]"}});
-    trylock_call.FailNext(0);
+    pthread_mutex_trylock_call.FailNext(0);
     EXPECT_FALSE(guard.tryLock());
     ExpectReports(
         {{"tryLock", "PZFileGuard::tryLock() pthread_mutex_trylock() Failed [Invalid argument]"}});
-    unlock_call.FailNext(0);
+    pthread_mutex_unlock_call.FailNext(0);
     EXPECT_FALSE(guard.unlock());
     ExpectReports(
         {{"unlock", "PZFileGuard::unlock() pthread_mutex_unlock() Failed [Invalid argument]"}});
@@ -1083,7 +1075,8 @@ TEST_F(PZFileGuardTest, RefusesAMutexOfAnotherKind) {
     EXPECT_FALSE(guard.unlock());
     ExpectReports(
         {{"unlock", "PZFileGuard::unlock() pthread_mutex_unlock() Failed [Invalid argument]"}});
-    EXPECT_EQ(0, lock_call.Calls() + trylock_call.Calls() + unlock_call.Calls());
+    EXPECT_EQ(0, pthread_mutex_lock_call.Calls() + pthread_mutex_trylock_call.Calls() +
+                     pthread_mutex_unlock_call.Calls());
     pthread_mutex_destroy(&priorityInheriting);
 }
 
@@ -1109,13 +1102,13 @@ TEST_F(PZFileGuardTest, LocksAFreeMutexThatCarriesAnOwnersName) {
 TEST_F(PZFileGuardTest, TakesEveryOtherResultOfTheMutexForSuccess) {
     PZFileGuard guard(dir_, name_);
     ASSERT_TRUE(guard.initForSystem());
-    lock_call.Replace(+[](pthread_mutex_t*) { return EAGAIN; });
-    trylock_call.Replace(+[](pthread_mutex_t*) { return EAGAIN; });
-    unlock_call.Replace(+[](pthread_mutex_t*) { return EPERM; });
+    pthread_mutex_lock_call.Replace(+[](pthread_mutex_t*) { return EAGAIN; });
+    pthread_mutex_trylock_call.Replace(+[](pthread_mutex_t*) { return EAGAIN; });
+    pthread_mutex_unlock_call.Replace(+[](pthread_mutex_t*) { return EPERM; });
     const bool locked = guard.lock();
     const bool triedToo = guard.tryLock();
     const bool unlocked = guard.unlock();
-    lock_call.Replace(+[](pthread_mutex_t*) { return EBUSY; });
+    pthread_mutex_lock_call.Replace(+[](pthread_mutex_t*) { return EBUSY; });
     const bool lockedBusy = guard.lock();
     reset_calls();
     EXPECT_TRUE(locked);

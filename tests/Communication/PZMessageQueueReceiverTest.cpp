@@ -33,42 +33,18 @@
 #include "support/TestQueue.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(mq_timedsend, 5);
+PZ_INTERPOSE(mq_receive, 4);
+PZ_INTERPOSE(pthread_create, 4, EAGAIN);
+PZ_INTERPOSE(pthread_join, 2, EINVAL);
+PZ_INTERPOSE(nanosleep, 2);
+
 namespace {
-
-using ThreadEntry = void* (*)(void*);
-
-pztest::Interposed<int(mqd_t, const char*, size_t, unsigned int, const timespec*)>
-    mq_timedsend_call("mq_timedsend");
-pztest::Interposed<ssize_t(mqd_t, char*, size_t, unsigned int*)> mq_receive_call("mq_receive");
-pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
-    "pthread_create", EAGAIN);
-pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EINVAL);
-pztest::Interposed<int(const timespec*, timespec*)> nanosleep_call("nanosleep");
 
 std::atomic<int> into_waits{0};
 std::atomic<int> out_waits{0};
 
 }  // namespace
-
-extern "C" {
-int mq_timedsend(mqd_t mqdes, const char* msg_ptr, size_t msg_len, unsigned int msg_prio,
-                 const timespec* abs_timeout) {
-    return mq_timedsend_call(mqdes, msg_ptr, msg_len, msg_prio, abs_timeout);
-}
-ssize_t mq_receive(mqd_t mqdes, char* msg_ptr, size_t msg_len, unsigned int* msg_prio) {
-    return mq_receive_call(mqdes, msg_ptr, msg_len, msg_prio);
-}
-int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
-                   void* arg) noexcept {
-    return pthread_create_call(newthread, attr, start_routine, arg);
-}
-int pthread_join(pthread_t th, void** thread_return) {
-    return pthread_join_call(th, thread_return);
-}
-int nanosleep(const timespec* requested_time, timespec* remaining) {
-    return nanosleep_call(requested_time, remaining);
-}
-}
 
 // The watchdog's hooks do nothing: counting them is the only way to see the calls.
 void PZWatchDog::IntoWait() {

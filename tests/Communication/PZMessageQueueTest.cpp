@@ -27,27 +27,9 @@
 #include "support/TestQueue.h"
 #include "support/WaitUntil.h"
 
-namespace {
-
-pztest::Interposed<int(mqd_t, mq_attr*)> mq_getattr_call("mq_getattr");
-pztest::Interposed<int(mqd_t, const char*, size_t, unsigned int, const timespec*)>
-    mq_timedsend_call("mq_timedsend");
-pztest::Interposed<ssize_t(mqd_t, char*, size_t, unsigned int*)> mq_receive_call("mq_receive");
-
-}  // namespace
-
-extern "C" {
-int mq_getattr(mqd_t mqdes, mq_attr* mqstat) noexcept {
-    return mq_getattr_call(mqdes, mqstat);
-}
-int mq_timedsend(mqd_t mqdes, const char* msg_ptr, size_t msg_len, unsigned int msg_prio,
-                 const timespec* abs_timeout) {
-    return mq_timedsend_call(mqdes, msg_ptr, msg_len, msg_prio, abs_timeout);
-}
-ssize_t mq_receive(mqd_t mqdes, char* msg_ptr, size_t msg_len, unsigned int* msg_prio) {
-    return mq_receive_call(mqdes, msg_ptr, msg_len, msg_prio);
-}
-}
+PZ_INTERPOSE(mq_getattr, 2);
+PZ_INTERPOSE(mq_timedsend, 5);
+PZ_INTERPOSE(mq_receive, 4);
 
 namespace {
 

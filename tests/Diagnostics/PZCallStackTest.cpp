@@ -20,11 +20,11 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
+PZ_INTERPOSE(backtrace_symbols, 2);
+
 namespace {
 
-pztest::Interposed<char**(void* const*, int)> backtrace_symbols_call("backtrace_symbols", nullptr);
-pztest::Interposed<char*(const char*, char*, size_t*, int*)> demangle_call("__cxa_demangle",
-                                                                           nullptr);
+pztest::Interposed<char*(const char*, char*, size_t*, int*)> demangle_call("__cxa_demangle");
 
 int translated_frames = 0;  // of the latest call of the fakes below
 
@@ -108,9 +108,6 @@ protected:
 
 }  // namespace
 
-extern "C" char** backtrace_symbols(void* const* array, int size) noexcept {
-    return backtrace_symbols_call(array, size);
-}
 extern "C" char* __cxa_demangle(const char* name, char* buffer, size_t* length, int* status) {
     return demangle_call(name, buffer, length, status);
 }

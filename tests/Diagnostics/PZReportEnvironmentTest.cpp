@@ -13,6 +13,8 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
+PZ_INTERPOSE(secure_getenv, 1);
+
 // What PZ_REPORT asks for. It is read once in a process: each test has a child of its own, and this
 // process reports nothing.
 
@@ -22,8 +24,6 @@ using Output = PZDbgOutput;
 
 constexpr char kUnknownWords[] =
     " : plain, colour, auto, time, thread, nopad, stderr, demangled, repeats\n";
-
-pztest::Interposed<char*(const char*)> secure_getenv_call("secure_getenv", nullptr);
 
 void info(const char* message) {
     Output::DbgPrint("../x/unit", "f", 12, Output::en_TAG_INFO, "%s", message);
@@ -42,9 +42,6 @@ std::string printed_with(
 
 }  // namespace
 
-extern "C" char* secure_getenv(const char* name) noexcept {
-    return secure_getenv_call(name);
-}
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
 

@@ -13,10 +13,10 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
-namespace {
+PZ_INTERPOSE(backtrace, 2);
+PZ_INTERPOSE(backtrace_symbols, 2);
 
-pztest::Interposed<int(void**, int)> backtrace_call("backtrace");
-pztest::Interposed<char**(void* const*, int)> backtrace_symbols_call("backtrace_symbols", nullptr);
+namespace {
 
 int captured_three_frames(void** /*array*/, int /*size*/) {
     errno = ENOMEM;  // as when the unwinder is loaded on its first use
@@ -49,12 +49,6 @@ protected:
 
 }  // namespace
 
-extern "C" int backtrace(void** array, int size) {
-    return backtrace_call(array, size);
-}
-extern "C" char** backtrace_symbols(void* const* array, int size) noexcept {
-    return backtrace_symbols_call(array, size);
-}
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
 

@@ -23,6 +23,8 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(clock_gettime, 2);
+
 using namespace std::chrono_literals;
 using pztest::Gate;
 using pztest::run_in_child;
@@ -32,7 +34,6 @@ using pztest::wait_until;
 
 namespace {
 
-pztest::Interposed<int(clockid_t, timespec*)> clock_gettime_call("clock_gettime");
 std::atomic<long long> tick_ahead_ns{0};
 
 constexpr long long kNsPerSecond = 1000000000;
@@ -75,10 +76,6 @@ public:
 };
 
 }  // namespace
-
-extern "C" int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
-    return clock_gettime_call(clock_id, tp);
-}
 
 TEST(EasyFrameworkTest, StartsAndEndsTheFramework) {
     const auto result = run_in_child([] {

@@ -22,26 +22,15 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(fsync, 1);
+PZ_INTERPOSE(rename, 2);
+
 using namespace std::chrono_literals;
 using pztest::read_file;
 using pztest::StdoutCapture;
 using pztest::TempDir;
 using pztest::wait_until;
 using pztest::write_file;
-
-namespace {
-
-pztest::Interposed<int(int)> fsync_call("fsync");
-pztest::Interposed<int(const char*, const char*)> rename_call("rename");
-
-}  // namespace
-
-extern "C" int fsync(int fd) {
-    return fsync_call(fd);
-}
-extern "C" int rename(const char* from, const char* to) noexcept {
-    return rename_call(from, to);
-}
 
 class EasyGuardedFileTest : public testing::Test {
 protected:

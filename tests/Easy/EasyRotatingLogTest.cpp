@@ -26,6 +26,8 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(flock, 2);
+
 using namespace pz::literals;
 using pztest::read_file;
 using pztest::StdoutCapture;
@@ -34,8 +36,6 @@ using pztest::wait_until;
 using pztest::write_file;
 
 namespace {
-
-pztest::Interposed<int(int, int)> flock_call("flock");
 
 /// All bytes of the log's files.
 std::uintmax_t size_of(const std::string& folder) {
@@ -64,10 +64,6 @@ std::vector<int> numbers_in(const std::string& folder, unsigned int generations)
 }
 
 }  // namespace
-
-extern "C" int flock(int fd, int operation) noexcept {
-    return flock_call(fd, operation);
-}
 
 class EasyRotatingLogTest : public testing::Test {
 protected:

@@ -20,6 +20,8 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(sem_post, 1);
+
 using namespace std::chrono_literals;
 using Steady = std::chrono::steady_clock;
 using pztest::Gate;
@@ -28,7 +30,6 @@ using pztest::wait_until;
 
 namespace {
 
-pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
 thread_local bool is_held_up = false;
 
 /// Gives others the time to go on with what the calling thread has just let go.
@@ -39,10 +40,6 @@ int post_and_pause(sem_t* sem) {
 }
 
 }  // namespace
-
-extern "C" int sem_post(sem_t* sem) noexcept {
-    return sem_post_call(sem);
-}
 
 class EasyTimerTest : public testing::Test {
 protected:

@@ -22,6 +22,9 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(read, 3);
+PZ_INTERPOSE(write, 3);
+
 using pztest::has_report;
 using pztest::StdoutCapture;
 using pztest::wait_until;
@@ -31,9 +34,6 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr int kFdsLookedAt = 64;
-
-pztest::Interposed<ssize_t(int, void*, size_t)> read_call("read");
-pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
 
 class PZBoxWaitTest : public testing::Test {
 protected:
@@ -60,13 +60,6 @@ protected:
 void ignore_signal(int /*signal*/) {}
 
 }  // namespace
-
-extern "C" ssize_t read(int fd, void* buf, size_t n) {
-    return read_call(fd, buf, n);
-}
-extern "C" ssize_t write(int fd, const void* buf, size_t n) {
-    return write_call(fd, buf, n);
-}
 
 // The first in this file: of a process that has never waited.
 TEST(PZBoxWaitSigpipeTest, IsSetToBeIgnoredAtTheFirstWaitOnly) {

@@ -39,6 +39,14 @@
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
+PZ_INTERPOSE(gettimeofday, 2);
+PZ_INTERPOSE(gmtime_r, 2);
+PZ_INTERPOSE(localtime, 1);
+PZ_INTERPOSE(mktime, 1);
+PZ_INTERPOSE(fork, 0);
+PZ_INTERPOSE(waitpid, 3);
+PZ_INTERPOSE(mkdtemp, 1);
+
 // Nothing here may touch the machine's clocks: the date program and the real-time clock exist only
 // as the fakes below, which refuse as long as a test asks for nothing else, and the zone file is
 // never copied to its real place.
@@ -61,11 +69,6 @@ namespace {
 using Clock = PZClock::ST_CLOCK;
 
 // The C library's clock and calendar.
-
-pztest::Interposed<int(timeval*, void*)> gettimeofday_call("gettimeofday");
-pztest::Interposed<tm*(const time_t*, tm*)> gmtime_r_call("gmtime_r", nullptr);
-pztest::Interposed<tm*(const time_t*)> localtime_call("localtime", nullptr);
-pztest::Interposed<time_t(tm*)> mktime_call("mktime");
 
 timeval fake_now = {};
 int tell_fake_now(timeval* now, void*) {
@@ -120,9 +123,6 @@ int set_rtc(int device, const rtc_time* time) {
 
 using DateProgram = int (*)(const std::vector<std::string>& words);
 DateProgram date_program = nullptr;
-
-pztest::Interposed<pid_t()> fork_call("fork");
-pztest::Interposed<pid_t(pid_t, int*, int)> waitpid_call("waitpid");
 
 pid_t fork_to_child() {
     return 0;
@@ -187,7 +187,6 @@ char daylight_name[] = "XDT";
 
 pztest::Interposed<int(int, const char*, const timespec*, int)> utimensat_call("utimensat");
 pztest::Interposed<int(const char*, const char*)> rename_call("rename");
-pztest::Interposed<char*(char*)> mkdtemp_call("mkdtemp", nullptr);
 pztest::Interposed<bool(const char*, const char*, bool, bool)> copy_call(
     "_ZN9PZFileSys4CopyEPKcS1_bb");
 
@@ -243,18 +242,6 @@ std::string copy_step(const std::string& path) {
 
 }  // namespace
 
-extern "C" int gettimeofday(timeval* tv, void* tz) noexcept {
-    return gettimeofday_call(tv, tz);
-}
-extern "C" tm* gmtime_r(const time_t* timer, tm* tp) noexcept {
-    return gmtime_r_call(timer, tp);
-}
-extern "C" tm* localtime(const time_t* timer) noexcept {
-    return localtime_call(timer);
-}
-extern "C" time_t mktime(tm* tp) noexcept {
-    return mktime_call(tp);
-}
 extern "C" int open(const char* file, int oflag, ...) {
     if (std::strcmp(file, "/dev/rtc0") == 0) return open_rtc(oflag);
     va_list args;
@@ -289,15 +276,6 @@ extern "C" int utimensat(int fd, const char* path, const timespec* times, int fl
 extern "C" int rename(const char* from, const char* to) noexcept {
     // As long as nothing is copied for real, there is nothing to rename either.
     return zone_file_copy.empty() ? 0 : rename_call(from, redirected(to));
-}
-extern "C" char* mkdtemp(char* name) noexcept {
-    return mkdtemp_call(name);
-}
-extern "C" pid_t fork() noexcept {
-    return fork_call();
-}
-extern "C" pid_t waitpid(pid_t pid, int* stat_loc, int options) {
-    return waitpid_call(pid, stat_loc, options);
 }
 extern "C" int execl(const char* path, const char* arg, ...) noexcept {
     std::vector<std::string> words = {path};

@@ -29,6 +29,13 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(epoll_create1, 1);
+PZ_INTERPOSE(epoll_ctl, 4);
+PZ_INTERPOSE(epoll_wait, 4);
+PZ_INTERPOSE(read, 3);
+PZ_INTERPOSE(write, 3);
+PZ_INTERPOSE(close, 1);
+
 using pztest::error_messages;
 using pztest::has_report;
 using pztest::open_descriptors;
@@ -45,12 +52,6 @@ constexpr int kTimedOut = -2;
 constexpr int kError = -3;
 
 pztest::Interposed<int(int*, int)> pipe_call("pipe2");
-pztest::Interposed<int(int)> epoll_create_call("epoll_create1");
-pztest::Interposed<int(int, int, int, epoll_event*)> epoll_ctl_call("epoll_ctl");
-pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
-pztest::Interposed<ssize_t(int, void*, size_t)> read_call("read");
-pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
-pztest::Interposed<int(int)> close_call("close");
 
 bool fcntl_fails = false;
 int fcntl_calls = 0;
@@ -220,7 +221,7 @@ protected:
 private:
     static void DisarmAll() {
         pipe_call.Reset();
-        epoll_create_call.Reset();
+        epoll_create1_call.Reset();
         epoll_ctl_call.Reset();
         epoll_wait_call.Reset();
         read_call.Reset();
@@ -251,24 +252,6 @@ extern "C" int pipe2(int* pipedes, int flags) noexcept {
     const int result = pipe_call(pipedes, flags);
     if (result == 0) last_pipe = {pipedes[0], pipedes[1]};
     return result;
-}
-extern "C" int epoll_create1(int flags) noexcept {
-    return epoll_create_call(flags);
-}
-extern "C" int epoll_ctl(int epfd, int op, int fd, epoll_event* event) noexcept {
-    return epoll_ctl_call(epfd, op, fd, event);
-}
-extern "C" int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    return epoll_wait_call(epfd, events, maxevents, timeout);
-}
-extern "C" ssize_t read(int fd, void* buf, size_t nbytes) {
-    return read_call(fd, buf, nbytes);
-}
-extern "C" ssize_t write(int fd, const void* buf, size_t n) {
-    return write_call(fd, buf, n);
-}
-extern "C" int close(int fd) {
-    return close_call(fd);
 }
 // The name behind fcntl in code that is built for large files, as the library is.
 extern "C" int fcntl64(int fd, int cmd, ...) {
@@ -656,7 +639,7 @@ TEST_F(PZEventTest, ResetsWithoutSignals) {
 TEST_F(PZEventTest, AnswersTrueToAResetThatFails) {
     StdoutCapture output;
     a.Set(2);
-    epoll_create_call.FailNext(EMFILE);
+    epoll_create1_call.FailNext(EMFILE);
     EXPECT_TRUE(a.event.ResetEvent());
     EXPECT_EQ(2, a.Pending());
     EXPECT_TRUE(has_report(output.Take(), "timedMultiWait", "PZEvent.cpp", std_error(EMFILE)));
@@ -857,7 +840,7 @@ TEST_F(PZEventTest, GivesEveryRoundTheFullTimeOutAndRoomForTheRest) {
     EXPECT_EQ(5000, waits_seen[0].timeoutMs);
     EXPECT_EQ(1, waits_seen[1].room);
     EXPECT_EQ(5000, waits_seen[1].timeoutMs);
-    EXPECT_EQ(1, epoll_create_call.Calls());
+    EXPECT_EQ(1, epoll_create1_call.Calls());
 }
 
 TEST_F(PZEventTest, LeavesTheReadyEventsOutOfTheNextRound) {
@@ -914,7 +897,7 @@ TEST_F(PZEventTest, AnswersFromTheEngineLikeAMultipleWait) {
     a.Set(1);
     b.Set(1);
     EXPECT_EQ(0, PZEvent::timedMultiWait(2, both, true, kNoLimit));
-    epoll_create_call.FailNext(ENOMEM);
+    epoll_create1_call.FailNext(ENOMEM);
     StdoutCapture output;
     EXPECT_EQ(kError, PZEvent::timedMultiWait(2, both, true, kNoLimit));
 }
@@ -998,7 +981,7 @@ TEST_F(PZEventTest, MakesOneEpollDescriptorPerWaitAndClosesIt) {
     b.Set(1);
     close_call.Reset();
     EXPECT_EQ(0, PZEvent::WaitMultipleEvent(2, both, 0, true));
-    EXPECT_EQ(1, epoll_create_call.Calls());
+    EXPECT_EQ(1, epoll_create1_call.Calls());
     EXPECT_EQ(1, close_call.Calls());
     b.Set(1);
     EXPECT_EQ(1, PZEvent::WaitMultipleEvent(2, both, 0, false));
@@ -1043,7 +1026,7 @@ TEST_F(PZEventTest, DoesNotAllocateMemory) {
 TEST_F(PZEventTest, ReportsAFailingEpollCreate) {
     StdoutCapture output;
     a.Set(1);
-    epoll_create_call.FailNext(EMFILE, 3);
+    epoll_create1_call.FailNext(EMFILE, 3);
     EXPECT_EQ(kError, a.event.WaitEvent(kNoLimit));
     EXPECT_EQ(kError, PZEvent::WaitMultipleEvent(2, both, kNoLimit, false));
     EXPECT_EQ(kError, PZEvent::WaitMultipleEvent(2, both, kNoLimit, true));

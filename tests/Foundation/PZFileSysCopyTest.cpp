@@ -28,16 +28,16 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(fopen64, 2);
+PZ_INTERPOSE(unlinkat, 3);
+PZ_INTERPOSE(mkdir, 2);
+PZ_INTERPOSE(getdents64, 3);
+PZ_INTERPOSE(copy_file_range, 6);
+
 namespace {
 
 pztest::Interposed<size_t(void*, size_t, size_t, FILE*)> fread_call("fread", 0);
 pztest::Interposed<size_t(const void*, size_t, size_t, FILE*)> fwrite_call("fwrite", 0);
-pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
-pztest::Interposed<int(int, const char*, int)> unlinkat_call("unlinkat");
-pztest::Interposed<int(const char*, mode_t)> mkdir_call("mkdir");
-pztest::Interposed<ssize_t(int, void*, size_t)> getdents_call("getdents64");
-pztest::Interposed<ssize_t(int, off64_t*, int, off64_t*, size_t, unsigned int)>
-    copy_file_range_call("copy_file_range");
 
 int syncs;
 std::atomic<bool> watching{false};  // the calls of the copy, not those of the test
@@ -55,22 +55,6 @@ extern "C" size_t fread(void* data, size_t size, size_t count, FILE* stream) {
 extern "C" size_t fwrite(const void* data, size_t size, size_t count, FILE* stream) {
     return watching ? fwrite_call(data, size, count, stream)
                     : fwrite_call.Real(data, size, count, stream);
-}
-extern "C" FILE* fopen64(const char* path, const char* mode) {
-    return fopen_call(path, mode);
-}
-extern "C" int mkdir(const char* path, mode_t mode) noexcept {
-    return mkdir_call(path, mode);
-}
-extern "C" ssize_t getdents64(int fd, void* entries, size_t size) noexcept {
-    return getdents_call(fd, entries, size);
-}
-extern "C" ssize_t copy_file_range(int in, off64_t* inOffset, int out, off64_t* outOffset,
-                                   size_t length, unsigned int flags) {
-    return copy_file_range_call(in, inOffset, out, outOffset, length, flags);
-}
-extern "C" int unlinkat(int fd, const char* path, int flags) noexcept {
-    return unlinkat_call(fd, path, flags);
 }
 
 namespace {
@@ -113,7 +97,7 @@ ssize_t read_bad_source(void* /*cookie*/, char* data, size_t size) {
 }
 
 FILE* open_bad_source(const char* path, const char* mode) {
-    if (badSource.path != path) return fopen_call.Real(path, mode);
+    if (badSource.path != path) return fopen64_call.Real(path, mode);
     cookie_io_functions_t calls = {};
     calls.read = &read_bad_source;
     return fopencookie(nullptr, "r", calls);
@@ -144,10 +128,10 @@ protected:
     PZFileSysCopyTest() {
         fread_call.Reset();
         fwrite_call.Reset();
-        fopen_call.Reset();
+        fopen64_call.Reset();
         unlinkat_call.Reset();
         mkdir_call.Reset();
-        getdents_call.Reset();
+        getdents64_call.Reset();
         copy_file_range_call.Reset();
         asked.clear();
         written.clear();
@@ -155,9 +139,9 @@ protected:
     }
     ~PZFileSysCopyTest() override {
         watching = false;
-        fopen_call.Reset();
+        fopen64_call.Reset();
         mkdir_call.Reset();
-        getdents_call.Reset();
+        getdents64_call.Reset();
         copy_file_range_call.Reset();
     }
 
@@ -319,7 +303,7 @@ TEST_F(PZFileSysCopyTest, CopiesWhatAGrowingFileHasGotMeanwhile) {
         const ssize_t copied =
             copy_file_range_call.Real(in, inOffset, out, outOffset, length, flags);
         if (copied == 0) {  // the kernel has met the end
-            FILE* const more = fopen_call.Real(growing.c_str(), "ab");
+            FILE* const more = fopen64_call.Real(growing.c_str(), "ab");
             std::fputs("more", more);
             std::fclose(more);
         }
@@ -405,7 +389,7 @@ TEST_F(PZFileSysCopyTest, ReportsADestinationThatCannotBeOpened) {
 TEST_F(PZFileSysCopyTest, StopsAtAFailedReadAndLeavesTheChunksBeforeIt) {
     const std::string dst = dir.File("dst");
     badSource = {Make("src", "never read"), 2048};
-    fopen_call.Replace(open_bad_source);
+    fopen64_call.Replace(open_bad_source);
     EXPECT_FALSE(Copy(badSource.path, dst));
     EXPECT_EQ(Messages{"failed to read [" + badSource.path + "]"}, Reports());
     EXPECT_EQ(std::string(2048, 'x'), pztest::read_file(dst));
@@ -546,7 +530,7 @@ TEST_F(PZFileSysCopyTest, ClosesItsFilesHoweverTheCopyEnds) {
     watching = false;
     EXPECT_EQ(before, pztest::open_descriptors());
     badSource = {src, 1024};
-    fopen_call.Replace(open_bad_source);
+    fopen64_call.Replace(open_bad_source);
     EXPECT_FALSE(Copy(src, dst));
     EXPECT_EQ(before, pztest::open_descriptors());
 }
@@ -739,9 +723,9 @@ int lose_to_a_directory(const char* path, mode_t mode) {
 
 /// Whoever opens the source finds that the destination has appeared since it looked.
 FILE* lose_to_a_file(const char* path, const char* mode) {
-    FILE* const stream = fopen_call.Real(path, mode);
+    FILE* const stream = fopen64_call.Real(path, mode);
     if (path != opened) return stream;
-    FILE* const winner = fopen_call.Real(contested.c_str(), "wb");
+    FILE* const winner = fopen64_call.Real(contested.c_str(), "wb");
     std::fputs("winner", winner);
     std::fclose(winner);
     return stream;
@@ -749,7 +733,7 @@ FILE* lose_to_a_file(const char* path, const char* mode) {
 
 FILE* lose_a_file_to_a_directory(const char* path, const char* mode) {
     if (path == opened) make_winner();
-    return fopen_call.Real(path, mode);
+    return fopen64_call.Real(path, mode);
 }
 
 }  // namespace
@@ -770,7 +754,7 @@ TEST_F(PZFileSysCopyTest, LeavesAFileAloneThatHasAppearedMeanwhile) {
     const std::string src = Make("src", "x");
     opened = src;
     contested = dir.File("dst");
-    fopen_call.Replace(lose_to_a_file);
+    fopen64_call.Replace(lose_to_a_file);
     EXPECT_FALSE(PZFileSys::Move(src.c_str(), contested.c_str()));
     EXPECT_EQ("winner", pztest::read_file(contested));
     EXPECT_TRUE(pztest::has_report(output.Take(), "copyFile", "PZFileSys.cpp",
@@ -781,7 +765,7 @@ TEST_F(PZFileSysCopyTest, LeavesADirectoryAloneThatHasAppearedInThePlaceOfAFile)
     const std::string src = Make("src", "x");
     opened = src;
     contested = dir.File("dst");
-    fopen_call.Replace(lose_a_file_to_a_directory);
+    fopen64_call.Replace(lose_a_file_to_a_directory);
     EXPECT_FALSE(PZFileSys::Move(src.c_str(), contested.c_str()));
     EXPECT_EQ("w", pztest::read_file(contested + "/winner"));
 }
@@ -885,8 +869,8 @@ TEST_F(PZFileSysCopyTest, FailsAMoveWhoseSourceCannotBeOpenedForRemovalForWantOf
     Make("a/f", "1");
     ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
     // The descriptors run out once everything is copied: with the end of the listing.
-    getdents_call.Replace([](int fd, void* entries, size_t size) {
-        const ssize_t got = getdents_call.Real(fd, entries, size);
+    getdents64_call.Replace([](int fd, void* entries, size_t size) {
+        const ssize_t got = getdents64_call.Real(fd, entries, size);
         if (got == 0) {
             const rlimit limit = {3, before.rlim_max};
             ::setrlimit(RLIMIT_NOFILE, &limit);
@@ -907,7 +891,7 @@ TEST_F(PZFileSysCopyTest, FailsWhenAListingFails) {
     const std::string src = MakeTree();
     // The entries of the folder, those of the ones in it, and the end of each.
     for (int skip = 0; skip < 6; ++skip) {
-        getdents_call.FailNext(EIO, 1, skip);
+        getdents64_call.FailNext(EIO, 1, skip);
         EXPECT_FALSE(PZFileSys::Move(src.c_str(), dir.File("z").c_str())) << skip;
         const std::string text = output.Take();
         EXPECT_TRUE(pztest::has_report(text, "copyDirectory", "PZFileSys.cpp",

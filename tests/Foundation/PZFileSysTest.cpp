@@ -29,15 +29,15 @@
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
-namespace {
+PZ_INTERPOSE(getdents64, 3);
+PZ_INTERPOSE(statfs64, 2);
+PZ_INTERPOSE(stat64, 2);
+PZ_INTERPOSE(fstatat64, 4);
+PZ_INTERPOSE(unlinkat, 3);
+PZ_INTERPOSE(unlink, 1);
+PZ_INTERPOSE(mkdir, 2);
 
-pztest::Interposed<ssize_t(int, void*, size_t)> getdents_call("getdents64");
-pztest::Interposed<int(const char*, struct statfs64*)> statfs_call("statfs64");
-pztest::Interposed<int(const char*, struct stat64*)> stat_call("stat64");
-pztest::Interposed<int(int, const char*, struct stat64*, int)> fstatat_call("fstatat64");
-pztest::Interposed<int(int, const char*, int)> unlinkat_call("unlinkat");
-pztest::Interposed<int(const char*)> unlink_call("unlink");
-pztest::Interposed<int(const char*, mode_t)> mkdir_call("mkdir");
+namespace {
 
 int syncs;
 
@@ -46,27 +46,6 @@ int syncs;
 // The machine's disks stay out of this: every call only counts.
 extern "C" void sync() noexcept {
     ++syncs;
-}
-extern "C" ssize_t getdents64(int fd, void* entries, size_t size) noexcept {
-    return getdents_call(fd, entries, size);
-}
-extern "C" int statfs64(const char* path, struct statfs64* status) noexcept {
-    return statfs_call(path, status);
-}
-extern "C" int stat64(const char* path, struct stat64* status) noexcept {
-    return stat_call(path, status);
-}
-extern "C" int fstatat64(int fd, const char* path, struct stat64* status, int flags) noexcept {
-    return fstatat_call(fd, path, status, flags);
-}
-extern "C" int unlinkat(int fd, const char* path, int flags) noexcept {
-    return unlinkat_call(fd, path, flags);
-}
-extern "C" int unlink(const char* path) noexcept {
-    return unlink_call(path);
-}
-extern "C" int mkdir(const char* path, mode_t mode) noexcept {
-    return mkdir_call(path, mode);
 }
 
 namespace {
@@ -90,7 +69,7 @@ static_assert(offsetof(FakeEntry, d_name) == offsetof(dirent64, d_name));
 std::vector<FakeEntry> fakeEntries;
 
 ssize_t read_fake(int fd, void* entries, size_t size) {
-    if (fakeEntries.empty()) return getdents_call.Real(fd, entries, size);
+    if (fakeEntries.empty()) return getdents64_call.Real(fd, entries, size);
     const size_t length = fakeEntries.size() * sizeof fakeEntries[0];
     EXPECT_LE(length, size);
     std::memcpy(entries, fakeEntries.data(), length);
@@ -105,13 +84,13 @@ void fake_entry(const std::string& name, unsigned char type) {
     entry.d_type = type;
     std::memcpy(entry.d_name, name.c_str(), name.size() + 1);
     fakeEntries.push_back(entry);
-    getdents_call.Replace(read_fake);
+    getdents64_call.Replace(read_fake);
 }
 
 /// The directory's own entries, each changed by `change`.
 template <typename Change>
 ssize_t read_changed(int fd, void* entries, size_t size, Change change) {
-    const ssize_t got = getdents_call.Real(fd, entries, size);
+    const ssize_t got = getdents64_call.Real(fd, entries, size);
     for (ssize_t at = 0; at < got;) {
         auto* const entry = reinterpret_cast<dirent64*>(static_cast<char*>(entries) + at);
         change(*entry);
@@ -127,10 +106,10 @@ ssize_t read_untyped(int fd, void* entries, size_t size) {
 class PZFileSysTest : public testing::Test {
 protected:
     PZFileSysTest() {
-        getdents_call.Reset();
-        statfs_call.Reset();
-        stat_call.Reset();
-        fstatat_call.Reset();
+        getdents64_call.Reset();
+        statfs64_call.Reset();
+        stat64_call.Reset();
+        fstatat64_call.Reset();
         unlinkat_call.Reset();
         unlink_call.Reset();
         mkdir_call.Reset();
@@ -138,7 +117,7 @@ protected:
         syncs = 0;
         std::memset(&data, 0x5A, sizeof data);
     }
-    ~PZFileSysTest() override { getdents_call.Reset(); }
+    ~PZFileSysTest() override { getdents64_call.Reset(); }
 
     std::string Make(const std::string& name, const std::string& content = "x") {
         pztest::write_file(dir.File(name), content);
@@ -191,7 +170,7 @@ TEST_F(PZFileSysTest, ReportsAKindThatCannotBeAsked) {
     EXPECT_EQ(0u, PZFileSys::chkAttribute(below.c_str()));
     EXPECT_TRUE(pztest::has_report(output.Take(), "chkAttribute", "PZFileSys.cpp",
                                    "error[20: Not a directory]"));
-    stat_call.FailNext(EACCES);
+    stat64_call.FailNext(EACCES);
     EXPECT_EQ(0u, PZFileSys::chkAttribute(dir.Path().c_str()));
     EXPECT_EQ(Messages{"error[13: Permission denied]"}, Reports());
 }
@@ -242,7 +221,7 @@ TEST_F(PZFileSysTest, FailsForWidePathsThatAreNoText) {
         EXPECT_FALSE(files.FindFirst(bad, data)) << noCharacter;
         EXPECT_FALSE(files.FindFirstWithFilter(bad, data, kFile, false)) << noCharacter;
     }
-    EXPECT_EQ(0, stat_call.Calls() + mkdir_call.Calls() + statfs_call.Calls() + syncs);
+    EXPECT_EQ(0, stat64_call.Calls() + mkdir_call.Calls() + statfs64_call.Calls() + syncs);
 }
 
 // Behind the last character UTF-8 may go on or not: that is the conversion's choice. What it must
@@ -266,7 +245,7 @@ TEST_F(PZFileSysTest, NeverShortensAWidePathByWhatIsNoCharacter) {
 // ---- GetDiskFreeSpace ----
 
 TEST_F(PZFileSysTest, CountsTheSpaceInBytesOf64Bits) {
-    statfs_call.Replace([](const char*, struct statfs64* status) {
+    statfs64_call.Replace([](const char*, struct statfs64* status) {
         status->f_bsize = 4096;
         status->f_blocks = 0x300000000;
         status->f_bfree = 0x200000000;
@@ -284,7 +263,7 @@ TEST_F(PZFileSysTest, CountsTheSpaceInBytesOf64Bits) {
 }
 
 TEST_F(PZFileSysTest, WidensTheSignedBlockSizeBeforeItMultiplies) {
-    statfs_call.Replace([](const char*, struct statfs64* status) {
+    statfs64_call.Replace([](const char*, struct statfs64* status) {
         status->f_bsize = -1;
         status->f_blocks = 2;
         status->f_bfree = 1;
@@ -368,7 +347,7 @@ TEST_F(PZFileSysTest, CreatesOneDirectoryWithTheModeOfTheUmask) {
     EXPECT_TRUE(PZFileSys::CreateDirectory(dir.File("a").c_str(), false));
     ::umask(umaskBefore);
     struct stat64 status = {};
-    ASSERT_EQ(0, stat_call.Real(dir.File("a").c_str(), &status));
+    ASSERT_EQ(0, stat64_call.Real(dir.File("a").c_str(), &status));
     EXPECT_EQ(0750u, status.st_mode & 07777);
     EXPECT_EQ(1, syncs);
     EXPECT_TRUE(PZFileSys::CreateDirectory(dir.File("a").c_str(), false));
@@ -503,7 +482,7 @@ TEST_F(PZFileSysTest, PassesOverEntriesWithoutAStatus) {
     const std::string top = MakeDir("a");
     Make("a/1");
     Make("a/2");
-    fstatat_call.FailNext(EIO);
+    fstatat64_call.FailNext(EIO);
     EXPECT_FALSE(PZFileSys::RemoveDirectory(top.c_str(), true));
     EXPECT_NE(Exists(top + "/1"), Exists(top + "/2"));
 }
@@ -526,8 +505,8 @@ TEST_F(PZFileSysTest, FollowsNoLinkThatTakesThePlaceOfADirectory) {
     Make("outside/f");
     const std::string top = MakeDir("a");
     swapped = MakeDir("a/b");
-    fstatat_call.Replace([](int fd, const char* path, struct stat64* status, int flags) {
-        const int result = fstatat_call.Real(fd, path, status, flags);
+    fstatat64_call.Replace([](int fd, const char* path, struct stat64* status, int flags) {
+        const int result = fstatat64_call.Real(fd, path, status, flags);
         ::rmdir(swapped.c_str());
         EXPECT_EQ(0, ::symlink("../outside", swapped.c_str()));
         return result;
@@ -751,7 +730,7 @@ TEST_F(PZFileSysTest, FindsEveryEntryOfALargeDirectoryOnce) {
     for (bool more = files.FindFirst(dir.Path().c_str(), data); more; more = files.FindNext(data)) {
         found.emplace_back(data.name);
     }
-    EXPECT_LT(3, getdents_call.Calls());
+    EXPECT_LT(3, getdents64_call.Calls());
     std::sort(made.begin(), made.end());
     std::sort(found.begin(), found.end());
     EXPECT_EQ(made, found);
@@ -765,7 +744,7 @@ TEST_F(PZFileSysTest, EndsQuietlyInADirectoryThatIsRemovedMeanwhile) {
     errno = ENOTTY;
     EXPECT_FALSE(files.FindNext(data));
     EXPECT_EQ(ENOTTY, errno);
-    getdents_call.FailNext(ENOENT);  // some file systems refuse to list what is gone
+    getdents64_call.FailNext(ENOENT);  // some file systems refuse to list what is gone
     EXPECT_FALSE(files.FindNext(data));
     EXPECT_EQ(ENOTTY, errno);
     EXPECT_EQ("", output.Take());
@@ -774,7 +753,7 @@ TEST_F(PZFileSysTest, EndsQuietlyInADirectoryThatIsRemovedMeanwhile) {
 TEST_F(PZFileSysTest, PassesOverEntriesThatTheFileSystemMarksAsDeleted) {
     Make("gone");
     Make("here");
-    getdents_call.Replace([](int fd, void* entries, size_t size) {
+    getdents64_call.Replace([](int fd, void* entries, size_t size) {
         return read_changed(fd, entries, size, [](dirent64& entry) {
             if (std::strcmp(entry.d_name, "gone") == 0) entry.d_ino = 0;
         });
@@ -801,7 +780,7 @@ TEST_F(PZFileSysTest, AsksTheTypeWhereTheFileSystemTellsNone) {
     Make("f", "abc");
     MakeDir(".d");
     ASSERT_EQ(0, ::symlink("f", dir.File("l").c_str()));
-    getdents_call.Replace(read_untyped);
+    getdents64_call.Replace(read_untyped);
     PZFileSys::FuncOption option = {true};
     PZFileSys sized(option);
     std::vector<std::pair<std::string, unsigned int>> found;
@@ -1002,7 +981,7 @@ TEST_F(PZFileSysTest, KeepsTheLastErrorOfItsCallerWhileASearchSucceeds) {
     EXPECT_TRUE(files.FindFirst(dir.File("f*").c_str(), data));
     EXPECT_FALSE(files.FindNext(data)) << "the end";
     EXPECT_EQ(ENOTTY, errno);
-    getdents_call.FailNext(EIO);
+    getdents64_call.FailNext(EIO);
     EXPECT_FALSE(files.FindNext(data));
     EXPECT_EQ(EIO, errno);
 }

@@ -34,9 +34,14 @@
 #include "support/FakeSyslog.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
+#include "support/OwnStreams.h"
 #include "support/StdoutCapture.h"
 #include "support/StuckStdout.h"
 #include "support/WaitUntil.h"
+
+PZ_INTERPOSE(sem_init, 3);
+PZ_INTERPOSE(sem_destroy, 1);
+PZ_INTERPOSE(sem_wait, 1);
 
 // The accounts are the process's own and some tests ruin them on purpose: every test needs a
 // process of its own, as ctest gives it.
@@ -216,21 +221,8 @@ volatile int levels_left_behind = 0;
 const char* process_name = "";
 PZClock::ST_CLOCK utc = {2024, 3, 2, 5, 7, 8, 9};
 
-pztest::Interposed<int(sem_t*, int, unsigned int)> sem_init_call("sem_init");
-pztest::Interposed<int(sem_t*)> sem_destroy_call("sem_destroy");
-pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
-
 }  // namespace
 
-extern "C" int sem_init(sem_t* sem, int shared, unsigned int value) noexcept {
-    return sem_init_call(sem, shared, value);
-}
-extern "C" int sem_destroy(sem_t* sem) noexcept {
-    return sem_destroy_call(sem);
-}
-extern "C" int sem_wait(sem_t* sem) {
-    return sem_wait_call(sem);
-}
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*priority*/, const char* /*format*/, ...) {}
 
@@ -1269,7 +1261,7 @@ TEST_F(PZLHeapMngFileTest, IsMissingWithoutAWordWhereItCannotBeOpened) {
 
 TEST_F(PZLHeapMngFileTest, LiesInTheSystemsLogFolder) {
     if (access("/Syslog", W_OK) != 0) GTEST_SKIP() << "cannot write to /Syslog";
-    pztest::sync_call.Replace([] { return 0; });
+    pztest::sync_call.Replace([] {});
     const std::string process = "t" + std::to_string(getpid());
     process_name = process.c_str();
     const std::string path = "/Syslog/HeapList_" + process + "240305_0708.txt";
@@ -1659,10 +1651,10 @@ TEST(PZLHeapMngTest, GivesItsLockBackWhenAThreadIsCancelledInsideAReport) {
 // builds.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
-namespace {
+PZ_INTERPOSE(malloc, 1);
+PZ_INTERPOSE(realloc, 2);
 
-pztest::Interposed<void*(size_t)> malloc_call("malloc", nullptr);
-pztest::Interposed<void*(void*, size_t)> realloc_call("realloc", nullptr);
+namespace {
 
 /// Stands between the heap and the C library for one block, or one size.
 struct AllocatorWatch {
@@ -1709,12 +1701,6 @@ constexpr size_t bytes_of(unsigned int size) {
 
 }  // namespace
 
-extern "C" void* malloc(size_t size) noexcept {
-    return malloc_call(size);
-}
-extern "C" void* realloc(void* ptr, size_t size) noexcept {
-    return realloc_call(ptr, size);
-}
 extern "C" void free(void* ptr) noexcept {
     using Function = void (*)(void*);
     static std::atomic<Function> real{nullptr};

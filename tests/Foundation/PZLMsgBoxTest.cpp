@@ -32,6 +32,11 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(epoll_wait, 4);
+PZ_INTERPOSE(sem_post, 1);
+PZ_INTERPOSE(read, 3);
+PZ_INTERPOSE(write, 3);
+
 namespace {
 
 using pztest::Gate;
@@ -52,29 +57,12 @@ constexpr unsigned int kLongWaitMs = 60000;
 constexpr unsigned int kOrdinary = 1;  // a priority that is no emergency
 constexpr unsigned int kHoldMsg = 1000;
 
-pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
-pztest::Interposed<ssize_t(int, void*, size_t)> read_call("read");
-pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
-pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
-
 std::atomic<int> into_waits{0};
 std::atomic<int> out_waits{0};
 
 }  // namespace
 
 extern "C" {
-int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    return epoll_wait_call(epfd, events, maxevents, timeout);
-}
-ssize_t read(int fd, void* buf, size_t n) {
-    return read_call(fd, buf, n);
-}
-int sem_post(sem_t* sem) {
-    return sem_post_call(sem);
-}
-ssize_t write(int fd, const void* buf, size_t n) {
-    return write_call(fd, buf, n);
-}
 
 // A full box reports at each attempt: keep a stress test out of the machine's system log.
 void syslog(int /*pri*/, const char* /*fmt*/, ...) {}

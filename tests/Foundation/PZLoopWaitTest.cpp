@@ -25,6 +25,9 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(epoll_wait, 4);
+PZ_INTERPOSE(write, 3);
+
 using pztest::has_report;
 using pztest::StdoutCapture;
 using pztest::wait_until;
@@ -35,9 +38,6 @@ namespace {
 
 constexpr unsigned int kNoLimit = 0xFFFFFFFF;
 constexpr int kFdsLookedAt = 64;
-
-pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
-pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
 
 std::atomic<int> waits_begun{0};
 
@@ -87,13 +87,6 @@ protected:
 };
 
 }  // namespace
-
-extern "C" int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    return epoll_wait_call(epfd, events, maxevents, timeout);
-}
-extern "C" ssize_t write(int fd, const void* buf, size_t n) {
-    return write_call(fd, buf, n);
-}
 
 // The first in this file: of a process that has never waited.
 TEST(PZLoopWaitSigpipeTest, IsSetToBeIgnoredAtTheFirstWaitOnly) {

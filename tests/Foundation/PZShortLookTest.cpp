@@ -8,10 +8,10 @@
 
 #include "support/Interposed.h"
 
-namespace {
+PZ_INTERPOSE(sched_getcpu, 0);
+PZ_INTERPOSE(clock_gettime, 2);
 
-pztest::Interposed<int()> getcpu_call("sched_getcpu");
-pztest::Interposed<int(clockid_t, timespec*)> clock_call("clock_gettime");
+namespace {
 
 constexpr long kTestNs = 30;
 constexpr long kClockNs = 25;
@@ -31,13 +31,13 @@ int manual_clock(clockid_t /*clock*/, timespec* now) {
 class PZShortLookTest : public testing::Test {
 protected:
     PZShortLookTest() {
-        getcpu_call.Replace(manual_getcpu);
-        clock_call.Replace(manual_clock);
+        sched_getcpu_call.Replace(manual_getcpu);
+        clock_gettime_call.Replace(manual_clock);
         now_ns = 999999000;  // a second ends during the look
     }
     ~PZShortLookTest() override {
-        getcpu_call.Reset();
-        clock_call.Reset();
+        sched_getcpu_call.Reset();
+        clock_gettime_call.Reset();
     }
 
     void PostFrom(int poster) {
@@ -73,13 +73,6 @@ protected:
 };
 
 }  // namespace
-
-extern "C" int sched_getcpu() noexcept {
-    return getcpu_call();
-}
-extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
-    return clock_call(clock, now);
-}
 
 TEST_F(PZShortLookTest, IsLeftOutBeforeTheFirstPost) {
     EXPECT_EQ(0, TestsOfALook());

@@ -22,19 +22,8 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
-namespace {
-
-pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
-pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
-
-}  // namespace
-
-extern "C" int sem_wait(sem_t* sem) {
-    return sem_wait_call(sem);
-}
-extern "C" int sem_post(sem_t* sem) noexcept {
-    return sem_post_call(sem);
-}
+PZ_INTERPOSE(sem_wait, 1);
+PZ_INTERPOSE(sem_post, 1);
 
 namespace {
 

@@ -26,31 +26,23 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(fsync, 1);
+PZ_INTERPOSE(fseeko64, 3);
+PZ_INTERPOSE(ftello64, 1);
+
 namespace {
 
-pztest::Interposed<int(int)> fsync_call("fsync");
 pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
-pztest::Interposed<int(FILE*, off64_t, int)> fseeko_call("fseeko64");
-pztest::Interposed<off64_t(FILE*)> ftello_call("ftello64");
 
 int inherited;  // opened files that a program would get, were one started at once
 
 }  // namespace
 
 extern "C" {
-int fsync(int fd) {
-    return fsync_call(fd);
-}
 FILE* fopen64(const char* path, const char* mode) {
     FILE* const stream = fopen_call(path, mode);
     if (stream != nullptr && fcntl(fileno(stream), F_GETFD) == 0) ++inherited;
     return stream;
-}
-int fseeko64(FILE* stream, off64_t offset, int origin) {
-    return fseeko_call(stream, offset, origin);
-}
-off64_t ftello64(FILE* stream) {
-    return ftello_call(stream);
 }
 // The tests' own system log is not the machine's.
 void syslog(int /*priority*/, const char* /*format*/, ...) {}
@@ -110,8 +102,8 @@ protected:
     PZStorageTest() {
         fsync_call.Reset();
         fopen_call.Reset();
-        fseeko_call.Reset();
-        ftello_call.Reset();
+        fseeko64_call.Reset();
+        ftello64_call.Reset();
         inherited = 0;
     }
 
@@ -633,7 +625,7 @@ TEST_F(PZStorageTest, ReportsAFailedSeek) {
 TEST_F(PZStorageTest, ReportsTheErrorOfTheSeekCall) {
     Read("abc");
     StdoutCapture output;
-    fseeko_call.FailNext(EIO);
+    fseeko64_call.FailNext(EIO);
     EXPECT_EQ(1, storage.Seek(1, PZStorage::en_POS_BEGIN));
     const std::string message =
         "fseek error[" + std::to_string(EIO) + " : " + std::strerror(EIO) + "]";
@@ -684,9 +676,9 @@ TEST_F(PZStorageTest, AFileThatCannotBeOpenedHasNoSize) {
 
 TEST_F(PZStorageTest, AFileThatCannotBeMeasuredHasNoSize) {
     write_file(path, "abc");
-    fseeko_call.FailNext(EIO);
+    fseeko64_call.FailNext(EIO);
     EXPECT_EQ(0, PZStorage::GetSize(path.c_str()));
-    ftello_call.FailNext(EIO);
+    ftello64_call.FailNext(EIO);
     EXPECT_EQ(0, PZStorage::GetSize(path.c_str()));
     OpenMedium(/*good=*/0);
     EXPECT_EQ(0, storage.GetSize());
@@ -694,7 +686,7 @@ TEST_F(PZStorageTest, AFileThatCannotBeMeasuredHasNoSize) {
 
 TEST_F(PZStorageTest, AnswersThePositionCallsFailure) {
     Read("abc");
-    ftello_call.FailNext(EIO);
+    ftello64_call.FailNext(EIO);
     EXPECT_EQ(-1, storage.GetCurPos());
 }
 

@@ -13,28 +13,14 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
+PZ_INTERPOSE(sem_wait, 1);
+PZ_INTERPOSE(sem_timedwait, 2);
+PZ_INTERPOSE(sem_post, 1);
+
 // Clang's analysis does not follow recursion.
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
 #endif
-
-namespace {
-
-pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
-pztest::Interposed<int(sem_t*, const timespec*)> sem_timedwait_call("sem_timedwait");
-pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
-
-}  // namespace
-
-extern "C" int sem_wait(sem_t* sem) {
-    return sem_wait_call(sem);
-}
-extern "C" int sem_timedwait(sem_t* sem, const timespec* abstime) {
-    return sem_timedwait_call(sem, abstime);
-}
-extern "C" int sem_post(sem_t* sem) noexcept {
-    return sem_post_call(sem);
-}
 
 namespace {
 

@@ -29,6 +29,14 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(sem_wait, 1);
+PZ_INTERPOSE(sem_timedwait, 2);
+PZ_INTERPOSE(sem_post, 1);
+PZ_INTERPOSE(sem_destroy, 1);
+PZ_INTERPOSE(sem_close, 1);
+PZ_INTERPOSE(sem_unlink, 1);
+PZ_INTERPOSE(clock_gettime, 2);
+
 // Clang's analysis follows neither recursion nor locks that other threads give back.
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
@@ -44,13 +52,6 @@ constexpr PZSync::EN_TYPE kUnnamed = PZSync::en_TYPE_UNNAMED;
 constexpr auto kUnknownType = static_cast<PZSync::EN_TYPE>(2);
 
 pztest::Interposed<int(sem_t*, int, unsigned int)> sem_init_call("sem_init");
-pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
-pztest::Interposed<int(sem_t*, const timespec*)> sem_timedwait_call("sem_timedwait");
-pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
-pztest::Interposed<int(sem_t*)> sem_destroy_call("sem_destroy");
-pztest::Interposed<int(sem_t*)> sem_close_call("sem_close");
-pztest::Interposed<int(const char*)> sem_unlink_call("sem_unlink");
-pztest::Interposed<int(clockid_t, timespec*)> clock_gettime_call("clock_gettime");
 
 /// What the last sem_init, and the last sem_open, were asked for.
 struct {
@@ -126,28 +127,6 @@ sem_t* sem_open(const char* name, int oflag, ...) noexcept {
         return SEM_FAILED;
     }
     return real(name, oflag, mode, value);
-}
-
-int sem_wait(sem_t* sem) {
-    return sem_wait_call(sem);
-}
-int sem_timedwait(sem_t* sem, const timespec* abstime) {
-    return sem_timedwait_call(sem, abstime);
-}
-int sem_post(sem_t* sem) noexcept {
-    return sem_post_call(sem);
-}
-int sem_destroy(sem_t* sem) noexcept {
-    return sem_destroy_call(sem);
-}
-int sem_close(sem_t* sem) noexcept {
-    return sem_close_call(sem);
-}
-int sem_unlink(const char* name) noexcept {
-    return sem_unlink_call(name);
-}
-int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
-    return clock_gettime_call(clock_id, tp);
 }
 
 }  // extern "C"

@@ -30,30 +30,10 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
-namespace {
-
-pztest::Interposed<int(__priority_which_t, id_t)> getpriority_call("getpriority");
-pztest::Interposed<int(__priority_which_t, id_t, int)> setpriority_call("setpriority");
-pztest::Interposed<int(pthread_t, clockid_t*)> pthread_getcpuclockid_call("pthread_getcpuclockid",
-                                                                          ESRCH);
-pztest::Interposed<int(clockid_t, timespec*)> clock_gettime_call("clock_gettime");
-
-}  // namespace
-
-extern "C" {
-int getpriority(__priority_which_t which, id_t who) noexcept {
-    return getpriority_call(which, who);
-}
-int setpriority(__priority_which_t which, id_t who, int prio) noexcept {
-    return setpriority_call(which, who, prio);
-}
-int pthread_getcpuclockid(pthread_t thread_id, clockid_t* clock_id) noexcept {
-    return pthread_getcpuclockid_call(thread_id, clock_id);
-}
-int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
-    return clock_gettime_call(clock_id, tp);
-}
-}
+PZ_INTERPOSE(getpriority, 2);
+PZ_INTERPOSE(setpriority, 3);
+PZ_INTERPOSE(pthread_getcpuclockid, 2, ESRCH);
+PZ_INTERPOSE(clock_gettime, 2);
 
 namespace {
 

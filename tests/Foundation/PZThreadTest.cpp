@@ -30,50 +30,19 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
-namespace {
-
-using ThreadEntry = void* (*)(void*);
-
-// What the failing calls answer; errno is set apart from it.
-constexpr int kCreateError = EAGAIN;
-constexpr int kJoinError = EDEADLK;
-
-pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
-    "pthread_create", kCreateError);
-pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", kJoinError);
-pztest::Interposed<int(pthread_t, const char*)> pthread_setname_np_call("pthread_setname_np",
-                                                                        ERANGE);
-pztest::Interposed<int(__priority_which_t, id_t)> getpriority_call("getpriority");
-pztest::Interposed<int(__priority_which_t, id_t, int)> setpriority_call("setpriority");
-pztest::Interposed<int(const timespec*, timespec*)> nanosleep_call("nanosleep");
-
-}  // namespace
-
-extern "C" {
-int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
-                   void* arg) noexcept {
-    return pthread_create_call(newthread, attr, start_routine, arg);
-}
-int pthread_join(pthread_t th, void** thread_return) {
-    return pthread_join_call(th, thread_return);
-}
-int pthread_setname_np(pthread_t target_thread, const char* name) noexcept {
-    return pthread_setname_np_call(target_thread, name);
-}
-int getpriority(__priority_which_t which, id_t who) noexcept {
-    return getpriority_call(which, who);
-}
-int setpriority(__priority_which_t which, id_t who, int prio) noexcept {
-    return setpriority_call(which, who, prio);
-}
-int nanosleep(const timespec* requested_time, timespec* remaining) {
-    return nanosleep_call(requested_time, remaining);
-}
-}
+// The threads' functions answer an error number; errno is set apart from it.
+PZ_INTERPOSE(pthread_create, 4, EAGAIN);
+PZ_INTERPOSE(pthread_join, 2, EDEADLK);
+PZ_INTERPOSE(pthread_setname_np, 2, ERANGE);
+PZ_INTERPOSE(getpriority, 2);
+PZ_INTERPOSE(setpriority, 3);
+PZ_INTERPOSE(nanosleep, 2);
 
 // The registry has no way to read a record's priority: the registration is watched on its way in.
 
 namespace {
+
+using ThreadEntry = void* (*)(void*);
 std::atomic<int> registered_priority{0};
 }  // namespace
 
@@ -567,7 +536,7 @@ TEST_F(PZThreadTest, ReportsAFailedJoinAndForgetsTheThread) {
     StartUpToTheGate();
     pthread_join_call.FailNext(EINVAL);
     StdoutCapture out;
-    EXPECT_EQ(kJoinError, thread.WaitExit());
+    EXPECT_EQ(EDEADLK, thread.WaitExit());
     EXPECT_TRUE(has_report(out.Take(), "WaitExit", "PZThread.h",
                            "pthread_join failed !! ret[35] errno[22 : Invalid argument]"));
     EXPECT_EQ("(unknown)", label_of(owner.handle));

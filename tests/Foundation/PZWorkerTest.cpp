@@ -31,6 +31,12 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(epoll_wait, 4);
+PZ_INTERPOSE(read, 3);
+PZ_INTERPOSE(write, 3);
+PZ_INTERPOSE(pthread_create, 4, EAGAIN);
+PZ_INTERPOSE(pthread_join, 2);
+
 namespace {
 
 using pztest::Gate;
@@ -39,8 +45,6 @@ using pztest::StdoutCapture;
 using pztest::wait_until;
 using Log = RecordingDispatcher::Log;
 
-using ThreadMain = void* (*)(void*);
-
 constexpr int kStartLimitMs = 3000;
 constexpr unsigned int kOrdinary = 1;
 constexpr int kNoThreadPriority = 256;
@@ -48,34 +52,7 @@ constexpr unsigned int kWatchTimeMs = 1234;
 constexpr unsigned int kWorkerNo = 17;
 constexpr unsigned int kWhoAmI = 1000;
 
-pztest::Interposed<int(int, epoll_event*, int, int)> epoll_wait_call("epoll_wait");
-pztest::Interposed<ssize_t(int, void*, size_t)> read_call("read");
-pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
-// These answer with the error number itself.
-pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadMain, void*)> pthread_create_call(
-    "pthread_create", EAGAIN);
-pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join");
-
 }  // namespace
-
-extern "C" {
-int epoll_wait(int epfd, epoll_event* events, int maxevents, int timeout) {
-    return epoll_wait_call(epfd, events, maxevents, timeout);
-}
-ssize_t read(int fd, void* buf, size_t n) {
-    return read_call(fd, buf, n);
-}
-ssize_t write(int fd, const void* buf, size_t n) {
-    return write_call(fd, buf, n);
-}
-int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadMain start_routine,
-                   void* arg) noexcept {
-    return pthread_create_call(newthread, attr, start_routine, arg);
-}
-int pthread_join(pthread_t th, void** thread_return) {
-    return pthread_join_call(th, thread_return);
-}
-}
 
 namespace {
 

@@ -23,6 +23,7 @@
 #include "support/Document.h"
 #include "support/FakeSyslog.h"
 #include "support/GuardFiles.h"
+#include "support/OwnStreams.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 #include "support/TestQueue.h"

@@ -16,15 +16,7 @@
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
-namespace {
-
-pztest::Interposed<int(void**, int)> backtrace_call("backtrace");
-
-}  // namespace
-
-extern "C" int backtrace(void** array, int size) {
-    return backtrace_call(array, size);
-}
+PZ_INTERPOSE(backtrace, 2);
 
 namespace {
 

@@ -22,15 +22,7 @@
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
-namespace {
-
-pztest::Interposed<int(void**, int)> backtrace_call("backtrace");
-
-}  // namespace
-
-extern "C" int backtrace(void** buffer, int size) {
-    return backtrace_call(buffer, size);
-}
+PZ_INTERPOSE(backtrace, 2);
 
 namespace {
 

@@ -21,39 +21,12 @@
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 
-namespace {
-
-pztest::Interposed<int(sem_t*)> sem_wait_call("sem_wait");
-pztest::Interposed<int(sem_t*, const timespec*)> sem_timedwait_call("sem_timedwait");
-pztest::Interposed<int(sem_t*)> sem_post_call("sem_post");
-pztest::Interposed<int(sem_t*)> sem_close_call("sem_close");
-pztest::Interposed<int(const char*)> sem_unlink_call("sem_unlink");
-pztest::Interposed<int(clockid_t, timespec*)> clock_gettime_call("clock_gettime");
-
-}  // namespace
-
-extern "C" {
-
-int sem_wait(sem_t* sem) {
-    return sem_wait_call(sem);
-}
-int sem_timedwait(sem_t* sem, const timespec* abstime) {
-    return sem_timedwait_call(sem, abstime);
-}
-int sem_post(sem_t* sem) noexcept {
-    return sem_post_call(sem);
-}
-int sem_close(sem_t* sem) noexcept {
-    return sem_close_call(sem);
-}
-int sem_unlink(const char* name) noexcept {
-    return sem_unlink_call(name);
-}
-int clock_gettime(clockid_t clock_id, timespec* tp) noexcept {
-    return clock_gettime_call(clock_id, tp);
-}
-
-}  // extern "C"
+PZ_INTERPOSE(sem_wait, 1);
+PZ_INTERPOSE(sem_timedwait, 2);
+PZ_INTERPOSE(sem_post, 1);
+PZ_INTERPOSE(sem_close, 1);
+PZ_INTERPOSE(sem_unlink, 1);
+PZ_INTERPOSE(clock_gettime, 2);
 
 namespace {
 

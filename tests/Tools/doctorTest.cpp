@@ -31,6 +31,11 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(iconv_open, 2, reinterpret_cast<iconv_t>(-1));
+PZ_INTERPOSE(access, 2);
+PZ_INTERPOSE(statfs64, 2);
+PZ_INTERPOSE(statvfs64, 2);
+
 using pztest::CommandResult;
 using pztest::JsonValue;
 using pztest::read_file;
@@ -41,12 +46,6 @@ using pztest::wait_until;
 using pztest::write_file;
 
 namespace {
-
-pztest::Interposed<iconv_t(const char*, const char*)> iconv_open_call(
-    "iconv_open", reinterpret_cast<iconv_t>(-1));
-pztest::Interposed<int(const char*, int)> access_call("access");
-pztest::Interposed<int(const char*, struct statfs64*)> statfs_call("statfs64");
-pztest::Interposed<int(const char*, struct statvfs64*)> statvfs_call("statvfs64");
 
 CommandResult run_doctor(const std::string& arguments) {
     return run_command(PZ_DOCTOR " " + arguments + " 2>&1");
@@ -104,7 +103,7 @@ class doctorTest : public testing::Test {
 protected:
     void TearDown() override {
         access_call.Reset();
-        statvfs_call.Reset();
+        statvfs64_call.Reset();
     }
 
     std::string Root() const { return dir_.Path(); }
@@ -229,22 +228,6 @@ std::vector<std::string> all_names() {
 }
 
 }  // namespace
-
-extern "C" iconv_t iconv_open(const char* to, const char* from) {
-    return iconv_open_call(to, from);
-}
-
-extern "C" int access(const char* path, int mode) noexcept {
-    return access_call(path, mode);
-}
-
-extern "C" int statfs64(const char* path, struct statfs64* status) noexcept {
-    return statfs_call(path, status);
-}
-
-extern "C" int statvfs64(const char* path, struct statvfs64* status) noexcept {
-    return statvfs_call(path, status);
-}
 
 TEST_F(doctorTest, FindsAMachineWithEverythingGreen) {
     GoodMachine();
@@ -570,7 +553,7 @@ TEST_F(doctorTest, DrawsTheLineBetweenColoursExactly) {
 TEST_F(doctorTest, FindsAFullFileSystemOfLogsRed) {
     Folder("/Syslog");
     static fsblkcnt64_t blocks;
-    statvfs_call.Replace([](const char*, struct statvfs64* status) {
+    statvfs64_call.Replace([](const char*, struct statvfs64* status) {
         *status = {};
         status->f_frsize = 4096;
         status->f_bfree = 1000;  // most of them kept for root
@@ -1071,7 +1054,7 @@ TEST(doctorLiveTest, TakesNoFolderForTheQueuesThatDoesNotShowThem) {
     const auto answer_type = [](unsigned int type) {
         static unsigned int asked;
         asked = type;
-        statfs_call.Replace([](const char*, struct statfs64* status) {
+        statfs64_call.Replace([](const char*, struct statfs64* status) {
             *status = {};
             status->f_type = static_cast<decltype(status->f_type)>(asked);
             return 0;
@@ -1084,10 +1067,10 @@ TEST(doctorLiveTest, TakesNoFolderForTheQueuesThatDoesNotShowThem) {
     const bool folder = Machine().Stat("/dev/mqueue").has_value();
     EXPECT_EQ(folder ? Status::Green : Status::Yellow,
               find_here(queue_checks(), "queue-folder").status);
-    statfs_call.Reset();
-    statfs_call.FailNext(ENOENT);
+    statfs64_call.Reset();
+    statfs64_call.FailNext(ENOENT);
     EXPECT_EQ(Status::Yellow, find_here(queue_checks(), "queue-folder").status);
-    statfs_call.Reset();
+    statfs64_call.Reset();
 }
 
 TEST(doctorLiveTest, KnowsAnOpenQueueByItsName) {

@@ -23,26 +23,21 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(fread, 4, 0U);
+PZ_INTERPOSE(fclose, 1);
+
 namespace {
 
-pztest::Interposed<size_t(void*, size_t, size_t, FILE*)> fread_call("fread", 0);
 pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
-pztest::Interposed<int(FILE*)> fclose_call("fclose");
 
 std::string lastMode;
 
 }  // namespace
 
-extern "C" size_t fread(void* buffer, size_t size, size_t count, FILE* file) {
-    return fread_call(buffer, size, count, file);
-}
 // The name of fopen where file offsets have 64 bits.
 extern "C" FILE* fopen64(const char* path, const char* mode) {
     lastMode = mode;
     return fopen_call(path, mode);
-}
-extern "C" int fclose(FILE* file) {
-    return fclose_call(file);
 }
 
 namespace {

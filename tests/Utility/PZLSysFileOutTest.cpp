@@ -26,6 +26,8 @@
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 
+PZ_INTERPOSE(sync, 0);
+
 namespace {
 
 struct OpenedFile {
@@ -40,9 +42,7 @@ bool remembers_files = true;  // which takes memory
 PZClock::ST_CLOCK utc;
 bool utc_fails = false;
 
-int do_not_sync() {
-    return 0;
-}
+void do_not_sync() {}
 
 void remember(const char* path, const char* openMode, FILE* stream) {
     if (!remembers_files) return;
@@ -53,15 +53,11 @@ void remember(const char* path, const char* openMode, FILE* stream) {
     opened_files.push_back({path, mode, stream, isInherited});
 }
 
-pztest::Interposed<int()> sync_call("sync");
 pztest::Interposed<FILE*(const char*, const char*)> fopen_call("fopen64", nullptr);
 
 }  // namespace
 
 extern "C" {
-void sync() noexcept {
-    sync_call();
-}
 FILE* fopen64(const char* path, const char* mode) {
     FILE* const stream = fopen_call(path, mode);
     remember(path, mode, stream);

@@ -34,25 +34,8 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
-namespace {
-
-pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EDEADLK);
-
-using ThreadEntry = void* (*)(void*);
-pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
-    "pthread_create", EAGAIN);
-
-}  // namespace
-
-extern "C" {
-int pthread_join(pthread_t th, void** thread_return) {
-    return pthread_join_call(th, thread_return);
-}
-int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
-                   void* arg) noexcept {
-    return pthread_create_call(newthread, attr, start_routine, arg);
-}
-}
+PZ_INTERPOSE(pthread_join, 2, EDEADLK);
+PZ_INTERPOSE(pthread_create, 4, EAGAIN);
 
 namespace {
 

@@ -35,14 +35,11 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(pthread_create, 4, EAGAIN);
+PZ_INTERPOSE(pthread_join, 2, EDEADLK);
+PZ_INTERPOSE(write, 3);
+
 namespace {
-
-using ThreadEntry = void* (*)(void*);
-
-pztest::Interposed<int(pthread_t*, const pthread_attr_t*, ThreadEntry, void*)> pthread_create_call(
-    "pthread_create", EAGAIN);
-pztest::Interposed<int(pthread_t, void**)> pthread_join_call("pthread_join", EDEADLK);
-pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
 
 std::atomic<int> into_waits{0};
 std::atomic<int> out_waits{0};
@@ -55,19 +52,6 @@ void PZWatchDog::IntoWait() {
 }
 void PZWatchDog::OutWait() {
     ++out_waits;
-}
-
-extern "C" {
-int pthread_create(pthread_t* newthread, const pthread_attr_t* attr, ThreadEntry start_routine,
-                   void* arg) noexcept {
-    return pthread_create_call(newthread, attr, start_routine, arg);
-}
-int pthread_join(pthread_t th, void** thread_return) {
-    return pthread_join_call(th, thread_return);
-}
-ssize_t write(int fd, const void* buf, size_t n) {
-    return write_call(fd, buf, n);
-}
 }
 
 namespace {

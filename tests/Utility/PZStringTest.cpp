@@ -15,9 +15,9 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
-namespace {
+PZ_INTERPOSE(iconv, 5);
 
-pztest::Interposed<size_t(iconv_t, char**, size_t*, char**, size_t*)> iconv_call("iconv");
+namespace {
 
 /// What the library handed to the last iconv call.
 size_t offeredBytes;
@@ -100,10 +100,6 @@ protected:
 };
 
 }  // namespace
-
-extern "C" size_t iconv(iconv_t converter, char** in, size_t* inLeft, char** out, size_t* outLeft) {
-    return iconv_call(converter, in, inLeft, out, outLeft);
-}
 
 static_assert(std::is_same_v<PZString::EN_CP, EN_XCP>, "one numbering");
 #if __SIZEOF_POINTER__ == 4

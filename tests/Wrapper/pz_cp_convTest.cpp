@@ -19,12 +19,11 @@
 #include "support/RunCommand.h"
 #include "support/StdoutCapture.h"
 
-namespace {
+PZ_INTERPOSE(iconv_open, 2, reinterpret_cast<iconv_t>(-1));
+PZ_INTERPOSE(iconv, 5);
+PZ_INTERPOSE(iconv_close, 1);
 
-pztest::Interposed<iconv_t(const char*, const char*)> iconv_open_call(
-    "iconv_open", reinterpret_cast<iconv_t>(-1));
-pztest::Interposed<size_t(iconv_t, char**, size_t*, char**, size_t*)> iconv_call("iconv");
-pztest::Interposed<int(iconv_t)> iconv_close_call("iconv_close");
+namespace {
 
 constexpr unsigned int kMeasure = 0xFFFFFFFF;
 
@@ -153,16 +152,6 @@ protected:
 };
 
 }  // namespace
-
-extern "C" iconv_t iconv_open(const char* to, const char* from) {
-    return iconv_open_call(to, from);
-}
-extern "C" size_t iconv(iconv_t converter, char** in, size_t* inLeft, char** out, size_t* outLeft) {
-    return iconv_call(converter, in, inLeft, out, outLeft);
-}
-extern "C" int iconv_close(iconv_t converter) {
-    return iconv_close_call(converter);
-}
 
 // The code pages
 

@@ -14,15 +14,14 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
+PZ_INTERPOSE(iconv_open, 2, reinterpret_cast<iconv_t>(-1));
+PZ_INTERPOSE(iconv, 5);
+PZ_INTERPOSE(iconv_close, 1);
+
 // The descriptors of iconv that a thread keeps between conversions. All pages here are converted by
 // iconv alone.
 
 namespace {
-
-pztest::Interposed<iconv_t(const char*, const char*)> iconv_open_call(
-    "iconv_open", reinterpret_cast<iconv_t>(-1));
-pztest::Interposed<size_t(iconv_t, char**, size_t*, char**, size_t*)> iconv_call("iconv");
-pztest::Interposed<int(iconv_t)> iconv_close_call("iconv_close");
 
 /// "x" to a page; the number of bytes.
 int convert(EN_XCP to, EN_XCP from) {
@@ -244,14 +243,4 @@ TEST_F(pz_kept_iconvTest, GoesOnInAForkedChild) {
     });
     EXPECT_EQ(0, child.status);
     EXPECT_EQ(1, convert(XCP_GB18030, XCP_EUC_JP));
-}
-
-extern "C" iconv_t iconv_open(const char* to, const char* from) {
-    return iconv_open_call(to, from);
-}
-extern "C" size_t iconv(iconv_t converter, char** in, size_t* inLeft, char** out, size_t* outLeft) {
-    return iconv_call(converter, in, inLeft, out, outLeft);
-}
-extern "C" int iconv_close(iconv_t converter) {
-    return iconv_close_call(converter);
 }

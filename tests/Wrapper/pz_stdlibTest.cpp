@@ -34,10 +34,11 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(nanosleep, 2);
+PZ_INTERPOSE(fork, 0);
+
 namespace {
 
-pztest::Interposed<int(const timespec*, timespec*)> nanosleep_call("nanosleep");
-pztest::Interposed<pid_t()> fork_call("fork");
 std::atomic<int> syncs{0};
 
 timespec slept;
@@ -100,14 +101,6 @@ protected:
 
 }  // namespace
 
-// The C library's own parameter names are reserved ones.
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
-extern "C" int nanosleep(const timespec* time, timespec* rest) {
-    return nanosleep_call(time, rest);
-}
-extern "C" pid_t fork() noexcept {
-    return fork_call();
-}
 extern "C" void sync() noexcept {
     ++syncs;
 }

@@ -11,15 +11,7 @@
 
 #include "support/Interposed.h"
 
-namespace {
-
-pztest::Interposed<ssize_t(int, const void*, size_t)> write_call("write");
-
-}  // namespace
-
-extern "C" ssize_t write(int fd, const void* bytes, size_t size) {
-    return write_call(fd, bytes, size);
-}
+PZ_INTERPOSE(write, 3);
 
 namespace {
 
