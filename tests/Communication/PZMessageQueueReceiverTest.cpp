@@ -25,6 +25,7 @@
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
 
+#include "support/Assertions.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
@@ -114,10 +115,8 @@ bool reported_from(const std::string& output, const char* function, const std::s
     return has_report(output, function, "PZMessageQueue.cpp", message);
 }
 
-unsigned int banners_in(const std::string& output) {
-    return pztest::count_of(output,
-                            "ASSERT Failed! - "
-                            "src/Framework/Communication/private/PZMessageQueue.cpp(");
+unsigned int assertions_in(const std::string& output) {
+    return pztest::assertions_of(output, "Communication/private/PZMessageQueue.cpp");
 }
 
 std::string filled(const std::string& bytes) {
@@ -175,7 +174,7 @@ TEST_F(PZMessageQueueReceiverTest, NeedsANameAndAnObserver) {
     EXPECT_FALSE(receiver->open({name.Get(), nullptr}));
     const std::string printed = out.Take();
     EXPECT_TRUE(reported_from(printed, "open", "invalid args"));
-    EXPECT_EQ(0U, banners_in(printed));
+    EXPECT_EQ(0U, pztest::count_of(printed, "ASSERT Failed!"));
     EXPECT_FALSE(name.Exists());
     EXPECT_EQ(0, pthread_create_call.Calls());
 }
@@ -661,7 +660,7 @@ TEST_F(PZMessageQueueReceiverTest, ReportsAFailedJoin) {
     EXPECT_TRUE(reported_from(printed, "close",
                               "pthread_join failed !! ret[22] errno[22 : Invalid argument]"));
     EXPECT_EQ(1U, pztest::count_of(printed, "pthread_join failed"));
-    EXPECT_EQ(1U, banners_in(printed));
+    EXPECT_EQ(1U, assertions_in(printed));
     EXPECT_LT(printed.find("pthread_join failed"), printed.find("ASSERT Failed"));
     EXPECT_LT(printed.find("ASSERT Failed"), printed.find("dumpDirectly()@PZCallStack.cpp"));
     pthread_join_call.Replace(nullptr);
@@ -759,7 +758,7 @@ TEST_F(PZMessageQueueReceiverTest, AnObserverMayClose) {
     const std::string printed = out.Take();
     EXPECT_TRUE(reported_from(
         printed, "close", "pthread_join failed !! ret[35] errno[35 : Resource deadlock avoided]"));
-    EXPECT_EQ(1U, banners_in(printed));
+    EXPECT_EQ(1U, assertions_in(printed));
     receiver->close();
     EXPECT_EQ(1, pthread_join_call.Calls());
     EXPECT_EQ("x", observer.Order());

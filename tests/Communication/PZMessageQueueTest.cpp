@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Assertions.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/OpenDescriptors.h"
@@ -59,12 +60,8 @@ bool reported_from(const std::string& output, const char* function, const std::s
 /// True when the banner stands in the output after the message, and a call stack after the banner.
 bool has_assertion_after(const std::string& output, const std::string& message) {
     const size_t at = output.find(message);
-    const size_t banner = output.find(
-        "#########\n#########\nASSERT Failed! - "
-        "src/Framework/Communication/private/PZMessageQueue.cpp(",
-        at);
-    return at != std::string::npos && banner != std::string::npos &&
-           output.find("dumpDirectly()@PZCallStack.cpp", banner) != std::string::npos;
+    return at != std::string::npos &&
+           pztest::assertions_of(output.substr(at), "Communication/private/PZMessageQueue.cpp") > 0;
 }
 
 class PZMessageQueueTest : public testing::Test {

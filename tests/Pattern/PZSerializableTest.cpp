@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Assertions.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
@@ -502,12 +503,8 @@ TEST_F(PZArchiveTest, ReportsABoolThatIsNeitherZeroNorOne) {
             pztest::StdoutCapture output;
             archive.read(value);
             const std::string text = output.Take();
-            const std::string start =
-                "\033[49m#########\n#########\nASSERT Failed! - "
-                "src/Framework/Pattern/private/PZSerializable.cpp(";
-            EXPECT_EQ(start, text.substr(0, start.size()));
-            EXPECT_EQ(1U, pztest::count_of(text, ")\n#########\n#########\n"));
-            EXPECT_GE(pztest::count_of(text, "dumpDirectly()@PZCallStack.cpp"), 1U);
+            EXPECT_EQ(0U, text.find("\033[49m#########"));
+            EXPECT_EQ(1U, pztest::assertions_of(text, "Pattern/private/PZSerializable.cpp"));
             EXPECT_EQ(1, backtrace_call.Calls());
             EXPECT_EQ(before, value);
 
