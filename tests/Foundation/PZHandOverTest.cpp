@@ -472,22 +472,34 @@ std::string nothing_is_left(const AnyBox& box) {
     return box.IsAllServed() ? "" : "asleep with work";
 }
 
+/// The body of a loop's thread.
+template <typename AnyBox>
+Explorer::Body looping(AnyBox& box) {
+    return [&box] {
+        box.Begin();
+        box.Loop();
+    };
+}
+
+/// Lets the other threads go on until the loop waits.
+template <typename AnyBox>
+void await_its_wait(const AnyBox& box) {
+    explorer->Stop([&box] { return box.wait.isWaiting; });
+}
+
 // What every order comes to
 
 TEST_F(PZHandOverTest, LeavesNothingThatTwoThreadsPostUnserved) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
-            return {[&box] {
-                        box.Begin();
-                        box.Loop();
-                    },
+            return {looping(box),
                     [&box] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         box.Post(10);
                         box.Post(11);
                     },
                     [&box] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         box.Post(20);
                     }};
         },
@@ -499,17 +511,14 @@ TEST_F(PZHandOverTest, LeavesNothingThatTwoThreadsPostUnserved) {
 /// Each of the two posts something ordinary and something more urgent.
 template <typename AnyBox>
 std::vector<Explorer::Body> loop_and_urgent_posts(AnyBox& box) {
-    return {[&box] {
-                box.Begin();
-                box.Loop();
-            },
+    return {looping(box),
             [&box] {
-                explorer->Stop([&box] { return box.wait.isWaiting; });
+                await_its_wait(box);
                 box.Post(10);
                 box.Post(11, 0);
             },
             [&box] {
-                explorer->Stop([&box] { return box.wait.isWaiting; });
+                await_its_wait(box);
                 box.Post(20);
             }};
 }
@@ -524,12 +533,8 @@ TEST_F(PZHandOverTest, RefusesAMessageOnlyWhileThereIsNoRoom) {
     unsigned int mostRefused = 0;
     const std::string failure = Explore<SmallBox>(
         [](SmallBox& box) -> std::vector<Explorer::Body> {
-            return {[&box] {
-                        box.Begin();
-                        box.Loop();
-                    },
-                    [&box] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+            return {looping(box), [&box] {
+                        await_its_wait(box);
                         for (unsigned int number = 10; number < 15; ++number) box.Post(number);
                     }};
         },
@@ -569,18 +574,15 @@ TEST_F(PZHandOverTest, LeavesNothingUnservedThatIsPostedWhileTheLoopBegins) {
 TEST_F(PZHandOverTest, ServesEverythingThatWasPostedBeforeTheEnd) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
-            return {[&box] {
-                        box.Begin();
-                        box.Loop();
-                    },
+            return {looping(box),
                     [&box] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         box.Post(10);
                         box.Post(11);
                         box.wait.End();
                     },
                     [&box] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         box.Post(20);  // before the end, or never served
                     }};
         },
@@ -598,17 +600,14 @@ TEST_F(PZHandOverTest, WakesWithTheNextPostWhatAFailedWakeUpHasLeft) {
     const std::string failure = Explore<Box>(
         [&answered](Box& box) -> std::vector<Explorer::Body> {
             answered = {};
-            return {[&box] {
-                        box.Begin();
-                        box.Loop();
-                    },
+            return {looping(box),
                     [&box, &answered] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         answered[0] = box.Post(10);
                         answered[1] = box.Post(11);
                     },
                     [&box, &answered] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         answered[2] = box.Post(20);
                     }};
         },
@@ -630,16 +629,13 @@ TEST_F(PZHandOverTest, AnswersAFailureForEachPostThatLeavesTheLoopAsleep) {
     const std::string failure = Explore<Box>(
         [&answered](Box& box) -> std::vector<Explorer::Body> {
             answered = {true, true};
-            return {[&box] {
-                        box.Begin();
-                        box.Loop();
-                    },
+            return {looping(box),
                     [&box, &answered] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         answered[0] = box.Post(10);
                     },
                     [&box, &answered] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         answered[1] = box.Post(20);
                     }};
         },
@@ -654,12 +650,8 @@ TEST_F(PZHandOverTest, AnswersAFailureForEachPostThatLeavesTheLoopAsleep) {
 TEST_F(PZHandOverTest, ServesOnAfterAWaitThatFails) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
-            return {[&box] {
-                        box.Begin();
-                        box.Loop();
-                    },
-                    [&box] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+            return {looping(box), [&box] {
+                        await_its_wait(box);
                         box.Post(10);
                         box.Post(11);
                     }};
@@ -671,12 +663,9 @@ TEST_F(PZHandOverTest, ServesOnAfterAWaitThatFails) {
 TEST_F(PZHandOverTest, IsLeftAloneByAPostBeforeItSaysThatNobodyWakesTheLoop) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
-            return {[&box] {
-                        box.Begin();
-                        box.Loop();
-                    },
+            return {looping(box),
                     [&box] {
-                        explorer->Stop([&box] { return box.wait.isWaiting; });
+                        await_its_wait(box);
                         box.Post(10);
                     },
                     [&box] {
@@ -825,16 +814,13 @@ private:
 
 template <typename AnyBox>
 std::vector<Explorer::Body> loop_and_two_posts(AnyBox& box) {
-    return {[&box] {
-                box.Begin();
-                box.Loop();
-            },
+    return {looping(box),
             [&box] {
-                explorer->Stop([&box] { return box.wait.isWaiting; });
+                await_its_wait(box);
                 box.Post(10);
             },
             [&box] {
-                explorer->Stop([&box] { return box.wait.isWaiting; });
+                await_its_wait(box);
                 box.Post(20);
             }};
 }
