@@ -59,7 +59,7 @@ protected:
 
 void ignore_signal(int /*signal*/) {}
 
-INSTANTIATE_TYPED_TEST_SUITE_P(PZBoxWait, WakingLoopTest, BoxWaitKind);
+INSTANTIATE_TYPED_TEST_SUITE_P(PZBoxWait, WakingLoopTest, BoxWaitKind, );
 
 }  // namespace
 

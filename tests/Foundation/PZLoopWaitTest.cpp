@@ -80,7 +80,7 @@ protected:
     PZLoopWait loop;
 };
 
-INSTANTIATE_TYPED_TEST_SUITE_P(PZLoopWait, WakingLoopTest, LoopWaitKind);
+INSTANTIATE_TYPED_TEST_SUITE_P(PZLoopWait, WakingLoopTest, LoopWaitKind, );
 
 }  // namespace
 
