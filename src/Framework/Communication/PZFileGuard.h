@@ -12,7 +12,7 @@
 /// One recursive mutex of several processes, with which they take turns at a shared file.
 ///
 /// Sides:     one process, the system side, makes the mutex with initForSystem and takes it away
-///            with destroyMutex. Every other one, an application side, comes to it with
+///            with destroyMutex. Every other one is an application side, and attaches with
 ///            initForApp. An application may start first: its guard attaches, and refuses to
 ///            lock until the system side is there. It does need the key files, which only the
 ///            system side makes; without them every canLock, lock and tryLock tries once more,
@@ -56,9 +56,9 @@ public:
     bool setFilePath(const std::string& dirPath, const std::string& fileName);
 
     /// Becomes the system side: makes the directory and the key files as far as they are missing
-    /// (open to everybody), attaches both segments, makes the mutex afresh, even while others hold
-    /// it, and lets the applications in. Who waits in lock meanwhile goes on waiting for the fresh
-    /// mutex. A key file that is a symbolic link is refused: where it leads nothing is touched.
+    /// (open to everybody), attaches both segments, makes a new mutex, even while others hold the
+    /// old one, and lets the applications in. A thread that waits in lock waits on for the new
+    /// mutex. A key file that is a symbolic link is refused, and its target is not touched.
     /// After a failure beyond an empty file name or a second call the object is of no more use.
     bool initForSystem();
 
@@ -77,7 +77,7 @@ public:
     /// (reported), or when canLock is false (not reported).
     bool tryLock();
 
-    /// Gives back one lock, also when the system side is gone meanwhile. False when the mutex is
+    /// Releases one lock, also when the system side is gone meanwhile. False when the mutex is
     /// not attached. A thread that does not hold the mutex is answered true, and nothing happens.
     bool unlock();
 

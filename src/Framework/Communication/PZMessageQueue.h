@@ -101,7 +101,7 @@ public:
     /// Answers the number of bytes received, type and trailing bytes included, or -1 (reported).
     /// As many bytes are stored in `data`: the payload, what followed it, and one zero byte.
     /// `data` must hold 1028 bytes, whatever `size` says, which only must not be 0. An empty
-    /// message, which another program may have sent, has type 0 and the result 0.
+    /// message, which other programs may send, has type 0 and the result 0.
     ///
     /// A queue of another program, for messages of more than 1024 bytes, cannot be received from:
     /// -1 every time.

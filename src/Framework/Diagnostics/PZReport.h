@@ -39,7 +39,7 @@
 /// call stack. Never stops the process; the caller goes on with its own failure path.
 #define PZ_REPORT_ASSERTION() pz_report_assertion(__FILE__, __LINE__)
 
-/// The function behind PZ_REPORT_ASSERTION.
+/// What PZ_REPORT_ASSERTION calls.
 PZ_API void pz_report_assertion(const char* file, int line);
 
 /// Names an object in the records of the calling thread's reports, for texts that name none: see

@@ -80,7 +80,7 @@ public:
     ///
     /// False, and reported: a null callback, an interval of 0, a second Start, a signal that the
     /// process uses (it has an action already, or the calling thread blocks it) or that cannot be
-    /// caught, no memory, no descriptors, no thread. Nothing is left behind then.
+    /// caught, no memory, no descriptors, no thread. Nothing remains then.
     static bool Start(Callback callback, void* user, unsigned int intervalMs,
                       int stackSignal = kNoCallStack);
 

@@ -14,7 +14,7 @@
 ///           layout is a template over its form: PZInspectionLive is what the library writes,
 ///           PZInspectionCopy what somebody has read from another process.
 /// Changes:  another layout has another `version`; a reader refuses versions that it does not know.
-///           Fields may be added behind the last one of a record without that: the table tells the
+///           Fields may be added after the last one of a record without that: the table tells the
 ///           size of each record.
 /// Time:     milliseconds of CLOCK_MONOTONIC, their low 32 bits. Stamps are those of the coarse
 ///           clock, up to one kernel tick (1 to 10 ms) old.
@@ -160,7 +160,7 @@ struct ST_INSPECTED_USAGE {
 /// What one thread has allocated.
 template <typename Form>
 struct ST_INSPECTED_HEAP_THREAD {
-    typename Form::U32 tid{};          ///< 0: the entry is free, and so are all behind it
+    typename Form::U32 tid{};          ///< 0: the entry is free, and so are all after it
     ST_INSPECTED_USAGE<Form> usage{};  ///< of its blocks
 };
 

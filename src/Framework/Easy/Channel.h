@@ -186,7 +186,7 @@ template <typename T>
 class Receiver {
 public:
     /// `function` is called with each value as `const T&`; see Sender for the name and the version.
-    /// An empty function, and a worker that does not run, is refused (reported).
+    /// An empty function and a worker that does not run are refused (reported).
     template <typename F>
     Receiver(const Worker& worker, const char* name, F&& function,
              std::uint16_t version = 0) noexcept

@@ -46,7 +46,7 @@ public:
     /// Whether the framework runs; false for one that was moved from.
     explicit operator bool() const noexcept { return started_; }
 
-    /// The name that the process goes by: that of the first one. It stays readable.
+    /// The name of the process: that of the first one. It stays readable.
     static const char* name() noexcept { return pz_GetName(); }
 
 private:

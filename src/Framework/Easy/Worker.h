@@ -264,9 +264,9 @@ public:
     Reply(const Reply&) = delete;
     Reply& operator=(const Reply&) = delete;
 
-    /// For the one who serves.
+    /// For the thread that serves.
     void Finish(CallError outcome) noexcept;
-    /// For the one who waits, with `core` once it is posted there.
+    /// For the thread that waits, with `core` once it is posted there.
     CallError Wait(WorkerCore* core);
 
 private:
@@ -346,8 +346,8 @@ public:
     /// and answers every post with Posted::stopped.
     explicit Worker(const char* name, const Options& options = Options()) noexcept;
 
-    /// stop(options.stop_within). A handler that hangs is left behind, with everything of the
-    /// worker that it uses. After a stop that has failed already it is not waited for again.
+    /// stop(options.stop_within). A handler that hangs keeps everything of the worker that
+    /// it uses. After a stop that has failed already it is not waited for again.
     ///
     /// Destroyed by a function that it runs itself: ends when that function has returned, and what
     /// is posted by then has been run.

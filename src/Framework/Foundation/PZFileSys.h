@@ -127,7 +127,7 @@ public:
     /// Begins a search, instead of the one before, and finds the first entry. False when there is
     /// none; then no search is open. (A wide path that is refused leaves the one before open.)
     ///
-    /// A path with a '*' names a directory and, behind the last '/' before that first '*', a
+    /// A path with a '*' names a directory and, after the last '/' before that first '*', a
     /// pattern (see strcmp_wild). Without a '/' there, or when nothing stands before it, no
     /// directory is named: false. Any other path names the directory itself, even with a '?'.
     /// At most 1023 bytes.
@@ -185,7 +185,7 @@ public:
     /// A link, device, pipe or socket in a directory ends the copy with false. A directory that
     /// cannot be opened counts as empty; but a lack of descriptors or memory is a failure
     /// (reported), and so is a listing that cannot be read to its end. A file that is copied in
-    /// part stays. The kernel copies what it can by itself; the rest goes by 1024 bytes.
+    /// part stays. The kernel copies what it can by itself; the rest goes in blocks of 1024 bytes.
     ///
     /// A destination that appears while the copy begins is refused by `failIfExists`, too, and left
     /// as it is. As `src` or `dst` a fifo without a peer, or a device that is silent, is waited for

@@ -31,7 +31,7 @@ public:
     /// The limit given to the constructor.
     unsigned int capacity() const noexcept { return max_; }
 
-    /// Stores a copy behind all records that are served before it.
+    /// Stores a copy after all records that are served before it.
     void push(const que& element) {
         que& stored = Insert(element.priority);
         static_cast<T&>(stored) = element;

@@ -82,7 +82,7 @@ private:
         return *sync;
     }
 
-    /// Registered only behind T's constructor: singletons that it uses have to outlive this one.
+    /// Registered only after T's constructor: singletons that it uses have to outlive this one.
     static T* MakeRegistered() {
         T* const instance = new T;
         try {

@@ -53,8 +53,8 @@ public:
     /// Whether there is an open file.
     bool IsOpen() const;
 
-    /// Closes the stream. What was written goes to the medium first. An object that was once
-    /// written to does so at every later Close, even when the stream of then was only read.
+    /// Closes the stream. Written data goes to the medium first. An object that was written to
+    /// once does so at every later Close, even of a stream that was only read.
     void Close();
 
     /// Reads up to `size` bytes, of which only the low 32 bits count, and answers how many were
@@ -95,8 +95,8 @@ public:
     bool IsEndOfFile();
 
     /// Hands the buffered data to the system and waits until the medium has them. 0 for success; 1
-    /// when the data could not be handed over, and on a closed object. A medium that fails behind
-    /// the system's back is not noticed.
+    /// when the data could not be handed over, and on a closed object. A failure that the medium
+    /// does not report to the system is not noticed.
     int Flush();
 
 private:

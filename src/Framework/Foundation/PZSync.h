@@ -59,7 +59,7 @@ public:
     /// 2 error (reported).
     unsigned int Lock(unsigned int timeout) PZ_ACQUIRE();
 
-    /// Gives back one Lock; the last one lets the next thread in. One too many lets one more in.
+    /// Releases one Lock; the last one lets the next thread in. One too many lets one more in.
     void Unlock() PZ_RELEASE();
 
 private:

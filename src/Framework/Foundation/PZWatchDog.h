@@ -7,7 +7,7 @@
 class PZWatchDog;
 extern template class PZ_API PZSingleton<PZWatchDog>;
 
-/// The hooks of a watchdog over the framework's threads. No watchdog stands behind them yet:
+/// The hooks of a watchdog over the framework's threads. They are connected to none yet:
 /// every operation returns at once without effect.
 ///
 /// The framework calls start and stop with its own start and stop, and IntoWait and OutWait

@@ -223,8 +223,8 @@ public:
     /// them is not below LengthByte(), or when `end` lies before `start` - 1. npos stands for
     /// LengthByte() - 1. A 16-bit text is not cut: reported.
     ///
-    /// Throws std::out_of_range when `start` passes that test and still lies behind a wide text,
-    /// which has fewer characters than bytes.
+    /// Throws std::out_of_range when `start` passes that test and still lies after the end of a
+    /// wide text, which has fewer characters than bytes.
     PZString& SubStr(unsigned int start, unsigned int end = npos);
 
     // Splitting. Appends the pieces to `list`, which is not cleared first, as new objects: narrow

@@ -6,7 +6,7 @@
 #include <Framework/PZApi.h>
 
 /// @file
-/// The C library's string, number, sleep and process calls behind one calling style. Everything
+/// The C library's string, number, sleep and process calls in one calling style. Everything
 /// here is re-entrant; any thread may call it. The copy helpers clear errno, return 0 and never
 /// print.
 
@@ -103,11 +103,11 @@ PZ_API bool pz_create_process(const char* program, pid_t* pidOut, const char* ar
 ///   %     a percent sign
 /// Any other letter is copied as it stands, from its percent sign on, and takes no argument.
 ///
-/// Flags:      '-' aligns to the left; '0' fills with zeros, behind a sign or base prefix; '+' puts
+/// Flags:      '-' aligns to the left; '0' fills with zeros, after a sign or base prefix; '+' puts
 ///             a sign before d, i, f and F; '#' prefixes o, x and X with their base.
 /// Width:      a number, or '*' for an int argument (a negative one aligns to the left).
 /// Precision:  a number or '*': digits after the point of f and F (6 when left out), most
-///             characters of s and S, behind which nothing is read; without effect on the others.
+///             characters of s and S, after which nothing is read; without effect on the others.
 ///             A negative one counts as left out.
 /// Length:     hh h l ll L j z t for the numbers, h and l for the texts.
 /// Limits:     width and precision count as at most 4095.
