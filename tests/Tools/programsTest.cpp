@@ -74,13 +74,13 @@ TEST(ProgramOfAnOrdinaryUserTest, OneLineTellsWhichRightIsMissing) {
     ASSERT_EQ(0, run_command("chmod 755 " + dir.Path()).status);
     const CommandResult feed = run_as_ordinary_user(PZ_FEED " " + dir.File("text"));
     EXPECT_EQ(0, feed.status) << feed.output;
-    EXPECT_EQ(0U, count_of(feed.output, "[error]")) << feed.output;
+    EXPECT_EQ(0U, count_of(feed.output, "Permission denied")) << feed.output;
     EXPECT_EQ(1U, count_of(feed.output, "no right to raise it")) << feed.output;
 }
 
 TEST(ProgramOfAnOrdinaryUserTest, TwoProgramsTellItOnce) {
     const CommandResult both = run_as_ordinary_user(PZ_TWOPROCESS_RUN " 1");
     EXPECT_EQ(0, both.status) << both.output;
-    EXPECT_EQ(0U, count_of(both.output, "[error]")) << both.output;
+    EXPECT_EQ(0U, count_of(both.output, "Permission denied")) << both.output;
     EXPECT_EQ(1U, count_of(both.output, "no right to raise it")) << both.output;
 }
