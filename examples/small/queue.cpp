@@ -1,6 +1,5 @@
-// A queue between processes: one process sends and ends, the other receives.
-//
-// Messages wait in the system, the smaller priority value first.
+// A queue between processes: one sends and ends, the other receives. Messages wait in the system,
+// the smaller priority value first.
 #include <sys/wait.h>
 #include <unistd.h>
 
