@@ -132,12 +132,12 @@ constexpr bool fits_in_room() {
     return sizeof(F) <= Job::kRoom;
 }
 
-/// A posted function that is nothing but bytes: it lies in the message itself.
-struct PlainJob {
+/// A posted function that is nothing but bytes: it lies in the message itself, behind this.
+struct PlainHead {
     const JobType* type;
     Place place;
-    alignas(void*) unsigned char room[Job::kRoom];
 };
+static_assert(sizeof(PlainHead) % alignof(void*) == 0, "the function behind it is aligned");
 
 /// Whether a copy of its bytes is the function, and nothing need be destroyed.
 template <typename F>
@@ -222,8 +222,9 @@ private:
     Posted answer_ = Posted::stopped;
 };
 
-/// Posts the first `size` bytes of the job.
-PZ_API Posted post_plain(WorkerCore* core, PlainJob& job, std::size_t size, Priority priority,
+/// Posts the `size` bytes of a function.
+PZ_API Posted post_plain(WorkerCore* core, const PlainHead& head, const void* function,
+                         std::size_t size, Priority priority,
                          std::chrono::milliseconds within) noexcept;
 
 /// Reports a post that is refused, and answers it.
@@ -237,11 +238,11 @@ Posted post(WorkerCore* core, F&& function, Priority priority, std::chrono::mill
     static_assert(std::is_invocable_v<Function&>, "what is posted is called without arguments");
     if (is_empty<Function>(function)) return refused(core, Posted::empty, place);
     if constexpr (is_plain<Function>()) {
-        PlainJob job;
-        job.type = &StoredHere<Function>::kType;
-        job.place = place;
-        StoredHere<Function>::Put(job.room, std::forward<F>(function));
-        return post_plain(core, job, offsetof(PlainJob, room) + sizeof(Function), priority, within);
+        static_assert(std::is_constructible_v<Function, F>,
+                      "what is posted can be copied or moved");
+        const PlainHead head = {&StoredHere<Function>::kType, place};
+        const Function& bytes = function;  // the object itself, or a pointer to the function
+        return post_plain(core, head, &bytes, sizeof bytes, priority, within);
     } else {
         Posting posting(core, within, place);
         if (posting.job() == nullptr) return posting.answer();

@@ -81,7 +81,9 @@ private:
     PZ_LOCAL bool MakeEvents();
     PZ_LOCAL EN_POST RefusedLocked(EN_POST answer) const PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool BeginLoop(unsigned int workerId);
-    PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d, Waking& waking) PZ_REQUIRES(msgSync_);
+    template <unsigned int headSize>
+    PZ_LOCAL bool QueueLocked(ST_PUSH_MSG_DATA& d, const void* head, Waking& waking)
+        PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool QueueLocked(const EventInfo& event, Waking& waking) PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool TakeMessage(bool emergencyOnly, ST_PUSH_MSG_DATA& msg);
     PZ_LOCAL EventInfo TakeEvent();
@@ -102,8 +104,10 @@ private:
         en_QUIET_FULL,   // no room, or no memory
         en_QUIET_CLOSED  // not open
     };
-    PZ_LOCAL EN_QUIET PushQuietly(ST_PUSH_MSG_DATA& d, const std::atomic<bool>& isOpen,
-                                  bool isReserved);
+    // A payload is stored behind the kQuietHead bytes at `head`.
+    static constexpr unsigned int kQuietHead = 4 * sizeof(void*);
+    PZ_LOCAL EN_QUIET PushQuietly(ST_PUSH_MSG_DATA& d, const void* head,
+                                  const std::atomic<bool>& isOpen, bool isReserved);
     PZ_LOCAL bool Reserve();
     PZ_LOCAL void GiveReservedBack();
     PZ_LOCAL unsigned int CountMessages();

@@ -22,9 +22,10 @@ Posted Posting::Commit(const JobType& type, Priority priority) noexcept {
     return core_->Commit(job, type, priority);
 }
 
-Posted post_plain(WorkerCore* core, PlainJob& job, std::size_t size, Priority priority,
-                  std::chrono::milliseconds within) noexcept {
-    return core != nullptr ? core->PostPlain(job, size, priority, within) : Posted::stopped;
+Posted post_plain(WorkerCore* core, const PlainHead& head, const void* function, std::size_t size,
+                  Priority priority, std::chrono::milliseconds within) noexcept {
+    if (core == nullptr) return Posted::stopped;
+    return core->PostPlain(head, function, size, priority, within);
 }
 
 Posted refused(const WorkerCore* core, Posted answer, const Place& place) noexcept {

@@ -161,34 +161,47 @@ bool WorkerCore::IsRunning() const noexcept {
     return accepting_;
 }
 
-Posted WorkerCore::PostPlain(PlainJob& job, std::size_t size, Priority priority,
-                             std::chrono::milliseconds within) noexcept {
-    if (IsManual()) return PostPlainByHand(job, size, priority);
-    PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, kPlain, level_of(priority), &job,
+Posted WorkerCore::PostPlain(const PlainHead& head, const void* function, std::size_t size,
+                             Priority priority, std::chrono::milliseconds within) noexcept {
+    if (IsManual()) return PostPlainByHand(head, function, size, priority);
+    PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, kPlain, level_of(priority), function,
                                            static_cast<unsigned int>(size)};
-    const Posted posted = Push(message, false);
-    return posted != Posted::full || !MayWait(within) ? posted : PushLater(message, within);
-}
+    const Posted answer = PushPlain(message, head);
+    if (answer != Posted::full || !MayWait(within)) return answer;
 
-/// When there is room in time.
-Posted WorkerCore::PushLater(PZIMsgBox::ST_PUSH_MSG_DATA& message,
-                             std::chrono::milliseconds within) noexcept {
     const Clock::time_point deadline = deadline_after(within);
     while (WaitForRoom(deadline)) {
-        const Posted again = Push(message, false);
+        const Posted again = PushPlain(message, head);
         if (again != Posted::full) return again;
     }
     return accepting_ ? Posted::full : Posted::stopped;
 }
 
+Posted WorkerCore::PushPlain(PZIMsgBox::ST_PUSH_MSG_DATA& message, const PlainHead& head) noexcept {
+    static_assert(sizeof head == PZLMsgBox::kQuietHead);
+    return Answered(box_.PushQuietly(message, &head, accepting_, false));
+}
+
+Posted WorkerCore::Answered(PZLMsgBox::EN_QUIET answer) noexcept {
+    switch (answer) {
+        case PZLMsgBox::en_QUIET_OK:
+            return Posted::ok;
+        case PZLMsgBox::en_QUIET_CLOSED:
+            return Posted::stopped;
+        case PZLMsgBox::en_QUIET_FULL:
+            break;
+    }
+    return Posted::full;
+}
+
 /// The same for a manual core: in a job.
-Posted WorkerCore::PostPlainByHand(const PlainJob& job, std::size_t size,
+Posted WorkerCore::PostPlainByHand(const PlainHead& head, const void* function, std::size_t size,
                                    Priority priority) noexcept {
     Posted answer = Posted::stopped;
-    Job* const kept = Reserve(kNone, job.place, answer);
+    Job* const kept = Reserve(kNone, head.place, answer);
     if (kept == nullptr) return answer;
-    std::memcpy(kept->room, job.room, size - offsetof(PlainJob, room));
-    return Commit(*kept, *job.type, priority);
+    std::memcpy(kept->room, function, size);
+    return Commit(*kept, *head.type, priority);
 }
 
 Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
@@ -293,7 +306,7 @@ Posted WorkerCore::Enqueue(Job& job, Priority priority) noexcept {
     if (IsManual()) return EnqueueByHand(job, level_of(priority));
     PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, static_cast<unsigned int>(&job - jobs_.get()),
                                            level_of(priority), nullptr, 0};
-    return Push(message, true);
+    return Answered(box_.PushQuietly(message, nullptr, accepting_, true));
 }
 
 Posted WorkerCore::EnqueueByHand(const Job& job, unsigned int level) noexcept {
@@ -314,18 +327,6 @@ Posted WorkerCore::EnqueueByHand(const Job& job, unsigned int level) noexcept {
     return Posted::stopped;
 }
 
-Posted WorkerCore::Push(PZIMsgBox::ST_PUSH_MSG_DATA& message, bool isReserved) noexcept {
-    switch (box_.PushQuietly(message, accepting_, isReserved)) {
-        case PZLMsgBox::en_QUIET_OK:
-            return Posted::ok;
-        case PZLMsgBox::en_QUIET_CLOSED:
-            return Posted::stopped;
-        case PZLMsgBox::en_QUIET_FULL:
-            break;
-    }
-    return Posted::full;
-}
-
 void WorkerCore::GiveBack(Job& job) noexcept {
     GiveRoomBack();
     NoteTaken();
@@ -340,7 +341,7 @@ void WorkerCore::NoteTaken() noexcept {
 }
 
 void WorkerCore::OnReceiveMsg(unsigned int msgId, const void* buff, unsigned int /*size*/) {
-    if (msgId == kPlain) return ExecutePlain(*static_cast<const PlainJob*>(buff));
+    if (msgId == kPlain) return ExecutePlain(*static_cast<const PlainHead*>(buff));
     if (msgId < kJobs) Execute(jobs_[msgId]);
 }
 
@@ -393,7 +394,7 @@ void WorkerCore::Execute(Job& job) {
     if (taken.HasFunction()) RunFunction(job.place, *job.type, job.room);
 }
 
-void WorkerCore::ExecutePlain(const PlainJob& job) {
+void WorkerCore::ExecutePlain(const PlainHead& head) {
     NoteTaken();
     if (isDropped_.load(std::memory_order_relaxed)) return;
     /// Told also when the handler ends its thread.
@@ -408,7 +409,7 @@ void WorkerCore::ExecutePlain(const PlainJob& job) {
         std::atomic<bool>& isRunning_;
     };
     const Running running(isRunning_);
-    RunFunction(job.place, *job.type, job.room);
+    RunFunction(head.place, *head.type, &head + 1);
 }
 
 // A forced unwind carries no object: the reference that catches it is null.

@@ -61,9 +61,9 @@ public:
     /// Ends the service as soon as nothing is posted any more; does not wait.
     void RequestStop() noexcept;
 
-    /// Posts the first `size` bytes of the job.
-    Posted PostPlain(PlainJob& job, std::size_t size, Priority priority,
-                     std::chrono::milliseconds within) noexcept;
+    /// Posts the `size` bytes of a function.
+    Posted PostPlain(const PlainHead& head, const void* function, std::size_t size,
+                     Priority priority, std::chrono::milliseconds within) noexcept;
 
     /// A free job, or null and why.
     Job* Reserve(std::chrono::milliseconds within, const Place& place, Posted& answer) noexcept;
@@ -114,7 +114,7 @@ private:
 
     static constexpr unsigned int kCapacity = 256;  // of the box
     static constexpr unsigned int kJobs = kCapacity + 1;
-    static constexpr unsigned int kPlain = kJobs;  // identifier of a message with a PlainJob
+    static constexpr unsigned int kPlain = kJobs;  // identifier of a message with a PlainHead
 
     /// Of a job.
     enum EN_STATE : int {
@@ -124,21 +124,21 @@ private:
         en_STATE_CANCELLED  // its message may still come, its function is gone
     };
 
-    Posted PostPlainByHand(const PlainJob& job, std::size_t size, Priority priority) noexcept;
-    Posted PushLater(PZIMsgBox::ST_PUSH_MSG_DATA& message,
-                     std::chrono::milliseconds within) noexcept;
+    Posted PostPlainByHand(const PlainHead& head, const void* function, std::size_t size,
+                           Priority priority) noexcept;
+    Posted PushPlain(PZIMsgBox::ST_PUSH_MSG_DATA& message, const PlainHead& head) noexcept;
+    static Posted Answered(PZLMsgBox::EN_QUIET answer) noexcept;  // by the box
     bool MayWait(std::chrono::milliseconds within) const noexcept;
     bool WaitForRoom(Clock::time_point deadline) noexcept;
     bool TakeRoomLocked() noexcept;
     void GiveRoomBack() noexcept;
     Job* TakeFreeLocked() noexcept;
-    Posted Push(PZIMsgBox::ST_PUSH_MSG_DATA& message, bool isReserved) noexcept;
     Posted Enqueue(Job& job, Priority priority) noexcept;
     Posted EnqueueByHand(const Job& job, unsigned int level) noexcept;
     void NoteTaken() noexcept;
     void Release(Job& job) noexcept;
     void Execute(Job& job);
-    void ExecutePlain(const PlainJob& job);
+    void ExecutePlain(const PlainHead& head);
     void RunFunction(const Place& place, const JobType& type, const void* room);
     void ReportException(const Place& place, const char* what) const noexcept;
     void DetachTimers() noexcept;

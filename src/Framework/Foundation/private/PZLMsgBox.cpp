@@ -268,26 +268,32 @@ int PZLMsgBox::CheckTrail(unsigned int n) {
     return trail_ == n ? 1 : 0;
 }
 
-/// Queues the message with a copy of its payload, whose address `d.Buff` becomes; false, and
-/// nothing changed, without memory. `waking` follows after the lock.
+/// Queues the message with a copy of its payload, behind the head, whose address `d.Buff` becomes;
+/// false, and nothing changed, without memory. `waking` follows after the lock.
+template <unsigned int headSize>
 __attribute__((always_inline)) inline bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d,
+                                                                  const void* head,
                                                                   Waking& waking) {
     if (kept_ == nullptr) return false;
     const void* copy = nullptr;
+    unsigned int size = d.BuffSize;
     if (d.Buff != nullptr) {
-        void* const room = kept_->payloads.Take(d.BuffSize);
+        size += headSize;
+        auto* const room = static_cast<unsigned char*>(kept_->payloads.Take(size));
         if (room == nullptr) return false;
-        copy = std::memcpy(room, d.Buff, d.BuffSize);
+        if constexpr (headSize != 0) std::memcpy(room, head, headSize);
+        std::memcpy(room + headSize, d.Buff, d.BuffSize);
+        copy = room;
     }
     // Before the loop can see it.
     PZ_PROBE(msg_post, this, d.SID, d.MsgID, d.Priority, copy);
     try {
-        const auto fill = [&d, copy](ST_PUSH_MSG_DATA& queued) {
+        const auto fill = [&d, copy, size](ST_PUSH_MSG_DATA& queued) {
             queued.SID = d.SID;
             queued.MsgID = d.MsgID;
             queued.Priority = d.Priority;
             queued.Buff = copy;
-            queued.BuffSize = d.BuffSize;
+            queued.BuffSize = size;
         };
         waking.From(*kept_, kept_->handOver.PostLocked(d.Priority, fill));
     } catch (const std::bad_alloc&) {
@@ -316,7 +322,7 @@ unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
                                workerId_);
             return RefusedLocked(en_POST_FULL);
         }
-        if (is_rare(!QueueLocked(d, waking))) {
+        if (is_rare(!QueueLocked<0>(d, nullptr, waking))) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
             return RefusedLocked(en_POST_FAILED);
         }
@@ -332,8 +338,8 @@ PZIMsgBox::EN_POST PZLMsgBox::RefusedLocked(EN_POST answer) const {
     return answer;
 }
 
-PZLMsgBox::EN_QUIET PZLMsgBox::PushQuietly(ST_PUSH_MSG_DATA& d, const std::atomic<bool>& isOpen,
-                                           bool isReserved) {
+PZLMsgBox::EN_QUIET PZLMsgBox::PushQuietly(ST_PUSH_MSG_DATA& d, const void* head,
+                                           const std::atomic<bool>& isOpen, bool isReserved) {
     Waking waking;
     {
         const PZSyncLock lock(msgSync_);
@@ -341,7 +347,7 @@ PZLMsgBox::EN_QUIET PZLMsgBox::PushQuietly(ST_PUSH_MSG_DATA& d, const std::atomi
         if (isReserved) kept_->handOver.GiveReservedBackLocked();
         if (!isOpen.load(std::memory_order_relaxed)) return en_QUIET_CLOSED;
         if (kept_->handOver.IsFullLocked()) return en_QUIET_FULL;
-        if (!QueueLocked(d, waking)) return en_QUIET_FULL;
+        if (!QueueLocked<kQuietHead>(d, head, waking)) return en_QUIET_FULL;
     }
     // It is there, and is served after the next post at the latest.
     if (!waking.Succeeds(false)) PZ_REPORT_ERROR("SetEvent failed\n");
