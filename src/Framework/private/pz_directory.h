@@ -59,6 +59,8 @@ public:
 private:
     static constexpr std::size_t kSize = 32768;  // as much as the C library asks for at once
 
+    // The entries are written before they are read.
+    // cppcheck-suppress uninitMemberVarPrivate
     explicit PZDirectory(PZDescriptor directory) noexcept : directory_(std::move(directory)) {}
 
     static bool IsDotOrDotDot(const char* name) noexcept {
