@@ -1,6 +1,7 @@
 #ifndef PZ_FRAMEWORK_COMMUNICATION_PZMESSAGEQUEUE_H
 #define PZ_FRAMEWORK_COMMUNICATION_PZMESSAGEQUEUE_H
 
+#include <mqueue.h>  // for programs that take queues away by their names, as they always could
 #include <sys/types.h>
 
 #include <atomic>
