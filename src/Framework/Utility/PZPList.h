@@ -173,7 +173,7 @@ public:
         if (node == nullptr) return;
         this->Unlink(node);
         Slot* const block = reinterpret_cast<Slot*>(node)->block;
-        if (--block->head.live == 0) Allocator().deallocate(block, block->head.slots);
+        if (--block->head.live == 0) Allocator().deallocate(block, block->head.places);
     }
 
     /// The elements, for range-based for loops.
@@ -183,13 +183,13 @@ public:
     /// @}
 
 private:
-    static constexpr unsigned int kMaxSlots = 29;  // larger blocks cost the C library more
+    static constexpr unsigned int kMaxPlaces = 29;  // larger blocks cost the C library more
 
     // Memory of a node. The nodes lie in blocks, because one allocation for each of them costs more
     // than all else that is done with it. The first slot of a block counts the others; the block
     // goes with the last of its nodes.
     struct BlockHead {
-        unsigned int slots;  // the first one included
+        unsigned int places;  // the first one included
         unsigned int used;
         unsigned int live;  // nodes that are not erased
     };
@@ -207,7 +207,7 @@ private:
     Slot* FreeSlot() {
         const Node* const tail = this->GetTail();
         Slot* block = tail != nullptr ? reinterpret_cast<const Slot*>(tail)->block : nullptr;
-        if (block == nullptr || block->head.used == block->head.slots) block = NewBlock();
+        if (block == nullptr || block->head.used == block->head.places) block = NewBlock();
         Slot* const slot = block + block->head.used++;
         slot->block = block;
         ++block->head.live;
@@ -215,11 +215,11 @@ private:
     }
 
     Slot* NewBlock() {
-        unsigned int slots = this->GetCount() + 1;
-        if (slots < 2) slots = 2;
-        if (slots > kMaxSlots) slots = kMaxSlots;
-        Slot* const block = Allocator().allocate(slots);
-        block->head = {slots, 1, 0};
+        unsigned int places = this->GetCount() + 1;
+        if (places < 2) places = 2;
+        if (places > kMaxPlaces) places = kMaxPlaces;
+        Slot* const block = Allocator().allocate(places);
+        block->head = {places, 1, 0};
         return block;
     }
 };
