@@ -23,6 +23,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/pz_framework.h>
 
+#include "support/CancelledStack.h"
 #include "support/ChildProcess.h"
 #include "support/StdoutCapture.h"
 #include "support/StuckStdout.h"
@@ -58,6 +59,8 @@ std::string printed_before_log;                   // here
 bool connects = false;  // as the log does at its first line, and when its daemon was started again
 int connection = -1;
 
+bool is_cancelled = false;  // the thread that logs, at a cancellation point of the log
+
 }  // namespace
 
 // The system log of these tests.
@@ -67,6 +70,10 @@ extern "C" void syslog(int pri, const char* fmt, ...) {
     va_start(args, fmt);
     std::vsnprintf(line, sizeof line, fmt, args);
     va_end(args);
+    if (is_cancelled) {
+        pthread_cancel(pthread_self());
+        pthread_testcancel();
+    }
     const std::lock_guard<std::mutex> lock(system_log_mutex);
     system_log.push_back({pri, line});
     if (watched_output != nullptr) printed_before_log = watched_output->Take();
@@ -80,6 +87,7 @@ class PZDbgOutputTest : public testing::Test {
 protected:
     ~PZDbgOutputTest() override {
         watched_output = nullptr;
+        is_cancelled = false;
         system_log.clear();
     }
 
@@ -650,6 +658,24 @@ TEST_F(PZDbgOutputTest, LetsItsThreadBeCancelledWhileTheStandardOutputIsStuck) {
     }
 }
 #endif
+
+// Where no daemon listens the C library's log writes to the console, through a stream on its own
+// stack: a thread that ended there would leave a pointer to it behind.
+TEST_F(PZDbgOutputTest, LetsACancelledThreadEndOnlyBehindTheSystemLog) {
+    is_cancelled = true;
+    pthread_t thread = {};
+    const auto body = [](void*) -> void* {
+        const pztest::CancelledStack stack;
+        PZDbgOutput::DbgPrint("unit", "f", 12, PZDbgOutput::en_TAG_SYS, "hi\n");
+        pthread_testcancel();
+        return nullptr;
+    };
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, nullptr));
+    void* end = nullptr;
+    pthread_join(thread, &end);
+    EXPECT_EQ(PTHREAD_CANCELED, end);
+    EXPECT_EQ(Log({{LOG_NOTICE, "[sys] f()@unit(12) {} : hi\n"}}), system_log);
+}
 
 TEST_F(PZDbgOutputTest, NeverMixesTheLinesOfDifferentThreads) {
     constexpr int kThreads = 8;

@@ -13,6 +13,7 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_standard_descriptors.h>
+#include <Framework/private/pz_uncancelled.h>
 
 #include "PZErrnoKeeper.h"
 #include "pz_report_repeats.h"
@@ -179,6 +180,9 @@ unsigned int pz_settle_report_way() {
 
 void pz_log_report(const ST_REPORT& report) {
     if (!report.isLogged) return;
+    // Where no daemon listens it writes to the console through a stream on the stack, which a
+    // thread that ends meanwhile would leave among the streams of the process.
+    const PZUncancelled uncancelled;
     const PZStandardDescriptorsTaken taken;  // it may connect to the log, and stay connected
     syslog(report.priority, "%s", report.text);
 }
