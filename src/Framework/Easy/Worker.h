@@ -240,7 +240,10 @@ Posted post(WorkerCore* core, F&& function, Priority priority, std::chrono::mill
     if constexpr (is_plain<Function>()) {
         static_assert(std::is_constructible_v<Function, F>,
                       "what is posted can be copied or moved");
-        const PlainHead head = {&StoredHere<Function>::kType, place};
+        // Field by field: the line was just written with four bytes, and read with eight it is
+        // late.
+        const PlainHead head = {&StoredHere<Function>::kType,
+                                {place.file, place.function, place.line}};
         const Function& bytes = function;  // the object itself, or a pointer to the function
         return post_plain(core, head, &bytes, sizeof bytes, priority, within);
     } else {

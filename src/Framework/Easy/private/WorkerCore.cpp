@@ -23,6 +23,11 @@ constexpr std::chrono::milliseconds kGrace(100);
 constexpr std::chrono::milliseconds kLookAgain(10);
 constexpr std::chrono::hours kLongest(24 * 365 * 30);
 
+/// The condition, laid out as one that mostly does not hold.
+constexpr bool is_rare(bool condition) {
+    return __builtin_expect(condition, false);
+}
+
 /// As the box counts it.
 unsigned int level_of(Priority priority) noexcept {
     return std::min(static_cast<unsigned int>(priority), 255U);
@@ -161,37 +166,43 @@ bool WorkerCore::IsRunning() const noexcept {
     return accepting_;
 }
 
-Posted WorkerCore::PostPlain(const PlainHead& head, const void* function, std::size_t size,
-                             Priority priority, std::chrono::milliseconds within) noexcept {
-    if (IsManual()) return PostPlainByHand(head, function, size, priority);
+__attribute__((always_inline)) inline Posted WorkerCore::PushPlain(const PlainHead& head,
+                                                                   const void* function,
+                                                                   std::size_t size,
+                                                                   Priority priority) noexcept {
+    static_assert(sizeof head == PZLMsgBox::kQuietHead);
     PZIMsgBox::ST_PUSH_MSG_DATA message = {boxId_, kPlain, level_of(priority), function,
                                            static_cast<unsigned int>(size)};
-    const Posted answer = PushPlain(message, head);
+    return Answered(box_.PushQuietly(message, &head, accepting_, false));
+}
+
+Posted WorkerCore::PostPlain(const PlainHead& head, const void* function, std::size_t size,
+                             Priority priority, std::chrono::milliseconds within) noexcept {
+    if (is_rare(IsManual())) return PostPlainByHand(head, function, size, priority);
+    if (within > kNone) return PostPlainWithin(head, function, size, priority, within);
+    return PushPlain(head, function, size, priority);
+}
+
+/// Waits for room when there is none.
+Posted WorkerCore::PostPlainWithin(const PlainHead& head, const void* function, std::size_t size,
+                                   Priority priority, std::chrono::milliseconds within) noexcept {
+    const Posted answer = PushPlain(head, function, size, priority);
     if (answer != Posted::full || !MayWait(within)) return answer;
 
     const Clock::time_point deadline = deadline_after(within);
     while (WaitForRoom(deadline)) {
-        const Posted again = PushPlain(message, head);
+        const Posted again = PushPlain(head, function, size, priority);
         if (again != Posted::full) return again;
     }
     return accepting_ ? Posted::full : Posted::stopped;
 }
 
-Posted WorkerCore::PushPlain(PZIMsgBox::ST_PUSH_MSG_DATA& message, const PlainHead& head) noexcept {
-    static_assert(sizeof head == PZLMsgBox::kQuietHead);
-    return Answered(box_.PushQuietly(message, &head, accepting_, false));
-}
-
+/// What the box answers, in the words of a post.
 Posted WorkerCore::Answered(PZLMsgBox::EN_QUIET answer) noexcept {
-    switch (answer) {
-        case PZLMsgBox::en_QUIET_OK:
-            return Posted::ok;
-        case PZLMsgBox::en_QUIET_CLOSED:
-            return Posted::stopped;
-        case PZLMsgBox::en_QUIET_FULL:
-            break;
-    }
-    return Posted::full;
+    static_assert(static_cast<int>(Posted::ok) == PZLMsgBox::en_QUIET_OK);
+    static_assert(static_cast<int>(Posted::full) == PZLMsgBox::en_QUIET_FULL);
+    static_assert(static_cast<int>(Posted::stopped) == PZLMsgBox::en_QUIET_CLOSED);
+    return static_cast<Posted>(answer);
 }
 
 /// The same for a manual core: in a job.
@@ -334,15 +345,13 @@ void WorkerCore::GiveBack(Job& job) noexcept {
 }
 
 /// There is room for one more.
-void WorkerCore::NoteTaken() noexcept {
-    if (waitingForRoom_.load() == 0) return;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    changed_.notify_all();
+__attribute__((always_inline)) inline void WorkerCore::NoteTaken() noexcept {
+    if (is_rare(waitingForRoom_.load() != 0)) TellOfRoom();
 }
 
-void WorkerCore::OnReceiveMsg(unsigned int msgId, const void* buff, unsigned int /*size*/) {
-    if (msgId == kPlain) return ExecutePlain(*static_cast<const PlainHead*>(buff));
-    if (msgId < kJobs) Execute(jobs_[msgId]);
+void WorkerCore::TellOfRoom() noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    changed_.notify_all();
 }
 
 void WorkerCore::OnReceiveEvent(unsigned int /*bits*/) {}
@@ -366,7 +375,26 @@ bool WorkerCore::RunOne() {
     return true;
 }
 
-void WorkerCore::Execute(Job& job) {
+// A forced unwind carries no object: the reference that catches it is null. That is so in all
+// functions that this one is inlined into.
+__attribute__((always_inline, no_sanitize("null"))) inline void WorkerCore::RunFunction(
+    const Place& place, const JobType& type, const void* room) {
+    runningFile_.store(place.file, std::memory_order_relaxed);
+    runningFunction_.store(place.function, std::memory_order_relaxed);
+    runningLine_.store(place.line, std::memory_order_relaxed);
+    isRunning_.store(true, std::memory_order_release);
+    try {
+        type.run(const_cast<void*>(room));
+    } catch (abi::__forced_unwind&) {
+        throw;  // cancellation, pthread_exit: the C library waits for it
+    } catch (const std::exception& e) {
+        ReportException(place, e.what());
+    } catch (...) {
+        ReportException(place, "something that is no std::exception");
+    }
+}
+
+__attribute__((no_sanitize("null"))) void WorkerCore::Execute(Job& job) {
     NoteTaken();
     /// Gives the job back, also when the handler ends its thread.
     class Taken {
@@ -394,7 +422,8 @@ void WorkerCore::Execute(Job& job) {
     if (taken.HasFunction()) RunFunction(job.place, *job.type, job.room);
 }
 
-void WorkerCore::ExecutePlain(const PlainHead& head) {
+__attribute__((always_inline, no_sanitize("null"))) inline void WorkerCore::ExecutePlain(
+    const PlainHead& head) {
     NoteTaken();
     if (isDropped_.load(std::memory_order_relaxed)) return;
     /// Told also when the handler ends its thread.
@@ -412,23 +441,11 @@ void WorkerCore::ExecutePlain(const PlainHead& head) {
     RunFunction(head.place, *head.type, &head + 1);
 }
 
-// A forced unwind carries no object: the reference that catches it is null.
-__attribute__((no_sanitize("null"))) void WorkerCore::RunFunction(const Place& place,
-                                                                  const JobType& type,
-                                                                  const void* room) {
-    runningFile_.store(place.file, std::memory_order_relaxed);
-    runningFunction_.store(place.function, std::memory_order_relaxed);
-    runningLine_.store(place.line, std::memory_order_relaxed);
-    isRunning_.store(true, std::memory_order_release);
-    try {
-        type.run(const_cast<void*>(room));
-    } catch (abi::__forced_unwind&) {
-        throw;  // cancellation, pthread_exit: the C library waits for it
-    } catch (const std::exception& e) {
-        ReportException(place, e.what());
-    } catch (...) {
-        ReportException(place, "something that is no std::exception");
-    }
+__attribute__((no_sanitize("null"))) void WorkerCore::OnReceiveMsg(unsigned int msgId,
+                                                                   const void* buff,
+                                                                   unsigned int /*size*/) {
+    if (msgId == kPlain) return ExecutePlain(*static_cast<const PlainHead*>(buff));
+    if (msgId < kJobs) Execute(jobs_[msgId]);
 }
 
 void WorkerCore::ReportException(const Place& place, const char* what) const noexcept {

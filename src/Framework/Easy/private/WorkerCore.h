@@ -126,8 +126,11 @@ private:
 
     Posted PostPlainByHand(const PlainHead& head, const void* function, std::size_t size,
                            Priority priority) noexcept;
-    Posted PushPlain(PZIMsgBox::ST_PUSH_MSG_DATA& message, const PlainHead& head) noexcept;
-    static Posted Answered(PZLMsgBox::EN_QUIET answer) noexcept;  // by the box
+    Posted PostPlainWithin(const PlainHead& head, const void* function, std::size_t size,
+                           Priority priority, std::chrono::milliseconds within) noexcept;
+    Posted PushPlain(const PlainHead& head, const void* function, std::size_t size,
+                     Priority priority) noexcept;
+    static Posted Answered(PZLMsgBox::EN_QUIET answer) noexcept;
     bool MayWait(std::chrono::milliseconds within) const noexcept;
     bool WaitForRoom(Clock::time_point deadline) noexcept;
     bool TakeRoomLocked() noexcept;
@@ -136,6 +139,7 @@ private:
     Posted Enqueue(Job& job, Priority priority) noexcept;
     Posted EnqueueByHand(const Job& job, unsigned int level) noexcept;
     void NoteTaken() noexcept;
+    void TellOfRoom() noexcept;
     void Release(Job& job) noexcept;
     void Execute(Job& job);
     void ExecutePlain(const PlainHead& head);
