@@ -183,8 +183,9 @@ bool RotatingLog::State::EnsureOpenLocked() {
 
 bool RotatingLog::State::OpenLocked() {
     // A fifo without a reader would keep its writer waiting.
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW;
-    file_ = PZDescriptor(::open(path_.c_str(), kFlags, kFileMode));
+    file_ = PZDescriptor(::open(path_.c_str(),
+                                O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW,
+                                kFileMode));
     struct stat info = {};
     bool isMine = file_.MoveAboveStandard() && ::flock(file_.Get(), LOCK_EX | LOCK_NB) == 0 &&
                   ::fstat(file_.Get(), &info) == 0;
