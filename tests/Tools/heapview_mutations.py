@@ -3,6 +3,8 @@
 
 usage: heapview_mutations.py PZ-HEAPVIEW REPORT MAP PROGRAM FOLDER ROUNDS
 
+First the report is cut behind each of its first bytes and of its last ones: every cut is told.
+
 Each round spoils the report, the map, the program or the symbolizer's answer, always the same way for
 the same round, and runs the tool in this process. It must end with 0 or 1, tell each problem in one line
 of its own, say so in its status, and print no control character. Prints the rounds that were answered
@@ -15,6 +17,7 @@ import importlib.util
 import io
 import os
 import random
+import re
 import subprocess
 import sys
 
@@ -74,11 +77,12 @@ class Symbolizer:
 
 def answer_of(tool, arguments):
     """Status, standard output and standard error of a run of the tool."""
-    out, err = io.StringIO(), io.StringIO()
+    out, err = io.TextIOWrapper(io.BytesIO(), encoding="utf-8"), io.StringIO()
     sys.argv = ["pz-heapview"] + arguments
     with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err):
         status = tool.main()
-    return status, out.getvalue(), err.getvalue()
+    out.seek(0)
+    return status, out.read(), err.getvalue()
 
 
 def fault_of(status, out, err):
@@ -97,6 +101,21 @@ def fault_of(status, out, err):
     return ""
 
 
+def check_cuts(tool, path, report):
+    """A report of one block, cut everywhere, is never taken for a whole one."""
+    head, _, rest = report.partition(b"#\t")
+    columns, first = rest.split(b"\n")[:2]
+    head = re.sub(rb"Current Total Count = \d+", b"Current Total Count = 1", head)
+    whole = head + b"#\t" + columns + b"\n" + first + b"\n"
+    for size in range(len(whole)):
+        write(path, whole[:size])
+        form = FORMS[size % len(FORMS)]
+        status, out, err = answer_of(tool, form + [path] * (2 if form == ["--diff"] else 1))
+        told = [line for line in err.splitlines() if "no maps file" not in line]
+        if fault_of(status, out, err) or not told:
+            sys.exit(f"cut behind byte {size}: {fault_of(status, out, err) or 'not told'}\n{err}")
+
+
 def main():
     tool_path, report_path, map_path, program_path, folder, rounds = sys.argv[1:]
     tool, symbolizer = load(tool_path), Symbolizer()
@@ -108,6 +127,7 @@ def main():
             whole[kind] = file.read()
     report, maps, program = (os.path.join(folder, name) for name in ("bad.txt", "bad.maps", "bad"))
     whole["map"] = whole["map"].replace(os.fsencode(os.path.realpath(program_path)), os.fsencode(program))
+    check_cuts(tool, os.path.join(folder, "cut.txt"), whole["report"])
     answered, written = [0, 0], {}
     for number in range(int(rounds)):
         chance = random.Random(number)

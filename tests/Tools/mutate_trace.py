@@ -57,7 +57,7 @@ def mutated(data, source):
 
 def run(tool, path, action):
     options = tool.Options([action, path])
-    out, err = io.StringIO(), io.StringIO()
+    out, err = io.TextIOWrapper(io.BytesIO(), encoding="utf-8"), io.StringIO()
     with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err):
         try:
             status = tool.show(options)
@@ -68,7 +68,8 @@ def run(tool, path, action):
     assert (status == 1) == bool(problems), (status, problems)
     assert all(line.startswith("pz-trace: ") for line in problems), problems
     assert len(problems) <= tool.MAX_PROBLEMS + 2, len(problems)
-    return out.getvalue()
+    out.seek(0)
+    return out.read()
 
 
 def main():

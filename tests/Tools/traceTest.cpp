@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "PythonTool.h"
 #include "TraceTool.h"
 #include "support/Document.h"
 #include "support/RunCommand.h"
@@ -76,6 +77,13 @@ public:
 private:
     TempDir folder_;
 };
+
+/// The beginning of a command whose perf is these lines of a shell.
+std::string with_perf(const TempDir& folder, const std::string& lines) {
+    write_file(folder.File("perf"), "#!/bin/sh\n" + lines + "\n");
+    EXPECT_EQ(0, chmod(folder.File("perf").c_str(), 0755));
+    return "PATH=" + folder.Path() + ":$PATH ";
+}
 
 }  // namespace
 
@@ -230,27 +238,29 @@ TEST(traceTest, KnowsEveryProbeOfThePageWithItsArguments) {
 }
 
 TEST(traceTest, HandsArgumentsToTheKernelAsItsMachineNamesThem) {
-    const auto fetched = [](const std::string& machine, const std::string& arguments) {
-        return run_command(PZ_PYTHON
-                           " -B -W ignore -c 'import sys, importlib.machinery as m; t = "
-                           "m.SourceFileLoader(\"t\", sys.argv[1]).load_module(); "
-                           "print(t.kernel_arguments(t.Place(\"queue_send\", 0, sys.argv[4]), "
-                           "int(sys.argv[2]), int(sys.argv[3])))' " PZ_TRACE " " +
-                           machine + " \"" + arguments + "\"")
+    const std::string fetched =
+        run_command(PZ_PYTHON
+                    " -B -W ignore -c 'import sys, importlib.machinery as m; t = "
+                    "m.SourceFileLoader(\"t\", sys.argv[1]).load_module(); "
+                    "[print(t.kernel_arguments(t.Place(\"queue_send\", 0, a), int(m), int(b))) "
+                    "for m, b, a in zip(*[iter(sys.argv[2:])] * 3)]' " PZ_TRACE
+                    " 62 64 '8@%rbp 4@%r9d 1@%r12b'"
+                    " 62 64 '8@-8(%rsp) 4@$5 -4@(%rsi)'"
+                    " 3 32 '4@-28(%ebp) 4@%edi 4@%eax'"
+                    " 40 32 '4@r4 4@[sp, #20] 4@[r8]'"
+                    " 183 64 '8@x19 4@w3 4@[sp, 16]'"
+                    " 62 64 '8@%rbp 4@8(%rax,%rbx,4) 4@%esi'")
             .output;
-    };
-    EXPECT_EQ("name=+0(%bp):string size=%r9:u32 priority=%r12:u8\n",
-              fetched("62 64", "8@%rbp 4@%r9d 1@%r12b"));
-    EXPECT_EQ("name=+0(-8(%sp)):string size=\\5:u32 priority=+0(%si):s32\n",
-              fetched("62 64", "8@-8(%rsp) 4@\\$5 -4@(%rsi)"));
-    // A pointer in memory is no wider than its process has them: the kernel would read too much.
-    EXPECT_EQ("name=-28(%bp):x32 size=%di:u32 priority=%ax:u32\n",
-              fetched("3 32", "4@-28(%ebp) 4@%edi 4@%eax"));
-    EXPECT_EQ("name=+0(%r4):string size=+20(%sp):u32 priority=+0(%r8):u32\n",
-              fetched("40 32", "4@r4 4@[sp, #20] 4@[r8]"));
-    EXPECT_EQ("name=+0(%x19):string size=%x3:u32 priority=+16(%sp):u32\n",
-              fetched("183 64", "8@x19 4@w3 4@[sp, 16]"));
-    EXPECT_EQ("None\n", fetched("62 64", "8@%rbp 4@8(%rax,%rbx,4) 4@%esi"));
+    EXPECT_EQ(
+        "name=+0(%bp):string size=%r9:u32 priority=%r12:u8\n"
+        "name=+0(-8(%sp)):string size=\\5:u32 priority=+0(%si):s32\n"
+        // A pointer in memory is no wider than its process has them: the kernel would read too
+        // much.
+        "name=-28(%bp):x32 size=%di:u32 priority=%ax:u32\n"
+        "name=+0(%r4):string size=+20(%sp):u32 priority=+0(%r8):u32\n"
+        "name=+0(%x19):string size=%x3:u32 priority=+16(%sp):u32\n"
+        "None\n",
+        fetched);
 }
 
 TEST(traceTest, ReadsTheProbesThatPerfItselfHasMade) {
@@ -285,6 +295,8 @@ TEST(traceTest, RefusesWhatIsNoRecordingWithOneLine) {
               run_trace("show " + folder.File("empty")).output);
     EXPECT_EQ("pz-trace: " + folder.File("missing") + ": No such file or directory\n",
               run_trace("show " + folder.File("missing")).output);
+    EXPECT_EQ("pz-trace: " + folder.Path() + ": is no regular file\n",
+              run_trace("show " + folder.Path()).output);
     ASSERT_EQ(0, mkfifo(folder.File("pipe").c_str(), 0600));
     const CommandResult pipe =
         run_command("timeout 20 " PZ_TRACE " show " + folder.File("pipe") + " 2>&1");
@@ -292,22 +304,95 @@ TEST(traceTest, RefusesWhatIsNoRecordingWithOneLine) {
     EXPECT_EQ("pz-trace: " + folder.File("pipe") + ": is no regular file\n", pipe.output);
 }
 
+TEST(traceTest, SaysThatPerfFailsAtARecordingThatWasCut) {
+    const TempDir folder;
+    write_file(folder.File("cut"), "PERFILE2 and no more");
+    // What perf does then: it says something else first, and may even crash.
+    const std::string noise = "echo \"'trace' not valid for hardware events. Ignoring.\" >&2; ";
+    const auto told = [&folder, &noise](const std::string& end) {
+        const CommandResult shown = run_command(with_perf(folder, noise + end) + PZ_TRACE " show " +
+                                                folder.File("cut") + " 2>&1");
+        EXPECT_EQ(1, shown.status);
+        return shown.output;
+    };
+    const std::string start = "pz-trace: " + folder.File("cut") + ": perf script: ";
+    EXPECT_EQ(start + "failed (is the file whole?)\n", told("kill -SEGV $$"));
+    EXPECT_EQ(start + "incompatible file format\n",
+              told("echo 'incompatible file format' >&2; exit 255"));
+}
+
+TEST(traceTest, ShowsWhatPerfCouldReadOfARecording) {
+    const TempDir folder;
+    write_file(folder.File("cut"), "PERFILE2 and no more");
+    write_file(folder.File("events"), begin(2000, 2, 3) + end(2500, 2, 3));
+    const CommandResult shown =
+        run_command(with_perf(folder, "cat " + folder.File("events") + "; kill -SEGV $$") +
+                    PZ_TRACE " show " + folder.File("cut") + " 2>&1");
+    EXPECT_EQ(1, shown.status);
+    EXPECT_TRUE(contains(shown.output, ": perf script: failed (is the file whole?)\n"));
+    EXPECT_TRUE(contains(shown.output, "  0.500  0.000000")) << shown.output;
+}
+
+TEST(traceTest, RefusesAFileThatMemoryCannotHold) {
+    const TempDir folder;
+    write_file(folder.File("large"), "");
+    std::filesystem::resize_file(folder.File("large"), std::uintmax_t{1} << 40);
+    const CommandResult shown = run_trace("show " + folder.File("large"));
+    EXPECT_EQ(1, shown.status);
+    EXPECT_EQ("pz-trace: " + folder.File("large") + ": is larger than 1024 MiB\n", shown.output);
+}
+
+TEST(traceTest, SaysThatItsAnswerCannotBeWritten) {
+    const Recording recording(begin(2000, 2, 3) + end(2500, 2, 3));
+    const std::string command = PZ_TRACE " show " + recording.Path();
+    const CommandResult full = run_command(command + " 2>&1 >/dev/full");
+    EXPECT_EQ(1, full.status);
+    EXPECT_EQ("pz-trace: standard output: No space left on device\n", full.output);
+    const CommandResult closed = run_command(command + " 2>&1 >&-");
+    EXPECT_EQ(1, closed.status);
+    EXPECT_EQ("pz-trace: standard output: is closed\n", closed.output);
+}
+
+TEST(traceTest, PrintsWhatTheTerminalHasNoLettersForAsQuestionMarks) {
+    const Recording recording(std::regex_replace(begin(2000, 2, 3) + end(2500, 2, 3),
+                                                 std::regex("worker"), "t\xc3\xb8y"));
+    const std::string command = "PYTHONIOENCODING=ascii " PZ_TRACE " ";
+    const std::string shown = run_command(command + "show " + recording.Path() + " 2>&1").output;
+    EXPECT_TRUE(contains(shown, "  t?y_2  ")) << shown;
+    // A picture is not for the terminal.
+    const std::string drawn = run_command(command + "svg " + recording.Path()).output;
+    EXPECT_TRUE(contains(drawn, "t\xc3\xb8y_2")) << drawn;
+}
+
 /// Stands for a fuzz target, which Python has none of.
 TEST(traceTest, SurvivesHostileRecordings) {
     const CommandResult run = run_command(PZ_PYTHON " " PZ_TRACE_MUTATE " " PZ_TRACE " " PZ_DATA
-                                                    "/trace_scan.txt 100 2>&1");
+                                                    "/trace_scan.txt 60 2>&1");
     EXPECT_EQ(0, run.status) << run.output;
     EXPECT_EQ(0U, run.output.find("shown ")) << run.output;
 }
 
 TEST(traceTest, RefusesWrongUsageWithTwo) {
-    for (const char* arguments : {"", "draw x", "show", "show a b", "show --from 1 x", "record",
-                                  "record true", "record -p 0", "record -p 1 -- true",
-                                  "record -t soon -p 1", "record -p", "svg --to x y"}) {
-        const CommandResult refused = run_trace(arguments);
-        EXPECT_EQ(2, refused.status) << arguments;
-        EXPECT_EQ(0U, refused.output.find("pz-trace: ")) << refused.output;
+    const std::vector<std::string> wrong = {"",
+                                            "draw x",
+                                            "show",
+                                            "show a b",
+                                            "show --from 1 x",
+                                            "record",
+                                            "record true",
+                                            "record -p 0",
+                                            "record -p 1 -- a",
+                                            "record -t soon -p 1",
+                                            "record -p",
+                                            "svg --to x y",
+                                            "record -t 0 -- a",
+                                            "record -t 0.0 -p 1"};
+    const std::vector<std::string> refused = pztest::usage_of(PZ_TRACE, wrong);
+    ASSERT_EQ(wrong.size(), refused.size());
+    for (size_t i = 0; i < wrong.size(); ++i) {
+        EXPECT_EQ(0U, refused[i].find("2 pz-trace: ")) << wrong[i] << ": " << refused[i];
     }
+    EXPECT_EQ(2, run_trace("").status);
     EXPECT_EQ(0, run_trace("--help").status);
     EXPECT_EQ("pz-trace " PZ_VERSION "\n", run_trace("--version").output);
 }
@@ -331,9 +416,33 @@ TEST(traceTest, SaysInOneLineWhatIsMissingToRecord) {
     EXPECT_EQ("pz-trace: no process 4194305\n",
               run_command(perf + PZ_TRACE " record -p 4194305 2>&1").output);
 
+    // A device, say, which root could remove.
+    const TempDir folder;
+    ASSERT_EQ(0, mkfifo(folder.File("pipe").c_str(), 0600));
+    EXPECT_EQ("pz-trace: " + folder.File("pipe") + ": is no regular file\n",
+              run_command(perf + PZ_TRACE " record -o " + folder.File("pipe") +
+                          " --library " PZ_LIBRARY " -- /bin/true 2>&1")
+                  .output);
+    EXPECT_TRUE(std::filesystem::is_fifo(folder.File("pipe")));
+    EXPECT_EQ("pz-trace: " + folder.File("pipe") + ": is no library with probes\n",
+              run_command(perf + "timeout 20 " PZ_TRACE " record --library " + folder.File("pipe") +
+                          " -- /bin/true 2>&1")
+                  .output);
+    EXPECT_EQ("pz-trace: " + folder.Path() + ": is no regular file\n",
+              run_command(perf + PZ_TRACE " record -o " + folder.Path() +
+                          " --library " PZ_LIBRARY " -- /bin/true 2>&1")
+                  .output);
+    // Without ldd nothing is known of a program but its file.
+    const CommandResult bare =
+        run_command("python=" + kPython + " && ln -s /bin/true " + folder.File("perf") +
+                    " && PATH=" + folder.Path() + " $python " PZ_TRACE " record -o " +
+                    folder.File("data") + " -- /bin/true 2>&1");
+    EXPECT_EQ(1, bare.status);
+    EXPECT_FALSE(contains(bare.output, "Traceback")) << bare.output;
+
     const CommandResult refused = run_command(
         perf + (geteuid() == 0 ? "setpriv --reuid 65534 --clear-groups " : "") + kPython +
-        " " PZ_TRACE " record -o /dev/null --library " PZ_LIBRARY " -- /bin/true 2>&1");
+        " " PZ_TRACE " record -o /no-such-folder/data --library " PZ_LIBRARY " -- /bin/true 2>&1");
     EXPECT_EQ(1, refused.status);
     EXPECT_TRUE(std::regex_match(
         refused.output,

@@ -1,0 +1,25 @@
+#ifndef PZ_TESTS_TOOLS_PYTHONTOOL_H
+#define PZ_TESTS_TOOLS_PYTHONTOOL_H
+
+#include <string>
+#include <vector>
+
+#include "support/Document.h"
+#include "support/RunCommand.h"
+
+// What the tests of the tools that are Python programs have in common.
+
+namespace pztest {
+
+/// What the tool says to each of these command lines: "STATUS FIRST-LINE-OF-THE-ERRORS", or
+/// "accepted". The lines hold no quotes.
+inline std::vector<std::string> usage_of(const std::string& tool,
+                                         const std::vector<std::string>& lines) {
+    std::string command = PZ_PYTHON " " PZ_USAGE_OF " " + tool;
+    for (const std::string& line : lines) command += " '" + line + "'";
+    return lines_of(run_command(command).output);
+}
+
+}  // namespace pztest
+
+#endif  // PZ_TESTS_TOOLS_PYTHONTOOL_H
