@@ -276,7 +276,7 @@ public:
 private:
     bool IsFinished();
 
-    std::mutex mutex_;
+    std::mutex mutex_;  // Clang's analysis does not know it
     std::condition_variable finished_;
     std::optional<CallError> outcome_;  // guarded by mutex_
 };

@@ -12,6 +12,7 @@ using Table = ST_INSPECTION<PZInspectionLive>;
 
 PZInspectedQueue queues[PZ_INSPECTED_QUEUES + 1];  // the first one is nobody's
 PZInspectedWait waits[PZ_INSPECTED_WAITS];
+PZWatchedSubjects subjects PZ_GUARDED_BY(pz_inspection_lock);
 
 /// The entry is the caller's when this answers true.
 template <typename T>
@@ -19,6 +20,14 @@ bool take(std::atomic<T>& mark, T value) {
     T free = {};
     return pz_inspect_get(mark) == free &&
            mark.compare_exchange_strong(free, value, std::memory_order_relaxed);
+}
+
+void lock_for_fork() PZ_ACQUIRE(pz_inspection_lock) {
+    pz_inspection_lock.Lock();
+}
+
+void unlock_after_fork() PZ_RELEASE(pz_inspection_lock) {
+    pz_inspection_lock.Unlock();
 }
 
 PZInspectedWait* take_wait(std::uint32_t tid) {
@@ -29,8 +38,6 @@ PZInspectedWait* take_wait(std::uint32_t tid) {
 }
 
 }  // namespace
-
-ST_WATCHED_SUBJECT pz_watched_subjects[64];
 
 // Constant from the first instruction of the program on: objects of static storage may join before
 // the library's own constructors have run.
@@ -67,15 +74,11 @@ Table pz_inspection = {
     {},
 };
 
-std::mutex& pz_inspection_lock() {
-    static std::mutex lock;
-    return lock;
-}
+PZMutex pz_inspection_lock;
 
 // Of a process that forks just now the lists are whole, and their lock is free in the child.
 [[maybe_unused]] static const bool isToldOfForks =
-    pthread_atfork([] { pz_inspection_lock().lock(); }, [] { pz_inspection_lock().unlock(); },
-                   [] { pz_inspection_lock().unlock(); }) == 0;
+    pthread_atfork(lock_for_fork, unlock_after_fork, unlock_after_fork) == 0;
 
 std::uint32_t pz_inspection_now() {
     timespec now = {};
@@ -87,13 +90,13 @@ std::uint32_t pz_inspection_now() {
 // The record is whole before it can be found.
 void pz_inspection_join(PZInspectionAddress& list, PZInspectedLink& record, std::uint32_t kind) {
     pz_inspect_set(record.kind, kind);
-    const std::lock_guard<std::mutex> lock(pz_inspection_lock());
+    const PZMutexLock lock(pz_inspection_lock);
     pz_inspect_set(record.next, pz_inspect_get(list));
     list.pointer.store(&record, std::memory_order_release);
 }
 
 void pz_inspection_leave(PZInspectionAddress& list, PZInspectedLink& record) {
-    const std::lock_guard<std::mutex> lock(pz_inspection_lock());
+    const PZMutexLock lock(pz_inspection_lock);
     PZInspectionAddress* link = &list;
     while (const void* const at = pz_inspect_get(*link)) {
         if (at == &record) {
@@ -137,11 +140,15 @@ PZInspectedQueue& pz_inspection_queue(unsigned short entry) {
     return queues[entry];
 }
 
+PZWatchedSubjects& pz_watched_subjects() {
+    return subjects;
+}
+
 void pz_watch_subject(const void* subject, const PZSync& lock,
                       const std::atomic<unsigned int>& turns) {
     const auto* const owner = reinterpret_cast<const unsigned char*>(&lock) + kInspectedLockOwner;
-    const std::lock_guard<std::mutex> whole(pz_inspection_lock());
-    for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects) {
+    const PZMutexLock whole(pz_inspection_lock);
+    for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects()) {
         if (entry.subject != nullptr) continue;
         entry = {subject, reinterpret_cast<const std::atomic<pthread_t>*>(owner), &turns, 0, 0, 0};
         return;
@@ -149,8 +156,8 @@ void pz_watch_subject(const void* subject, const PZSync& lock,
 }
 
 void pz_forget_subject(const void* subject) {
-    const std::lock_guard<std::mutex> whole(pz_inspection_lock());
-    for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects) {
+    const PZMutexLock whole(pz_inspection_lock);
+    for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects()) {
         if (entry.subject == subject) entry.subject = nullptr;
     }
 }

@@ -11,9 +11,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 
 #include <Framework/Diagnostics/pz_inspection.h>
+#include <Framework/Foundation/private/PZMutex.h>
 #include <Framework/PZApi.h>
 
 class PZSync;
@@ -36,7 +36,9 @@ constexpr std::uint32_t kInspectedQueueName = 4;
 
 /// Records join and leave their lists under this lock; who follows the lists from inside the
 /// process holds it. Nothing else is done and no other lock taken meanwhile.
-PZ_LOCAL std::mutex& pz_inspection_lock();
+///
+/// The lists are not marked as guarded by it: from outside they are read without.
+PZ_LOCAL extern PZMutex pz_inspection_lock;
 
 /// Milliseconds of the coarse monotonic clock, as every stamp of the table.
 PZ_LOCAL std::uint32_t pz_inspection_now();
@@ -126,8 +128,8 @@ struct ST_WATCHED_SUBJECT {
     std::uint32_t sinceMs;
 };
 
-/// To be read under the lock of the lists.
-PZ_LOCAL extern ST_WATCHED_SUBJECT pz_watched_subjects[64];
+using PZWatchedSubjects = ST_WATCHED_SUBJECT[64];
+PZ_LOCAL PZWatchedSubjects& pz_watched_subjects() PZ_REQUIRES(pz_inspection_lock);
 
 /// Takes an entry, if there is a free one, or gives it back.
 /// @{

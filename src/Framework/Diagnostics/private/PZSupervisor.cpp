@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <new>
 
 #include <Framework/Diagnostics/PZCallStack.h>
@@ -93,14 +92,20 @@ bool is_served(std::uint32_t tid) noexcept {
 
 /// One reading of the table: what hangs just now. Of the findings that are open it marks those that
 /// it has seen; others it adds to `fresh`, when there is such a list, as far as there is room.
-class Reading {
+class PZ_SCOPED_CAPABILITY Reading {
 public:
-    Reading(ST_FINDINGS& open, ST_FINDINGS* fresh)
-        : open_(open), fresh_(fresh), lock_(pz_inspection_lock()) {
+    Reading(ST_FINDINGS& open, ST_FINDINGS* fresh) PZ_ACQUIRE(pz_inspection_lock)
+        : open_(open), fresh_(fresh) {
+        pz_inspection_lock.Lock();
         for (int i = 0; i < open_.count; ++i) open_.rows[i].isSeen = false;
     }
 
-    void ReadRunning() noexcept {
+    ~Reading() PZ_RELEASE() { pz_inspection_lock.Unlock(); }
+
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
+
+    void ReadRunning() noexcept PZ_REQUIRES(pz_inspection_lock) {
         ReadNotifying();
         for (const auto* box = record_at<PZInspectedBox>(pz_inspection.boxes); box != nullptr;
              box = record_at<PZInspectedBox>(box->next)) {
@@ -129,7 +134,7 @@ public:
 
     /// A box refuses from its first refusal until it has refused nothing for an interval, and is
     /// not full any more. Refusals of before the supervision count while it is full.
-    void ReadRefusals(bool isFirst) noexcept {
+    void ReadRefusals(bool isFirst) noexcept PZ_REQUIRES(pz_inspection_lock) {
         for (auto* box = record_at<PZInspectedBox>(pz_inspection.boxes); box != nullptr;
              box = record_at<PZInspectedBox>(box->next)) {
             PZInspectedPosts& posts = pz_inspected_posts(*box);
@@ -150,9 +155,9 @@ public:
 private:
     /// Subjects that other threads than those of boxes, bands and queues notify. When they began is
     /// not noted anywhere: it counts from the first look that sees them.
-    void ReadNotifying() noexcept {
+    void ReadNotifying() noexcept PZ_REQUIRES(pz_inspection_lock) {
         const std::uint32_t now = pz_inspection_now();
-        for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects) {
+        for (ST_WATCHED_SUBJECT& entry : pz_watched_subjects()) {
             if (entry.subject == nullptr) continue;
             const pthread_t owner = pz_inspect_get(*entry.owner);
             const unsigned int turn = pz_inspect_get(*entry.turns);
@@ -221,8 +226,7 @@ private:
 
     ST_FINDINGS& open_;
     ST_FINDINGS* const fresh_;
-    ST_FOUND row_ = {};                       // the one that is looked at
-    const std::lock_guard<std::mutex> lock_;  // of the table's lists
+    ST_FOUND row_ = {};  // the one that is looked at
 };
 
 /// What watches. It is not copied into a forked child, which makes one of its own.
@@ -307,13 +311,18 @@ private:
             if (isWithStack_ && stackSignal_.Take(row.finding.tid, callStack_)) {
                 now_.finding.callStack = &callStack_;
             }
-            Reading(open_, nullptr).ReadRunning();
-            if (!open.isSeen) {
+            if (!IsSeenAgain(open)) {
                 --open_.count;
                 return;
             }
         }
         Tell();
+    }
+
+    bool IsSeenAgain(const ST_FOUND& row) {
+        Reading reading(open_, nullptr);
+        reading.ReadRunning();
+        return row.isSeen;
     }
 
     void End(ST_FOUND& row) {
@@ -347,8 +356,15 @@ private:
 };
 
 // Made once and left, for the process may end while it runs.
-std::mutex currentLock;  // never held while a thread is waited for
-Supervision* current = nullptr;
+PZMutex currentLock;  // never held while a thread is waited for
+Supervision* current PZ_GUARDED_BY(currentLock) = nullptr;
+
+/// What the caller is to stop now; null when there is nothing.
+Supervision* begin_stop() {
+    const PZMutexLock lock(currentLock);
+    if (current == nullptr || !current->IsOfThisProcess()) return nullptr;
+    return current->BeginStop() ? current : nullptr;
+}
 
 }  // namespace
 
@@ -358,7 +374,7 @@ bool PZSupervisor::Start(Callback callback, void* user, unsigned int intervalMs,
         return false;
     }
     try {
-        const std::lock_guard<std::mutex> lock(currentLock);
+        const PZMutexLock lock(currentLock);
         if (current == nullptr || !current->IsOfThisProcess()) current = new Supervision(current);
         return current->Start(callback, user, intervalMs, stackSignal);
     } catch (const std::bad_alloc&) {
@@ -368,11 +384,8 @@ bool PZSupervisor::Start(Callback callback, void* user, unsigned int intervalMs,
 }
 
 bool PZSupervisor::Stop() {
-    {
-        const std::lock_guard<std::mutex> lock(currentLock);
-        if (current == nullptr || !current->IsOfThisProcess() || !current->BeginStop())
-            return false;
-    }
-    current->Stop();
+    Supervision* const ending = begin_stop();
+    if (ending == nullptr) return false;
+    ending->Stop();
     return true;
 }

@@ -7,12 +7,12 @@ namespace {
 
 constexpr long long kTellAfterMs = 5000;
 
-// The last line that may be repeated, under the reports' lock.
-char lastText[PZReportLine::kSize];  // "" without one
-ST_REPORT last = {};                 // its text is that one
-unsigned int count = 0;              // not told yet
-long long toldMs = 0;                // when it, or a count of it, was printed
-bool isEnding = false;
+// The last line that may be repeated.
+char lastText[PZReportLine::kSize] PZ_GUARDED_BY(pz_report_mutex);  // "" without one
+ST_REPORT last PZ_GUARDED_BY(pz_report_mutex) = {};                 // its text is that one
+unsigned int count PZ_GUARDED_BY(pz_report_mutex) = 0;              // not told yet
+long long toldMs PZ_GUARDED_BY(pz_report_mutex) = 0;  // when it, or a count of it, was printed
+bool isEnding PZ_GUARDED_BY(pz_report_mutex) = false;
 
 long long now_ms() {
     constexpr long long kMsPerSecond = 1000;
@@ -27,7 +27,7 @@ bool ends_with_line_feed(const char* text) {
     return length > 0 && text[length - 1] == '\n';
 }
 
-void take_locked(ST_REPETITIONS& due) {
+void take_locked(ST_REPETITIONS& due) PZ_REQUIRES(pz_report_mutex) {
     if (count == 0) return;
     due.line.Add(std::string_view(lastText, last.messageAt)).Add("repeated ");
     due.line.Add(static_cast<int>(count)).Add(count == 1 ? " time\n" : " times\n");
@@ -37,7 +37,7 @@ void take_locked(ST_REPETITIONS& due) {
     count = 0;
 }
 
-void remember_locked(const ST_REPORT& report, long long nowMs) {
+void remember_locked(const ST_REPORT& report, long long nowMs) PZ_REQUIRES(pz_report_mutex) {
     last = report;
     last.text = lastText;
     last.file = last.func = "";  // those were the caller's
@@ -50,7 +50,7 @@ void remember_locked(const ST_REPORT& report, long long nowMs) {
 bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due) {
     const bool canRepeat = !report.isPlain && ends_with_line_feed(report.text);
     const long long nowMs = now_ms();
-    const PZReportLock lock;
+    const PZMutexLock lock(pz_report_mutex);
     if (!canRepeat || isEnding || std::strcmp(lastText, report.text) != 0) {
         take_locked(due);
         lastText[0] = '\0';
@@ -66,7 +66,7 @@ bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due) {
 }
 
 void pz_take_repetitions(ST_REPETITIONS& due, bool forGood) {
-    const PZReportLock lock;
+    const PZMutexLock lock(pz_report_mutex);
     take_locked(due);
     lastText[0] = '\0';
     isEnding = isEnding || forGood;

@@ -19,6 +19,6 @@ bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due);
 void pz_take_repetitions(ST_REPETITIONS& due, bool forGood);
 
 /// In a forked child: what was counted is told by the parent.
-void pz_forget_repetitions_in_child();
+void pz_forget_repetitions_in_child() PZ_REQUIRES(pz_report_mutex);
 
 #endif  // PZ_FRAMEWORK_DIAGNOSTICS_PRIVATE_PZ_REPORT_REPEATS_H

@@ -12,6 +12,6 @@ bool pz_tell_report_sink(const ST_REPORT& report);
 void pz_set_report_sink(PZDbgOutput::Sink sink, void* user);
 
 /// In a forked child: of the calls that run, that of the forking thread is left. Nobody waits.
-void pz_keep_report_sink_in_child();
+void pz_keep_report_sink_in_child() PZ_REQUIRES(pz_report_mutex);
 
 #endif  // PZ_FRAMEWORK_DIAGNOSTICS_PRIVATE_PZ_REPORT_SINK_H

@@ -1,5 +1,6 @@
 #include "pz_report_way.h"
 
+#include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <syslog.h>
@@ -20,20 +21,20 @@
 #include "pz_report_sink.h"
 
 std::atomic<unsigned int> pz_report_way{0};
-pthread_mutex_t pz_report_mutex = PTHREAD_MUTEX_INITIALIZER;
+PZMutex pz_report_mutex;
 
 namespace {
 
 constexpr unsigned int kColourWords = PZDbgOutput::en_STYLE_PLAIN | PZDbgOutput::en_STYLE_AUTO;
 constexpr unsigned int kStyles = 2 * PZDbgOutput::en_STYLE_REPEATS - 1;
 
-void lock_for_fork() {
-    pthread_mutex_lock(&pz_report_mutex);
+void lock_for_fork() PZ_ACQUIRE(pz_report_mutex) {
+    pz_report_mutex.Lock();
 }
-void unlock_after_fork() {
-    pthread_mutex_unlock(&pz_report_mutex);
+void unlock_after_fork() PZ_RELEASE(pz_report_mutex) {
+    pz_report_mutex.Unlock();
 }
-void begin_in_child() {
+void begin_in_child() PZ_RELEASE(pz_report_mutex) {
     pz_keep_report_sink_in_child();
     pz_forget_repetitions_in_child();
     unlock_after_fork();

@@ -1,13 +1,12 @@
 #ifndef PZ_FRAMEWORK_DIAGNOSTICS_PRIVATE_PZ_REPORT_WAY_H
 #define PZ_FRAMEWORK_DIAGNOSTICS_PRIVATE_PZ_REPORT_WAY_H
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstddef>
 #include <string_view>
 
 #include <Framework/Diagnostics/PZDbgOutput.h>
+#include <Framework/Foundation/private/PZMutex.h>
 
 /// A line under construction. Appending costs a fraction of a formatted print of the same parts,
 /// and every report of the framework passes here. What does not fit is cut.
@@ -74,15 +73,6 @@ void pz_print_report(unsigned int way, const ST_REPORT& report);
 /// Guards what sinks and repetitions remember. Nothing is printed and no sink runs under it, so
 /// that a fork need not wait for long; a child finds it free. Never destroyed: threads may still
 /// report while the process ends.
-extern pthread_mutex_t pz_report_mutex;
-
-class PZReportLock {
-public:
-    PZReportLock() noexcept { pthread_mutex_lock(&pz_report_mutex); }
-    ~PZReportLock() { pthread_mutex_unlock(&pz_report_mutex); }
-
-    PZReportLock(const PZReportLock&) = delete;
-    PZReportLock& operator=(const PZReportLock&) = delete;
-};
+extern PZMutex pz_report_mutex;
 
 #endif  // PZ_FRAMEWORK_DIAGNOSTICS_PRIVATE_PZ_REPORT_WAY_H

@@ -3,13 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/private/PZMutex.h>
 
 #include "WorkerCore.h"
 
@@ -49,8 +50,8 @@ struct SenderCore::State {
 
     const std::string name;
     const ValueKind kind;
-    std::mutex mutex;
-    SendQueue queue;  // guarded by mutex
+    PZMutex mutex;
+    SendQueue queue PZ_GUARDED_BY(mutex);
 };
 
 SenderCore::SenderCore(const char* name, ValueKind kind) noexcept {
@@ -84,7 +85,7 @@ Sent SenderCore::Send(const void* bytes, std::size_t size, Priority priority) no
     const auto level =
         static_cast<unsigned char>(std::clamp(static_cast<unsigned int>(priority), 1U, 255U));
 
-    const std::lock_guard<std::mutex> lock(state_->mutex);
+    const PZMutexLock lock(state_->mutex);
     // By its name every time: a receiver that was destroyed has taken the queue away, and one that
     // came since reads another.
     const SendQueue::OpenParam param = {state_->name.c_str()};
@@ -102,10 +103,34 @@ namespace {
 
 /// What the worker's posts need of a receiver, for as long as one waits.
 struct Delivery {
-    std::mutex mutex;
+    bool WaitUntilDone(Clock::time_point deadline) {
+        const PZMutexLock lock(mutex);
+        while (isRunning && lock.WaitUntil(done, deadline)) {
+        }
+        return !isRunning;
+    }
+
+    /// False when it is not to run any more.
+    bool Begin() {
+        const PZMutexLock lock(mutex);
+        if (isStopped) return false;
+        isRunning = true;
+        return true;
+    }
+    void End() {
+        const PZMutexLock lock(mutex);
+        isRunning = false;
+        done.notify_all();
+    }
+    void Stop() {
+        const PZMutexLock lock(mutex);
+        isStopped = true;
+    }
+
+    PZMutex mutex;
     std::condition_variable done;  // with isRunning
-    bool isStopped = false;        // guarded by mutex
-    bool isRunning = false;        // guarded by mutex
+    bool isStopped PZ_GUARDED_BY(mutex) = false;
+    bool isRunning PZ_GUARDED_BY(mutex) = false;
     std::shared_ptr<Taker> taker;
 };
 
@@ -116,20 +141,12 @@ public:
         : delivery_(std::move(delivery)), bytes_(bytes, bytes + size) {}
 
     void operator()() {
-        {
-            const std::lock_guard<std::mutex> lock(delivery_->mutex);
-            if (delivery_->isStopped) return;
-            delivery_->isRunning = true;
-        }
+        if (!delivery_->Begin()) return;
         /// Tells who waits, also when the function throws.
         class Running {
         public:
             explicit Running(Delivery& delivery) : delivery_(delivery) {}
-            ~Running() {
-                const std::lock_guard<std::mutex> lock(delivery_.mutex);
-                delivery_.isRunning = false;
-                delivery_.done.notify_all();
-            }
+            ~Running() { delivery_.End(); }
             Running(const Running&) = delete;
             Running& operator=(const Running&) = delete;
 
@@ -228,17 +245,11 @@ ReceiverCore::ReceiverCore(const Worker& worker, const char* name, ValueKind kin
 ReceiverCore::~ReceiverCore() {
     if (state_ == nullptr) return;
     Delivery& delivery = *state_->delivery;
-    {
-        const std::lock_guard<std::mutex> lock(delivery.mutex);
-        delivery.isStopped = true;
-    }
+    delivery.Stop();
     state_->isClosing = true;
     state_->queue.close();
     if (state_->worker->IsOwnThread()) return;
-    std::unique_lock<std::mutex> lock(delivery.mutex);
-    const auto deadline = deadline_after(state_->worker->Options().stop_within);
-    if (delivery.done.wait_until(lock, deadline, [&] { return !delivery.isRunning; })) return;
-    lock.unlock();
+    if (delivery.WaitUntilDone(deadline_after(state_->worker->Options().stop_within))) return;
     PZ_REPORT_ERROR("channel [%s]: the function still runs\n", state_->name.c_str());
 }
 

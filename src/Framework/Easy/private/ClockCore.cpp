@@ -6,12 +6,12 @@
 namespace pz::detail {
 
 long long ClockCore::NowMs() const {
-    const std::lock_guard<std::recursive_mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     return nowMs_;
 }
 
 bool ClockCore::Add(DueEntry& entry, long long dueMs) noexcept {
-    const std::lock_guard<std::recursive_mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     try {
         rows_.push_back({&entry, std::max(dueMs, nowMs_)});
         return true;
@@ -21,13 +21,13 @@ bool ClockCore::Add(DueEntry& entry, long long dueMs) noexcept {
 }
 
 void ClockCore::Remove(const DueEntry& entry) noexcept {
-    const std::lock_guard<std::recursive_mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     const auto isIt = [&entry](const Row& row) { return row.entry == &entry; };
     rows_.erase(std::remove_if(rows_.begin(), rows_.end(), isIt), rows_.end());
 }
 
 bool ClockCore::Step(long long limitMs) {
-    const std::lock_guard<std::recursive_mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     const auto isSooner = [](const Row& a, const Row& b) { return a.dueMs < b.dueMs; };
     const auto first = std::min_element(rows_.begin(), rows_.end(), isSooner);
     if (first == rows_.end() || first->dueMs > limitMs) {

@@ -1,8 +1,9 @@
 #ifndef PZ_FRAMEWORK_EASY_CLOCKCORE_H
 #define PZ_FRAMEWORK_EASY_CLOCKCORE_H
 
-#include <mutex>
 #include <vector>
+
+#include <Framework/Foundation/private/PZMutex.h>
 
 namespace pz::detail {
 
@@ -43,9 +44,9 @@ private:
         long long dueMs;
     };
 
-    mutable std::recursive_mutex mutex_;  // held while an entry is told
-    long long nowMs_ = 0;                 // guarded by mutex_
-    std::vector<Row> rows_;               // guarded by mutex_
+    mutable PZRecursiveMutex mutex_;  // held while an entry is told
+    long long nowMs_ PZ_GUARDED_BY(mutex_) = 0;
+    std::vector<Row> rows_ PZ_GUARDED_BY(mutex_);
 };
 
 }  // namespace pz::detail

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <type_traits>
 
@@ -10,6 +9,7 @@
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZThread.h>
 #include <Framework/Foundation/PZTickCount.h>
+#include <Framework/Foundation/private/PZMutex.h>
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/private/pz_counted_priorities.h>
@@ -82,9 +82,9 @@ private:
 
 /// The framework of the process, as far as this layer started it.
 struct ST_STARTED {
-    std::mutex mutex;
-    unsigned int users = 0;        // guarded by mutex, as what follows
-    TickKeeper* keeper = nullptr;  // owned; stays when the framework does
+    PZMutex mutex;
+    unsigned int users PZ_GUARDED_BY(mutex) = 0;
+    TickKeeper* keeper PZ_GUARDED_BY(mutex) = nullptr;  // owned; stays when the framework does
 };
 
 ST_STARTED& started() noexcept {
@@ -105,7 +105,7 @@ bool initialize(const char* name, int id) {
 
 bool start(const char* name, int id) {
     ST_STARTED& state = started();
-    const std::lock_guard<std::mutex> lock(state.mutex);
+    const PZMutexLock lock(state.mutex);
     if (state.users == 0 && !initialize(name, id)) return false;
     if (state.keeper == nullptr) state.keeper = new TickKeeper;
     ++state.users;
@@ -114,7 +114,7 @@ bool start(const char* name, int id) {
 
 void end() {
     ST_STARTED& state = started();
-    const std::lock_guard<std::mutex> lock(state.mutex);
+    const PZMutexLock lock(state.mutex);
     if (--state.users > 0) return;
     if (!detail::stop_all_cores()) {
         PZ_REPORT_ERROR("a worker hangs: the framework is not ended\n");

@@ -11,12 +11,12 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <new>
 #include <string>
 #include <vector>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/private/PZMutex.h>
 #include <Framework/private/pz_descriptor.h>
 #include <Framework/private/pz_write_whole.h>
 
@@ -72,8 +72,8 @@ struct RotatingLog::State {
           newPath_(path_ + ".new"),
           size_(size),
           generations_(generations),
-          time_(options.time) {
-        bufferLimit_ = std::min(options.buffer, size);
+          time_(options.time),
+          bufferLimit_(std::min(options.buffer, size)) {
         buffer_.reserve(bufferLimit_);
         for (unsigned int i = 0; i <= generations; ++i) paths_.push_back(Generation(i));
         make_folder(folder_);
@@ -81,10 +81,14 @@ struct RotatingLog::State {
     }
 
     bool Write(std::string_view text);
-    bool FlushLocked();
+    bool FlushLocked() PZ_REQUIRES(mutex_);
+    void CountLost() {
+        const PZMutexLock lock(mutex_);
+        ++lost_;
+    }
 
-    std::mutex mutex_;
-    unsigned long long lost_ = 0;  // guarded by mutex_
+    PZMutex mutex_;
+    unsigned long long lost_ PZ_GUARDED_BY(mutex_) = 0;
 
 private:
     std::string Generation(unsigned int number) const {
@@ -93,12 +97,12 @@ private:
     bool KeepToSizes() const noexcept;
     void RemoveBeyondLast() const;
     void KeepTail(const std::string& path) const;
-    bool IsInPlaceLocked() const;
-    bool EnsureOpenLocked();
-    bool OpenLocked();
-    bool RotateLocked();
-    bool AppendLocked(std::string_view bytes, unsigned long long lines);
-    bool LoseLocked(unsigned long long lines, const char* step);
+    bool IsInPlaceLocked() const PZ_REQUIRES(mutex_);
+    bool EnsureOpenLocked() PZ_REQUIRES(mutex_);
+    bool OpenLocked() PZ_REQUIRES(mutex_);
+    bool RotateLocked() PZ_REQUIRES(mutex_);
+    bool AppendLocked(std::string_view bytes, unsigned long long lines) PZ_REQUIRES(mutex_);
+    bool LoseLocked(unsigned long long lines, const char* step) PZ_REQUIRES(mutex_);
 
     const std::string folder_;
     const std::string path_;
@@ -108,16 +112,16 @@ private:
     const bool time_;
     std::vector<std::string> paths_;  // by generation; a rotation needs no memory
 
-    // Guarded by mutex_.
-    PZDescriptor file_;
-    std::size_t used_ = 0;  // bytes in the file
-    detail::Clock::time_point nextLook_;
-    bool isTidy_ = false;            // has been kept to the sizes
-    bool isReported_ = false;        // that it does not work
-    unsigned long long untold_ = 0;  // lost lines that no line tells of yet
-    std::string buffer_;
-    std::size_t bufferLimit_ = 0;
-    unsigned long long bufferedLines_ = 0;
+    const std::size_t bufferLimit_;
+
+    PZDescriptor file_ PZ_GUARDED_BY(mutex_);
+    std::size_t used_ PZ_GUARDED_BY(mutex_) = 0;  // bytes in the file
+    detail::Clock::time_point nextLook_ PZ_GUARDED_BY(mutex_);
+    bool isTidy_ PZ_GUARDED_BY(mutex_) = false;            // has been kept to the sizes
+    bool isReported_ PZ_GUARDED_BY(mutex_) = false;        // that it does not work
+    unsigned long long untold_ PZ_GUARDED_BY(mutex_) = 0;  // lost lines that no line tells of yet
+    std::string buffer_ PZ_GUARDED_BY(mutex_);
+    unsigned long long bufferedLines_ PZ_GUARDED_BY(mutex_) = 0;
 };
 
 /// Brings down what other settings have left; false without memory.
@@ -264,7 +268,7 @@ bool RotatingLog::State::Write(std::string_view text) {
     if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
     text = text.substr(0, size_ - timeLength - 1);
 
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     const std::size_t length = timeLength + text.size() + 1;
     bool isWritten = true;
     if (buffer_.size() + length > bufferLimit_) isWritten = FlushLocked();
@@ -331,15 +335,14 @@ bool RotatingLog::text(std::string_view line) noexcept {
     try {
         return state_->Write(line);
     } catch (const std::bad_alloc&) {
-        const std::lock_guard<std::mutex> lock(state_->mutex_);
-        ++state_->lost_;
+        state_->CountLost();
         return false;
     }
 }
 
 bool RotatingLog::flush() noexcept {
     if (state_ == nullptr) return false;
-    const std::lock_guard<std::mutex> lock(state_->mutex_);
+    const PZMutexLock lock(state_->mutex_);
     try {
         return state_->FlushLocked();
     } catch (const std::bad_alloc&) {
@@ -349,7 +352,7 @@ bool RotatingLog::flush() noexcept {
 
 unsigned long long RotatingLog::lost() const noexcept {
     if (state_ == nullptr) return 0;
-    const std::lock_guard<std::mutex> lock(state_->mutex_);
+    const PZMutexLock lock(state_->mutex_);
     return state_->lost_;
 }
 

@@ -4,11 +4,11 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <mutex>
 #include <new>
 #include <type_traits>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/Foundation/private/PZMutex.h>
 
 namespace pz {
 
@@ -41,9 +41,9 @@ void note_stop(int number) {
 
 /// Who lives, and what was there before them.
 struct ST_HANDLERS {
-    std::mutex mutex;
-    unsigned int users = 0;                                     // guarded by mutex
-    std::array<struct sigaction, kSignals.size()> former = {};  // guarded by mutex
+    PZMutex mutex;
+    unsigned int users PZ_GUARDED_BY(mutex) = 0;
+    std::array<struct sigaction, kSignals.size()> former PZ_GUARDED_BY(mutex) = {};
 };
 
 ST_HANDLERS& handlers() noexcept {
@@ -52,7 +52,7 @@ ST_HANDLERS& handlers() noexcept {
     return instance;
 }
 
-void install_locked(ST_HANDLERS& state) {
+void install_locked(ST_HANDLERS& state) PZ_REQUIRES(state.mutex) {
     struct sigaction action = {};
     action.sa_handler = &note_stop;
     // The second one ends the process; what the first interrupts goes on.
@@ -63,7 +63,7 @@ void install_locked(ST_HANDLERS& state) {
     }
 }
 
-void restore_locked(const ST_HANDLERS& state) {
+void restore_locked(const ST_HANDLERS& state) PZ_REQUIRES(state.mutex) {
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
         ::sigaction(kSignals[i], &state.former[i], nullptr);
     }
@@ -86,6 +86,24 @@ void remove_waiter(int slot) {
     }
 }
 
+/// As add_waiter; the first event brings the handlers.
+int begin_waiting(PZEvent& event) {
+    ST_HANDLERS& state = handlers();
+    const PZMutexLock lock(state.mutex);
+    const int slot = add_waiter(&event);
+    if (slot < 0) return slot;
+    if (state.users++ == 0) install_locked(state);
+    if (stop_number != 0) event.SetEvent();
+    return slot;
+}
+
+void end_waiting(int slot) {
+    ST_HANDLERS& state = handlers();
+    const PZMutexLock lock(state.mutex);
+    if (--state.users == 0) restore_locked(state);
+    remove_waiter(slot);
+}
+
 }  // namespace
 
 StopSignal::StopSignal() noexcept : event_(new (std::nothrow) PZEvent) {
@@ -93,23 +111,12 @@ StopSignal::StopSignal() noexcept : event_(new (std::nothrow) PZEvent) {
         PZ_REPORT_ERROR("no event for the stop\n");
         return;
     }
-    ST_HANDLERS& state = handlers();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    slot_ = add_waiter(event_.get());
-    if (slot_ == kNoSlot) {
-        PZ_REPORT_ERROR("more than 16 at a time\n");
-        return;
-    }
-    if (state.users++ == 0) install_locked(state);
-    if (stop_number != 0) event_->SetEvent();
+    slot_ = begin_waiting(*event_);
+    if (slot_ == kNoSlot) PZ_REPORT_ERROR("more than 16 at a time\n");
 }
 
 StopSignal::~StopSignal() {
-    if (slot_ == kNoSlot) return;
-    ST_HANDLERS& state = handlers();
-    const std::lock_guard<std::mutex> lock(state.mutex);
-    if (--state.users == 0) restore_locked(state);
-    remove_waiter(slot_);
+    if (slot_ != kNoSlot) end_waiting(slot_);
 }
 
 int StopSignal::number() const noexcept {

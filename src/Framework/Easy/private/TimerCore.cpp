@@ -33,7 +33,7 @@ TimerCore::TimerCore(std::shared_ptr<WorkerCore> worker, std::unique_ptr<TimerFu
 bool TimerCore::Attach() {
     if (!Add()) return false;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         if (!isDetached_) return true;  // its only run may have been posted already
     }
     Detach();  // the worker has been stopped meanwhile, and could not find it yet
@@ -58,7 +58,7 @@ bool TimerCore::Add() {
 
 void TimerCore::Detach() noexcept {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         isOver_ = true;
         isDetached_ = true;
     }
@@ -72,23 +72,34 @@ void TimerCore::Detach() noexcept {
 bool TimerCore::Stop() noexcept {
     const auto self = weak_from_this().lock();  // its worker may be all that keeps it
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         isStopped_ = true;
     }
     // Kept no more: the worker has detached it, or does so now.
     if (worker_->Forget(*this)) Detach();
     if (worker_->IsOwnThread()) return true;
-    std::unique_lock<std::mutex> lock(mutex_);
-    const auto deadline = deadline_after(worker_->Options().stop_within);
-    if (done_.wait_until(lock, deadline, [this] { return !isRunning_; })) return true;
-    lock.unlock();
+    if (WaitUntilDone()) return true;
     PZ_REPORT_ERROR("worker [%s]: the timer of %s()@%s(%d) still runs\n", worker_->Name(),
                     request_.place.function, base_name(request_.place.file), request_.place.line);
     return false;
 }
 
+void TimerCore::NoteDone() {
+    const PZMutexLock lock(mutex_);
+    isRunning_ = false;
+    done_.notify_all();
+}
+
+bool TimerCore::WaitUntilDone() {
+    const PZMutexLock lock(mutex_);
+    const auto deadline = deadline_after(worker_->Options().stop_within);
+    while (isRunning_ && lock.WaitUntil(done_, deadline)) {
+    }
+    return !isRunning_;
+}
+
 bool TimerCore::IsActive() const noexcept {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     return !isStopped_ && !isOver_;
 }
 
@@ -106,7 +117,7 @@ long long TimerCore::OnDue(long long nowMs) {
     if (!IsActive()) return kNever;
     if (!request_.isPeriodic) {
         if (!isPosted) return nowMs + kRetryMs;
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         isOver_ = true;
         return kNever;
     }
@@ -120,7 +131,7 @@ long long TimerCore::OnDue(long long nowMs) {
 /// False when the run before is not done, or the worker has no room.
 bool TimerCore::PostOnce() noexcept {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         if (isPosted_ || isRunning_) return false;
         isPosted_ = true;
     }
@@ -128,7 +139,7 @@ bool TimerCore::PostOnce() noexcept {
         worker_.get(), [self = shared_from_this()] { self->Run(); }, request_.priority,
         std::chrono::milliseconds::zero(), request_.place);
     if (posted == Posted::ok) return true;
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     isPosted_ = false;
     if (posted == Posted::stopped) isOver_ = true;
     return false;
@@ -136,7 +147,7 @@ bool TimerCore::PostOnce() noexcept {
 
 void TimerCore::Run() {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         isPosted_ = false;
         if (isStopped_) return;
         isRunning_ = true;
@@ -145,11 +156,7 @@ void TimerCore::Run() {
     class Running {
     public:
         explicit Running(TimerCore& timer) : timer_(timer) {}
-        ~Running() {
-            const std::lock_guard<std::mutex> lock(timer_.mutex_);
-            timer_.isRunning_ = false;
-            timer_.done_.notify_all();
-        }
+        ~Running() { timer_.NoteDone(); }
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
 

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 
 #include <Framework/Easy/Timer.h>
+#include <Framework/Foundation/private/PZMutex.h>
 #include <Framework/Utility/PZLTimerMng.h>
 
 #include "ClockCore.h"
@@ -42,6 +42,8 @@ public:
 
 private:
     bool Add();
+    void NoteDone();
+    bool WaitUntilDone();
     bool PostOnce() noexcept;
     void Run();
 
@@ -53,13 +55,14 @@ private:
     long long dueMs_ = 0;  // touched by who fires, and before
     std::atomic<unsigned long long> missed_{0};
 
-    mutable std::mutex mutex_;
+    mutable PZMutex mutex_;
     std::condition_variable done_;  // with isRunning_
-    bool isStopped_ = false;        // guarded by mutex_, as what follows
-    bool isOver_ = false;           // the only run has been posted, or there is no worker any more
-    bool isDetached_ = false;
-    bool isPosted_ = false;  // and not run yet
-    bool isRunning_ = false;
+    bool isStopped_ PZ_GUARDED_BY(mutex_) = false;
+    // The only run has been posted, or there is no worker any more.
+    bool isOver_ PZ_GUARDED_BY(mutex_) = false;
+    bool isDetached_ PZ_GUARDED_BY(mutex_) = false;
+    bool isPosted_ PZ_GUARDED_BY(mutex_) = false;  // and not run yet
+    bool isRunning_ PZ_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace pz::detail

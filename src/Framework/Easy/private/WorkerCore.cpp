@@ -35,8 +35,8 @@ unsigned int level_of(Priority priority) noexcept {
 
 /// The cores with a thread. Never destroyed: a worker that hangs outlives everything.
 struct ST_CORES {
-    std::mutex mutex;
-    std::vector<std::shared_ptr<WorkerCore>> all;  // guarded by mutex
+    PZMutex mutex;
+    std::vector<std::shared_ptr<WorkerCore>> all PZ_GUARDED_BY(mutex);
 };
 
 ST_CORES& cores() noexcept {
@@ -47,7 +47,7 @@ ST_CORES& cores() noexcept {
 
 void forget_core(const WorkerCore* core) noexcept {
     std::shared_ptr<WorkerCore> forgotten;  // destroyed after the lock
-    const std::lock_guard<std::mutex> lock(cores().mutex);
+    const PZMutexLock lock(cores().mutex);
     auto& all = cores().all;
     const auto found = std::find_if(all.begin(), all.end(),
                                     [core](const auto& other) { return other.get() == core; });
@@ -58,7 +58,7 @@ void forget_core(const WorkerCore* core) noexcept {
 
 /// Null after the last one.
 std::shared_ptr<WorkerCore> core_at(std::size_t index) noexcept {
-    const std::lock_guard<std::mutex> lock(cores().mutex);
+    const PZMutexLock lock(cores().mutex);
     return index < cores().all.size() ? cores().all[index] : nullptr;
 }
 
@@ -100,11 +100,11 @@ bool WorkerCore::Start() {
         return false;
     }
     {
-        const std::lock_guard<std::mutex> lock(cores().mutex);
+        const PZMutexLock lock(cores().mutex);
         cores().all.push_back(shared_from_this());
     }
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         finished_ = false;
     }
     if (!thread_.Start(name_)) {
@@ -113,7 +113,7 @@ bool WorkerCore::Start() {
         return false;
     }
     {
-        const std::lock_guard<std::mutex> lock(joinMutex_);
+        const PZMutexLock lock(joinMutex_);
         isJoined_ = false;
     }
     constexpr unsigned int kStartLimitMs = 3000;
@@ -123,7 +123,7 @@ bool WorkerCore::Start() {
         return false;
     }
     if (options_.priority) thread_.SetPriority(*options_.priority);
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     accepting_ = !finished_;
     return accepting_;
 }
@@ -151,7 +151,7 @@ void WorkerCore::MainProc() {
 }
 
 void WorkerCore::NoteFinished() noexcept {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     finished_ = true;
     accepting_ = false;
     changed_.notify_all();
@@ -162,7 +162,7 @@ bool WorkerCore::IsOwnThread() const noexcept {
 }
 
 bool WorkerCore::IsRunning() const noexcept {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     return accepting_;
 }
 
@@ -223,7 +223,7 @@ Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
     do {
         bool hasRoom = false;
         {
-            const std::lock_guard<std::mutex> lock(mutex_);
+            const PZMutexLock lock(mutex_);
             answer = Posted::stopped;
             if (!accepting_) return nullptr;
             answer = Posted::full;
@@ -246,12 +246,12 @@ bool WorkerCore::MayWait(std::chrono::milliseconds within) const noexcept {
 
 /// False when there is no room in time, or no more service.
 bool WorkerCore::WaitForRoom(Clock::time_point deadline) noexcept {
-    std::unique_lock<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     waitingForRoom_.fetch_add(1);
     const auto mayGoOn = [this] { return !accepting_ || box_.CountMessages() < kCapacity; };
     // The serving thread tells of room without a lock: one that it overlooks is found soon.
     while (!mayGoOn() && Clock::now() < deadline) {
-        changed_.wait_until(lock, std::min(deadline, Clock::now() + kLookAgain));
+        lock.WaitUntil(changed_, std::min(deadline, Clock::now() + kLookAgain));
     }
     waitingForRoom_.fetch_sub(1);
     return accepting_ && mayGoOn();
@@ -267,13 +267,13 @@ bool WorkerCore::TakeRoomLocked() noexcept {
 
 void WorkerCore::GiveRoomBack() noexcept {
     if (!IsManual()) return box_.GiveReservedBack();
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     --manualPending_;
 }
 
 std::size_t WorkerCore::Pending() noexcept {
     if (!IsManual()) return box_.CountMessages();
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     return manualPending_;
 }
 
@@ -321,7 +321,7 @@ Posted WorkerCore::Enqueue(Job& job, Priority priority) noexcept {
 }
 
 Posted WorkerCore::EnqueueByHand(const Job& job, unsigned int level) noexcept {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     try {
         if (accepting_) {
             PZPriorityQueue<QueuedJob>::que entry;
@@ -350,7 +350,7 @@ __attribute__((always_inline)) inline void WorkerCore::NoteTaken() noexcept {
 }
 
 void WorkerCore::TellOfRoom() noexcept {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     changed_.notify_all();
 }
 
@@ -359,7 +359,7 @@ void WorkerCore::OnReceiveEvent(unsigned int /*bits*/) {}
 bool WorkerCore::RunOne() {
     Job* job = nullptr;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         if (manualQueue_.empty()) return false;
         job = &jobs_[manualQueue_.top().index];
         manualQueue_.pop();
@@ -455,7 +455,7 @@ void WorkerCore::ReportException(const Place& place, const char* what) const noe
 
 void WorkerCore::RequestStop() noexcept {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         accepting_ = false;
         changed_.notify_all();
     }
@@ -466,14 +466,14 @@ void WorkerCore::RequestStop() noexcept {
 void WorkerCore::DetachTimers() noexcept {
     std::vector<std::shared_ptr<TimerCore>> timers;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         timers.swap(timers_);
     }
     for (const auto& timer : timers) timer->Detach();
 }
 
 bool WorkerCore::Keep(const std::shared_ptr<TimerCore>& timer) noexcept {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     if (!accepting_) return false;
     try {
         timers_.push_back(timer);
@@ -484,7 +484,7 @@ bool WorkerCore::Keep(const std::shared_ptr<TimerCore>& timer) noexcept {
 }
 
 bool WorkerCore::Forget(const TimerCore& timer) noexcept {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const PZMutexLock lock(mutex_);
     const auto found = std::find_if(timers_.begin(), timers_.end(),
                                     [&timer](const auto& kept) { return kept.get() == &timer; });
     if (found == timers_.end()) return false;
@@ -505,24 +505,26 @@ bool WorkerCore::Stop(std::chrono::milliseconds within) {
         }
         return true;
     }
-    bool finished = false;
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        finished = changed_.wait_until(lock, deadline_after(within), [this] { return finished_; });
-    }
-    if (finished) return JoinIfFinished();
+    if (WaitUntilFinished(deadline_after(within))) return JoinIfFinished();
     DropQueued();
     if (!hangReported_.exchange(true)) ReportHang(within);
     return false;
 }
 
+bool WorkerCore::WaitUntilFinished(Clock::time_point deadline) {
+    const PZMutexLock lock(mutex_);
+    while (!finished_ && lock.WaitUntil(changed_, deadline)) {
+    }
+    return finished_;
+}
+
 bool WorkerCore::JoinIfFinished() noexcept {
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         if (!finished_) return false;
     }
     {
-        const std::lock_guard<std::mutex> lock(joinMutex_);
+        const PZMutexLock lock(joinMutex_);
         if (!isJoined_) thread_.WaitExit();
         isJoined_ = true;
     }
@@ -535,7 +537,7 @@ void WorkerCore::DropQueued() noexcept {
     isDropped_ = true;
     unsigned int used = 0;
     {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const PZMutexLock lock(mutex_);
         used = usedJobs_;
     }
     for (unsigned int i = 0; i < used; ++i) {

@@ -8,13 +8,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include <Framework/Easy/Worker.h>
 #include <Framework/Foundation/PZLMsgBox.h>
 #include <Framework/Foundation/PZPriorityQueue.h>
 #include <Framework/Foundation/PZThread.h>
+#include <Framework/Foundation/private/PZMutex.h>
 
 #include "ClockCore.h"
 
@@ -133,9 +133,9 @@ private:
     static Posted Answered(PZLMsgBox::EN_QUIET answer) noexcept;
     bool MayWait(std::chrono::milliseconds within) const noexcept;
     bool WaitForRoom(Clock::time_point deadline) noexcept;
-    bool TakeRoomLocked() noexcept;
+    bool TakeRoomLocked() noexcept PZ_REQUIRES(mutex_);
     void GiveRoomBack() noexcept;
-    Job* TakeFreeLocked() noexcept;
+    Job* TakeFreeLocked() noexcept PZ_REQUIRES(mutex_);
     Posted Enqueue(Job& job, Priority priority) noexcept;
     Posted EnqueueByHand(const Job& job, unsigned int level) noexcept;
     void NoteTaken() noexcept;
@@ -149,6 +149,7 @@ private:
     void DropQueued() noexcept;
     void ReportHang(std::chrono::milliseconds waited) const noexcept;
     void NoteFinished() noexcept;
+    bool WaitUntilFinished(Clock::time_point deadline);
 
     const Kind kind_;
     const std::shared_ptr<ClockCore> clock_;  // null: real time
@@ -157,19 +158,19 @@ private:
     PZLMsgBox box_;
     unsigned long boxId_ = 0;
 
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;                 // room, or the end
-    std::atomic<bool> accepting_{false};              // written under mutex_
-    bool finished_ = true;                            // guarded by mutex_: there is no loop
-    std::vector<std::shared_ptr<TimerCore>> timers_;  // guarded by mutex_
+    mutable PZMutex mutex_;
+    std::condition_variable changed_;             // room, or the end
+    std::atomic<bool> accepting_{false};          // written under mutex_
+    bool finished_ PZ_GUARDED_BY(mutex_) = true;  // there is no loop
+    std::vector<std::shared_ptr<TimerCore>> timers_ PZ_GUARDED_BY(mutex_);
     const std::unique_ptr<Job[]> jobs_;
-    unsigned int usedJobs_ = 0;                    // guarded by mutex_: never used from here on
-    Job* free_ = nullptr;                          // guarded by mutex_
+    unsigned int usedJobs_ PZ_GUARDED_BY(mutex_) = 0;  // never used from here on
+    Job* free_ PZ_GUARDED_BY(mutex_) = nullptr;
     std::atomic<Job*> returned_{nullptr};          // free as well; taken over as a whole
     std::atomic<unsigned int> waitingForRoom_{0};  // threads
     std::atomic<bool> isDropped_{false};           // what is posted is not run any more
-    PZPriorityQueue<QueuedJob> manualQueue_{kCapacity};  // guarded by mutex_
-    unsigned int manualPending_ = 0;                     // guarded by mutex_: reserved or queued
+    PZPriorityQueue<QueuedJob> manualQueue_ PZ_GUARDED_BY(mutex_){kCapacity};
+    unsigned int manualPending_ PZ_GUARDED_BY(mutex_) = 0;  // reserved or queued
 
     // What is being run: written by the serving thread, read by the reporter of a hang.
     std::atomic<bool> isRunning_{false};
@@ -183,8 +184,8 @@ private:
     std::atomic<bool> isExitRequested_{false};
     std::atomic<unsigned int> overruns_{0};
 
-    std::mutex joinMutex_;
-    bool isJoined_ = true;  // guarded by joinMutex_
+    PZMutex joinMutex_;
+    bool isJoined_ PZ_GUARDED_BY(joinMutex_) = true;
     PZThread<WorkerCore> thread_;
 };
 

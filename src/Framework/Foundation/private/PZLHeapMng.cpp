@@ -178,7 +178,7 @@ bool is_overrun(const ST_MEM_BLOCK* block) {
 }
 
 /// The entry of the thread, taken from the free ones on first sight; null when all are taken.
-ST_THREAD_USAGE* find_thread_locked(unsigned int threadId) {
+ST_THREAD_USAGE* find_thread_locked(unsigned int threadId) PZ_REQUIRES(heap_lock()) {
     for (ST_THREAD_USAGE& entry : heap.threads) {
         if (entry.threadId == 0) entry.threadId = threadId;
         if (entry.threadId == threadId) return &entry;
@@ -188,7 +188,7 @@ ST_THREAD_USAGE* find_thread_locked(unsigned int threadId) {
 
 /// Charges the thread, and asks for its name at its peaks of 1, 2, 4 ... blocks: the one that
 /// starts a thread may name it after its first block.
-void charge_locked(ST_THREAD_USAGE& thread, unsigned int bytes) {
+void charge_locked(ST_THREAD_USAGE& thread, unsigned int bytes) PZ_REQUIRES(heap_lock()) {
     const unsigned int peakBefore = thread.usage.maxCount;
     thread.usage.Add(bytes);
     const unsigned int peak = thread.usage.maxCount;
@@ -197,7 +197,7 @@ void charge_locked(ST_THREAD_USAGE& thread, unsigned int bytes) {
     }
 }
 
-void append_locked(ST_MEM_BLOCK* block) {
+void append_locked(ST_MEM_BLOCK* block) PZ_REQUIRES(heap_lock()) {
     ST_MEM_BLOCK* const older = heap.tail;
     block->older = older;
     block->newer = nullptr;
@@ -206,7 +206,7 @@ void append_locked(ST_MEM_BLOCK* block) {
 }
 
 /// An inconsistent list is reported, and the block leaves it all the same.
-void unlink_locked(ST_MEM_BLOCK* block) {
+void unlink_locked(ST_MEM_BLOCK* block) PZ_REQUIRES(heap_lock()) {
     ST_MEM_BLOCK* const older = block->older;
     ST_MEM_BLOCK* const newer = block->newer;
     Link& fromOlder = older != nullptr ? older->newer : heap.head;
@@ -254,9 +254,9 @@ void unlink_locked(ST_MEM_BLOCK* block) {
     if (thread != nullptr) charge_locked(*thread, size);
 }
 
-/// Takes the block out of the accounts and the list; the heap's lock is held. False when it is
-/// refused: it stays in the list, and what was subtracted before stays subtracted.
-bool ReleaceMemBlockInf(ST_MEM_BLOCK* block) {
+/// Takes the block out of the accounts and the list. False when it is refused: it stays in the
+/// list, and what was subtracted before stays subtracted.
+bool ReleaceMemBlockInf(ST_MEM_BLOCK* block) PZ_REQUIRES(heap_lock()) {
     if (is_overrun(block)) {
         PZ_REPORT_ERROR("memory corruption\n");
         return false;

@@ -82,6 +82,10 @@ private:
 }  // namespace
 
 /// What the box keeps for its loop.
+///
+/// Its functions in ...Locked need the message lock. That is not said to Clang's analysis: the
+/// hand-over knows the lock by a reference of its own, and the analysis could not tell that both
+/// are one.
 struct PZLMsgBox::Kept {
     /// The loop's wait, between the watchdog's hooks, and its look before it.
     struct BracketedWait {

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <mutex>
 #include <new>
 
 #include <Framework/Diagnostics/PZReport.h>
@@ -207,7 +206,7 @@ bool PZThreadMng::setLabel(unsigned long handle, const char* label) {
     const PZSyncLock lock(*sync_);
     ThreadInfo* const info = FindLocked(handle);
     if (info == nullptr) return false;
-    const std::lock_guard<std::mutex> shown(pz_inspection_lock());  // it is read under that
+    const PZMutexLock shown(pz_inspection_lock);  // it is read under that
     set_name(*info, label);
     return true;
 }
@@ -350,7 +349,7 @@ PZThreadMng::Record::~Record() {
 
 /// Another thread has got the handle.
 void PZThreadMng::Record::Replace(const ThreadInfo& info, int newTid) {
-    const std::lock_guard<std::mutex> isShown(pz_inspection_lock());
+    const PZMutexLock isShown(pz_inspection_lock);
     static_cast<ThreadInfo&>(*this) = info;
     tid = newTid;
     owner = nullptr;
