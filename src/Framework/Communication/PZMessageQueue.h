@@ -189,6 +189,9 @@ public:
     /// Closes.
     ~PZMessageQueue() override;
 
+    PZMessageQueue(const PZMessageQueue&) = delete;
+    PZMessageQueue& operator=(const PZMessageQueue&) = delete;
+
     /// Opens the queue, with room for 64 messages when it is new, and starts the thread.
     ///
     /// False for a null name or observer, for a queue that cannot be opened, without memory for the

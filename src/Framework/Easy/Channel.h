@@ -109,7 +109,7 @@ public:
         } else {
             alignas(T) unsigned char room[sizeof(T)];
             std::memcpy(room, bytes, sizeof(T));
-            function_(*std::launder(reinterpret_cast<const T*>(room)));
+            function_(*std::launder(static_cast<const T*>(static_cast<void*>(room))));
         }
     }
 
@@ -125,10 +125,9 @@ private:
 ///     out.send(station);
 ///
 /// Values:   trivially copyable ones of up to 1012 bytes, without pointers; both processes are
-/// built
-///           for the same kind of machine. Or what derives from PZSerializable. Sender and receiver
-///           that differ in the size or in the `version` of the values do not understand each
-///           other: the receiver refuses them, and reports it.
+///           built for the same kind of machine. Or what derives from PZSerializable. Sender and
+///           receiver that differ in the size or in the `version` of the values do not understand
+///           each other: the receiver refuses them, and reports it.
 /// Peer:     may come later: up to 64 values wait, also when the sender ends meanwhile. When it has
 ///           died, they wait for the next one. When it was destroyed, those that waited are gone.
 /// Order:    more urgent values first, equal ones in the order in which they were sent.

@@ -13,6 +13,10 @@
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/PZApi.h>
 
+// Qt has a macro of this name.
+#pragma push_macro("signals")
+#undef signals
+
 namespace pz {
 
 /// What a thread may wait for, see wait_any.
@@ -20,7 +24,8 @@ class PZ_API Waitable {
 public:
     virtual ~Waitable();
 
-    /// The signals that are waited for; null when there are none (no memory, or moved from).
+    /// The signals that are waited for; null when there are none (no memory, or moved from). Where
+    /// Qt's headers are included, only behind `#undef signals`.
     virtual PZEvent* signals() const noexcept = 0;
 
     /// Called by the thread whose wait has taken a signal.
@@ -85,5 +90,7 @@ private:
 };
 
 }  // namespace pz
+
+#pragma pop_macro("signals")
 
 #endif  // PZ_FRAMEWORK_EASY_EVENT_H

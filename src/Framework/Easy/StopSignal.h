@@ -7,6 +7,10 @@
 #include <Framework/Easy/Event.h>
 #include <Framework/PZApi.h>
 
+// Qt has a macro of this name.
+#pragma push_macro("signals")
+#undef signals
+
 namespace pz {
 
 /// While one lives, SIGINT and SIGTERM do not end the process, but signal this.
@@ -52,5 +56,7 @@ private:
 PZ_API int wait_for_stop();
 
 }  // namespace pz
+
+#pragma pop_macro("signals")
 
 #endif  // PZ_FRAMEWORK_EASY_STOPSIGNAL_H

@@ -74,7 +74,7 @@ public:
     CallError error() const noexcept { return error_; }
 
 private:
-    std::optional<T> value_;
+    std::optional<T> value_{};
     CallError error_ = CallError::none;
 };
 
@@ -97,7 +97,7 @@ private:
 /// What a worker may be given beside its name.
 struct WorkerOptions {
     /// None: the priority of the thread that makes the worker.
-    std::optional<EN_WORKER_PRIORITY> priority;
+    std::optional<EN_WORKER_PRIORITY> priority{};
     /// Registered with the thread, see PZThreadMng.
     std::chrono::milliseconds watch_time{4000};
     /// What the destructor waits at most.
@@ -276,9 +276,9 @@ public:
 private:
     bool IsFinished();
 
-    std::mutex mutex_;  // Clang's analysis does not know it
-    std::condition_variable finished_;
-    std::optional<CallError> outcome_;  // guarded by mutex_
+    std::mutex mutex_{};  // Clang's analysis does not know it
+    std::condition_variable finished_{};
+    std::optional<CallError> outcome_{};  // guarded by mutex_
 };
 
 /// Whether the calling thread is the one that serves.
@@ -293,7 +293,8 @@ public:
         : body_(other.body_),
           reply_(std::exchange(other.reply_, nullptr)),
           outcome_(other.outcome_) {}
-    CallJob& operator=(CallJob&&) = delete;
+    CallJob(const CallJob&) = delete;
+    CallJob& operator=(const CallJob&) = delete;
     ~CallJob() {
         if (reply_ != nullptr) reply_->Finish(outcome_);
     }

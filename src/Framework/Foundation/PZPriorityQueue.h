@@ -110,7 +110,7 @@ private:
         return position;
     }
 
-    std::vector<que> ring_;
+    std::vector<que> ring_{};
     unsigned int mask_ = 0;   // the ring's size, a power of two, less 1
     unsigned int front_ = 0;  // where the ring begins, modulo its size
     unsigned int count_ = 0;  // priorities descend from front to back

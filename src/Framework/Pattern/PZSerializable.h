@@ -200,7 +200,7 @@ public:
     virtual void deserialize(const unsigned char* data, unsigned int size) = 0;
 
 protected:
-    Archive archive_;  ///< what serialize makes
+    Archive archive_{};  ///< what serialize makes
 
     friend class Archive;  // reads archive_
 };

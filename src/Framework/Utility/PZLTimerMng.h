@@ -218,6 +218,9 @@ public:
 
     ~PZLTimerMng() override;
 
+    PZLTimerMng(const PZLTimerMng&) = delete;
+    PZLTimerMng& operator=(const PZLTimerMng&) = delete;
+
     /// GetInstance under another name. The first call starts the timer threads.
     static PZLTimerMng* GetTimerMng();
 

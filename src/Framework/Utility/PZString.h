@@ -14,6 +14,10 @@ namespace PZSerialization {
 class Archive;
 }
 
+// Operator+ changes its object on purpose; the warning would have a copy.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Weffc++"
+
 /// Text in any code page, which turns into the form that a caller asks for.
 ///
 /// Holds exactly one form at a time, or none at all, which is not the same as an empty text:
@@ -276,5 +280,7 @@ private:
     std::unique_ptr<std::string> narrow_;
     std::unique_ptr<std::vector<unsigned short>> units_;  // the 16-bit form with its terminator
 };
+
+#pragma GCC diagnostic pop
 
 #endif  // PZ_FRAMEWORK_UTILITY_PZSTRING_H
