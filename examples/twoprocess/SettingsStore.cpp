@@ -1,7 +1,9 @@
 #include "SettingsStore.h"
 
+#include <cstring>
 #include <utility>
 
+#include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 
 namespace {
@@ -12,13 +14,21 @@ constexpr char kFileName[] = "settings";
 constexpr unsigned int kTries = 20;
 constexpr unsigned int kPauseMs = 100;
 
+/// False for the guard's line about a mutex that is held: who finds it so tries again.
+bool is_worth_a_line(const PZDbgOutput::ST_RECORD& record, void* /*user*/) {
+    return std::strcmp(record.function, "tryLock") != 0 ||
+           std::strcmp(record.message, "error") != 0;
+}
+
 }  // namespace
 
 SettingsStore::SettingsStore(std::string dir, EN_SIDE side)
     : dir_(std::move(dir)),
       side_(side),
       path_(dir_ + "/" + kFileName),
-      draft_(path_ + (side == en_SIDE_TUNER ? ".tuner" : ".display")) {}
+      draft_(path_ + (side == en_SIDE_TUNER ? ".tuner" : ".display")) {
+    PZDbgOutput::SetSink(&is_worth_a_line, nullptr);
+}
 
 bool SettingsStore::Open() {
     guard_ = std::make_unique<PZFileGuard>(dir_, kFileName);

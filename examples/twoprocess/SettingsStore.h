@@ -16,6 +16,9 @@
 ///          and attaches again when it finds that its mutex is gone.
 /// Waiting: nobody waits for the mutex inside the system, from where a mutex that is made anew
 ///          would not wake him: who does not get it, tries again, for up to two seconds.
+/// Log:     a try that finds the mutex held is no error here. The store keeps the guard's line
+/// about
+///          it out of the log, with the one sink that a process has.
 /// Threads: one at a time.
 class SettingsStore {
 public:

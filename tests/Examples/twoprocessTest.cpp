@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <Framework/Communication/PZFileGuard.h>
+#include <Framework/Diagnostics/PZDbgOutput.h>
 
 #include "support/ChildProcess.h"
 #include "support/GuardFiles.h"
@@ -136,6 +137,9 @@ public:
         return lines;
     }
 
+    /// The lines of the framework's log.
+    std::string Log() const { return without_colours(read_file(out_)); }
+
     std::string Notes() const { return read_file(error_); }
     bool HasNoted(const std::string& note) const { return contains(Notes(), note + "\n"); }
 
@@ -219,6 +223,7 @@ protected:
     /// A process dies while it holds the mutex; false when somebody else holds it.
     bool DieWithTheMutex() const {
         ChildProcess victim([this]() -> int {
+            PZDbgOutput::SetSink([](const auto&, void*) { return false; }, nullptr);
             PZFileGuard guard(files.Dir(), files.Name());
             _exit(guard.initForApp() && guard.tryLock() ? 0 : 1);
         });
@@ -460,6 +465,17 @@ TEST_F(twoprocessTest, ATunerMakesTheMutexAfreshThatADisplayDiedWith) {
     EXPECT_TRUE(WaitForBroadcast(*display));
     EXPECT_EQ(0, display->End());
     EXPECT_EQ(0, tuner->End());
+    ExpectNothingLeftBehind();
+}
+
+// It is part of the wait; what comes of the wait has its line.
+TEST_F(twoprocessTest, AMutexThatIsHeldMakesNoLineInTheLogEachTime) {
+    const ProgramPtr tuner = StartTuner();
+    ASSERT_TRUE(WaitForSetting("tuner.run", "1"));
+    ASSERT_TRUE(wait_until([this] { return DieWithTheMutex(); }));
+    EXPECT_TRUE(wait_until([&] { return contains(tuner->Log(), "destroyMutexForSystem()"); }));
+    EXPECT_EQ(0, tuner->End());
+    EXPECT_FALSE(contains(tuner->Log(), "tryLock()")) << tuner->Log();
     ExpectNothingLeftBehind();
 }
 
