@@ -33,6 +33,7 @@
 
 #include <Framework/Foundation/PZFileSys.h>
 
+#include "support/CancelledStack.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/ManualTick.h"
@@ -1639,6 +1640,29 @@ TEST_F(PZClockZoneFileTest, LeavesNothingElseBehind) {
     EXPECT_TRUE(PZClock::SetTimeZone(60));
     EXPECT_NE("", made_folder);
     EXPECT_EQ(-1, ::access(made_folder.c_str(), F_OK));
+}
+
+TEST_F(PZClockZoneFileTest, LetsItsThreadBeCancelledAndLeavesNothingBehind) {
+    const pztest::ChildResult result = run_in_child([] {
+        // As the C library's does for one name in twenty.
+        mkdtemp_call.Replace([](char* path) {
+            pthread_testcancel();
+            return mkdtemp_call.Real(path);
+        });
+        pthread_t thread = {};
+        const auto body = [](void*) -> void* {
+            const pztest::CancelledStack stack;
+            pthread_cancel(pthread_self());  // takes effect at the first call that may wait
+            PZClock::SetTimeZone(60);
+            return nullptr;
+        };
+        if (pthread_create(&thread, nullptr, body, nullptr) != 0) return 1;
+        void* end = nullptr;
+        pthread_join(thread, &end);
+        if (end != PTHREAD_CANCELED || made_folder.empty()) return 2;
+        return ::access(made_folder.c_str(), F_OK) == -1 ? 42 : 3;
+    });
+    EXPECT_EQ(42, result.status) << result.output;
 }
 
 TEST_F(PZClockZoneFileTest, IsOverwrittenWhereNothingCanBeReplaced) {

@@ -659,15 +659,13 @@ TEST_F(PZThreadMngTest, AFailedDumpIsSilentAndReleasesTheLock) {
 
 /// Opens the write end of `fullPipe` instead of "/temp/ThreadInfo".
 int full_pipe_end = -1;
-FILE* full_pipe = nullptr;  // the stream of a thread that is cancelled while it closes it is lost
 
 int open_full_pipe(const char* path, int flags, mode_t mode) {
     return std::string(path) == kDumpPath ? full_pipe_end : open_call.Real(path, flags, mode);
 }
 
-FILE* remember_stream(int fd, const char* /*mode*/) {
-    full_pipe = fdopen_call.Real(fd, "w");
-    return full_pipe;
+FILE* open_to_write(int fd, const char* /*mode*/) {
+    return fdopen_call.Real(fd, "w");
 }
 
 TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
@@ -680,7 +678,7 @@ TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
     full_pipe_end = ends[1];
     manager.registerThreadInfo(1, "first", 251, 0);
     open_call.Replace(&open_full_pipe);
-    fdopen_call.Replace(&remember_stream);
+    fdopen_call.Replace(&open_to_write);
 
     static std::atomic<pid_t> dumperId;
     dumperId = 0;
@@ -704,8 +702,8 @@ TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
     fdopen_call.Replace(nullptr);
     EXPECT_EQ(PTHREAD_CANCELED, result);
     EXPECT_TRUE(manager.unregisterThreadInfo(1));  // the lock is free
+    EXPECT_EQ(-1, fcntl(ends[1], F_GETFD)) << "the file stays open";
     close(ends[0]);
-    close(ends[1]);
 }
 
 TEST_F(PZThreadMngTest, DumpsToTempThreadInfo) {

@@ -2,6 +2,7 @@
 #define PZ_FRAMEWORK_PRIVATE_PZ_STREAM_H
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +18,27 @@ inline int pz_close_stream(FILE* stream) noexcept {
     const PZUncancelled whole;
     return std::fclose(stream);
 }
+
+/// Closes a stream at the end of the scope. Until Settle was called that is because its thread is
+/// cancelled: what could not be written is dropped then, or the thread would wait for it again.
+class PZStreamClosing {
+public:
+    explicit PZStreamClosing(FILE*& stream) noexcept : stream_(stream) {}
+    ~PZStreamClosing() {
+        if (!isSettled_) __fpurge(stream_);
+        pz_close_stream(stream_);
+        stream_ = nullptr;
+    }
+
+    PZStreamClosing(const PZStreamClosing&) = delete;
+    PZStreamClosing& operator=(const PZStreamClosing&) = delete;
+
+    void Settle() noexcept { isSettled_ = true; }
+
+private:
+    FILE*& stream_;
+    bool isSettled_ = false;
+};
 
 /// Opens a stream as fopen does, but close-on-exec from birth, and with a descriptor above those of
 /// standard input, output and error: a process that was started without those would read and print

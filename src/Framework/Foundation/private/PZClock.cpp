@@ -27,6 +27,7 @@
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_child.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_uncancelled.h>
 
 static_assert(sizeof(PZClock::ST_CLOCK) == 28 && offsetof(PZClock::ST_CLOCK, month) == 4 &&
                   offsetof(PZClock::ST_CLOCK, dayOfWeek) == 8 &&
@@ -159,7 +160,7 @@ private:
 /// are removed with the object.
 class PrivateFolder {
 public:
-    PrivateFolder() : isMade_(::mkdtemp(folder_) != nullptr) {
+    PrivateFolder() : isMade_(Make(folder_)) {
         std::snprintf(file_, sizeof file_, "%s/tzfile", folder_);
     }
     ~PrivateFolder() {
@@ -175,6 +176,12 @@ public:
     const char* File() const { return file_; }
 
 private:
+    /// Not cancelled meanwhile: mkdtemp is declared to throw nothing, and would end the process.
+    static bool Make(char* folder) {
+        const PZUncancelled whole;
+        return ::mkdtemp(folder) != nullptr;
+    }
+
     char folder_[sizeof "/tmp/tzfile.XXXXXX"] = "/tmp/tzfile.XXXXXX";
     char file_[sizeof folder_ + sizeof "/tzfile"] = {};
     const bool isMade_;

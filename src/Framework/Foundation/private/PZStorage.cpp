@@ -1,6 +1,5 @@
 #include "Framework/Foundation/PZStorage.h"
 
-#include <stdio_ext.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -28,27 +27,6 @@ long long measure(std::FILE* stream) {
     const off_t end = ftello(stream);
     return end > 0 ? end : 0;
 }
-
-/// Closes a stream at the end of the scope. Until Settle was called that is because its thread is
-/// cancelled: what could not be written is dropped then, or the thread would wait for it again.
-class Closing {
-public:
-    explicit Closing(std::FILE*& stream) noexcept : stream_(stream) {}
-    ~Closing() {
-        if (!isSettled_) __fpurge(stream_);
-        pz_close_stream(stream_);
-        stream_ = nullptr;
-    }
-
-    Closing(const Closing&) = delete;
-    Closing& operator=(const Closing&) = delete;
-
-    void Settle() noexcept { isSettled_ = true; }
-
-private:
-    std::FILE*& stream_;
-    bool isSettled_ = false;
-};
 
 }  // namespace
 
@@ -95,7 +73,7 @@ bool PZStorage::IsOpen() const {
 
 void PZStorage::Close() {
     if (stream_ == nullptr) return;
-    Closing closing(stream_);
+    PZStreamClosing closing(stream_);
     if (isWritten_) Flush();
     closing.Settle();
 }

@@ -98,22 +98,6 @@ void set_name(PZThreadMng::ThreadInfo& info, const char* name) {
     pz_strncpy(info.name, sizeof info.name, name, sizeof info.name - 1);
 }
 
-/// The status file. Closing it may write, where a thread can be cancelled.
-class DumpFile {
-public:
-    DumpFile() : file_(pz_open_own_stream(kDumpPath, "w+")) {}
-    ~DumpFile() noexcept(false) {
-        if (file_ != nullptr) std::fclose(file_);
-    }
-    DumpFile(const DumpFile&) = delete;
-    DumpFile& operator=(const DumpFile&) = delete;
-
-    FILE* Get() const { return file_; }
-
-private:
-    FILE* const file_;
-};
-
 void write_record(FILE* file, const PZThreadMng::ThreadInfo& info) {
     std::fprintf(file, "name     : %s\n", info.name);
     std::fprintf(file, "starttime: %d\n", info.starttime);
@@ -298,11 +282,14 @@ void PZThreadMng::checkThreadStatus() PZ_NO_THREAD_SAFETY_ANALYSIS {
 
 void PZThreadMng::dumpThreadStatus() {
     const PZSyncLock lock(*sync_);
-    const DumpFile file;
-    if (file.Get() == nullptr) return;
+    FILE* file = pz_open_own_stream(kDumpPath, "w+");
+    if (file == nullptr) return;
+    PZStreamClosing closing(file);
     for (const auto& [handle, info] : threads_) {
-        write_record(file.Get(), info);
+        write_record(file, info);
     }
+    std::fflush(file);
+    closing.Settle();
 }
 
 bool PZThreadMng::getActiveThreadList(std::vector<unsigned long>& out) {
