@@ -4,7 +4,7 @@
 /// @file
 /// Everything of the namespace pz: the everyday jobs in few lines, over the framework's classes.
 ///
-/// What docs/easy.md tells. The classes beneath are not included: PZFramework.h has them.
+/// docs/easy.md shows how to use it. The classes below it are in PZFramework.h.
 
 #include <Framework/Easy/Channel.h>
 #include <Framework/Easy/Event.h>

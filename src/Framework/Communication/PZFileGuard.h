@@ -11,25 +11,25 @@
 
 /// One recursive mutex of several processes, with which they take turns at a shared file.
 ///
-/// Sides:     one process, the system side, makes the mutex with initForSystem and takes it away
-///            with destroyMutex. Every other one is an application side, and attaches with
-///            initForApp. An application may start first: its guard attaches, and refuses to
-///            lock until the system side is there. It does need the key files, which only the
-///            system side makes; without them every canLock, lock and tryLock tries once more,
-///            and reports the files that are missing.
+/// Sides:     one process, the system side, makes the mutex with initForSystem and removes it with
+///            destroyMutex. Every other process is an application side, and attaches with
+///            initForApp. An application may start first: its guard attaches, and refuses to lock
+///            until the system side is there. It needs the key files, which only the system side
+///            makes; without them every canLock, lock and tryLock tries once more, and reports the
+///            missing files.
 /// Processes: the mutex, and one byte that tells whether it may be used, are two System V
-///            shared-memory segments. Their keys are ftok(path, 1) of the files
-///            directory + name + "_mutex" and directory + name + "_initflag", empty files that are
-///            open to everybody. All processes of a guard are built for the same kind of machine:
-///            the mutex segment is as large as its pthread_mutex_t.
-/// Threads:   an object belongs to one thread at a time; threads that lock against each other have
+///            shared-memory segments. Their keys are ftok(path, 1) of the files directory + name +
+///            "_mutex" and directory + name + "_initflag", empty files that are open to everybody.
+///            All processes of a guard must be built for the same kind of machine: the mutex
+///            segment is as large as its pthread_mutex_t.
+/// Threads:   an object belongs to one thread at a time; threads that lock against each other need
 ///            a guard each. The thread that locked unlocks. Locks nest.
 /// Ownership: a process that ends while it holds the mutex leaves it locked. The segments belong to
 ///            the process that made the system side: its forked children leave them alone when they
 ///            end.
 /// Failures:  reported and answered with false, never thrown; lack of memory, too. Only the
-///            constructors throw std::bad_alloc. What another program has written over the mutex is
-///            refused as no mutex, or waited for like a mutex that somebody holds.
+///            constructors throw std::bad_alloc. A mutex that another program has overwritten is
+///            refused, or waited for like a held one.
 class PZ_API PZFileGuard {
 public:
     /// The directory "/temp/system_data/", and no file name yet.
@@ -57,13 +57,15 @@ public:
 
     /// Becomes the system side: makes the directory and the key files as far as they are missing
     /// (open to everybody), attaches both segments, makes a new mutex, even while others hold the
-    /// old one, and lets the applications in. A thread that waits in lock waits on for the new
-    /// mutex. A key file that is a symbolic link is refused, and its target is not touched.
-    /// After a failure beyond an empty file name or a second call the object is of no more use.
+    /// old one, and lets the applications in. A thread that waits in lock then waits for the new
+    /// mutex. A key file that is a symbolic link is refused, and its target is not touched. False
+    /// for an empty file name and for a second call; after any other failure the object is
+    /// unusable.
     bool initForSystem();
 
     /// Becomes an application side and attaches both segments, which are made when there are none.
-    /// It is an application side also when that fails: canLock, lock and tryLock try again.
+    /// False when that fails, but it is an application side all the same: canLock, lock and tryLock
+    /// try again.
     bool initForApp();
 
     /// True while the system side is there. An application side that is not attached yet attaches.
@@ -77,18 +79,17 @@ public:
     /// (reported), or when canLock is false (not reported).
     bool tryLock();
 
-    /// Releases one lock, also when the system side is gone meanwhile. False when the mutex is
-    /// not attached. A thread that does not hold the mutex is answered true, and nothing happens.
+    /// Releases one lock, even when the system side is gone. False when the mutex is not attached.
+    /// For a thread that does not hold the mutex: true, and nothing happens.
     bool unlock();
 
-    /// On the system side shuts the applications out and removes the segments; they vanish when
-    /// the last process that has them attached detaches or ends, this one included: it stays
-    /// attached. While somebody holds the mutex this fails, and the segments stay; initForSystem
-    /// followed by destroyMutex removes them later.
-    /// On an application side detaches. Afterwards the guard can be given another file, and begin
-    /// again. False, with a call stack, when it is neither.
+    /// On the system side: shuts the applications out and removes the segments. They vanish when
+    /// the last attached process detaches or ends; this process stays attached. While somebody
+    /// holds the mutex this fails, and the segments stay; initForSystem followed by destroyMutex
+    /// removes them later. On an application side: detaches. Afterwards the guard can be given
+    /// another file, and begin again. False, with a call stack, when it is neither.
     ///
-    /// A forked child that goes on in its parent's place (a daemon) calls it; its destructor does
+    /// A forked child that replaces its parent (a daemon) calls this itself; its destructor does
     /// not.
     bool destroyMutex();
 
@@ -110,8 +111,8 @@ private:
     bool destroyMutexForSystem();
     bool destroyMutexForApp();
 
-    /// True when the init flag can be read and says so. The other processes write it at any time;
-    /// what the system side did to the mutex before is seen by who reads it.
+    /// True when the init flag can be read and says so. The other processes write it at any time; a
+    /// reader sees what the system side did to the mutex before.
     bool isUsable() const {
         return initFlag_ != nullptr && __atomic_load_n(initFlag_, __ATOMIC_ACQUIRE) == kUsable;
     }

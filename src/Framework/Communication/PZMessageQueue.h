@@ -24,19 +24,18 @@
 ///     box.close();                                  box.close();
 ///
 /// The first side to open the name creates the queue. The name is system-wide, "/" and up to 32
-/// characters; the receiving side removes it when it closes. A side that has it open then goes
-/// on with a queue that nobody reads, and should open the name again.
+/// characters; the receiving side removes it when it closes. A side that still has it open then
+/// uses a queue that nobody reads, and should open the name again.
 ///
-/// One receiver per name: two would take each other's messages, the one that ends a receiver
-/// included.
+/// Use one receiver per name: two would take each other's messages, also the message that ends a
+/// receiver.
 ///
 /// On the queue a message is one byte of type, the payload, and three zero bytes. Its system
-/// priority is 255 minus the caller's: smaller values overtake larger ones, equal values keep
-/// their order. Other programs may send as well; theirs are received as they are, up to 1024
-/// bytes.
+/// priority is 255 minus the caller's: smaller values overtake larger ones, equal values keep their
+/// order. Other programs may send too; their messages are received as they are, up to 1024 bytes.
 namespace PZMsgQ {
 
-/// The first byte of a message. Values of other programs pass as well.
+/// The first byte of a message. Other programs may send other values, which pass too.
 enum MSG_TYPE : unsigned char {
     en_MSG_TYPE_USER = 1,  ///< data
     en_MSG_TYPE_QUIT = 2   ///< ends the thread of a PZMessageQueue<1>
@@ -49,8 +48,8 @@ class PZMessageQueue;
 /// A named queue, to send to and to receive from.
 ///
 /// Threads:   one at a time.
-/// Failures:  reported and answered with a result. A queue that cannot be opened is reported as an
-///            assertion with its call stack, too.
+/// Failures:  reported and answered with a result. A queue that cannot be opened is also reported
+///            as an assertion, with a call stack.
 template <>
 class PZ_API PZMessageQueue<2> {
 public:
@@ -66,8 +65,8 @@ public:
 
     PZMessageQueue();
 
-    /// Reports a queue that is still open, and closes it; its name stays. A cancelled thread does
-    /// so to the end.
+    /// Reports a queue that is still open, and closes it; its name stays. Cancellation does not
+    /// interrupt that.
     ~PZMessageQueue();
 
     PZMessageQueue(const PZMessageQueue&) = delete;
@@ -83,8 +82,8 @@ public:
     /// Whether there is a queue to send to.
     bool isOpened() const noexcept { return handle_ != kNoQueue; }
 
-    /// Closes the queue when it is open. With `unlink` also removes the name that was opened last,
-    /// open or not: a new queue may then be created under it.
+    /// Closes the queue if it is open. With `unlink` it also removes the name that was opened last,
+    /// open or not; a new queue may then be created under it.
     void close(bool unlink);
 
     /// Sends `size` bytes of `data` (null only for 0 bytes), and never waits for room:
@@ -195,25 +194,25 @@ public:
     /// Opens the queue, with room for 64 messages when it is new, and starts the thread.
     ///
     /// False for a null name or observer, for a queue that cannot be opened, without memory for the
-    /// subscription, and when the thread of the last open was not joined yet, which goes on
-    /// undisturbed: close first. True also when
-    /// the thread cannot be started (reported); open again to try once more.
+    /// subscription, and when the thread of the last open was not joined yet; it runs on
+    /// undisturbed: close first. True even when the thread cannot be started (reported); open again
+    /// to try once more.
     bool open(const OpenParam& p);
 
     /// Ends the thread, waits for it, and removes the queue's name. Nothing happens when the queue
     /// is closed already.
     ///
-    /// The thread is told by a message through the queue, which overtakes those that wait: they
-    /// are lost. When the queue is so full that the message is refused (reported as every refused
-    /// message is), or messages cannot be received, the thread leaves by itself after the message
-    /// it is at. An observer that is at work is waited for.
+    /// A message through the queue tells the thread; it overtakes the waiting messages, which are
+    /// lost. When the queue is so full that this message is refused (reported like every refused
+    /// message), or when messages cannot be received, the thread leaves by itself after its present
+    /// message. close waits for a running observer.
     ///
-    /// In a forked child of the process that opened the queue only the child's own handle is
-    /// closed: thread, messages and name stay as they are. The object is of no more use there.
+    /// In a forked child of the process that opened the queue, only the child's own handle is
+    /// closed: thread, messages and name stay as they are. The object is unusable there.
     ///
     /// A call from an observer on the queue's own thread does not wait: the failed join is
-    /// reported, the thread ends after the observer has returned. The observer is still subscribed
-    /// then, and the controlling thread still has to call close, or to destroy the queue.
+    /// reported, and the thread ends after the observer has returned. The observer is still
+    /// subscribed then, and the controlling thread must still call close or destroy the queue.
     void close();
 
     /// The phases of the thread, see PZThread.

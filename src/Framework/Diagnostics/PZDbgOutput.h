@@ -12,12 +12,12 @@
 /// Line:      right-aligned to 80 columns, between a colour code and "\033[0m". Nothing adds a
 ///            line feed: formats end with "\n". The file is printed without its folders. The
 ///            process name is the one given to pz_FwInitialize, empty before.
-/// Limits:    a message keeps its first 510 characters; the rest is cut silently. A wide one that
-///            then needs more than 511 bytes in UTF-8 is refused by the converter, which reports
-///            it, and the line is printed without a message. A line keeps its first 2047 bytes.
+/// Limits:    a message keeps its first 510 characters; the rest is cut silently. If a wide message
+///            then needs more than 511 bytes in UTF-8, the converter refuses and reports it, and
+///            the line is printed without a message. A line keeps its first 2047 bytes.
 /// Threads:   any thread may call anything; no lock is taken in the default style, and lines of
-///            different threads do not mix within a line. A standard output that is stuck (a pipe
-///            that nobody reads) makes every report wait, also one that is made under a lock; the
+///            different threads do not mix within a line. While standard output is stuck (a pipe
+///            that nobody reads), every report waits, even one that is made under a lock; the
 ///            thread may be cancelled there.
 /// Failures:  none; nothing is thrown, and errno keeps its value.
 /// On request: SetStyle, or PZ_REPORT in the environment, changes how lines are printed; SetSink
@@ -34,10 +34,10 @@ public:
         en_TAG_SYS = 5       ///< "sys": system log at LOG_NOTICE
     };
 
-    /// What SetStyle takes, joined by '|', and the words that PZ_REPORT takes, joined by ','. Plain
-    /// messages know colours and the stream only.
+    /// What SetStyle takes, joined by '|', and the words that PZ_REPORT takes, joined by ','. Only
+    /// colours and the stream apply to plain messages.
     enum EN_STYLE : unsigned int {
-        en_STYLE_DEFAULT = 0,  ///< "colour": as described above; NO_COLOR is not asked
+        en_STYLE_DEFAULT = 0,  ///< "colour": as described above; NO_COLOR is ignored
         en_STYLE_PLAIN = 1,    ///< "plain": no colour codes
         /// "auto": colour codes only on a terminal, and none when NO_COLOR is set and not empty.
         en_STYLE_AUTO = 2,
@@ -47,8 +47,8 @@ public:
         en_STYLE_STDERR = 32,     ///< "stderr": to the standard error instead
         en_STYLE_DEMANGLED = 64,  ///< "demangled": frames as "#2 tune(int)+0x1f radio"
         /// "repeats": a line that equals the one before is counted instead of printed and logged.
-        /// "repeated 120 times" comes in its place before the next other line, with the first
-        /// equal one after 5 s, and at exit. Lines without a line feed at their end are not meant.
+        /// "repeated 120 times" is printed before the next different line, with the first equal
+        /// line after 5 s, and at exit. Lines without a line feed at their end are not counted.
         en_STYLE_REPEATS = 128
     };
 
@@ -64,29 +64,29 @@ public:
         int line;                  ///< -1 in a plain message
         int error;                 ///< errno of DbgPrintStdErr, else 0
         const char* message;       ///< without the line feed at its end
-        const char* objectPath;    ///< the file, folder, queue or lock that is meant, or ""; a
-                                   ///< lock without a name by its address, "0x55d0c2a0"
-        const char* objectThread;  ///< the thread that is meant, or ""
-        const char* objectWorker;  ///< the worker that is meant, else the one that reports, or ""
+        const char* objectPath;    ///< the file, folder, queue or lock concerned, or ""; for a
+                                   ///< lock without a name its address, "0x55d0c2a0"
+        const char* objectThread;  ///< the thread concerned, or ""
+        const char* objectWorker;  ///< the worker concerned, else the one that reports, or ""
     };
 
-    /// Takes a report on the thread that makes it. True: the line is printed and logged as well.
-    /// An exception counts as true; cancellation passes through.
+    /// Takes a report on the thread that makes it. True: the line is also printed and logged. An
+    /// exception counts as true; cancellation passes through.
     using Sink = bool (*)(const ST_RECORD& record, void* user);
 
-    /// From now on lines are printed in `style`; bits without a meaning are ignored. Holds instead
-    /// of what PZ_REPORT says, which is read once, with the first report or the first call of one
-    /// of these three; a program with more rights than its user does not read it.
+    /// From now on lines are printed in `style`, whatever PZ_REPORT says; bits without a meaning
+    /// are ignored. PZ_REPORT is read once, with the first report or the first call of one of these
+    /// three; a program with more rights than its user does not read it.
     static void SetStyle(unsigned int style);
 
     /// The style in force: add to it to keep what the user asked for in PZ_REPORT.
     static unsigned int GetStyle();
 
-    /// From now on every report goes to `sink`, null for none; `user` is handed on. It may be
-    /// called by several threads at a time. What it reports itself is printed, not handed to it.
-    /// When the call returns, the sink of before runs no more, unless the calling thread is inside
-    /// a sink. Do not call it with a lock that the sink of before takes. A forked child keeps the
-    /// sink. What perror prints is no report.
+    /// From now on every report goes to `sink`, null for none, with `user`. Several threads may
+    /// call the sink at a time. What it reports itself is printed, not handed to it. When SetSink
+    /// returns, the previous sink no longer runs, unless the calling thread is inside a sink. Do
+    /// not call it with a lock that the previous sink takes. A forked child keeps the sink. What
+    /// perror prints is no report.
     static void SetSink(Sink sink, void* user);
 
     /// The message alone: no prefix, no padding, never logged.

@@ -2,7 +2,7 @@
 #define PZ_FRAMEWORK_DIAGNOSTICS_PZREPORT_H
 
 /// @file
-/// Reports that name the place which they come from.
+/// Reports that name the place they come from.
 
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/PZApi.h>
@@ -36,7 +36,7 @@
     PZDbgOutput::DbgPrintStdErr(__FILE__, static_cast<const char*>(__func__), __LINE__, __VA_ARGS__)
 
 /// Reports a broken invariant: the banner with the full source path and the line, then the whole
-/// call stack. Never stops the process; the caller goes on with its own failure path.
+/// call stack. Never stops the process; the caller continues with its own failure path.
 #define PZ_REPORT_ASSERTION() pz_report_assertion(__FILE__, __LINE__)
 
 /// What PZ_REPORT_ASSERTION calls.

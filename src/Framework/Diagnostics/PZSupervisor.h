@@ -5,7 +5,7 @@
 
 class PZCallStack;
 
-/// Watches the framework's threads and tells when one hangs. Works from Start to Stop only.
+/// Watches the framework's threads, and calls back when one hangs. Works from Start to Stop only.
 ///
 ///     PZSupervisor::Start(&on_finding, nullptr, 500, PZSupervisor::kAnySignal);
 ///
@@ -18,29 +18,29 @@ class PZCallStack;
 ///   part of that;
 /// - a registered thread that waits longer than its watch time for one PZSync;
 /// - a box that refuses posts.
-/// Each is told once when it begins and once when it is over. The callback comes on the thread of
-/// the supervision, "pz_supervisor", without any lock of the framework.
+/// The callback is called once when a finding begins and once when it is over, on the thread
+/// "pz_supervisor", without any lock of the framework.
 ///
-/// Time:      the process is looked at every interval: a finding is told up to one interval
-///            late, and one that outlasts its watch time by less than that may go unnoticed.
-///            A refusing box is over when a whole interval has passed without a refusal, and the
-///            box is not full any more. A notification counts from the first look that sees it.
+/// Time:      the process is checked every interval: a finding is reported up to one interval late,
+///            and one that exceeds its watch time by less than that may go unnoticed. A refusing
+///            box is over when a whole interval has passed without a refusal and the box is no
+///            longer full. A notification counts from the first check that sees it.
 /// Threads:   Start and Stop may be called by any thread, but not from the callback, where they
 ///            answer false.
 /// Process:   one thread; from the first Start on three descriptors and 25 KiB. A forked child has
 ///            no supervision; it may start its own. pz_FwFinalize stops the supervision. A process
 ///            that ends without it does not wait for the thread.
-/// Limits:    32 findings at a time; further ones are told when others are over. 64 subjects with
-///            observers at a time; those that get their first observer later are not watched.
+/// Limits:    32 findings at a time; further ones are reported when others are over. 64 subjects
+///            with observers at a time; those that get their first observer later are not watched.
 /// Call stack: on request, of the thread that hangs. The thread is sent a signal, and takes its
-///            call stack in the handler of that signal: also inside malloc, and with locks held.
-///            As far as the unwind tables of all code are right. On 32-bit ARM most functions of
+///            call stack in the handler of that signal, even inside malloc and with locks held. The
+///            stack is right if the unwind tables of all code are. On 32-bit ARM most functions of
 ///            the C library have none: their callers are searched for on the stack, and some may be
-///            missing, or have returned already.
-///            A thread that blocks the signal gives none. Calls that every signal interrupts
-///            (sleep, poll, epoll_wait) return early in that thread, once for each finding.
-/// Failures:  answered with false, and reported where that is said. Watching itself needs no
-///            memory but for the names in a call stack.
+///            missing or have returned already. A thread that blocks the signal gives no stack.
+///            Calls that every signal interrupts (sleep, poll, epoll_wait) return early in that
+///            thread, once for each finding.
+/// Failures:  answered with false, and reported where that is said. Watching needs memory only for
+///            the names in a call stack.
 class PZ_API PZSupervisor {
 public:
     /// What a finding is about.
@@ -84,8 +84,8 @@ public:
     static bool Start(Callback callback, void* user, unsigned int intervalMs,
                       int stackSignal = kNoCallStack);
 
-    /// Ends the watching, when a running callback has returned, and gives the signal back. What is
-    /// not over is not told any more. False when nothing is watched.
+    /// Waits for a running callback, ends the watching, and releases the signal. Findings that are
+    /// not over are not reported again. False when nothing is watched.
     static bool Stop();
 
     PZSupervisor() = delete;

@@ -2,26 +2,26 @@
 #define PZ_FRAMEWORK_DIAGNOSTICS_PZ_INSPECTION_H
 
 /// @file
-/// What a process shows of itself to those who look at it from outside: pz-top, a debugger.
+/// What a process shows of itself to readers from outside, such as pz-top or a debugger.
 ///
 /// The library keeps one table, `pz_inspection`, found by that name in its symbol table. From there
-/// lists lead to one record for each box, timer band and registered thread, and two arrays hold the
-/// open queues and the threads that wait for a lock just now. Nothing has to be switched on, and a
+/// lists lead to one record for each box, timer band and registered thread. Two arrays hold the
+/// open queues and the threads that are waiting for a lock. Nothing has to be switched on, and a
 /// process that hangs is read like any other.
 ///
 /// Layout:   the same on 32-bit and 64-bit machines, little-endian. Every field is as wide as it
 ///           says and lies at a multiple of its width; an address has 8 bytes everywhere. The
 ///           layout is a template over its form: PZInspectionLive is what the library writes,
-///           PZInspectionCopy what somebody has read from another process.
+///           PZInspectionCopy what a reader has copied from another process.
 /// Changes:  another layout has another `version`; a reader refuses versions that it does not know.
-///           Fields may be added after the last one of a record without that: the table tells the
-///           size of each record.
+///           A record may get fields after its last one without that: the table has the size of
+///           each record.
 /// Time:     milliseconds of CLOCK_MONOTONIC, their low 32 bits. Stamps are those of the coarse
 ///           clock, up to one kernel tick (1 to 10 ms) old.
 /// Threads:  a field has one writer at a time: the thread that does the work anyway. Single fields
-///           are whole, records are not: who reads them while they change may find fields of two
-///           moments. Records leave their list before their memory is released, and their `kind`
-///           becomes 0 then; a reader without the lists' lock checks that, and counts its steps.
+///           are whole, records are not: a reader may find fields of two moments. Records leave
+///           their list before their memory is released, and their `kind` becomes 0 then; a reader
+///           without the lists' lock checks that, and counts its steps.
 
 #include <atomic>
 #include <cstddef>

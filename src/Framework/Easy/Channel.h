@@ -124,12 +124,11 @@ private:
 ///     pz::Sender<Station> out("stations");
 ///     out.send(station);
 ///
-/// Values:   trivially copyable ones of up to 1012 bytes, without pointers; both processes are
-///           built for the same kind of machine. Or what derives from PZSerializable. Sender and
-///           receiver that differ in the size or in the `version` of the values do not understand
-///           each other: the receiver refuses them, and reports it.
-/// Peer:     may come later: up to 64 values wait, also when the sender ends meanwhile. When it has
-///           died, they wait for the next one. When it was destroyed, those that waited are gone.
+/// Values:   trivially copyable, of up to 1012 bytes, without pointers, between processes that are
+///           built for the same kind of machine; or derived from PZSerializable. The receiver
+///           refuses and reports values whose size or `version` differs from its own.
+/// Peer:     may come later: up to 64 values wait, even after the sender has ended. When a receiver
+///           dies, they wait for the next one. When it is destroyed, waiting values are lost.
 /// Order:    more urgent values first, equal ones in the order in which they were sent.
 /// Threads:  any thread may send.
 /// Failures: reported and answered, never thrown.
@@ -144,7 +143,7 @@ public:
     /// Whether the name is valid.
     explicit operator bool() const noexcept { return static_cast<bool>(core_); }
 
-    /// Sends a copy of the value. Never waits. Priority::emergency counts as the next one.
+    /// Sends a copy of the value. Never waits. Priority::emergency counts as the next lower one.
     Sent send(const T& value, Priority priority = Priority::normal) noexcept {
         if constexpr (detail::is_serializable<T>) {
             return SendArchived(const_cast<T&>(value), priority);  // serialize fills its archive
@@ -173,12 +172,12 @@ private:
 ///
 ///     pz::Receiver<Station> in(tuner, "stations", [](const Station& s) { show(s); });
 ///
-/// One:       receiver for each name; a second one would take values of the first.
+/// Name:      one receiver for each; a second one would take values of the first.
 /// Room:      while the worker has no room, values wait in the channel, until that is full.
-/// Life:      until the destructor, which waits for a function that runs, for at most the worker's
-///            `stop_within` (false and reported as for timers); afterwards it does not run.
-///            Destroyed by the function itself it does not wait for that. The worker may end
-///            before.
+/// Life:      until the destructor, which waits for a running function, at most for the worker's
+///            `stop_within` (then reported); afterwards the function does not run. When the
+///            function itself destroys the receiver, the destructor does not wait. The worker may
+///            end first.
 /// Threads:   made and destroyed by one thread; the function runs on the worker's thread.
 /// Failures:  a receiver that could not be opened is false (reported).
 template <typename T>

@@ -32,7 +32,7 @@ public:
     virtual void taken() noexcept;
 
 protected:
-    /// It has nothing of its own.
+    /// Has no state.
     /// @{
     Waitable() = default;
     Waitable(const Waitable&) = default;
@@ -40,10 +40,10 @@ protected:
     /// @}
 };
 
-/// The place in the list of the one whose signal came, and was taken; nothing when none came
-/// `within` the time (0 and less only looks), or when a wait is not possible: an empty list, more
-/// than 64, one twice, null, or one without signals (all reported, but an empty list). When several
-/// have signals, one of them.
+/// Waits for a signal of one in the list, takes it, and answers the index; when several have
+/// signals, one of them. Nothing when none came `within` the time (0 and less does not wait), or
+/// when a wait is not possible: an empty list (not reported), or, reported, more than 64, one
+/// listed twice, null, or one without signals.
 ///
 ///     pz::wait_any({&a, &b}, 1s)
 [[nodiscard]] PZ_API std::optional<std::size_t> wait_any(std::initializer_list<Waitable*> list,
@@ -54,7 +54,7 @@ protected:
 
 /// A counting signal between the threads of a process: every set lets one wait through.
 ///
-/// Threads:  any thread may set and wait; the event outlives the calls on it.
+/// Threads:  any thread may set and wait; the event must outlive the calls on it.
 /// Failures: an event that could not be made (reported) is false; nothing is thrown.
 class PZ_API Event : public Waitable {
 public:
@@ -69,15 +69,15 @@ public:
     /// Whether it can be set and waited for.
     explicit operator bool() const noexcept;
 
-    /// Adds a signal; false when that failed. Never waits. More than 65,535 that nobody takes are
-    /// forgotten but for one, and that is answered with false.
+    /// Adds a signal; false when that failed. Never waits. When 65,536 are pending, all but one are
+    /// forgotten, and the answer is false.
     bool set() noexcept;
 
     /// Forgets all signals.
     void reset() noexcept;
 
     /// Waits for a signal and takes it; false when none came `within` the time, and on a failure. 0
-    /// and less only looks.
+    /// and less does not wait.
     [[nodiscard]] bool wait(std::chrono::milliseconds within);
 
     /// Waits without a time limit; false on a failure only.

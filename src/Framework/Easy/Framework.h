@@ -16,13 +16,13 @@ namespace pz {
 ///         ...
 ///     }
 ///
-/// Several:  they share one start; the first gives name and id, the last to go ends the framework,
-///           also one that pz_FwInitialize started.
+/// Several:  they share one start. The first gives name and id; the last to be destroyed ends the
+///           framework, even if pz_FwInitialize started it.
 /// End:      workers that still run are stopped, each within its own bound, and reported. When a
-///           handler hangs, the framework stays as it is, because the handler may still use it:
-///           that is reported, and the process may end all the same.
-/// Tick:     keeps timers going when the 32-bit tick wraps, every 49.7 days: one sleeping thread,
-///           "pz_tick", brings about a check in every band of PZLTimerMng right after each wrap.
+///           handler hangs, the framework stays as it is, because the handler may still use it.
+///           That is reported; the process may still end.
+/// Tick:     timers continue when the 32-bit tick wraps, every 49.7 days: one sleeping thread,
+///           "pz_tick", causes a check in every band of PZLTimerMng right after each wrap.
 /// Rights:   a user who may not raise priorities gets one warning that says so, where
 ///           pz_FwInitialize reports an error for each band of timers; all else works.
 /// Threads:  made and destroyed by the main thread.
@@ -34,7 +34,7 @@ public:
 
     ~Framework();
 
-    /// The new object takes over the duty to end.
+    /// The new object ends the framework; `other` is false.
     Framework(Framework&& other) noexcept : started_(std::exchange(other.started_, false)) {}
     /// What was here before ends as in the destructor.
     Framework& operator=(Framework&& other) noexcept {
@@ -43,7 +43,7 @@ public:
         return *this;
     }
 
-    /// Whether the framework runs; false for one that was moved from.
+    /// Whether the framework runs; false after a move from this object.
     explicit operator bool() const noexcept { return started_; }
 
     /// The name of the process: that of the first one. It stays readable.

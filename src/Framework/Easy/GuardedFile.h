@@ -43,17 +43,15 @@ private:
 ///     pz::GuardedFile settings("/temp/system_data", "settings");
 ///     settings.update([](std::string& bytes) { bytes += "volume=7\n"; });
 ///
-/// Step:      update holds a lock of all users of the file, reads it, lets the function change the
-///            bytes, and replaces the file. A process that dies gives the lock back.
-/// Whole:     the file is replaced whole or not at all, also when the process is killed and when
-/// the
-///            power goes: the bytes are on the medium before they get the name.
+/// Step:      update locks out all other users of the file, reads it, lets the function change the
+///            bytes, and replaces the file. A process that dies releases the lock.
+/// Whole:     the file is replaced whole or not at all, even when the process is killed or the
+///            power fails: the bytes are on the medium before they get the name.
 /// Files:     beside "settings" there are ".settings.lock", which stays, and during an update
 ///            ".settings.new". The folder must exist. A replaced file keeps its mode, and its owner
 ///            where the process may give it away; links are not followed, and what is no plain file
 ///            (a fifo, a folder) is refused. The lock is this class's own: PZFileGuard does not
-///            know of it. An update whose folder or lock somebody else replaces meanwhile is
-///            refused.
+///            respect it. An update is refused if the folder or the lock is replaced meanwhile.
 /// Threads:   any thread may call anything.
 /// Failures:  reported and answered, never thrown; what the function throws reaches the caller, and
 ///            the file stays as it was.
@@ -74,8 +72,8 @@ public:
     /// A function that answers false leaves the file as it is; update answers false, too.
     ///
     /// False, and the file as it was, when the lock cannot be had `within` the time, or a step
-    /// fails. When only the last one does, which brings the new name to the medium, the file has
-    /// changed already. An update of the same file by the function itself is refused.
+    /// fails. If only the last step fails, which brings the new name to the medium, the file has
+    /// already changed. An update of the same file by the function itself is refused.
     template <typename F>
     bool update(F&& function, std::chrono::milliseconds within = kNoLimit) {
         detail::FileUpdate step(folder_, name_, within);
@@ -88,8 +86,8 @@ public:
         return step.Commit();
     }
 
-    /// The bytes of the file, as some update left them; nothing when there is no file (not
-    /// reported), or it cannot be read. Waits for nobody.
+    /// The bytes of the file, as an update left them; nothing when there is no file (not reported),
+    /// or it cannot be read. Does not wait for an update.
     [[nodiscard]] std::optional<std::string> read() const noexcept;
 
 private:

@@ -9,28 +9,27 @@
 
 namespace pz {
 
-/// Sizes as one says them: 64_KiB.
+/// Units for sizes: 64_KiB.
 inline namespace literals {
 
-/// 1024 bytes each.
+/// Units of 1024 bytes.
 constexpr std::size_t operator""_KiB(unsigned long long count) noexcept {
     return static_cast<std::size_t>(count * 1024);
 }
 
-/// 1024 * 1024 bytes each.
+/// Units of 1024 * 1024 bytes.
 constexpr std::size_t operator""_MiB(unsigned long long count) noexcept {
     return static_cast<std::size_t>(count * 1024 * 1024);
 }
 
 }  // namespace literals
 
-/// What a log may be given beside its name and sizes.
+/// Options of a log.
 struct RotatingLogOptions {
     /// Begins every line with date and time of day: "2026-11-22 07:08:09.123 ".
     bool time = false;
-    /// Lines are collected up to so many bytes (at most the size of a file) before they are
-    /// written: those, the unflushed ones, are lost when the process is killed. 0: every line is
-    /// written at once.
+    /// So many bytes of lines (at most the size of a file) are collected before they are written;
+    /// collected lines are lost when the process is killed. 0: every line is written at once.
     std::size_t buffer = 0;
 };
 
@@ -39,17 +38,17 @@ struct RotatingLogOptions {
 ///     pz::RotatingLog log("/log", "app", 64_KiB, 3);
 ///     log.line("tuned to %u", khz);
 ///
-/// Files:     the newest lines are always in "app.log"; "app.log.1" is the generation before, the
-///            last one "app.log.3". When a line does not fit any more, the files are renamed, each
-///            to the next number, and the last one is replaced. What earlier settings have left is
-///            brought down to the present ones by the constructor: a larger file keeps its last
-///            lines, and generations beyond the last are removed.
-/// Kill:      a process that is killed leaves whole files, at any moment: no line is lost but those
-///            that were not flushed.
+/// Files:     the newest lines are always in "app.log"; "app.log.1" is the previous generation, the
+///            last one "app.log.3". When a line does not fit, the files are renamed, each to the
+///            next number, and the last one is replaced. The constructor adapts what earlier
+///            settings have left: a larger file keeps its last lines, and generations after the
+///            last are removed.
+/// Kill:      a process that is killed at any moment leaves whole files: only lines that were not
+///            flushed are lost.
 /// Folder:    made by the constructor, as far as it is missing. When folder or file go away, cannot
 ///            be written (a full medium), or the file is no plain one (a link, a fifo), lines are
-///            counted as lost until they are back; the log looks ten times in a second. The first
-///            line then tells how many were lost.
+///            counted as lost until they are back; the log tries ten times a second. The first line
+///            then says how many were lost.
 /// Threads:   any thread may call anything; lines do not mix. One object, in one process, for each
 ///            log: the lines of a second one are lost while the first one lives.
 /// Failures:  reported once until the log works again, and answered with false; nothing is thrown.
@@ -79,7 +78,7 @@ public:
     /// than a file is cut. False when it is lost.
     bool line(const char* format, ...) noexcept PZ_PRINTF_FORMAT(2, 3);
 
-    /// The same with a ready text.
+    /// Writes a line that is already formatted, likewise.
     bool text(std::string_view line) noexcept;
 
     /// Writes what is collected. False when that is lost.

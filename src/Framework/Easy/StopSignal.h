@@ -13,17 +13,17 @@
 
 namespace pz {
 
-/// While one lives, SIGINT and SIGTERM do not end the process, but signal this.
+/// While one lives, SIGINT and SIGTERM signal it and do not end the process.
 ///
 ///     pz::StopSignal stop;
 ///     while (pz::wait_any({&stop, &work}) == 1) ...
 ///
 /// The signal stays: once it has come, every wait for a StopSignal is over at once, as long as one
-/// lives. A second signal of the same kind ends the process as it ever did, so that a program that
-/// hangs while it ends can still be stopped by hand.
+/// lives. A second signal of the same kind ends the process, so that a program that hangs while it
+/// ends can still be stopped by hand.
 ///
-/// Several:  at most 16 at a time; all of them are signalled. The first sets the handlers, the last
-///           puts those back that were there before.
+/// Several:  at most 16 at a time; all of them are signalled. The first installs the handlers, the
+///           last restores the previous ones.
 /// Threads:  made and destroyed by one thread at a time; any thread may wait.
 /// Failures: one that could not be made (reported) is false, and cannot be waited for.
 class PZ_API StopSignal : public Waitable {
@@ -52,7 +52,7 @@ private:
 
 /// Waits until SIGINT or SIGTERM comes and answers which; 0 when it cannot wait (reported).
 ///
-/// One that comes before ends the process, unless a StopSignal lives already.
+/// A signal that comes earlier ends the process, unless a StopSignal lives already.
 PZ_API int wait_for_stop();
 
 }  // namespace pz

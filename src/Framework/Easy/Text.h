@@ -31,12 +31,12 @@ public:
 ///
 ///     std::string s = pz::to_utf8(bytes, XCP_SJIS);
 ///
-/// Nothing for bytes that are not valid in `from`, and where the machine knows no such conversion.
-/// A zero byte is a character like others, but for the radio sets.
+/// Nothing for bytes that are not valid in `from`, and when the machine has no such conversion. A
+/// zero byte is a character like others, except in the radio sets.
 [[nodiscard]] PZ_API Converted to_utf8(std::string_view bytes, EN_XCP from) noexcept;
 
-/// The bytes of a text in the code page `to`. Nothing for a text that is not UTF-8, that has
-/// characters which `to` has not, and for the radio sets, which are only read.
+/// The bytes of a text in the code page `to`. Nothing for a text that is not UTF-8 or has
+/// characters that `to` lacks, and for the radio sets, which are only read.
 [[nodiscard]] PZ_API Converted from_utf8(std::string_view utf8, EN_XCP to) noexcept;
 
 /// The likely code page of the bytes; nothing when there is none, for an empty text, and without

@@ -44,21 +44,20 @@ private:
 
 }  // namespace detail
 
-/// Something that a worker does later, or again and again. Made by Worker::every and Worker::after.
+/// A function that a worker runs later, or again and again. Made by Worker::every and
+/// Worker::after.
 ///
 ///     pz::Timer t = tuner.every(100ms, [&] { poll(); });
 ///
-/// Steady:    period n is due at the start plus n periods, however late the one before was; never
-///            before. A period that comes while the one before still waits or runs is counted as
-///            missed, and not queued up. It is fired by a timer thread of PZLTimerMng (the band of
-///            the worker's priority), which posts it to the worker.
+/// Steady:    period n is due at the start plus n periods, however late the previous one was, and
+///            never runs before. A period that comes while the previous one still waits or runs is
+///            counted as missed, and not queued. A timer thread of PZLTimerMng (the band of the
+///            worker's priority) posts each period to the worker.
 /// Stop:      stop, the destructor, and the stop of the worker. The function does not run
 ///            afterwards.
-/// Threads:   the function runs on the worker's thread. Any thread may stop the timer, that
-/// function
-///            included.
-/// Ownership: the function belongs to the timer, and is destroyed with it, or when the last run of
-///            it has returned.
+/// Threads:   the function runs on the worker's thread. Any thread may stop the timer, and so may
+///            the function itself.
+/// Ownership: the function belongs to the timer, and is destroyed with it or after its last run.
 /// Failures:  a timer that could not be started is false (reported).
 class PZ_API Timer {
 public:
@@ -77,15 +76,15 @@ public:
     /// worker has been stopped.
     explicit operator bool() const noexcept;
 
-    /// Ends the timer: true when the function does not run, and will not any more.
+    /// Ends the timer: true when the function does not run and will not run again.
     ///
-    /// Waits for a function that runs, for at most the `stop_within` of the worker: false after
-    /// that, with a report; what the function uses of the timer stays until it has returned. On the
-    /// worker's own thread it does not wait: the function that runs may be its own. True at once
-    /// when it is stopped already.
+    /// Waits for a running function, at most for the worker's `stop_within`: then false, with a
+    /// report; what the function uses of the timer stays until it has returned. On the worker's own
+    /// thread it does not wait, because the running function may be its own. True at once when it
+    /// is stopped already.
     bool stop() noexcept;
 
-    /// Periods that were not run, because the one before was not done, or the worker had no room.
+    /// Periods that were not run because the previous one was not done, or the worker had no room.
     unsigned long long missed() const noexcept;
 
 private:

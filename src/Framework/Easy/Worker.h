@@ -32,8 +32,8 @@ enum class Posted {
     empty     ///< an empty std::function or null pointer (reported): nothing is posted
 };
 
-/// Who is run first. Values between these are valid as well; above 255 they count as 255. Equal
-/// ones are run in the order of their posts.
+/// What is run first. Values between these are valid too; above 255 they count as 255. Posts of
+/// equal priority are run in their order.
 enum class Priority : unsigned int {
     emergency = 0,
     high = 64,
@@ -46,7 +46,7 @@ enum class Priority : unsigned int {
 enum class CallError {
     none,        ///< it has one
     own_thread,  ///< called on the worker's own thread, which would wait for itself
-    stopped,     ///< the worker does not run, or ended before it came to it
+    stopped,     ///< the worker does not run, or ended before the call was run
     failed       ///< the function threw (reported)
 };
 
@@ -94,13 +94,13 @@ private:
     CallError error_;
 };
 
-/// What a worker may be given beside its name.
+/// Options of a worker.
 struct WorkerOptions {
-    /// None: the priority of the thread that makes the worker.
+    /// Without one, the worker has the priority of the thread that makes it.
     std::optional<EN_WORKER_PRIORITY> priority{};
-    /// Registered with the thread, see PZThreadMng.
+    /// A function that runs longer counts as hanging for PZSupervisor and pz-top; 0: never.
     std::chrono::milliseconds watch_time{4000};
-    /// What the destructor waits at most.
+    /// How long the destructor waits at most.
     std::chrono::milliseconds stop_within{3000};
     /// Names the worker in the reports of its message box.
     unsigned int number = 0;
@@ -132,12 +132,12 @@ constexpr bool fits_in_room() {
     return sizeof(F) <= Job::kRoom;
 }
 
-/// A posted function that is nothing but bytes: it lies in the message itself, behind this.
+/// A posted function that is nothing but bytes: it lies in the message itself, after this.
 struct PlainHead {
     const JobType* type;
     Place place;
 };
-static_assert(sizeof(PlainHead) % alignof(void*) == 0, "the function behind it is aligned");
+static_assert(sizeof(PlainHead) % alignof(void*) == 0, "the function after it is aligned");
 
 /// Whether a copy of its bytes is the function, and nothing need be destroyed.
 template <typename F>
@@ -323,39 +323,38 @@ CallError call(WorkerCore* core, Body& body, const Place& place) {
 
 }  // namespace detail
 
-/// A thread with a message box, that runs what is posted to it, one function after the other.
+/// A thread with a message box that runs what is posted to it, one function after the other.
 ///
 ///     pz::Worker tuner("tuner");
 ///     tuner.post([this, khz] { tune(khz); });
 ///
-/// Life:       runs from its constructor to its destructor; a pz::Framework comes before. The
+/// Life:       runs from its constructor to its destructor; make a pz::Framework first. The
 ///             destructor serves what is posted, for at most `stop_within`; see stop.
-/// Threads:    any thread may call anything, also a function that the worker runs; the worker
-///             outlives the calls on it, as every object.
+/// Threads:    any thread may call anything, and so may a function that the worker runs. The worker
+///             must outlive the calls on it.
 /// Ownership:  a posted function is moved or copied into the worker, and destroyed on the worker's
-///             thread after it has run. When it will never be run it is destroyed by the stop that
-///             gives up.
+///             thread after it has run. If it is never run, the stop that gives up destroys it.
 /// Cost:       256 posts have room. A function of up to 200 bytes is stored in the worker; a larger
 ///             one is allocated. One that is trivially copyable is posted fastest.
-/// Exceptions: one that leaves a posted function is reported, and the worker goes on. None leaves
-///             an operation here, but those of copying a function when it is posted (a lack of
+/// Exceptions: one that leaves a posted function is reported, and the worker continues. None leaves
+///             an operation here, except from copying a function when it is posted (a lack of
 ///             memory there is answered).
-/// Failures:   answered; a refused post is reported, too.
+/// Failures:   answered, and reported where an operation says so.
 class PZ_API Worker {
 public:
     /// Another name of WorkerOptions.
     using Options = WorkerOptions;
 
-    /// Starts the thread. The kernel shows the first 15 characters of `name`, reports 127; null is
-    /// "no_name". A worker that could not be started (reported; no thread or no memory) is false,
-    /// and answers every post with Posted::stopped.
+    /// Starts the thread. The kernel shows the first 15 characters of `name`, reports show 127;
+    /// null is "no_name". A worker that could not be started (reported; no thread or no memory) is
+    /// false, and answers every post with Posted::stopped.
     explicit Worker(const char* name, const Options& options = Options()) noexcept;
 
-    /// stop(options.stop_within). A handler that hangs keeps everything of the worker that
-    /// it uses. After a stop that has failed already it is not waited for again.
+    /// stop(options.stop_within). What a hanging handler uses of the worker stays. After a stop
+    /// that has failed, the destructor does not wait again.
     ///
-    /// Destroyed by a function that it runs itself: ends when that function has returned, and what
-    /// is posted by then has been run.
+    /// When a function of the worker destroys it, the thread ends after that function has returned
+    /// and what is posted by then has been run.
     ~Worker();
 
     /// A worker that was moved from is false, and answers every post with Posted::stopped.
@@ -366,7 +365,8 @@ public:
     /// Whether posts are taken.
     explicit operator bool() const noexcept;
 
-    /// Has `function` run on the worker's thread. Never waits.
+    /// Has `function` run on the worker's thread. Never waits. Posted::full and Posted::empty are
+    /// reported.
     template <typename F>
     Posted post(F&& function, Priority priority = Priority::normal,
                 const Place& place = Place::here()) {
@@ -375,9 +375,9 @@ public:
         return posted == Posted::full ? detail::refused(core_.get(), posted, place) : posted;
     }
 
-    /// Like post, but waits for room: Posted::full when there is none within the time (not
-    /// reported). Zero and less does not wait. The worker's own thread does not wait either: nobody
-    /// else makes room.
+    /// Like post, but waits for room: Posted::full when there is none `within` the time (not
+    /// reported). 0 and less does not wait. The worker's own thread does not wait either, because
+    /// only it makes room.
     template <typename F>
     [[nodiscard]] Posted post_wait(F&& function, std::chrono::milliseconds within,
                                    Priority priority = Priority::normal,
@@ -386,7 +386,7 @@ public:
     }
 
     /// Has `function` run on the worker's thread, waits for that without a time limit, and answers
-    /// its result. It is not copied. A reference as the result is answered as a copy.
+    /// its result. The function is not copied. A reference is answered as a copy.
     ///
     /// Answered with an error, at once, on the worker's own thread and when the worker does not
     /// run; with CallError::stopped also when a stop gives up meanwhile.
@@ -405,8 +405,8 @@ public:
         }
     }
 
-    /// Has `function` run every `period`, on the worker's thread, from one period on from now. A
-    /// timer without a period (less than 1 ms) is refused: false, and reported.
+    /// Has `function` run on the worker's thread every `period`, first after one period. A period
+    /// of less than 1 ms is refused: the timer is false, and that is reported.
     template <typename F>
     [[nodiscard]] Timer every(std::chrono::milliseconds period, F&& function,
                               Priority priority = Priority::normal,
@@ -414,8 +414,8 @@ public:
         return MakeTimer(std::forward<F>(function), {period, true, priority, place});
     }
 
-    /// Has `function` run once, after `delay`; 0 and less is at once, as a post. It is not lost
-    /// when there is no room just then.
+    /// Has `function` run once, after `delay`; 0 and less runs it at once, as a post. It is not
+    /// lost if there is no room then.
     template <typename F>
     [[nodiscard]] Timer after(std::chrono::milliseconds delay, F&& function,
                               Priority priority = Priority::normal,
@@ -423,19 +423,19 @@ public:
         return MakeTimer(std::forward<F>(function), {delay, false, priority, place});
     }
 
-    /// The time of the worker's timers: runs steadily, from some start on. A worker of a test has
-    /// that of the test's clock.
+    /// The time of the worker's timers, which runs steadily from some start. A worker of a test has
+    /// the time of the test's clock.
     std::chrono::milliseconds now() const;
 
     /// Takes no more posts, ends its timers, runs what is posted, and ends the thread: true when it
-    /// has ended by then, also when it had before.
+    /// has ended `within` the time, or before.
     ///
-    /// When it has not ended `within` that time: false, with one report that names the worker, the
-    /// place where the running handler was posted, and for how long it has been running. What is
-    /// still posted is destroyed by the calling thread, and not run. What the handler uses of the
-    /// worker stays until it has returned. A later call waits once more.
+    /// Otherwise false, with one report that names the worker, the place where the running handler
+    /// was posted, and how long it has been running. The calling thread destroys what is still
+    /// posted; it is not run. What the handler uses of the worker stays until it has returned. A
+    /// later call waits once more.
     ///
-    /// On the worker's own thread: false at once, without a report; it ends as described.
+    /// On the worker's own thread: false at once, without a report; the worker ends as described.
     [[nodiscard]] bool stop(std::chrono::milliseconds within);
 
     /// stop(options.stop_within).
@@ -447,7 +447,7 @@ public:
     /// Whether the calling thread is the worker's own.
     bool is_own_thread() const noexcept { return detail::is_own_thread(core_.get()); }
 
-    /// Posts that wait to be run, with the messages of units.
+    /// Posts that wait to be run, messages of units included.
     std::size_t pending() const noexcept;
 
     /// The message box, for units (PZUnitFrame). Lives as long as the worker; null when there is

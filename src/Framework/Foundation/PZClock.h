@@ -98,13 +98,13 @@ struct TimeZone {
 ///
 /// Zone:      SetTimeZone copies a compiled zone file of the machine to /tmp/tzfile and reads the
 ///            zone rules again. The device makes that file the zone of its processes: link
-///            /etc/localtime to it and leave TZ unset. The GNU C library reads a file that TZ
-///            names only when TZ itself has changed, so such a process keeps its old zone.
-///            The copy is made in a folder of its own below /tmp and takes the name at once: it
-///            replaces what is there, also a link or a pipe, and keeps the rights of a file. Its
-///            time is at least a second later than that of the file before, because the C library
-///            compares whole seconds. Where nothing in /tmp can be replaced, a file that is there
-///            is overwritten.
+///            /etc/localtime to it and leave TZ unset. The GNU C library reads a file that TZ names
+///            only when TZ itself has changed: a process with TZ set keeps its old zone. The copy
+///            is made in a folder of its own below /tmp and takes the name at once: it replaces
+///            what is there, also a link or a pipe, and keeps the rights of a file. Its time is at
+///            least a second later than that of the file before, because the C library compares
+///            whole seconds. Where nothing in /tmp can be replaced, a file that is there is
+///            overwritten.
 /// Seconds:   since 1970-01-01 00:00:00 UTC, without leap seconds. Seconds that are passed in or
 ///            converted count as 32 bits with a sign on every machine: from 1901-12-13 20:45:52
 ///            to 2038-01-19 03:14:07 UTC. The current time is as wide as the machine's own.
@@ -112,8 +112,8 @@ struct TimeZone {
 ///            buffer, and the zone belongs to the whole process. Any thread may call GetUtc,
 ///            ToUtcTime, GetTime and checkCalenderTime at any time.
 /// Ownership: keeps nothing that is passed in.
-/// Failures:  reported and answered with false, or with 0 by ToCalendarTime. A null record is
-///            one. SetLocal may end the process.
+/// Failures:  reported and answered with false, or with 0 by ToCalendarTime; a null record is a
+///            failure. SetLocal may end the process.
 class PZ_API PZClock {
 public:
     using TimeZone = ::TimeZone;  ///< the areas
@@ -155,12 +155,12 @@ public:
     static bool SetUtc(ST_CLOCK* clock);
 
     /// Sets the system's time from a local one by running /bin/date; the new minute begins at
-    /// second 0. Waits for the program, with the signals of the calling thread held back.
+    /// second 0. Waits for the program, with the signals of the calling thread blocked.
     ///
     /// True does not mean that the time was set: only a program that could not be forked or was
-    /// ended by a signal is a failure, its exit status is not looked at. When the program cannot be
-    /// waited for, the whole process exits with status -1. So that a program's end can be waited
-    /// for, SIGCHLD must not be ignored, and no other thread may collect children it did not start.
+    /// ended by a signal is a failure; its exit status is not checked. When the program cannot be
+    /// waited for, the whole process exits with status 255. To prevent that, do not ignore SIGCHLD,
+    /// and let no other thread collect children that it did not start.
     static bool SetLocal(ST_CLOCK* clock);
 
     /// Selects the zone that is `minutes` ahead of UTC: a multiple of 15 from -765 to 885.
@@ -184,9 +184,9 @@ public:
     /// Converts epoch seconds, of which the low 32 bits count, to UTC.
     static bool ToUtcTime(unsigned long long seconds, ST_CLOCK* clock);
 
-    /// Epoch seconds of a local time; whether it is daylight-saving time follows from the zone.
-    /// A day that its month does not have counts on into the next month. -1 when the C library
-    /// cannot convert it, which is also a second before the epoch.
+    /// Epoch seconds of a local time; whether it is daylight-saving time follows from the zone. A
+    /// day that its month does not have counts on into the next month. -1 when the C library cannot
+    /// convert it; -1 is also the second before the epoch.
     static long long ToCalendarTime(ST_CLOCK* clock);
 
     /// True when every field is in its range; the day is not checked against the month. Otherwise

@@ -10,20 +10,21 @@
 /// the process starts inherit neither the pipe nor the descriptor of a wait.
 ///
 /// Threads:  any thread may set or wait. Two waiters compete, and each signal wakes at most one:
-///           the other, when it had seen the same signal, goes on to wait for the next one,
-///           whatever its time-out. ResetEvent, and SetEvent on a full pipe, take signals like a
-///           waiter. An event outlives the calls on it.
+///           the other, if it has seen the same signal, waits for the next one, whatever its
+///           time-out. ResetEvent, and SetEvent on a full pipe, take signals like a waiter. An
+///           event must outlive the calls on it.
 /// Time:     milliseconds; 0 polls. 0xFFFFFFFF, like all values above 0x7FFFFFFF, waits without
-///           limit. A wait that a signal interrupts goes on for the time that is left.
+///           limit. A wait that a signal interrupts continues for the time that is left.
 /// Process:  the first wait sets SIGPIPE to be ignored.
 /// Cancel:   waiting is a cancellation point, destruction is none.
 /// Failures: reported and answered with a result, never thrown; a report may block while standard
 ///           output is stuck. Nothing allocates memory.
 class PZ_API PZEvent {
 public:
+    /// Makes the event without a signal; isInitialized tells whether that succeeded.
     PZEvent();
 
-    /// The name is not used.
+    /// The same; the name is not used.
     explicit PZEvent(const char* name);
 
     ~PZEvent();

@@ -14,14 +14,15 @@ class PZDirectory;
 ///
 /// An object carries one search (FindFirst, FindNext); everything else is static. Narrow paths are
 /// bytes, used as they are. Wide paths are converted to UTF-8; one that is null, empty or not
-/// convertible fails, and where nothing else is said a null or empty path says nothing.
+/// convertible fails. A null or empty path is not reported, unless the operation says so.
 ///
 /// Threads:   an object is used by one thread at a time; the static operations by any thread.
 /// Ownership: keeps nothing that is passed in. The destructor ends the search.
 /// Units:     sizes in bytes, lengths in bytes without the terminator.
 /// Failures:  reported as each operation says, and answered with false or 0; never thrown. What was
-///            created, copied or removed before the failure stays so. Memory is needed to convert
-///            wide paths and to walk a directory that is copied; a lack of it is reported, false.
+///            created, copied or removed before the failure stays that way. Memory is needed to
+///            convert wide paths and to walk a directory that is copied; a lack of it is reported,
+///            false.
 /// Programs:  those that this process starts inherit no file or directory from here.
 /// Cost:      "syncs" means sync(): all file systems are written to their disks, which takes long.
 class PZ_API PZFileSys {
@@ -95,8 +96,8 @@ public:
     /// - When the directory, or one below it, cannot be opened, the result is true although the
     ///   directory is still there; so also for a path that is a file or does not exist.
     /// - Something that cannot be removed ends the removal with false; what came before it is gone.
-    /// - An entry whose path takes 512 characters or more is passed over, without a word; the
-    ///   directory is not empty then: false.
+    /// - An entry whose path takes 512 characters or more is skipped and not reported; the
+    ///   directory is then not empty: false.
     /// - Links below the directory are removed, never followed, not even when one takes the place
     ///   of a directory meanwhile. `path` itself may lead through links: a link to a directory
     ///   loses the contents of that directory, then the result is false.
@@ -124,8 +125,8 @@ public:
     // Searching one directory, in the order in which the file system lists it; without "." and
     // "..". At the end FindNext answers false and the search stays open.
 
-    /// Begins a search, instead of the one before, and finds the first entry. False when there is
-    /// none; then no search is open. (A wide path that is refused leaves the one before open.)
+    /// Ends the previous search, begins a new one, and finds the first entry. False when there is
+    /// none; then no search is open. (A wide path that is refused leaves the previous search open.)
     ///
     /// A path with a '*' names a directory and, after the last '/' before that first '*', a
     /// pattern (see strcmp_wild). Without a '/' there, or when nothing stands before it, no
@@ -139,11 +140,11 @@ public:
     bool FindFirst(const wchar_t* path, ST_FIND_DATA& data);
     /// @}
 
-    /// Finds the next entry. An entry with a name of more than 255 bytes ends the search; so does a
-    /// directory that cannot be read on.
+    /// Finds the next entry; false when there is none. An entry with a name of more than 255 bytes
+    /// ends the search; so does a directory that cannot be read any further.
     bool FindNext(ST_FIND_DATA& data);
 
-    /// The same, passing over the entries that the filter rejects (see IsValidData).
+    /// The same, but skips the entries that the filter rejects (see IsValidData).
     /// @{
     bool FindFirstWithFilter(const char* path, ST_FIND_DATA& data, unsigned int filter, bool exact);
     bool FindFirstWithFilter(const wchar_t* path, ST_FIND_DATA& data, unsigned int filter,
@@ -187,12 +188,11 @@ public:
     /// (reported), and so is a listing that cannot be read to its end. A file that is copied in
     /// part stays. The kernel copies what it can by itself; the rest goes in blocks of 1024 bytes.
     ///
-    /// A destination that appears while the copy begins is refused by `failIfExists`, too, and left
-    /// as it is. As `src` or `dst` a fifo without a peer, or a device that is silent, is waited for
-    /// without limit.
+    /// `failIfExists` also refuses a destination that appears while the copy begins, and leaves it
+    /// as it is. Copying from or to a fifo without a peer, or a silent device, waits without limit.
     ///
-    /// `dst` must not lie in the directory `src`: with `createDirs` the copy is copied, too, level
-    /// below level, until a path takes 1024 bytes.
+    /// `dst` must not lie in the directory `src`: with `createDirs` the copy itself is copied again
+    /// and again, until a path takes 1024 bytes.
     /// @{
     static bool Copy(const char* src, const char* dst, bool failIfExists, bool createDirs);
     static bool Copy(const wchar_t* src, const wchar_t* dst, bool failIfExists, bool createDirs);
@@ -200,11 +200,11 @@ public:
 
     /// Copies to `dst`, which must not exist, then removes the source and syncs. Never renames.
     ///
-    /// Only directories are removed, see RemoveDirectory: a single file is copied and stays, with
-    /// the result true; and after a failed copy a directory is cleaned up, a partial file stays.
-    /// Somebody else's destination, which has appeared meanwhile, is refused and not cleaned up. A
-    /// source that cannot be removed for want of descriptors or memory is a failure, too. Waits
-    /// for fifos and devices as Copy does.
+    /// Only directories are removed, see RemoveDirectory: a single file is copied and stays, and
+    /// the result is true. After a failed copy a directory is cleaned up, but a partial file stays.
+    /// A destination that another program makes meanwhile is refused and not cleaned up. A source
+    /// that cannot be removed for lack of descriptors or memory is a failure too. Waits for fifos
+    /// and devices as Copy does.
     ///
     /// `dst` must not lie in the directory `src`: what is in `src` would be lost with the copy.
     /// @{

@@ -34,7 +34,7 @@ public:
     /// Prepares the box for its thread: 0 success, anything else keeps the thread from Loop.
     virtual int Init() = 0;
 
-    /// Asks the loop to end once everything posted has been served. Always 0.
+    /// Asks the loop to end when everything posted has been served. Always 0.
     virtual int Exit() = 0;
 
     /// Waits until the loop serves: 0 when it does, 1 on time-out (milliseconds) or failure. Each

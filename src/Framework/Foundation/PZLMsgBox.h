@@ -32,16 +32,15 @@ class WorkerCore;
 /// Exit:      takes effect when nothing is pending. An Exit that found no loop, or a second one,
 ///            stays pending and ends the next Loop as soon as that is idle.
 /// Wake-ups:  a post wakes the loop when it sleeps, with one system call, and makes none while it
-///            serves: it cannot fail for that then. Before it sleeps, the loop looks for more for
-///            up to 10 microseconds, when posts come from another processor. A wait that
+///            serves, so that it cannot fail for that then. Before it sleeps, the loop checks for
+///            more for up to 10 microseconds if posts come from another processor. A wait that
 ///            fails is reported like a broken invariant and repeated after 100 milliseconds.
-/// Ownership: the box owns its payload copies, in memory that it keeps, and uses the memory of one
-///            again after service. Copies of messages that are still queued when the box dies are
-///            not released. Messages for an identifier that is not registered are dropped without
-///            a report.
-/// Process:   three descriptors, above 2 where it is the loop's. A box that found none, or no
-///            memory, has reported that: its posts answer en_POST_FAILED, and its Loop ends at
-///            once.
+/// Ownership: the box owns its payload copies. It keeps their memory, and uses it again after
+///            service. Copies of messages that are still queued when the box is destroyed are not
+///            released. Messages for an identifier that is not registered are dropped without a
+///            report.
+/// Process:   three descriptors; that of the loop is above 2. A box without descriptors or memory
+///            (reported) answers posts with en_POST_FAILED, and its Loop ends at once.
 class PZ_API PZLMsgBox : public PZIMsgBox {
 public:
     /// One pending event.
@@ -104,7 +103,7 @@ private:
         en_QUIET_FULL,   // no room, or no memory
         en_QUIET_CLOSED  // not open
     };
-    // A payload is stored behind the kQuietHead bytes at `head`.
+    // A payload is stored after the kQuietHead bytes at `head`.
     static constexpr unsigned int kQuietHead = 4 * sizeof(void*);
     PZ_LOCAL EN_QUIET PushQuietly(ST_PUSH_MSG_DATA& d, const void* head,
                                   const std::atomic<bool>& isOpen, bool isReserved);

@@ -3,14 +3,14 @@
 
 #include <vector>
 
-/// Records of type T in the order of their priority: 0 is served first, 255 last; among equals
-/// the one that came first.
+/// Records of type T in the order of their priority: 0 is served first, 255 last; equal ones in the
+/// order in which they came.
 ///
-/// Bounded:   by its user. The queue keeps the limit, but push never refuses.
+/// Bounded:   by its user. The queue stores the limit, but push never refuses.
 /// Threads:   no lock of its own.
 /// Ownership: records are copied in and out; what they point at stays the user's.
-/// Memory:    grows with the number of records that wait together, and is kept. A push that finds
-///            none throws std::bad_alloc and stores nothing; everything else does not throw.
+/// Memory:    grows with the number of records that wait together, and is kept. A push without
+///            memory throws std::bad_alloc and stores nothing; nothing else throws.
 template <typename T>
 class PZPriorityQueue {
 public:

@@ -20,8 +20,8 @@ public:
     /// there is no memory for that.
     static void addDestroyFunc(void (*fn)());
 
-    /// Calls all registered functions, the last registered first, and forgets them; what is
-    /// registered meanwhile is forgotten, too, and not called.
+    /// Calls all registered functions, the last registered first, and forgets them. Functions that
+    /// are registered meanwhile are forgotten too, and not called.
     static void finalize();
 
 private:
@@ -43,7 +43,7 @@ struct PZSingletonLockMemory {
 /// Threads:   GetInstance may be called from any thread, also before main; destroy belongs to the
 ///            finalizer.
 /// Ownership: the instance belongs to the class; singletons die in the reverse order of their
-///            creation. After that GetInstance makes a fresh one.
+///            creation. After that GetInstance makes a new one.
 template <typename T>
 class PZ_API PZSingleton : public PZUncopyable {
 public:

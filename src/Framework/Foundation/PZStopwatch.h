@@ -11,6 +11,7 @@
 /// Limits:  an interval may last up to 2^31 - 1 seconds.
 class PZ_API PZStopwatch {
 public:
+    /// Not running.
     PZStopwatch();
 
     /// Forgets everything; not running afterwards.
@@ -19,13 +20,13 @@ public:
     /// Begins to measure; ignored while running.
     void Start();
 
-    /// Time since Start or the last Lap, and begins the next lap; 0 when not running.
+    /// Answers the time since Start or the last Lap, and begins the next lap; 0 when not running.
     unsigned long long Lap();
 
-    /// Time since Start; changes nothing; 0 when not running.
+    /// Answers the time since Start, and changes nothing; 0 when not running.
     unsigned long long Split() const;
 
-    /// Time since Start, and forgets everything; 0 when not running.
+    /// Answers the time since Start, and forgets everything; 0 when not running.
     unsigned long long Stop();
 
 private:

@@ -14,12 +14,12 @@
 /// Ownership: the object owns its stream and closes it in Close, Open and the destructor. Nothing
 ///            that is passed in is kept.
 /// Units:     bytes. Sizes and positions are 64 bits wide on every machine, but see Read.
-/// Modes:     those of the C library: "rb", "wb+", "ab+" ... Between reading and writing, and back,
-///            a Seek or Flush is needed, as the C library asks for it. Programs that this process
-///            starts do not inherit the file, whatever the mode; nor does it take the place of a
-///            standard input, output or error that is closed.
-/// Failures:  answered with a result; note that 0 is success for some operations and nothing done
-///            for others. On a closed object every operation fails, Close excepted. Only wide paths
+/// Modes:     those of the C library: "rb", "wb+", "ab+" ... As in the C library, a Seek or Flush
+///            is needed between reading and writing, and back. Programs that this process starts do
+///            not inherit the file, whatever the mode; nor does it take the place of a standard
+///            input, output or error that is closed.
+/// Failures:  answered with a result. 0 is success for some operations, and "nothing done" for
+///            others. On a closed object every operation fails, Close excepted. Only wide paths
 ///            need memory: without it Open and GetSize fail, reported.
 /// Cancelled: a thread may be cancelled while it waits for a file or a medium, but not in the
 ///            destructor. A cancelled Close has closed the file; what was not written yet is lost.
@@ -53,8 +53,8 @@ public:
     /// Whether there is an open file.
     bool IsOpen() const;
 
-    /// Closes the stream. Written data goes to the medium first. An object that was written to
-    /// once does so at every later Close, even of a stream that was only read.
+    /// Closes the stream. Written data go to the medium first. An object that was written to once
+    /// does so at every later Close, even of a stream that was only read.
     void Close();
 
     /// Reads up to `size` bytes, of which only the low 32 bits count, and answers how many were

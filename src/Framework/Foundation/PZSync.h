@@ -24,14 +24,14 @@
 
 /// The framework's lock: recursive, private to the process or shared between processes by name.
 ///
-/// Threads:   any thread may call anything. Unlock does not check who calls it. A thread does not
-///            end while it holds a lock: a later one may get its identity, and pass for the owner.
+/// Threads:   any thread may call anything. Unlock does not check who calls it. A thread must not
+///            end while it holds a lock: a later one may get its identity and pass for the owner.
 ///            There is no priority inheritance.
 /// Processes: a named lock excludes the processes from each other, but owner and recursion are
 ///            known only inside one process's own object. Its semaphore "/name" stays in the
 ///            system when the objects are gone.
-/// Time:      milliseconds; 0xFFFFFFFF waits without limit, 0 tries once. Limited waits end by
-///            the wall clock, where it has no room for the end by the monotonic one.
+/// Time:      milliseconds; 0xFFFFFFFF waits without limit, 0 tries once. Limited waits end by the
+///            wall clock; only an end that it cannot hold is measured by the monotonic clock.
 /// Failures:  reported and answered with a result, never thrown; a report may block while standard
 ///            output is stuck. A lock that could not be created answers every Lock with 2.
 class PZ_API PZ_CAPABILITY("PZSync") PZSync {
@@ -90,8 +90,8 @@ inline unsigned int PZSync::Lock(unsigned int timeout) PZ_NO_THREAD_SAFETY_ANALY
         ++nest_;
         return 0;
     }
-    // The wait for another thread is noted for those who look; a free lock costs nothing more. Of a
-    // lock that another process holds the owner is not known here.
+    // The wait for another thread is noted for pz-top; a free lock costs nothing more. Of a lock
+    // that another process holds, the owner is not known here.
     if (PZ_THREAD_SANITIZER || owner != 0 || handle_ == nullptr || timeout != 0xFFFFFFFFU ||
         type_ != en_TYPE_UNNAMED) {
         return Wait(timeout, EINTR);

@@ -8,9 +8,9 @@ class PZ_API PZSyncObjectBase {
 public:
     virtual ~PZSyncObjectBase();
 
-    /// Waits for the lock, as long as the class that implements it says.
+    /// Waits for the lock, as long as the implementing class says.
     virtual void lock() const = 0;
-    /// Gives it back.
+    /// Releases it.
     virtual void unlock() const = 0;
 };
 
@@ -21,7 +21,7 @@ class PZ_API PZSyncGuard {
 public:
     /// Locks `obj`; the destructor unlocks it.
     explicit PZSyncGuard(const PZSyncObjectBase& obj);
-    /// A cancellation may leave it where `unlock` is a cancellation point.
+    /// Unlocks. A cancellation may leave it where `unlock` is a cancellation point.
     virtual ~PZSyncGuard() noexcept(false);
 
     PZSyncGuard(const PZSyncGuard&) = delete;

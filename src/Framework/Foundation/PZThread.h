@@ -20,19 +20,19 @@
 ///
 /// The object's class T supplies the phases, all called on the new thread:
 ///
-///     int  Initialize();   // 0 goes on; anything else ends the thread at once
+///     int  Initialize();   // 0 continues; anything else ends the thread at once
 ///     void MainProc();     // the thread's loop: its return ends the thread
 ///     void Finalize();     // after MainProc has returned
 ///
-/// The thread is registered before Initialize, and stays registered after its end until WaitExit. A
-/// thread for whose record there is no memory (reported) runs all the same, unregistered.
+/// The thread is registered before Initialize, and stays registered after its end until WaitExit.
+/// If there is no memory for its record (reported), it runs unregistered.
 ///
 /// Before:    call pz_FwInitialize first: the new thread may make singletons, whose list has no
 ///            lock (see PZSingletonFinalizer).
 /// Threads:   Start, WaitExit and SetPriority belong to one controlling thread. WaitExit cannot
 ///            stop the thread: the owner makes MainProc return first.
-/// Ownership: the owner is not owned and must outlive the thread. Destruction neither stops nor
-///            joins it: call WaitExit before.
+/// Ownership: the owner object is not owned and must outlive the thread. Destruction neither stops
+///            nor joins the thread: call WaitExit before.
 /// Failures:  reported and answered with a result; only the constructor throws (std::bad_alloc). An
 ///            exception thrown by a phase ends the thread quietly, without the phases that follow;
 ///            cancellation and pthread_exit pass through.
@@ -49,9 +49,9 @@ public:
     PZThread& operator=(const PZThread&) = delete;
 
     /// Creates the thread. The kernel shows the first 15 characters of `name`; null is "no_name",
-    /// 128 characters or more are cut to 127; it may be this object's own name of before. False
-    /// when a thread exists already (it is left alone), there is no owner, or the system refuses
-    /// (Start may be tried again).
+    /// 128 characters or more are cut to 127; getName's result is a valid argument. False, and
+    /// reported, when a thread exists already (it is left alone), there is no owner, or the system
+    /// refuses (Start may be tried again).
     bool Start(const char* name) {
         if (isStarted() || owner_ == nullptr) {
             PZ_REPORT_ERROR("error [%s]\n", Printable(name));
@@ -69,7 +69,7 @@ public:
         }
         char kernelName[16];
         pz_strncpy(kernelName, sizeof kernelName, name_, sizeof kernelName - 1);
-        pthread_setname_np(handle_, kernelName);  // without a name it runs just as well
+        pthread_setname_np(handle_, kernelName);  // a failure does no harm
         return true;
     }
 
@@ -102,8 +102,8 @@ public:
         return result;
     }
 
-    /// WaitExit without its report, for an owner that has words of its own. Errno is what the join
-    /// left in it.
+    /// WaitExit without its report, for an owner that reports in its own words. Leaves in errno
+    /// what the join left there.
     int Join() {
         if (!isStarted()) return 0;
         const int result = pthread_join(handle_, nullptr);
@@ -119,8 +119,8 @@ public:
     /// thread does not run.
     int GetPriority() { return GetPriority(handle_); }
 
-    /// Sets the thread's wide priority, see PZThreadMng::SetPriority. A thread that was just
-    /// created is given up to 50 ms to come up.
+    /// Sets the thread's wide priority, see PZThreadMng::SetPriority. Waits up to 50 ms for a
+    /// thread that was just created. False, and reported, when there is none by then.
     bool SetPriority(int priority) {
         constexpr int kPolls = 5;
         constexpr unsigned int kPollMs = 10;
@@ -149,9 +149,9 @@ private:
 
     static const char* Printable(const char* name) { return name != nullptr ? name : "(null)"; }
 
-    // On the new thread. Its handle is taken from pthread_self: pthread_create may not have
-    // stored it for the controlling thread yet.
-    // What it owes to others must not fail for its own record: it goes on without one.
+    // On the new thread. Its handle is taken from pthread_self: pthread_create may not have stored
+    // it for the controlling thread yet. What it owes to others must not fail for its own record:
+    // it continues without one.
     void Register() {
         tid_ = static_cast<int>(syscall(SYS_gettid));
         const pthread_t handle = pthread_self();

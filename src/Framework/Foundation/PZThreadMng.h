@@ -40,18 +40,18 @@ public:
     /// Does nothing: the instance dies with the other singletons.
     static void DelInstance();
 
-    /// Starts, or stops, the watchdog. initialize answers 0 when that failed.
+    /// Starts and stops the watchdog. initialize answers 1, or 0 when that failed.
     /// @{
     int initialize();
     void finalize();
     /// @}
 
     /// Registers a running thread. A null name leaves the label empty; 256 characters or more are
-    /// cut to 255. A handle that is registered already keeps its record, unless that is known to be
-    /// the one of an ended thread whose handle the calling thread has got. Let each thread register
-    /// itself: when a third one does it while a WaitExit ends, the handle may be that of the thread
-    /// which was joined, and the record goes with it. False, and reported, when there is no memory
-    /// for the record.
+    /// cut to 255. A handle that is registered already keeps its record, unless the record is known
+    /// to be that of an ended thread whose handle the calling thread has got. Let each thread
+    /// register itself: if another thread does it while a WaitExit ends, the handle may be that of
+    /// the joined thread, whose record is removed. `watchTime` is in milliseconds. False, and
+    /// reported, when there is no memory for the record.
     /// @{
     bool registerThreadInfo(unsigned long handle, const char* name, int priority,
                             unsigned int watchTime);
@@ -68,7 +68,7 @@ public:
     /// for a null `out` or an unknown handle.
     bool getLabel(unsigned long handle, char* out);
 
-    /// Replaces the watch time; false for an unknown handle.
+    /// Replaces the watch time (milliseconds; 0: not watched); false for an unknown handle.
     bool setWatchTime(unsigned long handle, unsigned int ms);
 
     /// Milliseconds; 0 for an unknown handle.
@@ -97,10 +97,9 @@ public:
     /// thread may be registered, unregistered or joined meanwhile.
     void checkThreadStatus();
 
-    /// Writes all records to "/temp/ThreadInfo"; silent when that cannot be opened, as where it is
-    /// a symbolic link, which is not followed. Holds the
-    /// registry's lock meanwhile: where that path is a fifo that nobody reads, everything that
-    /// needs the registry waits with it, starting threads included.
+    /// Writes all records to "/temp/ThreadInfo"; does nothing when that cannot be opened, or is a
+    /// symbolic link. Holds the registry's lock meanwhile: if the path is a fifo that nobody reads,
+    /// everything that needs the registry waits, starting threads included.
     void dumpThreadStatus();
 
     /// The handles of the running threads, in ascending order. Always true. Throws std::bad_alloc
@@ -123,7 +122,7 @@ private:
     };
     PZ_LOCAL static const PriorityRow priTable_[79];  // ascending wide priorities
 
-    /// A registered thread, which is shown to those who look at the process.
+    /// A registered thread, as it is shown to readers of the process.
     struct Record : ThreadInfo {
         PZ_LOCAL Record(const ThreadInfo& info, int knownTid);
         PZ_LOCAL ~Record();
@@ -138,9 +137,9 @@ private:
         ST_INSPECTED_THREAD<PZInspectionLive> shown;
     };
 
-    // What a PZThread does about its own registration. The system gives the handle of a joined
-    // thread to the next one that is made, maybe before WaitExit has come to unregister it: a
-    // PZThread removes no record that is known to be another thread's.
+    // A PZThread's own registration. The system may give the handle of a joined thread to the next
+    // thread before WaitExit has unregistered it: a PZThread removes no record that is known to be
+    // another thread's.
     template <typename T>
     friend class PZThread;
     void claimThreadInfo(unsigned long handle, const void* owner);

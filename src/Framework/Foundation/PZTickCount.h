@@ -21,13 +21,13 @@ public:
     /// cannot be read.
     unsigned long GetTime() const;
 
-    /// Nanoseconds; all bits set when the clock cannot be read.
+    /// Nanoseconds, 64 bits; all bits set when the clock cannot be read.
     unsigned long long GetPerformanceCount() const;
 
-    /// Always 1000.
+    /// Always 1000, although GetPerformanceCount counts nanoseconds.
     unsigned long long GetPerformanceFreq() const;
 
-    /// Milliseconds, 64 bits: GetPerformanceCount in whole milliseconds, whatever that answered.
+    /// Milliseconds, 64 bits: GetPerformanceCount divided by 1,000,000, also when that failed.
     unsigned long long GetPerformanceTime() const;
 
 private:

@@ -8,7 +8,7 @@
 #include <Framework/Foundation/PZIMsgBox.h>
 #include <Framework/PZApi.h>
 
-/// Priorities of a unit's messages to itself; values between them are valid as well.
+/// Priorities of a unit's messages to itself; values between them are valid too.
 enum EN_MSG_ID : unsigned int {
     en_MSG_EMERGENCY = 0,
     en_MSG_HIGH = 64,
@@ -21,8 +21,8 @@ enum EN_MSG_ID : unsigned int {
 /// and events to itself, so that they are handled on the worker's thread.
 ///
 /// Life:      registered with RegistMsgBox until UnregistMsgBox or destruction. The box must live
-///            that long. A unit that is its own dispatcher calls UnregistMsgBox first thing in
-///            its own destructor: the base's comes too late for a handler that runs meanwhile.
+///            that long. A unit that is its own dispatcher calls UnregistMsgBox first in its own
+///            destructor: that of the base comes too late for a handler that runs meanwhile.
 /// Threads:   any thread may send. Registering and leaving belong to the thread that owns the
 ///            unit, at times when no other thread sends.
 /// Ownership: neither the box nor the dispatcher is owned.
@@ -60,10 +60,11 @@ public:
     /// Posts a message with a payload of 1 to 256 bytes, or none (`buff` null), to the own
     /// dispatcher.
     ///
-    /// The message identifier comes first; the EN_MSG_ID is the priority, 0 an emergency.
+    /// The message identifier comes first; the EN_MSG_ID is the priority, 0 an emergency. Answers
+    /// en_SUCCESS or another EN_RESULT.
     int SendMsgSelf(unsigned int msgId, EN_MSG_ID priority, const void* buff, unsigned int size);
 
-    /// Posts an event to the own dispatcher.
+    /// Posts an event to the own dispatcher. Answers en_SUCCESS or another EN_RESULT.
     int SendEvtSelf(unsigned int bits);
 
 protected:

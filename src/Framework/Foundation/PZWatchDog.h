@@ -7,8 +7,8 @@
 class PZWatchDog;
 extern template class PZ_API PZSingleton<PZWatchDog>;
 
-/// The hooks of a watchdog over the framework's threads. They are connected to none yet:
-/// every operation returns at once without effect.
+/// The hooks of a watchdog over the framework's threads. No watchdog is connected yet: every
+/// operation returns at once without effect. PZSupervisor watches threads.
 ///
 /// The framework calls start and stop with its own start and stop, and IntoWait and OutWait
 /// around the blocking waits of its threads.
@@ -21,7 +21,7 @@ public:
     /// Does nothing: the instance dies with the other singletons.
     static void DelInstance();
 
-    /// Called with the start and the stop of the framework. Always true.
+    /// Called at the start and the stop of the framework. start is always true.
     /// @{
     bool start();
     void stop();
@@ -40,7 +40,7 @@ public:
     void Finalize();
     /// @}
 
-    /// Does nothing, as all of it.
+    /// Does nothing.
     void checkOccupationTime();
 
 private:

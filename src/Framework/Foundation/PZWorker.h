@@ -37,17 +37,16 @@ enum EN_WORKER_PRIORITY : int {
 /// Threads:  everything but the box belongs to the thread that owns the worker; End never to the
 ///           worker's own thread. Any thread may use the box.
 /// Handlers: must not throw. An exception ends the thread quietly, and the worker serves nothing
-/// from
-///           then on: its box accepts posts until it is full, and End and Start succeed without a
-///           loop that stays, because the request of End is left in the box. Make a new worker.
-/// Failures: reported and answered with a result, never thrown; reports go to standard output, and
-///           wait for it when it is stuck. Only the constructor throws std::bad_alloc when there is
-///           no memory for the worker at all.
+///           afterwards: its box accepts posts until it is full. End and Start succeed, but the new
+///           loop ends at once, because the request of End is left in the box. Make a new worker.
+/// Failures: reported and answered with a result, never thrown; a report waits while standard
+///           output is stuck. Only the constructor throws std::bad_alloc, when there is no memory
+///           for the worker at all.
 class PZ_API PZWorker {
 public:
-    /// `id` is not used. `watchTime` (milliseconds) is registered with the thread;
-    /// `workerNo` names the worker in the reports of its box. What the box lacks for want of
-    /// descriptors or memory is reported, and made by Start.
+    /// `id` is not used. `watchTime` (milliseconds) is registered with the thread; `workerNo` names
+    /// the worker in the reports of its box. If descriptors or memory for the box are missing, that
+    /// is reported, and Start tries again.
     PZWorker(int id, unsigned int watchTime, unsigned int workerNo);
     virtual ~PZWorker();
 
@@ -55,13 +54,13 @@ public:
     PZWorker& operator=(const PZWorker&) = delete;
 
     /// Starts the thread ("no_name" for a null name) and waits until its box serves: 0 when it
-    /// does, -1 otherwise. Without the descriptors and the memory that it needs it makes no thread,
-    /// and can be called again later.
+    /// does, -1 otherwise. Without descriptors or memory it makes no thread, and can be called
+    /// again later.
     ///
-    /// -1 after 3000 milliseconds without service leaves the thread running: End it. The box may
-    /// then still hold the signal of the loop that came too late; InitWait(0) of the box takes it,
-    /// so that the next Start waits for its own loop. A worker that runs already is left alone and
-    /// answered with -1.
+    /// -1 after 3000 milliseconds without service (not reported) leaves the thread running: End it.
+    /// The box may then still hold the signal of the loop that came too late; InitWait(0) of the
+    /// box takes it, so that the next Start waits for its own loop. A worker that runs already is
+    /// left alone and answered with -1.
     int Start(const char* name);
 
     /// Ends the thread when everything posted has been served, however long that takes (`timeout`

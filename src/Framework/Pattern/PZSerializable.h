@@ -27,17 +27,16 @@ class PZSerializable;
 ///                          1 (32 bits) and the wide text as std::wstring
 ///     PZSerializable       number of bytes (32 bits), the bytes of its own archive
 ///
-/// Writing appends at the end; reading goes on at the read position. Neither moves the other.
+/// Writing appends at the end; reading continues at the read position. Neither moves the other.
 ///
 /// Threads:   one archive is used by one thread at a time.
 /// Ownership: bytes are copied in and out. The pointer of getBuff is the archive's, valid until it
 ///            is next written to or cleared. Its own bytes are valid arguments.
 /// Limit:     0xFFFFFFFF bytes; not checked.
 /// Failures:  only a malformed bool is reported. Memory that runs out throws (std::bad_alloc) and
-///            leaves the archive, its read position and the target as they were.
-///            Reading more than was written is a mistake of the caller. It is harmless, and takes
-///            everything that is left: the target stays as it was, the read position goes to the
-///            end, so that what is read next stays as it was, too.
+///            leaves the archive, its read position and the target as they were. Reading more than
+///            was written is a mistake of the caller, but harmless: the target stays as it was, and
+///            the read position goes to the end, so that later reads change nothing either.
 class PZ_API Archive {
 public:
     /// The origin of seek.
@@ -122,15 +121,16 @@ public:
     /// Does nothing when `data` is null or `size` is 0.
     void read(void* data, unsigned int size);
 
-    /// The target ends at the first zero of the stored text; the whole of it is passed over.
+    /// The target ends at the first zero of the stored text; the read position moves past all of
+    /// it.
     /// @{
     void read(std::string& s);
     void read(std::wstring& s);
     /// @}
 
     /// A narrow text comes back with the code page XCP_UTF8, whatever was stored, a wide one with
-    /// XCP_NONE. When something else than a text follows, or none is left, only the code page of
-    /// `s` changes, to the stored one.
+    /// XCP_NONE. When something other than a text follows, or nothing, only the code page of `s`
+    /// changes, to the stored one.
     void read(PZString& s);
 
     /// Calls deserialize of `object` with its bytes where they lie in this archive: valid during

@@ -108,8 +108,8 @@ private:
     std::atomic<unsigned int> turns_{0};  // passes that are over; others read it at any time
 };
 
-// A notification runs in the caller's own code: where the compiler sees what the observers of a
-// program do, it puts that into the loop, which takes a third of the time of calling them.
+// A notification runs in the caller's own code: if the compiler sees what the observers of a
+// program do, it inlines them into the loop, which takes a third of the time of calling them.
 
 inline unsigned int PZSubject::NotifyObserver(unsigned int id, void* data, unsigned int size,
                                               EN_NTF_TYPE type) {

@@ -21,11 +21,11 @@ public:
     PZSharedSyncObject(const PZSharedSyncObject&) = delete;
     PZSharedSyncObject& operator=(const PZSharedSyncObject&) = delete;
 
-    /// Waits at most 5000 milliseconds. A failure is reported, and the caller goes on without the
+    /// Waits at most 5000 milliseconds. A failure is reported, and the caller continues without the
     /// lock.
     void lock() const override;
 
-    /// Gives the lock back, also of others: after a lock() that failed this lets one more in.
+    /// Releases the lock, even another thread's: after a lock() that failed, one more is let in.
     void unlock() const override;
 
 private:

@@ -13,11 +13,11 @@
 /// the first byte, read... one from the cursor. No reader moves the cursor; only seek does.
 ///
 /// Byte order: numbers are taken as they lie in the machine's memory (little-endian); with `swap`
-///             their bytes are reversed, which reads big-endian data. They need no alignment.
+///             their bytes are reversed, to read big-endian data. They need no alignment.
 /// Units:      offsets, lengths and sizes are bytes.
 /// Threads:    one object is used by one thread at a time; readers may share an unchanging one.
 /// Ownership:  bytes are copied in. Pointers of getBuffer are the object's, valid until its
-///             contents are next replaced. Its own bytes are valid arguments.
+///             contents are next replaced. The object's own bytes are valid arguments.
 /// Failures:   what does not lie completely in the buffer is read as 0 or as an empty result. No
 ///             sum of offset, cursor and length wraps: beyond 4 GiB is out of range, too. Nothing
 ///             is reported. Only memory that runs out throws (std::bad_alloc), and leaves the
@@ -49,7 +49,7 @@ public:
     /// Appends a copy; the cursor stays. Does nothing when `data` is null, when `size` is 0, or
     /// when both sizes together exceed 0xFFFFFFFF.
     ///
-    /// Moves all bytes on every call: what comes in many pieces is better put together elsewhere.
+    /// Moves all bytes on every call: collect many small pieces elsewhere first.
     /// @{
     void add(const unsigned char* data, unsigned int size);
     void add(const PZBinary& other);
@@ -114,8 +114,7 @@ public:
     /// It stays when it must not go there, and for any other origin.
     unsigned int seek(unsigned int offset, unsigned int origin);
 
-    /// Nothing that a caller can see: the hexadecimal text it stands for is neither printed nor
-    /// returned, and therefore not composed.
+    /// Does nothing: no hexadecimal text is printed or returned.
     void dumpBinary(bool enable) const;
 
 private:

@@ -16,8 +16,8 @@
 /// Without a maximum size every Open begins an empty file; with one it appends. Where generations
 /// are kept, Open (without a maximum size) or a Write that reaches the maximum shifts them:
 /// generation N is deleted, then each generation, the oldest first, is copied to the next number.
-/// A generation that is there already is not overwritten, and none but the last is removed: so
-/// after the first shifts the younger ones stand still. Each step that fails prints a message.
+/// An existing generation is not overwritten, and only the last is removed: after the first shifts
+/// the younger ones no longer change. Each step that fails is reported.
 ///
 /// Threads:    one object is used by one thread at a time.
 /// Ownership:  nothing that is passed in is kept. The destructor does not close the file: call
@@ -27,9 +27,9 @@
 ///             so do the copies and deletions of a shift. Opening again, and a Write that does,
 ///             only hand the buffered data of the old file over to the system. Data in between are
 ///             buffered.
-/// Links:      a log's file that is a symbolic link is not opened, and a shift neither copies from
-///             one nor to one: others may be able to put links into the folder. The folder may be
-///             one.
+/// Links:      a log's file that is a symbolic link is not opened, and a shift copies neither from
+///             nor to one: other users may be able to put links into the folder. The folder may be
+///             a link.
 /// Failures:   answered by Open and Write; file-system operations report theirs. Without memory a
 ///             step of a shift fails like any other, and the log is opened all the same.
 class PZ_API PZLSysFileOut {
@@ -49,11 +49,11 @@ public:
     PZLSysFileOut(const PZLSysFileOut&) = delete;
     PZLSysFileOut& operator=(const PZLSysFileOut&) = delete;
 
-    /// Opens the file, after the one that may be open was flushed and closed. Shifts the
-    /// generations first where that is due. False when the file cannot be opened.
+    /// Flushes and closes an open file, shifts the generations if that is due, and opens the file.
+    /// False when it cannot be opened.
     bool Open();
 
-    /// Writes a block. 0 without an open file, and for null with a length; 1 otherwise, also when
+    /// Writes a block. 0 without an open file, and for null with a length; 1 otherwise, even when
     /// the block could not be written: a full disk must not stop the caller.
     ///
     /// Reopens the file, shifting the generations, when the block and the size counter together
@@ -62,7 +62,7 @@ public:
     /// file.
     int Write(const void* data, unsigned int length);
 
-    /// The same.
+    /// The same as Write.
     int SWrite(const void* data, unsigned int length);
 
     /// Writes formatted text, cut to 279 bytes. 0 for null and for a format that fails; else as
@@ -72,7 +72,7 @@ public:
     /// Hands the buffered data over and syncs. Nothing happens without an open file.
     void Flush();
 
-    /// The same, then closes the file.
+    /// Flushes, then closes the file. Nothing happens without an open file.
     void Close();
 
     /// Low 32 bits of the size of a file; kNoSize when it cannot be opened. Waits for a writer when
@@ -82,7 +82,7 @@ public:
 private:
     friend struct PZHeapReport;  // puts a second file beside its own
 
-    /// Holds every path of a log: nothing here may fail for want of memory in the middle of a
+    /// Holds every path of a log. It has a fixed size: no path needs memory in the middle of a
     /// shift.
     struct Path {
         wchar_t text[352];  // the directory's 256, the name's 24, a tail, the extension's 4

@@ -24,8 +24,8 @@ extern template class PZ_API PZSingleton<PZLTimerMng>;
 ///            run. start, end and setPriority belong to the owner's thread. An object must be
 ///            ended before it is destroyed.
 /// Ownership: timers are kept by address and never deleted.
-/// Memory:    adding a timer takes some, and is refused where there is none. Firing, repeating and
-///            removing take none.
+/// Memory:    adding a timer needs some, and is refused without. Firing, repeating and removing
+///            need none.
 /// Failures:  reported and answered with a result; only the constructor throws (std::bad_alloc).
 class PZ_API PZLTimerSubMng {
 public:
@@ -43,17 +43,17 @@ public:
     PZLTimerSubMng(const PZLTimerSubMng&) = delete;
     PZLTimerSubMng& operator=(const PZLTimerSubMng&) = delete;
 
-    /// Starts the thread, "PZLTimerSubMng" when `name` is null, and sets its priority. Returns
-    /// when the thread has read the tick: no timer added from then on is lost. 1 on success. 0
-    /// (reported) when there is no thread, or a thread of another priority that runs all the same.
+    /// Starts the thread, "PZLTimerSubMng" when `name` is null, and sets its priority. Returns when
+    /// the thread has read the tick: no timer added from then on is lost. 1 on success. 0
+    /// (reported) when there is no thread, or when a thread runs with another priority.
     ///
-    /// There is no thread when the system refuses one, or what it would be woken by: start may be
-    /// tried again. No timer is taken until one is there.
+    /// There is no thread when the system refuses it or its wake-up: start may be tried again.
+    /// Until there is one, timers are refused.
     int start(const char* name);
 
     /// Ends the thread and waits for that without limit (`timeout` is not used); its timers are
-    /// removed. 1 when it was joined, 0 when the join failed (reported). 1 at once when there is
-    /// no thread; the next one to be started then ends at once.
+    /// removed. 1 when it was joined, 0 when the join failed (reported). 1 at once when there is no
+    /// thread; the next thread to be started then ends at once.
     int end(unsigned int timeout);
 
     /// Gives the running thread another wide priority. 1 when it has it, else 0 (reported).
@@ -136,10 +136,10 @@ private:
     long firstTickTaken_[4];                  // room of a semaphore that each thread posts
 };
 
-/// A timer: derive, say in OnTimer what is to happen, and hand the object to PZLTimerMng::AddTimer.
+/// A timer: derive, implement OnTimer, and pass the object to PZLTimerMng::AddTimer.
 ///
-/// The object belongs to its user and must live as long as it is active; see PZLTimerMng for when
-/// it may be deleted.
+/// The object belongs to its user and must live as long as it is active; PZLTimerMng says when it
+/// may be deleted.
 class PZ_API PZLTimerBase {
 public:
     virtual ~PZLTimerBase();
@@ -166,9 +166,8 @@ public:
 ///     callers 177-207   208-219   220-231   232-243   244-255
 ///     thread      196       197       198       199       200
 ///
-/// AddTimer answers with the band as the handle for RemoveTimer and IsActive. A timer object is
-/// active at most once in a band; nothing hinders a thread of another band from adding it there
-/// too.
+/// AddTimer answers the band, which is the handle for RemoveTimer and IsActive. A timer object is
+/// active at most once in a band; a thread of another band may add it there too.
 ///
 /// Callbacks run on the band's thread, in the order of the timers' addresses when several are due
 /// together, and with the band's lock held: meanwhile other threads wait in AddTimer, RemoveTimer
@@ -180,30 +179,31 @@ public:
 /// - RemoveTimer of one of them answers 0 and stops nothing; only its callback's result does.
 /// - AddTimer of one of them succeeds, and its interval and expiry win over the repetition.
 ///
-/// AddTimer from a callback files by the timer thread's own priority, and all five lie in the
-/// first band: a timer of another band does not re-add itself there, it repeats by its result.
-/// A callback that calls into another band waits for that band's callbacks; two bands whose
-/// callbacks call into each other can block each other for ever.
+/// AddTimer from a callback uses the timer thread's own priority, and all five are in the first
+/// band: a timer of another band cannot re-add itself there, but repeats by its result. A callback
+/// that calls into another band waits for that band's callbacks; two bands whose callbacks call
+/// into each other can block each other without end.
 ///
 /// Time is the 32-bit millisecond tick. A timer fires at its expiry or later, never before. The
 /// period counts from the check that fired it, so a late timer is not caught up.
-/// - An interval of 0 fires at the next check; adding a timer brings one about at once. A timer
-///   that repeats with an interval of 0 brings about none: its band then waits without limit,
-///   other timers included, until a timer is added to it. Repeat with 1 or more.
+/// - An interval of 0 fires at the next check; adding a timer causes a check at once. A timer that
+///   repeats with an interval of 0 causes none: its band with all its timers then waits without
+///   limit, until a timer is added to it. Repeat with 1 or more.
 /// - Intervals of 0x80000000 (24.8 days) or more are not supported: they are waited for without
-///   limit, or fire at once when the band's previous check was long ago.
-/// - Every 49.7 days, shortly before the tick wraps, a band whose timers all expire beyond the
-///   wrap may wait without limit, until a timer is added to it after the wrap: by another thread,
-///   from time to time, where a device runs that long.
+///   limit, or fire at once if the band's previous check was long ago.
+/// - Every 49.7 days, shortly before the tick wraps, a band whose timers all expire after the wrap
+///   may wait without limit, until a timer is added to it after the wrap. On a device that runs so
+///   long, let another thread add one from time to time.
 ///
 /// Threads:   any thread may call anything.
 /// Ownership: timers belong to their user. After RemoveTimer a timer is not touched any more and
 ///            may be deleted; inside a callback of the same band, where 0 can mean that the timer
 ///            is due, only after an answer of 1. A callback may delete its own timer if it answers
 ///            0 and has not added it again. Handles live as long as the manager.
-/// Lifetime:  made on first use, as a rule by the framework's start, and destroyed with the other
-///            singletons: waits for running callbacks, then drops all timers without calling them.
-/// Memory:    only AddTimer needs some. Timers that are active go on firing without.
+/// Lifetime:  made on first use, usually by the framework's start, and destroyed with the other
+///            singletons: that waits for running callbacks, then drops all timers without calling
+///            them.
+/// Memory:    only AddTimer needs some. Active timers continue to fire without.
 /// Failures:  reported and answered with a result; only making the manager throws
 ///            (std::bad_alloc): nothing of it is left then. A band whose thread could not be
 ///            started (reported) takes no timers.

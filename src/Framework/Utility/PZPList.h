@@ -20,7 +20,7 @@ public:
 
     /// Memory for `count` objects; throws std::bad_alloc when there is none.
     T* allocate(std::size_t count) { return std::allocator<T>().allocate(count); }
-    /// Gives it back.
+    /// Releases it.
     void deallocate(T* memory, std::size_t count) noexcept {
         std::allocator<T>().deallocate(memory, count);
     }
@@ -55,7 +55,7 @@ public:
 
     /// The cursor goes to the first node, which is answered; null when the list is empty.
     NODE* MoveFirst() noexcept { return current_ = head_; }
-    /// It goes on to the next node, which is answered; null after the last one.
+    /// It moves to the next node, which is answered; null after the last one.
     NODE* MoveNext() noexcept {
         if (current_ != nullptr) current_ = current_->next;
         return current_;
@@ -108,12 +108,10 @@ private:
 /// A doubly linked list of pointers to T.
 ///
 /// Threads:   no lock of its own.
-/// Ownership: the nodes are the list's and go with it; the elements stay the user's. Nodes that
-/// were
-///            added together share memory, up to 1 KiB, which goes with the last one of them.
-/// Failures:  AddTail throws std::bad_alloc when there is no memory for a node; the list is as it
-/// was
-///            then. Nothing else fails.
+/// Ownership: the nodes are the list's and go with it; the elements stay the user's. Nodes that are
+///            added together share memory, up to 1 KiB, which is freed with the last one of them.
+/// Failures:  AddTail throws std::bad_alloc when there is no memory for a node, and leaves the list
+///            as it was. Nothing else fails.
 template <typename T, typename ALLOCATOR = PZAllocator<T*>>
 class PZPList : public PZListBase<PZPListObj<T>> {
 public:

@@ -18,7 +18,7 @@ class Archive;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Weffc++"
 
-/// Text in any code page, which turns into the form that a caller asks for.
+/// Text in any code page, which is converted into the form that a caller asks for.
 ///
 /// Holds exactly one form at a time, or none at all, which is not the same as an empty text:
 /// - narrow: bytes in a code page; UTF-8 where none is named
@@ -29,20 +29,20 @@ class Archive;
 ///
 /// Code page: that of the narrow or the 16-bit form; XCP_NONE when nothing or the wide form is
 ///            held, except where an operation says otherwise. It is handed to the converters as it
-///            is; nothing checks it before.
+///            is, unchecked.
 /// Threads:   one object is used by one thread at a time. Even reading may convert.
 /// Ownership: texts are copied in. Returned pointers are the object's and stay valid until it is
-///            next changed or converted; so do not keep them. An own text is a valid argument.
+///            next changed or converted; do not keep them. The object's own text is a valid
+///            argument.
 /// Units:     positions and lengths are in bytes, wide characters or 16-bit units of the form that
 ///            is held, where nothing else is said.
 /// Failures:  reported and answered with a result. A failed conversion leaves the form as it was.
 ///            SubStr alone can throw.
-/// Memory:    an operation that runs out of memory reports it and answers as for a refused
-/// argument:
-///            a constructor makes an object that holds nothing, Copy and Append answer false and
-///            change nothing, reading answers null and keeps the form, IndexOf npos, Split false
-///            with the list as it was. Comparing, measuring, SubStr and DeleteSplitString need
-///            none.
+/// Memory:    an operation that runs out of memory reports it and answers as for a bad argument. A
+///            constructor makes an object that holds nothing. Copy and Append answer false and
+///            change nothing. Reading answers null and keeps the form. IndexOf answers npos, and
+///            Split false with the list as it was. Comparing, measuring, SubStr and
+///            DeleteSplitString need none.
 class PZ_API PZString {
 public:
     using EN_CP = EN_XCP;  ///< a code page

@@ -10,9 +10,8 @@
 /// Threads:     any thread may call these; the tables are constant.
 /// Source:      `src_len` bytes, or up to the first zero byte. Every byte has a character.
 /// Destination: `dst_size` is not enforced. One byte becomes 1 to 3 bytes, and a single zero byte
-///              is written at twice the length of the output, not directly after it:
-///              hand in a zero-filled buffer of at least 2 x output + 1 bytes;
-///              6 x (src_len + 1) bytes always
+///              is written at twice the length of the output, not directly after it. Pass a
+///              zero-filled buffer of at least 2 x output + 1 bytes; 6 x (src_len + 1) bytes always
 ///              suffice.
 /// Results:     the number of UTF-8 bytes written, terminator not counted. 0 for an empty source,
 ///              which writes one zero byte, and for a null pointer, which is reported.

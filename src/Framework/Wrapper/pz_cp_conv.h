@@ -7,9 +7,9 @@
 /// Converts text between code pages and guesses the code page of unknown bytes.
 ///
 /// Threads:   any thread may call anything; no call waits for another thread.
-/// Keeps:     each thread its last three descriptors of iconv, which are closed when it ends; the
-///            process a table of 1.5 KiB of each page of one byte a character that it converted
-///            from. A program that converts nothing keeps nothing.
+/// Keeps:     for each thread, the last three descriptors of iconv, which are closed when it ends;
+///            for the process, a table of 1.5 KiB for each single-byte page that it converted from.
+///            A program that converts nothing keeps nothing.
 /// Ownership: nothing that is passed in is kept. Source and destination do not overlap.
 /// Results:   the converters answer the number of units written, terminator not counted: bytes for
 ///            narrow targets, characters for XCP_WCHAR, 16-bit units for XCP_UTF16, XCP_UTF16BE
@@ -18,13 +18,13 @@
 ///            a positive 32-bit number is an invalid argument.
 /// Failures:  reported. A failed conversion leaves an empty, terminated destination (the terminator
 ///            cut to the destination's size); invalid arguments leave it untouched.
-/// Narrow:    a narrow target gets no terminator, although there must be room for one: hand in a
+/// Narrow:    a narrow target gets no terminator, although there must be room for one: pass a
 ///            zero-filled buffer.
 /// States:    a stateful target (XCP_ISO2022_JP, _KR, _CN) is not returned to its initial state.
 ///            XCP_UTF16 begins with a byte order mark.
 
-/// The code pages. The numbers are those of stored data and never change; the first two groups
-/// name partly the same pages.
+/// The code pages. The numbers are those of stored data and never change. The first two groups
+/// partly name the same pages.
 enum EN_XCP : int {
     // by script
     XCP_LATIN_ASCII = 0,
@@ -114,8 +114,8 @@ PZ_API int pz_wctomb(char* dst, unsigned int dst_size, const wchar_t* src, int s
 PZ_API int pz_wc16tomb(char* dst, unsigned int dst_size, EN_XCP to, const unsigned short* src,
                        int src_len, EN_XCP from);
 
-/// The likely code page of `size` bytes of `text`; XCP_NONE when there is none, or one that is
-/// known but not supported.
+/// The likely code page of `size` bytes of `text`; XCP_NONE when there is none, or when it is not
+/// supported.
 ///
 /// The best match wins, unless it is less certain than `threshold` (0 to 100) and `hint` is among
 /// the candidates: then the hint wins. XCP_NONE as the hint means no hint.

@@ -13,8 +13,8 @@
 /// Copies `src` with its terminator. `dstSize` is not enforced: `dst` must be large enough.
 PZ_API int pz_strcpy(char* dst, unsigned int dstSize, const char* src);
 
-/// Zeroes all `dstSize` bytes of `dst`, then copies at most `count` characters (at most `dstSize`
-/// is the caller's duty; no terminator is added when `src` is that long).
+/// Zeroes all `dstSize` bytes of `dst`, then copies at most `count` characters, which must not
+/// exceed `dstSize`. No terminator is added when `src` is that long.
 PZ_API int pz_strncpy(char* dst, unsigned int dstSize, const char* src, unsigned int count);
 
 /// Copies at most `count` wide characters, bounded despite the name; the rest up to `count` is
@@ -36,8 +36,8 @@ PZ_API unsigned int pz_wcsnlen(const wchar_t* s, unsigned int max);
 /// Compares without regard to case, at most `n` characters: 0 when equal, else the first differing
 /// character of `a` minus that of `b`, in lower case. 0x7FFFFFFF for null or `n` 0.
 ///
-/// Not symmetric: when `a`, not empty, is a prefix of `b`, they are equal; when `b` is one of `a`,
-/// `a` is greater.
+/// Not symmetric: a non-empty prefix `a` of `b` equals `b`; when `b` is a prefix of `a`, `a` is
+/// greater.
 PZ_API int pz_wcsnicmp(const wchar_t* a, const wchar_t* b, unsigned int n);
 
 /// True for code points below 128.
@@ -61,10 +61,10 @@ PZ_API long pz__wtol(const wchar_t* s);
 /// interrupted sleep, which is not resumed.
 PZ_API int pz_msleep(unsigned int ms);
 
-/// Sleeps `s` seconds, the same way; the milliseconds wrap above 4294967 seconds.
+/// Sleeps `s` seconds in the same way; above 4294967 seconds the milliseconds wrap.
 PZ_API int pz_sleep(unsigned int s);
 
-/// Writes the file systems' buffers to the disks.
+/// Writes all file systems to their disks, which takes long.
 PZ_API void pz_sync();
 
 /// The kernel's id of the process.
@@ -73,15 +73,13 @@ PZ_API pid_t pz_get_current_process_id();
 /// The kernel's id of the calling thread.
 PZ_API pid_t pz_get_current_thread_id();
 
-/// Starts `program` (searched in PATH) as a child process and stores its id in `*pidOut`. False
-/// for a null `program` or `pidOut`, and for a failed fork (reported). The caller waits for the
-/// child.
+/// Starts `program` (searched in PATH) as a child process and stores its id in `*pidOut`. False for
+/// a null `program` or `pidOut`, and for a failed fork (reported). Wait for the child yourself.
 ///
-/// Pass the program only: the arguments are not handed on. The program sees its own name and one
-/// word without meaning. A `program` of more than 15 characters is reported as an assertion, by
-/// the caller's process, and started when that is printed: the call waits as long as the standard
-/// output does. A program that cannot be executed ends the child with status 255 and a line on
-/// the standard error.
+/// Arguments are not passed on: the program gets its own name and one word without meaning. A
+/// `program` of more than 15 characters is reported as an assertion, by the caller's process, and
+/// started when that is printed: the call waits as long as the standard output does. A program that
+/// cannot be executed ends the child with status 255 and a line on the standard error.
 ///
 /// Any thread may call it, whatever the other threads do: until the program runs, the child makes
 /// system calls only. Output that was not written yet stays the caller's.

@@ -21,7 +21,7 @@ namespace test {
 /// Failures: without memory the constructor throws std::bad_alloc: it is for tests.
 class PZ_API ManualClock {
 public:
-    /// Stands at 0.
+    /// The time is 0.
     ManualClock();
     ~ManualClock();
 
@@ -31,7 +31,7 @@ public:
     /// The time since the start.
     std::chrono::milliseconds now() const;
 
-    /// Moves the time. Timers that come due on the way are posted to their workers, in order; the
+    /// Moves the time forward. Timers that become due are posted to their workers, in order; the
     /// workers serve them when the test says so. 0 posts what is due now; less does nothing.
     void advance(std::chrono::milliseconds by);
 

@@ -10,8 +10,8 @@
 
 namespace pz::test {
 
-/// A worker without a thread: the test serves it, one post at a time. Handed to whatever takes a
-/// pz::Worker&.
+/// A worker without a thread: the test serves it, one post at a time. Pass it to anything that
+/// takes a pz::Worker&.
 ///
 ///     pz::test::ManualClock clock;
 ///     pz::test::SyncWorker worker(clock);
@@ -35,15 +35,15 @@ public:
     bool run_one();
 
     /// Runs posts until there are none, those that come meanwhile included, and answers how many
-    /// it were; at most `limit`, for a function that posts itself again and again.
+    /// there were; at most `limit`, in case a function posts itself again and again.
     std::size_t run_all(std::size_t limit = 100000);
 
     /// Moves the clock from timer to timer, and runs everything that is posted, until `time` has
     /// passed. Answers how many posts were run. Other workers with the same clock are not served.
     std::size_t run_for(std::chrono::milliseconds time);
 
-    /// How many posts took longer than `options.watch_time`, by the test's clock: what they do
-    /// moves it.
+    /// How many posts took longer than `options.watch_time` by the test's clock, which they move
+    /// themselves.
     unsigned int overruns() const noexcept;
 };
 
