@@ -6,17 +6,12 @@
 #include <cerrno>
 #include <ctime>
 
-inline timespec pz_monotonic_now() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now;
-}
+#include <Framework/private/pz_time.h>
 
 /// What is left at `now` of `timeoutMs` milliseconds that began at `start`, rounded up.
 constexpr int pz_ms_left(int timeoutMs, const timespec& start, const timespec& now) {
-    constexpr long long kNsPerMs = 1000000;
     const long long elapsedNs =
-        (now.tv_sec - start.tv_sec) * 1000 * kNsPerMs + (now.tv_nsec - start.tv_nsec);
+        (now.tv_sec - start.tv_sec) * kNsPerSecond + (now.tv_nsec - start.tv_nsec);
     const long long leftNs = timeoutMs * kNsPerMs - elapsedNs;
     return leftNs > 0 ? static_cast<int>((leftNs + kNsPerMs - 1) / kNsPerMs) : 0;
 }

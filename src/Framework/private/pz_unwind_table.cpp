@@ -22,6 +22,44 @@ using Byte = unsigned char;
 constexpr uintptr_t kWord = sizeof(void*);
 constexpr unsigned int kWordBits = 8 * sizeof(void*);
 
+/// How an address is written in a table. The upper bits say what it is relative to.
+enum EN_ENCODING : Byte {
+    en_ENCODED_WORD = 0x00,  // as the machine's own
+    en_ENCODED_UNSIGNED_4 = 0x03,
+    en_ENCODED_UNSIGNED_8 = 0x04,
+    en_ENCODED_SIGNED_4 = 0x0B,
+    en_ENCODED_SIGNED_8 = 0x0C,
+    en_ENCODED_FORMAT = 0x0F,   // the bits of the above
+    en_ENCODED_ALIGNED = 0x50,  // whole
+};
+
+/// The instructions of a table, DW_CFA_... in the format's own description.
+enum EN_INSTRUCTION : Byte {
+    // In the upper two bits; the others are the operand.
+    en_ADVANCE = 1,
+    en_OFFSET = 2,
+    en_RESTORE = 3,
+    // Whole, where those are 0.
+    en_NOP = 0x00,
+    en_ADVANCE_1 = 0x02,
+    en_ADVANCE_2 = 0x03,
+    en_ADVANCE_4 = 0x04,
+    en_OFFSET_EXTENDED = 0x05,
+    en_RESTORE_EXTENDED = 0x06,
+    en_UNDEFINED = 0x07,
+    en_SAME_VALUE = 0x08,
+    en_REMEMBER_STATE = 0x0A,
+    en_RESTORE_STATE = 0x0B,
+    en_DEF_CFA = 0x0C,
+    en_DEF_CFA_REGISTER = 0x0D,
+    en_DEF_CFA_OFFSET = 0x0E,
+    en_DEF_CFA_EXPRESSION = 0x0F,
+    en_EXPRESSION = 0x10,
+    en_OFFSET_EXTENDED_SIGNED = 0x11,
+    en_VALUE_EXPRESSION = 0x16,
+    en_ARGUMENTS_SIZE = 0x2E,
+};
+
 /// Reads the parts of an entry one after the other.
 class Reader {
 public:
@@ -79,14 +117,14 @@ struct ST_COMMON {
 
 /// Size of an encoded address; 0 for encodings that no compiler uses for this machine.
 uintptr_t address_size(Byte encoding) {
-    switch (encoding & 0x0FU) {
-        case 0x00:  // as the machine's own
+    switch (encoding & en_ENCODED_FORMAT) {
+        case en_ENCODED_WORD:
             return kWord;
-        case 0x04:
-        case 0x0C:
+        case en_ENCODED_UNSIGNED_8:
+        case en_ENCODED_SIGNED_8:
             return 8;
-        case 0x03:
-        case 0x0B:
+        case en_ENCODED_UNSIGNED_4:
+        case en_ENCODED_SIGNED_4:
             return 4;
         default:
             return 0;
@@ -120,7 +158,7 @@ bool read_common(const Byte* begin, ST_COMMON& common) {
             reader.Skip(1);
         } else if (*letter == 'P') {
             const Byte encoding = reader.Take<Byte>();
-            if (encoding == 0x50 || address_size(encoding) == 0) return false;
+            if (encoding == en_ENCODED_ALIGNED || address_size(encoding) == 0) return false;
             reader.Skip(address_size(encoding));
         } else {
             return false;
@@ -157,11 +195,11 @@ private:
         const Byte code = reader.Take<Byte>();
         const uintptr_t operand = code & 0x3FU;
         switch (code >> 6U) {
-            case 1:
+            case en_ADVANCE:
                 return Advance(operand);
-            case 2:
+            case en_OFFSET:
                 return Save(operand, static_cast<intptr_t>(reader.TakeUnsigned()));
-            case 3:
+            case en_RESTORE:
                 return Restore(operand);
             default:
                 return StepExtended(code, reader);
@@ -171,52 +209,52 @@ private:
     bool StepExtended(Byte code, Reader& reader) {
         uintptr_t reg = 0;
         switch (code) {
-            case 0x00:  // nothing
+            case en_NOP:
                 return true;
-            case 0x02:
+            case en_ADVANCE_1:
                 return Advance(reader.Take<uint8_t>());
-            case 0x03:
+            case en_ADVANCE_2:
                 return Advance(reader.Take<uint16_t>());
-            case 0x04:
+            case en_ADVANCE_4:
                 return Advance(reader.Take<uint32_t>());
-            case 0x05:
+            case en_OFFSET_EXTENDED:
                 reg = reader.TakeUnsigned();
                 return Save(reg, static_cast<intptr_t>(reader.TakeUnsigned()));
-            case 0x06:
+            case en_RESTORE_EXTENDED:
                 return Restore(reader.TakeUnsigned());
-            case 0x07:
+            case en_UNDEFINED:
                 return Undefine(reader.TakeUnsigned());
-            case 0x08:
+            case en_SAME_VALUE:
                 return Restore(reader.TakeUnsigned(), ST_PZ_UNWIND_RULES{});
-            case 0x0A:
+            case en_REMEMBER_STATE:
                 return Remember();
-            case 0x0B:
+            case en_RESTORE_STATE:
                 return Recall();
-            case 0x0C:
+            case en_DEF_CFA:
                 rules_.cfaRegister = reader.TakeUnsigned();
                 rules_.cfaOffset = static_cast<intptr_t>(reader.TakeUnsigned());
                 rules_.cfaExpression = nullptr;
                 return true;
-            case 0x0D:
+            case en_DEF_CFA_REGISTER:
                 rules_.cfaRegister = reader.TakeUnsigned();
                 return true;
-            case 0x0E:
+            case en_DEF_CFA_OFFSET:
                 rules_.cfaOffset = static_cast<intptr_t>(reader.TakeUnsigned());
                 return true;
-            case 0x0F:
+            case en_DEF_CFA_EXPRESSION:
                 rules_.cfaExpressionSize = reader.TakeUnsigned();
                 rules_.cfaExpression = reader.At();
                 reader.Skip(rules_.cfaExpressionSize);
                 return true;
-            case 0x10:  // expressions, for other registers only
-            case 0x16:
+            case en_EXPRESSION:  // for other registers only
+            case en_VALUE_EXPRESSION:
                 reg = reader.TakeUnsigned();
                 reader.Skip(reader.TakeUnsigned());
                 return !IsNeeded(reg);
-            case 0x11:
+            case en_OFFSET_EXTENDED_SIGNED:
                 reg = reader.TakeUnsigned();
                 return Save(reg, reader.TakeSigned());
-            case 0x2E:  // size of the arguments on the stack
+            case en_ARGUMENTS_SIZE:
                 reader.TakeUnsigned();
                 return true;
             default:

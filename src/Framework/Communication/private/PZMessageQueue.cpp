@@ -18,6 +18,7 @@
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_descriptor.h>
 #include <Framework/private/pz_probes.h>
+#include <Framework/private/pz_time.h>
 #include <Framework/private/pz_uncancelled.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
@@ -36,7 +37,7 @@ constexpr mode_t kQueueMode = 0666;
 constexpr unsigned int kMostUrgent = 255;  // of the system; the caller's priority 0
 constexpr int kCapacity = 64;              // of the queues of <0> and <1>
 constexpr unsigned int kWatchTimeMs = 4000;
-constexpr long kRetryPauseNs = 100000000;  // 100 ms
+constexpr long kRetryPauseNs = 100 * kNsPerMs;
 
 static_assert(std::is_same_v<mqd_t, int>, "the header says so without the system's header");
 static_assert(sizeof(PZMessageQueue<2>) == 1064, "record layout: 4 + 33 + 1025, padded");

@@ -59,6 +59,15 @@ Record* record_at(const PZInspectionAddress& address) {
     return static_cast<Record*>(const_cast<PZInspectedLink*>(link));
 }
 
+/// Calls `visit` with every record of a list.
+template <typename Record, typename Visit>
+void for_each_record(const PZInspectionAddress& list, Visit visit) {
+    for (auto* record = record_at<Record>(list); record != nullptr;
+         record = record_at<Record>(record->next)) {
+        visit(*record);
+    }
+}
+
 /// The first record of a list whose thread this is; null without one.
 [[gnu::noinline]] PZInspectedLink* record_of(const PZInspectionAddress& list,
                                              std::uint32_t tid) noexcept {
@@ -107,17 +116,14 @@ public:
 
     void ReadRunning() noexcept PZ_REQUIRES(pz_inspection_lock) {
         ReadNotifying();
-        for (const auto* box = record_at<PZInspectedBox>(pz_inspection.boxes); box != nullptr;
-             box = record_at<PZInspectedBox>(box->next)) {
-            AddOverdue(PZSupervisor::en_HANDLER, *box, box->dispatcher,
-                       pz_inspect_get(box->served) + pz_inspect_get(box->servedEvents),
-                       box->beganMs);
-        }
-        for (const auto* band = record_at<PZInspectedBand>(pz_inspection.bands); band != nullptr;
-             band = record_at<PZInspectedBand>(band->next)) {
-            AddOverdue(PZSupervisor::en_TIMER, *band, band->timer, pz_inspect_get(band->fired),
-                       band->beganMs);
-        }
+        for_each_record<PZInspectedBox>(pz_inspection.boxes, [this](const PZInspectedBox& box) {
+            AddOverdue(PZSupervisor::en_HANDLER, box, box.dispatcher,
+                       pz_inspect_get(box.served) + pz_inspect_get(box.servedEvents), box.beganMs);
+        });
+        for_each_record<PZInspectedBand>(pz_inspection.bands, [this](const PZInspectedBand& band) {
+            AddOverdue(PZSupervisor::en_TIMER, band, band.timer, pz_inspect_get(band.fired),
+                       band.beganMs);
+        });
         const auto* queue =
             static_cast<const PZInspectedQueue*>(pz_inspect_get(pz_inspection.queues));
         for (std::uint32_t i = pz_inspection.queueCount; i > 0; --i, ++queue) {
@@ -135,24 +141,27 @@ public:
     /// A box refuses from its first refusal until it has refused nothing for an interval, and is
     /// not full any more. Refusals of before the supervision count while it is full.
     void ReadRefusals(bool isFirst) noexcept PZ_REQUIRES(pz_inspection_lock) {
-        for (auto* box = record_at<PZInspectedBox>(pz_inspection.boxes); box != nullptr;
-             box = record_at<PZInspectedBox>(box->next)) {
-            PZInspectedPosts& posts = pz_inspected_posts(*box);
-            const std::uint32_t refused = pz_inspect_get(posts.refused);
-            const auto known = static_cast<std::uint16_t>(refused);
-            const bool isNew = pz_inspect_get(posts.refusedKnown) != known;
-            const bool isFull = pz_inspected_pending(*box) >= kCapacity ||
-                                pz_inspect_get(posts.events) >= kCapacity;
-            pz_inspect_set(posts.refusedKnown, known);
-            Describe(PZSupervisor::en_REFUSAL, box, box, 0, pz_inspect_get(box->tid));
-            row_.sinceMs = pz_inspection_now();
-            row_.finding.refused = refused;
-            row_.finding.worker = static_cast<int>(pz_inspect_get(box->number));
-            if (isFull ? isNew || open_.Find(row_) != nullptr : isNew && !isFirst) Keep();
-        }
+        for_each_record<PZInspectedBox>(pz_inspection.boxes, [this, isFirst](PZInspectedBox& box) {
+            ReadRefusal(box, isFirst);
+        });
     }
 
 private:
+    void ReadRefusal(PZInspectedBox& box, bool isFirst) noexcept {
+        PZInspectedPosts& posts = pz_inspected_posts(box);
+        const std::uint32_t refused = pz_inspect_get(posts.refused);
+        const auto known = static_cast<std::uint16_t>(refused);
+        const bool isNew = pz_inspect_get(posts.refusedKnown) != known;
+        const bool isFull =
+            pz_inspected_pending(box) >= kCapacity || pz_inspect_get(posts.events) >= kCapacity;
+        pz_inspect_set(posts.refusedKnown, known);
+        Describe(PZSupervisor::en_REFUSAL, &box, &box, 0, pz_inspect_get(box.tid));
+        row_.sinceMs = pz_inspection_now();
+        row_.finding.refused = refused;
+        row_.finding.worker = static_cast<int>(pz_inspect_get(box.number));
+        if (isFull ? isNew || open_.Find(row_) != nullptr : isNew && !isFirst) Keep();
+    }
+
     /// Subjects that other threads than those of boxes, bands and queues notify. When they began is
     /// not noted anywhere: it counts from the first look that sees them.
     void ReadNotifying() noexcept PZ_REQUIRES(pz_inspection_lock) {

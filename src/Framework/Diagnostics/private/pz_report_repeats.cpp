@@ -1,7 +1,8 @@
 #include "pz_report_repeats.h"
 
 #include <cstring>
-#include <ctime>
+
+#include <Framework/private/pz_time.h>
 
 namespace {
 
@@ -13,14 +14,6 @@ ST_REPORT last PZ_GUARDED_BY(pz_report_mutex) = {};                 // its text 
 unsigned int count PZ_GUARDED_BY(pz_report_mutex) = 0;              // not told yet
 long long toldMs PZ_GUARDED_BY(pz_report_mutex) = 0;  // when it, or a count of it, was printed
 bool isEnding PZ_GUARDED_BY(pz_report_mutex) = false;
-
-long long now_ms() {
-    constexpr long long kMsPerSecond = 1000;
-    constexpr long kNsPerMs = 1000000;
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * kMsPerSecond + now.tv_nsec / kNsPerMs;
-}
 
 bool ends_with_line_feed(const char* text) {
     const size_t length = std::strlen(text);
@@ -49,7 +42,7 @@ void remember_locked(const ST_REPORT& report, long long nowMs) PZ_REQUIRES(pz_re
 
 bool pz_count_report(const ST_REPORT& report, ST_REPETITIONS& due) {
     const bool canRepeat = !report.isPlain && ends_with_line_feed(report.text);
-    const long long nowMs = now_ms();
+    const long long nowMs = pz_ms_of(pz_monotonic_now());
     const PZMutexLock lock(pz_report_mutex);
     if (!canRepeat || isEnding || std::strcmp(lastText, report.text) != 0) {
         take_locked(due);

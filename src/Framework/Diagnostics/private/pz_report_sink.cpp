@@ -9,6 +9,7 @@
 #include <ctime>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_time.h>
 #include <Framework/private/pz_uncancelled.h>
 
 namespace {
@@ -67,10 +68,9 @@ bool runs_before_locked(unsigned int round) PZ_REQUIRES(pz_report_mutex) {
 }
 
 long long now_ns() {
-    constexpr long long kNsPerSecond = 1000000000;
     timespec now = {};
     if (clock_gettime(CLOCK_REALTIME, &now) != 0) return 0;
-    return now.tv_sec * kNsPerSecond + now.tv_nsec;
+    return pz_ns_of(now);
 }
 
 const char* or_empty(const char* text) {

@@ -14,6 +14,7 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_standard_descriptors.h>
+#include <Framework/private/pz_time.h>
 #include <Framework/private/pz_uncancelled.h>
 
 #include "PZErrnoKeeper.h"
@@ -121,14 +122,14 @@ bool has_colours(unsigned int way, FILE* stream) {
 }
 
 void add_time(PZReportLine& head) {
-    constexpr long kNsPerMs = 1000000;
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local = {};
     localtime_r(&now.tv_sec, &local);
     char text[40];
     const size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    std::snprintf(text + length, sizeof text - length, ".%03ld ", now.tv_nsec / kNsPerMs);
+    std::snprintf(text + length, sizeof text - length, ".%03ld ",
+                  static_cast<long>(now.tv_nsec / kNsPerMs));
     head.Add(text);
 }
 

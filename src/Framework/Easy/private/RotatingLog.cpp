@@ -18,6 +18,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/private/PZMutex.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_time.h>
 #include <Framework/private/pz_write_whole.h>
 
 #include "WorkerCore.h"
@@ -48,7 +49,7 @@ std::size_t print_time(char (&text)[32]) {
     tm local = {};
     ::localtime_r(&now.tv_sec, &local);
     const std::size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    const int ms = static_cast<int>(now.tv_nsec / 1000000);
+    const int ms = static_cast<int>(now.tv_nsec / kNsPerMs);
     return length + static_cast<std::size_t>(
                         std::snprintf(text + length, sizeof text - length, ".%03d ", ms));
 }

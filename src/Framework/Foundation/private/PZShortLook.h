@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include <Framework/private/pz_epoll_wait.h>
+#include <Framework/private/pz_time.h>
 
 /// A loop's look for more work before it falls asleep: on several processors the next post is often
 /// under way, and a sleep with its wake-up takes longer than to wait for it awake.

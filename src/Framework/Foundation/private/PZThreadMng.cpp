@@ -17,6 +17,7 @@
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_counted_priorities.h>
 #include <Framework/private/pz_stream.h>
+#include <Framework/private/pz_time.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 
@@ -276,7 +277,7 @@ void PZThreadMng::checkThreadStatus() PZ_NO_THREAD_SAFETY_ANALYSIS {
         timespec used = {};
         // Stored only when the clock cannot be read, on purpose: run times stay 0 in practice.
         if (clock_gettime(clock, &used) == 0) continue;
-        info.runtime = static_cast<int>(used.tv_sec * 1000LL + used.tv_nsec / 1000000);
+        info.runtime = static_cast<int>(pz_ms_of(used));
     }
 }
 

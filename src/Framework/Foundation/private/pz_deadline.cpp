@@ -2,14 +2,12 @@
 
 #include <limits>
 
+#include <Framework/private/pz_time.h>
+
 namespace {
 
 /// False when the clock cannot tell its time, or the sum does not fit.
 bool add_to_now(clockid_t clock, unsigned int timeoutMs, timespec& deadline) {
-    constexpr unsigned int kMsPerSecond = 1000;
-    constexpr long long kNsPerMs = 1000000;
-    constexpr long long kNsPerSecond = 1000000000;
-
     timespec now = {};
     if (clock_gettime(clock, &now) != 0) return false;
     const long long ns = now.tv_nsec + (timeoutMs % kMsPerSecond) * kNsPerMs;

@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_time.h>
 #include <Framework/private/pz_uncancelled.h>
 
 /// A counter in the kernel for a loop of the library, above 2 and close-on-exec; not open, with
@@ -27,7 +28,7 @@ inline int pz_add_to_loop_signal(const PZDescriptor& signal, std::uint64_t value
 
 /// 100 milliseconds, for a loop that is to try again: the cause of a failure may last.
 inline void pz_pause_after_failure() {
-    const timespec pause = {0, 100000000};
+    const timespec pause = {0, 100 * kNsPerMs};
     nanosleep(&pause, nullptr);
 }
 

@@ -16,6 +16,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_child.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_time.h>
 
 namespace {
 
@@ -168,10 +169,8 @@ long pz__wtol(const wchar_t* s) {
 }
 
 int pz_msleep(unsigned int ms) {
-    constexpr unsigned int kMsPerSecond = 1000;
-    constexpr long kNsPerMs = 1000000;
     const timespec time = {static_cast<time_t>(ms / kMsPerSecond),
-                           static_cast<long>(ms % kMsPerSecond) * kNsPerMs};
+                           static_cast<long>(ms % kMsPerSecond * kNsPerMs)};
     return nanosleep(&time, nullptr);
 }
 
