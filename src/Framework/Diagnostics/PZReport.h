@@ -2,7 +2,7 @@
 #define PZ_FRAMEWORK_DIAGNOSTICS_PZREPORT_H
 
 /// @file
-/// Reports that name the place they come from.
+/// Reports that name the place they come from. Any thread may report at any time.
 
 #include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/PZApi.h>

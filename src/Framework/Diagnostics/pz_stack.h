@@ -4,7 +4,8 @@
 #include <Framework/PZApi.h>
 
 /// @file
-/// Entry points of stack accounting. They are kept for callers and account nothing.
+/// Entry points of stack accounting. They are kept for callers and account nothing. Any thread may
+/// call them.
 
 /// Does nothing.
 PZ_API void pz_InitStack();
