@@ -6,7 +6,8 @@
 /// Holds a PZSync from construction, without a time limit, to the end of the scope.
 ///
 /// Unlocks only what it acquired: a lock that could not be created is reported once and the section
-/// runs without it. Keeps a reference: the PZSync must outlive it. One object belongs to one thread.
+/// runs without it. Keeps a reference: the PZSync must outlive it. An object belongs to one
+/// thread.
 class PZ_SCOPED_CAPABILITY PZSyncLock {
 public:
     /// Waits for the lock without a time limit.
