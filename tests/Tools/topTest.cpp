@@ -2,16 +2,17 @@
 #include <grp.h>
 #include <poll.h>
 #include <pty.h>
-#include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -30,32 +31,48 @@ using pztest::JsonValue;
 
 constexpr char kTop[] = "'" PZ_TOP "' ";
 
+/// A pipe whose ends close with it, and that no program started meanwhile gets.
+class Pipe {
+public:
+    Pipe() {
+        if (pipe2(ends_, O_CLOEXEC) != 0) std::abort();
+    }
+    ~Pipe() {
+        Close(0);
+        Close(1);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    int ReadEnd() const { return ends_[0]; }
+    int WriteEnd() const { return ends_[1]; }
+    void CloseReadEnd() { Close(0); }
+    void CloseWriteEnd() { Close(1); }
+
+private:
+    void Close(int end) {
+        if (ends_[end] != -1) close(ends_[end]);
+        ends_[end] = -1;
+    }
+
+    int ends_[2] = {-1, -1};
+};
+
 /// A running top_program; ends with this object.
 class Program {
 public:
     explicit Program(const std::string& mode, const std::string& name = "pz_top_test",
                      const std::string& file = PZ_TOP_PROGRAM) {
-        int in[2] = {-1, -1};
-        int out[2] = {-1, -1};
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) std::abort();
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(in[0], STDIN_FILENO);
-            dup2(out[1], STDOUT_FILENO);
-            execl(file.c_str(), "top_program", mode.c_str(), name.c_str(), nullptr);
-            _exit(127);
-        }
-        close(in[0]);
-        close(out[1]);
-        in_ = in[1];
-        out_ = out[0];
+        process_.emplace([&] {
+            dup2(in_.ReadEnd(), STDIN_FILENO);
+            dup2(out_.WriteEnd(), STDOUT_FILENO);
+            return execl(file.c_str(), "top_program", mode.c_str(), name.c_str(), nullptr);
+        });
+        pid_ = process_->Pid();
+        in_.CloseReadEnd();
+        out_.CloseWriteEnd();
     }
-    ~Program() {
-        End();
-        close(out_);
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
+    ~Program() { End(); }
 
     pid_t Pid() const { return pid_; }
     std::string PidText() const { return std::to_string(pid_); }
@@ -63,7 +80,7 @@ public:
     /// What it has counted itself, when it has done its work; aborts when it never comes so far.
     std::string Counted() {
         std::string line;
-        for (char byte = 0; read(out_, &byte, 1) == 1;) {
+        for (char byte = 0; read(out_.ReadEnd(), &byte, 1) == 1;) {
             if (byte != '\n') {
                 line += byte;
             } else if (line.compare(0, 6, "ready ") == 0) {
@@ -77,25 +94,18 @@ public:
 
     /// Ends it by itself.
     void End() {
-        if (in_ != -1) close(in_);
-        in_ = -1;
-        Reap();
+        in_.CloseWriteEnd();
+        if (process_) process_->Wait();
+        process_.reset();
     }
 
-    void Kill() {
-        kill(pid_, SIGKILL);
-        Reap();
-    }
+    void Kill() { process_.reset(); }
 
 private:
-    void Reap() {
-        if (pid_ > 0) waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
-
+    Pipe in_;
+    Pipe out_;
+    std::optional<pztest::ChildProcess> process_;
     pid_t pid_ = -1;
-    int in_ = -1;
-    int out_ = -1;
 };
 
 pztest::CommandResult top(const std::string& arguments) {
@@ -140,8 +150,8 @@ std::string line_with(const std::string& text, const std::string& part) {
 }
 
 /// What pz-top prints to a terminal, with a shell's "script".
-std::string on_terminal(const std::string& arguments) {
-    return pztest::run_command("TERM=xterm script -qec \"" + std::string(kTop) + arguments +
+std::string on_terminal(const std::string& arguments, const std::string& term = "xterm") {
+    return pztest::run_command("TERM=" + term + " script -qec \"" + std::string(kTop) + arguments +
                                "\" /dev/null </dev/null")
         .output;
 }
@@ -189,6 +199,16 @@ TEST(topTest, TellsOfAHungWorkerWhatItCountedItself) {
     EXPECT_EQ(42, worker.At("running").At("id").number);
     EXPECT_EQ(dispatcher, worker.At("running").At("dispatcher").text);
     EXPECT_LT(200, worker.At("running").At("for_ms").number);
+}
+
+TEST(topTest, PrintsNoColoursToATerminalThatHasNone) {
+    Program program("hang");
+    program.Counted();
+    for (const char* const term : {"dumb", ""}) {
+        const std::string shown = on_terminal("--once --interval 50 " + program.PidText(), term);
+        EXPECT_TRUE(contains(shown, "audio")) << shown;
+        EXPECT_FALSE(contains(shown, "\033")) << shown;
+    }
 }
 
 TEST(topTest, TellsTheBitsOfAnEventThatHangs) {
@@ -525,58 +545,99 @@ TEST(topTest, ReadsAProcessWhoseLibraryFileIsGone) {
     EXPECT_EQ(77, json_of(program.PidText()).At("id").number);
 }
 
+TEST(topTest, LooksAtAProcessWhoseFirstThreadHasEnded) {
+    Program program("leave");
+    program.Counted();
+    ASSERT_TRUE(pztest::wait_until([&program] {
+        const std::string stat = pztest::read_file("/proc/" + program.PidText() + "/stat");
+        return contains(stat, ") Z ");
+    }));
+    const JsonValue process = json_of(program.PidText());
+    EXPECT_EQ("pz_top_test", process.At("name").text);
+    EXPECT_EQ(1, process.At("complete").number);
+    EXPECT_FALSE(is_null(process.At("descriptors")));
+    EXPECT_FALSE(is_null(process.At("private_bytes")));
+    EXPECT_EQ(10, named(process.At("threads"), "audio").At("worker").At("served").number);
+    const JsonValue& first = process.At("threads").members[0].second;
+    EXPECT_EQ(program.Pid(), first.At("tid").number);
+    EXPECT_EQ("Z", first.At("state").text);
+}
+
+TEST(topTest, LooksAtTheLibraryThatIsUsedWhenThereAreTwo) {
+    std::vector<std::string> second = {PZ_TOP_OTHER_LIBRARY};  // as of another release
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    const pztest::TempDir folder;
+    second.push_back(folder.File("libpzframework_copy.so"));
+    ASSERT_EQ(0, pztest::run_command("cp -L '" PZ_LIBRARY "' '" + second.back() + "'").status);
+#endif
+    for (const std::string& library : second) {
+        Program program("plugin", library);
+        program.Counted();
+        ASSERT_TRUE(contains(pztest::read_file("/proc/" + program.PidText() + "/maps"), library));
+        const JsonValue process = json_of(program.PidText());
+        EXPECT_EQ("pz_top_test", process.At("name").text);
+        EXPECT_EQ(10, named(process.At("threads"), "audio").At("worker").At("served").number);
+    }
+}
+
 #ifdef PZ_TOP_HAS_SCREEN
 namespace {
 
-/// pz-top on a terminal of its own.
+/// pz-top on a terminal of its own; with its input from somewhere else on request.
 class Screen {
 public:
-    explicit Screen(const std::string& target) {
-        const winsize size = {40, 150, 0, 0};
-        pid_ = forkpty(&terminal_, nullptr, nullptr, &size);
-        if (pid_ == 0) {
-            setenv("TERM", "xterm", 1);
-            execl(PZ_TOP, "pz-top", "--interval", "50", target.c_str(), nullptr);
-            _exit(127);
-        }
+    explicit Screen(const std::string& target, const winsize& size = {40, 150, 0, 0},
+                    const char* term = "xterm", const char* input = nullptr) {
+        int program = -1;
+        if (openpty(&terminal_, &program, nullptr, nullptr, &size) != 0) std::abort();
+        process_.emplace([=, &target] {
+            close(terminal_);
+            login_tty(program);
+            setenv("TERM", term, 1);
+            if (input != nullptr) dup2(open(input, O_RDONLY), STDIN_FILENO);
+            return execl(PZ_TOP, "pz-top", "--interval", "50", target.c_str(), nullptr);
+        });
+        close(program);
     }
     ~Screen() {
         close(terminal_);
-        if (pid_ > 0) kill(pid_, SIGKILL);
-        if (pid_ > 0) waitpid(pid_, nullptr, 0);
+        process_.reset();
     }
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
+    void Resize(const winsize& size) const { EXPECT_EQ(0, ioctl(terminal_, TIOCSWINSZ, &size)); }
     void Press(char key) const { EXPECT_EQ(1, write(terminal_, &key, 1)); }
 
     /// Whether the text comes to the screen from now on.
-    bool Shows(const std::string& text) const {
+    bool Shows(const std::string& text) const { return contains(ShownUntil(text), text); }
+
+    /// What comes to the screen from now on, up to the text, or as far as it comes.
+    std::string ShownUntil(const std::string& text) const {
         std::string shown;
         for (char part[4096]; !contains(shown, text);) {
             pollfd ready = {terminal_, POLLIN, 0};
             constexpr int kLimitMs = 20000;
-            if (poll(&ready, 1, kLimitMs) != 1) return false;
+            if (poll(&ready, 1, kLimitMs) != 1) break;
             const ssize_t size = read(terminal_, part, sizeof part);
-            if (size <= 0) return false;
+            if (size <= 0) break;
             shown.append(part, static_cast<std::size_t>(size));
         }
-        return true;
+        return shown;
     }
 
-    /// How it ends by itself: its exit status.
-    int Status() {
-        char rest[4096];
-        while (read(terminal_, rest, sizeof rest) > 0) {
-        }
-        int status = -1;
-        waitpid(std::exchange(pid_, -1), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    /// How it ends by itself: its exit status, and what it has shown meanwhile.
+    int Status(std::string* shown = nullptr) {
+        const std::string rest = ShownUntil("\n no such text");
+        if (shown != nullptr) *shown = rest;
+        const int status = process_->Wait();
+        process_.reset();
+        return status;
     }
 
 private:
     int terminal_ = -1;
-    pid_t pid_ = -1;
+    std::optional<pztest::ChildProcess> process_;
 };
 
 }  // namespace
@@ -596,6 +657,43 @@ TEST(topScreenTest, ObeysItsKeys) {
     EXPECT_TRUE(screen.Shows("TimerSubMng_"));
     screen.Press('q');
     EXPECT_EQ(0, screen.Status());
+}
+
+TEST(topScreenTest, CutsWhatIsWiderThanTheTerminal) {
+    Program program("hang");
+    program.Counted();
+    Screen screen(program.PidText(), {10, 40, 0, 0});
+    // The first line is longer, and would go on in the second one, which is empty.
+    const std::string shown = screen.ShownUntil("sorted by name");
+    EXPECT_TRUE(contains(shown, "descript")) << shown;
+    EXPECT_FALSE(contains(shown, "private")) << shown;
+    EXPECT_TRUE(contains(shown, "THREAD")) << shown;
+    EXPECT_FALSE(contains(shown, "WATCH")) << shown;
+    screen.Resize({40, 150, 0, 0});
+    EXPECT_TRUE(screen.Shows("private memory"));
+    for (const winsize& size : {winsize{1, 1, 0, 0}, winsize{2, 5, 0, 0}}) screen.Resize(size);
+    screen.Press('q');
+    EXPECT_EQ(0, screen.Status());
+}
+
+TEST(topScreenTest, RefusesWhatCannotShowAScreenOrHasNoKeys) {
+    Program program("idle");
+    program.Counted();
+    const std::string refusal = "pz-top: this terminal cannot show a screen; try --once\r\n";
+    for (const char* const term : {"dumb", "", "no-such-terminal"}) {
+        std::string shown;
+        Screen screen(program.PidText(), {24, 80, 0, 0}, term);
+        EXPECT_EQ(2, screen.Status(&shown)) << term;
+        EXPECT_TRUE(contains(shown, refusal)) << term << shown;
+        EXPECT_FALSE(contains(shown, "\033")) << term;
+    }
+    std::string shown;
+    Screen noKeys(program.PidText(), {24, 80, 0, 0}, "xterm", "/dev/null");
+    EXPECT_EQ(2, noKeys.Status(&shown));
+    EXPECT_EQ("pz-top: the standard input or output is no terminal; try --once\r\n", shown);
+    const auto piped = pztest::run_command("TERM=xterm " + std::string(kTop) + program.PidText() +
+                                           " 2>&1 </dev/null; echo $?");
+    EXPECT_EQ("pz-top: the standard input or output is no terminal; try --once\n2\n", piped.output);
 }
 
 TEST(topScreenTest, KeepsTheLastTableOfAProcessThatHasEnded) {

@@ -3,7 +3,9 @@
 //
 //   top_program MODE [NAME]
 
+#include <dlfcn.h>
 #include <mqueue.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <time.h>
 #include <unistd.h>
@@ -118,6 +120,21 @@ void serve() {
         }
     });
     tell("");
+}
+
+/// Serves ten messages.
+void serve_ten() {
+    static Worker audio;
+    for (unsigned int i = 0; i < 10; ++i) audio.Post(i);
+    while (audio.unit.messages != 10) nap(1);
+    tell("");
+}
+
+/// Goes on without its first thread.
+[[noreturn]] void leave() {
+    serve_ten();
+    static std::thread waiting(wait_for_the_end);
+    pthread_exit(nullptr);
 }
 
 /// A timer of 20 milliseconds, whose third callback takes 150 and whose fifth hangs.
@@ -242,11 +259,15 @@ int main(int argc, char** argv) {
     const std::string name = argc > 2 ? argv[2] : "pz_top_test";
     std::setvbuf(stdout, nullptr, _IONBF, 0);
     if (mode == "end") return 0;
-    if (pz_FwInitialize(name.c_str(), 77) == 0) return 1;
+    if (mode == "plugin" && dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL) == nullptr) return 1;
+    const bool isNamed = mode != "plugin";
+    if (pz_FwInitialize(isNamed ? name.c_str() : "pz_top_test", 77) == 0) return 1;
     if (mode == "hang") hang(false);
     if (mode == "hang-event") hang(true);
     if (mode == "flood") flood();
     if (mode == "serve") serve();
+    if (mode == "plugin") serve_ten();
+    if (mode == "leave") leave();
     if (mode == "timers") timers();
     if (mode == "locks") locks();
     if (mode == "queues") queues(name);

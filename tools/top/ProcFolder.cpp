@@ -84,6 +84,10 @@ constexpr std::size_t kState = 0;
 constexpr std::size_t kNice = 16;
 constexpr std::size_t kStartTime = 19;
 
+bool is_zombie(const std::vector<std::string>& fields) {
+    return fields.size() > kState && fields[kState] == "Z";
+}
+
 std::uint64_t number(const std::string& text) {
     return std::strtoull(text.c_str(), nullptr, 10);
 }
@@ -95,7 +99,22 @@ std::string without_newline(std::string text) {
 
 }  // namespace
 
-ProcFolder::ProcFolder(pid_t pid) : pid_(pid), folder_("/proc/" + std::to_string(pid) + "/") {}
+ProcFolder::ProcFolder(pid_t pid)
+    : pid_(pid),
+      folder_("/proc/" + std::to_string(pid) + "/"),
+      living_(FindLiving()),
+      shared_(living_ == pid ? folder_ : folder_ + "task/" + std::to_string(living_) + "/") {}
+
+pid_t ProcFolder::FindLiving() const {
+    if (!is_zombie(fields_of_stat(Contents("stat").value_or("")))) return pid_;
+    const auto tids = numbers_in(folder_ + "task").value_or(std::vector<std::uint32_t>());
+    for (const std::uint32_t tid : tids) {
+        const std::string stat = "task/" + std::to_string(tid) + "/stat";
+        const auto fields = fields_of_stat(Contents(stat).value_or(""));
+        if (!fields.empty() && !is_zombie(fields)) return static_cast<pid_t>(tid);
+    }
+    return pid_;
+}
 
 std::optional<std::string> ProcFolder::Contents(const std::string& name) const {
     return contents_of(folder_ + name);
@@ -103,8 +122,8 @@ std::optional<std::string> ProcFolder::Contents(const std::string& name) const {
 
 std::uint64_t ProcFolder::StartTime() const {
     const auto fields = fields_of_stat(Contents("stat").value_or(""));
-    constexpr char kZombie[] = "Z";
-    return fields.size() > kStartTime && fields[kState] != kZombie ? number(fields[kStartTime]) : 0;
+    const bool isGone = living_ == pid_ && is_zombie(fields);
+    return fields.size() > kStartTime && !isGone ? number(fields[kStartTime]) : 0;
 }
 
 std::string ProcFolder::Name() const {
@@ -112,11 +131,11 @@ std::string ProcFolder::Name() const {
 }
 
 std::string ProcFolder::Program() const {
-    return target_of(folder_ + "exe");
+    return target_of(shared_ + "exe");
 }
 
 std::optional<std::string> ProcFolder::Maps() const {
-    return Contents("maps");
+    return contents_of(shared_ + "maps");
 }
 
 std::vector<TaskInfo> ProcFolder::Tasks() const {
@@ -148,19 +167,20 @@ std::vector<TaskInfo> ProcFolder::Tasks() const {
 }
 
 std::optional<std::uint64_t> ProcFolder::Descriptors() const {
-    const auto numbers = numbers_in(folder_ + "fd");
+    const auto numbers = numbers_in(shared_ + "fd");
     if (!numbers) return {};
     return numbers->size();
 }
 
 std::optional<std::uint64_t> ProcFolder::DescriptorLimit() const {
-    const auto words = words_of_line(Contents("limits").value_or(""), "Max open files");
+    const auto words =
+        words_of_line(contents_of(shared_ + "limits").value_or(""), "Max open files");
     if (!words || words->empty() || words->front() == "unlimited") return {};
     return number(words->front());
 }
 
 std::optional<std::uint64_t> ProcFolder::PrivateBytes() const {
-    const auto rollup = Contents("smaps_rollup");
+    const auto rollup = contents_of(shared_ + "smaps_rollup");
     if (!rollup) return {};
     std::uint64_t sum = 0;
     for (const char* line : {"Private_Clean:", "Private_Dirty:"}) {
@@ -172,7 +192,7 @@ std::optional<std::uint64_t> ProcFolder::PrivateBytes() const {
 }
 
 bool ProcFolder::HasOurQueues() const {
-    const std::string theirs = target_of(folder_ + "ns/ipc");
+    const std::string theirs = target_of(shared_ + "ns/ipc");
     return !theirs.empty() && theirs == target_of("/proc/self/ns/ipc");
 }
 

@@ -27,6 +27,10 @@ public:
 
     pid_t Pid() const { return pid_; }
 
+    /// A thread that still has the process's memory: the first one, unless that has ended before
+    /// the others.
+    pid_t Living() const { return living_; }
+
     /// When the process was started; 0: it is gone. Tells it from a later one with the same number.
     std::uint64_t StartTime() const;
 
@@ -50,10 +54,13 @@ public:
     bool HasOurQueues() const;
 
 private:
+    pid_t FindLiving() const;
     std::optional<std::string> Contents(const std::string& name) const;
 
     const pid_t pid_;
     const std::string folder_;
+    const pid_t living_;
+    const std::string shared_;  // what all threads have, told by one that lives
 };
 
 /// Fill of a message queue.

@@ -46,6 +46,30 @@ Look look_of(ReadResult result) {
     }
 }
 
+/// Reads the table of one program or library of the process; NoLibrary when it has none.
+Look look_into(const ProcFolder& folder, std::uint64_t image, Reading& reading) {
+    const LiveMemory memory(folder.Living());
+    errno = 0;
+    unsigned char first = 0;
+    if (!memory.Read(image, &first, sizeof first)) return failed_look(folder, errno);
+    const auto table = find_symbol(memory, image, "pz_inspection");
+    if (!table) return Look::NoLibrary;
+    return look_of(read_inspection(memory, *table, reading.inspection, reading.version));
+}
+
+std::size_t records_of(const Inspection& seen) {
+    return seen.boxes.size() + seen.bands.size() + seen.threads.size() + seen.queues.size();
+}
+
+/// Of two libraries in one process, as a plugin may bring one, that one is shown whose table can be
+/// read and holds more; of equals the first.
+bool is_better(Look look, const Reading& reading, Look known, const Reading& knownReading) {
+    if (look != Look::Done || known != Look::Done) {
+        return known == Look::NoLibrary || known == Look::TooWide || look == Look::Done;
+    }
+    return records_of(reading.inspection) > records_of(knownReading.inspection);
+}
+
 }  // namespace
 
 Look read_process(pid_t pid, bool isWhole, Reading& reading) {
@@ -60,22 +84,19 @@ Look read_process(pid_t pid, bool isWhole, Reading& reading) {
     if (!maps) return failed_look(folder, errno);
     std::istringstream lines(*maps);
     const auto candidates = library_candidates(lines, folder.Program());
-    const LiveMemory memory(pid);
     Look look = Look::NoLibrary;
     for (const MappedFile& file : candidates) {
         if (file.address > UINTPTR_MAX) {
             if (&file != &candidates.front()) look = Look::TooWide;  // behind the program
             continue;
         }
-        errno = 0;
-        unsigned char first = 0;
-        if (!memory.Read(file.address, &first, sizeof first)) {
-            return failed_look(folder, errno);
-        }
-        const auto table = find_symbol(memory, file.address, "pz_inspection");
-        if (!table) continue;
-        look = look_of(read_inspection(memory, *table, reading.inspection, reading.version));
-        break;
+        Reading other;
+        const Look found = look_into(folder, file.address, other);
+        if (found == Look::Gone || found == Look::NotAllowed) return found;
+        if (found == Look::NoLibrary || !is_better(found, other, look, reading)) continue;
+        look = found;
+        reading.inspection = std::move(other.inspection);
+        reading.version = other.version;
     }
     reading.atNs = now_ns();
     if (look != Look::Done) return look;

@@ -1,10 +1,13 @@
 #include "Screen.h"
 
 #include <curses.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <clocale>
+#include <cstdio>
 
 namespace {
 
@@ -50,6 +53,8 @@ public:
         std::setlocale(LC_ALL, "");
         isOpen_ = newterm(nullptr, stdout, stdin) != nullptr;
         if (!isOpen_) return;
+        canMove_ = is_text(tigetstr("cup"));
+        if (!canMove_) return;
         cbreak();
         noecho();
         keypad(stdscr, TRUE);
@@ -65,10 +70,17 @@ public:
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
-    bool IsOpen() const { return isOpen_; }
+    /// False for a terminal that is unknown, or cannot put text everywhere.
+    bool CanShow() const { return canMove_; }
 
 private:
+    /// Of a capability's text, as curses answers it.
+    static bool is_text(const char* value) {
+        return value != nullptr && value != reinterpret_cast<const char*>(-1);
+    }
+
     bool isOpen_ = false;
+    bool canMove_ = false;
 };
 
 attr_t attributes_of(Style style) {
@@ -82,6 +94,12 @@ attr_t attributes_of(Style style) {
     }
 }
 
+/// True when no key will come any more: the terminal is gone.
+bool has_hung_up() {
+    pollfd keys = {STDIN_FILENO, POLLIN, 0};
+    return poll(&keys, 1, 0) == 1 && (keys.revents & POLLIN) == 0;
+}
+
 class Screen {
 public:
     Screen(Watcher& watcher, unsigned int intervalMs)
@@ -91,7 +109,9 @@ public:
         while (!isQuit_) {
             if (!isPaused_ && !isOver_ && Clock::now() >= nextLook_) LookAgain();
             Draw();
-            Obey(WaitForKey());
+            const int key = WaitForKey();
+            if (key == ERR && has_hung_up()) break;
+            Obey(key);
         }
         return kExitDone;
     }
@@ -170,10 +190,12 @@ private:
     }
 
     static void DrawLine(int row, const Line& line) {
-        attrset(static_cast<int>(attributes_of(line.style)));
-        move(row, 0);
-        addnstr(line.text.c_str(), -1);
-        attrset(A_NORMAL);
+        // In a window of one line, a longer text does not go on in the next one.
+        WINDOW* const strip = derwin(stdscr, 1, COLS, row, 0);
+        if (strip == nullptr) return;
+        wattrset(strip, static_cast<int>(attributes_of(line.style)));
+        waddstr(strip, line.text.c_str());
+        delwin(strip);
     }
 
     Watcher& watcher_;
@@ -188,13 +210,20 @@ private:
     bool isQuit_ = false;
 };
 
+int refused(const char* why) {
+    std::fprintf(stderr, "pz-top: %s; try --once\n", why);
+    return kExitUsage;
+}
+
 }  // namespace
 
 int run_screen(Watcher& watcher, unsigned int intervalMs) {
-    const Terminal terminal;
-    if (!terminal.IsOpen()) {
-        std::fputs("pz-top: this terminal cannot show a screen; try --once\n", stderr);
-        return kExitUsage;
+    if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
+        return refused("the standard input or output is no terminal");
     }
-    return Screen(watcher, intervalMs).Run();
+    {
+        const Terminal terminal;
+        if (terminal.CanShow()) return Screen(watcher, intervalMs).Run();
+    }
+    return refused("this terminal cannot show a screen");
 }

@@ -310,7 +310,9 @@ std::vector<Line> table_of(const std::vector<ProcessRow>& rows, std::size_t notA
     if (notAllowed != 0) {
         lines.emplace_back();
         lines.push_back(
-            {std::to_string(notAllowed) + " processes of other users may not be looked at",
+            {std::to_string(notAllowed) +
+                 (notAllowed == 1 ? " process of another user" : " processes of other users") +
+                 " may not be looked at",
              Style::Plain});
     }
     return lines;

@@ -101,9 +101,16 @@ void pause_for(unsigned int ms) {
     }
 }
 
+/// True for a terminal that obeys, rather than shows, what colours a line.
+bool has_colours() {
+    const char* const term = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && term != nullptr && *term != '\0' &&
+           std::strcmp(term, "dumb") != 0;
+}
+
 /// Prints after each interval: once, or until there is nothing more to look at.
 int print_readings(Watcher& watcher, const Options& options) {
-    const bool colours = isatty(STDOUT_FILENO) == 1;
+    const bool colours = has_colours();
     for (bool isFirst = true;; isFirst = false) {
         pause_for(options.intervalMs);
         const int status = watcher.Look();
