@@ -387,6 +387,32 @@ TEST_F(PZLTimerSubMngTest, ARemovedTimerDoesNotFire) {
     EXPECT_EQ(0U, timer.Fired());
 }
 
+TEST_F(PZLTimerSubMngTest, ATimerInThePlaceOfARemovedOneHasItsOwnIntervalAndExpiry) {
+    std::array<CallbackTimer, 3> timers;
+    TimerInfo seen = {};
+    CallbackTimer inPlace([&](TimerInfo* info) {
+        seen = *info;
+        return 1;
+    });
+    Add(timers[1], 100);
+    AddQuietly(timers[0], 300);
+    AddQuietly(timers[2], 200);
+    ASSERT_EQ(1, sub.removeTimer(&timers[2]));
+    ASSERT_EQ(1, sub.removeTimer(&timers[0]));
+    AddQuietly(inPlace, 150);
+    AdvanceToCheck(100);
+    EXPECT_EQ(Ticks{kStart + 100}, timers[1].FiredAt());
+    EXPECT_EQ(0U, inPlace.Fired());
+    EXPECT_EQ(50, LastTimeOut());
+    AdvanceToCheck(50);
+    EXPECT_EQ(150U, seen.interval);
+    EXPECT_EQ(kStart + 150, seen.expiry);
+    AdvanceToCheck(150);
+    EXPECT_EQ((Ticks{kStart + 150, kStart + 300}), inPlace.FiredAt());
+    EXPECT_EQ(0U, timers[0].Fired());
+    EXPECT_EQ(0U, timers[2].Fired());
+}
+
 TEST_F(PZLTimerSubMngTest, AddingAnActiveTimerAnswersZeroAndKeepsIntervalAndExpiry) {
     TimerInfo seen = {};
     CallbackTimer timer([&](TimerInfo* info) {
@@ -1059,6 +1085,31 @@ TEST(PZLTimerSubMngMemoryTest, ATimerForWhichThereIsNoMemoryIsRefusedAndNothingI
     EXPECT_EQ(2, refusals);
     EXPECT_EQ(1, sub.isActive(&timer));
     EXPECT_EQ(1, sub.removeTimer(&timer));
+}
+
+TEST(PZLTimerSubMngMemoryTest, ATimerTakesThePlaceOfARemovedOneWithoutMemory) {
+    PZLTimerSubMng sub(30, kPriority);
+    std::array<CountingTimer, 4> timers;
+    ASSERT_EQ(1, sub.addTimer(&timers[0], 1000));
+    ASSERT_EQ(1, sub.addTimer(&timers[2], 2000));
+    ASSERT_EQ(1, sub.removeTimer(&timers[2]));
+    int again = -1;
+    int inPlace = -1;
+    int further = -1;
+    {
+        const StdoutCapture output;
+        const pztest::MemoryShortage shortage;
+        again = sub.addTimer(&timers[0], 3000);  // active: takes no place
+        inPlace = sub.addTimer(&timers[1], 3000);
+        further = sub.addTimer(&timers[3], 3000);
+    }
+    EXPECT_EQ(0, again);
+    EXPECT_EQ(1, inPlace);
+    EXPECT_EQ(0, further);
+    EXPECT_EQ(1, sub.isActive(&timers[0]));
+    EXPECT_EQ(1, sub.isActive(&timers[1]));
+    EXPECT_EQ(0, sub.isActive(&timers[2]));
+    EXPECT_EQ(0, sub.isActive(&timers[3]));
 }
 
 TEST(PZLTimerSubMngMemoryTest, ActiveTimersFireAndRepeatWithoutMemory) {

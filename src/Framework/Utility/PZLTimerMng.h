@@ -24,8 +24,9 @@ extern template class PZ_API PZSingleton<PZLTimerMng>;
 ///            run. start, end and setPriority belong to the owner's thread. An object must be
 ///            ended before it is destroyed.
 /// Ownership: timers are kept by address and never deleted.
-/// Memory:    adding a timer needs some, and is refused without. Firing, repeating and removing
-///            need none.
+/// Memory:    adding a timer needs some, or takes over that of the timer that was removed last, and
+/// is
+///            refused without. Firing, repeating and removing need none.
 /// Failures:  reported and answered with a result; only the constructor throws (std::bad_alloc).
 class PZ_API PZLTimerSubMng {
 public:
@@ -109,6 +110,10 @@ private:
     PZ_LOCAL unsigned int checkAfterTimeout();
     PZ_LOCAL unsigned int waitAgain();
     PZ_LOCAL bool insertLocked(PZLTimerBase* t, unsigned int ms) PZ_REQUIRES(sync_);
+    PZ_LOCAL void insertNewLocked(TimerMap::iterator place, PZLTimerBase* t, unsigned int ms,
+                                  unsigned int expiry) PZ_REQUIRES(sync_);
+    PZ_LOCAL void insertSpareLocked(TimerMap::iterator place, PZLTimerBase* t, unsigned int ms,
+                                    unsigned int expiry) PZ_REQUIRES(sync_);
     PZ_LOCAL void provideCheckLocked(unsigned int now) PZ_REQUIRES(sync_);
     PZ_LOCAL void wakeLocked() PZ_REQUIRES(sync_);
     PZ_LOCAL unsigned int checkAllTimerLocked(unsigned int now) PZ_REQUIRES(sync_);
@@ -116,6 +121,8 @@ private:
     PZ_LOCAL void takeLocked(ExpiryIndex::iterator first, ExpiryIndex::iterator last, Timers& due)
         PZ_REQUIRES(sync_);
     PZ_LOCAL void armAgainLocked(Timers& due) PZ_REQUIRES(sync_);
+    PZ_LOCAL ExpiryIndex::const_iterator firstFromLocked(unsigned int tick) const
+        PZ_REQUIRES(sync_);
     PZ_LOCAL bool isAnyDueLocked(unsigned int now) const PZ_REQUIRES(sync_);
     PZ_LOCAL unsigned int nextWaitLocked(unsigned int now) const PZ_REQUIRES(sync_);
     PZ_LOCAL void waitWithoutLimitLocked() PZ_REQUIRES(sync_);

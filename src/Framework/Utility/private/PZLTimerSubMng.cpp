@@ -66,6 +66,11 @@ void count_lateness(PZInspectedBand& shown, unsigned int lateMs) {
 struct PZLTimerSubMng::Kept {
     PZLoopWait wait;
     PZListedBand shown;
+
+    // Nodes of the timer that was removed last, for the next one; both or none. Who adds and
+    // removes timers all the time needs no memory for that.
+    TimerMap::node_type spareTimer;
+    ExpiryIndex::node_type spareExpiry;
 };
 
 PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
@@ -143,8 +148,8 @@ int PZLTimerSubMng::removeTimer(PZLTimerBase* t) {
     const PZSyncLock lock(sync_);
     const auto timer = timers_.find(t);
     if (timer == timers_.end()) return 0;
-    index_.erase(timer->second.byExpiry);
-    timers_.erase(timer);
+    kept_->spareExpiry = index_.extract(timer->second.byExpiry);
+    kept_->spareTimer = timers_.extract(timer);
     showLocked();
     return 1;
 }
@@ -244,18 +249,37 @@ void PZLTimerSubMng::waitWithoutLimitLocked() {
 bool PZLTimerSubMng::insertLocked(PZLTimerBase* t, unsigned int ms) {
     const unsigned int now = tick_now();
     const unsigned int expiry = now + ms;
-    const auto [timer, isNew] = timers_.try_emplace(t, Timer{{ms, expiry}, index_.end()});
-    if (!isNew) return false;
+    const auto place = timers_.lower_bound(t);
+    if (place != timers_.end() && place->first == t) return false;
+    if (kept_->spareTimer.empty()) {
+        insertNewLocked(place, t, ms, expiry);
+    } else {
+        insertSpareLocked(place, t, ms, expiry);
+    }
+    PZ_PROBE(timer_add, t, ms);
+    provideCheckLocked(now);
+    showLocked();
+    return true;
+}
+
+void PZLTimerSubMng::insertNewLocked(TimerMap::iterator place, PZLTimerBase* t, unsigned int ms,
+                                     unsigned int expiry) {
+    const auto timer = timers_.try_emplace(place, t, Timer{{ms, expiry}, index_.end()});
     try {
         timer->second.byExpiry = index_.emplace(expiry, t);
     } catch (const std::bad_alloc&) {
         timers_.erase(timer);
         throw;
     }
-    PZ_PROBE(timer_add, t, ms);
-    provideCheckLocked(now);
-    showLocked();
-    return true;
+}
+
+void PZLTimerSubMng::insertSpareLocked(TimerMap::iterator place, PZLTimerBase* t, unsigned int ms,
+                                       unsigned int expiry) {
+    kept_->spareExpiry.key() = expiry;
+    kept_->spareExpiry.mapped() = t;
+    kept_->spareTimer.key() = t;
+    kept_->spareTimer.mapped() = {{ms, expiry}, index_.insert(std::move(kept_->spareExpiry))};
+    timers_.insert(place, std::move(kept_->spareTimer));
 }
 
 // Every timer that is added brings about a check. Where that check would find nothing due, and the
@@ -364,9 +388,16 @@ void PZLTimerSubMng::showLocked() {
     pz_inspect_set(kept_->shown.nextTick, due_.start + due_.ms);
 }
 
+/// The first one with an expiry of `tick` or later. As a rule that is the first of all.
+PZLTimerSubMng::ExpiryIndex::const_iterator PZLTimerSubMng::firstFromLocked(
+    unsigned int tick) const {
+    const auto first = index_.begin();
+    return first != index_.end() && first->first >= tick ? first : index_.lower_bound(tick);
+}
+
 bool PZLTimerSubMng::isAnyDueLocked(unsigned int now) const {
     if (index_.empty()) return false;
-    auto next = index_.lower_bound(lastCheck_);
+    auto next = firstFromLocked(lastCheck_);
     if (next == index_.end()) next = index_.begin();  // beyond the wrap
     return is_between(next->first, lastCheck_, now);
 }
@@ -375,7 +406,7 @@ unsigned int PZLTimerSubMng::nextWaitLocked(unsigned int now) const {
     if (index_.empty()) return 0;
     // The smallest expiry from `now` upward, or the smallest of all when every one lies beyond
     // the wrap.
-    const auto next = index_.lower_bound(now);
+    const auto next = firstFromLocked(now);
     // Beyond the wrap the wait is the sum on purpose, not the difference.
     return next != index_.end() ? next->first - now : now + index_.begin()->first;
 }
