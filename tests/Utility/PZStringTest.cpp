@@ -496,6 +496,24 @@ TEST_F(PZStringTest, LosesItsUnitsWhenTextIsAdded) {
     EXPECT_TRUE(has_code_page(c, XCP_ISO8859_1));
 }
 
+TEST_F(PZStringTest, AppendTakesAnyEndOfItsOwnTextWithAndWithoutRoomForIt) {
+    const std::string letters = "abcdefghijklmnopqrstuvwxyz";
+    for (size_t length = 0; length < 140; ++length) {
+        std::string begin;
+        while (begin.size() < length) begin += letters[begin.size() % letters.size()];
+        for (size_t from = 0; from <= length; from += 7) {
+            PZString text(begin);
+            std::string expected = begin;
+            for (int i = 0; i < 3; ++i) {
+                expected += expected.substr(from);
+                EXPECT_TRUE(text.Append(text.RefCHAR() + from));
+            }
+            EXPECT_EQ(expected, text.RefCHAR()) << length << " bytes, from " << from;
+        }
+    }
+    EXPECT_TRUE(Silent());
+}
+
 TEST_F(PZStringTest, AppendRefusesNull) {
     PZString text("abc");
     EXPECT_FALSE(text.Append(kNoText));

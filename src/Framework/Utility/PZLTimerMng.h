@@ -24,8 +24,7 @@ extern template class PZ_API PZSingleton<PZLTimerMng>;
 ///            run. start, end and setPriority belong to the owner's thread. An object must be
 ///            ended before it is destroyed.
 /// Ownership: timers are kept by address and never deleted.
-/// Memory:    adding a timer needs some, or takes over that of the timer that was removed last, and
-/// is
+/// Memory:    adding a timer needs some, or takes over that of the timer removed last, and is
 ///            refused without. Firing, repeating and removing need none.
 /// Failures:  reported and answered with a result; only the constructor throws (std::bad_alloc).
 class PZ_API PZLTimerSubMng {

@@ -104,7 +104,7 @@ public:
     /// XCP_UTF8.
     /// The 16-bit form of a PZString is not added: false.
     /// @{
-    bool Append(const char* s);
+    PZ_API bool Append(const char* s);
     bool Append(const std::string& s);
     bool Append(const wchar_t* w);
     bool Append(const PZString& o);
@@ -259,6 +259,8 @@ private:
     enum class End : int { HEAD, TAIL };
     enum class LastPiece : int { ALWAYS, UNLESS_EMPTY };
 
+    /// Append, where the text is not narrow or has no room for `s`.
+    bool AppendToAny(const char* s);
     PZ_LOCAL bool Insert(const char* s, EN_CP cpForWide, End end);
     PZ_LOCAL bool Insert(const wchar_t* w, End end);
     PZ_LOCAL bool Insert(const PZString& o, End end);
@@ -280,6 +282,17 @@ private:
     std::unique_ptr<std::string> narrow_;
     std::unique_ptr<std::vector<unsigned short>> units_;  // the 16-bit form with its terminator
 };
+
+// What fits into the room of a narrow text joins it in the caller's own code: texts are put
+// together from many short pieces, and a call costs as much as such a piece.
+
+inline bool PZString::Append(const char* s) {
+    if (s == nullptr || narrow_ == nullptr) return AppendToAny(s);
+    const std::size_t size = std::char_traits<char>::length(s);
+    if (narrow_->capacity() - narrow_->size() < size) return AppendToAny(s);
+    narrow_->append(s, size);
+    return true;
+}
 
 #pragma GCC diagnostic pop
 

@@ -20,6 +20,9 @@ static_assert(sizeof(PZString::SplitList::Node) == 12, "three pointers");
 
 namespace {
 
+/// The header holds its code; this puts a copy into the library for callers that have none.
+[[gnu::used]] constexpr bool (PZString::*kCopy)(const char*) = &PZString::Append;
+
 /// Room for a character of any code page, per unit of the source.
 constexpr size_t kMaxBytesPerUnit = 6;
 
@@ -92,7 +95,7 @@ size_t find(std::wstring_view text, size_t start, std::wstring_view sought) {
     return text.find(sought, start);
 }
 
-void destroy_elements(PZString::SplitList& list) {
+[[gnu::flatten]] void destroy_elements(PZString::SplitList& list) {
     while (list.GetHead() != nullptr) {
         delete list.GetHead()->element;
         list.Erase(list.GetHead());
@@ -108,7 +111,7 @@ public:
     Pieces(const Pieces&) = delete;
     Pieces& operator=(const Pieces&) = delete;
 
-    void Add(std::unique_ptr<PZString> piece) {
+    [[gnu::flatten]] void Add(std::unique_ptr<PZString> piece) {
         list_.AddTail(piece.get());
         static_cast<void>(piece.release());  // the list's
     }
@@ -170,7 +173,7 @@ PZString::PZString(const PZString& o) : codePage_(XCP_NONE) {
     Copy(o);
 }
 
-PZString::~PZString() = default;
+[[gnu::flatten]] PZString::~PZString() = default;
 
 void PZString::DeleteStr() {
     wide_.reset();
@@ -181,7 +184,7 @@ void PZString::DeleteStr() {
 
 // ---- setting: the new form is complete before the old one goes, which it may be made from ----
 
-bool PZString::Copy(const char* s, EN_CP cp) {
+[[gnu::flatten]] bool PZString::Copy(const char* s, EN_CP cp) {
     if (s == nullptr) return false;
     return with_memory(__func__, false, [&] {
         auto text = std::make_unique<std::string>(s);
@@ -327,10 +330,10 @@ bool PZString::Insert(const PZString& o, End end) {
     return InsertText(*narrow_, more.ToCHAR(codePage_), end);
 }
 
-bool PZString::Append(const char* s) {
+bool PZString::AppendToAny(const char* s) {
     if (s == nullptr) return false;
     if (narrow_ != nullptr) {
-        return with_memory(__func__, false, [&] {
+        return with_memory("Append", false, [&] {
             append_bytes(*narrow_, s);
             return true;
         });
@@ -694,7 +697,7 @@ PZString& PZString::SubStr(unsigned int start, unsigned int end) {
     return *this;
 }
 
-std::unique_ptr<PZString> PZString::PieceOf(std::string_view text) {
+[[gnu::flatten]] std::unique_ptr<PZString> PZString::PieceOf(std::string_view text) {
     auto piece = std::make_unique<PZString>();
     piece->narrow_ = std::make_unique<std::string>(text);
     piece->codePage_ = XCP_UTF8;
