@@ -804,6 +804,23 @@ TEST_F(PZLSysFileOutTest, WritesAnyBytes) {
     EXPECT_EQ(std::string("a\0\nb\r", 5), Content("app.txt"));
 }
 
+TEST_F(PZLSysFileOutTest, WritesEverySingleByteBetweenBlocksWhereverTheBufferEnds) {
+    Log log(*this, 0, 0, /*binary=*/true);
+    ASSERT_TRUE(log.Open());
+    std::string expected;
+    for (int i = 0; i < 30000; ++i) {
+        const char byte = static_cast<char>(i);  // all values, 0xFF included
+        EXPECT_EQ(1, log.Write(&byte, 1));
+        expected += byte;
+        if (i % 256 != 0) continue;
+        const std::string block(static_cast<size_t>(i % 97), 'b');
+        EXPECT_EQ(1, log.Text(block));
+        expected += block;
+    }
+    log.Close();
+    EXPECT_EQ(expected, Content("app.txt"));
+}
+
 TEST_F(PZLSysFileOutTest, WritesFormattedTextWithoutItsTerminator) {
     Log log(*this, 0, 0);
     ASSERT_TRUE(log.Open());
@@ -853,6 +870,23 @@ TEST_F(PZLSysFileOutTest, AnswersOneWhileTheDiskIsFullAndWritesOnAfterwards) {
     EXPECT_EQ(1, log.Text("space again"));
     log.Flush();
     EXPECT_EQ("space again", disk.taken);
+}
+
+TEST_F(PZLSysFileOutTest, AnswersOneForSingleBytesWhileTheDiskIsFullAndWritesOnAfterwards) {
+    disk = {0, ""};
+    fdopen_call.Replace(&open_on_disk);
+    Log log(*this, 0, 0);
+    ASSERT_TRUE(log.Open());
+    for (int i = 0; i < 100000; ++i) EXPECT_EQ(1, log.Text("x"));
+    log.Flush();
+    EXPECT_EQ("", disk.taken);
+    disk.space = 1000000;
+    log.Flush();
+    disk.taken.clear();
+    EXPECT_EQ(1, log.Text("s"));
+    EXPECT_EQ(1, log.Text("\n"));
+    log.Flush();
+    EXPECT_EQ("s\n", disk.taken);
 }
 
 TEST_F(PZLSysFileOutTest, AnswersOneForABlockThatIsWrittenInPart) {

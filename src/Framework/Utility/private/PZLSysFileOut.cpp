@@ -127,7 +127,11 @@ int PZLSysFileOut::Write(const void* data, unsigned int length) {
         if (fileCount_ > 0) BackupAct();
         if (!OpenAct()) return 1;
     }
-    std::fwrite(data, length, 1, stream_);
+    if (length == 1) {  // the end of a line, as a rule
+        std::fputc(*static_cast<const unsigned char*>(data), stream_);
+    } else {
+        std::fwrite(data, length, 1, stream_);
+    }
     return 1;
 }
 
