@@ -27,9 +27,9 @@
 /// Ownership: a process that ends while it holds the mutex leaves it locked. The segments belong to
 ///            the process that made the system side: its forked children leave them alone when they
 ///            end.
-/// Failures:  reported and answered with false, never thrown; lack of memory, too. Only the
-///            constructors throw std::bad_alloc. A mutex that another program has overwritten is
-///            refused, or waited for like a held one.
+/// Failures:  reported and answered with false, a lack of memory included. Only the constructors
+///            throw std::bad_alloc. A mutex that another program has overwritten is refused, or
+///            waited for like a held one.
 class PZ_API PZFileGuard {
 public:
     /// The directory "/temp/system_data/", and no file name yet.
@@ -64,8 +64,8 @@ public:
     bool initForSystem();
 
     /// Becomes an application side and attaches both segments, which are made when there are none.
-    /// False when that fails, but it is an application side all the same: canLock, lock and tryLock
-    /// try again.
+    /// False when that fails, but it is still an application side: canLock, lock and tryLock try
+    /// again.
     bool initForApp();
 
     /// True while the system side is there. An application side that is not attached yet attaches.
@@ -158,7 +158,7 @@ private:
     pthread_mutex_t* mutex_;   // in the mutex segment; null: not attached
     int initFlagShmId_;        // -1: not attached
     unsigned char* initFlag_;  // in the init-flag segment; null: not attached
-    bool initialized_;         // has attached at some time; not taken back by destroyMutex
+    bool initialized_;         // has attached at some time; destroyMutex does not clear it
     unsigned char maker_[3];   // id of the process that became the system side: at most 2^22
     EN_MODE mode_;
 };

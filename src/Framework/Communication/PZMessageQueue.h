@@ -120,7 +120,7 @@ private:
 
     int handle_ = kNoQueue;               // a mqd_t
     char name_[kMaxNameLength + 1] = {};  // without "/"
-    // The byte after the longest message: as many bytes are handed on as were received, from the
+    // The byte after the longest message: as many bytes are passed on as were received, from the
     // second one on.
     unsigned char rxBuffer_[kMaxMessageSize + 1] = {};
     unsigned short shown_ = 0;  // entry of pz_inspection, 0: none

@@ -79,7 +79,7 @@ struct alignas(8) ST_INSPECTED_BOX : ST_INSPECTED_LINK<Form> {
     typename Form::U16 isEvent{};         ///< 1: the handler runs for the bits of an event
 };
 
-/// The same box, as those see it who post to it. It lies apart from what the loop writes.
+/// The posting side of the same box. It lies apart from what the loop writes.
 template <typename Form>
 struct ST_INSPECTED_POSTS {
     typename Form::U32 posted{};        ///< messages; those not served are pending, or run; wraps

@@ -69,7 +69,7 @@ public:
 
     /// Calls `function` with the bytes of the file (none when there is no file), and replaces the
     /// file by what they are afterwards. True also when they are the same: nothing is written then.
-    /// A function that answers false leaves the file as it is; update answers false, too.
+    /// A function that answers false leaves the file as it is; update then answers false too.
     ///
     /// False, and the file as it was, when the lock cannot be had `within` the time, or a step
     /// fails. If only the last step fails, which brings the new name to the medium, the file has

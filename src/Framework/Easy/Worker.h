@@ -203,7 +203,7 @@ class PZ_API Posting {
 public:
     /// Waits for room until `within` is over, at most.
     Posting(WorkerCore* core, std::chrono::milliseconds within, const Place& place) noexcept;
-    /// Gives the place back, unless it was handed in.
+    /// Releases the place, unless it was handed in.
     ~Posting();
 
     Posting(const Posting&) = delete;

@@ -165,10 +165,10 @@ public:
 
     /// Selects the zone that is `minutes` ahead of UTC: a multiple of 15 from -765 to 885.
     ///
-    /// The zone counts as settled when its standard-time abbreviation is known and not "JST".
-    /// Until then the file is copied again, 20 times with 100 ms after each: +9 hours may take two
+    /// The zone counts as settled when its standard-time abbreviation is known and not "JST". Until
+    /// then the file is copied again, 20 times with 100 ms after each: +9 hours may take two
     /// seconds. Answers whether the last copy succeeded; a failed one leaves the rules of the
-    /// process as they were. A zone file that is a fifo without a writer is waited for.
+    /// process as they were. If the zone file is a fifo without a writer, the call waits.
     static bool SetTimeZone(int minutes);
 
     /// Selects the zone of `area`, and settles in the same way; en_AREA_TOKYO, whose abbreviation

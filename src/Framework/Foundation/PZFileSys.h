@@ -71,7 +71,7 @@ public:
     static bool GetDiskFreeSpace(const wchar_t* path, DiskInfo& info);
     /// @}
 
-    /// en_ATTR_FILE or en_ATTR_DIRECTORY; 0 for everything else and for nothing at all. Follows
+    /// en_ATTR_FILE or en_ATTR_DIRECTORY; 0 for everything else and for a missing path. Follows
     /// symbolic links. A failure is reported unless there is no such file (ENOENT).
     static unsigned int chkAttribute(const char* path);
 
@@ -94,7 +94,7 @@ public:
     ///
     /// With `recursive`:
     /// - When the directory, or one below it, cannot be opened, the result is true although the
-    ///   directory is still there; so also for a path that is a file or does not exist.
+    ///   directory is still there; it is also true for a file and for a path that does not exist.
     /// - Something that cannot be removed ends the removal with false; what came before it is gone.
     /// - An entry whose path takes 512 characters or more is skipped and not reported; the
     ///   directory is then not empty: false.
@@ -224,7 +224,7 @@ public:
     /// true also when something could not be removed.
     static bool removeSubDir(const char* path);
 
-    /// One directory. Null and empty are reported, too.
+    /// One directory. Null and empty are also reported.
     static bool createDirectorySub(const char* path);
 
 private:

@@ -13,7 +13,7 @@
 ///            blocks are left out. No thread may release blocks meanwhile. A refusal is reported
 ///            under the lock: while the standard output is stuck, every thread that allocates or
 ///            releases waits. A thread may be cancelled there and while it waits for the lock:
-///            nothing is lost, and the lock is given back. Static objects may release their blocks
+///            nothing is lost, and the lock is released. Static objects may release their blocks
 ///            while the process ends.
 /// Forks:     a child may allocate and release, also its parent's blocks, whatever other threads of
 ///            the parent did at that moment: fork waits for the lock.
@@ -57,7 +57,7 @@ PZ_API bool pz_HeapWriteMaps(const char* path);
 PZ_API void* Malloc(unsigned int size);
 
 /// Releases a block; null is ignored. A block that was overrun or does not match the accounts (it
-/// was probably freed before) is refused: reported, and deliberately never given back.
+/// was probably freed before) is refused: reported, and deliberately never released.
 PZ_API void Free(void* p);
 
 /// Resizes a block, which becomes a new one of the calling thread; a null `p` is Malloc(size).

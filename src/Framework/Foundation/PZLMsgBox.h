@@ -97,7 +97,7 @@ private:
     PZ_LOCAL int GetAndExcuteMessage();
 
     // For the easy layer's workers: as PushMsg, but without a report when there is no room, and
-    // only while `isOpen`. Room may be reserved before: it is taken then, or given back.
+    // only while `isOpen`. Room may be reserved before: it is then used or released.
     enum EN_QUIET {
         en_QUIET_OK,
         en_QUIET_FULL,   // no room, or no memory

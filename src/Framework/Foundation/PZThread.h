@@ -92,7 +92,7 @@ public:
 
     /// Waits without limit for the thread's end and unregisters it; then it can be started again.
     /// The result of the join: 0 on success, else its error number (reported; the thread is
-    /// forgotten all the same). 0 at once when there is no thread.
+    /// forgotten anyway). 0 at once when there is no thread.
     int WaitExit() {
         const int result = Join();
         if (result != 0) {

@@ -26,7 +26,7 @@
 /// A function that takes the locks.
 #define PZ_ACQUIRE(...) PZ_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 
-/// A function that gives the locks back.
+/// A function that releases the locks.
 #define PZ_RELEASE(...) PZ_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 
 /// A function that the analysis cannot follow; the reason stands beside it.

@@ -19,9 +19,9 @@
 /// Ownership:  bytes are copied in. Pointers of getBuffer are the object's, valid until its
 ///             contents are next replaced. The object's own bytes are valid arguments.
 /// Failures:   what does not lie completely in the buffer is read as 0 or as an empty result. No
-///             sum of offset, cursor and length wraps: beyond 4 GiB is out of range, too. Nothing
-///             is reported. Only memory that runs out throws (std::bad_alloc), and leaves the
-///             object as it was.
+///             sum of offset, cursor and length wraps: beyond 4 GiB is out of range. Nothing is
+///             reported. Only memory that runs out throws (std::bad_alloc), and leaves the object
+///             as it was.
 class PZ_API PZBinary {
 public:
     /// Holds nothing.

@@ -24,7 +24,7 @@ public:
 
     /// The checksum of a file's contents. False, and `result` untouched, when `path` is null or
     /// empty or the file cannot be opened. A file that cannot be read any further counts as ended
-    /// there, and a folder as an empty file. A fifo without a peer is waited for without limit.
+    /// there, and a folder as an empty file. For a fifo without a peer it waits without limit.
     ///
     /// Up to 10,240 bytes this is the CRC-32 (but 0xFFFFFFFF for an empty file). In a longer file
     /// each further piece of 10,240 bytes takes the finished result of the one before as its seed:

@@ -31,7 +31,7 @@
 ///             nor to one: other users may be able to put links into the folder. The folder may be
 ///             a link.
 /// Failures:   answered by Open and Write; file-system operations report theirs. Without memory a
-///             step of a shift fails like any other, and the log is opened all the same.
+///             step of a shift fails like any other, and the log is still opened.
 class PZ_API PZLSysFileOut {
 public:
     /// Answer of GetSize for a file that cannot be opened.

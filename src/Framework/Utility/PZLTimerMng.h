@@ -195,8 +195,8 @@ public:
 /// - An interval of 0 fires at the next check; adding a timer causes a check at once. A timer that
 ///   repeats with an interval of 0 causes none: its band with all its timers then waits without
 ///   limit, until a timer is added to it. Repeat with 1 or more.
-/// - Intervals of 0x80000000 (24.8 days) or more are not supported: they are waited for without
-///   limit, or fire at once if the band's previous check was long ago.
+/// - Intervals of 0x80000000 (24.8 days) or more are not supported: such a timer waits without
+///   limit, or fires at once if the band's previous check was long ago.
 /// - Every 49.7 days, shortly before the tick wraps, a band whose timers all expire after the wrap
 ///   may wait without limit, until a timer is added to it after the wrap. On a device that runs so
 ///   long, let another thread add one from time to time.
