@@ -29,11 +29,12 @@ void expect_success(const std::string& command) {
     ASSERT_EQ(0, result.status) << command << "\n" << result.output;
 }
 
-/// Runs CMake over `source` in `build` and builds everything.
+/// Runs CMake over `source` in `build` and builds everything. What has been compiled in another
+/// folder, with this library, is taken from the compiler's cache where there is one.
 void build_with_cmake(const std::string& source, const std::string& build,
                       const std::string& options) {
-    expect_success(PZ_CMAKE " -S " + source + " -B " + build + " " PZ_CONFIGURE " " + options +
-                   " && " PZ_CMAKE " --build " + build);
+    expect_success("export CCACHE_NOHASHDIR=1; " PZ_CMAKE " -S " + source + " -B " + build +
+                   " " PZ_CONFIGURE " " + options + " && " PZ_CMAKE " --build " + build);
 }
 
 void install(const std::string& build, const std::string& prefix) {
