@@ -3,6 +3,8 @@
 
 #include <ctime>
 
+constexpr unsigned int kNoTimeLimit = 0xFFFFFFFFU;  // in milliseconds, where a limit is asked for
+
 constexpr unsigned int kMsPerSecond = 1000;
 // Of 64 bits on every machine: what is multiplied by them fits.
 constexpr long long kNsPerMs = 1000000;

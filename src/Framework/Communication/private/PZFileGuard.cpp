@@ -22,6 +22,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_is_link.h>
 
 #include "../../Diagnostics/private/PZNamedPath.h"
 
@@ -76,11 +77,6 @@ using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
 
 bool is_directory(const std::string& path) {
     return Directory(opendir(path.c_str()), &closedir) != nullptr;
-}
-
-bool is_link(const std::string& path) {
-    struct stat status = {};
-    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 bool is_empty(DIR* directory) {
@@ -355,7 +351,7 @@ key_t PZFileGuard::getMkey(const std::string& path) const {
 }
 
 key_t PZFileGuard::getMkeyForSystem(const std::string& path) {
-    if (is_link(path)) {
+    if (pz_is_link(path.c_str())) {
         PZ_REPORT_ERROR("PZFileGuard::initMutex() fopen(%s) Failed [%s]", path.c_str(),
                         std::strerror(ELOOP));
         return kNoKey;

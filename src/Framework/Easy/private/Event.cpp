@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_time.h>
 
 #include "WorkerCore.h"
 
@@ -15,7 +16,6 @@ namespace {
 
 constexpr std::size_t kMaxEvents = 64;  // of one wait
 constexpr int kTimedOut = -2;
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 constexpr std::chrono::milliseconds kLongestLeg(std::chrono::hours(24));
 
 /// What is left until the deadline, not more than a wait can take; a part of a millisecond counts.
@@ -38,7 +38,7 @@ std::optional<std::size_t> wait_for(std::initializer_list<Waitable*> list,
         return waitable != nullptr ? waitable->signals() : nullptr;
     });
     for (;;) {
-        const unsigned int left = deadline != nullptr ? left_ms(*deadline) : kNoLimit;
+        const unsigned int left = deadline != nullptr ? left_ms(*deadline) : kNoTimeLimit;
         const int result = PZEvent::WaitMultipleEvent(static_cast<unsigned int>(list.size()),
                                                       events.data(), left, false);
         if (result >= 0) {

@@ -11,6 +11,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_rare.h>
 
 #include "TimerCore.h"
 
@@ -22,11 +23,6 @@ constexpr std::chrono::milliseconds kNone(0);
 constexpr std::chrono::milliseconds kGrace(100);
 constexpr std::chrono::milliseconds kLookAgain(10);
 constexpr std::chrono::hours kLongest(24 * 365 * 30);
-
-/// The condition, laid out as one that mostly does not hold.
-constexpr bool is_rare(bool condition) {
-    return __builtin_expect(condition, false);
-}
 
 /// As the box counts it.
 unsigned int level_of(Priority priority) noexcept {
@@ -178,7 +174,7 @@ __attribute__((always_inline)) inline Posted WorkerCore::PushPlain(const PlainHe
 
 Posted WorkerCore::PostPlain(const PlainHead& head, const void* function, std::size_t size,
                              Priority priority, std::chrono::milliseconds within) noexcept {
-    if (is_rare(IsManual())) return PostPlainByHand(head, function, size, priority);
+    if (pz_is_rare(IsManual())) return PostPlainByHand(head, function, size, priority);
     if (within > kNone) return PostPlainWithin(head, function, size, priority, within);
     return PushPlain(head, function, size, priority);
 }
@@ -346,7 +342,7 @@ void WorkerCore::GiveBack(Job& job) noexcept {
 
 /// There is room for one more.
 __attribute__((always_inline)) inline void WorkerCore::NoteTaken() noexcept {
-    if (is_rare(waitingForRoom_.load() != 0)) TellOfRoom();
+    if (pz_is_rare(waitingForRoom_.load() != 0)) TellOfRoom();
 }
 
 void WorkerCore::TellOfRoom() noexcept {

@@ -23,6 +23,8 @@
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_directory.h>
+#include <Framework/private/pz_is_link.h>
+#include <Framework/private/pz_numbers.h>
 #include <Framework/private/pz_stream.h>
 
 static_assert(sizeof(off_t) == 8, "files of more than 2 GiB");
@@ -42,7 +44,6 @@ constexpr size_t kNameSize = sizeof(PZFileSys::ST_FIND_DATA::name);
 constexpr size_t kRemovePathSize = 512;  // of an entry that a recursive removal reaches
 constexpr size_t kCopyChunk = 1024;
 constexpr size_t kKernelPiece = size_t{1} << 30;  // bytes that one call may copy
-constexpr int kRefusalFrames = 10;
 
 /// Null with errno set when it cannot be opened.
 std::unique_ptr<PZDirectory> open_directory(const char* path, int flags = 0) {
@@ -54,11 +55,6 @@ std::unique_ptr<PZDirectory> open_directory(const char* path, int flags = 0) {
 std::unique_ptr<PZDirectory> open_below(const PZDirectory& parent, const char* name) {
     return PZDirectory::Over(PZDescriptor(
         ::openat(parent.Get(), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)));
-}
-
-bool is_link(const char* path) {
-    struct stat status = {};
-    return ::lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 /// Reasons that tell nothing about the directory that could not be opened.
@@ -226,7 +222,7 @@ bool PZFileSys::Delete(const char* path, bool sync) {
     if (is_empty(path)) return false;
     if (chkAttribute(path) != en_ATTR_FILE) {
         PZ_REPORT_ERROR("this is not file [%s]\n", path);
-        PZCallStack::dumpDirectly(kRefusalFrames);
+        PZCallStack::dumpDirectly(kReportedFrames);
         return false;
     }
     if (::unlink(path) != 0) {
@@ -548,7 +544,7 @@ bool PZFileSys::Copy(const char* src, const char* dst, bool failIfExists, bool c
         refused = true;
         return false;
     }
-    const bool isLink = links == Links::REFUSED && is_link(src);
+    const bool isLink = links == Links::REFUSED && pz_is_link(src);
     if (isLink || chkAttribute(src) != en_ATTR_DIRECTORY) {
         return copyFile(src, dst, failIfExists, createDirs, refused, links);
     }

@@ -24,7 +24,9 @@
 #include <Framework/Utility/PZString.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_numbers.h>
 #include <Framework/private/pz_probes.h>
+#include <Framework/private/pz_time.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "../../private/pz_callers.h"
@@ -148,7 +150,7 @@ bool isHeldForFork = false;  // set under the lock, and true from then on
 void before_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
     if (!hasLock) return;
     const PZUncancelled whole;  // a fork is no place to be cancelled
-    if (heap_lock().Lock(0xFFFFFFFFU) == 0) isHeldForFork = true;
+    if (heap_lock().Lock(kNoTimeLimit) == 0) isHeldForFork = true;
 }
 
 void after_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
@@ -325,10 +327,6 @@ const char* overrun_mark(const ST_MEM_BLOCK* block) {
     return is_overrun(block) ? "NG" : "-";
 }
 
-unsigned long address_of(const void* pointer) {
-    return reinterpret_cast<unsigned long>(pointer);
-}
-
 /// The report shows counts and sizes as signed numbers.
 int printed(unsigned int quantity) {
     return static_cast<int>(quantity);
@@ -373,8 +371,8 @@ void write_live_blocks(PZLSysFileOut& file, const ST_MEM_BLOCK* newest) {
     int number = 0;
     for_each_live_block(newest, [&](const ST_MEM_BLOCK& block) {
         file.FWrite("%04d\t%#010x\t%#010lx\t%06u\t%s", number++, block.threadId,
-                    address_of(data_of(&block)), block.size, overrun_mark(&block));
-        for (const void* caller : block.callers) file.FWrite("\t%#010lx", address_of(caller));
+                    pz_address_of(data_of(&block)), block.size, overrun_mark(&block));
+        for (const void* caller : block.callers) file.FWrite("\t%#010lx", pz_address_of(caller));
         file.FWrite("\n");
     });
 }
@@ -433,9 +431,9 @@ void print_line_of_stars() {
 
 void print_block(unsigned int number, const ST_MEM_BLOCK& block) {
     std::printf("[%04u] %#010x  %#010lx   %06lu    %s    ", number, block.threadId,
-                address_of(data_of(&block)), static_cast<unsigned long>(block.size),
+                pz_address_of(data_of(&block)), static_cast<unsigned long>(block.size),
                 overrun_mark(&block));
-    for (const void* caller : block.callers) std::printf("(%#010lx)    ", address_of(caller));
+    for (const void* caller : block.callers) std::printf("(%#010lx)    ", pz_address_of(caller));
     std::putchar('\n');
 }
 

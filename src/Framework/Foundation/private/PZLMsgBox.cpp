@@ -11,7 +11,9 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_numbers.h>
 #include <Framework/private/pz_probes.h>
+#include <Framework/private/pz_rare.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "PZBoxWait.h"
@@ -28,12 +30,6 @@ constexpr unsigned int kMaxPayload = 256;  // bytes
 constexpr unsigned int kMostSpent = 16;    // payload copies that the loop gives back together
 constexpr unsigned int kOneLevel = 0;      // all events are alike
 constexpr unsigned long kNoIdentifier = ~0UL;
-constexpr int kCallStackDepth = 10;
-
-/// The condition, laid out as one that mostly does not hold.
-constexpr bool is_rare(bool condition) {
-    return __builtin_expect(condition, false);
-}
 
 #if __SIZEOF_POINTER__ == 4
 using Stored = PZPriorityQueue<PZIMsgBox::ST_PUSH_MSG_DATA>::que;
@@ -314,19 +310,19 @@ unsigned int PZLMsgBox::PushMsg(ST_PUSH_MSG_DATA& d) {
     Waking waking;
     {
         const PZSyncLock lock(msgSync_);
-        if (is_rare(d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload))) {
+        if (pz_is_rare(d.Buff != nullptr && (d.BuffSize == 0 || d.BuffSize > kMaxPayload))) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "param is NG [0x%08lx][%d]\n",
                                reinterpret_cast<unsigned long>(d.Buff),
                                static_cast<int>(d.BuffSize));
-            PZCallStack::dumpDirectly(kCallStackDepth);
+            PZCallStack::dumpDirectly(kReportedFrames);
             return RefusedLocked(en_POST_BAD_SIZE);
         }
-        if (is_rare(kept_ != nullptr && kept_->handOver.IsFullLocked())) {
+        if (pz_is_rare(kept_ != nullptr && kept_->handOver.IsFullLocked())) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "msg queue is full : worker[%d]\n",
                                workerId_);
             return RefusedLocked(en_POST_FULL);
         }
-        if (is_rare(!QueueLocked<0>(d, nullptr, waking))) {
+        if (pz_is_rare(!QueueLocked<0>(d, nullptr, waking))) {
             PZ_REPORT_ERROR_ON(WORKER, WorkerNameLocked(), "failed to allocate memory\n");
             return RefusedLocked(en_POST_FAILED);
         }

@@ -59,7 +59,7 @@ private:
 
     static long NsSince(const timespec& start) noexcept {
         const timespec now = pz_monotonic_now();
-        return (now.tv_sec - start.tv_sec) * 1000000000L + (now.tv_nsec - start.tv_nsec);
+        return (now.tv_sec - start.tv_sec) * long{kNsPerSecond} + (now.tv_nsec - start.tv_nsec);
     }
 
     /// Leaves the processor's resources to others for some cycles.

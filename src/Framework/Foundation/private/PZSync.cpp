@@ -11,7 +11,9 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
+#include <Framework/private/pz_numbers.h>
 #include <Framework/private/pz_probes.h>
+#include <Framework/private/pz_time.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 #include "../../Diagnostics/private/PZNamedPath.h"
@@ -20,9 +22,7 @@
 
 namespace {
 
-constexpr unsigned int kNoTimeLimit = 0xFFFFFFFFU;
 constexpr unsigned int kFree = 1;  // value of a semaphore that nobody holds
-constexpr int kCallStackDepth = 10;
 
 // Results of Lock.
 constexpr unsigned int kAcquired = 0;
@@ -75,7 +75,7 @@ void report_not_created(const PZSync* lock, const char* operation, int line) {
     const PZNamedPath named(lock);
     PZDbgOutput::DbgPrint(__FILE__, operation, line, PZDbgOutput::en_TAG_ERROR,
                           "handle is not created\n");
-    PZCallStack::dumpDirectly(kCallStackDepth);
+    PZCallStack::dumpDirectly(kReportedFrames);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <ctime>
 
+#include <Framework/private/pz_time.h>
+
 template class PZSingleton<PZTickCount>;
 
 namespace {
@@ -11,9 +13,6 @@ constexpr unsigned long kNoTime = 0xFFFFFFFFUL;
 constexpr unsigned long long kNoCount = ~0ULL;
 
 constexpr unsigned long long kFrequency = 1000;
-constexpr unsigned long long kMsPerSecond = 1000;
-constexpr unsigned long long kNsPerMs = 1000000;
-constexpr unsigned long long kNsPerSecond = 1000000000;
 
 }  // namespace
 

@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZUnitFrame.h"
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_numbers.h>
 #include <Framework/private/pz_uncancelled.h>
 
 namespace {
@@ -13,10 +14,6 @@ constexpr char kRule[] = "##########################################";
 void report_failure(const char* operation, int line, const char* failure) {
     PZDbgOutput::DbgPrint(__FILE__, operation, line, PZDbgOutput::en_TAG_ERROR,
                           "\n%s\n[PZUnitFrame] %s - %s\n%s\n", kRule, operation, failure, kRule);
-}
-
-unsigned long address_of(const void* object) {
-    return reinterpret_cast<unsigned long>(object);
 }
 
 }  // namespace
@@ -66,8 +63,8 @@ int PZUnitFrame::SendMsgSelf(unsigned int msgId, EN_MSG_ID priority, const void*
             "\n%s\n[PZUnitFrame] SendMsgSelf - en_ERROR_PUSH_MSG unit id[%d] pIMsgBox_[0x%08lx] "
             "pIDispatcher_[0x%08lx] SID[%ld] Priority[%d] MsgID[%d] Buff[0x%08lx] "
             "BuffSize[%d]\n%s\n",
-            kRule, unitId_, address_of(pIMsgBox_), address_of(pIDispatcher_), SID,
-            static_cast<int>(priority), static_cast<int>(msgId), address_of(buff),
+            kRule, unitId_, pz_address_of(pIMsgBox_), pz_address_of(pIDispatcher_), SID,
+            static_cast<int>(priority), static_cast<int>(msgId), pz_address_of(buff),
             static_cast<int>(size), kRule);
         return en_ERROR_PUSH_MSG;
     }

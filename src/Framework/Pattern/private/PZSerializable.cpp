@@ -8,6 +8,7 @@
 #include <new>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_numbers.h>
 
 namespace PZSerialization {
 
@@ -26,11 +27,6 @@ constexpr unsigned int kReserved = 1024;
 // What follows the code page of a PZString.
 constexpr unsigned int kNarrowText = 0;
 constexpr unsigned int kWideText = 1;
-
-template <typename Text>
-unsigned int size32(const Text& text) {
-    return static_cast<unsigned int>(text.size());
-}
 
 unsigned char reversed(unsigned char value) {
     return value;
@@ -176,8 +172,8 @@ void Archive::write(const void* data, unsigned int size) {
 void Archive::write(const std::string& s, int maxChars) {
     const unsigned int length =
         maxChars < 0
-            ? size32(s)
-            : PZString::LengthByte(s.data(), size32(s), static_cast<unsigned int>(maxChars));
+            ? pz_size32(s)
+            : PZString::LengthByte(s.data(), pz_size32(s), static_cast<unsigned int>(maxChars));
     Reserve(sizeof length + length);
     AppendBigEndian(length);
     Append(s.data(), length);
@@ -186,7 +182,7 @@ void Archive::write(const std::string& s, int maxChars) {
 void Archive::write(const std::wstring& s) {
     const size_t size = s.size() * sizeof(wchar_t);
     Reserve(sizeof(unsigned int) + size);
-    AppendBigEndian(size32(s));
+    AppendBigEndian(pz_size32(s));
     Append(s.data(), size);
 }
 

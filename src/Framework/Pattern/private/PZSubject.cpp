@@ -8,6 +8,7 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
+#include <Framework/private/pz_numbers.h>
 #include <Framework/private/pz_uncancelled.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
@@ -29,7 +30,7 @@ PZSubject::~PZSubject() {
     const PZUncancelled held;  // printing is a point at which a thread can be cancelled
     PZ_REPORT_ERROR("call RemoveObserver() before delete. [%d]\n",
                     static_cast<int>(observers_.size() - gaps_));
-    PZCallStack::dumpDirectly(10);
+    PZCallStack::dumpDirectly(kReportedFrames);
 }
 
 int PZSubject::AddObserver(PZObserver_* o) {

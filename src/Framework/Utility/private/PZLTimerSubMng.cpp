@@ -16,13 +16,13 @@
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_probes.h>
+#include <Framework/private/pz_time.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
 
 namespace {
 
 constexpr unsigned int kWatchTimeMs = 4000;
-constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 constexpr unsigned int kLongestWaitMs =
     0x7FFFFFFFU;                            // everything above is waited for without limit
 constexpr unsigned long kTimerSlackNs = 1;  // the kernel's default may add 50 us to a wait
@@ -205,7 +205,7 @@ void PZLTimerSubMng::takeFirstTick() {
 
 int PZLTimerSubMng::waitForEvent(unsigned int waitMs) {
     const PZWatchedWait watched;
-    return kept_->wait.Wait(waitMs == 0 ? kNoLimit : waitMs);
+    return kept_->wait.Wait(waitMs == 0 ? kNoTimeLimit : waitMs);
 }
 
 // What these three answer is the wait that follows: milliseconds, 0 for no limit.
@@ -235,7 +235,7 @@ unsigned int PZLTimerSubMng::waitAgain() {
 
 /// What is left at `now` of a wait, 0 when it is over.
 unsigned int PZLTimerSubMng::leftOf(const Wait& wait, unsigned int now) {
-    if (is_without_limit(wait.ms)) return kNoLimit;
+    if (is_without_limit(wait.ms)) return kNoTimeLimit;
     const unsigned int elapsed = now - wait.start;
     return elapsed < wait.ms ? wait.ms - elapsed : 0;
 }

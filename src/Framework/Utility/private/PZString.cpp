@@ -10,6 +10,7 @@
 #include <utility>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_numbers.h>
 
 #include "pz_find_bytes.h"
 
@@ -51,11 +52,6 @@ struct ST_BUFFER {
 /// For narrow text made from `length` units.
 ST_BUFFER<char> narrow_buffer(size_t length) {
     return ST_BUFFER<char>((length + 1) * kMaxBytesPerUnit);
-}
-
-template <typename T>
-unsigned int size32(const T& container) {
-    return static_cast<unsigned int>(container.size());
 }
 
 /// A standard position as a 32-bit one: "not found" keeps its all-ones value.
@@ -444,7 +440,7 @@ bool PZString::ConvertNarrow(EN_CP cp) {
         return false;
     }
     const int result = pz_cp_conv(buffer.memory.get(), buffer.size, cp, narrow_->c_str(),
-                                  size32(*narrow_), codePage_);
+                                  pz_size32(*narrow_), codePage_);
     if (result < 1) {
         PZ_REPORT_ERROR_OF("ToCHAR", "faild to convert ret[%d]\n", result);
         return false;
@@ -498,8 +494,8 @@ const wchar_t* PZString::ToWCHAR() {
         PZ_REPORT_ERROR("failed to allocate memory\n");
         return nullptr;
     }
-    if (pz_mbtowc(buffer.memory.get(), buffer.size, narrow_->c_str(), size32(*narrow_), codePage_) <
-        1) {
+    if (pz_mbtowc(buffer.memory.get(), buffer.size, narrow_->c_str(), pz_size32(*narrow_),
+                  codePage_) < 1) {
         PZ_REPORT_ERROR("faild to convert\n");
         return nullptr;
     }
@@ -522,7 +518,7 @@ const unsigned short* PZString::ToWCHAR16(EN_CP cp) {
             return nullptr;
         }
         if (!narrow_->empty() && pz_mbtowc16(buffer.memory.get(), buffer.size, cp, narrow_->c_str(),
-                                             size32(*narrow_), codePage_) < 1) {
+                                             pz_size32(*narrow_), codePage_) < 1) {
             PZ_REPORT_ERROR("faild to convert\n");
             return nullptr;
         }
@@ -619,13 +615,13 @@ unsigned int PZString::Length() const {
         return static_cast<unsigned int>(
             std::count_if(narrow_->begin(), narrow_->end(), starts_utf8_character));
     }
-    if (wide_ != nullptr) return size32(*wide_);
-    return units_ != nullptr ? size32(*units_) - 1 : 0;
+    if (wide_ != nullptr) return pz_size32(*wide_);
+    return units_ != nullptr ? pz_size32(*units_) - 1 : 0;
 }
 
 unsigned int PZString::LengthByte() const {
-    if (narrow_ != nullptr) return size32(*narrow_);
-    if (wide_ != nullptr) return size32(*wide_) * static_cast<unsigned int>(sizeof(wchar_t));
+    if (narrow_ != nullptr) return pz_size32(*narrow_);
+    if (wide_ != nullptr) return pz_size32(*wide_) * static_cast<unsigned int>(sizeof(wchar_t));
     return Length() * static_cast<unsigned int>(sizeof(unsigned short));
 }
 

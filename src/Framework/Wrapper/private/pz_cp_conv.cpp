@@ -10,6 +10,7 @@
 #include <Framework/Diagnostics/PZCallStack.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Wrapper/cp_conv_basic_rds.h>
+#include <Framework/private/pz_numbers.h>
 
 #include "pz_direct_conv.h"
 #include "pz_icu_detector.h"
@@ -123,7 +124,7 @@ int conv_character_code(char* dst, int dst_size, EN_XCP to, const char* src, int
     if (src == nullptr || dst == nullptr || src_size <= 0 || dst_size <= 0) {
         PZ_REPORT_ERROR("invalied args dst[%p] dst_size[%d] src[%p] src_size[%d]\n",
                         static_cast<void*>(dst), dst_size, static_cast<const void*>(src), src_size);
-        PZCallStack::dumpDirectly(10);
+        PZCallStack::dumpDirectly(kReportedFrames);
         return 0;
     }
     const int terminator = terminator_size(to);
