@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <deque>
@@ -9,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include <benchmark/benchmark.h>
@@ -286,6 +288,8 @@ void start_raw(benchmark::State& state) {
     framework.emplace("bench", 1);
 }
 
+constexpr std::chrono::microseconds kUntilIdle(200);  // of a worker after its start
+
 /// Start and stop of a worker that runs one function.
 void worker(benchmark::State& state) {
     for (auto _ : state) {
@@ -307,6 +311,35 @@ void worker_raw(benchmark::State& state) {
         started.GetMsgBox()->PushMsg(message);
         acknowledge.Wait();
         started.End(0);
+    }
+}
+
+/// Measures one call in an iteration, and nothing of what surrounds it.
+template <typename F>
+void measure(benchmark::State& state, F&& call) {
+    const auto begin = std::chrono::steady_clock::now();
+    call();
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+    state.SetIterationTime(time.count());
+}
+
+/// The stop of a worker that waits for posts.
+void stop(benchmark::State& state) {
+    for (auto _ : state) {
+        pz::Worker idle("bench");
+        std::this_thread::sleep_for(kUntilIdle);
+        measure(state, [&idle] {
+            if (!idle.stop()) std::abort();
+        });
+    }
+}
+
+void stop_raw(benchmark::State& state) {
+    for (auto _ : state) {
+        PZWorker idle(1, 4000, 1);
+        if (idle.Start("bench") != 0) std::abort();
+        std::this_thread::sleep_for(kUntilIdle);
+        measure(state, [&idle] { idle.End(0); });
     }
 }
 
@@ -368,6 +401,8 @@ BENCHMARK(start)->Name("easy/start")->UseRealTime();
 BENCHMARK(start_raw)->Name("easy/start:raw")->UseRealTime();
 BENCHMARK(worker)->Name("easy/worker")->UseRealTime();
 BENCHMARK(worker_raw)->Name("easy/worker:raw")->UseRealTime();
+BENCHMARK(stop)->Name("easy/stop")->UseManualTime();
+BENCHMARK(stop_raw)->Name("easy/stop:raw")->UseManualTime();
 BENCHMARK(stop_signal)->Name("easy/stop_signal");
 BENCHMARK(stop_signal_raw)->Name("easy/stop_signal:raw");
 BENCHMARK(sync_post)->Name("easy/sync_post");
