@@ -185,3 +185,16 @@ TEST_F(EasySyncWorkerTest, TimeDoesNotGoBack) {
     EXPECT_FALSE(worker.every(0ms, note('x')));
     EXPECT_EQ(Posted::empty, worker.post(std::function<void()>()));
 }
+
+TEST_F(EasySyncWorkerTest, LongerTimesThanThirtyYearsCountAsThese) {
+    constexpr std::chrono::hours kThirtyYears(30 * 365 * 24);
+    clock.advance(1h);
+    int runs = 0;
+    const pz::Timer timer = worker.every(std::chrono::milliseconds::max(), [&] { ++runs; });
+    EXPECT_EQ(1U, worker.run_for(std::chrono::milliseconds::max()));
+    EXPECT_EQ(kThirtyYears + 1h, clock.now());
+    clock.advance(std::chrono::milliseconds::max());
+    EXPECT_EQ(2 * kThirtyYears + 1h, clock.now());
+    EXPECT_EQ(1U, worker.run_all());
+    EXPECT_EQ(2, runs);
+}

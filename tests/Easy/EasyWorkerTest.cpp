@@ -406,6 +406,42 @@ TEST_F(EasyWorkerTest, TakesItsOptions) {
     EXPECT_EQ(1234U, answer->second);
 }
 
+TEST_F(EasyWorkerTest, OptionsThatAreOutOfRangeCountAsTheNearestThatAreNot) {
+    const auto seen = [](EN_WORKER_PRIORITY priority, std::chrono::milliseconds watchTime) {
+        pz::WorkerOptions options;
+        options.priority = priority;
+        options.watch_time = watchTime;
+        pz::Worker worker("tuner", options);
+        return worker.call([] { return PZThreadMng::GetInstance()->getWatchTime(pthread_self()); })
+            .value_or(1);
+    };
+    EXPECT_EQ(~0U, seen(en_WORKER_PRIORITY_NORMAL, std::chrono::milliseconds::max()));
+    EXPECT_EQ(0U, seen(en_WORKER_PRIORITY_NORMAL, std::chrono::milliseconds::min()));
+
+    pz::WorkerOptions options;
+    options.priority = static_cast<EN_WORKER_PRIORITY>(en_WORKER_PRIORITY_LOWEST + 100);
+    pz::Worker low("low", options);
+    // The priority is set when the thread serves already.
+    EXPECT_TRUE(wait_until([&] {
+        return low.call([] { return PZThreadMng::GetInstance()->GetCurrentThreadPriority(); })
+                   .value_or(0) == en_WORKER_PRIORITY_LOWEST;
+    }));
+    EXPECT_TRUE(low.after(1h, [] {}));
+}
+
+TEST_F(EasyWorkerTest, AnIdleWorkerEndsWithinEveryBound) {
+    for (const auto bound : {std::chrono::milliseconds::min(), std::chrono::milliseconds::max()}) {
+        pz::WorkerOptions options;
+        options.stop_within = bound;
+        const StdoutCapture capture;  // it may not have ended at once, which is reported
+        {
+            const pz::Worker worker("tuner", options);
+            ASSERT_TRUE(worker);
+        }
+        EXPECT_TRUE(pz::Worker("next"));
+    }
+}
+
 TEST_F(EasyWorkerTest, ANameMayBeNullEmptyOrTooLong) {
     EXPECT_STREQ("no_name", pz::Worker(nullptr).name());
     EXPECT_STREQ("", pz::Worker("").name());
@@ -566,6 +602,61 @@ TEST_F(EasyWorkerTest, CallOfAnEmptyFunctionFailsAndIsReported) {
     EXPECT_EQ(CallError::failed, worker.call(std::function<int()>()).error());
     EXPECT_EQ(1U, pztest::count_of(capture.Take(), "what was posted by TestBody()@"));
     EXPECT_EQ(7, worker.call([] { return 7; }).value_or(0));
+}
+
+TEST_F(EasyWorkerTest, CallOfANullPointerFailsAndIsReported) {
+    pz::Worker worker("tuner");
+    StdoutCapture capture;
+    void (*nothing)() = nullptr;
+    int (*noResult)() = nullptr;
+    EXPECT_EQ(CallError::failed, worker.call(nothing).error());
+    EXPECT_EQ(CallError::failed, worker.call(noResult).error());
+    EXPECT_EQ(2U, pztest::count_of(capture.Take(), "worker [tuner] refuses a post of TestBody()@"));
+    EXPECT_TRUE(worker.call([] {}));
+}
+
+TEST_F(EasyWorkerTest, APlaceWithoutTextsIsReportedWithoutThem) {
+    pz::Worker worker("tuner");
+    StdoutCapture capture;
+    void (*nothing)() = nullptr;
+    EXPECT_EQ(Posted::empty, worker.post(nothing, Priority::normal, pz::Place{}));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "worker [tuner] refuses a post of "));
+}
+
+TEST_F(EasyWorkerTest, StopOnItsOwnThreadAnswersAtOnceAndEndsTheWorkerAllTheSame) {
+    pz::Worker worker("tuner");
+    StdoutCapture capture;
+    bool isStopped = true;
+    Posted posted = Posted::ok;
+    int runs = 0;
+    EXPECT_TRUE(worker.call([&] {
+        EXPECT_EQ(Posted::ok, worker.post([&runs] { ++runs; }));
+        isStopped = worker.stop(std::chrono::milliseconds::max());
+        posted = worker.post([&runs] { ++runs; });
+    }));
+    EXPECT_FALSE(isStopped);
+    EXPECT_EQ(Posted::stopped, posted);
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(1, runs);
+    EXPECT_EQ("", capture.Take());
+}
+
+TEST_F(EasyWorkerTest, AWorkerThatWasStoppedAnswersEverything) {
+    pz::Worker worker("tuner");
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_FALSE(worker);
+    EXPECT_EQ(Posted::stopped, worker.post([kept = std::make_unique<int>(1)] {}));
+    EXPECT_EQ(CallError::stopped, worker.call([] { return 1; }).error());
+    EXPECT_TRUE(worker.stop());
+    EXPECT_STREQ("tuner", worker.name());
+    EXPECT_FALSE(worker.is_own_thread());
+    EXPECT_EQ(0U, worker.pending());
+    EXPECT_NE(nullptr, worker.box());
+    EXPECT_LE(0ms, worker.now());
+    StdoutCapture capture;
+    EXPECT_FALSE(worker.every(1s, [] {}));
+    EXPECT_FALSE(worker.after(0ms, [] {}));
+    EXPECT_EQ(2U, pztest::count_of(capture.Take(), "the worker does not run"));
 }
 
 TEST_F(EasyWorkerTest, PrioritiesAbove255CountAs255) {

@@ -94,13 +94,14 @@ private:
     CallError error_;
 };
 
-/// Options of a worker.
+/// Options of a worker. A priority or watch time that is out of range counts as the nearest that is
+/// not.
 struct WorkerOptions {
     /// Without one, the worker has the priority of the thread that makes it.
     std::optional<EN_WORKER_PRIORITY> priority{};
     /// A function that runs longer counts as hanging for PZSupervisor and pz-top; 0: never.
     std::chrono::milliseconds watch_time{4000};
-    /// How long the destructor waits at most.
+    /// How long the destructor waits at most; 0 and less does not wait.
     std::chrono::milliseconds stop_within{3000};
     /// Names the worker in the reports of its message box.
     unsigned int number = 0;
@@ -191,6 +192,16 @@ template <typename F>
 bool is_empty(const F& function) {
     if constexpr (can_be_empty<F>::value) {
         return function == nullptr;
+    } else {
+        return false;
+    }
+}
+
+/// True for a null pointer.
+template <typename F>
+bool is_null(const F& function) {
+    if constexpr (std::is_pointer_v<F>) {
+        return is_empty(function);
     } else {
         return false;
     }
@@ -389,11 +400,16 @@ public:
     /// its result. The function is not copied. A reference is answered as a copy.
     ///
     /// Answered with an error, at once, on the worker's own thread and when the worker does not
-    /// run; with CallError::stopped also when a stop gives up meanwhile.
+    /// run; with CallError::stopped also when a stop gives up meanwhile. A null pointer and an
+    /// empty std::function are answered with CallError::failed (reported).
     template <typename F>
     auto call(F&& function, const Place& place = Place::here())
         -> Called<std::decay_t<std::invoke_result_t<F&>>> {
         using Result = std::decay_t<std::invoke_result_t<F&>>;
+        if (detail::is_null<std::decay_t<F>>(function)) {
+            detail::refused(core_.get(), Posted::empty, place);
+            return CallError::failed;
+        }
         if constexpr (std::is_void_v<Result>) {
             return detail::call(core_.get(), function, place);
         } else {
@@ -433,7 +449,7 @@ public:
     /// Otherwise false, with one report that names the worker, the place where the running handler
     /// was posted, and how long it has been running. The calling thread destroys what is still
     /// posted; it is not run. What the handler uses of the worker stays until it has returned. A
-    /// later call waits once more.
+    /// later call waits once more. A time of 0 and less does not wait.
     ///
     /// On the worker's own thread: false at once, without a report; the worker ends as described.
     [[nodiscard]] bool stop(std::chrono::milliseconds within);

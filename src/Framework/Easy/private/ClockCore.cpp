@@ -10,6 +10,10 @@ long long ClockCore::NowMs() const {
     return nowMs_;
 }
 
+long long ClockCore::After(std::chrono::milliseconds time) const {
+    return NowMs() + std::min<long long>(time.count(), kLongestMs);
+}
+
 bool ClockCore::Add(DueEntry& entry, long long dueMs) noexcept {
     const PZMutexLock lock(mutex_);
     try {

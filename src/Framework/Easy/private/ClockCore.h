@@ -1,6 +1,7 @@
 #ifndef PZ_FRAMEWORK_EASY_CLOCKCORE_H
 #define PZ_FRAMEWORK_EASY_CLOCKCORE_H
 
+#include <chrono>
 #include <vector>
 
 #include <Framework/Foundation/private/PZMutex.h>
@@ -23,11 +24,16 @@ protected:
     DueEntry& operator=(const DueEntry&) = default;
 };
 
+/// Longer times count as this one: thirty years.
+constexpr long long kLongestMs = 30LL * 365 * 24 * 3600 * 1000;
+
 /// A clock that moves when it is told to, and tells the entries in the order of their times; those
 /// of the same time in the order in which they were added.
 class ClockCore {
 public:
     long long NowMs() const;
+    /// What the clock shows `time` later.
+    long long After(std::chrono::milliseconds time) const;
 
     /// False when there is no memory.
     bool Add(DueEntry& entry, long long dueMs) noexcept;

@@ -14,7 +14,7 @@ std::chrono::milliseconds ManualClock::now() const {
 
 void ManualClock::advance(std::chrono::milliseconds by) {
     if (by < std::chrono::milliseconds::zero()) return;
-    const long long limit = core_->NowMs() + by.count();
+    const long long limit = core_->After(by);
     while (core_->Step(limit)) {
     }
 }

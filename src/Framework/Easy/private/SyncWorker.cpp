@@ -22,7 +22,7 @@ std::size_t SyncWorker::run_for(std::chrono::milliseconds time) {
     std::size_t runs = run_all();
     if (core() == nullptr || time < std::chrono::milliseconds::zero()) return runs;
     detail::ClockCore& clock = *core()->ManualClock();
-    const long long limit = clock.NowMs() + time.count();
+    const long long limit = clock.After(time);
     while (clock.Step(limit)) runs += run_all();
     return runs;
 }

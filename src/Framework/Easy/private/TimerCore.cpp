@@ -9,7 +9,6 @@ namespace pz::detail {
 namespace {
 
 constexpr long long kLongestLegMs = 24LL * 3600 * 1000;  // far below what a band can wait
-constexpr long long kLongestMs = 30LL * 365 * 24 * 3600 * 1000;
 constexpr long long kRetryMs = 10;  // the only run, when the worker has no room
 
 /// The band of the worker's priority; null when its timers are fired otherwise.
@@ -121,7 +120,7 @@ long long TimerCore::OnDue(long long nowMs) {
         isOver_ = true;
         return kNever;
     }
-    const long long period = request_.time.count();
+    const long long period = std::min<long long>(request_.time.count(), kLongestMs);
     const long long passed = (nowMs - dueMs_) / period;  // beside the one that was due
     missed_ += static_cast<unsigned long long>(passed) + (isPosted ? 0 : 1);
     dueMs_ += (passed + 1) * period;

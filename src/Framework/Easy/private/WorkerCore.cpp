@@ -22,11 +22,22 @@ namespace {
 constexpr std::chrono::milliseconds kNone(0);
 constexpr std::chrono::milliseconds kGrace(100);
 constexpr std::chrono::milliseconds kLookAgain(10);
-constexpr std::chrono::hours kLongest(24 * 365 * 30);
+constexpr std::chrono::milliseconds kLongest(kLongestMs);
 
 /// As the box counts it.
 unsigned int level_of(Priority priority) noexcept {
     return std::min(static_cast<unsigned int>(priority), 255U);
+}
+
+/// What is out of range counts as the nearest that is not.
+WorkerOptions with_bounds(WorkerOptions options) noexcept {
+    constexpr std::chrono::milliseconds kMostWatchTime(~0U);
+    options.watch_time = std::clamp(options.watch_time, kNone, kMostWatchTime);
+    if (options.priority) {
+        options.priority =
+            std::clamp(*options.priority, en_WORKER_PRIORITY_HIGHEST, en_WORKER_PRIORITY_LOWEST);
+    }
+    return options;
 }
 
 /// The cores with a thread. Never destroyed: a worker that hangs outlives everything.
@@ -61,6 +72,7 @@ std::shared_ptr<WorkerCore> core_at(std::size_t index) noexcept {
 }  // namespace
 
 const char* base_name(const char* file) noexcept {
+    if (file == nullptr) return "";
     const char* base = file;
     for (const char* at = file; *at != '\0'; ++at) {
         if (*at == '/') base = at + 1;
@@ -76,10 +88,10 @@ WorkerCore::WorkerCore(Kind kind, const char* name, const WorkerOptions& options
                        std::shared_ptr<ClockCore> clock)
     : kind_(kind),
       clock_(std::move(clock)),
-      options_(options),
+      options_(with_bounds(options)),
       name_(),
       jobs_(new Job[kJobs]),
-      thread_(this, static_cast<unsigned int>(std::max<long long>(options.watch_time.count(), 0))) {
+      thread_(this, static_cast<unsigned int>(options_.watch_time.count())) {
     pz_strncpy(name_, sizeof name_, name != nullptr ? name : "no_name", sizeof name_ - 1);
     accepting_ = IsManual();
     finished_ = !IsManual();

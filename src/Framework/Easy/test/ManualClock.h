@@ -32,7 +32,8 @@ public:
     std::chrono::milliseconds now() const;
 
     /// Moves the time forward. Timers that become due are posted to their workers, in order; the
-    /// workers serve them when the test says so. 0 posts what is due now; less does nothing.
+    /// workers serve them when the test says so. 0 posts what is due now; less does nothing; more
+    /// than thirty years count as these.
     void advance(std::chrono::milliseconds by);
 
     /// For the other classes of this layer.

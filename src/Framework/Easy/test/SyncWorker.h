@@ -39,7 +39,8 @@ public:
     std::size_t run_all(std::size_t limit = 100000);
 
     /// Moves the clock from timer to timer, and runs everything that is posted, until `time` has
-    /// passed. Answers how many posts were run. Other workers with the same clock are not served.
+    /// passed (see ManualClock::advance). Answers how many posts were run. Other workers with the
+    /// same clock are not served.
     std::size_t run_for(std::chrono::milliseconds time);
 
     /// How many posts took longer than `options.watch_time` by the test's clock, which they move
