@@ -47,7 +47,7 @@ constexpr unsigned int kIntervalMs = 10;
 constexpr unsigned int kShortMs = 50;     // a watch time that is meant to be exceeded
 constexpr unsigned int kLongMs = 600000;  // one that is not
 constexpr unsigned int kOrdinary = 128;
-constexpr int kFull = 3;
+constexpr unsigned int kFull = 3;
 constexpr int kCapacity = 256;
 
 /// What a callback was told, with copies of what is valid only meanwhile.
@@ -185,20 +185,48 @@ struct HangingObserver : PZObserver_ {
     std::atomic<const void*> caller{nullptr};
 };
 
-/// The owner of a thread that is no worker.
-class Notifier {
+/// A thread of the program that is no worker, and does what the test wants.
+class OwnThread {
 public:
-    explicit Notifier(std::function<void()> main) : main_(std::move(main)) {}
+    OwnThread(const char* name, std::function<void()> main, unsigned int watchTimeMs = kShortMs)
+        : main_(std::move(main)), thread_(this, watchTimeMs) {
+        isStarted_ = thread_.Start(name);
+    }
+
+    bool IsStarted() const { return isStarted_; }
+    void Join() { thread_.WaitExit(); }
+    int Tid() const { return tid_; }
+
+    // Phases of the thread.
     int Initialize() { return 0; }
     void MainProc() {
-        tid = gettid();
+        tid_ = gettid();
         main_();
     }
     void Finalize() {}
-    std::atomic<int> tid{0};
 
 private:
     const std::function<void()> main_;
+    std::atomic<int> tid_{0};
+    PZThread<OwnThread> thread_;
+    bool isStarted_ = false;
+};
+
+/// Keeps a signal from the calling thread.
+class BlockedSignal {
+public:
+    explicit BlockedSignal(int signal) {
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        sigaddset(&blocked, signal);
+        pthread_sigmask(SIG_BLOCK, &blocked, &before_);
+    }
+    ~BlockedSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    BlockedSignal(const BlockedSignal&) = delete;
+    BlockedSignal& operator=(const BlockedSignal&) = delete;
+
+private:
+    sigset_t before_ = {};
 };
 
 class PZSupervisorTest : public testing::Test {
@@ -240,6 +268,24 @@ protected:
 
 int signal_that_is_free() {
     return SIGRTMIN + 7;
+}
+
+void notify_all(PZSubject& subject) {
+    subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL);
+}
+
+/// Posts to a worker that hangs until its box is full; false when it was full before.
+bool fill(TestWorker& worker) {
+    for (int i = 0; i < kCapacity; ++i) {
+        if (worker.Post(2) != 0) return false;
+    }
+    return true;
+}
+
+/// Posts to a full box.
+unsigned int post_too_much(TestWorker& worker) {
+    const pztest::StdoutCapture capture;  // of the report
+    return worker.Post(3);
 }
 
 /// A thread that was joined is listed a moment longer.
@@ -408,15 +454,14 @@ TEST_F(PZSupervisorTest, TellsOfAnObserverThatAThreadOfTheProgramNotifiesAndThat
     HangingObserver observer;
     PZSubject subject;
     subject.AddObserver(&observer);
-    Notifier notifier([&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
-    PZThread<Notifier> thread(&notifier, kShortMs);
-    ASSERT_TRUE(thread.Start("notifying"));
+    OwnThread thread("notifying", [&subject] { notify_all(subject); });
+    ASSERT_TRUE(thread.IsStarted());
     ASSERT_TRUE(record.WaitForCount(1));
     WaitForLooks();
     EXPECT_EQ(1U, ToldOf("notifying").size());
     observer.gate.Open();
     ASSERT_TRUE(wait_until([this] { return ToldOf("notifying").size() == 2; }));
-    thread.WaitExit();
+    thread.Join();
     WaitForLooks();
     subject.RemoveObserver(&observer);
 
@@ -424,7 +469,7 @@ TEST_F(PZSupervisorTest, TellsOfAnObserverThatAThreadOfTheProgramNotifiesAndThat
     ASSERT_EQ(2U, told.size());
     EXPECT_EQ(PZSupervisor::en_OBSERVER, told[0].kind);
     EXPECT_EQ(&subject, told[0].object);
-    EXPECT_EQ(notifier.tid, told[0].tid);
+    EXPECT_EQ(thread.Tid(), told[0].tid);
     EXPECT_EQ(-1, told[0].worker);
     EXPECT_EQ(nullptr, told[0].dispatcher);
     EXPECT_EQ(kShortMs, told[0].watchTimeMs);
@@ -451,13 +496,12 @@ TEST_F(PZSupervisorTest, TellsOfAnObserverThatNotifiesWithoutEndItself) {
         std::atomic<bool>& isEnough;
     } observer(subject, isEnough);
     subject.AddObserver(&observer);
-    Notifier notifier([&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
-    PZThread<Notifier> thread(&notifier, kShortMs);
-    ASSERT_TRUE(thread.Start("nesting"));
+    OwnThread thread("nesting", [&subject] { notify_all(subject); });
+    ASSERT_TRUE(thread.IsStarted());
     ASSERT_TRUE(record.WaitForCount(1));
     isEnough = true;
     ASSERT_TRUE(record.WaitForCount(2));
-    thread.WaitExit();
+    thread.Join();
     subject.RemoveObserver(&observer);
     EXPECT_EQ("nesting", record.All()[0].name);
     EXPECT_EQ(&subject, record.All()[0].object);
@@ -472,16 +516,16 @@ TEST_F(PZSupervisorTest, DoesNotTellOfAThreadThatNotifiesAllTheTime) {
     } observer;
     subject.AddObserver(&observer);
     std::atomic<bool> isEnough{false};
-    Notifier notifier([&] {
-        while (!isEnough) subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL);
-    });
-    PZThread<Notifier> thread(&notifier, kWatchMs);
-    ASSERT_TRUE(thread.Start("busy"));
+    const auto notify = [&] {
+        while (!isEnough) notify_all(subject);
+    };
+    OwnThread thread("busy", notify, kWatchMs);
+    ASSERT_TRUE(thread.IsStarted());
     HangingWorker hanging("hanging", kWatchMs, 2);
     ASSERT_TRUE(hanging.HangIn(1));  // while the other one notifies
     ASSERT_TRUE(record.WaitForCount(1));
     isEnough = true;
-    thread.WaitExit();
+    thread.Join();
     subject.RemoveObserver(&observer);
     EXPECT_EQ("hanging", record.All()[0].name);
     EXPECT_EQ(1U, record.Count());
@@ -492,8 +536,7 @@ TEST_F(PZSupervisorTest, TellsOfTheObserversOfAHandlerAsOfTheHandlerOnly) {
     HangingObserver observer;
     PZSubject subject;
     subject.AddObserver(&observer);
-    TestWorker worker("handling", kShortMs, 3,
-                      [&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
+    TestWorker worker("handling", kShortMs, 3, [&subject] { notify_all(subject); });
     ASSERT_EQ(0U, worker.Post(8));
     ASSERT_TRUE(record.WaitForCount(1));
     WaitForLooks();
@@ -518,12 +561,11 @@ TEST_F(PZSupervisorTest, WatchesASubjectInThePlaceOfOneThatIsGone) {
     many.clear();
     PZSubject subject;
     subject.AddObserver(&observer);
-    Notifier notifier([&subject] { subject.NotifyObserver(1, nullptr, 0, en_NTF_ALL); });
-    PZThread<Notifier> thread(&notifier, kShortMs);
-    ASSERT_TRUE(thread.Start("late"));
+    OwnThread thread("late", [&subject] { notify_all(subject); });
+    ASSERT_TRUE(thread.IsStarted());
     ASSERT_TRUE(record.WaitForCount(1));
     observer.gate.Open();
-    thread.WaitExit();
+    thread.Join();
     subject.RemoveObserver(&observer);
     EXPECT_EQ(&subject, record.All()[0].object);
 }
@@ -532,29 +574,18 @@ TEST_F(PZSupervisorTest, TellsOfAThreadThatWaitsTooLongForALock) {
     ASSERT_TRUE(Start());
     PZSync lock;
     auto held = std::make_unique<PZSyncLock>(lock);
-    struct Waiter {
-        explicit Waiter(PZSync& l) : lock(l) {}
-        int Initialize() { return 0; }
-        void MainProc() {
-            tid = gettid();
-            const PZSyncLock own(lock);
-        }
-        void Finalize() {}
-        PZSync& lock;
-        std::atomic<int> tid{0};
-    } waiter(lock);
-    PZThread<Waiter> thread(&waiter, kShortMs);
-    ASSERT_TRUE(thread.Start("waiting"));
+    OwnThread thread("waiting", [&lock] { const PZSyncLock own(lock); });
+    ASSERT_TRUE(thread.IsStarted());
     ASSERT_TRUE(record.WaitForCount(1));
     held.reset();
     ASSERT_TRUE(record.WaitForCount(2));
-    thread.WaitExit();
+    thread.Join();
 
     const std::vector<Told> told = record.All();
     ASSERT_EQ(2U, told.size());
     EXPECT_EQ(PZSupervisor::en_LOCK, told[0].kind);
     EXPECT_EQ("waiting", told[0].name);
-    EXPECT_EQ(waiter.tid, told[0].tid);
+    EXPECT_EQ(thread.Tid(), told[0].tid);
     EXPECT_EQ(&lock, told[0].object);
     EXPECT_EQ(-1, told[0].worker);
     EXPECT_EQ(kShortMs, told[0].watchTimeMs);
@@ -586,13 +617,10 @@ TEST_F(PZSupervisorTest, TellsOfABoxThatRefusesPosts) {
     ASSERT_TRUE(Start());
     HangingWorker flooded("flooded", kLongMs, 3);
     ASSERT_TRUE(flooded.HangIn(1));
-    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(0U, flooded.Worker().Post(2));
+    ASSERT_TRUE(fill(flooded.Worker()));
     WaitForLooks();
     EXPECT_EQ(0U, ToldOf("flooded").size());  // full, but nothing was refused
-    {
-        const pztest::StdoutCapture capture;
-        ASSERT_EQ(static_cast<unsigned int>(kFull), flooded.Worker().Post(3));
-    }
+    ASSERT_EQ(kFull, post_too_much(flooded.Worker()));
     ASSERT_TRUE(wait_until([this] { return ToldOf("flooded").size() == 1; }));
     WaitForLooks();
     std::vector<Told> told = ToldOf("flooded");
@@ -617,11 +645,8 @@ TEST_F(PZSupervisorTest, TellsOfABoxThatRefusesPosts) {
 TEST_F(PZSupervisorTest, TellsOfABoxThatWasRefusingBeforeTheStart) {
     HangingWorker flooded("flooded", kLongMs, 3);
     ASSERT_TRUE(flooded.HangIn(1));
-    for (int i = 0; i < kCapacity; ++i) ASSERT_EQ(0U, flooded.Worker().Post(2));
-    {
-        const pztest::StdoutCapture capture;
-        ASSERT_EQ(static_cast<unsigned int>(kFull), flooded.Worker().Post(3));
-    }
+    ASSERT_TRUE(fill(flooded.Worker()));
+    ASSERT_EQ(kFull, post_too_much(flooded.Worker()));
     ASSERT_TRUE(Start());
     ASSERT_TRUE(record.WaitForCount(1));
     EXPECT_EQ(PZSupervisor::en_REFUSAL, record.All()[0].kind);
@@ -742,13 +767,8 @@ TEST_F(PZSupervisorTest, TellsWithoutACallStackWhenTheThreadBlocksTheSignal) {
     ASSERT_TRUE(Start(signal));
     Gate gate;
     TestWorker blocking("blocking", kShortMs, 1, [&] {
-        sigset_t blocked;
-        sigset_t before;
-        sigemptyset(&blocked);
-        sigaddset(&blocked, signal);
-        pthread_sigmask(SIG_BLOCK, &blocked, &before);
+        const BlockedSignal blocked(signal);
         gate.Pass();
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
     });
     ASSERT_EQ(0U, blocking.Post(1));
     ASSERT_TRUE(record.WaitForCount(1));
@@ -765,13 +785,10 @@ TEST_F(PZSupervisorTest, ALateAnswerIsNotTakenForThatOfAnotherThread) {
     Gate gate;
     std::atomic<bool> isUnblocked{false};
     TestWorker late("late", kShortMs, 1, [&] {
-        sigset_t blocked;
-        sigset_t before;
-        sigemptyset(&blocked);
-        sigaddset(&blocked, signal);
-        pthread_sigmask(SIG_BLOCK, &blocked, &before);
-        gate.Pass();
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);  // gets its signal here
+        {
+            const BlockedSignal blocked(signal);
+            gate.Pass();
+        }  // gets its signal here
         isUnblocked = true;
     });
     ASSERT_EQ(0U, late.Post(1));
@@ -798,13 +815,10 @@ TEST_F(PZSupervisorTest, UsesNoSignalThatTheProcessUses) {
         EXPECT_EQ(action, action_of(signal));
         sigaction(signal, &before, nullptr);
     }
-    sigset_t blocked;
-    sigset_t before;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, signal);
-    pthread_sigmask(SIG_BLOCK, &blocked, &before);  // for a signalfd, say
-    EXPECT_FALSE(Start(signal));
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    {
+        const BlockedSignal blocked(signal);  // for a signalfd, say
+        EXPECT_FALSE(Start(signal));
+    }
     EXPECT_FALSE(Start(SIGKILL));
     EXPECT_FALSE(Start(1000));
     EXPECT_EQ(SIG_DFL, action_of(signal));
@@ -812,6 +826,21 @@ TEST_F(PZSupervisorTest, UsesNoSignalThatTheProcessUses) {
     EXPECT_NE(SIG_DFL, action_of(signal));
     EXPECT_TRUE(PZSupervisor::Stop());
     EXPECT_EQ(SIG_DFL, action_of(signal));
+}
+
+TEST_F(PZSupervisorTest, TakesNoSignalOfFaults) {
+    const pztest::StdoutCapture capture;
+    // A handler that returns would bring the process back to the faulty instruction, for ever.
+    for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+        struct sigaction fatal = {};
+        fatal.sa_handler = SIG_DFL;
+        struct sigaction before = {};  // sanitizers have some
+        sigaction(signal, &fatal, &before);
+        EXPECT_FALSE(Start(signal)) << signal;
+        EXPECT_EQ(SIG_DFL, action_of(signal)) << signal;
+        PZSupervisor::Stop();
+        sigaction(signal, &before, nullptr);
+    }
 }
 
 TEST_F(PZSupervisorTest, LeavesASignalAloneThatTheProcessHasTakenMeanwhile) {

@@ -79,8 +79,9 @@ public:
     /// stacks, which stays the framework's until Stop: no other code may use it meanwhile.
     ///
     /// False, and reported: a null callback, an interval of 0, a second Start, a signal that the
-    /// process uses (it has an action already, or the calling thread blocks it) or that cannot be
-    /// caught, no memory, no descriptors, no thread. Nothing remains then.
+    /// process uses (it has an action already, or the calling thread blocks it), that cannot be
+    /// caught or tells of a fault (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS), no memory, no
+    /// descriptors, no thread. Nothing remains then.
     static bool Start(Callback callback, void* user, unsigned int intervalMs,
                       int stackSignal = kNoCallStack);
 

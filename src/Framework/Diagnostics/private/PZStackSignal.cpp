@@ -65,8 +65,15 @@ void set_plain_action(int signal, void (*handler)(int)) {
     sigaction(signal, &action, nullptr);
 }
 
+/// Of such signals a handler must not return: the same instruction would fail again, for ever.
+bool is_of_faults(int signal) {
+    return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL ||
+           signal == SIGTRAP || signal == SIGSYS;
+}
+
 /// Whether nothing in the process wants the signal: a forked child has its parent's handler.
 bool is_free(int signal) {
+    if (is_of_faults(signal)) return false;
     sigset_t blocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     return (is_default(signal) || is_ours(signal)) && sigismember(&blocked, signal) == 0;
