@@ -24,8 +24,8 @@ class PZ_API Waitable {
 public:
     virtual ~Waitable();
 
-    /// The signals that are waited for; null when there are none (no memory, or moved from). Where
-    /// Qt's headers are included, only behind `#undef signals`.
+    /// The signals that are waited for; null when there are none (no memory, or moved from). After
+    /// Qt's headers it can be called only below `#undef signals`.
     virtual PZEvent* signals() const noexcept = 0;
 
     /// Called by the thread whose wait has taken a signal.

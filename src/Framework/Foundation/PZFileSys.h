@@ -167,10 +167,11 @@ public:
     /// Worst case: with a pattern of P bytes and a name of N at most (P + 1) * (N + 1) comparisons.
     static int strcmp_wild(const char* pattern, const char* name);
 
-    /// Hidden files: ".DS_Store", names that begin with '.' (and "._"), the extension "CHK".
+    /// Hidden files: names that begin with '.', and the extension "CHK". `name` has `length` bytes
+    /// and must not be null.
     static bool is_hidden_file(const char* name, unsigned int length);
 
-    /// Hidden directories: names that begin with '.'.
+    /// Hidden directories: names that begin with '.'. Arguments as above.
     static bool is_hidden_folder(const char* name, unsigned int length);
 
     // Copying and moving.

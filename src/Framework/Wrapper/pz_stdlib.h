@@ -6,9 +6,10 @@
 #include <Framework/PZApi.h>
 
 /// @file
-/// The C library's string, number, sleep and process calls in one calling style. Everything
-/// here is re-entrant; any thread may call it. The copy helpers clear errno, return 0 and never
-/// print.
+/// The C library's string, number, sleep and process calls in one calling style. Everything here is
+/// re-entrant; any thread may call it. Sizes and counts are characters. Pointers must not be null,
+/// unless an operation says otherwise. The copy helpers clear errno, return 0 and never print.
+/// Texts must not overlap.
 
 /// Copies `src` with its terminator. `dstSize` is not enforced: `dst` must be large enough.
 PZ_API int pz_strcpy(char* dst, unsigned int dstSize, const char* src);
