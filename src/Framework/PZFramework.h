@@ -2,7 +2,7 @@
 #define PZ_FRAMEWORK_PZFRAMEWORK_H
 
 /// @file
-/// Every public header of the framework.
+/// Every public header of the framework, but not the easy layer: Easy.h brings it.
 
 #include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Communication/PZMessageQueue.h>
