@@ -20,12 +20,12 @@
 #include "ProgressText.h"
 #include "ReaderUnit.h"
 #include "common/EndOfRun.h"
+#include "common/Program.h"
 #include "common/ProgressLine.h"
 
 namespace {
 
 constexpr int kExitUnreadable = 1;
-constexpr int kExitUsage = 2;
 constexpr int kExitInterrupted = 130;  // as a shell reports Ctrl-C
 
 constexpr char kUsage[] =
@@ -109,10 +109,7 @@ int feed(std::vector<FileTotals>& files, bool flood, const EndOfRun& end) {
 
 int main(int argc, char** argv) {
     Options options = parse(argc, argv);
-    if (options.bad || options.help) {
-        std::fputs(kUsage, options.bad ? stderr : stdout);
-        return options.bad ? kExitUsage : 0;
-    }
+    if (options.bad || options.help) return tell_usage(kUsage, options.bad);
 
     const EndOfRun end;  // before the framework starts its threads
     FrameworkTimes times;

@@ -1,7 +1,5 @@
 #include "ChecksumUnit.h"
 
-#include <cstring>
-
 #include <Framework/Utility/PZCRC.h>
 
 #include "ReaderUnit.h"
@@ -14,22 +12,14 @@ bool ChecksumUnit::Join(PZIMsgBox* box, ReaderUnit& reader) {
     return RegistMsgBox(box, this) == 0;
 }
 
-void ChecksumUnit::Take(unsigned int block) {
-    SendMsgSelf(en_MSG_BLOCK, en_MSG_NORMAL, &block, sizeof block);
+void ChecksumUnit::OnBlock(unsigned int block) {
+    Add(pool_.At(block));
+    reader_->TakeBack(block);
 }
 
-void ChecksumUnit::OnReceiveMsg(unsigned int MsgID, const void* Buff, unsigned int) {
-    if (MsgID == en_MSG_END) {
-        end_.Finish();
-        return;
-    }
-    unsigned int number = 0;
-    std::memcpy(&number, Buff, sizeof number);
-    Add(pool_.At(number));
-    reader_->TakeBack(number);
+void ChecksumUnit::OnEnd() {
+    end_.Finish();
 }
-
-void ChecksumUnit::OnReceiveEvent(unsigned int) {}
 
 // A checksum goes on with the complement of what it was so far.
 void ChecksumUnit::Add(const Block& block) {

@@ -3,35 +3,26 @@
 
 #include <atomic>
 
-#include <Framework/Foundation/PZUnitFrame.h>
-
 #include "BlockPool.h"
+#include "BlockUnit.h"
 #include "Catalogue.h"
 #include "common/EndOfRun.h"
 
 class ReaderUnit;
 
 /// Computes the CRC-32 of each file, block by block, and gives the blocks back to the reader.
-///
-/// Its handlers run on the checksum worker; what is public may be called from any thread.
-class ChecksumUnit : public PZUnitFrame, private PZIDispatcher {
+/// Runs on the checksum worker.
+class ChecksumUnit : public BlockUnit {
 public:
     ChecksumUnit(Catalogue& catalogue, BlockPool& pool, const EndOfRun& end);
 
     bool Join(PZIMsgBox* box, ReaderUnit& reader);
 
-    void Take(unsigned int block);
-
-    /// There are no more blocks.
-    void TakeEnd() { SendMsgSelf(en_MSG_END, en_MSG_NORMAL, nullptr, 0); }
-
     unsigned int FilesDone() const { return filesDone_; }
 
 private:
-    enum EN_MSG : unsigned int { en_MSG_BLOCK, en_MSG_END };
-
-    void OnReceiveMsg(unsigned int MsgID, const void* Buff, unsigned int BuffSize) override;
-    void OnReceiveEvent(unsigned int bits) override;
+    void OnBlock(unsigned int block) override;
+    void OnEnd() override;
 
     void Add(const Block& block);
 

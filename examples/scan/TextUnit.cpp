@@ -1,31 +1,20 @@
 #include "TextUnit.h"
 
-#include <cstring>
-
 #include "FirstLine.h"
 #include "common/CodePageNames.h"
 
 TextUnit::TextUnit(Catalogue& catalogue, BlockPool& pool, ChecksumUnit& checksum, ScanLog& log)
     : catalogue_(catalogue), pool_(pool), checksum_(checksum), log_(log) {}
 
-// At most as many messages are on their way as there are blocks: the box never runs full.
-void TextUnit::Take(unsigned int block) {
-    SendMsgSelf(en_MSG_BLOCK, en_MSG_NORMAL, &block, sizeof block);
+void TextUnit::OnBlock(unsigned int block) {
+    const Block& content = pool_.At(block);
+    if (content.isFirst) Describe(content);
+    checksum_.Take(block);
 }
 
-void TextUnit::OnReceiveMsg(unsigned int MsgID, const void* Buff, unsigned int) {
-    if (MsgID == en_MSG_END) {
-        checksum_.TakeEnd();
-        return;
-    }
-    unsigned int number = 0;
-    std::memcpy(&number, Buff, sizeof number);
-    const Block& block = pool_.At(number);
-    if (block.isFirst) Describe(block);
-    checksum_.Take(number);
+void TextUnit::OnEnd() {
+    checksum_.TakeEnd();
 }
-
-void TextUnit::OnReceiveEvent(unsigned int) {}
 
 void TextUnit::Describe(const Block& block) {
     FileRecord& record = catalogue_.At(block.file);

@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include <Framework/Easy/Framework.h>
 #include <Framework/Foundation/PZWorker.h>
 
 #include "BlockPool.h"
@@ -25,12 +24,12 @@
 #include "ScannerUnit.h"
 #include "TextUnit.h"
 #include "common/EndOfRun.h"
+#include "common/Program.h"
 #include "common/ProgressLine.h"
 
 namespace {
 
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 constexpr int kExitInterrupted = 130;  // as a shell reports Ctrl-C
 
 constexpr char kUsage[] =
@@ -188,16 +187,7 @@ int run(const Options& options, const EndOfRun& end) {
 
 int main(int argc, char** argv) {
     const Options options = parse(argc, argv);
-    if (options.bad || options.help) {
-        std::fputs(kUsage, options.bad ? stderr : stdout);
-        return options.bad ? kExitUsage : 0;
-    }
-
-    const EndOfRun end;  // before the framework starts its threads
-    const pz::Framework framework("pz_scan", 1);
-    if (!framework) {
-        std::fprintf(stderr, "pz_scan: the framework does not start\n");
-        return kExitFailed;
-    }
-    return run(options, end);
+    if (options.bad || options.help) return tell_usage(kUsage, options.bad);
+    return run_in_framework("pz_scan", 1,
+                            [&options](const EndOfRun& end) { return run(options, end); });
 }

@@ -16,6 +16,5 @@ struct Options {
 Options parse_options(int argc, char** argv, bool hasInterval);
 
 constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
 
 #endif  // TWOPROCESS_OPTIONS_H

@@ -3,13 +3,13 @@
 #include <cstdio>
 
 #include <Framework/Communication/PZMessageQueue.h>
-#include <Framework/Easy/Framework.h>
 #include <Framework/Foundation/PZWorker.h>
 
 #include "DisplayUnit.h"
 #include "Options.h"
 #include "SettingsStore.h"
 #include "common/EndOfRun.h"
+#include "common/Program.h"
 
 namespace {
 
@@ -56,16 +56,7 @@ int run(const Options& options, const EndOfRun& end) {
 
 int main(int argc, char** argv) {
     const Options options = parse_options(argc, argv, /*hasInterval=*/false);
-    if (options.bad || options.help) {
-        std::fputs(kUsage, options.bad ? stderr : stdout);
-        return options.bad ? kExitUsage : 0;
-    }
-
-    const EndOfRun end;  // before the framework starts its threads
-    const pz::Framework framework("pz_display", 2);
-    if (!framework) {
-        std::fprintf(stderr, "pz_display: the framework does not start\n");
-        return kExitFailed;
-    }
-    return run(options, end);
+    if (options.bad || options.help) return tell_usage(kUsage, options.bad);
+    return run_in_framework("pz_display", 2,
+                            [&options](const EndOfRun& end) { return run(options, end); });
 }

@@ -2,13 +2,13 @@
 
 #include <cstdio>
 
-#include <Framework/Easy/Framework.h>
 #include <Framework/Foundation/PZWorker.h>
 
 #include "Options.h"
 #include "SettingsStore.h"
 #include "TunerUnit.h"
 #include "common/EndOfRun.h"
+#include "common/Program.h"
 
 namespace {
 
@@ -49,24 +49,15 @@ int run(const Options& options, SettingsStore& store, const EndOfRun& end) {
 
 int main(int argc, char** argv) {
     const Options options = parse_options(argc, argv, /*hasInterval=*/true);
-    if (options.bad || options.help) {
-        std::fputs(kUsage, options.bad ? stderr : stdout);
-        return options.bad ? kExitUsage : 0;
-    }
-
-    const EndOfRun end;  // before the framework starts its threads
-    const pz::Framework framework("pz_tuner", 1);
-    if (!framework) {
-        std::fprintf(stderr, "pz_tuner: the framework does not start\n");
-        return kExitFailed;
-    }
-    int status = kExitFailed;
-    SettingsStore store(options.dir, SettingsStore::en_SIDE_TUNER);
-    if (store.Open()) {
-        status = run(options, store, end);
+    if (options.bad || options.help) return tell_usage(kUsage, options.bad);
+    return run_in_framework("pz_tuner", 1, [&options](const EndOfRun& end) {
+        SettingsStore store(options.dir, SettingsStore::en_SIDE_TUNER);
+        if (!store.Open()) {
+            std::fprintf(stderr, "pz_tuner: no file guard in %s\n", options.dir.c_str());
+            return kExitFailed;
+        }
+        const int status = run(options, store, end);
         store.Close();
-    } else {
-        std::fprintf(stderr, "pz_tuner: no file guard in %s\n", options.dir.c_str());
-    }
-    return status;
+        return status;
+    });
 }
