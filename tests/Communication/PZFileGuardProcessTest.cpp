@@ -89,6 +89,16 @@ protected:
         return guard;
     }
 
+    /// The body of a system side that reaches step 1 when it serves, and ends at step 2.
+    std::function<int()> SystemBetweenSteps1And2() const {
+        return [this] {
+            PZFileGuard guard(files_.Dir(), files_.Name());
+            if (!guard.initForSystem()) return kFailed;
+            steps_.Reach(1);
+            return status_of(steps_.WaitFor(2) && guard.destroyMutex());
+        };
+    }
+
     const GuardFiles files_;
     const Steps steps_;
     pztest::StdoutCapture output_;
@@ -113,12 +123,7 @@ TEST_F(PZFileGuardProcessTest, ServesAnApplicationThatStartsBeforeTheSystemSide)
     EXPECT_FALSE(app->lock());
     EXPECT_EQ(Texts{"error not initialized"}, Messages());
 
-    ChildProcess system([this] {
-        PZFileGuard guard(files_.Dir(), files_.Name());
-        if (!guard.initForSystem()) return kFailed;
-        steps_.Reach(1);
-        return status_of(steps_.WaitFor(2) && guard.destroyMutex());
-    });
+    ChildProcess system(SystemBetweenSteps1And2());
     EXPECT_TRUE(wait_until([&app] { return app->canLock(); }));
     EXPECT_TRUE(steps_.WaitFor(1));
     EXPECT_TRUE(app->lock());
@@ -132,12 +137,7 @@ TEST_F(PZFileGuardProcessTest, ServesAnApplicationThatStartsBeforeTheSystemSide)
 TEST_F(PZFileGuardProcessTest, ServesAnApplicationThatStartsBeforeThereAreKeyFiles) {
     const auto app = MakeGuard();
     EXPECT_FALSE(app->initForApp());
-    ChildProcess system([this] {
-        PZFileGuard guard(files_.Dir(), files_.Name());
-        if (!guard.initForSystem()) return kFailed;
-        steps_.Reach(1);
-        return status_of(steps_.WaitFor(2) && guard.destroyMutex());
-    });
+    ChildProcess system(SystemBetweenSteps1And2());
     EXPECT_TRUE(steps_.WaitFor(1));
     Messages();
     EXPECT_TRUE(app->lock());
@@ -152,12 +152,7 @@ TEST_F(PZFileGuardProcessTest, ShowsTheStatesOfTheInitFlagToOtherProcesses) {
     const auto app = MakeApp();
     const GuardSegment flag(files_.FlagFile());
     EXPECT_EQ(0, flag.Byte());
-    ChildProcess system([this] {
-        PZFileGuard guard(files_.Dir(), files_.Name());
-        if (!guard.initForSystem()) return kFailed;
-        steps_.Reach(1);
-        return status_of(steps_.WaitFor(2) && guard.destroyMutex());
-    });
+    ChildProcess system(SystemBetweenSteps1And2());
     ASSERT_TRUE(steps_.WaitFor(1));
     EXPECT_EQ(0xA5, flag.Byte());
     steps_.Reach(2);
@@ -235,12 +230,7 @@ TEST_F(PZFileGuardProcessTest, LosesItsSystemSideWhileAnApplicationHoldsTheMutex
 
 TEST_F(PZFileGuardProcessTest, KeepsTheSegmentsUntilTheLastApplicationDetaches) {
     const auto app = MakeGuard();
-    ChildProcess system([this] {
-        PZFileGuard guard(files_.Dir(), files_.Name());
-        if (!guard.initForSystem()) return kFailed;
-        steps_.Reach(1);
-        return status_of(steps_.WaitFor(2) && guard.destroyMutex());
-    });
+    ChildProcess system(SystemBetweenSteps1And2());
     ASSERT_TRUE(steps_.WaitFor(1));
     ASSERT_TRUE(app->initForApp());
     const int id = GuardSegment(files_.MutexFile()).Id();
@@ -302,19 +292,11 @@ TEST_F(PZFileGuardProcessTest, StaysLockedWhenItsOwnerDiesUntilTheSystemSideStar
 
 constexpr std::chrono::seconds kPatience(20);
 
-/// The state of a process, as the kernel shows it: 'S' sleeps, 'Z' has ended.
-char state_of(pid_t pid) {
+/// Whether the kernel shows the process as sleeping.
+bool sleeps(pid_t pid) {
     const std::string status = pztest::read_file("/proc/" + std::to_string(pid) + "/stat");
     const size_t name = status.rfind(") ");
-    return name != std::string::npos ? status[name + 2] : '?';
-}
-
-bool sleeps(pid_t pid) {
-    return state_of(pid) == 'S';
-}
-
-bool has_ended(pid_t pid) {
-    return state_of(pid) == 'Z';
+    return name != std::string::npos && status[name + 2] == 'S';
 }
 
 TEST_F(PZFileGuardProcessTest, FreesThoseWhoWaitWhenItsSystemSideIsKilledAndStartsAgain) {
@@ -347,9 +329,7 @@ TEST_F(PZFileGuardProcessTest, FreesThoseWhoWaitWhenItsSystemSideIsKilledAndStar
     });
     EXPECT_TRUE(steps_.WaitFor(2));
     for (const auto& app : waiting) {
-        const bool isFree = wait_until([&app] { return has_ended(app->Pid()); }, kPatience);
-        EXPECT_TRUE(isFree);
-        EXPECT_EQ(kDone, isFree ? app->Wait() : kFailed);
+        EXPECT_EQ(kDone, app->Wait(kPatience));
     }
     steps_.Reach(3);
     EXPECT_EQ(kDone, restarted.Wait());
@@ -377,7 +357,7 @@ TEST_F(PZFileGuardProcessTest, AForkedChildMayEndTheSystemSideInItsParentsPlace)
     ChildProcess parent([this] {
         PZFileGuard guard(files_.Dir(), files_.Name());
         if (!guard.initForSystem()) return kFailed;
-        const pid_t daemon = fork();
+        const pid_t daemon = fork();  // outlives the process that made it
         if (daemon != 0) _exit(kDone);
         steps_.Reach(guard.lock() && guard.unlock() && guard.destroyMutex() ? 1 : 2);
         _exit(kDone);

@@ -26,6 +26,8 @@
 #include <Framework/Foundation/PZWatchDog.h>
 
 #include "support/Assertions.h"
+#include "support/CancelledThread.h"
+#include "support/CountedWaits.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
@@ -42,25 +44,12 @@ PZ_INTERPOSE(nanosleep, 2);
 
 namespace {
 
-std::atomic<int> into_waits{0};
-std::atomic<int> out_waits{0};
-
-}  // namespace
-
-// The watchdog's hooks do nothing: counting them is the only way to see the calls.
-void PZWatchDog::IntoWait() {
-    ++into_waits;
-}
-void PZWatchDog::OutWait() {
-    ++out_waits;
-}
-
-namespace {
-
 using pztest::error_messages;
 using pztest::Gate;
 using pztest::has_report;
+using pztest::into_waits;
 using pztest::open_descriptors;
+using pztest::out_waits;
 using pztest::QueueName;
 using pztest::RawQueue;
 using pztest::StdoutCapture;
@@ -300,8 +289,7 @@ TEST_F(PZMessageQueueReceiverTest, NothingOfAMessageIsLeftForTheNext) {
 }
 
 TEST_F(PZMessageQueueReceiverTest, TellsTheWatchdogWhileItWaits) {
-    into_waits = 0;
-    out_waits = 0;
+    pztest::reset_waits();
     ASSERT_TRUE(Open());
     ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
     EXPECT_EQ(1, into_waits);
@@ -382,8 +370,7 @@ int count_pauses(const timespec* time, timespec* rest) {
 
 TEST_F(PZMessageQueueReceiverTest, AFailureThatLastsIsNotTriedWithoutPauseAndDoesNotHinderClose) {
     const RawQueue peer(name, 4, 2048);
-    into_waits = 0;
-    out_waits = 0;
+    pztest::reset_waits();
     pauses = 0;
     bracketed_pauses = 0;
     nanosleep_call.Replace(&count_pauses);
@@ -671,17 +658,7 @@ TEST_F(PZMessageQueueReceiverTest, ACancelledThreadDestroysItToTheEnd) {
     StdoutCapture out;
     const int before = open_descriptors();
     ASSERT_TRUE(Open());
-    pthread_t thread = {};
-    const auto body = +[](void* queue) -> void* {
-        pthread_cancel(pthread_self());
-        static_cast<std::unique_ptr<Receiver>*>(queue)->reset();
-        pthread_testcancel();
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &receiver));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([this] { receiver.reset(); }));
     EXPECT_EQ(2, pthread_join_call.Calls()) << "the queue's thread has ended";
     EXPECT_FALSE(name.Exists());
     EXPECT_EQ(before, open_descriptors());

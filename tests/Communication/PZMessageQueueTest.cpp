@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Assertions.h"
+#include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/OpenDescriptors.h"
@@ -301,17 +302,7 @@ TEST_F(PZMessageQueueTest, ACancelledThreadDestroysAnOpenQueueToTheEnd) {
     const int before = open_descriptors();
     auto forgotten = std::make_unique<Core>();
     ASSERT_TRUE(forgotten->open({name.Get(), 8}));
-    pthread_t thread = {};
-    const auto body = +[](void* queue) -> void* {
-        pthread_cancel(pthread_self());
-        static_cast<std::unique_ptr<Core>*>(queue)->reset();
-        pthread_testcancel();
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, body, &forgotten));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([&forgotten] { forgotten.reset(); }));
     EXPECT_EQ(before, open_descriptors());
     EXPECT_EQ(Messages{"Call close method before deleting this instance!"},
               error_messages(out.Take()));

@@ -32,6 +32,7 @@
 #include "support/CallbackTimer.h"
 #include "support/ChildProcess.h"
 #include "support/Gate.h"
+#include "support/InstructionAt.h"
 #include "support/MemoryShortage.h"
 #include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
@@ -92,17 +93,8 @@ private:
     std::atomic<size_t> count_{0};
 };
 
-/// The address of an instruction: on ARM the lowest bit of a return address tells what kind it is.
-const void* instruction_at(const void* address) {
-#ifdef __arm__
-    return reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(address) & ~uintptr_t{1});
-#else
-    return address;
-#endif
-}
-
 /// Where the caller goes on: stands in the call stack as long as the caller's call runs.
-#define CALLER instruction_at(__builtin_return_address(0))
+#define CALLER pztest::instruction_at(__builtin_return_address(0))
 
 /// A worker whose handler does what the test wants.
 class TestWorker : public PZIDispatcher {

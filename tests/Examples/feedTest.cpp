@@ -2,7 +2,6 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -13,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
@@ -165,26 +165,16 @@ TEST(feedTest, CtrlCStopsEarlyWithAPartialSummary) {
     const int writer = open(fifo.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_NE(-1, writer);
     const std::string result = dir.File("result");
-    const pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) {
-        const int out = open(result.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(out, STDOUT_FILENO);
-        execl(PZ_FEED, PZ_FEED, fifo.c_str(), static_cast<char*>(nullptr));
-        _exit(99);
-    }
+    pztest::ChildProcess feed(pztest::program({PZ_FEED, fifo}, {result}));
     const std::string sent = "one\ntwo\nthree four\n";
     ASSERT_EQ(static_cast<ssize_t>(sent.size()), write(writer, sent.data(), sent.size()));
     EXPECT_TRUE(wait_until([writer] {
         int unread = -1;
         return ioctl(writer, FIONREAD, &unread) == 0 && unread == 0;
     }));
-    kill(child, SIGINT);
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
+    feed.Signal(SIGINT);
+    EXPECT_EQ(130, feed.Wait());
     close(writer);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(130, WEXITSTATUS(status));
     const std::string table = read_file(result);
     EXPECT_NE(std::string::npos, table.find("stopped early: the counts until then\n"));
     EXPECT_NE(std::string::npos, table.find("framework started in "));

@@ -1,15 +1,18 @@
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
+#include "support/OpenDescriptors.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
@@ -285,22 +288,15 @@ TEST_F(scanTest, CtrlCStopsEarlyWithWhatWasFound) {
     write_file(File("endless"), "");
     ASSERT_EQ(0, truncate64(File("endless").c_str(), off64_t{1} << 40));
     const std::string output = Temp("output");
-    const pid_t child = fork();
-    ASSERT_NE(-1, child);
-    if (child == 0) {
-        const std::string command = std::string("exec " PZ_SCAN " --huge 9999999999999 --log ") +
-                                    Temp("log") + " " + Files() + " > " + output + " 2>&1";
-        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-        _exit(99);
-    }
-    const std::string openFiles = "ls -l /proc/" + std::to_string(child) + "/fd 2>&1";
-    EXPECT_TRUE(wait_until(
-        [&] { return contains(run_command(openFiles).output, File("endless") + "\n"); }));
-    kill(child, SIGINT);
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(130, WEXITSTATUS(status));
+    pztest::ChildProcess scan(pztest::program(
+        {PZ_SCAN, "--huge", "9999999999999", "--log", Temp("log"), Files()}, {output, output}));
+    EXPECT_TRUE(wait_until([&] {
+        const std::map<int, std::string> open = pztest::descriptors_of(scan.Pid());
+        return std::any_of(open.begin(), open.end(),
+                           [&](const auto& file) { return file.second == File("endless"); });
+    }));
+    scan.Signal(SIGINT);
+    EXPECT_EQ(130, scan.Wait());
     EXPECT_TRUE(contains(read_file(output), "stopped early: what was found until then\n"));
     EXPECT_FALSE(rows_of(read_file(output), File("endless")).empty());
 }

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -113,20 +112,9 @@ void expect_only_the_broadcast(const std::vector<std::string>& lines) {
 class Program {
 public:
     Program(std::vector<std::string> command, const std::string& output)
-        : out_(output + ".out"), error_(output + ".err") {
-        process_ = std::make_unique<ChildProcess>([this, &command] {
-            for (const auto& [path, fd] : {std::pair<const std::string&, int>(out_, STDOUT_FILENO),
-                                           {error_, STDERR_FILENO}}) {
-                const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-                if (file == -1 || dup2(file, fd) == -1) return 126;
-            }
-            std::vector<char*> arguments;
-            for (std::string& word : command) arguments.push_back(&word[0]);
-            arguments.push_back(nullptr);
-            execv(arguments[0], arguments.data());
-            return 127;
-        });
-    }
+        : out_(output + ".out"),
+          error_(output + ".err"),
+          process_(pztest::program(std::move(command), {out_, error_})) {}
 
     /// Lines on the standard output that are not of the framework's log.
     std::vector<std::string> Shown() const {
@@ -143,27 +131,27 @@ public:
     std::string Notes() const { return read_file(error_); }
     bool HasNoted(const std::string& note) const { return contains(Notes(), note + "\n"); }
 
-    void Signal(int signal) const { ::kill(process_->Pid(), signal); }
+    void Signal(int signal) const { process_.Signal(signal); }
 
     /// SIGKILL, and waits for the end.
     void Kill() {
         Signal(SIGKILL);
-        process_->Wait();
+        process_.Wait();
     }
 
     /// Asks for the end and waits for it: the exit status.
     int End() {
         Signal(SIGTERM);
-        return process_->Wait();
+        return process_.Wait();
     }
 
     /// Waits for an end that comes by itself.
-    int Wait() { return process_->Wait(); }
+    int Wait() { return process_.Wait(); }
 
 private:
     const std::string out_;
     const std::string error_;
-    std::unique_ptr<ChildProcess> process_;
+    ChildProcess process_;
 };
 
 using ProgramPtr = std::unique_ptr<Program>;

@@ -1,8 +1,5 @@
-#include <pthread.h>
-
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -13,7 +10,9 @@
 
 #include "Foundation/WakingLoopTest.h"
 #include "support/Interposed.h"
+#include "support/Interruptions.h"
 #include "support/StdoutCapture.h"
+#include "support/WaitUntil.h"
 
 PZ_INTERPOSE(read, 3);
 PZ_INTERPOSE(write, 3);
@@ -21,7 +20,6 @@ PZ_INTERPOSE(write, 3);
 using pztest::has_report;
 using pztest::StdoutCapture;
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 struct BoxWaitKind {
     using Loop = PZBoxWait;
@@ -56,8 +54,6 @@ protected:
 
     PZBoxWait loop;
 };
-
-void ignore_signal(int /*signal*/) {}
 
 INSTANTIATE_TYPED_TEST_SUITE_P(PZBoxWait, WakingLoopTest, BoxWaitKind, );
 
@@ -98,20 +94,13 @@ TEST_F(PZBoxWaitTest, KeepsTheRequestsToEndWhenItDiscardsWakeUps) {
 }
 
 TEST_F(PZBoxWaitTest, WaitsThroughInterruptions) {
-    struct sigaction action = {};
-    action.sa_handler = ignore_signal;
-    sigaction(SIGUSR1, &action, nullptr);
-    const pthread_t self = pthread_self();
-    std::thread caller([this, self] {
-        for (int i = 0; i < 20; ++i) {
-            std::this_thread::sleep_for(milliseconds(5));
-            pthread_kill(self, SIGUSR1);
-        }
+    const pztest::Interruptions interruptions(milliseconds(5));
+    std::thread caller([this] {
+        pztest::wait_until([] { return pztest::Interruptions::Taken() >= 20; });
         loop.Wake();
     });
-    const auto start = steady_clock::now();
     EXPECT_EQ(PZBoxWait::en_WAKE, loop.Wait());
-    EXPECT_GE(steady_clock::now() - start, milliseconds(100));
+    EXPECT_GE(pztest::Interruptions::Taken(), 20);
     caller.join();
 }
 

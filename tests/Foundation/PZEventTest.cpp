@@ -23,8 +23,10 @@
 #include <gtest/gtest.h>
 
 #include "support/CancelledStack.h"
+#include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/Interruptions.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
@@ -38,6 +40,7 @@ PZ_INTERPOSE(close, 1);
 
 using pztest::error_messages;
 using pztest::has_report;
+using pztest::Interruptions;
 using pztest::open_descriptors;
 using pztest::StdoutCapture;
 using pztest::wait_until;
@@ -281,58 +284,52 @@ __attribute__((noinline)) void operator delete(void* memory, size_t /*size*/) no
 
 // SIGPIPE
 
-TEST_F(PZEventSigpipeTest, IsLeftAloneUntilTheFirstWait) {
-    const pztest::ChildResult child = pztest::run_in_child([] {
+namespace {
+
+constexpr int kIgnored = 10;
+constexpr int kLeftAlone = 11;
+
+/// What has become of the signal in a process that has run `body`, which answers whether it went
+/// as it should.
+int sigpipe_after(const std::function<bool()>& body) {
+    const pztest::ChildResult child = pztest::run_in_child([&body] {
         signal(SIGPIPE, SIG_DFL);
-        PZEvent event;
-        event.SetEvent();
-        return sigpipe_is(SIG_DFL) ? 0 : 1;
+        if (!body()) return 2;
+        if (sigpipe_is(SIG_IGN)) return kIgnored;
+        return sigpipe_is(SIG_DFL) ? kLeftAlone : 3;
     });
     EXPECT_TRUE(child.exited);
-    EXPECT_EQ(0, child.status);
+    return child.status;
+}
+
+}  // namespace
+
+TEST_F(PZEventSigpipeTest, IsLeftAloneUntilTheFirstWait) {
+    EXPECT_EQ(kLeftAlone, sigpipe_after([] { return PZEvent().SetEvent() == 1; }));
 }
 
 TEST_F(PZEventSigpipeTest, IsIgnoredFromTheFirstWait) {
-    const pztest::ChildResult child = pztest::run_in_child([] {
-        signal(SIGPIPE, SIG_DFL);
-        PZEvent event;
-        event.WaitEvent(0);
-        return sigpipe_is(SIG_IGN) ? 0 : 1;
-    });
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(0, child.status);
+    EXPECT_EQ(kIgnored, sigpipe_after([] { return PZEvent().WaitEvent(0) == kTimedOut; }));
 }
 
 TEST_F(PZEventSigpipeTest, IsIgnoredEvenFromAWaitForNothing) {
-    const pztest::ChildResult child = pztest::run_in_child([] {
-        signal(SIGPIPE, SIG_DFL);
-        if (PZEvent::timedMultiWait(0, nullptr, true, 0) != -1) return 2;
-        return sigpipe_is(SIG_IGN) ? 0 : 1;
-    });
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(0, child.status);
+    EXPECT_EQ(kIgnored,
+              sigpipe_after([] { return PZEvent::timedMultiWait(0, nullptr, true, 0) == -1; }));
 }
 
 TEST_F(PZEventSigpipeTest, IsLeftAloneByAMultipleWaitWithoutEvents) {
-    const pztest::ChildResult child = pztest::run_in_child([] {
-        signal(SIGPIPE, SIG_DFL);
-        if (PZEvent::WaitMultipleEvent(1, nullptr, 0, true) != kError) return 2;
-        return sigpipe_is(SIG_DFL) ? 0 : 1;
-    });
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(0, child.status);
+    EXPECT_EQ(kLeftAlone, sigpipe_after([] {
+                  return PZEvent::WaitMultipleEvent(1, nullptr, 0, true) == kError;
+              }));
 }
 
 TEST_F(PZEventSigpipeTest, IsSetToBeIgnoredOnlyOnce) {
-    const pztest::ChildResult child = pztest::run_in_child([] {
-        PZEvent event;
-        event.WaitEvent(0);
-        signal(SIGPIPE, SIG_DFL);
-        event.WaitEvent(0);
-        return sigpipe_is(SIG_DFL) ? 0 : 1;
-    });
-    EXPECT_TRUE(child.exited);
-    EXPECT_EQ(0, child.status);
+    EXPECT_EQ(kLeftAlone, sigpipe_after([] {
+                  PZEvent event;
+                  event.WaitEvent(0);
+                  signal(SIGPIPE, SIG_DFL);
+                  return event.WaitEvent(0) == kTimedOut;
+              }));
 }
 
 TEST_F(PZEventSigpipeTest, DoesNotEndAProcessThatSetsAnEventWithoutAReadEnd) {
@@ -1105,34 +1102,6 @@ TEST_F(PZEventTest, ReportsAFailingRead) {
     EXPECT_EQ(before, open_descriptors());
 }
 
-/// Interrupts the calling thread every 10 milliseconds while it lives.
-class Interruptions {
-public:
-    Interruptions() : victim_(pthread_self()) {
-        struct sigaction action = {};
-        action.sa_handler = count_usr1;  // without SA_RESTART
-        sigaction(SIGUSR1, &action, nullptr);
-        usr1_signals = 0;
-        hammer_ = std::thread([this] {
-            while (!stop_) {
-                std::this_thread::sleep_for(milliseconds(10));
-                pthread_kill(victim_, SIGUSR1);
-            }
-        });
-    }
-    ~Interruptions() {
-        stop_ = true;
-        hammer_.join();
-    }
-    Interruptions(const Interruptions&) = delete;
-    Interruptions& operator=(const Interruptions&) = delete;
-
-private:
-    const pthread_t victim_;
-    std::atomic<bool> stop_{false};
-    std::thread hammer_;
-};
-
 TEST_F(PZEventTest, EndsALimitedWaitOnTimeThatSignalsInterruptAgainAndAgain) {
     const Interruptions interruptions;
     const auto start = steady_clock::now();
@@ -1140,7 +1109,7 @@ TEST_F(PZEventTest, EndsALimitedWaitOnTimeThatSignalsInterruptAgainAndAgain) {
     const auto waited = steady_clock::now() - start;
     EXPECT_GE(waited, milliseconds(100));
     EXPECT_LT(waited, milliseconds(5000));
-    EXPECT_GE(usr1_signals, 1);
+    EXPECT_GE(Interruptions::Taken(), 1);
 }
 
 TEST_F(PZEventTest, GivesEveryRoundTheFullTimeOutAlsoAfterAnInterruption) {
@@ -1204,20 +1173,10 @@ TEST_F(PZEventTest, LetsAThreadGoThatIsCancelledBetweenAnyTwoSteps) {
     EXPECT_EQ(before, open_descriptors());
 }
 
-void* destroy_while_cancelled(void* event) {
-    pthread_cancel(pthread_self());
-    delete static_cast<PZEvent*>(event);
-    pthread_testcancel();
-    return nullptr;
-}
-
 TEST_F(PZEventTest, IsDestroyedWholeOnAThreadThatIsBeingCancelled) {
     const int before = open_descriptors();
-    pthread_t thread = {};
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, destroy_while_cancelled, new PZEvent));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    auto* const event = new PZEvent;
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([event] { delete event; }));
     EXPECT_EQ(before, open_descriptors());
 }
 

@@ -4,13 +4,13 @@
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -1520,20 +1520,8 @@ TEST(PZLHeapMngTest, LocksOnceForEachBlockAndNotForTheReport) {
     Free(p);
 }
 
-namespace {
-
-/// The status of a child, or -1 when it had to be killed.
-int status_of(pid_t child) {
-    int status = -1;
-    const bool hasEnded = pztest::wait_until(
-        [&] { return waitpid(child, &status, WNOHANG) == child; }, std::chrono::seconds(10));
-    if (hasEnded) return status;
-    kill(child, SIGKILL);
-    waitpid(child, &status, 0);
-    return -1;
-}
-
-}  // namespace
+// How long the children below may take that must not hang.
+constexpr std::chrono::seconds kPatience(10);
 
 #ifndef __SANITIZE_THREAD__  // which keeps a lock of its own for each of ours, held in the child
 TEST(PZLHeapMngTest, AForkedChildAllocatesWhateverOtherThreadsDidMeanwhile) {
@@ -1552,16 +1540,14 @@ TEST(PZLHeapMngTest, AForkedChildAllocatesWhateverOtherThreadsDidMeanwhile) {
     void* const ofParent = Malloc(100);
     int failed = 0;
     for (int i = 0; i < kForks && failed == 0; ++i) {
-        const pid_t child = fork();
-        ASSERT_NE(-1, child);
-        if (child == 0) {
+        pztest::ChildProcess child([ofParent] {
             Free(ofParent);
             void* const own = Realloc(Malloc(1), 2);
             const bool isCharged = header_of(own)->threadId == static_cast<unsigned int>(getpid());
             Free(own);
-            _exit(isCharged ? 0 : 1);
-        }
-        if (status_of(child) != 0) ++failed;
+            return isCharged ? 0 : 1;
+        });
+        if (child.Wait(kPatience) != 0) ++failed;
     }
     isOver = true;
     for (std::thread& thread : threads) thread.join();
@@ -1575,11 +1561,11 @@ TEST(PZLHeapMngTest, AThreadIsNotCancelledInTheMiddleOfAFork) {
     std::atomic<int> status{-1};
     std::thread forking([&status] {
         pthread_cancel(pthread_self());
-        const pid_t child = fork();
+        const pid_t child = fork();  // nothing else, which might be cancelled
         if (child == 0) _exit(0);
         int cancelState = 0;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-        if (child != -1) status = status_of(child);
+        if (child != -1) status = pztest::ChildProcess(child).Wait(kPatience);
     });
     forking.join();
     EXPECT_EQ(0, status);

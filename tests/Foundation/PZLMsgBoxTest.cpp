@@ -26,6 +26,7 @@
 #include <Framework/Foundation/PZWatchDog.h>
 
 #include "support/Assertions.h"
+#include "support/CountedWaits.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
@@ -41,6 +42,8 @@ PZ_INTERPOSE(write, 3);
 namespace {
 
 using pztest::Gate;
+using pztest::into_waits;
+using pztest::out_waits;
 using pztest::RecordingDispatcher;
 using pztest::StdoutCapture;
 using pztest::wait_until;
@@ -58,23 +61,12 @@ constexpr unsigned int kLongWaitMs = 60000;
 constexpr unsigned int kOrdinary = 1;  // a priority that is no emergency
 constexpr unsigned int kHoldMsg = 1000;
 
-std::atomic<int> into_waits{0};
-std::atomic<int> out_waits{0};
-
 }  // namespace
 
 extern "C" {
 
 // A full box reports at each attempt: keep a stress test out of the machine's system log.
 void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
-}
-
-// The watchdog's hooks do nothing: counting them is the only way to see the calls.
-void PZWatchDog::IntoWait() {
-    ++into_waits;
-}
-void PZWatchDog::OutWait() {
-    ++out_waits;
 }
 
 namespace {
@@ -275,8 +267,7 @@ TEST_F(PZLMsgBoxTest, InitWaitIsAnsweredOncePerLoop) {
 }
 
 TEST_F(PZLMsgBoxTest, TellsTheWatchdogOfTheWaitForTheLoop) {
-    into_waits = 0;
-    out_waits = 0;
+    pztest::reset_waits();
     box.InitWait(0);
     EXPECT_EQ(1, into_waits);
     EXPECT_EQ(1, out_waits);
@@ -289,8 +280,7 @@ TEST_F(PZLMsgBoxTest, TellsTheWatchdogOfTheLoopsWait) {
         intoWaitsInside = into_waits.load();
         outWaitsInside = out_waits.load();
     });
-    into_waits = 0;
-    out_waits = 0;
+    pztest::reset_waits();
     loop = std::thread([this] { box.Loop(1); });
     EXPECT_TRUE(wait_until([&] { return intoWaitsInside != 0; }));
     box.Exit();

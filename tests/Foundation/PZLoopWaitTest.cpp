@@ -1,9 +1,6 @@
-#include <pthread.h>
 #include <sys/epoll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <thread>
@@ -16,6 +13,8 @@
 #include "Foundation/WakingLoopTest.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/Interruptions.h"
+#include "support/ProcessSignal.h"
 
 PZ_INTERPOSE(epoll_wait, 4);
 PZ_INTERPOSE(write, 3);
@@ -42,36 +41,6 @@ struct LoopWaitKind {
 };
 
 namespace {
-
-void ignore_signal(int /*signal*/) {}
-
-/// Interrupts the calling thread every `periodMs` milliseconds while it lives.
-class Interruptions {
-public:
-    explicit Interruptions(int periodMs)
-        : victim_(pthread_self()), hammer_([this, periodMs] { Hammer(periodMs); }) {}
-    ~Interruptions() {
-        stop_ = true;
-        hammer_.join();
-    }
-    Interruptions(const Interruptions&) = delete;
-    Interruptions& operator=(const Interruptions&) = delete;
-
-private:
-    void Hammer(int periodMs) {
-        struct sigaction action = {};
-        action.sa_handler = ignore_signal;
-        sigaction(SIGUSR1, &action, nullptr);
-        while (!stop_) {
-            std::this_thread::sleep_for(milliseconds(periodMs));
-            pthread_kill(victim_, SIGUSR1);
-        }
-    }
-
-    const pthread_t victim_;
-    std::atomic<bool> stop_{false};
-    std::thread hammer_;
-};
 
 class PZLoopWaitTest : public testing::Test {
 protected:
@@ -127,7 +96,7 @@ TEST_F(PZLoopWaitTest, AnswersTheEndFirstAndKeepsTheWakeUpThatCameWithIt) {
 }
 
 TEST_F(PZLoopWaitTest, GoesOnAfterAnInterruptionForTheTimeThatIsLeft) {
-    const Interruptions interruptions(20);
+    const pztest::Interruptions interruptions(milliseconds(20));
     const auto start = steady_clock::now();
     EXPECT_EQ(PZLoopWait::en_TIMEOUT, loop.Wait(200));
     const auto waited = steady_clock::now() - start;
@@ -136,24 +105,18 @@ TEST_F(PZLoopWaitTest, GoesOnAfterAnInterruptionForTheTimeThatIsLeft) {
 }
 
 TEST_F(PZLoopWaitTest, EndsOnTimeInAProcessThatWasStoppedMeanwhile) {
-    int ready[2] = {-1, -1};
-    ASSERT_EQ(0, ::pipe(ready));
+    const pztest::ProcessSignal ready;
     pztest::ChildProcess child([&] {
         const auto start = steady_clock::now();
-        static_cast<void>(::write(ready[1], "r", 1));
+        if (!ready.Give()) return 3;
         if (loop.Wait(1000) != PZLoopWait::en_TIMEOUT) return 1;
         return steady_clock::now() - start < milliseconds(1450) ? 0 : 2;
     });
-    char byte = 0;
-    ASSERT_EQ(1, ::read(ready[0], &byte, 1));
+    ASSERT_TRUE(ready.Wait());
     std::this_thread::sleep_for(milliseconds(500));
-    ASSERT_EQ(0, kill(child.Pid(), SIGSTOP));
-    int status = 0;
-    ASSERT_EQ(child.Pid(), waitpid(child.Pid(), &status, WUNTRACED));
-    ASSERT_EQ(0, kill(child.Pid(), SIGCONT));
+    child.Stop();
+    child.Signal(SIGCONT);
     EXPECT_EQ(0, child.Wait());
-    ::close(ready[0]);
-    ::close(ready[1]);
 }
 
 TEST_F(PZLoopWaitTest, WaitsWithoutLimitThroughInterruptions) {
@@ -161,7 +124,7 @@ TEST_F(PZLoopWaitTest, WaitsWithoutLimitThroughInterruptions) {
         std::this_thread::sleep_for(milliseconds(100));
         loop.Wake();
     });
-    const Interruptions interruptions(5);
+    const pztest::Interruptions interruptions(milliseconds(5));
     EXPECT_EQ(PZLoopWait::en_WAKE, loop.Wait(kNoLimit));
     caller.join();
 }

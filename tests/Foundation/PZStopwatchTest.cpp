@@ -19,6 +19,11 @@ class PZStopwatchTest : public testing::Test {
 protected:
     void TearDown() override { pztest::clock_gettime_call.Reset(); }
 
+    void StartAndWait(long long milliseconds) {
+        watch.Start();
+        tick.Advance(milliseconds);
+    }
+
     pztest::ManualTick tick;
     PZStopwatch watch;
 };
@@ -56,8 +61,7 @@ TEST_F(PZStopwatchTest, MeasuresAcrossAFullSecond) {
 }
 
 TEST_F(PZStopwatchTest, ChangesNothingWithSplit) {
-    watch.Start();
-    tick.Advance(3);
+    StartAndWait(3);
     EXPECT_EQ(3000000ULL, watch.Split());
     EXPECT_EQ(3000000ULL, watch.Split());
     tick.Advance(4);
@@ -66,14 +70,12 @@ TEST_F(PZStopwatchTest, ChangesNothingWithSplit) {
 }
 
 TEST_F(PZStopwatchTest, MeasuresTheFirstLapFromStart) {
-    watch.Start();
-    tick.Advance(9);
+    StartAndWait(9);
     EXPECT_EQ(9000000ULL, watch.Lap());
 }
 
 TEST_F(PZStopwatchTest, BeginsANewLapWithEveryLap) {
-    watch.Start();
-    tick.Advance(9);
+    StartAndWait(9);
     watch.Lap();
     EXPECT_EQ(0ULL, watch.Lap());
     tick.Advance(2);
@@ -81,8 +83,7 @@ TEST_F(PZStopwatchTest, BeginsANewLapWithEveryLap) {
 }
 
 TEST_F(PZStopwatchTest, TellsLapsWhoseSumIsTheSplitOfTheSameMoment) {
-    watch.Start();
-    tick.Advance(11);
+    StartAndWait(11);
     const unsigned long long first = watch.Lap();
     tick.Advance(6);
     const unsigned long long second = watch.Lap();
@@ -92,23 +93,20 @@ TEST_F(PZStopwatchTest, TellsLapsWhoseSumIsTheSplitOfTheSameMoment) {
 }
 
 TEST_F(PZStopwatchTest, TellsTheTimeSinceStartWhenStoppedAfterALap) {
-    watch.Start();
-    tick.Advance(11);
+    StartAndWait(11);
     watch.Lap();
     tick.Advance(6);
     EXPECT_EQ(17000000ULL, watch.Stop());
 }
 
 TEST_F(PZStopwatchTest, TellsTheElapsedTimeOnlyOnceWhenStopped) {
-    watch.Start();
-    tick.Advance(8);
+    StartAndWait(8);
     EXPECT_EQ(8000000ULL, watch.Stop());
     EXPECT_EQ(0ULL, watch.Stop());
 }
 
 TEST_F(PZStopwatchTest, DoesNotRunAfterStop) {
-    watch.Start();
-    tick.Advance(8);
+    StartAndWait(8);
     watch.Stop();
     tick.Advance(8);
     EXPECT_EQ(0ULL, watch.Lap());
@@ -116,37 +114,30 @@ TEST_F(PZStopwatchTest, DoesNotRunAfterStop) {
 }
 
 TEST_F(PZStopwatchTest, KeepsTheFirstStartWhileRunning) {
-    watch.Start();
-    tick.Advance(5);
-    watch.Start();
-    tick.Advance(5);
+    StartAndWait(5);
+    StartAndWait(5);
     EXPECT_EQ(10000000ULL, watch.Split());
 }
 
 TEST_F(PZStopwatchTest, KeepsTheLapWhenStartedWhileRunning) {
-    watch.Start();
-    tick.Advance(5);
+    StartAndWait(5);
     watch.Lap();
     tick.Advance(3);
-    watch.Start();
-    tick.Advance(1);
+    StartAndWait(1);
     EXPECT_EQ(4000000ULL, watch.Lap());
 }
 
 TEST_F(PZStopwatchTest, StartsAfreshAfterStop) {
-    watch.Start();
-    tick.Advance(5);
+    StartAndWait(5);
     watch.Stop();
     tick.Advance(100);
-    watch.Start();
-    tick.Advance(2);
+    StartAndWait(2);
     EXPECT_EQ(2000000ULL, watch.Lap());
     EXPECT_EQ(2000000ULL, watch.Split());
 }
 
 TEST_F(PZStopwatchTest, ForgetsEverythingWithInit) {
-    watch.Start();
-    tick.Advance(5);
+    StartAndWait(5);
     watch.init();
     EXPECT_EQ(0ULL, watch.Lap());
     EXPECT_EQ(0ULL, watch.Split());
@@ -154,11 +145,9 @@ TEST_F(PZStopwatchTest, ForgetsEverythingWithInit) {
 }
 
 TEST_F(PZStopwatchTest, StartsAfreshAfterInit) {
-    watch.Start();
-    tick.Advance(5);
+    StartAndWait(5);
     watch.init();
-    watch.Start();
-    tick.Advance(1);
+    StartAndWait(1);
     EXPECT_EQ(1000000ULL, watch.Stop());
 }
 

@@ -449,24 +449,20 @@ TEST_F(PZStorageTest, CountsTheLow32BitsOfASizeOnly) {
 TEST_F(PZStorageTest, ReadsLinesWithTheirNewline) {
     Read("one\n\nlast");
     char line[16];
-    EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
-    EXPECT_STREQ("one\n", line);
-    EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
-    EXPECT_STREQ("\n", line);
-    EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
-    EXPECT_STREQ("last", line);
+    for (const char* const expected : {"one\n", "\n", "last"}) {
+        EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
+        EXPECT_STREQ(expected, line);
+    }
     EXPECT_EQ(2, storage.ReadLine(line, sizeof line));
 }
 
 TEST_F(PZStorageTest, ReadsALongLineInPieces) {
     Read("abcdef\n");
     char line[4];
-    EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
-    EXPECT_STREQ("abc", line);
-    EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
-    EXPECT_STREQ("def", line);
-    EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
-    EXPECT_STREQ("\n", line);
+    for (const char* const expected : {"abc", "def", "\n"}) {
+        EXPECT_EQ(0, storage.ReadLine(line, sizeof line));
+        EXPECT_STREQ(expected, line);
+    }
 }
 
 TEST_F(PZStorageTest, ALineOfSizeOneIsEmptyAndReadsNothing) {

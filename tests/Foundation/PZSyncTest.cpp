@@ -26,6 +26,7 @@
 #include "support/CancelledStack.h"
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/ProcessSignal.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
@@ -826,45 +827,21 @@ TEST_F(PZSyncTest, KnowsItsOwnerOnlyInItsOwnObject) {
     EXPECT_EQ(0U, second.Lock(0));
 }
 
-/// Two ends of a pipe, to tell a child process to go on.
-class Signal {
-public:
-    Signal() {
-        if (pipe(ends_) != 0) std::abort();
-    }
-    ~Signal() {
-        close(ends_[0]);
-        close(ends_[1]);
-    }
-    Signal(const Signal&) = delete;
-    Signal& operator=(const Signal&) = delete;
-
-    void Give() const { EXPECT_EQ(1, write(ends_[1], "x", 1)); }
-    void Wait() const {
-        char got = 0;
-        EXPECT_EQ(1, read(ends_[0], &got, 1));
-    }
-
-private:
-    int ends_[2] = {-1, -1};
-};
-
 TEST_F(PZSyncTest, ExcludesAnotherProcessByName) {
     const SemaphoreName name;
-    const Signal locked;
-    const Signal release;
+    const pztest::ProcessSignal locked;
+    const pztest::ProcessSignal release;
     pztest::ChildProcess child([&] {
         PZSync sync(name.Get(), kNamed);
         if (sync.Lock(kNoTimeLimit) != 0) return 1;
-        locked.Give();
-        release.Wait();
+        if (!locked.Give() || !release.Wait()) return 2;
         sync.Unlock();
         return 0;
     });
-    locked.Wait();
+    ASSERT_TRUE(locked.Wait());
     PZSync sync(name.Get(), kNamed);
     EXPECT_EQ(1U, sync.Lock(0));
-    release.Give();
+    EXPECT_TRUE(release.Give());
     EXPECT_EQ(0U, sync.Lock(kNoTimeLimit));
     sync.Unlock();
     EXPECT_EQ(0, child.Wait());

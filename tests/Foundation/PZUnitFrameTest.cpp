@@ -1,7 +1,5 @@
 #include "Framework/Foundation/PZUnitFrame.h"
 
-#include <pthread.h>
-
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -14,6 +12,7 @@
 #include <Framework/Foundation/PZLMsgBox.h>
 
 #include "support/Assertions.h"
+#include "support/CancelledThread.h"
 #include "support/RecordingDispatcher.h"
 #include "support/StdoutCapture.h"
 
@@ -73,8 +72,11 @@ std::string framed(const std::string& text) {
     return "\n" + rule + "\n" + text + "\n" + rule;
 }
 
-/// The banner with source and line, and the call stack after it.
-void expect_assertion(const std::string& output) {
+/// The report of `operation`, the banner with source and line, and the call stack after it.
+void expect_assertion(const std::string& output, const char* operation, const std::string& error) {
+    EXPECT_TRUE(pztest::has_report(
+        output, operation, "PZUnitFrame.cpp",
+        framed("[PZUnitFrame] " + std::string(operation) + " - en_ERROR_" + error)));
     EXPECT_EQ(1U, pztest::assertions_of(output, "Foundation/private/PZUnitFrame.cpp")) << output;
     EXPECT_GT(pztest::count_of(output, "dumpDirectly()@PZCallStack.cpp"), 2U);
 }
@@ -221,10 +223,7 @@ TEST_F(PZUnitFrameTest, SendMsgSelfOfAnUnregisteredUnitIsAnAssertionAndPostsNoth
     unit.pIMsgBox_ = &box;
     StdoutCapture capture;
     EXPECT_EQ(-1, unit.SendMsgSelf(1, en_MSG_NORMAL, nullptr, 0));
-    const std::string output = capture.Take();
-    EXPECT_TRUE(pztest::has_report(output, "SendMsgSelf", "PZUnitFrame.cpp",
-                                   framed("[PZUnitFrame] SendMsgSelf - en_ERROR_REGIST")));
-    expect_assertion(output);
+    expect_assertion(capture.Take(), "SendMsgSelf", "REGIST");
     EXPECT_TRUE(box.msgs.empty());
 }
 
@@ -232,10 +231,7 @@ TEST_F(PZUnitFrameTest, SendMsgSelfWithoutABoxIsAnAssertion) {
     unit.SID = 5;
     StdoutCapture capture;
     EXPECT_EQ(4, unit.SendMsgSelf(1, en_MSG_NORMAL, nullptr, 0));
-    const std::string output = capture.Take();
-    EXPECT_TRUE(pztest::has_report(output, "SendMsgSelf", "PZUnitFrame.cpp",
-                                   framed("[PZUnitFrame] SendMsgSelf - en_ERROR_NO_MSGBOX")));
-    expect_assertion(output);
+    expect_assertion(capture.Take(), "SendMsgSelf", "NO_MSGBOX");
 }
 
 TEST_F(PZUnitFrameTest, SendMsgSelfMissesTheRegistrationFirst) {
@@ -290,10 +286,7 @@ TEST_F(PZUnitFrameTest, SendEvtSelfOfAnUnregisteredUnitIsAnAssertionAndPostsNoth
     unit.pIMsgBox_ = &box;
     StdoutCapture capture;
     EXPECT_EQ(-1, unit.SendEvtSelf(1));
-    const std::string output = capture.Take();
-    EXPECT_TRUE(pztest::has_report(output, "SendEvtSelf", "PZUnitFrame.cpp",
-                                   framed("[PZUnitFrame] SendEvtSelf - en_ERROR_REGIST")));
-    expect_assertion(output);
+    expect_assertion(capture.Take(), "SendEvtSelf", "REGIST");
     EXPECT_TRUE(box.events.empty());
 }
 
@@ -301,10 +294,7 @@ TEST_F(PZUnitFrameTest, SendEvtSelfWithoutABoxIsAnAssertion) {
     unit.SID = 5;
     StdoutCapture capture;
     EXPECT_EQ(4, unit.SendEvtSelf(1));
-    const std::string output = capture.Take();
-    EXPECT_TRUE(pztest::has_report(output, "SendEvtSelf", "PZUnitFrame.cpp",
-                                   framed("[PZUnitFrame] SendEvtSelf - en_ERROR_NO_MSGBOX")));
-    expect_assertion(output);
+    expect_assertion(capture.Take(), "SendEvtSelf", "NO_MSGBOX");
 }
 
 TEST_F(PZUnitFrameTest, SendEvtSelfReportsAnEventThatTheBoxDidNotAccept) {
@@ -407,23 +397,12 @@ TEST_F(PZUnitFrameInABoxTest, APayloadThatTheBoxRefusesIsAFailedMessage) {
     EXPECT_EQ(5, unit.SendMsgSelf(1, en_MSG_NORMAL, "x", 0));
 }
 
-void* destroy_while_cancelled(void* unit) {
-    pthread_cancel(pthread_self());
-    delete static_cast<PZUnitFrame*>(unit);
-    pthread_testcancel();
-    return nullptr;
-}
-
 TEST(PZUnitFrameCancelTest, LeavesItsBoxOnAThreadThatIsBeingCancelled) {
     PZLMsgBox box;
     pztest::RecordingDispatcher dispatcher;
     auto* const unit = new PZUnitFrame;
     ASSERT_EQ(0, unit->RegistMsgBox(&box, &dispatcher));
-    pthread_t thread = {};
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, destroy_while_cancelled, unit));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([unit] { delete unit; }));
     EXPECT_NE(~0UL, box.Registory(&dispatcher));
 }
 

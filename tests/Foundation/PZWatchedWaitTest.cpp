@@ -9,32 +9,20 @@
 #include <Framework/Foundation/private/PZWatchedWait.h>
 
 #include "support/CancelledStack.h"
+#include "support/CountedWaits.h"
 #include "support/MemoryShortage.h"
 #include "support/WaitUntil.h"
 
 namespace {
 
-std::atomic<int> into_waits{0};
-std::atomic<int> out_waits{0};
-
-}  // namespace
-
-// The watchdog's hooks do nothing: counting them is the only way to see the calls.
-void PZWatchDog::IntoWait() {
-    ++into_waits;
-}
-void PZWatchDog::OutWait() {
-    ++out_waits;
-}
-
-namespace {
+using pztest::into_waits;
+using pztest::out_waits;
 
 class PZWatchedWaitTest : public testing::Test {
 protected:
     void SetUp() override {
         PZWatchDog::GetInstance();
-        into_waits = 0;
-        out_waits = 0;
+        pztest::reset_waits();
     }
     void TearDown() override { PZWatchDog::GetInstance(); }
 };

@@ -3,7 +3,6 @@
 #include <sched.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -35,6 +34,7 @@
 #include "support/FakeSyslog.h"
 #include "support/GuardFiles.h"
 #include "support/MemoryShortage.h"
+#include "support/OpenDescriptors.h"
 #include "support/OwnProcess.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
@@ -73,7 +73,11 @@ bool start() {
 }
 
 Descriptors open_now() {
-    return pztest::open_descriptors_by_kind(/*onlyInherited=*/false);
+    return pztest::open_descriptors_by_kind();
+}
+
+Descriptors inherited_now() {
+    return pztest::open_descriptors_by_kind(/*onlyInherited=*/true);
 }
 
 /// The system log's own connection, which is there only where a log daemon runs.
@@ -205,11 +209,11 @@ TEST(processTest, AQueueClearsTheFileCreationMask) {
 TEST(processTest, TheStartTakes15DescriptorsThatAreNotInherited) {
     in_child([] {
         const Descriptors before = open_now();
-        const Descriptors inherited = pztest::open_descriptors_by_kind(true);
+        const Descriptors inherited = inherited_now();
         if (!start()) return false;
         const Descriptors expected = {{"anon_inode:[eventfd]", 10}, {"anon_inode:[eventpoll]", 5}};
         if (!HOLDS(without_sockets(added(before, open_now())) == expected)) return false;
-        if (!HOLDS(added(inherited, pztest::open_descriptors_by_kind(true)).empty())) return false;
+        if (!HOLDS(added(inherited, inherited_now()).empty())) return false;
         pz_FwFinalize();
         return HOLDS(open_now() == before);
     });
@@ -273,14 +277,14 @@ TEST(processTest, AWorkerTakes3DescriptorsThatAreNotInherited) {
     in_child([] {
         if (!start()) return false;
         const Descriptors before = open_now();
-        const Descriptors inherited = pztest::open_descriptors_by_kind(true);
+        const Descriptors inherited = inherited_now();
         const Descriptors made = {{"pipe", 2}, {"anon_inode:[eventfd]", 1}};
         {
             PZWorker worker(1, 4000, 1);
             if (!HOLDS(added(before, open_now()) == made)) return false;
             if (!HOLDS(worker.Start("worker") == 0)) return false;
             if (!HOLDS(added(before, open_now()) == made)) return false;
-            if (!HOLDS(added(inherited, pztest::open_descriptors_by_kind(true)).empty())) {
+            if (!HOLDS(added(inherited, inherited_now()).empty())) {
                 return false;
             }
             worker.End(0);
@@ -298,14 +302,14 @@ TEST(processTest, AQueueAndALogTakeOneDescriptorThatIsNotInherited) {
         const pztest::TempDir dir;
         const pztest::QueueName name;
         const Descriptors before = open_now();
-        const Descriptors inherited = pztest::open_descriptors_by_kind(true);
+        const Descriptors inherited = inherited_now();
         PZMsgQ::PZMessageQueue<0> queue;
         PZLSysFileOut log(std::wstring(dir.Path().begin(), dir.Path().end()).c_str(), L"app",
                           L"txt", false, 0, 0);
         if (!HOLDS(queue.open({name.Get()})) || !HOLDS(log.Open())) return false;
         const Descriptors expected = {{name.System(), 1}, {dir.File("app.txt"), 1}};
         const bool areOpen = HOLDS(added(before, open_now()) == expected);
-        const bool stay = HOLDS(pztest::open_descriptors_by_kind(true) == inherited);
+        const bool stay = HOLDS(inherited_now() == inherited);
         queue.close();
         log.Close();
         return areOpen && stay && HOLDS(open_now() == before);
@@ -488,27 +492,17 @@ TEST(processTest, TheExitOfAForkedChildLeavesItsParentAlone) {
     in_child([] {
         static Everything all;
         if (!all.Start()) return false;
-        std::fflush(stdout);
-        const pid_t child = fork();
-        if (child == 0) std::exit(0);
-        int status = -1;
-        const bool hasEnded = pztest::wait_until(
-            [&] { return waitpid(child, &status, WNOHANG) == child; }, std::chrono::seconds(20));
-        if (!hasEnded) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-        }
-        return HOLDS(hasEnded) && HOLDS(status == 0) && all.Works();
+        pztest::ChildProcess child([]() -> int { std::exit(0); });
+        return HOLDS(child.Wait(std::chrono::seconds(20)) == 0) && all.Works();
     });
 }
 
 TEST(processTest, AForkedChildHasNoneOfTheThreads) {
     in_child([] {
         if (!start() || !HOLDS(pztest::threads_named(kTimerThreads).size() == 5)) return false;
-        const pid_t child = fork();
-        if (child == 0) _exit(pztest::threads_named(kTimerThreads).empty() ? 0 : 1);
-        int status = -1;
-        const bool done = HOLDS(waitpid(child, &status, 0) == child) && HOLDS(status == 0);
+        pztest::ChildProcess child(
+            [] { return pztest::threads_named(kTimerThreads).empty() ? 0 : 1; });
+        const bool done = HOLDS(child.Wait() == 0);
         pz_FwFinalize();
         return done;
     });

@@ -1,7 +1,6 @@
 #include "Framework/Pattern/PZSubject.h"
 
 #include <execinfo.h>
-#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -19,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "support/Assertions.h"
+#include "support/CancelledThread.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
@@ -500,24 +500,14 @@ TEST_F(PZSubjectTest, RefusesAnObserverForWhichThereIsNoMemoryAndKeepsNothing) {
 }
 
 TEST(PZSubjectDestructionTest, AThreadThatIsBeingCancelledMayDestroyASubject) {
+    class Nobody : public PZObserver_ {
+        unsigned int OnNotify(unsigned int, void*, unsigned int) override { return 0; }
+    } nobody;
     pztest::StdoutCapture output;
-    pthread_t thread = 0;
-    const auto destroy = [](void*) -> void* {
-        class Nobody : public PZObserver_ {
-            unsigned int OnNotify(unsigned int, void*, unsigned int) override { return 0; }
-        };
-        static Nobody nobody;
-        auto subject = std::make_unique<PZSubject>();
-        subject->AddObserver(&nobody);
-        pthread_cancel(pthread_self());
-        subject.reset();  // reports the observer that is left
-        pthread_testcancel();
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, destroy, nullptr));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    auto subject = std::make_unique<PZSubject>();
+    subject->AddObserver(&nobody);
+    // Reports the observer that is left.
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([&subject] { subject.reset(); }));
     EXPECT_EQ(1U, pztest::count_of(output.Take(), "call RemoveObserver() before delete. [1]"));
 }
 

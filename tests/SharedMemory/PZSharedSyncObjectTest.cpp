@@ -19,6 +19,7 @@
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
+#include "support/ProcessSignal.h"
 #include "support/StdoutCapture.h"
 
 PZ_INTERPOSE(sem_wait, 1);
@@ -211,32 +212,9 @@ TEST_F(PZSharedSyncObjectTest, KeepsACounterExactBetweenThreads) {
     EXPECT_EQ(kThreads * kRounds, counter);
 }
 
-/// A pipe, by which processes wait for each other.
-class Signal {
-public:
-    Signal() {
-        if (pipe(ends_) != 0) std::abort();
-    }
-    ~Signal() {
-        close(ends_[0]);
-        close(ends_[1]);
-    }
-    Signal(const Signal&) = delete;
-    Signal& operator=(const Signal&) = delete;
-
-    bool Give() const { return write(ends_[1], "x", 1) == 1; }
-    bool Wait() const {
-        char got = 0;
-        return read(ends_[0], &got, 1) == 1;
-    }
-
-private:
-    int ends_[2] = {-1, -1};
-};
-
 TEST_F(PZSharedSyncObjectTest, ExcludesTheOtherProcess) {
-    const Signal locked;
-    const Signal goOn;
+    const pztest::ProcessSignal locked;
+    const pztest::ProcessSignal goOn;
     pztest::ChildProcess child([&] {
         const PZSharedSyncObject object(Name());
         const PZSyncGuard guard(object);

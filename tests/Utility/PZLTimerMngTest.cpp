@@ -27,6 +27,7 @@
 #include <Framework/Foundation/PZThreadMng.h>
 
 #include "support/CallbackTimer.h"
+#include "support/CancelledThread.h"
 #include "support/FakePriorities.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
@@ -485,17 +486,7 @@ TEST_F(PZLTimerMngTest, AddTimerAnswersNullWhenThereIsNoMemory) {
 }
 
 TEST_F(PZLTimerMngTest, AThreadThatIsBeingCancelledMayDestroyTheManager) {
-    pthread_t thread = 0;
-    const auto destroy = [](void*) -> void* {
-        pthread_cancel(pthread_self());
-        PZLTimerMng::destroy();
-        pthread_testcancel();
-        return nullptr;
-    };
-    ASSERT_EQ(0, pthread_create_call.Real(&thread, nullptr, destroy, nullptr));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([] { PZLTimerMng::destroy(); }));
     EXPECT_TRUE(registered_threads().empty());
 }
 

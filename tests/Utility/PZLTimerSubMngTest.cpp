@@ -28,6 +28,7 @@
 #include "support/Assertions.h"
 #include "support/CallbackTimer.h"
 #include "support/ChildProcess.h"
+#include "support/CountedWaits.h"
 #include "support/FakePriorities.h"
 #include "support/Interposed.h"
 #include "support/ManualTick.h"
@@ -42,26 +43,13 @@ PZ_INTERPOSE(write, 3);
 
 namespace {
 
-std::atomic<int> into_waits{0};
-std::atomic<int> out_waits{0};
-
-}  // namespace
-
-// The watchdog's hooks do nothing: counting them is the only way to see the calls.
-void PZWatchDog::IntoWait() {
-    ++into_waits;
-}
-void PZWatchDog::OutWait() {
-    ++out_waits;
-}
-
-namespace {
-
 using pztest::CallbackTimer;
 using pztest::FakePriorities;
 using pztest::has_report;
+using pztest::into_waits;
 using pztest::ManualTick;
 using pztest::ManualWait;
+using pztest::out_waits;
 using pztest::StdoutCapture;
 using pztest::Ticks;
 using pztest::TimerInfo;
@@ -113,8 +101,7 @@ protected:
 
     void StartAt(long long tickMs) {
         tick.Set(tickMs);
-        into_waits = 0;
-        out_waits = 0;
+        pztest::reset_waits();
         ASSERT_EQ(1, sub.start("timers"));
         ASSERT_TRUE(waits.AwaitCount(1));
     }

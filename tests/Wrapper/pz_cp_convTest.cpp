@@ -138,6 +138,18 @@ struct Buffer {
     alignas(wchar_t) char bytes[64];
 };
 
+/// Converts UTF-8 that iconv refuses. Expects one report of it, and answers what the destination
+/// begins with then.
+std::string refused(unsigned int size, EN_XCP to, const std::string& text,
+                    const std::string& error) {
+    Buffer dst;
+    pztest::StdoutCapture output;
+    EXPECT_EQ(0, pz_cp_conv(dst.bytes, size, to, text.data(),
+                            static_cast<unsigned int>(text.size()), XCP_UTF8));
+    EXPECT_TRUE(reports(output.Take(), "conv_character_code : iconv error [-1] " + error));
+    return dst.First(3);
+}
+
 std::string bytes_of(const wchar_t* text, size_t count) {
     return std::string(reinterpret_cast<const char*>(text), count * sizeof(wchar_t));
 }
@@ -326,58 +338,38 @@ TEST_F(pz_cp_convTest, WritesOneZeroByteAfterAFailedOpenOfA16BitForm) {
 }
 
 TEST_F(pz_cp_convTest, ReportsBytesThatAreNotOfTheSourcePage) {
-    Buffer dst;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(0, pz_cp_conv(dst.bytes, 20, XCP_ISO8859_1,
-                            "ab\xFF"
-                            "cd",
-                            5, XCP_UTF8));
-    EXPECT_TRUE(reports(output.Take(),
-                        "conv_character_code : iconv error [-1] [84:Invalid or incomplete "
-                        "multibyte or wide character] : dst[ISO8859-1] sz[20] : src[UTF-8] sz[5]"));
-    EXPECT_EQ(std::string("\0b-", 3), dst.First(3));
+    EXPECT_EQ(std::string("\0b-", 3),
+              refused(20, XCP_ISO8859_1,
+                      "ab\xFF"
+                      "cd",
+                      "[84:Invalid or incomplete multibyte or wide character] : "
+                      "dst[ISO8859-1] sz[20] : src[UTF-8] sz[5]"));
     EXPECT_EQ(1, iconv_call.Calls());
     EXPECT_EQ(1, iconv_close_call.Calls());
 }
 
 TEST_F(pz_cp_convTest, ReportsTheErrorOfTheConversionWhateverClosingLeavesInErrno) {
     iconv_close_call.Replace(close_and_leave_an_error);
-    Buffer dst;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(0, pz_cp_conv(dst.bytes, 2, XCP_UTF8, "abc", 3, XCP_UTF8));
-    EXPECT_TRUE(reports(output.Take(),
-                        "conv_character_code : iconv error [-1] [7:Argument list too long] : "
-                        "dst[UTF-8] sz[2] : src[UTF-8] sz[3]"));
+    refused(2, XCP_UTF8, "abc", "[7:Argument list too long] : dst[UTF-8] sz[2] : src[UTF-8] sz[3]");
 }
 
 TEST_F(pz_cp_convTest, ReportsCharactersThatTheTargetPageLacks) {
-    Buffer dst;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(0, pz_cp_conv(dst.bytes, 20, XCP_ISO8859_1, "\xE2\x82\xAC", 3, XCP_UTF8));
-    EXPECT_TRUE(reports(output.Take(),
-                        "conv_character_code : iconv error [-1] [84:Invalid or incomplete "
-                        "multibyte or wide character] : dst[ISO8859-1] sz[20] : src[UTF-8] sz[3]"));
+    EXPECT_EQ(std::string("\0--", 3),
+              refused(20, XCP_ISO8859_1, "\xE2\x82\xAC",
+                      "[84:Invalid or incomplete multibyte or wide character] : "
+                      "dst[ISO8859-1] sz[20] : src[UTF-8] sz[3]"));
 }
 
 TEST_F(pz_cp_convTest, ReportsATextThatEndsInsideACharacter) {
-    Buffer dst;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(0, pz_cp_conv(dst.bytes, 20, XCP_UTF8, "a\xE2\x82", 3, XCP_UTF8));
-    EXPECT_TRUE(reports(output.Take(),
-                        "conv_character_code : iconv error [-1] [22:Invalid argument] : dst[UTF-8] "
-                        "sz[20] : src[UTF-8] sz[3]"));
-    EXPECT_EQ('\0', dst.bytes[0]);
+    EXPECT_EQ('\0', refused(20, XCP_UTF8, "a\xE2\x82",
+                            "[22:Invalid argument] : dst[UTF-8] sz[20] : src[UTF-8] sz[3]")[0]);
 }
 
 TEST_F(pz_cp_convTest, ReportsADestinationThatIsTooSmallForTheText) {
-    Buffer dst;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(0, pz_cp_conv(dst.bytes, 2, XCP_UTF8, "abc", 3, XCP_UTF8));
-    EXPECT_TRUE(reports(output.Take(),
-                        "conv_character_code : iconv error [-1] [7:Argument list too long] : "
-                        "dst[UTF-8] sz[2] : src[UTF-8] sz[3]"));
-    EXPECT_EQ('\0', dst.bytes[0]);
-    EXPECT_EQ("-", dst.First(3).substr(2));
+    const std::string left = refused(
+        2, XCP_UTF8, "abc", "[7:Argument list too long] : dst[UTF-8] sz[2] : src[UTF-8] sz[3]");
+    EXPECT_EQ('\0', left[0]);
+    EXPECT_EQ('-', left[2]);
 }
 
 TEST_F(pz_cp_convTest, DiscardsPartialOutputByATerminatorOfTheTargetsUnit) {

@@ -78,6 +78,17 @@ protected:
 
     void TearDown() override { EXPECT_EQ(icu.opened, icu.closed); }
 
+    /// Expects that nothing is detected and `report`, if there is one, by `function`; and how many
+    /// detectors are closed then.
+    void ExpectNone(const std::string& report, int closed = 1,
+                    const std::string& function = "pz_cp_detect") {
+        pztest::StdoutCapture output;
+        EXPECT_EQ(XCP_NONE, detect(XCP_GB18030, 50));
+        const std::string text = output.Take();
+        EXPECT_TRUE(report.empty() ? text.empty() : reports(text, function, report)) << text;
+        EXPECT_EQ(closed, icu.closed);
+    }
+
     FakeIcu& icu;
 };
 
@@ -180,74 +191,47 @@ TEST_F(pz_cp_detectTest, AThresholdOfZeroTakesTheFirstMatch) {
 
 TEST_F(pz_cp_detectTest, ReportsAFailedOpenAndClosesNothing) {
     icu.openError = 7;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_TRUE(reports(output.Take(), "pz_cp_detect", "ucsdet_open err [7]"));
-    EXPECT_EQ(0, icu.closed);
+    ExpectNone("ucsdet_open err [7]", 0);
 }
 
 TEST_F(pz_cp_detectTest, ReportsAnOpenThatAnswersNothing) {
     icu.opensNull = true;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_TRUE(reports(output.Take(), "pz_cp_detect", "ucsdet_open err [0]"));
-    EXPECT_EQ(0, icu.closed);
+    ExpectNone("ucsdet_open err [0]", 0);
 }
 
 TEST_F(pz_cp_detectTest, ReportsAFailedSetText) {
     icu.setTextError = 1;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_TRUE(reports(output.Take(), "pz_cp_detect", "ucsdet_setText err [1]"));
-    EXPECT_EQ(1, icu.closed);
+    ExpectNone("ucsdet_setText err [1]");
 }
 
 TEST_F(pz_cp_detectTest, ReportsAFailedDetectInTheWordsOfTheNextStep) {
     icu.detectError = 5;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_TRUE(reports(output.Take(), "pz_cp_detect", "ucsdet_detectAll err [5]"));
-    EXPECT_EQ(1, icu.closed);
+    ExpectNone("ucsdet_detectAll err [5]");
 }
 
 TEST_F(pz_cp_detectTest, AnswersNoneWithoutAMatch) {
     icu.hasNoBest = true;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_EQ("", output.Take());
-    EXPECT_EQ(1, icu.closed);
+    ExpectNone("");
 }
 
 TEST_F(pz_cp_detectTest, ReportsAFailedDetectAll) {
     icu.detectAllError = 6;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_TRUE(reports(output.Take(), "pz_cp_detect", "ucsdet_detectAll err [6]"));
-    EXPECT_EQ(1, icu.closed);
+    ExpectNone("ucsdet_detectAll err [6]");
 }
 
 TEST_F(pz_cp_detectTest, AnswersNoneWithoutAList) {
     icu.hasNoList = true;
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_EQ("", output.Take());
-    EXPECT_EQ(1, icu.closed);
+    ExpectNone("");
 }
 
 TEST_F(pz_cp_detectTest, ReportsANameThatCannotBeRead) {
     icu.matches = {{"UTF-8", 90, 2}, {"Big5", 80}};
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect());
-    EXPECT_TRUE(reports(output.Take(), "get_icu_cp_string", "ucsdet_getName err [2]"));
-    EXPECT_EQ(1, icu.closed);
+    ExpectNone("ucsdet_getName err [2]", 1, "get_icu_cp_string");
 }
 
 TEST_F(pz_cp_detectTest, ANameThatCannotBeReadEndsTheSearchForTheHint) {
     icu.matches = {{"UTF-8", 30}, {"Big5", 20, 3}, {"GB18030", 10}};
-    pztest::StdoutCapture output;
-    EXPECT_EQ(XCP_NONE, detect(XCP_GB18030, 50));
-    EXPECT_TRUE(reports(output.Take(), "get_icu_cp_string", "ucsdet_getName err [3]"));
-    EXPECT_EQ(1, icu.closed);
+    ExpectNone("ucsdet_getName err [3]", 1, "get_icu_cp_string");
 }
 
 TEST_F(pz_cp_detectTest, AMatchWithoutANameIsNone) {

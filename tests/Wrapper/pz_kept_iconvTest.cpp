@@ -29,8 +29,8 @@ int convert(EN_XCP to, EN_XCP from) {
     return pz_cp_conv(dst, sizeof dst, to, "x", 1, from);
 }
 
-/// Descriptors that are open, since the test began.
-int open_descriptors() {
+/// Conversion descriptors that are open, since the test began.
+int open_converters() {
     return iconv_open_call.Calls() - iconv_close_call.Calls();
 }
 
@@ -126,9 +126,9 @@ TEST_F(pz_kept_iconvTest, KeepsThreeOfEachThreadAndClosesTheOneThatWasNotUsedFor
         EXPECT_EQ(4, iconv_open_call.Calls());
         convert(XCP_CP949, XCP_EUC_JP);
         EXPECT_EQ(5, iconv_open_call.Calls());
-        EXPECT_EQ(3, open_descriptors());
+        EXPECT_EQ(3, open_converters());
     });
-    EXPECT_EQ(0, open_descriptors());
+    EXPECT_EQ(0, open_converters());
 }
 
 TEST_F(pz_kept_iconvTest, KeepsNoDescriptorThatRefusedAText) {
@@ -139,7 +139,7 @@ TEST_F(pz_kept_iconvTest, KeepsNoDescriptorThatRefusedAText) {
             EXPECT_EQ(1, convert(XCP_GB18030, XCP_EUC_JP));
             EXPECT_EQ(0, pz_cp_conv(dst, sizeof dst, XCP_GB18030, "\xFF", 1, XCP_EUC_JP));
             EXPECT_EQ(i, iconv_open_call.Calls());
-            EXPECT_EQ(0, open_descriptors());
+            EXPECT_EQ(0, open_converters());
         }
     });
 }
@@ -148,11 +148,11 @@ TEST_F(pz_kept_iconvTest, KeepsNoDescriptorOfPagesWithShiftsOrAByteOrderMark) {
     for (const EN_XCP page : {XCP_UTF16, XCP_ISO2022_JP, XCP_ISO2022_KR, XCP_ISO2022_CN}) {
         on_new_thread([page] {
             EXPECT_GE(convert(page, XCP_EUC_JP), 1);
-            EXPECT_EQ(0, open_descriptors());
+            EXPECT_EQ(0, open_converters());
             char dst[16] = "";
             EXPECT_EQ(1, pz_cp_conv(dst, sizeof dst, XCP_GB18030, "x\0", page == XCP_UTF16 ? 2 : 1,
                                     page));
-            EXPECT_EQ(0, open_descriptors());
+            EXPECT_EQ(0, open_converters());
         });
     }
 }
@@ -182,7 +182,7 @@ TEST_F(pz_kept_iconvTest, ServesDestructorsOfThreadLocalObjects) {
         EXPECT_NE(nullptr, &converting);
         convert(XCP_CP936, XCP_EUC_JP);
     });
-    EXPECT_EQ(0, open_descriptors());
+    EXPECT_EQ(0, open_converters());
 }
 
 TEST_F(pz_kept_iconvTest, ServesThreadsWhoseDescriptorsAreClosedAlready) {
@@ -199,7 +199,7 @@ TEST_F(pz_kept_iconvTest, ServesThreadsWhoseDescriptorsAreClosedAlready) {
         pthread_setspecific(key, &rounds);
     });
     EXPECT_EQ(3, rounds);
-    EXPECT_EQ(0, open_descriptors());
+    EXPECT_EQ(0, open_converters());
     pthread_key_delete(key);
 }
 
@@ -210,7 +210,7 @@ TEST_F(pz_kept_iconvTest, ClosesTheDescriptorOfAThreadThatIsCancelledInAConversi
         return nullptr;
     }));
     EXPECT_EQ(1, iconv_open_call.Calls());
-    EXPECT_EQ(0, open_descriptors());
+    EXPECT_EQ(0, open_converters());
 }
 
 TEST_F(pz_kept_iconvTest, ClosesAllDescriptorsOfAThreadThatIsCancelledWhileItClosesOne) {
@@ -221,7 +221,7 @@ TEST_F(pz_kept_iconvTest, ClosesAllDescriptorsOfAThreadThatIsCancelledWhileItClo
         return nullptr;
     }));
     EXPECT_EQ(4, iconv_open_call.Calls());
-    EXPECT_EQ(0, open_descriptors());
+    EXPECT_EQ(0, open_converters());
 }
 
 TEST_F(pz_kept_iconvTest, IsNotCancelledWhileItsThreadEnds) {
@@ -230,7 +230,7 @@ TEST_F(pz_kept_iconvTest, IsNotCancelledWhileItsThreadEnds) {
         iconv_close_call.Replace(close_and_be_cancelled);
         return nullptr;
     }));
-    EXPECT_EQ(0, open_descriptors());
+    EXPECT_EQ(0, open_converters());
 }
 
 TEST_F(pz_kept_iconvTest, GoesOnInAForkedChild) {

@@ -5,7 +5,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include <ctime>
 #include <limits>
 #include <locale>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +31,7 @@
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
+#include "support/StuckStdout.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
@@ -38,6 +39,8 @@ PZ_INTERPOSE(nanosleep, 2);
 PZ_INTERPOSE(fork, 0);
 
 namespace {
+
+using pztest::ChildProcess;
 
 std::atomic<int> syncs{0};
 
@@ -73,19 +76,12 @@ int fake_execlp(const char* file, const char* arg, const char* area, const char*
     _exit(42);
 }
 
-/// The exit status of a child of this process.
-int status_of(pid_t pid) {
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-    return WEXITSTATUS(status);
-}
-
 /// Starts `program` in a process of its own and waits for it; the output is that of both.
 pztest::ChildResult start_and_wait(const char* program) {
     return pztest::run_in_child([program] {
         pid_t pid = -1;
         if (!pz_create_process(program, &pid, nullptr)) return 254;
-        return status_of(pid);
+        return ChildProcess(pid).Wait();
     });
 }
 
@@ -496,9 +492,9 @@ TEST_F(pz_stdlibTest, CreateProcessStartsAProgramOfThePath) {
     pid_t pid = -1;
     ASSERT_TRUE(pz_create_process("true", &pid, nullptr));
     ASSERT_GT(pid, 0);
-    EXPECT_EQ(0, status_of(pid));
+    EXPECT_EQ(0, ChildProcess(pid).Wait());
     ASSERT_TRUE(pz_create_process("false", &pid, nullptr));
-    EXPECT_EQ(1, status_of(pid));
+    EXPECT_EQ(1, ChildProcess(pid).Wait());
 }
 
 TEST_F(pz_stdlibTest, CreateProcessHandsOnTheAddressOfTheUnnamedArgumentsAndNoArgument) {
@@ -506,7 +502,7 @@ TEST_F(pz_stdlibTest, CreateProcessHandsOnTheAddressOfTheUnnamedArgumentsAndNoAr
     firstUnnamedArgument = "marker";
     pid_t pid = -1;
     ASSERT_TRUE(pz_create_process("program", &pid, "not passed", firstUnnamedArgument));
-    EXPECT_EQ(42, status_of(pid));
+    EXPECT_EQ(42, ChildProcess(pid).Wait());
 }
 
 TEST_F(pz_stdlibTest, CreateProcessEndsTheChildOfAnUnknownProgramWithStatus255) {
@@ -547,24 +543,22 @@ TEST_F(pz_stdlibTest, CreateProcessIsNotHeldUpByAThreadThatReports) {
         std::thread reporter([&end] {
             while (!end) PZ_REPORT_ERROR("busy\n");
         });
-        std::vector<pid_t> running;
+        std::vector<std::unique_ptr<ChildProcess>> programs;
         for (int i = 0; i < kPrograms; ++i) {
             pid_t pid = -1;
-            if (pz_create_process(kLongNameOfTrue, &pid, nullptr)) running.push_back(pid);
+            if (!pz_create_process(kLongNameOfTrue, &pid, nullptr)) continue;
+            programs.push_back(std::make_unique<ChildProcess>(pid));
         }
         end = true;
         reporter.join();
         std::fflush(stdout);
-        if (running.size() != kPrograms) return 254;
-        const auto haveEnded = [&running] {
-            for (auto pid = running.begin(); pid != running.end();) {
-                pid = waitpid(*pid, nullptr, WNOHANG) == *pid ? running.erase(pid) : pid + 1;
-            }
-            return running.empty();
+        if (programs.size() != kPrograms) return 254;
+        const auto count_running = [&programs] {
+            return std::count_if(programs.begin(), programs.end(),
+                                 [](const auto& program) { return !program->HasEnded(); });
         };
-        pztest::wait_until(haveEnded, std::chrono::seconds(20));
-        for (const pid_t pid : running) kill(pid, SIGKILL);
-        return static_cast<int>(running.size());
+        pztest::wait_until([&] { return count_running() == 0; }, std::chrono::seconds(20));
+        return static_cast<int>(count_running());
     });
     EXPECT_TRUE(child.exited);
     EXPECT_EQ(0, child.status) << "children that hang";
@@ -576,7 +570,7 @@ TEST_F(pz_stdlibTest, CreateProcessPrintsWhatIsPendingAndTheReportOnce) {
     const pztest::ChildResult child = pztest::run_in_child([] {
         pid_t pid = -1;
         std::printf("pending\n");
-        return pz_create_process(kLongNameOfTrue, &pid, nullptr) ? status_of(pid) : 254;
+        return pz_create_process(kLongNameOfTrue, &pid, nullptr) ? ChildProcess(pid).Wait() : 254;
     });
     EXPECT_EQ(0, child.status);
     EXPECT_EQ(1U, pztest::count_of(child.output, "pending\n"));
@@ -603,7 +597,8 @@ TEST_F(pz_stdlibTest, CreateProcessNeedsNoDescriptors) {
         const rlimit none = {STDERR_FILENO + 1, STDERR_FILENO + 1};
         if (setrlimit(RLIMIT_NOFILE, &none) != 0) return 253;
         pid_t pid = -1;
-        return pz_create_process("pz_no_such_progs", &pid, nullptr) ? status_of(pid) : 254;
+        return pz_create_process("pz_no_such_progs", &pid, nullptr) ? ChildProcess(pid).Wait()
+                                                                    : 254;
     });
     EXPECT_EQ(255, child.status);
     EXPECT_EQ(1U, pztest::count_of(child.output, "pz_no_such_progs: No such file or directory\n"));
@@ -614,29 +609,19 @@ TEST_F(pz_stdlibTest, CreateProcessStartsTheProgramAlsoOfACallerWhoIsKilledOverT
     const std::string program = dir.File("a_program_of_a_long_name");
     pztest::write_file(program, "#!/bin/sh\n: > '" + dir.File("started") + "'\n");
     ASSERT_EQ(0, chmod(program.c_str(), 0700));
-    int stuck[2];  // a standard output that nobody reads
-    ASSERT_EQ(0, pipe2(stuck, O_CLOEXEC));
-    ASSERT_LT(0, fcntl(stuck[1], F_SETPIPE_SZ, 4096));
-    const std::string full(static_cast<size_t>(fcntl(stuck[1], F_GETPIPE_SZ)), 'x');
-    ASSERT_EQ(static_cast<ssize_t>(full.size()), write(stuck[1], full.data(), full.size()));
-    const pid_t caller = fork_call.Real();
-    ASSERT_NE(-1, caller);
-    if (caller == 0) {
-        dup2(stuck[1], STDOUT_FILENO);
+    ChildProcess caller([&program] {
+        const pztest::StuckStdout stuck;
         pid_t pid = -1;
         pz_create_process(program.c_str(), &pid, nullptr);
-        _exit(1);
-    }
-    const std::string children =
-        "/proc/" + std::to_string(caller) + "/task/" + std::to_string(caller) + "/children";
+        return 1;
+    });
+    const std::string id = std::to_string(caller.Pid());
+    const std::string children = "/proc/" + id + "/task/" + id + "/children";
     EXPECT_TRUE(pztest::wait_until([&] { return !pztest::read_file(children).empty(); }));
     EXPECT_NE(0, access(dir.File("started").c_str(), F_OK)) << "the report comes first";
-    kill(caller, SIGKILL);
-    int status = 0;
-    EXPECT_EQ(caller, waitpid(caller, &status, 0));
+    caller.Signal(SIGKILL);
+    EXPECT_EQ(-1, caller.Wait());
     EXPECT_TRUE(pztest::wait_until([&] { return access(dir.File("started").c_str(), F_OK) == 0; }));
-    close(stuck[0]);
-    close(stuck[1]);
 }
 
 // Wide formatting

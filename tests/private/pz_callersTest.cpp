@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 #include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +18,8 @@
 #include <gtest/gtest.h>
 
 #include <Framework/private/pz_callers.h>
+
+#include "support/ChildProcess.h"
 
 namespace {
 
@@ -263,13 +264,9 @@ TEST_F(pz_callersTest, AreThoseOfBacktraceInCodeThatIsLoadedAndUnloaded) {
 }
 
 TEST_F(pz_callersTest, AreLeftToBacktraceInAForkedChild) {
-    const pid_t child = fork();
-    if (child == 0) {
+    pztest::ChildProcess child([] {
         void* addresses[4];
-        _exit(pz_take_callers(addresses, 4) == -1 ? 0 : 1);
-    }
-    int status = -1;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+        return pz_take_callers(addresses, 4) == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(0, child.Wait());
 }

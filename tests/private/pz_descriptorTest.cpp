@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 
 #include <Framework/private/pz_descriptor.h>
 
+#include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
 
 namespace {
@@ -104,21 +104,9 @@ TEST(PZDescriptorTest, ClosesADescriptorThatItCannotMove) {
     EXPECT_EQ(0, child.status);
 }
 
-/// Cancels itself and leaves a scope that owns the descriptor.
-void* close_while_cancelled(void* fd) {
-    pthread_cancel(pthread_self());
-    { const PZDescriptor descriptor(*static_cast<int*>(fd)); }
-    pthread_testcancel();
-    return nullptr;
-}
-
 TEST(PZDescriptorTest, ClosesOnAThreadThatIsBeingCancelled) {
-    int fd = open_null();
-    pthread_t thread = {};
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, close_while_cancelled, &fd));
-    void* result = nullptr;
-    ASSERT_EQ(0, pthread_join(thread, &result));
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    const int fd = open_null();
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([fd] { const PZDescriptor descriptor(fd); }));
     EXPECT_FALSE(is_open(fd));
 }
 

@@ -15,21 +15,14 @@
 
 #include <Framework/private/pz_interrupted_stack.h>
 
+#include "support/InstructionAt.h"
+
 // Of 32-bit machines.
 
 namespace {
 
 constexpr int kFrames = 34;
 constexpr int kSamples = 300;
-
-/// The address of an instruction: on ARM the lowest bit of a return address tells what kind it is.
-const void* instruction_at(const void* address) {
-#ifdef __arm__
-    return reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(address) & ~uintptr_t{1});
-#else
-    return address;
-#endif
-}
 
 #ifdef __i386__
 void set_stack(ucontext_t& context, uintptr_t stack) {
@@ -78,7 +71,7 @@ int compare(const void* left, const void* right) {
 
 /// Much of it is written by hand, or has its beginning and its end close to each other.
 [[gnu::noinline]] void use_the_library() {
-    caller = instruction_at(__builtin_return_address(0));
+    caller = pztest::instruction_at(__builtin_return_address(0));
     static char from[4096];
     static char to[sizeof from];
     for (size_t i = 0; samples < kSamples; ++i) {
@@ -101,7 +94,7 @@ int compare(const void* left, const void* right) {
     return sum;
 }
 [[gnu::noinline]] int use_own_functions() {
-    caller = instruction_at(__builtin_return_address(0));
+    caller = pztest::instruction_at(__builtin_return_address(0));
     int sum = 0;
     while (samples < kSamples) sum = add(sum, add_up(5));
     caller = nullptr;

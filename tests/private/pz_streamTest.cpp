@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 
 #include <Framework/private/pz_stream.h>
 
+#include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
 #include "support/OpenDescriptors.h"
 #include "support/TempDir.h"
@@ -110,19 +110,7 @@ TEST_F(PZStreamTest, ClosesOnAThreadThatIsToBeCancelled) {
     const int before = pztest::open_descriptors();
     FILE* const stream = pz_open_stream(path.c_str(), "w");
     std::fputs("text", stream);
-    pthread_t thread = {};
-    ASSERT_EQ(0, pthread_create(
-                     &thread, nullptr,
-                     [](void* opened) -> void* {
-                         pthread_cancel(pthread_self());
-                         pz_close_stream(static_cast<FILE*>(opened));
-                         pthread_testcancel();
-                         return nullptr;
-                     },
-                     stream));
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(PTHREAD_CANCELED, result);
+    EXPECT_TRUE(pztest::ends_whole_when_cancelled([stream] { pz_close_stream(stream); }));
     EXPECT_EQ("text", pztest::read_file(path));
     EXPECT_EQ(before, pztest::open_descriptors());
 }

@@ -1,5 +1,6 @@
 #include "support/ChildProcess.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -9,6 +10,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
+
+#include "support/WaitUntil.h"
 
 namespace pztest {
 namespace {
@@ -21,12 +25,20 @@ using Clock = std::chrono::steady_clock;
     _exit(status);
 }
 
-int wait_for(pid_t pid) {
+/// Waits until the child ends, or, with WUNTRACED, stops.
+int wait_for(pid_t pid, int options = 0) {
     int status = 0;
-    while (waitpid(pid, &status, 0) == -1) {
+    while (waitpid(pid, &status, options) == -1) {
         if (errno != EINTR) std::abort();
     }
     return status;
+}
+
+/// Lets a descriptor write to a file; an empty name leaves it as it is.
+bool redirect(int fd, const std::string& path, int flags) {
+    if (path.empty()) return true;
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | flags, 0600);
+    return file != -1 && ::dup2(file, fd) == fd;
 }
 
 /// Reads until the pipe ends or the time is up; false when the time was up.
@@ -70,6 +82,19 @@ ChildResult run_in_child(const std::function<int()>& body, unsigned int limitSec
     return result;
 }
 
+std::function<int()> program(std::vector<std::string> command, ProgramOutput output) {
+    return [command = std::move(command), output = std::move(output)] {
+        const int emptied = output.error == output.out ? 0 : O_TRUNC;
+        if (!redirect(STDOUT_FILENO, output.out, O_TRUNC)) return 126;
+        if (!redirect(STDERR_FILENO, output.error, emptied)) return 126;
+        std::vector<char*> words;
+        for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
+        words.push_back(nullptr);
+        ::execv(words[0], words.data());
+        return 127;
+    };
+}
+
 ChildProcess::ChildProcess(const std::function<int()>& body) : pid_(-1) {
     std::fflush(nullptr);
     pid_ = ::fork();
@@ -83,10 +108,29 @@ ChildProcess::~ChildProcess() {
     wait_for(pid_);
 }
 
+void ChildProcess::Signal(int signal) const {
+    if (kill(pid_, signal) != 0) std::abort();
+}
+
+void ChildProcess::Stop() const {
+    Signal(SIGSTOP);
+    if (!WIFSTOPPED(wait_for(pid_, WUNTRACED))) std::abort();
+}
+
+bool ChildProcess::HasEnded() const {
+    siginfo_t info = {};
+    const auto id = static_cast<id_t>(pid_);
+    return waitid(P_PID, id, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == pid_;
+}
+
 int ChildProcess::Wait() {
-    const int status = wait_for(pid_);
-    pid_ = -1;
+    const int status = wait_for(std::exchange(pid_, -1));
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int ChildProcess::Wait(std::chrono::seconds limit) {
+    if (!wait_until([this] { return HasEnded(); }, limit)) Signal(SIGKILL);
+    return Wait();
 }
 
 }  // namespace pztest

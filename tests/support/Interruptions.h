@@ -1,0 +1,50 @@
+#ifndef PZ_TESTS_SUPPORT_INTERRUPTIONS_H
+#define PZ_TESTS_SUPPORT_INTERRUPTIONS_H
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace pztest {
+
+/// Interrupts the calling thread with SIGUSR1 again and again, while it lives. One at a time.
+class Interruptions {
+public:
+    explicit Interruptions(std::chrono::milliseconds period = std::chrono::milliseconds(10))
+        : victim_(pthread_self()) {
+        struct sigaction action = {};
+        action.sa_handler = [](int) { ++taken_; };  // without SA_RESTART
+        sigaction(SIGUSR1, &action, nullptr);
+        taken_ = 0;
+        hammer_ = std::thread([this, period] {
+            while (!stop_) {
+                std::this_thread::sleep_for(period);
+                pthread_kill(victim_, SIGUSR1);
+            }
+        });
+    }
+    ~Interruptions() {
+        stop_ = true;
+        hammer_.join();
+    }
+
+    Interruptions(const Interruptions&) = delete;
+    Interruptions& operator=(const Interruptions&) = delete;
+
+    /// How often the thread has been interrupted.
+    static int Taken() { return taken_; }
+
+private:
+    inline static std::atomic<int> taken_{0};
+
+    const pthread_t victim_;
+    std::atomic<bool> stop_{false};
+    std::thread hammer_;
+};
+
+}  // namespace pztest
+
+#endif  // PZ_TESTS_SUPPORT_INTERRUPTIONS_H

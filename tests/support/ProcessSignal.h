@@ -1,0 +1,38 @@
+#ifndef PZ_TESTS_SUPPORT_PROCESSSIGNAL_H
+#define PZ_TESTS_SUPPORT_PROCESSSIGNAL_H
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace pztest {
+
+/// A pipe that a process makes before its children, by which they and it wait for each other.
+class ProcessSignal {
+public:
+    ProcessSignal() {
+        if (pipe(ends_) != 0) std::abort();
+    }
+    ~ProcessSignal() {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+
+    ProcessSignal(const ProcessSignal&) = delete;
+    ProcessSignal& operator=(const ProcessSignal&) = delete;
+
+    /// Lets one Wait return, now or later.
+    bool Give() const { return write(ends_[1], "x", 1) == 1; }
+
+    bool Wait() const {
+        char got = 0;
+        return read(ends_[0], &got, 1) == 1;
+    }
+
+private:
+    int ends_[2] = {-1, -1};
+};
+
+}  // namespace pztest
+
+#endif  // PZ_TESTS_SUPPORT_PROCESSSIGNAL_H
