@@ -22,8 +22,11 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Document.h"
+#include "support/Golden.h"
 #include "support/GuardFiles.h"
 #include "support/Interposed.h"
+#include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 
 PZ_INTERPOSE(pthread_mutex_lock, 1, EINVAL);
@@ -106,14 +109,6 @@ std::string octal(unsigned int value) {
     return text;
 }
 
-/// The path that a descriptor was opened with.
-std::string path_of(int fd) {
-    char path[256];
-    const ssize_t length =
-        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), path, sizeof path);
-    return length > 0 ? std::string(path, static_cast<size_t>(length)) : "";
-}
-
 /// Notes the calls between its construction and End.
 class Trace {
 public:
@@ -177,7 +172,7 @@ int mkdir(const char* path, mode_t mode) noexcept {
     return mkdir_call(path, mode);
 }
 int fchmod(int fd, mode_t mode) noexcept {
-    note("fchmod " + path_of(fd) + " " + octal(mode));
+    note("fchmod " + pztest::target_of(fd) + " " + octal(mode));
     return fchmod_call(fd, mode);
 }
 int fchmodat(int dir, const char* file, mode_t mode, int flag) noexcept {
@@ -444,31 +439,13 @@ TEST_F(PZFileGuardTest, MakesDirectoryKeyFilesSegmentsAndMutexInThisOrder) {
     PZFileGuard guard(files.Dir(), files.Name());
     Trace calls;
     EXPECT_TRUE(guard.initForSystem());
-    const std::string mutexSize = std::to_string(sizeof(pthread_mutex_t));
-    EXPECT_EQ((Texts{"opendir /tmp",
-                     "opendir " + dir_.substr(0, dir_.size() - 1),
-                     "opendir " + dir_ + "one",
-                     "mkdir " + dir_ + "one 0777",
-                     "fchmod " + dir_ + "one 0777",
-                     "opendir " + dir_ + "one/two",
-                     "mkdir " + dir_ + "one/two 0777",
-                     "fchmod " + dir_ + "one/two 0777",
-                     "ftok " + files.MutexFile() + " 1",
-                     "fopen " + files.MutexFile() + " a+xe",
-                     "ftok " + files.MutexFile() + " 1",
-                     "chmod no link " + files.MutexFile() + " 0777",
-                     "shmget " + mutexSize + " 01666",
-                     "shmat anywhere 0",
-                     "ftok " + files.FlagFile() + " 1",
-                     "fopen " + files.FlagFile() + " a+xe",
-                     "ftok " + files.FlagFile() + " 1",
-                     "chmod no link " + files.FlagFile() + " 0777",
-                     "shmget 1 01666",
-                     "shmat anywhere 0",
-                     "recursive",
-                     "shared",
-                     "init mutex"}),
-              calls.End());
+    const Texts made = calls.End();  // before the golden file is read
+    const std::string expected = pztest::golden(
+        "file_guard_start.txt", {{"folder", dir_.substr(0, dir_.size() - 1)},
+                                 {"mutex file", files.MutexFile()},
+                                 {"flag file", files.FlagFile()},
+                                 {"mutex size", std::to_string(sizeof(pthread_mutex_t))}});
+    EXPECT_EQ(pztest::lines_of(expected), made);
     EXPECT_EQ("", output_.Take());
 }
 

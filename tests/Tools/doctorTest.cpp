@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <string>
 #include <system_error>
@@ -25,8 +26,10 @@
 #include <Framework/PZFramework.h>
 
 #include "support/ChildProcess.h"
+#include "support/Golden.h"
 #include "support/Interposed.h"
 #include "support/JsonReader.h"
+#include "support/OpenDescriptors.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
@@ -232,120 +235,13 @@ std::vector<std::string> all_names() {
 TEST_F(doctorTest, FindsAMachineWithEverythingGreen) {
     GoodMachine();
     const CommandResult doctor = Doctor();
-    EXPECT_EQ(Table(
-                  // clang-format off
-"green   temp-folder         /temp has mode 1777\n"
-"green   system-data-folder  /temp/system_data has mode 1777\n"
-"green   syslog-folder       /Syslog has mode 1777\n"
-"green   log-space           at least 1 MiB is free for /Syslog\n"
-"green   tmp-folder          /tmp has mode 1777\n"
-"green   shm-folder          /dev/shm has mode 1777\n"
-"green   proc-folder         /proc is there\n"
-"green   zone-file           /tmp/tzfile is a compiled zone file\n"
-"green   local-zone          /etc/localtime leads to /tmp/tzfile\n"
-"green   tz-variable         TZ is not set\n"
-"green   date-program        /bin/date is a program\n"
-"green   rtc-device          /dev/rtc0 is a device that this user may write\n"
-"green   log-socket          /dev/log is a socket\n"
-"green   zone-areas          zone files of all 84 rows\n"
-"green   zone-offsets        zone files of all 111 rows\n"
-"skipped code-pages          needs the running machine\n"
-"green   icu-detector        ICU 72, libicui18n.so.72\n"
-"green   nice-limit          nice values from -20\n"
-"green   own-nice            nice value 4\n"
-"green   descriptors         4096 open files, room for 1359 workers\n"
-"green   threads             unlimited threads of one user\n"
-"green   clock-rights        CAP_SYS_TIME\n"
-"green   queue-messages      fs.mqueue.msg_max is 256\n"
-"green   queue-message-size  fs.mqueue.msgsize_max is 8192\n"
-"green   queue-count         fs.mqueue.queues_max is 256, 2 in use\n"
-"green   queue-bytes         819200 bytes, room for 11 queues of one user\n"
-"green   queue-folder        /dev/mqueue shows the queues\n"
-"green   queue-leftovers     no queue without a process\n"
-"green   semaphore-leftovers no semaphore taken by a dead process\n"
-"green   segment-leftovers   no segment of a dead process\n"
-"green   segment-count       kernel.shmmni is 4096, 7 in use\n"
-"green   probes              this user may make probes\n"
-"green   process-reading     CAP_SYS_PTRACE: every process\n"
-"\n"
-"33 checks: 32 green, 0 yellow, 0 red, 1 skipped\n"),
-              // clang-format on
-              doctor.output);
+    EXPECT_EQ(Table(pztest::golden("doctor_good_machine.txt")), doctor.output);
     EXPECT_EQ(0, doctor.status);
 }
 
 TEST_F(doctorTest, FindsAnEmptyMachineRedAndNamesEveryRepair) {
     const CommandResult doctor = Doctor();
-    EXPECT_EQ(
-        Table(
-            // clang-format off
-"red     temp-folder         /temp is missing\n"
-"                            why:    every process writes its thread status to /temp/ThreadInfo\n"
-"                            repair: install -d -m 1777 /temp\n"
-"red     system-data-folder  /temp/system_data is missing\n"
-"                            why:    file guards keep their key files in /temp/system_data\n"
-"                            repair: install -d -m 1777 /temp/system_data\n"
-"red     syslog-folder       /Syslog is missing\n"
-"                            why:    log files and heap leak reports are written to /Syslog\n"
-"                            repair: install -d -m 1777 /Syslog\n"
-"skipped log-space           needs /Syslog\n"
-"red     tmp-folder          /tmp is missing\n"
-"                            why:    selecting a time zone writes /tmp/tzfile\n"
-"                            repair: install -d -m 1777 /tmp\n"
-"red     shm-folder          /dev/shm is missing\n"
-"                            why:    locks shared between processes are semaphores in /dev/shm\n"
-"                            repair: mkdir -p /dev/shm && mount -t tmpfs -o mode=1777,nosuid,nodev tmpfs /dev/shm\n"
-"red     proc-folder         /proc is missing\n"
-"                            why:    limits, queues and leftovers are read from /proc\n"
-"                            repair: mkdir -p /proc && mount -t proc proc /proc\n"
-"yellow  zone-file           /tmp/tzfile is missing\n"
-"                            why:    local times are UTC until a time zone has been selected\n"
-"                            repair: cp /usr/share/zoneinfo/Etc/UTC /tmp/tzfile\n"
-"red     local-zone          /etc/localtime is missing\n"
-"                            why:    a selected time zone reaches processes through /etc/localtime only\n"
-"                            repair: ln -sfn /tmp/tzfile /etc/localtime\n"
-"skipped tz-variable         needs /proc\n"
-"red     date-program        /bin/date is missing\n"
-"                            why:    setting the local time runs /bin/date\n"
-"                            repair: apt-get install -y --reinstall coreutils\n"
-"red     rtc-device          /dev/rtc0 is missing\n"
-"                            why:    setting UTC writes the real-time clock /dev/rtc0\n"
-"                            repair: modprobe rtc-cmos || modprobe rtc-efi\n"
-"red     log-socket          /dev/log is missing\n"
-"                            why:    tagged debug lines go to the system log through /dev/log\n"
-"                            repair: service rsyslog start || busybox syslogd\n"
-"red     zone-areas          no zone file for 84 of 84 rows: /usr/share/zoneinfo/Pacific/Midway, /usr/share/zoneinfo/Pacific/Honolulu, /usr/share/zoneinfo/America/Anchorage and 81 more\n"
-"                            why:    selecting a time zone by area copies the area's zone file\n"
-"                            repair: apt-get install -y tzdata-legacy || apt-get install -y --reinstall tzdata\n"
-"red     zone-offsets        no zone file for 111 of 111 rows: /usr/share/zoneinfo/Etc/GMT-1445, /usr/share/zoneinfo/Etc/GMT-1430, /usr/share/zoneinfo/Etc/GMT-1415 and 108 more\n"
-"                            why:    selecting a time zone by offset copies the offset's zone file\n"
-"                            repair: pz-doctor --zones | zic -d /usr/share/zoneinfo -\n"
-"skipped code-pages          needs the running machine\n"
-"red     icu-detector        no libicui18n.so of version 40 to 99\n"
-"                            why:    the code page of a text is detected by ICU\n"
-"                            repair: apt-get install -y '^libicu[0-9]+$'\n"
-"skipped nice-limit          needs /proc\n"
-"skipped own-nice            needs /proc\n"
-"skipped descriptors         needs /proc\n"
-"skipped threads             needs /proc\n"
-"skipped clock-rights        needs /proc\n"
-"skipped queue-messages      needs /proc\n"
-"skipped queue-message-size  needs /proc\n"
-"skipped queue-count         needs /proc\n"
-"skipped queue-bytes         needs /proc\n"
-"yellow  queue-folder        /dev/mqueue does not show the queues\n"
-"                            why:    left queues are found and removed in /dev/mqueue\n"
-"                            repair: mkdir -p /dev/mqueue && mount -t mqueue none /dev/mqueue\n"
-"skipped queue-leftovers     needs /dev/mqueue\n"
-"skipped semaphore-leftovers needs /dev/shm\n"
-"skipped segment-leftovers   needs /proc\n"
-"skipped segment-count       needs /proc\n"
-"skipped probes              needs /proc\n"
-"skipped process-reading     needs /proc\n"
-"\n"
-"33 checks: 0 green, 2 yellow, 13 red, 18 skipped\n"),
-        // clang-format on
-        doctor.output);
+    EXPECT_EQ(Table(pztest::golden("doctor_empty_machine.txt")), doctor.output);
     EXPECT_EQ(13, doctor.status);
 }
 
@@ -381,100 +277,7 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
                                   segment_row(16792, 13, 01666, 40, 900, 0) +
                                   segment_row(16793, 14, 0666, 1, 900, 0));
     const CommandResult doctor = Doctor();
-    EXPECT_EQ(
-        Table(
-            // clang-format off
-"red     temp-folder         /temp has mode 0755\n"
-"                            why:    every process writes its thread status to /temp/ThreadInfo\n"
-"                            repair: chmod 1777 /temp\n"
-"red     system-data-folder  /temp/system_data is not a folder\n"
-"                            why:    file guards keep their key files in /temp/system_data\n"
-"                            repair: mv /temp/system_data /temp/system_data.old && install -d -m 1777 /temp/system_data\n"
-"yellow  syslog-folder       /Syslog has mode 0777\n"
-"                            why:    log files and heap leak reports are written to /Syslog\n"
-"                            repair: chmod 1777 /Syslog\n"
-"green   log-space           at least 1 MiB is free for /Syslog\n"
-"green   tmp-folder          /tmp has mode 1777\n"
-"green   shm-folder          /dev/shm has mode 1777\n"
-"green   proc-folder         /proc is there\n"
-"red     zone-file           /tmp/tzfile is not a compiled zone file\n"
-"                            why:    local times are UTC until a time zone has been selected\n"
-"                            repair: mv /tmp/tzfile /tmp/tzfile.old && cp /usr/share/zoneinfo/Etc/UTC /tmp/tzfile\n"
-"red     local-zone          /etc/localtime leads to /usr/share/zoneinfo/Asia/Tokyo\n"
-"                            why:    a selected time zone reaches processes through /etc/localtime only\n"
-"                            repair: ln -sfn /tmp/tzfile /etc/localtime\n"
-"yellow  tz-variable         TZ is set to \"UTC\"\n"
-"                            why:    a process with TZ set keeps its zone when another one is selected\n"
-"                            repair: unset TZ\n"
-"red     date-program        /bin/date may not be executed by everybody\n"
-"                            why:    setting the local time runs /bin/date\n"
-"                            repair: chmod 755 /bin/date\n"
-"red     rtc-device          /dev/rtc0 is not a device\n"
-"                            why:    setting UTC writes the real-time clock /dev/rtc0\n"
-"                            repair: mv /dev/rtc0 /dev/rtc0.old && udevadm trigger -s rtc\n"
-"red     log-socket          /dev/log is not a socket\n"
-"                            why:    tagged debug lines go to the system log through /dev/log\n"
-"                            repair: mv /dev/log /dev/log.old && { service rsyslog start || busybox syslogd; }\n"
-"red     zone-areas          no zone file for 2 of 84 rows: /usr/share/zoneinfo/Asia/Baku, /usr/share/zoneinfo/Asia/Tokyo\n"
-"                            why:    selecting a time zone by area copies the area's zone file\n"
-"                            repair: apt-get install -y tzdata-legacy || apt-get install -y --reinstall tzdata\n"
-"red     zone-offsets        no zone file for 1 of 111 rows: /usr/share/zoneinfo/Etc/GMT+130\n"
-"                            why:    selecting a time zone by offset copies the offset's zone file\n"
-"                            repair: pz-doctor --zones | zic -d /usr/share/zoneinfo -\n"
-"skipped code-pages          needs the running machine\n"
-"red     icu-detector        no libicui18n.so of version 40 to 99\n"
-"                            why:    the code page of a text is detected by ICU\n"
-"                            repair: apt-get install -y '^libicu[0-9]+$'\n"
-"red     nice-limit          nice values from -9\n"
-"                            why:    workers and timers take nice values down to -20\n"
-"                            repair: prlimit --pid $$ --nice=40:40  # in a unit: LimitNICE=-20\n"
-"red     own-nice            nice value 5\n"
-"                            why:    a thread with a nice value above 4 can add no timer\n"
-"                            repair: renice -n 0 -p $$\n"
-"red     descriptors         36 open files, room for 5 workers\n"
-"                            why:    an event takes 2 descriptors, a worker 3\n"
-"                            repair: ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024\n"
-"red     threads             63 threads of one user\n"
-"                            why:    every worker, timer band and receiving queue has a thread\n"
-"                            repair: ulimit -S -u 1024 || ulimit -u 1024  # in a unit: LimitNPROC=1024\n"
-"yellow  clock-rights        no CAP_SYS_TIME\n"
-"                            why:    only a process with CAP_SYS_TIME sets clocks\n"
-"                            repair: setcap cap_sys_time+ep PROGRAM\n"
-"red     queue-messages      fs.mqueue.msg_max is 10\n"
-"                            why:    a message queue asks for 64 messages\n"
-"                            repair: sysctl -w fs.mqueue.msg_max=256\n"
-"red     queue-message-size  fs.mqueue.msgsize_max is 1023\n"
-"                            why:    a message queue asks for messages of 1024 bytes\n"
-"                            repair: sysctl -w fs.mqueue.msgsize_max=8192\n"
-"red     queue-count         fs.mqueue.queues_max is 2, 2 in use\n"
-"                            why:    every receiving process makes a queue\n"
-"                            repair: sysctl -w fs.mqueue.queues_max=256\n"
-"red     queue-bytes         71679 bytes, room for 0 queues of one user\n"
-"                            why:    a queue of 64 messages counts 71680 bytes of its user's limit\n"
-"                            repair: ulimit -S -q 18350080 || ulimit -q 18350080  # in a unit: LimitMSGQUEUE=18350080\n"
-"green   queue-folder        /dev/mqueue shows the queues\n"
-"yellow  queue-leftovers     queues without a process: radio\n"
-"                            why:    the next receiver finds the messages of a dead one\n"
-"                            repair: rm -f /dev/mqueue/radio\n"
-"red     semaphore-leftovers semaphores taken by dead processes: taken\n"
-"                            why:    a shared lock that died taken is never free again\n"
-"                            repair: rm -f /dev/shm/sem.taken\n"
-"yellow  segment-leftovers   segments left by dead processes: 13, 14\n"
-"                            why:    a new file guard may get the key of a left segment and be refused\n"
-"                            repair: ipcrm -m 13 -m 14\n"
-"red     segment-count       kernel.shmmni is 7, 9 in use\n"
-"                            why:    a file guard needs two segments of shared memory\n"
-"                            repair: sysctl -w kernel.shmmni=4096\n"
-"yellow  probes              this user may not make probes\n"
-"                            why:    pz-trace records by probes of the kernel\n"
-"                            repair: sudo pz-trace\n"
-"yellow  process-reading     kernel.yama.ptrace_scope is 1\n"
-"                            why:    pz-top reads the memory of other processes\n"
-"                            repair: sysctl -w kernel.yama.ptrace_scope=0\n"
-"\n"
-"33 checks: 5 green, 7 yellow, 20 red, 1 skipped\n"),
-        // clang-format on
-        doctor.output);
+    EXPECT_EQ(Table(pztest::golden("doctor_broken_machine.txt")), doctor.output);
     EXPECT_EQ(20, doctor.status);
 }
 
@@ -485,29 +288,7 @@ TEST_F(doctorTest, FindsARestrictionYellow) {
     File("/proc/sys/fs/mqueue/queues_max", "17\n");
     const CommandResult doctor =
         Doctor("nice-limit descriptors threads queue-messages queue-count queue-bytes");
-    EXPECT_EQ(
-        Table(
-            // clang-format off
-"yellow  nice-limit          nice values from -10\n"
-"                            why:    workers and timers take nice values down to -20\n"
-"                            repair: prlimit --pid $$ --nice=40:40  # in a unit: LimitNICE=-20\n"
-"yellow  descriptors         1023 open files, room for 334 workers\n"
-"                            why:    an event takes 2 descriptors, a worker 3\n"
-"                            repair: ulimit -S -n 1024 || ulimit -n 1024  # in a unit: LimitNOFILE=1024\n"
-"yellow  threads             255 threads of one user\n"
-"                            why:    every worker, timer band and receiving queue has a thread\n"
-"                            repair: ulimit -S -u 1024 || ulimit -u 1024  # in a unit: LimitNPROC=1024\n"
-"yellow  queue-messages      fs.mqueue.msg_max is 255\n"
-"                            why:    a message queue asks for 64 messages\n"
-"                            repair: sysctl -w fs.mqueue.msg_max=256\n"
-"yellow  queue-count         fs.mqueue.queues_max is 17, 2 in use\n"
-"                            why:    every receiving process makes a queue\n"
-"                            repair: sysctl -w fs.mqueue.queues_max=256\n"
-"green   queue-bytes         71680 bytes, room for 1 queues of one user\n"
-"\n"
-"6 checks: 1 green, 5 yellow, 0 red, 0 skipped\n"),
-        // clang-format on
-        doctor.output);
+    EXPECT_EQ(Table(pztest::golden("doctor_restrictions.txt")), doctor.output);
     EXPECT_EQ(0, doctor.status);
 }
 
@@ -788,32 +569,7 @@ TEST_F(doctorTest, WritesTheSameAsJson) {
     GoodMachine();
     File("/proc/sys/fs/mqueue/msg_max", "10\n");
     const CommandResult doctor = Doctor("--json date-program queue-messages code-pages");
-    EXPECT_EQ(
-        "{\n"
-        "  \"version\": \"1.0.0\",\n"
-        "  \"root\": \"" +
-            Root() +
-            "\",\n"
-            "  \"checks\": [\n"
-            "    {\"name\": \"date-program\", \"status\": \"green\",\n"
-            "     \"found\": \"/bin/date is a program\",\n"
-            "     \"why\": \"setting the local time runs /bin/date\",\n"
-            "     \"repair\": \"\"},\n"
-            "    {\"name\": \"queue-messages\", \"status\": \"red\",\n"
-            "     \"found\": \"fs.mqueue.msg_max is 10\",\n"
-            "     \"why\": \"a message queue asks for 64 messages\",\n"
-            "     \"repair\": \"sysctl -w fs.mqueue.msg_max=256\"},\n"
-            "    {\"name\": \"code-pages\", \"status\": \"skipped\",\n"
-            "     \"found\": \"needs the running machine\",\n"
-            "     \"why\": \"text is converted by the C library's iconv modules\",\n"
-            "     \"repair\": \"\"}\n"
-            "  ],\n"
-            "  \"green\": 1,\n"
-            "  \"yellow\": 0,\n"
-            "  \"red\": 1,\n"
-            "  \"skipped\": 1\n"
-            "}\n",
-        doctor.output);
+    EXPECT_EQ(pztest::golden("doctor_report.json", {{"root", Root()}}), doctor.output);
     EXPECT_EQ(1, doctor.status);
 }
 
@@ -1087,12 +843,10 @@ namespace {
 
 /// How many there are beside sockets: whether there is one to the system log depends on the
 /// machine.
-long open_descriptors() {
-    const std::filesystem::directory_iterator all("/proc/self/fd");
-    return std::count_if(begin(all), end(all), [](const auto& entry) {
-        std::error_code ended;  // one that another thread has closed
-        const auto target = std::filesystem::read_symlink(entry.path(), ended);
-        return target.string().compare(0, 7, "socket:") != 0;
+long descriptors_but_sockets() {
+    const std::map<int, std::string> all = pztest::descriptors_of();
+    return std::count_if(all.begin(), all.end(), [](const auto& descriptor) {
+        return descriptor.second.compare(0, 7, "socket:") != 0;
     });
 }
 
@@ -1102,12 +856,12 @@ long open_descriptors() {
 // each worker.
 TEST(doctorLiveTest, FrameworkTakes15DescriptorsBesideTheLogAndAWorker3) {
     const pztest::ChildResult child = pztest::run_in_child([] {
-        const long before = open_descriptors();
+        const long before = descriptors_but_sockets();
         if (pz_FwInitialize("doctor", 1) == 0) return 1;
-        if (!wait_until([=] { return open_descriptors() == before + 15; })) return 2;
+        if (!wait_until([=] { return descriptors_but_sockets() == before + 15; })) return 2;
         PZWorker worker(1, 4000, 1);
         worker.Start("worker");
-        if (!wait_until([=] { return open_descriptors() == before + 15 + 3; })) return 3;
+        if (!wait_until([=] { return descriptors_but_sockets() == before + 15 + 3; })) return 3;
         worker.End(0);
         pz_FwFinalize();
         return 0;

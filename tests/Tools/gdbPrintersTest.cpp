@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/Golden.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
 
@@ -211,23 +212,8 @@ TEST(gdbPrintersTest, ListsTheActiveTimersTheNextOneFirst) {
 }
 
 TEST(gdbPrintersTest, ListsTheBoxesOfTheProcessWithWhatWaitsInThem) {
-    const std::string boxes =
-        "2 boxes = {\n"
-        "  thread 7 \"lamp \\\"A\\\"\" = worker 7, 3 messages, 2 events = {\n"
-        "    message lock = lock, free,\n"
-        "    dispatcher lock = lock, held by thread 7,\n"
-        "    message 0 = id 4, emergency, for null, 1 byte: 7f,\n"
-        "    message 1 = id 3, priority 64, for Lamp at ADDRESS,\n"
-        "    message 2 = id 2, priority 192, for Lamp at ADDRESS, 4 bytes: 6c 61 74 65,\n"
-        "    event 0 = 0x10 for Lamp at ADDRESS,\n"
-        "    event 1 = 0x3 for Lamp at ADDRESS,\n"
-        "    dispatcher 0 = Lamp at ADDRESS\n"
-        "  },\n"
-        "  without a thread = not served yet, 0 messages, 0 events = {\n"
-        "    message lock = lock, free,\n"
-        "    dispatcher lock = lock, free\n"
-        "  }\n"
-        "}";
+    std::string boxes = pztest::golden("gdb_boxes.txt");
+    boxes.pop_back();  // the last line feed
     const TempDir dir;
     const std::string core = dir.File("core");
     const std::vector<std::string> outputs = run_gdb(
