@@ -140,6 +140,15 @@ protected:
 
     bool Open() { return receiver->open({name.Get(), &observer}); }
 
+    /// Opens, and lets the observer stay in its call for a first message until the gate opens.
+    void HoldTheFirst(Sender& sender) {
+        observer.action = [this] { gate.Pass(); };
+        ASSERT_TRUE(Open());
+        ASSERT_TRUE(sender.open({name.Get()}));
+        ASSERT_EQ(0, sender.send("a", 1, 255));
+        ASSERT_TRUE(gate.WaitForArrival());
+    }
+
     bool AwaitCount(size_t count) const {
         return wait_until([&] { return observer.Count() >= count; });
     }
@@ -311,11 +320,7 @@ TEST_F(PZMessageQueueReceiverTest, HandsOnEveryTypeButQuit) {
 
 TEST_F(PZMessageQueueReceiverTest, TakesTheMostUrgentMessageNext) {
     Sender sender;
-    observer.action = [this] { gate.Pass(); };
-    ASSERT_TRUE(Open());
-    ASSERT_TRUE(sender.open({name.Get()}));
-    ASSERT_EQ(0, sender.send("a", 1, 255));
-    ASSERT_TRUE(gate.WaitForArrival());
+    ASSERT_NO_FATAL_FAILURE(HoldTheFirst(sender));
     ASSERT_EQ(0, sender.send("b", 1, 10));
     ASSERT_EQ(0, sender.send("c", 1, 5));
     gate.Open();
@@ -325,11 +330,7 @@ TEST_F(PZMessageQueueReceiverTest, TakesTheMostUrgentMessageNext) {
 
 TEST_F(PZMessageQueueReceiverTest, AQuitMessageOvertakesWhatWaitsAndEndsTheThread) {
     Sender sender;
-    observer.action = [this] { gate.Pass(); };
-    ASSERT_TRUE(Open());
-    ASSERT_TRUE(sender.open({name.Get()}));
-    ASSERT_EQ(0, sender.send("a", 1, 255));
-    ASSERT_TRUE(gate.WaitForArrival());
+    ASSERT_NO_FATAL_FAILURE(HoldTheFirst(sender));
     for (int i = 0; i < 3; ++i) ASSERT_EQ(0, sender.send("b", 1, 1));
     ASSERT_EQ(0, RawQueue(name).Send(kQuit, kMostUrgent));
     gate.Open();

@@ -487,21 +487,21 @@ void await_its_wait(const AnyBox& box) {
     explorer->Stop([&box] { return box.wait.isWaiting; });
 }
 
+/// The body of a thread that posts these when the loop waits.
+template <typename AnyBox>
+Explorer::Body posting(AnyBox& box, const std::vector<unsigned int>& numbers) {
+    return [&box, numbers] {
+        await_its_wait(box);
+        for (const unsigned int number : numbers) box.Post(number);
+    };
+}
+
 // What every order comes to
 
 TEST_F(PZHandOverTest, LeavesNothingThatTwoThreadsPostUnserved) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
-            return {looping(box),
-                    [&box] {
-                        await_its_wait(box);
-                        box.Post(10);
-                        box.Post(11);
-                    },
-                    [&box] {
-                        await_its_wait(box);
-                        box.Post(20);
-                    }};
+            return {looping(box), posting(box, {10, 11}), posting(box, {20})};
         },
         nothing_is_left<Box>, [](Box& box) { box.wait.looks = true; });
     EXPECT_EQ("", failure);
@@ -517,10 +517,7 @@ std::vector<Explorer::Body> loop_and_urgent_posts(AnyBox& box) {
                 box.Post(10);
                 box.Post(11, 0);
             },
-            [&box] {
-                await_its_wait(box);
-                box.Post(20);
-            }};
+            posting(box, {20})};
 }
 
 TEST_F(PZHandOverTest, ServesTheMoreUrgentFirstAndEqualsInTheOrderTheyCame) {
@@ -533,10 +530,7 @@ TEST_F(PZHandOverTest, RefusesAMessageOnlyWhileThereIsNoRoom) {
     unsigned int mostRefused = 0;
     const std::string failure = Explore<SmallBox>(
         [](SmallBox& box) -> std::vector<Explorer::Body> {
-            return {looping(box), [&box] {
-                        await_its_wait(box);
-                        for (unsigned int number = 10; number < 15; ++number) box.Post(number);
-                    }};
+            return {looping(box), posting(box, {10, 11, 12, 13, 14})};
         },
         [&mostRefused](const SmallBox& box) -> std::string {
             mostRefused = std::max(mostRefused, box.refused);
@@ -650,11 +644,7 @@ TEST_F(PZHandOverTest, AnswersAFailureForEachPostThatLeavesTheLoopAsleep) {
 TEST_F(PZHandOverTest, ServesOnAfterAWaitThatFails) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
-            return {looping(box), [&box] {
-                        await_its_wait(box);
-                        box.Post(10);
-                        box.Post(11);
-                    }};
+            return {looping(box), posting(box, {10, 11})};
         },
         nothing_is_left<Box>, [](Box& box) { box.wait.failingWaits = 2; });
     EXPECT_EQ("", failure);
@@ -663,12 +653,7 @@ TEST_F(PZHandOverTest, ServesOnAfterAWaitThatFails) {
 TEST_F(PZHandOverTest, IsLeftAloneByAPostBeforeItSaysThatNobodyWakesTheLoop) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
-            return {looping(box),
-                    [&box] {
-                        await_its_wait(box);
-                        box.Post(10);
-                    },
-                    [&box] {
+            return {looping(box), posting(box, {10}), [&box] {
                         // Who waits for the message to be served, and destroys the box then.
                         explorer->Stop([&box] { return box.served.size() == 1; });
                         box.wait.End();
@@ -814,15 +799,7 @@ private:
 
 template <typename AnyBox>
 std::vector<Explorer::Body> loop_and_two_posts(AnyBox& box) {
-    return {looping(box),
-            [&box] {
-                await_its_wait(box);
-                box.Post(10);
-            },
-            [&box] {
-                await_its_wait(box);
-                box.Post(20);
-            }};
+    return {looping(box), posting(box, {10}), posting(box, {20})};
 }
 
 TEST_F(PZHandOverTest, TheExplorerFindsALoopThatTestsOnlyOnce) {

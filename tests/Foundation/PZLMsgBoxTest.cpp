@@ -682,30 +682,28 @@ TEST_F(PZLMsgBoxTest, IsMadeWithoutMemoryAndAnswersFailures) {
     poor->~PZLMsgBox();
 }
 
+/// Expects that a post fails, with one report, because the loop cannot be woken.
+void expect_not_woken(const char* operation, const std::function<unsigned int()>& post) {
+    StdoutCapture capture;
+    write_call.FailNext(EBADF);
+    EXPECT_EQ(kFailure, post());
+    const std::string output = capture.Take();
+    EXPECT_TRUE(pztest::has_report(output, operation, "PZLMsgBox.cpp", "SetEvent failed"));
+    EXPECT_EQ(1U, pztest::error_messages(output).size());
+}
+
 TEST_F(PZLMsgBoxTest, KeepsAMessageQueuedWhenTheLoopCannotBeWoken) {
     StartSleepingLoop();
-    {
-        StdoutCapture capture;
-        write_call.FailNext(EBADF);
+    expect_not_woken("PushMsg", [this] {
         Record record = {id, 1, kOrdinary, "x", 2};
-        EXPECT_EQ(kFailure, box.PushMsg(record));
-        const std::string output = capture.Take();
-        EXPECT_TRUE(pztest::has_report(output, "PushMsg", "PZLMsgBox.cpp", "SetEvent failed"));
-        EXPECT_EQ(1U, pztest::error_messages(output).size());
-    }
+        return box.PushMsg(record);
+    });
     EXPECT_EQ((Log{"msg 1"}), ServeAll());
 }
 
 TEST_F(PZLMsgBoxTest, KeepsAnEventQueuedWhenTheLoopCannotBeWoken) {
     StartSleepingLoop();
-    {
-        StdoutCapture capture;
-        write_call.FailNext(EBADF);
-        EXPECT_EQ(kFailure, box.SetEvent(1, id));
-        const std::string output = capture.Take();
-        EXPECT_TRUE(pztest::has_report(output, "SetEvent", "PZLMsgBox.cpp", "SetEvent failed"));
-        EXPECT_EQ(1U, pztest::error_messages(output).size());
-    }
+    expect_not_woken("SetEvent", [this] { return box.SetEvent(1, id); });
     EXPECT_EQ((Log{"evt 1"}), ServeAll());
 }
 

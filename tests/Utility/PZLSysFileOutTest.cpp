@@ -194,6 +194,17 @@ protected:
         EXPECT_EQ(1, log.Text(text));
     }
 
+    /// There is space on the disk now: what is left of before is written, and, by `write`, what
+    /// comes then.
+    static void ExpectWrittenWithSpace(Log& log, void (PZLSysFileOut::*write)()) {
+        disk.space = 1000000;
+        log.Flush();
+        disk.taken.clear();
+        EXPECT_EQ(1, log.Text("space again"));
+        (log.*write)();
+        EXPECT_EQ("space again", disk.taken);
+    }
+
     pztest::TempDir dir;
     pztest::TempDir elsewhere;  // somebody else's folder
     StdoutCapture output;       // the messages of file-system operations
@@ -864,12 +875,7 @@ TEST_F(PZLSysFileOutTest, AnswersOneWhileTheDiskIsFullAndWritesOnAfterwards) {
         log.Flush();
     }
     EXPECT_EQ("", disk.taken);
-    disk.space = 1000000;
-    log.Flush();
-    disk.taken.clear();
-    EXPECT_EQ(1, log.Text("space again"));
-    log.Flush();
-    EXPECT_EQ("space again", disk.taken);
+    ExpectWrittenWithSpace(log, &PZLSysFileOut::Flush);
 }
 
 TEST_F(PZLSysFileOutTest, AnswersOneForSingleBytesWhileTheDiskIsFullAndWritesOnAfterwards) {
@@ -897,12 +903,7 @@ TEST_F(PZLSysFileOutTest, AnswersOneForABlockThatIsWrittenInPart) {
     EXPECT_EQ(1, log.Text("0123456789abc" + std::string(100000, 'x')));
     log.Flush();
     EXPECT_EQ("0123456789", disk.taken);
-    disk.space = 1000000;
-    log.Flush();
-    disk.taken.clear();
-    EXPECT_EQ(1, log.Text("space again"));
-    log.Close();
-    EXPECT_EQ("space again", disk.taken);
+    ExpectWrittenWithSpace(log, &PZLSysFileOut::Close);
 }
 
 TEST_F(PZLSysFileOutTest, SurvivesTheSystemsOwnFullDevice) {
