@@ -49,7 +49,7 @@ std::string printable(const std::string& text);
 /// `text` as one word of a shell command, in characters that a terminal only prints.
 std::string shell_word(const std::string& text);
 
-/// "mv /temp /temp.old && ", to be followed by what makes `path` anew.
+/// "mv /temp /temp.old && ", to be followed by what makes `path` again.
 std::string move_away(const std::string& path);
 
 /// "a, b, c and 4 more".

@@ -32,7 +32,7 @@ public:
     /// What is at the end of all links; nothing when that does not exist.
     std::optional<struct stat> Stat(const std::string& path) const;
 
-    /// Where a link points to, as it is written there; nothing when `path` is no link.
+    /// Where a link points to, as it is written there; nothing when `path` is not a link.
     std::optional<std::string> LinkTarget(const std::string& path) const;
 
     /// At most `limit` bytes from the beginning of a file; nothing when it cannot be read.

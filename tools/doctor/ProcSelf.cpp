@@ -44,7 +44,7 @@ std::optional<unsigned long long> hard_limit(const Machine& machine, const char*
 }
 
 std::optional<int> own_nice(const Machine& machine) {
-    constexpr int kColumnsBeforeNice = 16;  // of those behind the name, which ends with ')'
+    constexpr int kColumnsBeforeNice = 16;  // of those after the name, which ends with ')'
     const auto text = machine.Read(kStatPath);
     if (!text || text->rfind(')') == std::string::npos) return std::nullopt;
     std::istringstream columns(text->substr(text->rfind(')') + 1));

@@ -17,8 +17,8 @@ constexpr long long kBytesOfMessage = 1024;
 constexpr long long kWantedMessages = 256;
 constexpr long long kFewQueues = 16;
 
-// What the kernel counts for one message beside its bytes: a record and a node of its tree, each
-// of 48 bytes on a 64-bit kernel (24 on a 32-bit one).
+// What the kernel counts for one message in addition to its bytes: a record and a node of its tree,
+// each of 48 bytes on a 64-bit kernel (24 on a 32-bit one).
 constexpr long long kOverheadOfMessage = 48 + 48;
 constexpr unsigned long long kBytesOfQueue =
     kMessagesOfQueue * (kBytesOfMessage + kOverheadOfMessage);

@@ -1,4 +1,4 @@
-// Looks whether a machine has what the library needs around it, and says how to mend what is
+// Checks whether a machine has what the library needs around it, and says how to mend what is
 // missing. Changes nothing.
 
 #include <unistd.h>
@@ -21,7 +21,7 @@ constexpr char kUsage[] =
     "       pz-doctor [--root DIR] --zones\n"
     "       pz-doctor --list | --version | --help\n"
     "\n"
-    "Looks whether this machine has what programs on the PZFramework library need, and prints\n"
+    "Checks whether this machine has what programs on the PZFramework library need, and prints\n"
     "a table with the command that repairs each finding; for what its user may not do it says\n"
     "to ask root. Changes nothing.\n"
     "\n"

@@ -92,7 +92,7 @@ def is_pointer(type_):
     return type_.strip_typedefs().code == gdb.TYPE_CODE_PTR
 
 
-def size_behind(pointer):
+def size_of_target(pointer):
     """The size of what the pointer's type points at."""
     return pointer.type.strip_typedefs().target().sizeof
 
@@ -112,7 +112,7 @@ def held_pointer(value):
 
 
 def dynamic_name(pointer):
-    """The class of the object behind a base pointer, and its address."""
+    """The class of the object that a base pointer leads to, and its address."""
     if int(pointer) == 0:
         return "null"
     name = str(pointer.dynamic_type.target().unqualified())
@@ -122,7 +122,7 @@ def dynamic_name(pointer):
 def elements_of_vector(vector):
     """Address of the first element and the number of elements."""
     first, last = vector["_M_impl"]["_M_start"], vector["_M_impl"]["_M_finish"]
-    return first, (int(last) - int(first)) // size_behind(first)
+    return first, (int(last) - int(first)) // size_of_target(first)
 
 
 def nodes_of_tree(tree):
@@ -173,7 +173,7 @@ def elements_of_queue(queue):
     """The elements of a PZPriorityQueue in the order of service, and their number first."""
     ring = queue["ring_"]["_M_impl"]
     start, finish = ring["_M_start"], ring["_M_finish"]
-    size = max(1, (int(finish) - int(start)) // size_behind(start))
+    size = max(1, (int(finish) - int(start)) // size_of_target(start))
     front, count = unsigned(queue["front_"], 32), unsigned(queue["count_"], 32)
     yield count
     # The back is served first.

@@ -56,7 +56,7 @@ std::optional<std::vector<std::uint32_t>> numbers_in(const std::string& folder) 
     return numbers;
 }
 
-/// The words behind "NAME:" in a text of such lines; nothing when there is no such line.
+/// The words after "NAME:" in a text of such lines; nothing when there is no such line.
 std::optional<std::vector<std::string>> words_of_line(const std::string& text,
                                                       const std::string& name) {
     std::istringstream lines(text);
@@ -70,7 +70,7 @@ std::optional<std::vector<std::string>> words_of_line(const std::string& text,
     return {};
 }
 
-/// The fields of "stat" behind the name, which may hold anything: the first one is the state.
+/// The fields of "stat" after the name, which may hold anything: the first one is the state.
 std::vector<std::string> fields_of_stat(const std::string& stat) {
     const std::size_t end = stat.rfind(')');
     std::vector<std::string> fields;

@@ -87,7 +87,7 @@ Look read_process(pid_t pid, bool isWhole, Reading& reading) {
     Look look = Look::NoLibrary;
     for (const MappedFile& file : candidates) {
         if (file.address > UINTPTR_MAX) {
-            if (&file != &candidates.front()) look = Look::TooWide;  // behind the program
+            if (&file != &candidates.front()) look = Look::TooWide;  // after the program
             continue;
         }
         Reading other;

@@ -37,7 +37,7 @@
 // A kept row is true as long as the object that holds the code stays loaded. Only a frame on the
 // walking thread's own stack makes a row, and its object cannot be unloaded before that walk is
 // over. The number of unloaded objects is compared before every walk: all rows are dropped when it
-// has changed. Code that is no part of a loaded object is never kept.
+// has changed. No row is kept for code outside the loaded objects.
 
 namespace {
 

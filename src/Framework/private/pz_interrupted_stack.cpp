@@ -86,7 +86,7 @@ bool follows_call(Memory& memory, Word address) {
     return false;
 }
 
-/// The CFA in a linkage table: ((eip & a) >= b) << c, and a constant, behind the stack pointer.
+/// The CFA in a linkage table: ((eip & a) >= b) << c, and a constant, above the stack pointer.
 bool evaluate(const ST_PZ_UNWIND_RULES& rules, const ST_FRAME& from, Word& cfa) {
     constexpr unsigned char kExpression[] = {0x74, 0x04, 0x78, 0x00, 0x3F, 0x1A,
                                              0x3B, 0x2A, 0x32, 0x24, 0x22};

@@ -107,7 +107,7 @@ inline FILE* pz_open_own_stream(const char* path, const char* mode) {
     PZStream stream(::fdopen(file.Get(), mode));
     if (!stream.IsOpen()) return nullptr;
     const int fd = file.Release();
-    // Emptied once nothing can fail for want of memory; what is no file has nothing to empty.
+    // Emptied once nothing can fail for want of memory. Only a file has something to empty.
     if (*mode == 'w' && ::ftruncate(fd, 0) != 0 && errno != EINVAL) return nullptr;
     return stream.Release();
 }

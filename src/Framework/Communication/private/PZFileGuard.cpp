@@ -43,7 +43,7 @@ constexpr mode_t kOpenToAll = 0777;
 constexpr int kSegmentFlags = IPC_CREAT | 0666;
 constexpr int kCallStackDepth = 5;
 
-// The init flag beside kUsable.
+// The other states of the init flag; see kUsable.
 constexpr unsigned char kNotYet = 0;        // a new segment, or a mutex that is being made
 constexpr unsigned char kDestroyed = 0xFF;  // the system side is gone
 
@@ -312,8 +312,8 @@ void PZFileGuard::checkPath() {
     if (dirPath_.empty() || dirPath_.back() != '/') dirPath_ += '/';
 }
 
-/// Makes every directory of the path that is missing, from the second character on: the root, and
-/// a name of one character at the beginning, are taken as they are.
+/// Makes every missing directory of the path, from the second character on. The root and a name of
+/// one character at the beginning are taken as they are.
 bool PZFileGuard::makeDir(const std::string& dirPath) try {
     constexpr size_t kFirstEnd = 2;
     const size_t last = dirPath.rfind('/');
@@ -421,7 +421,7 @@ bool PZFileGuard::initMutex() {
             result);
         return false;
     }
-    // Nobody may come to the mutex between its clearing and its making: it would be no mutex of
+    // Nobody may use the mutex between its clearing and its making: for them it would not be one of
     // several processes.
     store_flag(initFlag_, kNotYet);
     __sync_synchronize();

@@ -34,10 +34,10 @@ constexpr std::uint32_t kInspectedLockOwner = sizeof(void*) == 4 ? 40 : 48;
 constexpr std::uint32_t kInspectedQueueName = 4;
 /// @}
 
-/// Records join and leave their lists under this lock; who follows the lists from inside the
-/// process holds it. Nothing else is done and no other lock taken meanwhile.
+/// Records join and leave their lists under this lock. Code of the process that follows the lists
+/// holds it. It is held for nothing else, and no other lock is taken under it.
 ///
-/// The lists are not marked as guarded by it: from outside they are read without.
+/// The lists are not marked as guarded by it: other processes read them without it.
 PZ_LOCAL extern PZMutex pz_inspection_lock;
 
 /// Milliseconds of the coarse monotonic clock, as every stamp of the table.
@@ -116,8 +116,8 @@ PZ_LOCAL void pz_inspection_queue_closed(unsigned short entry);
 /// The record of an entry; entry 0, which is never shown, stands for all that have none.
 PZ_LOCAL PZInspectedQueue& pz_inspection_queue(unsigned short entry);
 
-/// A subject that has observers. Those who look from outside do not see it; the supervision does.
-/// Who notifies holds the subject's lock, and counts the notification when it is over.
+/// A subject that has observers. Other processes do not see it; the supervision does. A thread that
+/// notifies holds the subject's lock, and counts the notification when it is over.
 struct ST_WATCHED_SUBJECT {
     const void* subject;  // PZSubject; null: the entry is free
     const std::atomic<pthread_t>* owner;

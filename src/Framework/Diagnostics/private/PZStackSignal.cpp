@@ -84,7 +84,7 @@ int send_to(int tid, int signal) {
 }
 
 /// False when the signal is used, or cannot be caught or sent: emulators of other processors refuse
-/// to send some. The calling thread gets it once, for nothing.
+/// to send some. The calling thread gets it once, as a trial.
 bool occupy(int signal) {
     if (!is_free(signal)) return false;
     struct sigaction action = {};

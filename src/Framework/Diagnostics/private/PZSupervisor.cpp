@@ -310,8 +310,8 @@ private:
         }
     }
 
-    /// What was read from several fields while they changed, and a call stack that was taken when
-    /// it was over already, are not told: it must last until a second reading.
+    /// Tells only of what lasts until a second reading: fields that changed while they were read
+    /// may not fit together, and a call stack may have been taken too late.
     void Begin(const ST_FOUND& row) {
         now_ = row;
         ST_FOUND& open = open_.rows[open_.count++];

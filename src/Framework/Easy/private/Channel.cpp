@@ -30,7 +30,7 @@ struct Header {
 static_assert(sizeof(Header) == 8, "the same in every process");
 
 constexpr std::uint32_t kMark = 0x505A4331;  // tells values from what others send
-constexpr unsigned int kBehind = 4;          // bytes that the queue counts beside what was sent
+constexpr unsigned int kTrailer = 4;         // bytes that the queue adds to what was sent
 constexpr std::size_t kMostInQueue = 1020;
 static_assert(sizeof(Header) + kMostBytes == kMostInQueue, "a value fills a message");
 
@@ -142,7 +142,7 @@ public:
 
     void operator()() {
         if (!delivery_->Begin()) return;
-        /// Tells who waits, also when the function throws.
+        /// Tells the thread that waits, also when the function throws.
         class Running {
         public:
             explicit Running(Delivery& delivery) : delivery_(delivery) {}
@@ -199,12 +199,12 @@ bool ReceiverCore::State::IsUnderstood(const Header& header, std::size_t size) c
 // On the queue's thread.
 unsigned int ReceiverCore::State::OnNotify(unsigned int /*id*/, void* data, unsigned int size) {
     Header header = {};
-    if (size < sizeof header + kBehind) {
+    if (size < sizeof header + kTrailer) {
         PZ_REPORT_ERROR("channel [%s]: what came is no value\n", name.c_str());
         return 0;
     }
     std::memcpy(&header, data, sizeof header);
-    const std::size_t count = size - kBehind - sizeof header;
+    const std::size_t count = size - kTrailer - sizeof header;
     if (IsUnderstood(header, count)) {
         Deliver(static_cast<const unsigned char*>(data) + sizeof header, count);
     }

@@ -25,8 +25,8 @@ constexpr mode_t kMode = 0644;  // of a file that was not there
 
 enum class Read { ok, missing, failed };
 
-/// Opens a file, never by a link. One that is no file (a fifo would keep its reader waiting) is
-/// refused with EINVAL.
+/// Opens a file, never through a link. Anything else than a file is refused with EINVAL: a fifo
+/// would keep its reader waiting.
 PZDescriptor open_plain(const std::string& path, int flags, struct stat& info) {
     PZDescriptor file(::open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW, kMode));
     if (!file.IsOpen()) return file;
@@ -107,7 +107,7 @@ private:
     bool WriteNew() const;
     bool Refuse(const char* step, const std::string& path) const;
 
-    /// The updates that the thread is in: each was begun by the function of the one behind it.
+    /// The updates that the thread is in: each was begun by the function of the next one.
     static thread_local State* held_by_thread;
 
     const std::string folder_;
@@ -136,7 +136,7 @@ bool FileUpdate::State::OpenLock() {
     return lock_.IsOpen();
 }
 
-/// Whether others who come to the file find this lock. Somebody may have removed it, or have put
+/// Whether other updates of the file find this lock. Somebody may have removed it, or have put
 /// another folder in the place of this one.
 bool FileUpdate::State::IsLockInPlace() const {
     struct stat now = {};
@@ -183,8 +183,8 @@ bool FileUpdate::State::Load() {
 }
 
 bool FileUpdate::State::WriteNew() const {
-    // One that was left behind, or put there by others, is not used: it may be a link, or have more
-    // than one name.
+    // One that a process has left, or that others have put there, is not used: it may be a link, or
+    // have more than one name.
     constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
     ::unlink(newPath_.c_str());
     const mode_t mode = isThere_ ? info_.st_mode & 0777U : kMode;

@@ -39,7 +39,7 @@ void note_stop(int number) {
     errno = savedErrno;
 }
 
-/// Who lives, and what was there before them.
+/// How many stop signals live, and the actions that were there before them.
 struct ST_HANDLERS {
     PZMutex mutex;
     unsigned int users PZ_GUARDED_BY(mutex) = 0;

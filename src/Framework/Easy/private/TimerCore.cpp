@@ -121,7 +121,7 @@ long long TimerCore::OnDue(long long nowMs) {
         return kNever;
     }
     const long long period = std::min<long long>(request_.time.count(), kLongestMs);
-    const long long passed = (nowMs - dueMs_) / period;  // beside the one that was due
+    const long long passed = (nowMs - dueMs_) / period;  // after the one that was due
     missed_ += static_cast<unsigned long long>(passed) + (isPosted ? 0 : 1);
     dueMs_ += (passed + 1) * period;
     return dueMs_;
@@ -151,7 +151,7 @@ void TimerCore::Run() {
         if (isStopped_) return;
         isRunning_ = true;
     }
-    /// Tells who waits, also when the function throws.
+    /// Tells the thread that waits, also when the function throws.
     class Running {
     public:
         explicit Running(TimerCore& timer) : timer_(timer) {}

@@ -52,7 +52,7 @@ private:
     const TimerRequest request_;
     PZLTimerMng::TimerSubInfo* const band_;  // null: fired by a clock of the worker's own
 
-    long long dueMs_ = 0;  // touched by who fires, and before
+    long long dueMs_ = 0;  // touched by the thread that fires, and before
     std::atomic<unsigned long long> missed_{0};
 
     mutable PZMutex mutex_;

@@ -252,7 +252,7 @@ bool WorkerCore::MayWait(std::chrono::milliseconds within) const noexcept {
     return within > kNone && !IsManual() && !IsOwnThread();
 }
 
-/// False when there is no room in time, or no more service.
+/// False when there is no room in time, or the service has ended.
 bool WorkerCore::WaitForRoom(Clock::time_point deadline) noexcept {
     const PZMutexLock lock(mutex_);
     waitingForRoom_.fetch_add(1);
@@ -586,7 +586,7 @@ bool stop_all_cores() {
         if (core->IsRunning()) {
             PZ_REPORT_ERROR("worker [%s] still runs: it is stopped\n", core->Name());
         }
-        // Whoever hung may be about to end.
+        // One that hung may be about to end.
         if (!core->Stop(hasFailed ? kGrace : core->Options().stop_within)) ++index;
     }
     return index == 0;

@@ -48,7 +48,7 @@ public:
     using Sleep = unsigned int;
     static constexpr Sleep kAwake = 0;
 
-    /// For `room` messages at most: who posts asks IsFullLocked first.
+    /// For `room` messages at most: a post asks IsFullLocked first.
     PZHandOver(typename Env::Sync& sync, typename Env::Wait& wait, unsigned int room)
         : sync_(sync), wait_(wait), inbox_(room), own_(room) {}
 
@@ -103,7 +103,7 @@ public:
         return AddedLocked();
     }
 
-    /// After the lock, when the loop was asleep: who destroys this waits for the call. When the
+    /// After the lock, when the loop was asleep: a destructor waits for the call. When the
     /// loop was awake, there may be nothing left to call.
     ///
     /// False when the loop could not be woken: the next post tries again. `notWoken` is called

@@ -99,7 +99,7 @@ struct ST_USAGE {
 };
 
 struct ST_THREAD_USAGE {
-    Count threadId;  // kernel id; 0: the entry is free, and so are all behind it
+    Count threadId;  // kernel id; 0: the entry is free, and so are all after it
     ST_USAGE usage;
 };
 
@@ -142,14 +142,14 @@ PZSync& heap_lock() {
 
 /// A forked child gets the lock free and the list whole: no other thread is at them meanwhile.
 ///
-/// The handlers are registered when the library is loaded. So they run behind those of the
-/// application, whose own locks its threads may hold while they allocate.
+/// The handlers are registered when the library is loaded. So before a fork they run
+/// after those of the application, whose own locks its threads may hold while they allocate.
 /// @{
 bool isHeldForFork = false;  // set under the lock, and true from then on
 
 void before_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
     if (!hasLock) return;
-    const PZUncancelled whole;  // a fork is no place to be cancelled
+    const PZUncancelled whole;  // a fork is not cancelled half way
     if (heap_lock().Lock(kNoTimeLimit) == 0) isHeldForFork = true;
 }
 
@@ -218,8 +218,8 @@ void unlink_locked(ST_MEM_BLOCK* block) PZ_REQUIRES(heap_lock()) {
     fromNewer = older;
 }
 
-/// Records the memory as a live block of the calling thread, allocated by the code behind
-/// `returnAddress`.
+/// Records the memory as a live block of the calling thread, allocated by the code that
+/// goes on at `returnAddress`.
 ///
 /// The column "Method(0)" of the report is the caller of Malloc or Realloc. So exactly three frames
 /// lie below it: the capture, this function and Malloc or Realloc. This one stays a call of its

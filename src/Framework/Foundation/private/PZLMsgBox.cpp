@@ -268,8 +268,8 @@ int PZLMsgBox::CheckTrail(unsigned int n) {
     return trail_ == n ? 1 : 0;
 }
 
-/// Queues the message with a copy of its payload, behind the head, whose address `d.Buff` becomes;
-/// false, and nothing changed, without memory. `waking` follows after the lock.
+/// Queues the message with a copy of its payload after the head; `d.Buff` becomes the copy's
+/// address. False, and nothing changed, without memory. `waking` follows after the lock.
 template <unsigned int headSize>
 __attribute__((always_inline)) inline bool PZLMsgBox::QueueLocked(ST_PUSH_MSG_DATA& d,
                                                                   const void* head,

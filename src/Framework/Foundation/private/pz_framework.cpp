@@ -36,7 +36,7 @@ void open_log() {
     openlog(pz_GetName(), LOG_PID | LOG_CONS | LOG_NDELAY, LOG_USER);
 }
 
-/// Who started the framework: that thread is in no registry.
+/// Which process and thread started the framework: that thread is in no registry.
 void show_process() {
     pz_inspect_set(pz_inspection.mainThread, reinterpret_cast<const void*>(pthread_self()));
     pz_inspect_set(pz_inspection.mainTid, pz_get_current_thread_id());

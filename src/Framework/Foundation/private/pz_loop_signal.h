@@ -26,7 +26,7 @@ inline int pz_add_to_loop_signal(const PZDescriptor& signal, std::uint64_t value
     return ::write(signal.Get(), &value, sizeof value) == sizeof value ? 1 : 0;
 }
 
-/// 100 milliseconds, for a loop that is to try again: the cause of a failure may last.
+/// 100 milliseconds, before a loop tries again: the cause of a failure may last.
 inline void pz_pause_after_failure() {
     const timespec pause = {0, 100 * kNsPerMs};
     nanosleep(&pause, nullptr);

@@ -86,7 +86,7 @@ void PZSubject::ForgetObservers() noexcept {
 }
 
 /// From the observer with the number `next` on, whatever was changed meanwhile. By number and up to
-/// the size of now: observers may add entries behind, which may move all.
+/// the size of now: observers may add entries at the end, which may move all.
 unsigned int PZSubject::NotifyRest(size_t next, unsigned int result, unsigned int id, void* data,
                                    unsigned int size) {
     while (next < observers_.size()) {

@@ -38,7 +38,7 @@ unsigned int length_of(const wchar_t (&field)[N]) {
     return pz_wcsnlen(field, N);
 }
 
-/// Any path of a log, or of an entry beside it, in UTF-8: four bytes for a character at most.
+/// Any path of a log, or of an entry of its folder, in UTF-8: four bytes for a character at most.
 using Utf8Path = char[4 * 512];
 
 /// False, reported, for a text that cannot be converted; an empty one is none.
@@ -91,7 +91,7 @@ PZLSysFileOut::PZLSysFileOut(const wchar_t* directory, const wchar_t* name,
     copy_to(directory_, directory);
     copy_to(name_, name);
     copy_to(extension_, extension);
-    // Also behind a '/' on purpose: paths carry a doubled one then.
+    // Also after a '/', on purpose: paths carry a doubled one then.
     const unsigned int length = length_of(directory_);
     if (length < std::size(directory_)) directory_[length] = L'/';
 

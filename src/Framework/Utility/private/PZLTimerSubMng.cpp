@@ -245,7 +245,7 @@ void PZLTimerSubMng::waitWithoutLimitLocked() {
     due_ = {0, 0};
 }
 
-// False when it is there already. Nothing is left behind by an allocation that fails.
+// False when it is there already. An allocation that fails leaves nothing.
 bool PZLTimerSubMng::insertLocked(PZLTimerBase* t, unsigned int ms) {
     const unsigned int now = tick_now();
     const unsigned int expiry = now + ms;

@@ -39,7 +39,7 @@ constexpr uint32_t shifted(uint32_t reg) {
 
 using Tables = std::array<std::array<uint32_t, 256>, 8>;
 
-/// Table n: what a byte leaves in the register after n bytes of 0 behind it.
+/// Table n: what a byte leaves in the register after n more bytes, all 0.
 inline Tables make_tables() noexcept {
     Tables tables{};
     for (uint32_t byte = 0; byte < 256; ++byte) {
@@ -148,9 +148,9 @@ PZ_CRC32_TARGET inline uint32_t reduced(__m128i block) {
     return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(rest, 8)));
 }
 
-/// The register after `block`, in which the earlier bytes are summed up, and the bytes behind it.
-PZ_CRC32_TARGET inline uint32_t feed_behind(__m128i block, const unsigned char* data,
-                                            size_t length) {
+/// The register after `block`, in which the earlier bytes are summed up, and the bytes after it.
+PZ_CRC32_TARGET inline uint32_t feed_after(__m128i block, const unsigned char* data,
+                                           size_t length) {
     for (; length >= 16; data += 16, length -= 16) {
         block = _mm_xor_si128(moved<128>(block), block_at(data));
     }
@@ -161,7 +161,7 @@ PZ_CRC32_TARGET inline uint32_t feed_behind(__m128i block, const unsigned char* 
 PZ_CRC32_TARGET inline uint32_t feed_by_multiplication(uint32_t reg, const unsigned char* data,
                                                        size_t length) {
     const __m128i first = _mm_xor_si128(block_at(data), _mm_cvtsi32_si128(static_cast<int>(reg)));
-    if (length < 64) return feed_behind(first, data + 16, length - 16);
+    if (length < 64) return feed_after(first, data + 16, length - 16);
 
     // Four sums side by side: the processor multiplies for one while the others wait.
     __m128i a = first;
@@ -176,7 +176,7 @@ PZ_CRC32_TARGET inline uint32_t feed_by_multiplication(uint32_t reg, const unsig
     }
     const __m128i ab = _mm_xor_si128(moved<384>(a), moved<256>(b));
     const __m128i cd = _mm_xor_si128(moved<128>(c), d);
-    return feed_behind(_mm_xor_si128(ab, cd), data, length);
+    return feed_after(_mm_xor_si128(ab, cd), data, length);
 }
 
 #undef PZ_CRC32_TARGET
@@ -214,7 +214,7 @@ PZ_CRC32_TARGET inline uint32_t feed_by_wide_multiplication(uint32_t reg, const 
     const __m256i both = _mm256_xor_si256(ab, cd);
     const __m128i block =
         _mm_xor_si128(moved<128>(_mm256_castsi256_si128(both)), _mm256_extracti128_si256(both, 1));
-    return feed_behind(block, data, length);
+    return feed_after(block, data, length);
 }
 
 #undef PZ_CRC32_TARGET

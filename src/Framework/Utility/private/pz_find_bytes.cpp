@@ -31,8 +31,8 @@ Block block_of(char byte) {
     return Block{} + static_cast<unsigned char>(byte);
 }
 
-/// Looks at the places of a block at once whether the first two bytes and the last one of `sought`
-/// stand there, and at all its bytes only where they do.
+/// Checks the places of a block together for the first two bytes and the last one of `sought`, and
+/// compares all its bytes only where these stand.
 class Search {
 public:
     Search(std::string_view text, std::string_view sought)

@@ -31,10 +31,10 @@ constexpr uint32_t kLastCharacter = 0x10FFFF;
 constexpr uint32_t kFirstBeyond16 = 0x10000;
 constexpr uint32_t kHighSurrogates = 0xD800;
 constexpr uint32_t kLowSurrogates = 0xDC00;
-constexpr uint32_t kBehindSurrogates = 0xE000;
+constexpr uint32_t kAfterSurrogates = 0xE000;
 
 constexpr bool is_surrogate(uint32_t c) {
-    return c >= kHighSurrogates && c < kBehindSurrogates;
+    return c >= kHighSurrogates && c < kAfterSurrogates;
 }
 
 // ---- pages of one byte a character ----
@@ -49,14 +49,14 @@ constexpr bool has_one_byte_characters(EN_XCP page) {
 /// A character in UTF-8. Three bytes are enough for the first 65,536 characters.
 struct ST_UTF8 {
     Byte bytes[3];
-    Byte size;  // 0: the byte is no character
+    Byte size;  // 0: the byte is not a character
 };
 static_assert(sizeof(ST_UTF8) == 4, "stored by one instruction");
 
 constexpr uint16_t kNoCharacter = 0xFFFF;  // not a character in any page
 
-/// What iconv makes of each byte of a page. A byte that it refuses, or for which it has something
-/// else than one character below kNoCharacter, is no character here.
+/// What iconv makes of each byte of a page. A byte is not a character here when iconv refuses it,
+/// or makes anything but one character below kNoCharacter of it.
 struct ST_PAGE {
     uint16_t character[256];
     ST_UTF8 utf8[256];
@@ -293,7 +293,7 @@ public:
         if (!is_surrogate(c)) return true;
         uint32_t low = 0;
         if (c >= kLowSurrogates || !TakeUnit(low)) return false;
-        if (low < kLowSurrogates || low >= kBehindSurrogates) return false;
+        if (low < kLowSurrogates || low >= kAfterSurrogates) return false;
         c = kFirstBeyond16 + ((c - kHighSurrogates) << 10U) + (low - kLowSurrogates);
         return true;
     }

@@ -39,7 +39,7 @@ struct ST_STORE {
 thread_local ST_STORE store;
 
 /// Pages whose text means the same wherever it stands. A descriptor remembers the byte order that
-/// it met in XCP_UTF16, even behind a reset.
+/// it met in XCP_UTF16, even after a reset.
 constexpr bool is_stateless(EN_XCP page) {
     return page != XCP_UTF16 && page != XCP_ISO2022_JP && page != XCP_ISO2022_KR &&
            page != XCP_ISO2022_CN;

@@ -10,7 +10,7 @@
 /// What one call of iconv did.
 struct ST_ICONV_RESULT {
     size_t result;   // of iconv; -1 is a failure
-    int error;       // errno behind it
+    int error;       // errno after it
     size_t written;  // bytes
 };
 
@@ -55,7 +55,7 @@ private:
     bool hasFailed_ = false;  // it refused a text
 };
 
-/// The page's name for iconv_open; a number that is no page has that of XCP_NONE.
+/// The page's name for iconv_open; any other number has that of XCP_NONE.
 const char* pz_iconv_name(EN_XCP page);
 
 #endif  // PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_KEPT_ICONV_H

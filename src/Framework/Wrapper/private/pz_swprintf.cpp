@@ -38,7 +38,7 @@ struct ST_ARGS {
     va_list list;
 };
 
-/// A number, or '*' for the next argument. Moves `format` behind it.
+/// A number, or '*' for the next argument. Moves `format` past it.
 int parse_number(const wchar_t*& format, ST_ARGS& args) {
     if (*format == L'*') {
         ++format;
@@ -51,7 +51,7 @@ int parse_number(const wchar_t*& format, ST_ARGS& args) {
     return number;
 }
 
-/// True, and moves `format` behind it, when it begins with `character`.
+/// True, and moves `format` past it, when it begins with `character`.
 bool accept(const wchar_t*& format, wchar_t character) {
     if (*format != character) return false;
     ++format;

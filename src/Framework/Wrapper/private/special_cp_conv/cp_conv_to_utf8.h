@@ -12,7 +12,7 @@ struct ST_UTF8_TABLE {
     ST_UTF8_CHAR chars[256];  ///< by source byte; [0] is never used: it ends the source
 };
 
-/// The converter behind cp_conv_basic_rds.h, which says how it treats its arguments. An entry of
+/// The converter of cp_conv_basic_rds.h, which says how it treats its arguments. An entry of
 /// another size is reported; it ends the conversion without a terminator.
 int cp_conv_to_utf8(char* dst, const char* src, unsigned int src_len, const ST_UTF8_TABLE& table);
 
