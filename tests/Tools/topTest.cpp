@@ -10,8 +10,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <optional>
+#include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -139,6 +142,14 @@ bool is_null(const JsonValue& value) {
 
 bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
+}
+
+/// Adds the names of the members of an object and of all objects in it.
+void add_names(const JsonValue& value, std::set<std::string>& names) {
+    for (const auto& member : value.members) {
+        if (!member.first.empty()) names.insert(member.first);
+        add_names(member.second, names);
+    }
 }
 
 /// The line of a text that has the part; "" when there is none.
@@ -466,6 +477,36 @@ TEST(topTest, SaysThatThereIsNothing) {
                             std::string(kTop) + "--once $! 2>&1; status=$?; kill $!; exit $status");
     EXPECT_EQ(1, result.status);
     EXPECT_TRUE(contains(result.output, " (sleep) does not use the library\n")) << result.output;
+}
+
+TEST(topTest, ItsManPageNamesTheMembersOfItsJsonAndNoOthers) {
+    std::set<std::string> printed;
+    const std::string name = "pz_top_" + std::to_string(getpid());
+    for (const char* const mode : {"hang", "timers", "locks", "queues", "heap"}) {
+        Program program(mode, name);
+        program.Counted();
+        if (std::strcmp(mode, "locks") == 0) {
+            ASSERT_TRUE(pztest::wait_until([&program] {
+                return !json_of(program.PidText()).At("deadlocks").members.empty();
+            }));
+        }
+        add_names(json_of(program.PidText()), printed);
+        const auto list = pztest::read_json(top("--json --once --interval 20").output);
+        ASSERT_TRUE(list);
+        add_names(*list, printed);
+    }
+
+    // Values, not members.
+    std::set<std::string> described = {"X", "message", "event", "idle", "changing", "unknown"};
+    printed.insert(described.begin(), described.end());
+    const std::string page = pztest::read_file(PZ_TOP_PAGE);
+    const std::size_t start = page.find(".SH JSON");
+    const std::string part = page.substr(start, page.find(".SH EXIT STATUS") - start);
+    const std::regex quoted("\"(\\w+)\"");
+    for (std::sregex_iterator it(part.begin(), part.end(), quoted), end; it != end; ++it) {
+        described.insert((*it)[1]);
+    }
+    EXPECT_EQ(described, printed);
 }
 
 TEST(topTest, RefusesAProcessOfAnotherReleaseAndSaysWhichTableItHas) {
