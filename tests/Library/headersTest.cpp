@@ -33,6 +33,21 @@ CommandResult compile(const std::string& options, const std::string& source) {
                        options + " " + source + " 2>&1");
 }
 
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+/// Tries all lines in the body of one function.
+CommandResult compile_lines(const std::string& lines) {
+    const TempDir dir;
+    const std::string source = dir.File("program.cpp");
+    write_file(source,
+               "#include <Framework/Easy.h>\nusing namespace std::chrono_literals;\n"
+               "void use(pz::Worker& worker, pz::GuardedFile& file) {\n" +
+                   lines + "}\n");
+    return compile("", source);
+}
+
 }  // namespace
 
 TEST(headersTest, EveryHeaderCompilesBehindTheMacrosOfQt) {
@@ -61,4 +76,50 @@ TEST(headersTest, NoneWarnsInAProgramThatAsksForManyWarnings) {
     const CommandResult result = compile(warnings, PZ_ROOT "/tests/consumer/warnings.cpp");
     EXPECT_EQ(0, result.status) << result.output;
     EXPECT_EQ("", result.output);
+}
+
+TEST(headersTest, AMistakeIsToldInWords) {
+    const CommandResult result = compile_lines(
+        "worker.post([](int) {});\n"
+        "worker.call([](int) {});\n"
+        "file.update([](std::string bytes) { bytes += 'x'; });\n"
+        "pz::Sender<std::string> out(\"texts\");\n");
+    EXPECT_NE(0, result.status);
+    for (const char* words :
+         {"what is posted is called without arguments", "what is called takes no arguments",
+          "the function takes a std::string&, not a copy that nobody sees",
+          "values are trivially copyable, or derive from PZSerializable"}) {
+        EXPECT_TRUE(contains(result.output, words)) << words << "\n" << result.output;
+    }
+}
+
+TEST(headersTest, AnUpdateTakesEveryKindOfFunctionThatChangesTheBytes) {
+    const CommandResult result = compile_lines(
+        "file.update([](std::string& bytes) { bytes += 'x'; });\n"
+        "file.update([](auto& bytes) { bytes += 'x'; });\n"
+        "file.update([](auto&& bytes) { bytes += 'x'; return true; });\n"
+        "file.update([](const std::string& bytes) { return !bytes.empty(); });\n"
+        "file.update([&worker](std::string&) mutable noexcept { return worker.pending() == 0; });\n"
+        "file.update(static_cast<void (*)(std::string&)>([](std::string&) {}));\n");
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(headersTest, WhatEndsWithItsStatementIsWarnedOf) {
+    const std::vector<std::string> lines = {
+        "pz::Framework(\"radio\", 1);\n",
+        "pz::Worker(\"tuner\");\n",
+        "pz::StopSignal();\n",
+        "worker.every(1s, [] {});\n",
+        "worker.stop(1s);\n",
+        "pz::Receiver<int>(worker, \"numbers\", [](int) {});\n",
+    };
+    std::string all;
+    for (const std::string& line : lines) all += line;
+    const CommandResult result = compile_lines(all);
+    EXPECT_NE(0, result.status);
+    constexpr unsigned int kFirst = 4;  // of the lines in the program
+    for (unsigned int i = 0; i < lines.size(); ++i) {
+        const std::string place = "program.cpp:" + std::to_string(kFirst + i) + ":";
+        EXPECT_TRUE(contains(result.output, place)) << lines[i] << result.output;
+    }
 }

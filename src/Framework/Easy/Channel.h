@@ -186,8 +186,8 @@ public:
     /// `function` is called with each value as `const T&`; see Sender for the name and the version.
     /// An empty function and a worker that does not run are refused (reported).
     template <typename F>
-    Receiver(const Worker& worker, const char* name, F&& function,
-             std::uint16_t version = 0) noexcept
+    [[nodiscard]] Receiver(const Worker& worker, const char* name, F&& function,
+                           std::uint16_t version = 0) noexcept
         : core_(worker, name, detail::kind_of<T>(version), MakeTaker(std::forward<F>(function))) {}
 
     /// Whether it receives.

@@ -30,7 +30,7 @@ namespace pz {
 class PZ_API Framework {
 public:
     /// `name` is copied, at most 63 characters; null counts as "". `id` is what pz_GetId answers.
-    explicit Framework(const char* name, int id = 0) noexcept;
+    [[nodiscard]] explicit Framework(const char* name, int id = 0) noexcept;
 
     ~Framework();
 

@@ -2,10 +2,12 @@
 #define PZ_FRAMEWORK_EASY_GUARDEDFILE_H
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include <Framework/PZApi.h>
 
@@ -35,6 +37,19 @@ private:
     struct State;
     std::unique_ptr<State> state_;  // null: refused
 };
+
+/// Whether the function gets bytes of its own; not known of one that takes whatever it gets.
+/// @{
+template <typename R>
+std::true_type has_own_bytes(const std::function<R(std::string)>*);
+std::false_type has_own_bytes(const void*);
+
+template <typename F, typename = void>
+struct takes_a_copy : std::false_type {};
+template <typename F>
+struct takes_a_copy<F, std::void_t<decltype(std::function{std::declval<F>()})>>
+    : decltype(has_own_bytes(static_cast<decltype(std::function{std::declval<F>()})*>(nullptr))) {};
+/// @}
 
 }  // namespace detail
 
@@ -76,6 +91,8 @@ public:
     /// already changed. An update of the same file by the function itself is refused.
     template <typename F>
     bool update(F&& function, std::chrono::milliseconds within = kNoLimit) {
+        static_assert(!detail::takes_a_copy<std::decay_t<F>>::value,
+                      "the function takes a std::string&, not a copy that nobody sees");
         detail::FileUpdate step(folder_, name_, within);
         if (!step) return false;
         if constexpr (std::is_void_v<std::invoke_result_t<F&, std::string&>>) {

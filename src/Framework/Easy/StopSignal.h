@@ -28,7 +28,7 @@ namespace pz {
 /// Failures: one that could not be made (reported) is false, and cannot be waited for.
 class PZ_API StopSignal : public Waitable {
 public:
-    StopSignal() noexcept;
+    [[nodiscard]] StopSignal() noexcept;
     ~StopSignal() override;
 
     StopSignal(const StopSignal&) = delete;

@@ -207,6 +207,13 @@ bool is_null(const F& function) {
     }
 }
 
+/// What a call of the function answers.
+template <typename F>
+struct ResultOf {
+    static_assert(std::is_invocable_v<F&>, "what is called takes no arguments");
+    using Type = std::decay_t<std::invoke_result_t<F&>>;
+};
+
 class WorkerCore;
 
 /// The worker's part of a post: a place in the pool, between asking for it and handing it in.
@@ -340,7 +347,8 @@ CallError call(WorkerCore* core, Body& body, const Place& place) {
 ///     tuner.post([this, khz] { tune(khz); });
 ///
 /// Life:       runs from its constructor to its destructor; make a pz::Framework first. The
-///             destructor serves what is posted, for at most `stop_within`; see stop.
+///             destructor serves what is posted, for at most `stop_within`; see stop. As a member
+///             it comes after those that its functions use.
 /// Threads:    any thread may call anything, and so may a function that the worker runs. The worker
 ///             must outlive the calls on it.
 /// Ownership:  a posted function is moved or copied into the worker, and destroyed on the worker's
@@ -359,7 +367,7 @@ public:
     /// Starts the thread. The kernel shows the first 15 characters of `name`, reports show 127;
     /// null is "no_name". A worker that could not be started (reported; no thread or no memory) is
     /// false, and answers every post with Posted::stopped.
-    explicit Worker(const char* name, const Options& options = Options()) noexcept;
+    [[nodiscard]] explicit Worker(const char* name, const Options& options = Options()) noexcept;
 
     /// stop(options.stop_within). What a hanging handler uses of the worker stays. After a stop
     /// that has failed, the destructor does not wait again.
@@ -404,8 +412,8 @@ public:
     /// empty std::function are answered with CallError::failed (reported).
     template <typename F>
     auto call(F&& function, const Place& place = Place::here())
-        -> Called<std::decay_t<std::invoke_result_t<F&>>> {
-        using Result = std::decay_t<std::invoke_result_t<F&>>;
+        -> Called<typename detail::ResultOf<F>::Type> {
+        using Result = typename detail::ResultOf<F>::Type;
         if (detail::is_null<std::decay_t<F>>(function)) {
             detail::refused(core_.get(), Posted::empty, place);
             return CallError::failed;
