@@ -251,11 +251,13 @@ TEST(topTest, ShowsTheRefusalsOfAFloodedBox) {
 TEST(topTest, CountsWhatAWorkerServesEachSecond) {
     Program program("serve");
     program.Counted();
-    const JsonValue process = json_of(program.PidText());
-    const JsonValue& thread = named(process.At("threads"), "audio");
-    EXPECT_LT(0, thread.At("worker").At("per_second").real);
-    EXPECT_LT(0, thread.At("cpu_percent").real);
-    EXPECT_EQ(0, thread.At("hangs").number);
+    // On a machine that is busy it may get no processor for a look or two.
+    EXPECT_TRUE(pztest::wait_until([&program] {
+        const JsonValue process = json_of(program.PidText());
+        const JsonValue& thread = named(process.At("threads"), "audio");
+        return thread.At("worker").At("per_second").real > 0 && thread.At("cpu_percent").real > 0 &&
+               thread.At("hangs").number == 0;
+    }));
 }
 
 TEST(topTest, ShowsHowLateTimersAreAndTheCallbackThatHangs) {
