@@ -184,12 +184,13 @@ bool follows_call(Memory& memory, Word address) {
     if ((address & kThumb) == 0) {
         Word call = 0;
         if (address % kWord != 0 || !memory.Read(address - kWord, call)) return false;
-        return (call & 0x0F000000U) == 0x0B000000 || (call & 0xFE000000U) == 0xFA000000 ||
-               (call & 0x0FFFFFF0U) == 0x012FFF30;
+        return (call & 0x0F000000U) == 0x0B000000 ||  // bl
+               (call & 0xFE000000U) == 0xFA000000 ||  // blx to an address
+               (call & 0x0FFFFFF0U) == 0x012FFF30;    // blx by a register
     }
     uint16_t call[2];
     if (!memory.Read(address - kThumb - sizeof call, call)) return false;
-    return (call[1] & 0xFF87U) == 0x4780 ||
+    return (call[1] & 0xFF87U) == 0x4780 ||  // blx by a register; else bl or blx to an address
            ((call[0] & 0xF800U) == 0xF000 && (call[1] & 0xC000U) == 0xC000);
 }
 
@@ -293,14 +294,14 @@ private:
             return true;
         }
         switch (code >> 4U) {
-            case 0x8: {
+            case 0x8: {  // pop some of r4 to r15
                 const Word high = code & 0x0FU;
                 return Pop(high << 12U | Next() << 4U);
             }
-            case 0x9:
+            case 0x9:  // sp was kept in a register, neither sp nor pc
                 sp = frame_.registers[code & 0x0FU];
                 return code != 0x9D && code != 0x9F;
-            case 0xA: {
+            case 0xA: {  // pop r4 and up, with or without lr
                 const Word low = (2U << (code & 7U)) - 1;
                 return Pop(low << 4U | (code & 8U) << (kLr - 3));
             }
@@ -310,24 +311,34 @@ private:
     }
 
     bool StepRare(Word code) {
-        constexpr Word kDouble = 8;
+        constexpr Word kPopLow = 0xB1;       // some of r0 to r3
+        constexpr Word kRaiseByMuch = 0xB2;  // sp, by more than a step in one byte can
+        constexpr Word kLeastRaised = 0x204;
         Word& sp = frame_.registers[kSp];
-        if (code == 0xB1) return Pop(Next() & 0x0FU);
-        if (code == 0xB2) {
+        if (code == kPopLow) return Pop(Next() & 0x0FU);
+        if (code == kRaiseByMuch) {
             Word words = 0;
             Word byte = 0x80;
             for (Word shift = 0; (byte & 0x80U) != 0 && shift < 32; shift += 7) {
                 byte = Next();
                 words |= (byte & 0x7FU) << shift;
             }
-            sp += 0x204 + words * kWord;
+            sp += kLeastRaised + words * kWord;
             return true;
         }
+        return PassDoubles(code);
+    }
+
+    /// Registers for floating-point numbers, which are not needed: 0xB3, 0xC8 and 0xC9 name them in
+    /// a byte of their own, 0xB8 to 0xBF and 0xD0 to 0xD7 count them from d8 on. Those below 0xC0
+    /// were stored with one word more.
+    bool PassDoubles(Word code) {
+        constexpr Word kDouble = 8;
         const bool isListed = code == 0xB3 || code == 0xC8 || code == 0xC9;
         if (!isListed && code < 0xB8) return false;
         if (!isListed && code >= 0xC0 && code >> 3U != 0xD0U >> 3U) return false;
         const Word last = isListed ? Next() & 0x0FU : code & 7U;
-        sp += (last + 1) * kDouble + (code < 0xC0 ? kWord : 0);
+        frame_.registers[kSp] += (last + 1) * kDouble + (code < 0xC0 ? kWord : 0);
         return true;
     }
 
@@ -350,20 +361,26 @@ private:
 
 /// Whether an instruction of a function's beginning is one that a step undoes.
 bool is_begun_by_thumb(Word code) {
-    return (code & 0xFE00U) == 0xB400 || (code & 0xFF80U) == 0xB080 || (code & 0xFF00U) == 0xAF00 ||
-           (code & 0xFF78U) == 0x4668;
+    return (code & 0xFE00U) == 0xB400 ||  // push
+           (code & 0xFF80U) == 0xB080 ||  // sub sp
+           (code & 0xFF00U) == 0xAF00 ||  // add r7, sp
+           (code & 0xFF78U) == 0x4668;    // mov from sp
 }
 bool is_begun_by_wide_thumb(Word code) {
-    constexpr Word kOnStack[] = {0xE92D, 0xF84D, 0xE96D, 0xF1AD, 0xF2AD, 0xF5AD, 0xED2D};
+    constexpr Word kOnStack[] = {0xE92D, 0xF84D, 0xE96D,  // push, str, strd
+                                 0xF1AD, 0xF2AD, 0xF5AD,  // sub sp, of each kind
+                                 0xED2D};                 // vpush
     for (const Word known : kOnStack) {
         if (code == known) return true;
     }
     return false;
 }
 bool is_begun_by_arm(Word code) {
-    return (code & 0x0FFF0000U) == 0x092D0000 || (code & 0x0FFF0000U) == 0x052D0000 ||
-           (code & 0x0FFFF000U) == 0x024DD000 || (code & 0x0FFFF000U) == 0x028DB000 ||
-           (code & 0x0FBF0000U) == 0x0D2D0000;
+    return (code & 0x0FFF0000U) == 0x092D0000 ||  // push
+           (code & 0x0FFF0000U) == 0x052D0000 ||  // str
+           (code & 0x0FFFF000U) == 0x024DD000 ||  // sub sp
+           (code & 0x0FFFF000U) == 0x028DB000 ||  // add fp, sp
+           (code & 0x0FBF0000U) == 0x0D2D0000;    // vpush
 }
 
 /// How many steps the function has done before `pc`; more than any has where its beginning is over.
