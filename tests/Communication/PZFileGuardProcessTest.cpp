@@ -263,7 +263,7 @@ TEST_F(PZFileGuardProcessTest, LetsTheApplicationsInAgainWhenTheSystemSideStarts
     EXPECT_EQ(Texts{}, Messages());
 }
 
-TEST_F(PZFileGuardProcessTest, StaysLockedWhenItsOwnerDiesUntilTheSystemSideStartsAfresh) {
+TEST_F(PZFileGuardProcessTest, StaysLockedWhenItsOwnerDiesUntilTheSystemSideStartsAgain) {
     const auto system = MakeSystem();
     {
         ChildProcess app([this] {

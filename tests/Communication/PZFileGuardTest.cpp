@@ -337,7 +337,7 @@ TEST_F(PZFileGuardTest, IsNotAttachedAtFirst) {
     EXPECT_EQ(kUntouched, state_of(placed));
 }
 
-TEST_F(PZFileGuardTest, LeavesNothingBehindAndSaysNothingWhenItWasNeverUsed) {
+TEST_F(PZFileGuardTest, LeavesNothingAndPrintsNothingWhenItWasNeverUsed) {
     { const PZFileGuard guard(dir_, name_); }
     EXPECT_EQ("", output_.Take());
     EXPECT_EQ(0, ftok_call.Calls());
@@ -571,7 +571,7 @@ TEST_F(PZFileGuardTest, ReportsAKeyFileThatHasNoKeyEvenNow) {
     EXPECT_EQ(0, fchmodat_call.Calls());
 }
 
-TEST_F(PZFileGuardTest, TakesEveryNegativeKeyForNone) {
+TEST_F(PZFileGuardTest, TreatsEveryNegativeKeyAsAFailure) {
     ftok_call.Replace(+[](const char*, int) -> key_t {
         errno = ENOENT;
         return -2;
@@ -709,7 +709,7 @@ int look_at_the_flag(pthread_mutex_t* mutex, const pthread_mutexattr_t* attribut
     return init_call.Real(mutex, attributes);
 }
 
-TEST_F(PZFileGuardTest, LetsNobodyLockWhileTheMutexIsMadeAfresh) {
+TEST_F(PZFileGuardTest, LetsNobodyLockWhileTheMutexIsInitialisedAgain) {
     PZFileGuard first(dir_, name_);
     ASSERT_TRUE(first.initForSystem());
     flag_while_making = field_of<unsigned char*>(first, offsetof(Record, initFlag));
@@ -736,7 +736,7 @@ TEST_F(PZFileGuardTest, ShowsOtherProgramsAMutexAndAnInitFlag) {
     EXPECT_EQ((State{mutex.Id(), true, flag.Id(), true, true, 1}), state_of(guard));
 }
 
-TEST_F(PZFileGuardTest, SaysLittleAboutSegmentsThatCannotBeHad) {
+TEST_F(PZFileGuardTest, ReportsASegmentThatCannotBeMadeOnlyByTheWordError) {
     PZFileGuard withoutMutex(dir_, name_);
     shmget_call.FailNext(ENOSPC);
     EXPECT_FALSE(withoutMutex.initForSystem());
@@ -807,7 +807,7 @@ TEST_F(PZFileGuardTest, DoesNotAskWhetherTheMutexCouldBeInitialised) {
     EXPECT_EQ("", output_.Take());
 }
 
-TEST_F(PZFileGuardTest, IsTheSystemSideOnlyOnce) {
+TEST_F(PZFileGuardTest, ASystemSideRefusesToStartASecondTimeAsEitherSide) {
     PZFileGuard guard(dir_, name_);
     ASSERT_TRUE(guard.initForSystem());
     EXPECT_FALSE(guard.initForSystem());
@@ -846,7 +846,7 @@ TEST_F(PZFileGuardTest, AttachesToTheSystemSidesSegments) {
     EXPECT_EQ("", output_.Take());
 }
 
-TEST_F(PZFileGuardTest, MayStartBeforeTheSystemSide) {
+TEST_F(PZFileGuardTest, AnApplicationSideMayStartBeforeTheSystemSide) {
     files_.Make();
     PZFileGuard app(dir_, name_);
     Trace calls;
@@ -873,7 +873,7 @@ TEST_F(PZFileGuardTest, MayStartBeforeTheSystemSide) {
     EXPECT_EQ("", output_.Take());
 }
 
-TEST_F(PZFileGuardTest, IsAnApplicationSideAlsoWithoutKeyFiles) {
+TEST_F(PZFileGuardTest, AnApplicationSideMayStartWithoutKeyFiles) {
     PZFileGuard app(dir_, name_);
     EXPECT_FALSE(app.initForApp());
     ExpectReportsAndFrames({NoKeyReport(files_.MutexFile()), "error", "error"});
@@ -883,7 +883,7 @@ TEST_F(PZFileGuardTest, IsAnApplicationSideAlsoWithoutKeyFiles) {
     ExpectReports({{"initForApp", "error already init [2]"}});
 }
 
-TEST_F(PZFileGuardTest, AttachesWithTheFirstLockThatCan) {
+TEST_F(PZFileGuardTest, AttachesInTheFirstLockThatFindsTheSegments) {
     PZFileGuard app(dir_, name_);
     EXPECT_FALSE(app.initForApp());
     Messages();
@@ -904,7 +904,7 @@ TEST_F(PZFileGuardTest, AttachesWithTheFirstLockThatCan) {
     EXPECT_EQ("", output_.Take());
 }
 
-TEST_F(PZFileGuardTest, AttachesWithATryOrAQuestion) {
+TEST_F(PZFileGuardTest, AttachesAlsoInTryLockAndCanLock) {
     PZFileGuard system(dir_, name_);
     ASSERT_TRUE(system.initForSystem());
     for (const bool asks : {true, false}) {
@@ -931,7 +931,7 @@ TEST_F(PZFileGuardTest, GoesOnAttachingWhereItStopped) {
     EXPECT_TRUE(state_of(app).initialized);
 }
 
-TEST_F(PZFileGuardTest, IsAnApplicationSideOnlyOnce) {
+TEST_F(PZFileGuardTest, AnApplicationSideRefusesToStartASecondTimeAsEitherSide) {
     files_.Make();
     PZFileGuard app(dir_, name_);
     ASSERT_TRUE(app.initForApp());
@@ -989,7 +989,7 @@ TEST_F(PZFileGuardTest, ExcludesTheOtherGuardsOfTheFile) {
     EXPECT_EQ("", output_.Take());
 }
 
-TEST_F(PZFileGuardTest, NestsItsLocks) {
+TEST_F(PZFileGuardTest, OneThreadMayLockItSeveralTimes) {
     PZFileGuard system(dir_, name_);
     ASSERT_TRUE(system.initForSystem());
     PZFileGuard app(dir_, name_);
@@ -1076,7 +1076,7 @@ TEST_F(PZFileGuardTest, LocksAFreeMutexThatCarriesAnOwnersName) {
     EXPECT_TRUE(in_other_thread([&guard] { return guard.tryLock() && guard.unlock(); }));
 }
 
-TEST_F(PZFileGuardTest, TakesEveryOtherResultOfTheMutexForSuccess) {
+TEST_F(PZFileGuardTest, CountsEveryOtherResultOfTheMutexAsSuccess) {
     PZFileGuard guard(dir_, name_);
     ASSERT_TRUE(guard.initForSystem());
     pthread_mutex_lock_call.Replace(+[](pthread_mutex_t*) { return EAGAIN; });
@@ -1095,7 +1095,7 @@ TEST_F(PZFileGuardTest, TakesEveryOtherResultOfTheMutexForSuccess) {
     EXPECT_EQ("", output_.Take());
 }
 
-TEST_F(PZFileGuardTest, HasNothingToUnlockWithoutAMutex) {
+TEST_F(PZFileGuardTest, UnlockFailsSilentlyBeforeThereIsAMutex) {
     PZFileGuard guard(dir_, name_);
     EXPECT_FALSE(guard.unlock());
     EXPECT_EQ("", output_.Take());
@@ -1323,7 +1323,7 @@ TEST_F(PZFileGuardTest, ReportsAnInitFlagSegmentThatCannotBeDetached) {
     EXPECT_EQ((State{-1, false, flagId, true, true, 0}), state_of(app));
 }
 
-TEST_F(PZFileGuardTest, CanBeUsedAnewOnceItIsDestroyed) {
+TEST_F(PZFileGuardTest, CanBeUsedAgainOnceItsMutexIsDestroyed) {
     PZFileGuard guard(dir_, "first");
     const GuardFiles firstFiles(dir_, "first");
     ASSERT_TRUE(guard.initForSystem());

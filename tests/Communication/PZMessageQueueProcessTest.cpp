@@ -216,7 +216,7 @@ TEST_F(PZMessageQueueProcessTest, TheReceiversAttributesAreThoseOfTheProcessThat
     EXPECT_EQ(10, RawQueue(name).Attributes().mq_maxmsg);
 }
 
-TEST_F(PZMessageQueueProcessTest, ASenderOfAReceiverThatWentOpensTheNameAnew) {
+TEST_F(PZMessageQueueProcessTest, ASenderReachesTheNextReceiverOnlyAfterItHasOpenedTheNameAgain) {
     Sender sender;
     {
         ChildProcess child([this] { return receive_until_quit(name); });

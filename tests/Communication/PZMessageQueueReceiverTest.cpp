@@ -346,7 +346,7 @@ TEST_F(PZMessageQueueReceiverTest, AQuitMessageOvertakesWhatWaitsAndEndsTheThrea
     EXPECT_TRUE(name.Exists());
 }
 
-TEST_F(PZMessageQueueReceiverTest, ReceivesOnAfterAFailure) {
+TEST_F(PZMessageQueueReceiverTest, ReceivesFurtherMessagesAfterAFailedReceive) {
     mq_receive_call.FailNext(EIO, 2);
     StdoutCapture out;
     ASSERT_TRUE(Open());
@@ -473,7 +473,7 @@ TEST_F(PZMessageQueueReceiverTest, CloseOfAClosedQueueDoesNothing) {
     EXPECT_EQ("", out.Take());
 }
 
-TEST_F(PZMessageQueueReceiverTest, DestructionCloses) {
+TEST_F(PZMessageQueueReceiverTest, DestructionClosesTheQueue) {
     StdoutCapture out;
     const int before = open_descriptors();
     ASSERT_TRUE(Open());

@@ -109,7 +109,7 @@ protected:
 
 // Opening.
 
-TEST_F(PZMessageQueueTest, IsThreeClassesThatAreNotCopied) {
+TEST_F(PZMessageQueueTest, ItsThreeClassesCannotBeCopiedAndOnlyTheReceiverIsASubject) {
     EXPECT_FALSE((std::is_same_v<Core, Sender>));
     EXPECT_FALSE((std::is_base_of_v<PZSubject, Core>));
     EXPECT_FALSE((std::is_base_of_v<PZSubject, Sender>));
@@ -210,7 +210,7 @@ TEST_F(PZMessageQueueTest, ReportsAQueueThatTheSystemRefuses) {
     }
 }
 
-TEST_F(PZMessageQueueTest, ReportsANameThatIsNone) {
+TEST_F(PZMessageQueueTest, ReportsAnEmptyNameAndANameWithASlash) {
     StdoutCapture out;
     EXPECT_FALSE(core.open({"", 8}));
     EXPECT_TRUE(
@@ -376,7 +376,7 @@ TEST_F(PZMessageQueueTest, AMessageIsTypePayloadAndThreeZeroBytes) {
     }
 }
 
-TEST_F(PZMessageQueueTest, TheBytesBehindThePayloadAreNotTheSenders) {
+TEST_F(PZMessageQueueTest, SendsNothingThatFollowsThePayloadInTheSendersMemory) {
     ASSERT_TRUE(OpenCore());
     const RawQueue peer(name);
     const char data[] = "payload and a secret";
@@ -664,7 +664,7 @@ TEST_F(PZMessageQueueTest, ReceiveNeedsAnOpenQueue) {
     EXPECT_EQ(Messages{"invalid args"}, error_messages(out.Take())) << "arguments come first";
 }
 
-TEST_F(PZMessageQueueTest, TheSizeIsNoLimitBeyondBeingNonzero) {
+TEST_F(PZMessageQueueTest, ReceivesTheWholeMessageWithAnySizeButZero) {
     ASSERT_TRUE(OpenCore());
     ASSERT_EQ(0, Send("payload"));
     std::string data(Core::kMinReceiveSize, '\xEE');
@@ -797,7 +797,7 @@ TEST_F(PZMessageQueueSenderTest, CreatesAQueueOf64Messages) {
     EXPECT_EQ(1024, RawQueue(name).Attributes().mq_msgsize);
 }
 
-TEST_F(PZMessageQueueSenderTest, SendsUserData) {
+TEST_F(PZMessageQueueSenderTest, SendsAMessageOfTypeUserWithThePriorityOfTheCaller) {
     ASSERT_TRUE(Open());
     ASSERT_EQ(0, sender.send("hi", 2, 5));
     const RawQueue::Message message = RawQueue(name).Receive();
@@ -805,7 +805,7 @@ TEST_F(PZMessageQueueSenderTest, SendsUserData) {
     EXPECT_EQ(250U, message.priority);
 }
 
-TEST_F(PZMessageQueueSenderTest, AnswersAsTheCoreDoes) {
+TEST_F(PZMessageQueueSenderTest, AnswersAndReportsRefusalsAsTheBaseOfAllQueuesDoes) {
     StdoutCapture out;
     EXPECT_EQ(-1, sender.send("x", 1, 1));
     ASSERT_TRUE(Open());
