@@ -441,7 +441,7 @@ TEST_F(PZCallStackDemangledTest, ShowsThePlaceInTheFileOfAFunctionWithoutAName) 
     EXPECT_EQ("#0 radio+0x12ab", Shown("/usr/bin/radio(+0x12ab) [0x4012ab]"));
 }
 
-TEST_F(PZCallStackDemangledTest, ShowsWhatReadsOtherwiseAsItIs) {
+TEST_F(PZCallStackDemangledTest, ShowsASymbolLineOfAnotherFormAsItIs) {
     for (const char* const symbol : {"", "[0x4012ab]", "radio", "radio(", "radio(main",
                                      "radio(main+", "a)+b(", "radio() [0x1]"}) {
         EXPECT_EQ(std::string("#0 ") + symbol, Shown(symbol));

@@ -160,7 +160,7 @@ TEST_F(PZDbgOutputSinkTest, DecidesWhetherALineIsPrintedAndLogged) {
     EXPECT_EQ(3U, collector.records.size());
 }
 
-TEST_F(PZDbgOutputSinkTest, IsTakenAwayAgain) {
+TEST_F(PZDbgOutputSinkTest, GetsNoReportOnceItIsRemoved) {
     Output::SetSink(&Collector::take, &collector);
     Output::SetSink(nullptr, &collector);
     info("hi\n");
@@ -212,7 +212,7 @@ TEST_F(PZDbgOutputSinkTest, KeepsExceptionsOfASinkInsideAndPrintsTheLine) {
     EXPECT_EQ(kHi, output.Take());
 }
 
-TEST_F(PZDbgOutputSinkTest, CanReplaceItself) {
+TEST_F(PZDbgOutputSinkTest, MayBeReplacedFromItsOwnCall) {
     static Collector* next;
     next = &collector;
     Output::SetSink(
@@ -262,7 +262,7 @@ TEST_F(PZDbgOutputSinkTest, RunsNoMoreWhenItHasBeenReplaced) {
     reporter.join();
 }
 
-TEST_F(PZDbgOutputSinkTest, IsChangedWhileSeveralThreadsReport) {
+TEST_F(PZDbgOutputSinkTest, MayBeChangedWhileSeveralThreadsReport) {
     struct State {
         std::atomic<bool> isAlive{true};
         std::atomic<int> calls{0};

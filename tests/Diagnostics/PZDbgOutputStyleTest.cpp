@@ -96,7 +96,7 @@ std::string printed_on_a_terminal(unsigned int style) {
 
 }  // namespace
 
-TEST_F(PZDbgOutputStyleTest, PrintsAsEverInTheDefaultStyle) {
+TEST_F(PZDbgOutputStyleTest, PrintsColoursAndPaddingInTheDefaultStyle) {
     Output::SetStyle(Output::en_STYLE_DEFAULT);
     info("hi\n");
     error("oh\n");
@@ -106,13 +106,13 @@ TEST_F(PZDbgOutputStyleTest, PrintsAsEverInTheDefaultStyle) {
               output.Take());
 }
 
-TEST_F(PZDbgOutputStyleTest, LeavesColoursOut) {
+TEST_F(PZDbgOutputStyleTest, PrintsNoColoursInThePlainStyle) {
     EXPECT_EQ(padded_line("", "[info] f()@unit(12) {} : hi\n"),
               PrintedIn(Output::en_STYLE_PLAIN, [] { info("hi\n"); }) + kReset);
     EXPECT_EQ("x", PrintedIn(Output::en_STYLE_PLAIN, [] { Output::DbgPrint("x"); }));
 }
 
-TEST_F(PZDbgOutputStyleTest, LeavesPaddingOut) {
+TEST_F(PZDbgOutputStyleTest, PrintsNoPaddingInTheStyleWithoutPadding) {
     EXPECT_EQ(std::string(kDefault) + "[info] f()@unit(12) {} : hi\n" + kReset,
               PrintedIn(Output::en_STYLE_NOPAD, [] { info("hi\n"); }));
 }
@@ -136,7 +136,7 @@ TEST_F(PZDbgOutputStyleTest, PrintsEveryFormOfALineWithoutColoursAndPadding) {
         output.Take());
 }
 
-TEST_F(PZDbgOutputStyleTest, ColoursATerminalAndNothingElseWhenItIsToChoose) {
+TEST_F(PZDbgOutputStyleTest, ColoursATerminalAndNothingElseInTheAutomaticStyle) {
     unsetenv("NO_COLOR");
     EXPECT_EQ(std::string(kDefault) + "[info] f()@unit(12) {} : hi\r\n" + kReset,
               printed_on_a_terminal(Output::en_STYLE_AUTO | Output::en_STYLE_NOPAD));
@@ -151,7 +151,7 @@ TEST_F(PZDbgOutputStyleTest, PrintsToATerminalWithoutColoursWhereTheUserWantsNon
     unsetenv("NO_COLOR");
 }
 
-TEST_F(PZDbgOutputStyleTest, TakesAnEmptyWishForNoColoursAsNone) {
+TEST_F(PZDbgOutputStyleTest, ColoursATerminalWhenTheVariableAgainstColoursIsEmpty) {
     setenv("NO_COLOR", "", 1);
     EXPECT_EQ(std::string(kDefault) + "[info] f()@unit(12) {} : hi\r\n" + kReset,
               printed_on_a_terminal(Output::en_STYLE_AUTO | Output::en_STYLE_NOPAD));
@@ -308,7 +308,7 @@ TEST_F(PZDbgOutputRepeatsTest, CountsALineThatEqualsTheOneBeforeUntilAnotherCome
               system_log);
 }
 
-TEST_F(PZDbgOutputRepeatsTest, SaysOneTimeForOne) {
+TEST_F(PZDbgOutputRepeatsTest, SaysOneTimeOfALineThatWasRepeatedOnce) {
     info("a\n");
     info("a\n");
     info("b\n");
@@ -319,7 +319,7 @@ TEST_F(PZDbgOutputRepeatsTest, SaysOneTimeForOne) {
         output.Take());
 }
 
-TEST_F(PZDbgOutputRepeatsTest, TakesLinesThatDifferInAnythingForOthers) {
+TEST_F(PZDbgOutputRepeatsTest, PrintsEveryLineThatDiffersInAnythingFromTheOneBefore) {
     Output::DbgPrint("unit", "f", 1, Output::en_TAG_INFO, "a\n");
     Output::DbgPrint("unit", "f", 2, Output::en_TAG_INFO, "a\n");
     Output::DbgPrint("unit", "g", 2, Output::en_TAG_INFO, "a\n");

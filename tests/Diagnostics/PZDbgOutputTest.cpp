@@ -150,7 +150,7 @@ const TagRow kRows[] = {
 
 INSTANTIATE_TEST_SUITE_P(EveryTag, PZDbgOutputTagTest, testing::ValuesIn(kRows));
 
-TEST_P(PZDbgOutputTagTest, HasAColour) {
+TEST_P(PZDbgOutputTagTest, AnswersTheColourOfTheTag) {
     EXPECT_EQ(GetParam().colour, PZDbgOutput::getColorTagString(Tag()));
 }
 
@@ -168,7 +168,7 @@ TEST_P(PZDbgOutputTagTest, PrintsAndLogsAWideLineWithABlankAfterTheFunction) {
     EXPECT_EQ(ExpectedLog(line), system_log);
 }
 
-TEST_F(PZDbgOutputTest, NumbersItsTags) {
+TEST_F(PZDbgOutputTest, NumbersItsTagsFrom0To5) {
     EXPECT_EQ(0, PZDbgOutput::en_TAG_INFO);
     EXPECT_EQ(1, PZDbgOutput::en_TAG_ERROR);
     EXPECT_EQ(2, PZDbgOutput::en_TAG_DEBUG);
@@ -371,7 +371,7 @@ TEST_F(PZDbgOutputTest, PrintsTheFileWithoutItsFolders) {
     }
 }
 
-TEST_F(PZDbgOutputTest, SurvivesAMissingPlace) {
+TEST_F(PZDbgOutputTest, PrintsNullInThePlaceOfAMissingFileAndFunction) {
     PZDbgOutput::DbgPrint(nullptr, nullptr, 1, "hi\n");
     PZDbgOutput::DbgPrint(nullptr, nullptr, -1, "hi\n");
     PZDbgOutput::DbgPrint(nullptr, nullptr, 1, PZDbgOutput::en_TAG_INFO, "hi\n");
@@ -661,7 +661,7 @@ TEST_F(PZDbgOutputTest, LetsItsThreadBeCancelledWhileTheStandardOutputIsStuck) {
 
 // Where no daemon listens the C library's log writes to the console, through a stream on its own
 // stack: a thread that ended there would leave a pointer to it behind.
-TEST_F(PZDbgOutputTest, LetsACancelledThreadEndOnlyBehindTheSystemLog) {
+TEST_F(PZDbgOutputTest, LetsACancelledThreadEndOnlyAfterTheLineIsInTheSystemLog) {
     is_cancelled = true;
     pthread_t thread = {};
     const auto body = [](void*) -> void* {

@@ -45,7 +45,7 @@ std::string printed_with(
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
 
-TEST(PZReportEnvironmentTest, PrintsAsEverWithoutAWish) {
+TEST(PZReportEnvironmentTest, LeavesTheDefaultStyleWhenItIsEmptyOrNotSet) {
     const std::string line = pztest::padded_line("\033[49m", "[info] f()@unit(12) {} : hi\n");
     EXPECT_EQ(line, printed_with(""));
     EXPECT_EQ(line, pztest::run_in_child([] {
@@ -55,12 +55,12 @@ TEST(PZReportEnvironmentTest, PrintsAsEverWithoutAWish) {
                     }).output);
 }
 
-TEST(PZReportEnvironmentTest, TakesAListOfWords) {
+TEST(PZReportEnvironmentTest, SeparatesWordsByCommasAndIgnoresEmptyOnes) {
     EXPECT_EQ("[info] f()@unit(12) {} : hi\n", printed_with("plain,nopad"));
     EXPECT_EQ("[info] f()@unit(12) {} : hi\n", printed_with(",nopad,,plain,"));
 }
 
-TEST(PZReportEnvironmentTest, KnowsEveryWord) {
+TEST(PZReportEnvironmentTest, GivesEachWordItsStyle) {
     const struct {
         const char* words;
         unsigned int style;
@@ -100,7 +100,7 @@ TEST(PZReportEnvironmentTest, SaysWhichWordsItDoesNotKnowInOneLineAndKeepsToTheR
     EXPECT_EQ(3U, pztest::count_of(printed, "\n"));
 }
 
-TEST(PZReportEnvironmentTest, IsReadOnce) {
+TEST(PZReportEnvironmentTest, IsReadAtTheFirstReportOnly) {
     EXPECT_EQ("[info] f()@unit(12) {} : hi\n[info] f()@unit(12) {} : ho\n",
               printed_with("plain,nopad", [] {
                   info("hi\n");
@@ -109,21 +109,21 @@ TEST(PZReportEnvironmentTest, IsReadOnce) {
               }));
 }
 
-TEST(PZReportEnvironmentTest, YieldsToTheProgram) {
+TEST(PZReportEnvironmentTest, IsReplacedByAStyleThatTheProgramSets) {
     EXPECT_EQ("[info] f()@unit(12) {} : hi\n", printed_with("time,thread,wrong", [] {
                   Output::SetStyle(Output::en_STYLE_PLAIN | Output::en_STYLE_NOPAD);
                   info("hi\n");
               }));
 }
 
-TEST(PZReportEnvironmentTest, CanBeAddedToByTheProgram) {
+TEST(PZReportEnvironmentTest, LetsTheProgramAddToItsStyle) {
     EXPECT_EQ("[info] f()@unit(12) {} : hi\n", printed_with("plain", [] {
                   Output::SetStyle(Output::GetStyle() | Output::en_STYLE_NOPAD);
                   info("hi\n");
               }));
 }
 
-TEST(PZReportEnvironmentTest, HoldsBesideASinkThatComesFirst) {
+TEST(PZReportEnvironmentTest, HoldsAlsoWhenTheProgramSetsASinkFirst) {
     EXPECT_EQ("[info] f()@unit(12) {} : hi\n", printed_with("plain,nopad", [] {
                   Output::SetSink([](const Output::ST_RECORD&, void*) { return true; }, nullptr);
                   info("hi\n");
@@ -139,7 +139,7 @@ TEST(PZReportEnvironmentTest, IsNotReadByAProgramWithMoreRightsThanItsUser) {
               }));
 }
 
-TEST(PZReportEnvironmentTest, IsSettledByTheFirstOfSeveralThreads) {
+TEST(PZReportEnvironmentTest, IsReadOnceByTheFirstOfSeveralThreads) {
     const std::string printed = printed_with("plain,nopad,wrong", [] {
         std::vector<std::thread> threads;
         for (int i = 0; i < 8; ++i) threads.emplace_back([] { info("hi\n"); });

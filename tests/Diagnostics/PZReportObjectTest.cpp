@@ -115,7 +115,7 @@ public:
 // The tests' own system log is not the machine's.
 extern "C" void syslog(int /*pri*/, const char* /*fmt*/, ...) {}
 
-TEST_F(PZReportObjectTest, TellsTheFileOfFailedQuestions) {
+TEST_F(PZReportObjectTest, TellsTheFileWhoseExistenceCannotBeChecked) {
     const std::string path = below_a_file(dir);
     EXPECT_FALSE(PZFileSys::IsExist(path.c_str()));
     EXPECT_EQ(path + "||", ObjectsOf("error["));
@@ -204,7 +204,7 @@ TEST_F(PZReportObjectTest, TellsTheWorkerWhoseBoxIsFull) {
     worker.End(0);
 }
 
-TEST_F(PZReportObjectTest, TellsTheGuardedFile) {
+TEST_F(PZReportObjectTest, TellsTheGuardedFileThatCannotBeAttached) {
     PZFileGuard guard(dir.Path() + "/none", "settings");
     EXPECT_FALSE(guard.initForApp());
     EXPECT_EQ(dir.Path() + "/none/settings||",
@@ -264,7 +264,7 @@ TEST_F(PZReportObjectTest, TellsTheSharedLockThatIsNotFreeInTime) {
     EXPECT_EQ("no/such||", ObjectsOf("PZSync.Lock() error [2]"));
 }
 
-TEST_F(PZReportObjectTest, TellsTheQueue) {
+TEST_F(PZReportObjectTest, TellsTheQueueThatRefusesAMessage) {
     const pztest::QueueName name;
     PZMsgQ::PZMessageQueue<0> queue;
     ASSERT_TRUE(queue.open({name.Get()}));

@@ -876,7 +876,7 @@ TEST_F(PZSupervisorTest, EndsWithTheFramework) {
     EXPECT_FALSE(PZSupervisor::Stop());
 }
 
-TEST_F(PZSupervisorTest, RefusesWhatCannotBeStarted) {
+TEST_F(PZSupervisorTest, RefusesAnIncompleteOrSecondStartAndAStopWithoutAStart) {
     const pztest::StdoutCapture capture;
     EXPECT_FALSE(PZSupervisor::Start(nullptr, nullptr, kIntervalMs));
     EXPECT_FALSE(PZSupervisor::Start(&Record::OnFinding, &record, 0));
