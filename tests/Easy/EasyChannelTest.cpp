@@ -247,7 +247,7 @@ TEST_F(EasyChannelTest, ADestroyedReceiverDoesNotRunItsFunctionAnyMore) {
     }
 }
 
-TEST_F(EasyChannelTest, MayBeDestroyedByItsOwnFunction) {
+TEST_F(EasyChannelTest, AReceiverMayBeDestroyedByItsOwnFunction) {
     std::atomic<bool> done{false};
     std::optional<pz::Receiver<Station>> in;
     EXPECT_TRUE(worker.call([&] {
@@ -260,13 +260,13 @@ TEST_F(EasyChannelTest, MayBeDestroyedByItsOwnFunction) {
     EXPECT_TRUE(wait_until([&] { return done.load(); }));
 }
 
-TEST_F(EasyChannelTest, TheWorkerMayEndBefore) {
+TEST_F(EasyChannelTest, TheWorkerMayEndBeforeItsReceiver) {
     const pz::Receiver<Station> in(worker, channel, [](const Station&) {});
     EXPECT_TRUE(worker.stop());
     EXPECT_EQ(Sent::ok, pz::Sender<Station>(channel).send(Station()));
 }
 
-TEST_F(EasyChannelTest, RefusesWhatIsNoChannelNoFunctionOrNoWorker) {
+TEST_F(EasyChannelTest, RefusesABadNameAnEmptyFunctionAndAStoppedWorker) {
     StdoutCapture capture;
     for (const char* const wrong : {"", "a/b", "123456789012345678901234567890123"}) {
         EXPECT_FALSE(pz::Sender<Station>(wrong));
@@ -281,7 +281,7 @@ TEST_F(EasyChannelTest, RefusesWhatIsNoChannelNoFunctionOrNoWorker) {
     EXPECT_EQ(2U, pztest::count_of(capture.Take(), "no function, or the worker does not run"));
 }
 
-TEST_F(EasyChannelTest, ALackOfMemoryIsAnswered) {
+TEST_F(EasyChannelTest, ASendThatFindsNoMemoryIsAnsweredAndALaterOneSucceeds) {
     const StdoutCapture capture;
     Preset preset;
     preset.name = "a name that does not fit into the string itself";

@@ -24,7 +24,7 @@ TEST(EasyEventTest, LetsOneWaitThroughForEverySet) {
     EXPECT_FALSE(event.wait(-1s));
 }
 
-TEST(EasyEventTest, WaitsForTheWholeTime) {
+TEST(EasyEventTest, AWaitWithoutASignalTakesAtLeastItsTime) {
     pz::Event event;
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(event.wait(20ms));
@@ -39,7 +39,7 @@ TEST(EasyEventTest, ForgetsItsSignalsWhenItIsReset) {
     EXPECT_FALSE(event.wait(0ms));
 }
 
-TEST(EasyEventTest, WakesAnotherThread) {
+TEST(EasyEventTest, ASetOfAnotherThreadEndsAWait) {
     pz::Event event;
     std::thread setter([&] { event.set(); });
     EXPECT_TRUE(event.wait(std::chrono::milliseconds::max()));
@@ -57,7 +57,7 @@ TEST(EasyEventTest, WaitAnyAnswersTheIndexOfTheOneThatIsSet) {
     EXPECT_EQ(std::nullopt, wait_any({&a, &b}, 0ms)) << "both are taken";
 }
 
-TEST(EasyEventTest, WaitAnyRefusesWhatCannotBeWaitedFor) {
+TEST(EasyEventTest, WaitAnyRefusesNoEventsANullOneAndOneThatIsNamedTwice) {
     pz::Event a;
     a.set();
     StdoutCapture capture;
@@ -69,7 +69,7 @@ TEST(EasyEventTest, WaitAnyRefusesWhatCannotBeWaitedFor) {
     EXPECT_TRUE(a.wait(0ms)) << "no signal was taken";
 }
 
-TEST(EasyEventTest, IsMovedWithItsSignals) {
+TEST(EasyEventTest, AMovedEventKeepsItsSignals) {
     pz::Event a;
     a.set();
     pz::Event b(std::move(a));
@@ -84,7 +84,7 @@ TEST(EasyEventTest, IsMovedWithItsSignals) {
     EXPECT_TRUE(a.wait(0ms));
 }
 
-TEST(EasyEventTest, WithoutMemoryItIsFalse) {
+TEST(EasyEventTest, AnEventThatFindsNoMemoryIsFalse) {
     StdoutCapture capture;
     {
         const pztest::MemoryShortage shortage;
@@ -104,7 +104,7 @@ std::optional<size_t> wait_for_all_of(std::vector<pz::Event>& events,
 
 }  // namespace
 
-TEST(EasyEventTest, WaitAnyTakesUpTo64) {
+TEST(EasyEventTest, WaitAnyTakesUpTo64Events) {
     std::vector<pz::Event> events(65);
     events[63].set();
     EXPECT_EQ(63U, wait_for_all_of(events, std::make_index_sequence<64>()));
@@ -115,7 +115,7 @@ TEST(EasyEventTest, WaitAnyTakesUpTo64) {
     EXPECT_TRUE(events[63].wait(0ms)) << "no signal was taken";
 }
 
-TEST(EasyEventTest, TimesThatAreNegativeOrEndlessAreLimitsLikeOthers) {
+TEST(EasyEventTest, AcceptsNegativeAndEndlessTimes) {
     pz::Event event;
     EXPECT_FALSE(event.wait(std::chrono::milliseconds::min()));
     EXPECT_EQ(std::nullopt, wait_any({&event}, -1ms));

@@ -91,7 +91,7 @@ TEST(EasyFrameworkTest, StartsAndEndsTheFramework) {
     EXPECT_EQ(0, result.status) << result.output;
 }
 
-TEST(EasyFrameworkTest, SeveralShareOneStart) {
+TEST(EasyFrameworkTest, SeveralObjectsShareOneStart) {
     const auto result = run_in_child([] {
         auto first = std::make_unique<pz::Framework>("radio", 7);
         pz::Framework second("display", 8);
@@ -241,7 +241,7 @@ TEST(EasyFrameworkTest, ReportsOtherFailuresOfPrioritiesEach) {
     EXPECT_EQ(0U, pztest::count_of(printed, "timers keep")) << printed;
 }
 
-TEST(EasyFrameworkTest, LeavesTheFiveReportsToTheStartWithoutIt) {
+TEST(EasyFrameworkTest, AStartWithoutItReportsRefusedPrioritiesFiveTimes) {
     const std::string printed = printed_with_refused_priorities(EACCES, [] {
         if (pz_FwInitialize("radio", 1) != 0) pz_FwFinalize();
     });
@@ -256,7 +256,7 @@ TEST(EasyFrameworkTest, ReportsPrioritiesThatAreRefusedAfterTheStart) {
     EXPECT_EQ(1U, pztest::count_of(printed, "error : errno[13 : Permission denied]\n")) << printed;
 }
 
-TEST(EasyFrameworkTest, ALongNameIsCutAndOneThatWasMovedFromIsFalse) {
+TEST(EasyFrameworkTest, CutsALongNameAndIsFalseOnceItWasMovedFrom) {
     const auto result = run_in_child([] {
         pz::Framework fw(std::string(100, 'x').c_str());
         if (!fw || std::string(pz::Framework::name()) != std::string(63, 'x')) return 1;

@@ -188,7 +188,7 @@ TEST_F(EasyGuardedFileTest, AnUpdateInsideItselfIsRefusedInsteadOfWaitingForEver
     EXPECT_EQ("o", other.read());
 }
 
-TEST_F(EasyGuardedFileTest, RefusesWhatIsNoFile) {
+TEST_F(EasyGuardedFileTest, RefusesANullOrEmptyFolderAndWhatIsNoFileName) {
     StdoutCapture capture;
     const std::string folder = dir.Path();
     EXPECT_FALSE(pz::GuardedFile(nullptr, "a"));
@@ -348,7 +348,7 @@ TEST_F(EasyGuardedFileTest, ANameThatIsTooLongForTheFileSystemIsRefused) {
     EXPECT_EQ(std::nullopt, file.read());
 }
 
-TEST_F(EasyGuardedFileTest, TimesThatAreNegativeOrEndlessAreLimitsLikeOthers) {
+TEST_F(EasyGuardedFileTest, UpdatesAFreeFileWithNegativeAndEndlessTimes) {
     const auto change = [](std::string& bytes) { bytes += 'x'; };
     EXPECT_TRUE(settings.update(change, -1ms)) << "it is free";
     EXPECT_TRUE(settings.update(change, std::chrono::milliseconds::max()));

@@ -134,7 +134,7 @@ TEST_F(EasyRotatingLogTest, CutsALineThatIsLongerThanAFile) {
     EXPECT_EQ(std::string(5000, 'y') + "\n", read_file(folder + "/wide.log"));
 }
 
-TEST_F(EasyRotatingLogTest, TellsTheTimeOnRequest) {
+TEST_F(EasyRotatingLogTest, BeginsALineWithDateAndTimeOnRequest) {
     pz::RotatingLogOptions options;
     options.time = true;
     pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3, options);
@@ -173,7 +173,7 @@ TEST_F(EasyRotatingLogTest, LinesOfSeveralThreadsDoNotMix) {
     EXPECT_EQ(3000U, numbers_in(folder, 3).size());
 }
 
-TEST_F(EasyRotatingLogTest, SurvivesAKillAtAnyMoment) {
+TEST_F(EasyRotatingLogTest, HoldsWholeLinesInOrderAfterAKillAtAnyMoment) {
     for (int round = 0; round < 20; ++round) {
         const pztest::ChildProcess child([this] {
             pz::RotatingLog log(folder.c_str(), "app", 200, 2);
@@ -212,7 +212,7 @@ TEST_F(EasyRotatingLogTest, GoesOnWhenItsFolderComesBackAndTellsWhatWasLost) {
     EXPECT_EQ("(" + std::to_string(log.lost()) + " lines lost)\nback\n", read_file(file));
 }
 
-TEST_F(EasyRotatingLogTest, MakesAFileAnewThatSomebodyHasRemoved) {
+TEST_F(EasyRotatingLogTest, MakesAFileAgainThatSomebodyHasRemoved) {
     pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
     EXPECT_TRUE(log.line("line 1"));
     std::filesystem::remove(file);
@@ -355,7 +355,7 @@ TEST_F(EasyRotatingLogTest, ANameThatIsTooLongForTheFileSystemLosesItsLines) {
     EXPECT_EQ(1U, log.lost());
 }
 
-TEST_F(EasyRotatingLogTest, RefusesWhatIsNoLog) {
+TEST_F(EasyRotatingLogTest, RefusesBadFoldersAndNames) {
     StdoutCapture capture;
     pz::RotatingLog none(nullptr, "app", 64_KiB, 3);
     EXPECT_FALSE(none);
@@ -372,7 +372,7 @@ TEST_F(EasyRotatingLogTest, RefusesWhatIsNoLog) {
     EXPECT_EQ(7U, pztest::count_of(capture.Take(), "no log ["));
 }
 
-TEST_F(EasyRotatingLogTest, MovesItsFileAlong) {
+TEST_F(EasyRotatingLogTest, AMovedLogGoesOnWithItsFile) {
     pz::RotatingLog first(folder.c_str(), "app", 64_KiB, 3);
     pz::RotatingLog second(std::move(first));
     EXPECT_FALSE(first);
@@ -403,7 +403,7 @@ TEST_F(EasyRotatingLogTest, ALackOfMemoryLosesALineAtMost) {
     EXPECT_TRUE(isMade);
 }
 
-TEST_F(EasyRotatingLogTest, AnEmptyTextIsALineAndNoFormatIsNone) {
+TEST_F(EasyRotatingLogTest, WritesAnEmptyTextAsALineAndRefusesANullFormat) {
     pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
     EXPECT_TRUE(log.text({}));
     EXPECT_TRUE(log.text("\n"));

@@ -90,7 +90,7 @@ TEST(EasyStopSignalTest, PutsTheFormerHandlersBack) {
     EXPECT_EQ(0, result.status) << result.output;
 }
 
-TEST(EasyStopSignalTest, MayComeAndGoWhileSignalsArrive) {
+TEST(EasyStopSignalTest, MayBeMadeAndDestroyedWhileSignalsArrive) {
     const ChildResult result = run_in_child([] {
         const pz::StopSignal always;
         std::atomic<bool> done{false};

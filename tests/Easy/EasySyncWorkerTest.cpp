@@ -72,7 +72,7 @@ TEST_F(EasySyncWorkerTest, RunAllEndsWhenAFunctionPostsItselfForEver) {
     EXPECT_EQ(51, runs);
 }
 
-TEST_F(EasySyncWorkerTest, TimersRunByTheHandOfTheTest) {
+TEST_F(EasySyncWorkerTest, TimersRunOnlyWhenTheTestMovesTheTime) {
     Scanner scanner(worker);
     EXPECT_EQ(0U, worker.run_for(99ms));
     EXPECT_EQ(1U, worker.run_for(1ms));
@@ -133,7 +133,7 @@ TEST_F(EasySyncWorkerTest, CallServesWhatWasPostedBefore) {
     EXPECT_EQ(1U, worker.run_all());
 }
 
-TEST_F(EasySyncWorkerTest, HasTheRoomOfAWorker) {
+TEST_F(EasySyncWorkerTest, HoldsAsManyPostsAsAWorkerAndThenAnswersFull) {
     for (int i = 0; i < 256; ++i) ASSERT_EQ(Posted::ok, worker.post([] {}));
     EXPECT_EQ(Posted::full, worker.post_wait([] {}, 60s)) << "nobody else would make room";
     EXPECT_EQ(256U, worker.run_all());
@@ -150,7 +150,7 @@ TEST_F(EasySyncWorkerTest, StopServesWhatIsPosted) {
     EXPECT_EQ(0U, worker.run_for(1s));
 }
 
-TEST_F(EasySyncWorkerTest, TellsWhoTakesLongerThanTheWatchTime) {
+TEST_F(EasySyncWorkerTest, CountsFunctionsThatTakeLongerThanTheWatchTime) {
     pz::WorkerOptions options;
     options.watch_time = 50ms;
     SyncWorker watched(clock, "watched", options);
@@ -160,14 +160,14 @@ TEST_F(EasySyncWorkerTest, TellsWhoTakesLongerThanTheWatchTime) {
     EXPECT_EQ(1U, watched.overruns());
 }
 
-TEST_F(EasySyncWorkerTest, ReportsWhatThrows) {
+TEST_F(EasySyncWorkerTest, ReportsAFunctionThatThrows) {
     pztest::StdoutCapture capture;
     worker.post([] { throw 1; });
     EXPECT_TRUE(worker.run_one());
     EXPECT_NE(std::string::npos, capture.Take().find("worker [sync]: what was posted by"));
 }
 
-TEST_F(EasySyncWorkerTest, MayBeMovedFrom) {
+TEST_F(EasySyncWorkerTest, RunsNothingOnceItWasMovedFrom) {
     worker.post(note('a'));
     const SyncWorker moved(std::move(worker));
     EXPECT_FALSE(worker.run_one());
@@ -186,7 +186,7 @@ TEST_F(EasySyncWorkerTest, TimeDoesNotGoBack) {
     EXPECT_EQ(Posted::empty, worker.post(std::function<void()>()));
 }
 
-TEST_F(EasySyncWorkerTest, LongerTimesThanThirtyYearsCountAsThese) {
+TEST_F(EasySyncWorkerTest, TimesBeyondThirtyYearsCountAsThirtyYears) {
     constexpr std::chrono::hours kThirtyYears(30 * 365 * 24);
     clock.advance(1h);
     int runs = 0;

@@ -22,7 +22,7 @@ TEST(EasyTextTest, ConvertsToUtf8AndBack) {
     EXPECT_EQ("\x83\x89\x83\x57\x83\x49", pz::from_utf8(kRadio, XCP_SJIS));
 }
 
-TEST(EasyTextTest, CountsTheBytesOfWideUnits) {
+TEST(EasyTextTest, ConvertsWideUnitsCountedInBytes) {
     EXPECT_EQ(std::string("\x30\xE9\x30\xB8\x30\xAA"), pz::from_utf8(kRadio, XCP_UTF16BE));
     EXPECT_EQ(kRadio, pz::to_utf8("\x30\xE9\x30\xB8\x30\xAA", XCP_UTF16BE));
     const std::wstring wide = L"\x30E9\x30B8\x30AA";
@@ -38,7 +38,7 @@ TEST(EasyTextTest, AnEmptyTextStaysEmpty) {
     EXPECT_EQ("", *pz::to_utf8(std::string_view(), XCP_RDS));
 }
 
-TEST(EasyTextTest, TheLongestGrowthHasRoom) {
+TEST(EasyTextTest, HasRoomForTextsThatGrowTheMost) {
     // One escape sequence and one back for every second character.
     std::string mixed;
     for (int i = 0; i < 1000; ++i) mixed += "a\xE3\x83\xA9";
@@ -48,7 +48,7 @@ TEST(EasyTextTest, TheLongestGrowthHasRoom) {
     EXPECT_EQ(3000U, pz::to_utf8(std::string(1000, '\xB1'), XCP_SJIS)->size());
 }
 
-TEST(EasyTextTest, ARadioSetIsReadAndNotWritten) {
+TEST(EasyTextTest, ReadsRadioSetsAndRefusesToWriteThem) {
     EXPECT_EQ("\xC3\xA1", pz::to_utf8("\x80", XCP_RDS));
     const StdoutCapture capture;
     EXPECT_FALSE(pz::from_utf8("a", XCP_RDS));
@@ -65,7 +65,7 @@ TEST(EasyTextTest, AnswersNothingForWhatCannotBeConverted) {
     EXPECT_NE("", capture.Take());
 }
 
-TEST(EasyTextTest, WithoutMemoryThereIsNothing) {
+TEST(EasyTextTest, AnswersNothingWithoutMemoryAndReportsIt) {
     StdoutCapture capture;
     {
         const pztest::MemoryShortage shortage;
@@ -75,14 +75,14 @@ TEST(EasyTextTest, WithoutMemoryThereIsNothing) {
                                    "no memory for a text of 33 bytes"));
 }
 
-TEST(EasyTextTest, WithoutAMatchNoPageIsDetected) {
+TEST(EasyTextTest, DetectsNoPageWithoutAMatch) {
     EXPECT_EQ(std::nullopt, pz::detect(""));
     StdoutCapture capture;  // this process has no ICU
     EXPECT_EQ(std::nullopt, pz::detect("text"));
     EXPECT_NE(std::string::npos, capture.Take().find("no ICU in this process"));
 }
 
-TEST(EasyTextTest, AnswersNothingForAPageThatThereIsNot) {
+TEST(EasyTextTest, AnswersNothingForAnUnknownPage) {
     const StdoutCapture capture;
     for (const int page : {-1, 53, 1000}) {
         EXPECT_FALSE(pz::to_utf8("text", static_cast<EN_XCP>(page))) << page;

@@ -207,7 +207,7 @@ TEST_F(EasyTimerTest, MayBeStoppedOrDestroyedByItsOwnFunction) {
     EXPECT_EQ(1, runs);
 }
 
-TEST_F(EasyTimerTest, EndsWithItsWorker) {
+TEST_F(EasyTimerTest, RunsNoMoreOnceItsWorkerIsStopped) {
     std::atomic<int> runs{0};
     pz::Timer timer = worker.every(1ms, [&] { ++runs; });
     ASSERT_TRUE(wait_until([&] { return runs > 0; }));
@@ -230,7 +230,7 @@ TEST_F(EasyTimerTest, MayOutliveWorkerAndFramework) {
     EXPECT_TRUE(timer->stop());
 }
 
-TEST_F(EasyTimerTest, IsMovedWithItsFunction) {
+TEST_F(EasyTimerTest, AMovedTimerKeepsItsFunction) {
     std::atomic<int> runs{0};
     std::atomic<int> others{0};
     pz::Timer first = worker.every(1ms, [&] { ++runs; });
@@ -249,7 +249,7 @@ TEST_F(EasyTimerTest, IsMovedWithItsFunction) {
     EXPECT_FALSE(third);
 }
 
-TEST_F(EasyTimerTest, RefusesWhatIsNoPeriodNoFunctionOrNoWorker) {
+TEST_F(EasyTimerTest, RefusesAPeriodBelowOneMillisecondAnEmptyFunctionAndAStoppedWorker) {
     StdoutCapture capture;
     EXPECT_FALSE(worker.every(0ms, [] {}));
     EXPECT_FALSE(worker.every(-1ms, [] {}));
@@ -322,7 +322,7 @@ TEST_F(EasyTimerTest, ALackOfMemoryIsAnsweredWithNoTimer) {
     EXPECT_TRUE(isStarted);
 }
 
-TEST_F(EasyTimerTest, TimesWithoutEndNeverCome) {
+TEST_F(EasyTimerTest, ATimerOfAnEndlessTimeNeverRuns) {
     std::atomic<int> runs{0};
     pz::Timer period = worker.every(std::chrono::milliseconds::max(), [&] { ++runs; });
     pz::Timer once = worker.after(std::chrono::milliseconds::max(), [&] { ++runs; });

@@ -365,7 +365,7 @@ TEST_F(EasyWorkerTest, AFunctionMayOwnItsWorker) {
     EXPECT_TRUE(wait_until([&] { return run.load(); }));
 }
 
-TEST_F(EasyWorkerTest, MovesItsThreadAlong) {
+TEST_F(EasyWorkerTest, AMovedWorkerKeepsItsThread) {
     pz::Worker first("first");
     pz::Worker second(std::move(first));
     EXPECT_FALSE(first);
@@ -387,7 +387,7 @@ TEST_F(EasyWorkerTest, MovesItsThreadAlong) {
     EXPECT_TRUE(third.call([] {}));
 }
 
-TEST_F(EasyWorkerTest, TakesItsOptions) {
+TEST_F(EasyWorkerTest, ItsThreadHasThePriorityAndTheWatchTimeOfItsOptions) {
     pz::WorkerOptions options;
     options.priority = en_WORKER_PRIORITY_LOW;
     options.watch_time = 1234ms;
@@ -406,7 +406,7 @@ TEST_F(EasyWorkerTest, TakesItsOptions) {
     EXPECT_EQ(1234U, answer->second);
 }
 
-TEST_F(EasyWorkerTest, OptionsThatAreOutOfRangeCountAsTheNearestThatAreNot) {
+TEST_F(EasyWorkerTest, OptionsOutOfRangeCountAsTheNearestInRange) {
     const auto seen = [](EN_WORKER_PRIORITY priority, std::chrono::milliseconds watchTime) {
         pz::WorkerOptions options;
         options.priority = priority;
@@ -492,7 +492,7 @@ TEST_F(EasyWorkerTest, AnswersALackOfMemoryAndGoesOn) {
     EXPECT_EQ(accepted * static_cast<int>(large.bytes.size()), sum);
 }
 
-TEST_F(EasyWorkerTest, AWorkerWithoutMemoryIsFalse) {
+TEST_F(EasyWorkerTest, AWorkerThatFindsNoMemoryIsFalse) {
     const StdoutCapture capture;
     bool isStarted = false;
     for (int skip = 0; !isStarted; ++skip) {
@@ -541,7 +541,7 @@ TEST_F(EasyWorkerTest, AFunctionOfUpTo200BytesIsPostedWithoutAnAllocation) {
     EXPECT_EQ(kPosts * (200 - static_cast<int>(sizeof(void*)) + 1), sum);
 }
 
-TEST_F(EasyWorkerTest, PlainAndOtherFunctionsShareRoomAndOrder) {
+TEST_F(EasyWorkerTest, PlainAndOtherFunctionsShareOneRoomAndOneOrder) {
     pz::Worker worker("tuner");
     std::vector<int> order;
     {
