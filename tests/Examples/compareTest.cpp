@@ -100,7 +100,7 @@ std::string end_by_signal() {
 
 class compareTest : public testing::TestWithParam<std::string> {};
 
-TEST_P(compareTest, DoesTheJob) {
+TEST_P(compareTest, PrintsTheExpectedOutputOfItsJob) {
     const TempDir dir;
     const std::string job = GetParam().substr(0, GetParam().find('/'));
     const std::string expected = read_file(kSources + job + "/expected");
@@ -122,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Programs, compareTest, testing::ValuesIn(programs()),
                              return name;
                          });
 
-TEST(compareFolderTest, HasAProgramOfOursForEveryJob) {
+TEST(compareFolderTest, EveryJobHasAProgramOfOursAndOneToCompareItWith) {
     ASSERT_EQ(12U, jobs().size());
     const std::vector<std::string> built = programs();
     for (const std::string& job : jobs()) {
@@ -175,7 +175,7 @@ TEST(compareLinesTest, OursIsNeverLongerThanTheShortestOther) {
     }
 }
 
-TEST(compareLinesTest, CountsCodeOnly) {
+TEST(compareLinesTest, CountsNoCommentsAndBlankLines) {
     const TempDir dir;
     run_command("mkdir -p " + dir.File("scripts") + " " + dir.File("examples/compare/text") +
                 " && cp " PZ_ROOT "/scripts/compare-lines " + dir.File("scripts") +

@@ -209,7 +209,7 @@ TEST(feedTest, DrawsAProgressLineOnATerminalOnly) {
     EXPECT_EQ(std::string::npos, feed(path).output.find("messages/s"));
 }
 
-TEST(feedTest, TellsItsUsage) {
+TEST(feedTest, TellsItsUsageAndRefusesUnknownOptions) {
     EXPECT_EQ(0, feed("--help").status);
     EXPECT_NE(std::string::npos, feed("--help").output.find("usage: pz_feed [--flood] FILE..."));
     EXPECT_EQ(2, feed("").status);

@@ -301,7 +301,7 @@ TEST_F(scanTest, CtrlCStopsEarlyWithWhatWasFound) {
     EXPECT_FALSE(rows_of(read_file(output), File("endless")).empty());
 }
 
-TEST_F(scanTest, TellsItsUsage) {
+TEST_F(scanTest, TellsItsUsageAndRefusesBadArguments) {
     EXPECT_EQ(0, run_command(PZ_SCAN " --help").status);
     EXPECT_TRUE(contains(run_command(PZ_SCAN " --help").output, "usage: pz_scan [OPTION]... "));
     EXPECT_EQ(2, run_command(PZ_SCAN " 2>&1").status);

@@ -39,7 +39,7 @@ std::vector<std::string> programs() {
 
 class smallTest : public testing::TestWithParam<std::string> {};
 
-TEST_P(smallTest, PrintsWhatIsExpected) {
+TEST_P(smallTest, PrintsTheOutputThatIsStoredBesideIt) {
     const TempDir dir;
     const std::string expected = read_file(PZ_SOURCES "/" + GetParam() + ".expected");
     ASSERT_FALSE(expected.empty());
@@ -67,6 +67,6 @@ TEST_P(smallTest, IsListedInTheReadme) {
 INSTANTIATE_TEST_SUITE_P(Programs, smallTest, testing::ValuesIn(programs()),
                          [](const auto& program) { return program.param; });
 
-TEST(smallFolderTest, HoldsAProgramForEveryExpectedOutput) {
+TEST(smallFolderTest, EveryExpectedOutputBelongsToAProgram) {
     EXPECT_EQ(names_with(".cpp"), names_with(".expected"));
 }

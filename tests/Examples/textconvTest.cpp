@@ -236,7 +236,7 @@ TEST(textconvTest, RefusesAFileThatIsTooLarge) {
     expect_failure(1, "-f ASCII " + dir.File("large"), "it has more than 64 MiB\n");
 }
 
-TEST(textconvTest, TellsItsUsage) {
+TEST(textconvTest, TellsItsUsageAndRefusesBadArguments) {
     const CommandResult help = textconv("--help");
     EXPECT_EQ(0, help.status);
     EXPECT_NE(std::string::npos,

@@ -445,7 +445,7 @@ TEST_F(twoprocessTest, ADisplayAttachesAgainWhenATunerHasRemovedTheGuard) {
     ExpectNothingLeftBehind();
 }
 
-TEST_F(twoprocessTest, ATunerMakesTheMutexAfreshThatADisplayDiedWith) {
+TEST_F(twoprocessTest, ATunerReplacesTheMutexThatADisplayDiedWith) {
     const ProgramPtr tuner = StartTuner();
     ASSERT_TRUE(WaitForSetting("tuner.run", "1"));
     ASSERT_TRUE(wait_until([this] { return DieWithTheMutex(); }));
@@ -467,7 +467,7 @@ TEST_F(twoprocessTest, AMutexThatIsHeldMakesNoLineInTheLogEachTime) {
     ExpectNothingLeftBehind();
 }
 
-TEST_F(twoprocessTest, ATunerMakesTheMutexAfreshThatATunerDiedWith) {
+TEST_F(twoprocessTest, ATunerReplacesTheMutexThatATunerDiedWith) {
     const ProgramPtr killed = StartTuner();
     const ProgramPtr display = StartDisplay();
     ASSERT_TRUE(WaitForListener("1", "1"));
@@ -587,7 +587,7 @@ TEST_F(twoprocessTest, AQueueThatCannotBeOpenedEndsADisplay) {
     EXPECT_EQ("pz_display: the queue . cannot be opened\n", result.output);
 }
 
-TEST_F(twoprocessTest, TellsItsUsage) {
+TEST_F(twoprocessTest, BothTellTheirUsageAndRefuseBadArguments) {
     const std::string good = " --dir " + dir.Path() + " --queue " + queue.Text();
     for (const std::string program : {PZ_TUNER, PZ_DISPLAY}) {
         SCOPED_TRACE(program);

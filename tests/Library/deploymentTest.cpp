@@ -162,7 +162,7 @@ bool may_open_queue(rlim_t limitBytes) {
 
 class deviceFileTest : public testing::TestWithParam<const char*> {};
 
-TEST_P(deviceFileTest, EveryLineIsExplainedAndNoOther) {
+TEST_P(deviceFileTest, EachOfItsLinesAndNoOtherIsExplained) {
     EXPECT_FALSE(settings_of(GetParam()).empty());
     EXPECT_EQ(settings_of(GetParam()), explained_lines_of(GetParam()));
 }

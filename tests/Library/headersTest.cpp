@@ -50,7 +50,7 @@ CommandResult compile_lines(const std::string& lines) {
 
 }  // namespace
 
-TEST(headersTest, EveryHeaderCompilesBehindTheMacrosOfQt) {
+TEST(headersTest, EveryHeaderCompilesAfterTheMacrosOfQt) {
     const std::string macros =
         "#define signals public\n#define slots\n#define emit\n#define forever for (;;)\n"
         "#define foreach(variable, container) for (variable : container)\n";
@@ -68,7 +68,7 @@ TEST(headersTest, EveryHeaderCompilesBehindTheMacrosOfQt) {
     EXPECT_EQ(0, result.status) << result.output;
 }
 
-TEST(headersTest, NoneWarnsInAProgramThatAsksForManyWarnings) {
+TEST(headersTest, NoHeaderWarnsInAProgramThatAsksForManyWarnings) {
     const std::string warnings =
         "-Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Weffc++ "
         "-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wcast-qual "

@@ -47,7 +47,7 @@ TEST(manPagesTest, RenderWithoutWarnings) {
     for (const std::string& page : pages) EXPECT_EQ("", complaints_about(page)) << page;
 }
 
-TEST(manPagesTest, AFaultIsNoticed) {
+TEST(manPagesTest, AnUnknownMacroInAPageIsNoticed) {
     const pztest::TempDir dir;
     pztest::write_file(dir.File("faulty.1"), ".TH FAULTY 1\n.SH NAME\n.NOSUCHMACRO\n");
     EXPECT_NE("", complaints_about(dir.File("faulty.1")));

@@ -162,7 +162,7 @@ TEST(processTest, TheLibraryStaysLoaded) {
     EXPECT_NE(std::string::npos, flags.output.find("NODELETE")) << flags.output;
 }
 
-TEST(processTest, OnlySigpipeIsHandledOtherwise) {
+TEST(processTest, TheFrameworkChangesTheHandlingOfSigpipeOnly) {
     in_child([] {
         auto expected = signal_handling();
         expected[SIGPIPE - 1] = SIG_IGN;
@@ -170,7 +170,7 @@ TEST(processTest, OnlySigpipeIsHandledOtherwise) {
     });
 }
 
-TEST(processTest, KeepsItsSettings) {
+TEST(processTest, TheFrameworkLeavesTheSettingsOfTheProcessAlone) {
     in_child([] {
         umask(027);
         const std::string before = settings();
