@@ -232,7 +232,7 @@ std::vector<std::string> all_names() {
 
 }  // namespace
 
-TEST_F(doctorTest, FindsAMachineWithEverythingGreen) {
+TEST_F(doctorTest, FindsEverythingGreenOnAGoodMachine) {
     GoodMachine();
     const CommandResult doctor = Doctor();
     EXPECT_EQ(Table(pztest::golden("doctor_good_machine.txt")), doctor.output);
@@ -281,7 +281,7 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
     EXPECT_EQ(20, doctor.status);
 }
 
-TEST_F(doctorTest, FindsARestrictionYellow) {
+TEST_F(doctorTest, ShowsLimitsBelowTheRecommendedAsYellow) {
     GoodMachine();
     File("/proc/self/limits", limits("1023", "255", "71680", "30"));
     File("/proc/sys/fs/mqueue/msg_max", "255\n");
@@ -292,7 +292,7 @@ TEST_F(doctorTest, FindsARestrictionYellow) {
     EXPECT_EQ(0, doctor.status);
 }
 
-TEST_F(doctorTest, DrawsTheLineBetweenColoursExactly) {
+TEST_F(doctorTest, TheColourChangesExactlyAtTheLimit) {
     GoodMachine();
     const auto status = [this](const std::string& check) {
         const std::string table = Doctor(check).output;
@@ -610,7 +610,7 @@ TEST_F(doctorTest, ItsManualDescribesEveryCheckAndOption) {
     }
 }
 
-TEST_F(doctorTest, RefusesWhatItDoesNotKnow) {
+TEST_F(doctorTest, RefusesUnknownOptionsAndChecksAndBadFolders) {
     const auto refused = [](const std::string& arguments, const std::string& problem) {
         const CommandResult doctor = run_doctor(arguments);
         EXPECT_EQ("pz-doctor: " + problem + "\nTry pz-doctor --help.\n", doctor.output);
@@ -628,7 +628,7 @@ TEST_F(doctorTest, RefusesWhatItDoesNotKnow) {
     refused("--list temp-folder", "no check with --zones or --list");
 }
 
-TEST_F(doctorTest, SaysHowItIsUsed) {
+TEST_F(doctorTest, PrintsItsUsageAndItsVersion) {
     const CommandResult help = run_doctor("--help");
     EXPECT_EQ(0U, help.output.find("usage: pz-doctor "));
     EXPECT_EQ(0, help.status);
@@ -681,7 +681,7 @@ TEST(doctorReportTest, AsksRootForWhatItsUserMayNotDo) {
     EXPECT_EQ(std::string::npos, table_text(report, false).find("ask root"));
 }
 
-TEST_F(doctorTest, KnowsWhatItsUserMayRepair) {
+TEST_F(doctorTest, TellsRepairsOfItsUserFromThoseOfRoot) {
     const Machine machine(Root());
     const auto may = [&machine](const std::vector<Check>& family, const std::string& name) {
         const Finding finding = find(machine, family, name);
@@ -749,7 +749,7 @@ TEST(doctorLiveTest, EndsWithTheNumberOfRedsOfThisMachine) {
     }
 }
 
-TEST(doctorLiveTest, ReadsWhatItInherits) {
+TEST(doctorLiveTest, ReadsTheLimitsThatItInherits) {
     const auto first_row = [](const std::string& before, const std::string& check) {
         const std::string table =
             run_command("bash -c '" + before + " " PZ_DOCTOR " " + check + "'").output;

@@ -313,7 +313,7 @@ TEST(gdbPrintersTest, ShowsObjectsOfZerosAsNotCreated) {
     });
 }
 
-TEST(gdbPrintersTest, LivesWithGarbageAndNullInEveryClass) {
+TEST(gdbPrintersTest, PrintsGarbageAndNullOfEveryClassWithoutAnError) {
     std::vector<std::string> commands;
     for (const char* type :
          {"PZString", "PZBinary", "PZSerialization::Archive", "PZSync", "PZEvent", "PZLMsgBox",

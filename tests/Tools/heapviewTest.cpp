@@ -296,7 +296,7 @@ TEST(HeapviewTest, ShowsWhatATruncatedReportStillHolds) {
 }
 
 /// No cut and no exchanged byte makes it fail other than by its own lines.
-TEST(HeapviewTest, SurvivesHostileReportsAndMaps) {
+TEST(HeapviewTest, AnswersHostileReportsAndMapsWithItsOwnLinesOnly) {
     const LeakyRun run;
     const std::string report = read_file(run.Report());
     const std::string map = read_file(run.Map());

@@ -47,7 +47,7 @@ TEST(limitsTest, ThePageHoldsWhatIsMeasured) {
 }
 
 // The rest of the table is not the same on every machine, but follows from these rows.
-TEST(limitsTest, TheRowOfWorkersFollowsFromTheDescriptors) {
+TEST(limitsTest, TheNumberOfWorkersFollowsFromTheNumberOfDescriptors) {
     const Table table = page();
     const auto number = [&table](const char* quantity) { return std::stoi(table.at(quantity)); };
     const int started =

@@ -73,7 +73,7 @@ TEST(newApplicationScriptTest, PrintsItsManual) {
     EXPECT_EQ(2, run_script("only-a-name").status);
 }
 
-TEST(newApplicationScriptTest, RefusesWhatIsNoName) {
+TEST(newApplicationScriptTest, RefusesNamesThatNoApplicationMayHave) {
     const TempDir dir;
     for (const char* name : {"''", "x", "Radio", "9radio", "my_radio", "radio-", "../x", "'a b'",
                              "sixteen-letters-", "sixteenlettersxx", "units", "test", "'a;b'"}) {
@@ -98,7 +98,7 @@ TEST(newApplicationScriptTest, RefusesAFolderThatExistsOrHasNoPlace) {
     EXPECT_FALSE(std::filesystem::exists(dir.File("new")));
 }
 
-TEST(newApplicationScriptTest, RenamesEverything) {
+TEST(newApplicationScriptTest, LeavesNoNameOfTheTemplate) {
     const TempDir dir;
     const CommandResult result = run_command("DEBFULLNAME='A & B' DEBEMAIL=ab@example.org " +
                                              std::string(kScript) + "radio " + dir.File("new"));

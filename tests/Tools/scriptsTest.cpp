@@ -59,7 +59,7 @@ TEST(TestScriptTest, RefusesAnAreaThatDoesNotExist) {
     EXPECT_NE(std::string::npos, result.output.find("unknown argument NoSuchArea"));
 }
 
-TEST(ProgressOfScriptsTest, LeavesOutWhatCountsAndPassesFailures) {
+TEST(ProgressOfScriptsTest, HidesStepsThatSucceedAndPrintsFailures) {
     const auto result = pztest::run_command(
         ". " + kScripts +
         "shell-library.sh; printf '%s\\n' '[1/2] Building a' 'FAILED: a' ' 1/2 Test  #1: x ...   "

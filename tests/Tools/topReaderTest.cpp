@@ -131,7 +131,7 @@ TEST_F(topReaderTest, RefusesAnotherVersionAndTellsIt) {
     EXPECT_EQ(2U, version);
 }
 
-TEST_F(topReaderTest, RefusesWhatIsNoTable) {
+TEST_F(topReaderTest, RefusesATableWithABadMarkOrBadSizes) {
     table.magic[0] = 'p';
     EXPECT_EQ(ReadResult::Unreadable, Read());
     table = empty_table();
@@ -156,7 +156,7 @@ TEST_F(topReaderTest, ReadsListsOldestFirst) {
     EXPECT_EQ(Activity::Idle, seen.boxes[0].now.state);
 }
 
-TEST_F(topReaderTest, LeavesACycle) {
+TEST_F(topReaderTest, StopsInAListThatLeadsBackToItself) {
     table.boxes = kFirst;
     memory.Put(kFirst, box_of(1, kSecond));
     memory.Put(kSecond, box_of(2, kFirst));
@@ -237,7 +237,7 @@ TEST_F(topReaderTest, DoesNotBelieveAHandlerThatChangesBetweenTwoReads) {
     EXPECT_EQ(Activity::Changing, seen.boxes[0].now.state);
 }
 
-TEST_F(topReaderTest, TakesImpossibleValuesForUnknown) {
+TEST_F(topReaderTest, TakesImpossibleValuesAsUnknown) {
     table.boxes = kFirst;
     Box box = box_of(1, 0);
     box.dispatcher = 0xABC;
@@ -338,7 +338,7 @@ TEST(topTextTest, KeepsLettersOfAllScriptsAndNothingElse) {
     EXPECT_EQ("\"a\\\"b\\\\\"", json_string("a\"b\\"));
 }
 
-TEST(topTextTest, SaysDurationsAndSizesInTheirUnits) {
+TEST(topTextTest, WritesDurationsAndSizesWithTheirUnits) {
     EXPECT_EQ("999 ms", duration(999));
     EXPECT_EQ("1.5 s", duration(1500));
     EXPECT_EQ("2.0 min", duration(120000));
@@ -367,7 +367,7 @@ TEST(topViewTest, CountsRatesAcrossTheWrapAndOnlyInOneProcess) {
     EXPECT_FALSE(view_of(&before, now).threads[0].perSecond) << "another process of that number";
 }
 
-TEST(topViewTest, HangsMeansLongerThanTheWatchTime) {
+TEST(topViewTest, AHandlerHangsWhenItRunsLongerThanTheWatchTime) {
     Reading now;
     now.tasks = {{6, 6, "worker", 'S', 0, 0}};
     now.inspection.threads = {{6, 1, "worker", 251, 500}};

@@ -464,7 +464,7 @@ TEST(topTest, EndsWithTheProcessThatItLooksAt) {
     EXPECT_EQ(0, WEXITSTATUS(pclose(looks)));
 }
 
-TEST(topTest, SaysThatThereIsNothing) {
+TEST(topTest, SaysThatThereIsNoSuchProcess) {
     Program program("end");
     const std::string pid = program.PidText();
     program.End();
@@ -547,7 +547,7 @@ TEST(topTest, ListsAProcessOfAnotherReleaseWithItsTablesVersion) {
     ADD_FAILURE() << "not listed";
 }
 
-TEST(topTest, RefusesWhatItDoesNotUnderstand) {
+TEST(topTest, RefusesUnknownOptionsAndBadValues) {
     EXPECT_EQ(2, top("--no-such-option").status);
     EXPECT_EQ(2, top("--interval 5").status);
     EXPECT_EQ(2, top("--interval x").status);
@@ -685,7 +685,7 @@ private:
 
 }  // namespace
 
-TEST(topScreenTest, ObeysItsKeys) {
+TEST(topScreenTest, ItsKeysSortPauseChangeTheViewAndEndIt) {
     Program program("hang");
     program.Counted();
     Screen screen(program.PidText());

@@ -101,7 +101,7 @@ TEST(traceLiveTest, ShowsWhatAProgramHasCountedItself) {
     EXPECT_TRUE(contains(exported, "patient")) << exported;
 }
 
-TEST(traceLiveTest, RecordsTheDemo) {
+TEST(traceLiveTest, ARecordingOfTheDemoHoldsTheEndOfEveryMessageAndWorker) {
     const TempDir folder;
     const std::string file = folder.File("data");
     if (!record(file, "-- " PZ_SCAN " " PZ_ROOT "/examples/data")) return;

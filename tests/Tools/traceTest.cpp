@@ -177,7 +177,7 @@ TEST(traceTest, KnowsAMessageOfAQueueThatIsReceivedBeforeItsSenderHasSaidSo) {
               checked_export(recording.Path()));
 }
 
-TEST(traceTest, ReadsWhatRealRunsHavePassed) {
+TEST(traceTest, ReadsTheRecordingsOfRealRuns) {
     for (const char* name : {PZ_DATA "/trace_scan.txt", PZ_DATA "/trace_twoprocess.txt"}) {
         const std::string text = read_file(name);
         const CommandResult shown = run_trace(std::string("show ") + name);
@@ -365,7 +365,7 @@ TEST(traceTest, PrintsWhatTheTerminalHasNoLettersForAsQuestionMarks) {
 }
 
 /// Stands for a fuzz target, which Python has none of.
-TEST(traceTest, SurvivesHostileRecordings) {
+TEST(traceTest, ShowsHostileRecordingsOrRefusesThemWithOneLine) {
     const CommandResult run = run_command(PZ_PYTHON " " PZ_TRACE_MUTATE " " PZ_TRACE " " PZ_DATA
                                                     "/trace_scan.txt 60 2>&1");
     EXPECT_EQ(0, run.status) << run.output;
