@@ -400,7 +400,7 @@ TEST_F(PZClockTest, ReadsTheRealClock) {
     EXPECT_LE(now, std::time(nullptr) + 1);
 }
 
-TEST_F(PZClockTest, TellsTheTimeAsLateAsTheMachineCan) {
+TEST_F(PZClockTest, TellsTimesAfter2038WhereTheMachineCountsThem) {
     if constexpr (sizeof(time_t) > sizeof(int)) {
         SetNow(0x100000000LL);
         EXPECT_TRUE(PZClock::GetUtc(&clock));
@@ -439,7 +439,7 @@ TEST_F(PZClockTest, ReportsThatTheCurrentTimeCannotBeConverted) {
     EXPECT_CLOCK(kUntouched, clock);
 }
 
-TEST_F(PZClockTest, ReportsANullRecordEverywhere) {
+TEST_F(PZClockTest, EveryOperationReportsANullRecord) {
     EXPECT_FALSE(PZClock::GetUtc(nullptr));
     EXPECT_TRUE(has_report(output.Take(), "GetUtc", "PZClock.cpp", "invalid arg"));
     EXPECT_FALSE(PZClock::GetLocal(nullptr));
@@ -499,7 +499,7 @@ TEST_F(PZClockTest, ConvertsToUtcOnSeveralThreadsAtOnce) {
     EXPECT_EQ(0, wrong);
 }
 
-TEST_F(PZClockTest, ReadsTheZoneAnewWithEveryLocalTime) {
+TEST_F(PZClockTest, ReadsTheZoneAgainForEveryLocalTime) {
     SetNow(kMorningSeconds);
     EXPECT_TRUE(PZClock::GetLocal(&clock));
     EXPECT_CLOCK(kMorning, clock);
@@ -525,7 +525,7 @@ TEST_F(PZClockTest, ConvertsSecondsToDaylightSavingTime) {
     EXPECT_CLOCK((Clock{2024, 3, 0, 31, 5, 0, 0}), clock);
 }
 
-TEST_F(PZClockTest, KnowsLeapDays) {
+TEST_F(PZClockTest, ConvertsLeapDaysAndTheDaysAfterThem) {
     EXPECT_TRUE(PZClock::ToUtcTime(951782400, &clock));
     EXPECT_CLOCK((Clock{2000, 2, 2, 29, 0, 0, 0}), clock);
     EXPECT_TRUE(PZClock::ToUtcTime(951868800, &clock));
@@ -534,7 +534,7 @@ TEST_F(PZClockTest, KnowsLeapDays) {
     EXPECT_CLOCK((Clock{2023, 3, 3, 1, 0, 0, 0}), clock);
 }
 
-TEST_F(PZClockTest, EndsIn2038AndGoesOnIn1901) {
+TEST_F(PZClockTest, SecondsBeyond2038AreTimesFrom1901) {
     EXPECT_TRUE(PZClock::ToUtcTime(0x7FFFFFFF, &clock));
     EXPECT_CLOCK((Clock{2038, 1, 2, 19, 3, 14, 7}), clock);
     EXPECT_TRUE(PZClock::ToUtcTime(0x80000000, &clock));
@@ -885,7 +885,7 @@ TEST_F(PZClockTest, WaitsForTheDateProgram) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZClockTest, LooksNotAtTheExitStatusOfTheDateProgram) {
+TEST_F(PZClockTest, IgnoresTheExitStatusOfTheDateProgram) {
     date_program = &exit_with_1;
     clock = kMorning;
     EXPECT_TRUE(PZClock::SetLocal(&clock));
@@ -1209,7 +1209,7 @@ std::string gmt_file(int quarter) {
 
 }  // namespace
 
-TEST_F(PZClockZoneTest, HasTheTableOfTheAreas) {
+TEST_F(PZClockZoneTest, ItsTableHasHoursAndFileOfEveryArea) {
     ASSERT_EQ(84U, kAreaCount);
     ASSERT_EQ(84U, sizeof PZClock::timeZoneTbl_ / sizeof *PZClock::timeZoneTbl_);
     for (unsigned int i = 0; i < kAreaCount; ++i) {
@@ -1230,7 +1230,7 @@ TEST_F(PZClockZoneTest, NamesTheAreasAfterTheirCities) {
     EXPECT_EQ(9, static_cast<int>(TimeZone::en_AREA_CENTRAL_AMERICA));
 }
 
-TEST_F(PZClockZoneTest, HasTheTableOfTheOffsets) {
+TEST_F(PZClockZoneTest, ItsTableHasTheFileOfEveryQuarterHourOffset) {
     ASSERT_EQ(111U, sizeof PZClock::timeZoneGmtTbl_ / sizeof *PZClock::timeZoneGmtTbl_);
     for (int row = 0; row < 111; ++row) {
         const int quarter = kFirstQuarter - row;
@@ -1395,19 +1395,19 @@ TEST_F(PZClockZoneTest, LooksAtTheStandardTimeAbbreviationOnly) {
     std::strcpy(daylight_name, "XDT");
 }
 
-TEST_F(PZClockZoneTest, TriesTwentyTimesForNineHours) {
+TEST_F(PZClockZoneTest, TriesTwentyTimesForAnOffsetOfNineHours) {
     zone_names = {"JST"};
     EXPECT_TRUE(PZClock::SetTimeZone(540));
     EXPECT_EQ(4U + 20U * 5U, steps.size());
 }
 
-TEST_F(PZClockZoneTest, DoesNotWaitForTokyo) {
+TEST_F(PZClockZoneTest, CopiesOnlyOnceForTokyo) {
     zone_names = {"JST"};
     EXPECT_TRUE(PZClock::SetTimeZone(TimeZone::en_AREA_TOKYO));
     EXPECT_EQ((Steps{copy_step(kTokyo), "sync", "tzset", "print"}), steps);
 }
 
-TEST_F(PZClockZoneTest, FailsForTokyoWithItsOnlyCopy) {
+TEST_F(PZClockZoneTest, FailsForTokyoWhenItsOnlyCopyFails) {
     StartFrom("JST");
     copy_results = {false};
     EXPECT_FALSE(PZClock::SetTimeZone(TimeZone::en_AREA_TOKYO));
@@ -1576,7 +1576,7 @@ TEST_F(PZClockZoneFileTest, TakesEffectHoweverSoonItFollowsAnother) {
     EXPECT_EQ(42, result.status) << result.output;
 }
 
-TEST_F(PZClockZoneFileTest, IsLaterByASecondThanTheOneBefore) {
+TEST_F(PZClockZoneFileTest, IsAtLeastOneSecondLaterThanTheOneBefore) {
     ASSERT_TRUE(PZClock::SetTimeZone(60));
     for (int i = 0; i < 5; ++i) {
         const time_t before = Status().st_mtim.tv_sec;
@@ -1636,7 +1636,7 @@ TEST_F(PZClockZoneFileTest, IsNeverSeenInPart) {
     EXPECT_EQ(compiled_zone(3600, "DEF"), Active());
 }
 
-TEST_F(PZClockZoneFileTest, LeavesNothingElseBehind) {
+TEST_F(PZClockZoneFileTest, LeavesNoOtherFileInItsFolder) {
     EXPECT_TRUE(PZClock::SetTimeZone(60));
     EXPECT_NE("", made_folder);
     EXPECT_EQ(-1, ::access(made_folder.c_str(), F_OK));
@@ -1704,7 +1704,7 @@ TEST_F(PZClockZoneFileTest, IsNotWrittenThroughALinkOrAPipeThatCannotBeReplaced)
     mkdtemp_call.Reset();
 }
 
-TEST_F(PZClockZoneFileTest, IsNoPlaceForADirectory) {
+TEST_F(PZClockZoneFileTest, LeavesADirectoryInItsPlaceAndReportsIt) {
     ASSERT_EQ(0, ::mkdir(zone_file_copy.c_str(), 0755));
     StartFrom("XST");
     EXPECT_FALSE(PZClock::SetTimeZone(60));

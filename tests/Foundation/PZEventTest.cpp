@@ -404,7 +404,7 @@ TEST_F(PZEventTest, HasNoPipeThatCouldOnlyTakeTheStandardDescriptors) {
     EXPECT_EQ(1U, error_messages(child.output).size());
 }
 
-TEST_F(PZEventTest, WorksWhenItsPipeCannotBeConfigured) {
+TEST_F(PZEventTest, ServesSetsAndWaitsWhenItsPipeCannotBeConfigured) {
     StdoutCapture output;
     fcntl_fails = true;
     fcntl_calls = 0;
@@ -878,7 +878,7 @@ TEST_F(PZEventTest, AnswersAnErrorToAMultipleWaitForNothing) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZEventTest, AnswersMinus1FromTheEngineToAWaitForNothing) {
+TEST_F(PZEventTest, TheEngineAnswersMinus1ToAWaitForNothing) {
     StdoutCapture output;
     EXPECT_EQ(-1, PZEvent::timedMultiWait(2, nullptr, false, kNoLimit));
     EXPECT_EQ(-1, PZEvent::timedMultiWait(2, nullptr, true, kNoLimit));
@@ -887,7 +887,7 @@ TEST_F(PZEventTest, AnswersMinus1FromTheEngineToAWaitForNothing) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZEventTest, AnswersFromTheEngineLikeAMultipleWait) {
+TEST_F(PZEventTest, TheEngineAnswersLikeAMultipleWait) {
     EXPECT_EQ(kTimedOut, PZEvent::timedMultiWait(2, both, false, 0));
     b.Set(1);
     EXPECT_EQ(1, PZEvent::timedMultiWait(2, both, false, kNoLimit));
@@ -1140,7 +1140,7 @@ void* wait_without_limit(void* event) {
     return nullptr;
 }
 
-TEST_F(PZEventTest, LetsAThreadGoThatIsCancelledInAWaitAndLeavesNoDescriptor) {
+TEST_F(PZEventTest, ACancelledThreadLeavesAWaitAndNoDescriptor) {
     epoll_wait_call.Replace(count_and_wait);
     const int before = open_descriptors();
     for (int round = 0; round < 20; ++round) {
@@ -1161,7 +1161,7 @@ void* poll_until_cancelled(void* event) {
     for (;;) static_cast<PZEvent*>(event)->WaitEvent(0);
 }
 
-TEST_F(PZEventTest, LetsAThreadGoThatIsCancelledBetweenAnyTwoSteps) {
+TEST_F(PZEventTest, AThreadMayBeCancelledBetweenAnyTwoStepsOfAWait) {
     const int before = open_descriptors();
     for (int round = 0; round < 200; ++round) {
         pthread_t thread = {};

@@ -230,7 +230,7 @@ ssize_t copy_a_part(int in, off64_t* inOffset, int out, off64_t* outOffset, size
 
 }  // namespace
 
-TEST_F(PZFileSysCopyTest, LetsTheKernelCopy) {
+TEST_F(PZFileSysCopyTest, TheKernelCopiesAFileWithoutTheBuffer) {
     const std::string src = Make("src", some_bytes(300000));
     fwrite_call.Replace(record_write);
     watching = true;
@@ -313,7 +313,7 @@ TEST_F(PZFileSysCopyTest, CopiesWhatAGrowingFileHasGotMeanwhile) {
     EXPECT_EQ(some_bytes(5000) + "more", pztest::read_file(dir.File("dst")));
 }
 
-TEST_F(PZFileSysCopyTest, CopiesWidePaths) {
+TEST_F(PZFileSysCopyTest, CopiesFilesOfWidePaths) {
     const std::string src = Make("\xC3\xA9", "text");
     const std::wstring folder = Wide(dir.Path());
     EXPECT_TRUE(
@@ -654,7 +654,7 @@ TEST_F(PZFileSysCopyTest, MovesAFileAndLeavesItInItsPlace) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZFileSysCopyTest, MovesOntoNothingThatExists) {
+TEST_F(PZFileSysCopyTest, RefusesToMoveOntoAPathThatExists) {
     const std::string src = MakeTree();
     const std::string dst = Make("dst", "y");
     EXPECT_FALSE(PZFileSys::Move(src.c_str(), dst.c_str()));

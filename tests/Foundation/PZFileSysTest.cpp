@@ -158,7 +158,7 @@ TEST_F(PZFileSysTest, NamesTheKindOfAPathAndFollowsLinks) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZFileSysTest, HasNoKindForNullEmptyAndMissingPathsAndSaysNothing) {
+TEST_F(PZFileSysTest, AnswersNoKindForNullEmptyAndMissingPathsAndSaysNothing) {
     EXPECT_EQ(0u, PZFileSys::chkAttribute(nullptr));
     EXPECT_EQ(0u, PZFileSys::chkAttribute(""));
     EXPECT_EQ(0u, PZFileSys::chkAttribute(dir.File("none").c_str()));
@@ -175,7 +175,7 @@ TEST_F(PZFileSysTest, ReportsAKindThatCannotBeAsked) {
     EXPECT_EQ(Messages{"error[13: Permission denied]"}, Reports());
 }
 
-TEST_F(PZFileSysTest, ExistsAsAFileOrADirectoryOnly) {
+TEST_F(PZFileSysTest, CountsOnlyFilesAndDirectoriesAsExisting) {
     const std::string file = Make("f");
     EXPECT_TRUE(PZFileSys::IsExist(file.c_str()));
     EXPECT_TRUE(PZFileSys::IsExist(dir.Path().c_str()));
@@ -191,7 +191,7 @@ TEST_F(PZFileSysTest, TakesWidePathsAsUtf8) {
     EXPECT_TRUE(PZFileSys::IsExist((Wide(dir.Path()) + L"/\u00E9\U0001F3B5").c_str()));
 }
 
-TEST_F(PZFileSysTest, FailsWithoutAWordForNullAndEmptyWidePaths) {
+TEST_F(PZFileSysTest, FailsSilentlyForNullAndEmptyWidePaths) {
     PZFileSys::DiskInfo info = {1, 2, 3};
     for (const wchar_t* path : {kNoWidePath, L""}) {
         EXPECT_FALSE(PZFileSys::IsExist(path));
@@ -299,7 +299,7 @@ TEST_F(PZFileSysTest, DeletesAFileAndSyncsOnRequest) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZFileSysTest, DeletesALinkAndKeepsTheFileBehindIt) {
+TEST_F(PZFileSysTest, DeletesALinkAndKeepsTheFileItLeadsTo) {
     Make("f");
     ASSERT_EQ(0, ::symlink("f", dir.File("link").c_str()));
     EXPECT_TRUE(PZFileSys::Delete(dir.File("link").c_str(), false));
@@ -487,7 +487,7 @@ TEST_F(PZFileSysTest, PassesOverEntriesWithoutAStatus) {
     EXPECT_NE(Exists(top + "/1"), Exists(top + "/2"));
 }
 
-TEST_F(PZFileSysTest, RemovesLinksAndNothingBehindThem) {
+TEST_F(PZFileSysTest, RemovesLinksAndNothingTheyLeadTo) {
     const std::string outside = MakeDir("outside");
     Make("outside/f");
     const std::string top = MakeDir("a");
@@ -538,7 +538,7 @@ TEST_F(PZFileSysTest, StaysInADirectoryThatGivesWayToALinkWhileItIsEmptied) {
     EXPECT_EQ(0, syncs);
 }
 
-TEST_F(PZFileSysTest, EmptiesTheDirectoryBehindALinkThatIsItsPathAndKeepsTheLink) {
+TEST_F(PZFileSysTest, EmptiesTheDirectoryThatItsPathLinksToAndKeepsTheLink) {
     const std::string folder = MakeDir("a");
     Make("a/f");
     const std::string link = dir.File("link");
@@ -614,7 +614,7 @@ TEST_F(PZFileSysTest, FindsWhatMatchesThePatternWithItsCase) {
     }
 }
 
-TEST_F(PZFileSysTest, BeginsThePatternBehindTheLastSlashBeforeTheFirstStar) {
+TEST_F(PZFileSysTest, BeginsThePatternAfterTheLastSlashBeforeTheFirstStar) {
     MakeDir("d");
     Make("d/x");
     EXPECT_TRUE(files.FindFirst(dir.File("?*").c_str(), data));
@@ -634,7 +634,7 @@ TEST_F(PZFileSysTest, TakesAQuestionMarkAloneLiterally) {
     EXPECT_STREQ("f", data.name);
 }
 
-TEST_F(PZFileSysTest, FindsNothingForBadPaths) {
+TEST_F(PZFileSysTest, FindsNothingForNullEmptyAndMissingPathsFilesAndEmptyDirectories) {
     const std::string file = Make("f");
     EXPECT_FALSE(files.FindFirst(kNoPath, data));
     EXPECT_FALSE(files.FindFirst("", data));
@@ -880,7 +880,7 @@ TEST_F(PZFileSysTest, ComparesAttributesExactlyOrByOneCommonBit) {
     EXPECT_TRUE(PZFileSys::IsValidData(data, 0, true));
 }
 
-TEST_F(PZFileSysTest, KnowsHiddenNames) {
+TEST_F(PZFileSysTest, NamesWithALeadingDotAndFilesWithTheEndingCHKAreHidden) {
     const auto file = [](const std::string& name) {
         return PZFileSys::is_hidden_file(name.c_str(), static_cast<unsigned int>(name.size()));
     };
@@ -923,7 +923,7 @@ std::vector<std::string> all_texts(const std::string& alphabet, size_t length) {
 
 }  // namespace
 
-TEST_F(PZFileSysTest, MatchesPatterns) {
+TEST_F(PZFileSysTest, StarsMatchAnyTextAndOtherCharactersMatchThemselves) {
     EXPECT_EQ(0, PZFileSys::strcmp_wild("*", ""));
     EXPECT_EQ(1, PZFileSys::strcmp_wild("?", ""));
     EXPECT_EQ(0, PZFileSys::strcmp_wild("", ""));
@@ -937,7 +937,7 @@ TEST_F(PZFileSysTest, MatchesPatterns) {
     EXPECT_EQ(1, PZFileSys::strcmp_wild("a", nullptr));
 }
 
-TEST_F(PZFileSysTest, MatchesAsIfEverySkipWereTried) {
+TEST_F(PZFileSysTest, MatchesWheneverSomeLengthsOfItsStarsMatch) {
     const std::vector<std::string> names = all_texts("ab*", 6);
     unsigned int matching = 0;
     for (const std::string& pattern : all_texts("ab*?", 5)) {

@@ -258,7 +258,7 @@ TEST(PZLHeapMngTest, DescribesABlockInItsHeader) {
     Free(p);
 }
 
-TEST(PZLHeapMngTest, PutsEightBytesOf0xEEBehindTheData) {
+TEST(PZLHeapMngTest, PutsEightBytesOf0xEEAfterTheData) {
     void* p = Malloc(3);
     const std::vector<unsigned char> expected(kTrailerSize, 0xEE);
     const auto* trailer = static_cast<unsigned char*>(p) + 3;
@@ -304,7 +304,7 @@ TEST(PZLHeapMngTest, TracksABlockOfNoBytes) {
     EXPECT_EQ("", leak_report());
 }
 
-TEST(PZLHeapMngTest, FreesWithoutAWord) {
+TEST(PZLHeapMngTest, FreesWithoutPrintingAnything) {
     pztest::StdoutCapture output;
     Free(Malloc(100));
     EXPECT_EQ("", output.Take());
@@ -1118,7 +1118,7 @@ TEST_F(PZLHeapMngFileTest, IsNotWrittenWithoutAnAllocationSinceTheBeginning) {
     Free(early);
 }
 
-TEST_F(PZLHeapMngFileTest, ChangesNoAccount) {
+TEST_F(PZLHeapMngFileTest, WritingItChangesNoAccount) {
     void* p = Malloc(1);
     const std::string first = report().file;
     EXPECT_NE("", first);
@@ -1222,7 +1222,7 @@ TEST_F(PZLHeapMngFileTest, IsMissingWhereItsFolderCannotBeMade) {
     Free(p);
 }
 
-TEST_F(PZLHeapMngFileTest, IsMissingWithoutMemoryAndTheTableTells) {
+TEST_F(PZLHeapMngFileTest, IsMissingWithoutMemoryAndTheTableIsPrintedInstead) {
     const pztest::FakeSyslog syslogFolder;
     void* p = Malloc(1);
     for (int skip = 0;; ++skip) {
@@ -1239,7 +1239,7 @@ TEST_F(PZLHeapMngFileTest, IsMissingWithoutMemoryAndTheTableTells) {
     Free(p);
 }
 
-TEST_F(PZLHeapMngFileTest, IsMissingWithoutAWordWhereItCannotBeOpened) {
+TEST_F(PZLHeapMngFileTest, IsMissingWithoutAReportWhereItCannotBeOpened) {
     const pztest::FakeSyslog syslogFolder;
     void* p = Malloc(1);
     pztest::StdoutCapture output;

@@ -197,13 +197,13 @@ TEST_F(PZLMsgBoxTest, InitDoesNothingAndAnswers0) {
     EXPECT_EQ(0, box.Init());
 }
 
-TEST_F(PZLMsgBoxTest, TheTrailValueIs0) {
+TEST_F(PZLMsgBoxTest, CheckTrailAnswers1ToTheValue0Only) {
     EXPECT_EQ(1, box.CheckTrail(0));
     EXPECT_EQ(0, box.CheckTrail(1));
     EXPECT_EQ(0, box.CheckTrail(0xFFFFFFFF));
 }
 
-TEST_F(PZLMsgBoxTest, IsServedThroughItsInterface) {
+TEST_F(PZLMsgBoxTest, IsUsedAndDestroyedThroughItsInterface) {
     EXPECT_TRUE((std::is_base_of_v<PZIMsgBox, PZLMsgBox>));
     EXPECT_TRUE(std::has_virtual_destructor_v<PZIMsgBox>);
     EXPECT_TRUE(std::has_virtual_destructor_v<PZIDispatcher>);
@@ -992,7 +992,7 @@ TEST_F(PZLMsgBoxTest, AcceptsAnyNumberOfEmergenciesFromTheirOwnHandler) {
     EXPECT_EQ(0U, failures);
 }
 
-TEST_F(PZLMsgBoxTest, AHandlerThatThrowsLeavesNeitherALockNorAPayloadBehind) {
+TEST_F(PZLMsgBoxTest, AHandlerThatThrowsLeavesNoLockTakenAndNoPayloadAllocated) {
     unit.OnMessage(1, [](const auto&) { throw 1; });
     loop = std::thread([this] {
         EXPECT_THROW(box.Loop(1), int);
@@ -1258,7 +1258,7 @@ TEST_F(PZLMsgBoxTest, LoopsAgainAfterExit) {
     EXPECT_EQ((Log{"msg 1"}), ServeAll());
 }
 
-TEST_F(PZLMsgBoxTest, LeavesNoSignalOfAMessageBehindForTheNextLoop) {
+TEST_F(PZLMsgBoxTest, LeavesNoSignalOfAMessageForTheNextLoop) {
     ASSERT_EQ(kSuccess, Post(1));  // discarded, but it has set the message event
     box.Exit();
     ASSERT_EQ(0, box.Loop(1));  // sees the exit first

@@ -30,7 +30,7 @@ protected:
 
 }  // namespace
 
-TEST_F(PZStopwatchTest, DoesNotRunAtFirst) {
+TEST_F(PZStopwatchTest, MeasuresZeroBeforeItIsStarted) {
     tick.Advance(5);
     EXPECT_EQ(0ULL, watch.Lap());
     EXPECT_EQ(0ULL, watch.Split());
@@ -127,7 +127,7 @@ TEST_F(PZStopwatchTest, KeepsTheLapWhenStartedWhileRunning) {
     EXPECT_EQ(4000000ULL, watch.Lap());
 }
 
-TEST_F(PZStopwatchTest, StartsAfreshAfterStop) {
+TEST_F(PZStopwatchTest, MeasuresFromZeroWhenStartedAfterStop) {
     StartAndWait(5);
     watch.Stop();
     tick.Advance(100);
@@ -144,7 +144,7 @@ TEST_F(PZStopwatchTest, ForgetsEverythingWithInit) {
     EXPECT_EQ(0ULL, watch.Stop());
 }
 
-TEST_F(PZStopwatchTest, StartsAfreshAfterInit) {
+TEST_F(PZStopwatchTest, MeasuresFromZeroWhenStartedAfterInit) {
     StartAndWait(5);
     watch.init();
     StartAndWait(1);

@@ -141,13 +141,13 @@ TEST_F(PZStorageTest, IsClosedAtFirst) {
     EXPECT_FALSE(storage.IsOpen());
 }
 
-TEST_F(PZStorageTest, OpensAFile) {
+TEST_F(PZStorageTest, MakesAnEmptyFileWhenItOpensForWriting) {
     EXPECT_EQ(0, storage.Open(path.c_str(), "wb"));
     EXPECT_TRUE(storage.IsOpen());
     EXPECT_EQ(0, size_on_disk(path));
 }
 
-TEST_F(PZStorageTest, OpensInTheConstructor) {
+TEST_F(PZStorageTest, TheConstructorOpensAFile) {
     write_file(path, "abc");
     EXPECT_TRUE(PZStorage(path.c_str(), "rb").IsOpen());
     const std::wstring widePath(path.begin(), path.end());
@@ -275,7 +275,7 @@ TEST_F(PZStorageTest, ClosesTheFirstFileWhenTheSecondCannotBeOpened) {
     EXPECT_EQ(descriptors + 1, open_descriptors());  // one less, and the capture's two
 }
 
-TEST_F(PZStorageTest, ClosesOnce) {
+TEST_F(PZStorageTest, ASecondCloseDoesNothing) {
     const int descriptors = open_descriptors();
     Create();
     EXPECT_EQ(descriptors + 1, open_descriptors());
@@ -418,7 +418,7 @@ TEST_F(PZStorageTest, FlushIsZeroEvenWhenTheMediumFails) {
 
 // Reading
 
-TEST_F(PZStorageTest, ReadsWhatThereIs) {
+TEST_F(PZStorageTest, ReadsNoMoreThanTheFileStillHolds) {
     Read("abcdef");
     char buffer[8] = "";
     EXPECT_EQ(4, storage.Read(buffer, 4));
@@ -495,7 +495,7 @@ TEST_F(PZStorageTest, TellsAFailedReadFromTheEndOfTheFile) {
     EXPECT_FALSE(storage.IsEndOfFile());
 }
 
-TEST_F(PZStorageTest, MeetsTheEndWithTheReadBehindTheLastByte) {
+TEST_F(PZStorageTest, IsAtTheEndOnlyAfterAReadBeyondTheLastByte) {
     Read("abc");
     char buffer[4];
     EXPECT_EQ(3, storage.Read(buffer, 3));
@@ -680,13 +680,13 @@ TEST_F(PZStorageTest, AFileThatCannotBeMeasuredHasNoSize) {
     EXPECT_EQ(0, storage.GetSize());
 }
 
-TEST_F(PZStorageTest, AnswersThePositionCallsFailure) {
+TEST_F(PZStorageTest, AnswersMinus1WhenThePositionCannotBeRead) {
     Read("abc");
     ftello64_call.FailNext(EIO);
     EXPECT_EQ(-1, storage.GetCurPos());
 }
 
-TEST_F(PZStorageTest, WorksBeyondFourGiB) {
+TEST_F(PZStorageTest, SeeksWritesAndMeasuresBeyondFourGiB) {
     Create();
     EXPECT_EQ(0, storage.Seek(kFiveGiB, PZStorage::en_POS_BEGIN));
     EXPECT_EQ(kFiveGiB, storage.GetCurPos());
@@ -706,7 +706,7 @@ TEST_F(PZStorageTest, WorksBeyondFourGiB) {
 
 // A closed object
 
-TEST_F(PZStorageTest, AClosedObjectAnswersInItsOperationsOwnWay) {
+TEST_F(PZStorageTest, EveryOperationOfAClosedObjectAnswersItsOwnFailureValue) {
     char buffer[4];
     StdoutCapture output;
     EXPECT_EQ(0, storage.Read(buffer, 3));

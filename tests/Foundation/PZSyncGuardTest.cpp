@@ -128,7 +128,7 @@ void* guard_scope(void* object) {
     return nullptr;
 }
 
-TEST(PZSyncGuardCancelTest, LetsAThreadGoThatIsCancelledWhileItGivesBack) {
+TEST(PZSyncGuardCancelTest, AThreadMayBeCancelledWhileItGivesTheLockBack) {
     CancelledUnlock object;
     pthread_t thread = {};
     ASSERT_EQ(0, pthread_create(&thread, nullptr, guard_scope, &object));

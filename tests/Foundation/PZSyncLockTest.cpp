@@ -60,7 +60,7 @@ TEST_F(PZSyncLockTest, WaitsWithoutATimeLimit) {
     EXPECT_EQ(1, sem_post_call.Calls());
 }
 
-TEST_F(PZSyncLockTest, MayBeNested) {
+TEST_F(PZSyncLockTest, LocksOfOneThreadMayBeNested) {
     PZSync sync;
     {
         const PZSyncLock outer(sync);

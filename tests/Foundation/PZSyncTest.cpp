@@ -399,7 +399,7 @@ TEST_F(PZSyncTest, CannotBeCopied) {
     EXPECT_FALSE(std::is_polymorphic_v<PZSync>);
 }
 
-TEST_F(PZSyncTest, NumbersItsTypes) {
+TEST_F(PZSyncTest, TypeNamedIs0AndTypeUnnamedIs1) {
     EXPECT_EQ(0, PZSync::en_TYPE_NAMED);
     EXPECT_EQ(1, PZSync::en_TYPE_UNNAMED);
     EXPECT_EQ(4U, sizeof(PZSync::EN_TYPE));
@@ -932,7 +932,7 @@ void* wait_for_the_lock(void* argument) {
     return nullptr;
 }
 
-TEST_F(PZSyncTest, LetsAThreadGoThatIsCancelledWhileItWaits) {
+TEST_F(PZSyncTest, AThreadMayBeCancelledWhileItWaits) {
     for (const unsigned int timeout : {kNoTimeLimit, 600000U}) {
         Waiter waiter = {{}, timeout};
         ASSERT_EQ(0U, waiter.sync.Lock(kNoTimeLimit));

@@ -754,7 +754,7 @@ public:
     }
 };
 
-TEST_F(PZThreadMngTest, IsASubject) {
+TEST_F(PZThreadMngTest, AddsNotifiesAndRemovesObserversAsASubject) {
     CountingObserver observer;
     EXPECT_EQ(1, manager.AddObserver(&observer));
     EXPECT_EQ(9U, manager.NotifyObserver(1, nullptr, 0, en_NTF_ALL));

@@ -475,7 +475,7 @@ TEST_F(PZThreadTest, PthreadExitOfAPhaseEndsTheThreadWithItsResult) {
     EXPECT_EQ("Initialize MainProc", owner.log);
 }
 
-TEST_F(PZThreadTest, CanBeCancelled) {
+TEST_F(PZThreadTest, ACancelledThreadEndsAndIsJoined) {
     std::promise<void> isUp;
     owner.onMainProc = [&isUp] {
         isUp.set_value();
@@ -624,7 +624,7 @@ TEST_F(PZThreadTest, KeepsItsRecordWhenItIsRegisteredOnceMoreAfterItsEnd) {
     EXPECT_EQ("(unknown)", label_of(owner.handle));
 }
 
-TEST_F(PZThreadTest, WaitExitUnregistersAThreadThatWasRegisteredAfresh) {
+TEST_F(PZThreadTest, WaitExitUnregistersAThreadThatWasRegisteredAgain) {
     for (const bool byItself : {true, false}) {
         owner.onInitialize = [] {
             PZThreadMng::GetInstance()->unregisterThreadInfo(pthread_self());

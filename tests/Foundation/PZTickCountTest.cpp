@@ -36,11 +36,11 @@ static_assert(std::is_same_v<unsigned long, decltype(PZTickCount::GetInstance()-
 
 }  // namespace
 
-TEST_F(PZTickCountTest, IsOneObject) {
+TEST_F(PZTickCountTest, EveryGetInstanceAnswersTheSameObject) {
     EXPECT_EQ(&tick, PZTickCount::GetInstance());
 }
 
-TEST_F(PZTickCountTest, StaysAfterDelInstance) {
+TEST_F(PZTickCountTest, IsTheSameObjectAfterDelInstance) {
     PZTickCount::DelInstance();
     EXPECT_EQ(&tick, PZTickCount::GetInstance());
     EXPECT_EQ(1000ULL, tick.GetPerformanceFreq());
@@ -54,7 +54,7 @@ TEST_F(PZTickCountTest, TellsTheTimeInWholeMilliseconds) {
     EXPECT_EQ(12346UL, tick.GetTime());
 }
 
-TEST_F(PZTickCountTest, TellsTheTimeZero) {
+TEST_F(PZTickCountTest, TellsZeroAtTheTimeZero) {
     ManualTick clock(0);
     EXPECT_EQ(0UL, tick.GetTime());
     EXPECT_EQ(0ULL, tick.GetPerformanceCount());

@@ -90,7 +90,7 @@ protected:
     Unit unit{kUnitId};
 };
 
-TEST_F(PZUnitFrameTest, HasSettledResultCodes) {
+TEST_F(PZUnitFrameTest, ResultCodesHaveTheirSettledNumbers) {
     EXPECT_EQ(0, PZUnitFrame::en_SUCCESS);
     EXPECT_EQ(-1, PZUnitFrame::en_ERROR_REGIST);
     EXPECT_EQ(4, PZUnitFrame::en_ERROR_NO_MSGBOX);
@@ -98,7 +98,7 @@ TEST_F(PZUnitFrameTest, HasSettledResultCodes) {
     EXPECT_EQ(6, PZUnitFrame::en_ERROR_PUSH_EVT);
 }
 
-TEST_F(PZUnitFrameTest, HasSettledMessagePriorities) {
+TEST_F(PZUnitFrameTest, MessagePrioritiesHaveTheirSettledNumbers) {
     EXPECT_EQ(0U, en_MSG_EMERGENCY);
     EXPECT_EQ(64U, en_MSG_HIGH);
     EXPECT_EQ(128U, en_MSG_NORMAL);
@@ -349,7 +349,7 @@ TEST_F(PZUnitFrameInABoxTest, SendsItselfMessagesAndEventsThatAreHandledOnTheLoo
     EXPECT_EQ("hello", payload);
 }
 
-TEST_F(PZUnitFrameInABoxTest, SendsFromItsOwnHandler) {
+TEST_F(PZUnitFrameInABoxTest, AHandlerMaySendToItsOwnUnit) {
     dispatcher.OnMessage(1, [&](const auto&) {
         EXPECT_EQ(0, unit.SendMsgSelf(2, en_MSG_LOWEST, nullptr, 0));
         EXPECT_EQ(0, unit.SendMsgSelf(3, en_MSG_EMERGENCY, nullptr, 0));
@@ -360,7 +360,7 @@ TEST_F(PZUnitFrameInABoxTest, SendsFromItsOwnHandler) {
     EXPECT_EQ((Log{"msg 1", "msg 3", "evt 4", "msg 2"}), dispatcher.Received());
 }
 
-TEST_F(PZUnitFrameInABoxTest, SendsFromManyThreads) {
+TEST_F(PZUnitFrameInABoxTest, ManyThreadsMaySendThroughOneUnit) {
     constexpr int kSenders = 8;
     constexpr int kEach = 30;  // together less than the box holds
     std::vector<std::thread> senders;
@@ -378,7 +378,7 @@ TEST_F(PZUnitFrameInABoxTest, SendsFromManyThreads) {
     EXPECT_EQ(2U * kSenders * kEach, dispatcher.Received().size());
 }
 
-TEST_F(PZUnitFrameInABoxTest, LeavesFromItsOwnHandler) {
+TEST_F(PZUnitFrameInABoxTest, AHandlerMayUnregisterItsOwnUnit) {
     dispatcher.OnEvent(1, [&] { unit.UnregistMsgBox(); });
     EXPECT_EQ(0, unit.SendEvtSelf(1));
     EXPECT_TRUE(dispatcher.WaitForCount(1));

@@ -14,19 +14,19 @@ static_assert(sizeof(PZWatchDog) == sizeof(PZSingleton<PZWatchDog>), "a watchdog
 
 }  // namespace
 
-TEST(PZWatchDogTest, IsOneObject) {
+TEST(PZWatchDogTest, EveryGetInstanceAnswersTheSameObject) {
     EXPECT_NE(nullptr, PZWatchDog::GetInstance());
     EXPECT_EQ(PZWatchDog::GetInstance(), PZWatchDog::GetInstance());
 }
 
-TEST(PZWatchDogTest, StaysAfterDelInstance) {
+TEST(PZWatchDogTest, IsTheSameObjectAfterDelInstance) {
     PZWatchDog* const dog = PZWatchDog::GetInstance();
     PZWatchDog::DelInstance();
     EXPECT_EQ(dog, PZWatchDog::GetInstance());
     EXPECT_TRUE(dog->start());
 }
 
-TEST(PZWatchDogTest, AlwaysStarts) {
+TEST(PZWatchDogTest, EveryStartSucceeds) {
     PZWatchDog* const dog = PZWatchDog::GetInstance();
     EXPECT_TRUE(dog->start());
     EXPECT_TRUE(dog->start());

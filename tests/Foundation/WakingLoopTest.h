@@ -80,7 +80,7 @@ TYPED_TEST_P(WakingLoopTest, SetsSigpipeToBeIgnoredAtTheFirstWaitOnly) {
     EXPECT_EQ(0, child.status);
 }
 
-TYPED_TEST_P(WakingLoopTest, EndsAWaitThatRuns) {
+TYPED_TEST_P(WakingLoopTest, AWakeUpEndsAWaitThatRuns) {
     for (int round = 0; round < 50; ++round) {
         auto first = TypeParam::Loop::en_ERROR;
         auto second = TypeParam::Loop::en_ERROR;
@@ -206,7 +206,7 @@ TYPED_TEST_P(WakingLoopTest, OpensOnceDescriptorsAreFreeAgain) {
         pztest::has_report(child.output, "Open", TypeParam::kFile, this->SystemError(EMFILE)));
 }
 
-TYPED_TEST_P(WakingLoopTest, LetsACancelledThreadGo) {
+TYPED_TEST_P(WakingLoopTest, AThreadMayBeCancelledInItsWait) {
     pthread_t waiter = {};
     ASSERT_EQ(0, pthread_create(&waiter, nullptr, this->WaitForever, &this->loop));
     ASSERT_TRUE(pztest::wait_until([] { return TypeParam::WaitsBegun() == 1; }));
@@ -219,12 +219,12 @@ TYPED_TEST_P(WakingLoopTest, LetsACancelledThreadGo) {
 }
 
 REGISTER_TYPED_TEST_SUITE_P(WakingLoopTest, SetsSigpipeToBeIgnoredAtTheFirstWaitOnly,
-                            EndsAWaitThatRuns, LosesNoWakeUpBetweenTwoLoops,
+                            AWakeUpEndsAWaitThatRuns, LosesNoWakeUpBetweenTwoLoops,
                             NeedsTwoSystemCallsForAWakeUp,
                             AnswersASignalThatCouldNotBeGivenAndIsNotWokenByIt,
                             ReportsAFailedWaitAndPausesBeforeItAnswers,
                             HasItsDescriptorsFromTheStartAndGivesThemBack,
                             KeepsItsDescriptorsAboveTheStandardOnesAndFromStartedPrograms,
-                            OpensOnceDescriptorsAreFreeAgain, LetsACancelledThreadGo);
+                            OpensOnceDescriptorsAreFreeAgain, AThreadMayBeCancelledInItsWait);
 
 #endif  // PZ_TESTS_FOUNDATION_WAKINGLOOPTEST_H

@@ -162,14 +162,14 @@ protected:
 
 }  // namespace
 
-TEST_F(pz_frameworkTest, StartsStepByStep) {
+TEST_F(pz_frameworkTest, StartsHeapLogTimersAndThreadManagerInThisOrder) {
     EXPECT_EQ(1, pz_FwInitialize("app", 7));
     EXPECT_EQ(
         (Steps{"InitMemMng", "openlog", "PZLTimerMng::GetTimerMng", "PZThreadMng::initialize"}),
         steps);
 }
 
-TEST_F(pz_frameworkTest, StopsStepByStep) {
+TEST_F(pz_frameworkTest, StopsThreadManagerSingletonsLogAndHeapInThisOrder) {
     pz_FwInitialize("app", 7);
     steps.clear();
     pz_FwFinalize();
@@ -217,7 +217,7 @@ TEST_F(pz_frameworkTest, RunsFiveTimerThreadsFromStartToStop) {
     EXPECT_TRUE(timer_threads_end());
 }
 
-TEST_F(pz_frameworkTest, AnswersWhatTheThreadManagerAnswers) {
+TEST_F(pz_frameworkTest, TheStartAnswersWhatTheThreadManagerAnswers) {
     answersForThreadMng = true;
     threadMngAnswer = -5;
     EXPECT_EQ(-5, pz_FwInitialize("app", 7));
@@ -244,7 +244,7 @@ TEST_F(pz_frameworkTest, DoesNothingWhenItStopsWithoutAStart) {
     EXPECT_TRUE(thread_manager_is_marked());
 }
 
-TEST_F(pz_frameworkTest, StopsOnce) {
+TEST_F(pz_frameworkTest, ASecondStopDoesNothing) {
     pz_FwInitialize("app", 7);
     pz_FwFinalize();
     steps.clear();

@@ -80,7 +80,7 @@ TEST_F(pz_identityTest, IsReplacedByANewStart) {
     EXPECT_EQ(5, pz_GetId());
 }
 
-TEST_F(pz_identityTest, MayBeHandedToANewStart) {
+TEST_F(pz_identityTest, TheNameMayBeGivenToTheNextStart) {
     ASSERT_NE(0, pz_FwInitialize("long tuner", 4));
     pz_FwFinalize();
     ASSERT_NE(0, pz_FwInitialize(pz_GetName() + 5, pz_GetId()));  // over itself, too
@@ -88,13 +88,13 @@ TEST_F(pz_identityTest, MayBeHandedToANewStart) {
     EXPECT_EQ(4, pz_GetId());
 }
 
-TEST_F(pz_identityTest, IsTheSameBufferAlways) {
+TEST_F(pz_identityTest, TheNameIsAlwaysInTheSameBuffer) {
     const char* const before = pz_GetName();
     ASSERT_NE(0, pz_FwInitialize("tuner", 4));
     EXPECT_EQ(before, pz_GetName());
 }
 
-TEST_F(pz_identityTest, IsReadByAnyThread) {
+TEST_F(pz_identityTest, MayBeReadByAnyThread) {
     ASSERT_NE(0, pz_FwInitialize("tuner", 4));
     std::string name;
     int id = 0;
