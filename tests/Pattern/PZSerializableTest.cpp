@@ -364,7 +364,7 @@ TEST_F(PZArchiveTest, WritesNoBlockForNullAndForSizesBelowOne) {
     EXPECT_EQ(0U, archive.getSize());
 }
 
-TEST_F(PZArchiveTest, WritesItsOwnBytes) {
+TEST_F(PZArchiveTest, MayBeGivenItsOwnBytesToWrite) {
     Archive small(3);
     put(small, "abc");
     small.write(small.getBuff(), 3);      // has to grow
@@ -761,7 +761,7 @@ TEST_F(PZSerializableTest, HandsAnObjectItsBytesWhereTheyLie) {
     EXPECT_EQ(7, next) << "goes on behind the object";
 }
 
-TEST_F(PZSerializableTest, GoesOnBehindTheObjectHoweverMuchOfItIsRead) {
+TEST_F(PZSerializableTest, GoesOnAfterTheObjectHoweverMuchOfItIsRead) {
     put(archive, bytes("\0\0\0\x0C\0\0\0\5\0\0\0\2ab!!") + "next");
     Note result;
     archive.read(&result);
@@ -778,7 +778,7 @@ TEST_F(PZSerializableTest, ReadsThroughAPointer) {
     EXPECT_EQ("ab", result.text);
 }
 
-TEST_F(PZSerializableTest, IgnoresNull) {
+TEST_F(PZSerializableTest, WritesAndReadsNothingForANullObject) {
     PZSerializable* const none = nullptr;
     archive.write(none);
     EXPECT_EQ(0U, archive.getSize());

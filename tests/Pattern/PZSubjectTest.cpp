@@ -287,7 +287,7 @@ TEST_F(PZSubjectTest, DuringAPassRemoveObserverTakesTheFirstSubscriptionThatIsLe
     EXPECT_EQ(0, subject.RemoveObserver(&b));
 }
 
-TEST_F(PZSubjectTest, ASelectedPassSurvivesThatAThousandObserversAreAddedBehindIt) {
+TEST_F(PZSubjectTest, ASelectedPassGoesOnWhenAThousandObserversAreAddedAfterIt) {
     constexpr int kAdded = 1000;
     unsigned int twice[] = {5, 5};
     subject.AddObserver(&a, twice, 2);

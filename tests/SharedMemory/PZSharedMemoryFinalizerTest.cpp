@@ -12,7 +12,7 @@
 
 namespace {
 
-TEST(PZSharedMemoryFinalizerTest, LeavesEveryHandleAlone) {
+TEST(PZSharedMemoryFinalizerTest, FinalizeLeavesEveryAddedHandleAlone) {
     pztest::StdoutCapture output;
     int ends[2];
     ASSERT_EQ(0, pipe(ends));
@@ -35,7 +35,7 @@ TEST(PZSharedMemoryFinalizerTest, LeavesEveryHandleAlone) {
     close(ends[1]);
 }
 
-TEST(PZSharedMemoryFinalizerTest, AcceptsAnythingAnyNumberOfTimes) {
+TEST(PZSharedMemoryFinalizerTest, AcceptsInvalidHandlesAndASecondFinalizeSilently) {
     pztest::StdoutCapture output;
     for (const int handle : {-1, 0, INT_MAX, INT_MIN}) {
         PZSharedMemoryFinalizer::addShmHdl(handle);

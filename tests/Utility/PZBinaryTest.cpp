@@ -164,7 +164,7 @@ TEST_F(PZBinaryTest, KeepsTheCursorOfAnEmptyObjectAssignedToItself) {
 
 // ---- adding, copying, clearing ----
 
-TEST_F(PZBinaryTest, AppendsBehindTheOldBytesAndKeepsTheCursor) {
+TEST_F(PZBinaryTest, AppendsAfterTheOldBytesAndKeepsTheCursor) {
     abc.seek(2, 0);
     unsigned char more[] = {'d', 'e'};
     abc.add(more, 2);
@@ -323,7 +323,7 @@ TEST_F(PZBinaryTest, ReadsNumbersFromTheCursor) {
     EXPECT_EQ(0x02030405060708F9U, numbers.readUInt64(0, true));
 }
 
-TEST_F(PZBinaryTest, ReadsZeroBehindTheEndFromTheCursor) {
+TEST_F(PZBinaryTest, ReadsZeroFromTheCursorBeyondTheEnd) {
     numbers.seek(8, 0);
     EXPECT_EQ(0xF9U, numbers.readUInt8(0));
     EXPECT_EQ(0U, numbers.readUInt8(1));
@@ -428,7 +428,7 @@ TEST_F(PZBinaryTest, ReadsAnEmptyStringWhereTheSumDoesNotFit32Bits) {
 
 // ---- parts ----
 
-TEST_F(PZBinaryTest, GetsAPart) {
+TEST_F(PZBinaryTest, GetsACopyOfAPartWithTheCursorAtZero) {
     five.seek(2, 0);
     PZBinary part = five.getBinary(1, 3);
     EXPECT_EQ("234", content(part));
@@ -479,14 +479,14 @@ TEST_F(PZBinaryTest, SeeksForwardToAByteThatExists) {
     EXPECT_EQ(4U, five.seek(0, 1));
 }
 
-TEST_F(PZBinaryTest, StaysWhenItWouldSeekForwardToTheEnd) {
+TEST_F(PZBinaryTest, TheCursorStaysWhenItWouldSeekForwardToTheEnd) {
     five.seek(1, 0);
     EXPECT_EQ(1U, five.seek(4, 1));
     EXPECT_EQ(1U, five.seek(100, 1));
     EXPECT_EQ(0U, empty.seek(0, 1));
 }
 
-TEST_F(PZBinaryTest, StaysWhenTheNewCursorDoesNotFit32Bits) {
+TEST_F(PZBinaryTest, TheCursorStaysWhenTheNewOneDoesNotFit32Bits) {
     five.seek(2, 0);
     EXPECT_EQ(2U, five.seek(kMax, 1));      // 2^32 + 1, not 1
     EXPECT_EQ(2U, five.seek(kMax - 1, 1));  // 2^32, not 0
@@ -501,14 +501,14 @@ TEST_F(PZBinaryTest, SeeksBackwardsFromTheLastByte) {
     EXPECT_EQ(0U, five.seek(4, 2));
 }
 
-TEST_F(PZBinaryTest, StaysWhenItWouldSeekBeforeTheStart) {
+TEST_F(PZBinaryTest, TheCursorStaysWhenItWouldSeekBeforeTheStart) {
     five.seek(2, 0);
     EXPECT_EQ(2U, five.seek(5, 2));
     EXPECT_EQ(2U, five.seek(kMax, 2));
     EXPECT_EQ(0U, empty.seek(0, 2));
 }
 
-TEST_F(PZBinaryTest, StaysForAnUnknownOrigin) {
+TEST_F(PZBinaryTest, TheCursorStaysForAnUnknownOrigin) {
     five.seek(2, 0);
     EXPECT_EQ(2U, five.seek(1, 3));
     EXPECT_EQ(2U, five.seek(1, kMax));
@@ -517,7 +517,7 @@ TEST_F(PZBinaryTest, StaysForAnUnknownOrigin) {
 
 // ---- the dump ----
 
-TEST_F(PZBinaryTest, DumpsNothingThatCanBeSeen) {
+TEST_F(PZBinaryTest, ADumpPrintsNothingAndChangesNothing) {
     pztest::StdoutCapture output;
     five.seek(2, 0);
     const PZBinary& unchanging = five;

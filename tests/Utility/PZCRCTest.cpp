@@ -150,7 +150,7 @@ TEST_F(PZCRCTest, DividesBlocksOfEveryLengthAtEveryAlignment) {
 }
 
 #if defined(PZ_CRC32_BY_CARRYLESS_MULTIPLICATION)
-TEST_F(PZCRCTest, KnowsWhatTheProcessorMultipliesWith) {
+TEST_F(PZCRCTest, FindsTheMultiplyInstructionsOfTheProcessor) {
     EXPECT_EQ(__builtin_cpu_supports("pclmul") != 0, pz_crc32::multipliers.hasNarrow);
     EXPECT_EQ(__builtin_cpu_supports("vpclmulqdq") != 0 && __builtin_cpu_supports("avx2") != 0,
               pz_crc32::multipliers.hasWide);
@@ -326,7 +326,7 @@ TEST_F(PZCRCTest, TakesAFileThatCannotBeReadOnAsEndedThere) {
     EXPECT_EQ(1, fclose_call.Calls());
 }
 
-TEST_F(PZCRCTest, TakesAFolderForAnEmptyFile) {
+TEST_F(PZCRCTest, TreatsAFolderAsAnEmptyFile) {
     unsigned long result = kUntouched;
     EXPECT_TRUE(crc.CRC32(folder.Path().c_str(), result));
     EXPECT_EQ(0xFFFFFFFFU, result);

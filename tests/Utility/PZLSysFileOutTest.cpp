@@ -267,14 +267,14 @@ TEST_F(PZLSysFileOutTest, HasNoStampedFileWithoutATime) {
     EXPECT_TRUE(log.Open());
 }
 
-TEST_F(PZLSysFileOutTest, HasNoFileForOtherNegativeCounts) {
+TEST_F(PZLSysFileOutTest, OpensNoFileForACountBelowMinusOne) {
     Log log(*this, 0, -2);
     EXPECT_FALSE(log.Open());
     EXPECT_EQ(0, log.Text("x"));
     EXPECT_EQ(std::set<std::string>(), names_in(dir.Path()));
 }
 
-TEST_F(PZLSysFileOutTest, AddsASlashAlsoBehindASlash) {
+TEST_F(PZLSysFileOutTest, AddsASlashAlsoAfterASlash) {
     PZLSysFileOut log(wide(dir.Path() + "/").c_str(), L"app", L"txt", false, 0, 0);
     EXPECT_TRUE(log.Open());
     log.Close();
@@ -636,7 +636,7 @@ TEST_F(PZLSysFileOutTest, ShiftsNeitherFromNorToALink) {
     EXPECT_EQ("secret", read_file(secret));
 }
 
-TEST_F(PZLSysFileOutTest, AShiftEmptiesNoFolderBehindALink) {
+TEST_F(PZLSysFileOutTest, AShiftEmptiesNoFolderThatALinkLeadsTo) {
     write_file(elsewhere.File("precious"), "precious");
     ASSERT_EQ(0, symlink(elsewhere.Path().c_str(), Path("app_0.txt").c_str()));
     Log log(*this, 0, 1);
@@ -906,7 +906,7 @@ TEST_F(PZLSysFileOutTest, AnswersOneForABlockThatIsWrittenInPart) {
     ExpectWrittenWithSpace(log, &PZLSysFileOut::Close);
 }
 
-TEST_F(PZLSysFileOutTest, SurvivesTheSystemsOwnFullDevice) {
+TEST_F(PZLSysFileOutTest, AnswersOneForWritesToAFullDevice) {
     open_call.Replace([](const char* /*path*/, int flags, mode_t mode) {
         return open_call.Real("/dev/full", flags, mode);
     });

@@ -74,7 +74,7 @@ TEST_F(PZPListTest, ErasesANodeBetweenOthers) {
     EXPECT_EQ(list.GetHead(), list.GetHead()->next->prev);
 }
 
-TEST_F(PZPListTest, AppendsBehindTheNewTailAfterTheTailWasErased) {
+TEST_F(PZPListTest, AppendsAfterTheNewTailWhenTheTailWasErased) {
     FillWithThree();
     list.Erase(list.GetHead()->next->next);
     list.AddTail(&numbers[0]);
@@ -101,7 +101,7 @@ TEST_F(PZPListTest, KeepsNullElements) {
     EXPECT_EQ(std::vector<int*>{nullptr}, elements_of(list));
 }
 
-TEST_F(PZPListTest, LeavesItsElementsToTheUser) {
+TEST_F(PZPListTest, NeverDeletesItsElements) {
     int* const number = new int(7);
     {
         List shortLived;

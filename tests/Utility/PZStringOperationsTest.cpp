@@ -515,7 +515,7 @@ TEST_F(PZStringOperationsTest, CutsWideTextToTheCharactersBetweenTwoPositions) {
     EXPECT_TRUE(Silent());
 }
 
-TEST_F(PZStringOperationsTest, ThrowsWhenACutBeginsBehindTheWideText) {
+TEST_F(PZStringOperationsTest, ThrowsWhenACutBeginsAfterTheWideText) {
     PZString text(L"ab");
     try {
         text.SubStr(3, 5);
@@ -527,7 +527,7 @@ TEST_F(PZStringOperationsTest, ThrowsWhenACutBeginsBehindTheWideText) {
     EXPECT_STREQ(L"ab", text.SubStr(8, 8).RefWCHAR());
 }
 
-TEST_F(PZStringOperationsTest, DoesNotCutUnits) {
+TEST_F(PZStringOperationsTest, LeavesTextOfUnitsUncut) {
     PZString text = units();
     text.SubStr(0, 1);
     EXPECT_TRUE(Reported("SubStr", "not support for now."));

@@ -253,13 +253,13 @@ TEST_F(pz_cp_convTest, MeasuresTheSourceUpToItsTerminator) {
     EXPECT_EQ("abc--", dst.First(5));
 }
 
-TEST_F(pz_cp_convTest, WritesNoTerminatorBehindNarrowText) {
+TEST_F(pz_cp_convTest, WritesNoTerminatorAfterNarrowText) {
     Buffer dst;
     EXPECT_EQ(3, pz_cp_conv(dst.bytes, sizeof dst.bytes, XCP_UTF8, "abc", 3, XCP_UTF8));
     EXPECT_EQ("abc-----", dst.First(8));
 }
 
-TEST_F(pz_cp_convTest, NeedsRoomForATerminatorBehindNarrowText) {
+TEST_F(pz_cp_convTest, NeedsRoomForATerminatorAfterNarrowText) {
     Buffer dst;
     EXPECT_EQ(3, pz_cp_conv(dst.bytes, 4, XCP_UTF8, "abc", 3, XCP_UTF8));
     EXPECT_EQ("abc-", dst.First(4));
@@ -671,7 +671,7 @@ TEST_F(pz_cp_convTest, NeedsTheWhole16BitTerminator) {
     EXPECT_EQ(std::string("a\0\0\0-", 5), dst.First(5));
 }
 
-TEST_F(pz_cp_convTest, Mbtowc16RefusesOtherTargetsWithoutAWord) {
+TEST_F(pz_cp_convTest, Mbtowc16RefusesOtherTargetsSilently) {
     for (const int to : {0, 32, 33, 37, 49, 52, -1, 100}) {
         Buffer dst;
         pztest::StdoutCapture output;

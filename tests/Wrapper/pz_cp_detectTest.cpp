@@ -155,7 +155,7 @@ TEST_F(pz_cp_detectTest, TheBestMatchWinsWhenTheHintIsNotAmongThem) {
     EXPECT_EQ(XCP_BIG5, detect(XCP_GB18030, 50));
 }
 
-TEST_F(pz_cp_detectTest, NoneIsNoHint) {
+TEST_F(pz_cp_detectTest, ThePageNoneIsNoHint) {
     icu.matches = {{"UTF-8", 30}, {"UTF-32BE", 90}, {"Big5", 95}};
     EXPECT_EQ(XCP_UTF8, detect(XCP_NONE, 50));
 }

@@ -157,7 +157,7 @@ TEST_F(pz_kept_iconvTest, KeepsNoDescriptorOfPagesWithShiftsOrAByteOrderMark) {
     }
 }
 
-TEST_F(pz_kept_iconvTest, ReadsTheByteOrderOfEachTextAnew) {
+TEST_F(pz_kept_iconvTest, ReadsTheByteOrderMarkOfEachText) {
     // A descriptor that saw a big-endian mark would go on to swap the bytes.
     for (int i = 0; i < 3; ++i) {
         char dst[16] = "";

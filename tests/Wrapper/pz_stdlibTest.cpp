@@ -169,7 +169,7 @@ TEST_F(pz_stdlibTest, WcsncpyZeroesTheWholeDestination) {
     EXPECT_EQ(std::wstring(L"ab\0\0\0\0", 6), std::wstring(dst, 6));
 }
 
-TEST_F(pz_stdlibTest, WcsncpyTouchesNothingBehindItsCounts) {
+TEST_F(pz_stdlibTest, WcsncpyTouchesNothingBeyondItsCounts) {
     wchar_t dst[5] = L"----";
     EXPECT_EQ(0, pz_wcsncpy(dst, 2, L"abcd", 2));
     EXPECT_STREQ(L"ab--", dst);
@@ -262,13 +262,13 @@ TEST_F(pz_stdlibTest, WcsnicmpTakesASecondArgumentThatIsAPrefixAsSmaller) {
     EXPECT_EQ(L'c', pz_wcsnicmp(L"ABC", L"ab", 5));
 }
 
-TEST_F(pz_stdlibTest, WcsnicmpOfEmptyTexts) {
+TEST_F(pz_stdlibTest, WcsnicmpTakesAnEmptyTextAsTheSmallest) {
     EXPECT_EQ(0, pz_wcsnicmp(L"", L"", 5));
     EXPECT_EQ(-L'a', pz_wcsnicmp(L"", L"A", 5));
     EXPECT_EQ(L'a', pz_wcsnicmp(L"A", L"", 5));
 }
 
-TEST_F(pz_stdlibTest, WcsnicmpReadsNothingBehindItsCountOrATerminator) {
+TEST_F(pz_stdlibTest, WcsnicmpReadsNothingBeyondItsCountOrATerminator) {
     const std::vector<wchar_t> a = {L'a', L'b'};
     const std::vector<wchar_t> b = {L'A', L'B'};
     EXPECT_EQ(0, pz_wcsnicmp(a.data(), b.data(), 2));
@@ -410,7 +410,7 @@ TEST_F(pz_stdlibTest, MsleepDoesNotResumeAnInterruptedSleep) {
     EXPECT_EQ(1, nanosleep_call.Calls());
 }
 
-TEST_F(pz_stdlibTest, MsleepReallySleeps) {
+TEST_F(pz_stdlibTest, MsleepTakesAtLeastItsTime) {
     timespec before = {};
     timespec after = {};
     clock_gettime(CLOCK_MONOTONIC, &before);
@@ -758,7 +758,7 @@ TEST_F(pz_stdlibTest, SwprintfCutsTextsToThePrecision) {
     EXPECT_EQ(L"<ab><\x20AC><>", formatted(L"<%.2hs><%.1s><%.0hs>", "abc", L"\x20AC!", "abc"));
 }
 
-TEST_F(pz_stdlibTest, SwprintfReadsNothingBehindThePrecisionOfAText) {
+TEST_F(pz_stdlibTest, SwprintfReadsNothingBeyondThePrecisionOfAText) {
     const std::vector<wchar_t> wide = {L'a', L'b', L'\x20AC'};
     EXPECT_EQ(L"ab\x20AC a", formatted(L"%.3s %.*S", wide.data(), 1, wide.data()));
     const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
@@ -787,7 +787,7 @@ TEST_F(pz_stdlibTest, SwprintfNeverCutsToTheWidth) {
     EXPECT_EQ(L"12345 abc", formatted(L"%2d %1hs", 12345, "abc"));
 }
 
-TEST_F(pz_stdlibTest, SwprintfFillsWithZerosBehindTheSign) {
+TEST_F(pz_stdlibTest, SwprintfFillsWithZerosAfterTheSign) {
     EXPECT_EQ(L"00042 -0042 000ff 01.50", formatted(L"%05d %05d %05x %05.2f", 42, -42, 255, 1.5));
     EXPECT_EQ(L"0x00ff", formatted(L"%#06x", 255));
     EXPECT_EQ(L"000ab", formatted(L"%05hs", "ab"));

@@ -60,7 +60,7 @@ TEST(PZDescriptorTest, ClosesTheOldDescriptorWhenItTakesOverAnother) {
     EXPECT_FALSE(is_open(second));
 }
 
-TEST(PZDescriptorTest, AnswersAFailedClose) {
+TEST(PZDescriptorTest, AnswersMinus1AndOwnsNothingAfterAFailedClose) {
     const int fd = open_null();
     PZDescriptor descriptor(fd);
     ::close(fd);

@@ -56,14 +56,14 @@ TEST_F(pz_write_wholeTest, GoesOnAfterAnInterruptionAndEndsWithAnError) {
     EXPECT_EQ("1234567", taken);
 }
 
-TEST_F(pz_write_wholeTest, EndsWhereNothingIsTaken) {
+TEST_F(pz_write_wholeTest, FailsWhenTheSystemTakesNothing) {
     write_call.Replace([](int, const void*, size_t) -> ssize_t { return 0; });
     const bool written = pz_write_whole(kFile, "1");
     write_call.Replace(nullptr);
     EXPECT_FALSE(written);
 }
 
-TEST_F(pz_write_wholeTest, HasNothingToDoForNothing) {
+TEST_F(pz_write_wholeTest, AnEmptyTextIsWrittenWithoutASystemCall) {
     EXPECT_TRUE(pz_write_whole(kFile, ""));
     EXPECT_EQ(0, write_call.Calls());
 }
