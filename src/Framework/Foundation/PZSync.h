@@ -78,8 +78,8 @@ private:
 
 // Lock and Unlock of a free lock are short enough to run in the caller's own code: calling them in
 // the library takes half as long again as the semaphore's own work. Everything else is called.
-// The shortest way is laid straight: a thread's lock of what it holds already, where a jump shows;
-// beside the semaphore's own work it does not.
+// In Lock the shortest way is laid straight: that of a thread which holds the lock already. In
+// Unlock a jump on the way to the semaphore would show.
 
 inline unsigned int PZSync::Lock(unsigned int timeout) PZ_NO_THREAD_SAFETY_ANALYSIS {
     // Relaxed is enough: a thread can find only an identity that it stored itself, and what the
@@ -102,7 +102,7 @@ inline unsigned int PZSync::Lock(unsigned int timeout) PZ_NO_THREAD_SAFETY_ANALY
 }
 
 inline void PZSync::Unlock() PZ_NO_THREAD_SAFETY_ANALYSIS {
-    if (__builtin_expect(nest_ > 0, 1)) {
+    if (nest_ > 0) {
         --nest_;
         return;
     }
