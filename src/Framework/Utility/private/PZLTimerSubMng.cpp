@@ -144,7 +144,8 @@ int PZLTimerSubMng::isActive(PZLTimerBase* t) {
     return timers_.count(t) != 0 ? 1 : 0;
 }
 
-int PZLTimerSubMng::removeTimer(PZLTimerBase* t) {
+// flatten: one function, although the file is built for size.
+[[gnu::flatten]] int PZLTimerSubMng::removeTimer(PZLTimerBase* t) {
     const PZSyncLock lock(sync_);
     const auto timer = timers_.find(t);
     if (timer == timers_.end()) return 0;

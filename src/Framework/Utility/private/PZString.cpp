@@ -91,6 +91,8 @@ size_t find(std::wstring_view text, size_t start, std::wstring_view sought) {
     return text.find(sought, start);
 }
 
+// The file is built for size; flatten makes single functions of what texts are made, split and
+// freed by.
 [[gnu::flatten]] void destroy_elements(PZString::SplitList& list) {
     while (list.GetHead() != nullptr) {
         delete list.GetHead()->element;
