@@ -817,7 +817,7 @@ TEST_F(PZFileGuardTest, ASystemSideRefusesToStartASecondTimeAsEitherSide) {
     EXPECT_TRUE(guard.canLock());
 }
 
-TEST_F(PZFileGuardTest, StaysASystemSideThatFailed) {
+TEST_F(PZFileGuardTest, ASystemSideThatFailedRefusesASecondStart) {
     fopen_call.FailNext(EACCES);
     PZFileGuard guard(dir_, name_);
     EXPECT_FALSE(guard.initForSystem());
@@ -1016,7 +1016,7 @@ TEST_F(PZFileGuardTest, DoesNotExcludeGuardsOfOtherFiles) {
     EXPECT_TRUE(guard.unlock());
 }
 
-TEST_F(PZFileGuardTest, ReportsAMutexThatIsNoMutex) {
+TEST_F(PZFileGuardTest, ReportsAMutexThatTheSystemCallsInvalid) {
     PZFileGuard guard(dir_, name_);
     ASSERT_TRUE(guard.initForSystem());
     pthread_mutex_lock_call.FailNext(0);

@@ -718,7 +718,7 @@ TEST_F(PZMessageQueueTest, ReportsAFailedReceive) {
 
 // Other programs.
 
-TEST_F(PZMessageQueueTest, AMessageOf1024BytesFits) {
+TEST_F(PZMessageQueueTest, ReceivesAMessageOf1024BytesFromAnotherProgram) {
     ASSERT_TRUE(OpenCore());
     ASSERT_EQ(0, RawQueue(name).Send("\001" + std::string(1023, 'p'), 1));
     const Received received = Receive();
@@ -727,7 +727,7 @@ TEST_F(PZMessageQueueTest, AMessageOf1024BytesFits) {
     EXPECT_EQ(std::string(1023, 'p') + std::string(1, '\0'), received.data);
 }
 
-TEST_F(PZMessageQueueTest, AMessageOfOneByteIsATypeWithoutPayload) {
+TEST_F(PZMessageQueueTest, ReceivesAMessageOfOneByteAsATypeWithoutPayload) {
     ASSERT_TRUE(OpenCore());
     const RawQueue peer(name);
     ASSERT_EQ(0, peer.Send("\001longer", 1));
@@ -739,7 +739,7 @@ TEST_F(PZMessageQueueTest, AMessageOfOneByteIsATypeWithoutPayload) {
     EXPECT_EQ(std::string(1, '\0'), received.data) << "nothing of the message before";
 }
 
-TEST_F(PZMessageQueueTest, AnEmptyMessageHasType0AndStoresNothing) {
+TEST_F(PZMessageQueueTest, ReceivesAnEmptyMessageAsType0AndStoresNothing) {
     ASSERT_TRUE(OpenCore());
     const RawQueue peer(name);
     ASSERT_EQ(0, peer.Send("\002longer", 1));

@@ -360,7 +360,7 @@ TEST_F(PZCallStackTest, DumpsAtMost256Frames) {
     }
 }
 
-TEST_F(PZCallStackTest, DumpsItselfFirst) {
+TEST_F(PZCallStackTest, BeginsADumpWithTheFrameOfTheDump) {
     pztest::StdoutCapture output;
     PZCallStack::dumpDirectly(-1);
     const std::vector<std::string> frames = pztest::error_messages(output.Take());

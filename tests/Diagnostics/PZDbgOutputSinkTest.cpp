@@ -326,7 +326,7 @@ TEST_F(PZDbgOutputSinkTest, LetsItsThreadBeCancelled) {
 }
 #endif
 
-TEST_F(PZDbgOutputSinkTest, ServesAForkedChildWhateverOtherThreadsDo) {
+TEST_F(PZDbgOutputSinkTest, MayBeSetInAForkedChildWhateverOtherThreadsDo) {
     Output::SetSink(&Collector::take, &collector);
     std::atomic<bool> isOver{false};
     std::thread reporter([&isOver] {
@@ -352,7 +352,7 @@ TEST_F(PZDbgOutputSinkTest, ServesAForkedChildWhateverOtherThreadsDo) {
     reporter.join();
 }
 
-TEST_F(PZDbgOutputSinkTest, CanBeLeftInAForkedChildByTheOneThatForks) {
+TEST_F(PZDbgOutputSinkTest, MayForkAndBeRemovedInTheChild) {
     static int child_status;
     child_status = -1;
     Output::SetSink(

@@ -795,7 +795,7 @@ TEST_F(PZSupervisorTest, ALateAnswerIsNotTakenForThatOfAnotherThread) {
     EXPECT_TRUE(told.Has(hanging.Caller())) << testing::PrintToString(told.lines);
 }
 
-TEST_F(PZSupervisorTest, UsesNoSignalThatTheProcessUses) {
+TEST_F(PZSupervisorTest, RefusesASignalThatTheProcessUses) {
     const int signal = signal_that_is_free();
     const pztest::StdoutCapture capture;
     for (void (*const action)(int) : {+[](int) {}, SIG_IGN}) {

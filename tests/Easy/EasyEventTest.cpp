@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 using pz::wait_any;
 using pztest::StdoutCapture;
 
-TEST(EasyEventTest, LetsOneWaitThroughForEverySet) {
+TEST(EasyEventTest, EverySetEndsOneWait) {
     pz::Event event;
     ASSERT_TRUE(event);
     EXPECT_FALSE(event.wait(0ms));

@@ -132,7 +132,7 @@ TEST_F(EasyGuardedFileTest, AFailureLeavesTheFileAsItWas) {
     EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "x"; }));
 }
 
-TEST_F(EasyGuardedFileTest, ThreadsAndProcessesTakeTurns) {
+TEST_F(EasyGuardedFileTest, NoUpdateOfManyThreadsAndProcessesIsLost) {
     const auto count = [this] {
         pz::GuardedFile own(dir.Path().c_str(), "settings");
         for (int i = 0; i < 50; ++i) {

@@ -111,7 +111,7 @@ TEST_F(EasyRotatingLogTest, GoesOnWhereTheLastProcessEnded) {
     EXPECT_EQ("line 1\nline 2\n", read_file(file));
 }
 
-TEST_F(EasyRotatingLogTest, BringsDownWhatLargerSettingsHaveLeft) {
+TEST_F(EasyRotatingLogTest, ShrinksALogThatLargerSettingsHaveLeft) {
     std::filesystem::create_directory(folder);
     for (const char* const name : {"", ".1", ".2", ".4", ".5"}) {
         std::string lines;

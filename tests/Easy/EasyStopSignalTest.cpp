@@ -22,7 +22,7 @@ using pztest::run_in_child;
 
 // Each in a process of its own, which the signals are meant for.
 
-TEST(EasyStopSignalTest, EndsAProgramInOrder) {
+TEST(EasyStopSignalTest, ASignalEndsAProgramInOrder) {
     for (const int number : {SIGINT, SIGTERM}) {
         const ChildResult result = run_in_child([number] {
             bool served = false;

@@ -85,7 +85,7 @@ TEST_F(EasySyncWorkerTest, TimersRunOnlyWhenTheTestMovesTheTime) {
     EXPECT_EQ(0U, worker.run_for(24h));
 }
 
-TEST_F(EasySyncWorkerTest, TheClockPostsWhatComesDueAndCountsWhatIsMissed) {
+TEST_F(EasySyncWorkerTest, MovingTheClockPostsTimersThatAreDueAndCountsMissedPeriods) {
     const pz::Timer timer = worker.every(10ms, note('t'));
     const pz::Timer once = worker.after(25ms, note('o'));
     clock.advance(35ms);

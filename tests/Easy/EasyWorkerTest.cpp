@@ -429,7 +429,7 @@ TEST_F(EasyWorkerTest, OptionsOutOfRangeCountAsTheNearestInRange) {
     EXPECT_TRUE(low.after(1h, [] {}));
 }
 
-TEST_F(EasyWorkerTest, AnIdleWorkerEndsWithinEveryBound) {
+TEST_F(EasyWorkerTest, AnIdleWorkerEndsWithTheSmallestAndTheLargestBound) {
     for (const auto bound : {std::chrono::milliseconds::min(), std::chrono::milliseconds::max()}) {
         pz::WorkerOptions options;
         options.stop_within = bound;
@@ -615,7 +615,7 @@ TEST_F(EasyWorkerTest, CallOfANullPointerFailsAndIsReported) {
     EXPECT_TRUE(worker.call([] {}));
 }
 
-TEST_F(EasyWorkerTest, APlaceWithoutTextsIsReportedWithoutThem) {
+TEST_F(EasyWorkerTest, ReportsAPostWhosePlaceHasNoTexts) {
     pz::Worker worker("tuner");
     StdoutCapture capture;
     void (*nothing)() = nullptr;
@@ -641,7 +641,7 @@ TEST_F(EasyWorkerTest, StopOnItsOwnThreadAnswersAtOnceAndEndsTheWorkerAllTheSame
     EXPECT_EQ("", capture.Take());
 }
 
-TEST_F(EasyWorkerTest, AWorkerThatWasStoppedAnswersEverything) {
+TEST_F(EasyWorkerTest, EveryOperationOfAStoppedWorkerIsAnswered) {
     pz::Worker worker("tuner");
     EXPECT_TRUE(worker.stop(60s));
     EXPECT_FALSE(worker);
@@ -684,7 +684,7 @@ TEST_F(EasyWorkerTest, StopWithANegativeTimeDoesNotWait) {
     EXPECT_TRUE(worker.stop(std::chrono::milliseconds::max()));
 }
 
-TEST_F(EasyWorkerTest, AWorkerThatWasMovedFromAnswersEverything) {
+TEST_F(EasyWorkerTest, EveryOperationOfAWorkerThatWasMovedFromIsAnswered) {
     pz::Worker first("tuner");
     const pz::Worker second(std::move(first));
     EXPECT_FALSE(first);

@@ -59,14 +59,14 @@ INSTANTIATE_TYPED_TEST_SUITE_P(PZBoxWait, WakingLoopTest, BoxWaitKind, );
 
 }  // namespace
 
-TEST_F(PZBoxWaitTest, IsEndedOnceByAllWakeUpsBeforeIt) {
+TEST_F(PZBoxWaitTest, AllWakeUpsBeforeAWaitEndItOnce) {
     EXPECT_EQ(1, loop.Wake());
     EXPECT_EQ(1, loop.Wake());
     EXPECT_EQ(PZBoxWait::en_WAKE, loop.Wait());
     EXPECT_TRUE(IsQuiet());
 }
 
-TEST_F(PZBoxWaitTest, CountsTheRequestsToEnd) {
+TEST_F(PZBoxWaitTest, EveryRequestToEndEndsOneWait) {
     EXPECT_EQ(1, loop.End());
     EXPECT_EQ(1, loop.End());
     EXPECT_EQ(PZBoxWait::en_END, loop.Wait());

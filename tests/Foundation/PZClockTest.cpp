@@ -1623,7 +1623,7 @@ TEST_F(PZClockZoneFileTest, HasTheRightsOfANewFileAndKeepsThoseItHas) {
     EXPECT_EQ(5678U, Status().st_gid);
 }
 
-TEST_F(PZClockZoneFileTest, IsNeverSeenInPart) {
+TEST_F(PZClockZoneFileTest, AReaderSeesTheWholeOldFileWhileItIsReplaced) {
     EXPECT_TRUE(PZClock::SetTimeZone(60));
     FILE* const reader = std::fopen(zone_file_copy.c_str(), "rb");
     ASSERT_NE(nullptr, reader);

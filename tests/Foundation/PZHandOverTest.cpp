@@ -641,7 +641,7 @@ TEST_F(PZHandOverTest, AnswersAFailureForEachPostThatLeavesTheLoopAsleep) {
     EXPECT_EQ("", failure);
 }
 
-TEST_F(PZHandOverTest, ServesOnAfterAWaitThatFails) {
+TEST_F(PZHandOverTest, ServesEverythingAfterWaitsThatFail) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
             return {looping(box), posting(box, {10, 11})};
@@ -650,7 +650,7 @@ TEST_F(PZHandOverTest, ServesOnAfterAWaitThatFails) {
     EXPECT_EQ("", failure);
 }
 
-TEST_F(PZHandOverTest, IsLeftAloneByAPostBeforeItSaysThatNobodyWakesTheLoop) {
+TEST_F(PZHandOverTest, APostTouchesItNoMoreOnceItSaysThatNobodyWakesTheLoop) {
     const std::string failure = Explore<Box>(
         [](Box& box) -> std::vector<Explorer::Body> {
             return {looping(box), posting(box, {10}), [&box] {

@@ -1420,7 +1420,7 @@ TEST(PZLHeapMngMapsTest, AreTheProcessMapAloneBeforeTheFirstBlock) {
     EXPECT_EQ(0U, pztest::count_of(map, "thread 0x"));
 }
 
-TEST(PZLHeapMngMapsTest, AreRefusedWithAReport) {
+TEST(PZLHeapMngMapsTest, AreReportedWhenTheyCannotBeWritten) {
     const pztest::TempDir dir;
     pztest::StdoutCapture output;
     EXPECT_FALSE(pz_HeapWriteMaps(nullptr));

@@ -61,7 +61,7 @@ TEST_F(PZLoopWaitTest, TimesOutWhenNobodyCalls) {
     EXPECT_GE(steady_clock::now() - start, milliseconds(30));
 }
 
-TEST_F(PZLoopWaitTest, IsEndedOnceByAllWakeUpsBeforeIt) {
+TEST_F(PZLoopWaitTest, AllWakeUpsBeforeAWaitEndItOnce) {
     EXPECT_EQ(1, loop.Wake());
     EXPECT_EQ(1, loop.Wake());
     EXPECT_EQ(PZLoopWait::en_WAKE, loop.Wait(kNoLimit));
@@ -71,7 +71,7 @@ TEST_F(PZLoopWaitTest, IsEndedOnceByAllWakeUpsBeforeIt) {
     EXPECT_EQ(PZLoopWait::en_TIMEOUT, loop.Wait(0));
 }
 
-TEST_F(PZLoopWaitTest, CountsTheRequestsToEnd) {
+TEST_F(PZLoopWaitTest, EveryRequestToEndEndsOneWait) {
     EXPECT_EQ(1, loop.End());
     EXPECT_EQ(1, loop.End());
     EXPECT_EQ(PZLoopWait::en_END, loop.Wait(kNoLimit));

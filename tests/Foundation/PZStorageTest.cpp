@@ -400,7 +400,7 @@ TEST_F(PZStorageTest, SyncsTheDescriptorOfItsFile) {
     EXPECT_TRUE(isOfFile);
 }
 
-TEST_F(PZStorageTest, FlushIsOneWhenTheDataCannotBeHandedOver) {
+TEST_F(PZStorageTest, FlushAnswersOneWhenTheDataCannotBeHandedOver) {
     ASSERT_TRUE(std::filesystem::is_character_file("/dev/full"));
     ASSERT_EQ(0, storage.Open("/dev/full", "wb"));
     EXPECT_EQ(3, storage.Write("abc", 3));  // buffered
@@ -408,7 +408,7 @@ TEST_F(PZStorageTest, FlushIsOneWhenTheDataCannotBeHandedOver) {
     EXPECT_EQ(1, fsync_call.Calls());
 }
 
-TEST_F(PZStorageTest, FlushIsZeroEvenWhenTheMediumFails) {
+TEST_F(PZStorageTest, FlushAnswersZeroEvenWhenTheMediumFails) {
     Create();
     fsync_call.FailNext(EIO);
     storage.Write("abc", 3);

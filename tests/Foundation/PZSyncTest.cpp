@@ -688,7 +688,7 @@ TEST_F(PZSyncTest, ReportsAWaitThatFailsAfterInterruptions) {
     EXPECT_EQ(error_text("create error", EINVAL), ReportOf("Lock"));
 }
 
-TEST_F(PZSyncTest, ReportsATimeOutThatNobodyAskedFor) {
+TEST_F(PZSyncTest, ReportsATimeOutOfAWaitWithoutALimit) {
     PZSync sync;
     sem_wait_call.FailNext(ETIMEDOUT);
     EXPECT_EQ(2U, sync.Lock(kNoTimeLimit));
@@ -744,7 +744,7 @@ TEST_F(PZSyncTest, WaitsItsTimeWhereTheWallClockHasNoRoomForTheDeadline) {
     }
 }
 
-TEST_F(PZSyncTest, ReportsNoTimeOutOfALimitedWait) {
+TEST_F(PZSyncTest, TheTimeOutOfALimitedWaitIsNotReported) {
     PZSync sync;
     sem_timedwait_call.FailNext(ETIMEDOUT);
     EXPECT_EQ(1U, sync.Lock(100));
@@ -799,7 +799,7 @@ TEST_F(PZSyncTest, IsGivenBackByAnotherThread) {
     EXPECT_EQ(Texts{}, Messages());
 }
 
-TEST_F(PZSyncTest, LetsOneMoreInAfterAnUnlockThatNobodyNeeded) {
+TEST_F(PZSyncTest, AnUnlockWithoutALockLetsOneMoreThreadIn) {
     PZSync sync;
     sync.Unlock();
     EXPECT_EQ(1, sem_post_call.Calls());

@@ -576,7 +576,7 @@ TEST_F(PZThreadMngRunTimeTest, IsRefreshedForRunningThreadsOnlyInAscendingOrder)
     EXPECT_EQ((Handles{5, 10, 30}), asked_handles);
 }
 
-TEST_F(PZThreadMngTest, StaysZeroForARealThread) {
+TEST_F(PZThreadMngTest, TheRunTimeOfARealThreadStaysZero) {
     manager.registerThreadInfo(pthread_self(), "self", 251, 0);
     manager.checkThreadStatus();
     EXPECT_NE(std::string::npos, Dump().find("runtime  : 0\n"));

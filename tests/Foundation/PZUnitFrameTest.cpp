@@ -120,7 +120,7 @@ TEST_F(PZUnitFrameTest, RegistMsgBoxStoresTheBoxTheDispatcherAndItsIdentifier) {
     EXPECT_EQ(&dispatcher, unit.pIDispatcher_);
 }
 
-TEST_F(PZUnitFrameTest, RegistMsgBoxRefusesToDoWithoutABox) {
+TEST_F(PZUnitFrameTest, RegistMsgBoxRefusesANullBox) {
     StdoutCapture capture;
     EXPECT_EQ(PZUnitFrame::en_ERROR_NO_MSGBOX, unit.RegistMsgBox(nullptr, &dispatcher));
     EXPECT_EQ(-1, unit.SID);
@@ -234,7 +234,7 @@ TEST_F(PZUnitFrameTest, SendMsgSelfWithoutABoxIsAnAssertion) {
     expect_assertion(capture.Take(), "SendMsgSelf", "NO_MSGBOX");
 }
 
-TEST_F(PZUnitFrameTest, SendMsgSelfMissesTheRegistrationFirst) {
+TEST_F(PZUnitFrameTest, ReportsTheMissingRegistrationBeforeTheMissingBox) {
     const StdoutCapture capture;
     EXPECT_EQ(-1, unit.SendMsgSelf(1, en_MSG_NORMAL, nullptr, 0));
     EXPECT_EQ(-1, unit.SendEvtSelf(1));

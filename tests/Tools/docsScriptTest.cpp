@@ -118,7 +118,7 @@ TEST(docsScriptTest, NamesPagesAndHeadingsAfterTheirWords) {
     EXPECT_NE(std::string::npos, timers.find("`examples/small/tick_wrap.cpp`"));
 }
 
-TEST(docsScriptTest, LeavesProgramsAsTheyAre) {
+TEST(docsScriptTest, LeavesTheProgramsOfAPageUnchanged) {
     const std::string page = read_file(PZ_ROOT "/docs/timers.md");
     const std::string printed =
         run_command(kFilter + std::string(PZ_ROOT "/docs/timers.md")).output;

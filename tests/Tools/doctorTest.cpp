@@ -641,7 +641,7 @@ TEST_F(doctorTest, SaysThatItsAnswerCouldNotBeWritten) {
     EXPECT_EQ(126, doctor.status);
 }
 
-TEST(doctorReportTest, CountsAtMost125Reds) {
+TEST(doctorReportTest, ItsStatusIsTheNumberOfRedsUpTo125) {
     Report report = {"1", "", {}};
     for (int i = 0; i < 125; ++i) report.results.push_back({"a", "b", red("c", "d")});
     EXPECT_EQ(125, exit_status(report));

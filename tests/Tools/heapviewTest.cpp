@@ -322,7 +322,7 @@ TEST(HeapviewTest, AnswersHostileReportsAndMapsWithItsOwnLinesOnly) {
     }
 }
 
-TEST(HeapviewTest, TakesNoNumbersWithoutEnd) {
+TEST(HeapviewTest, RefusesNumbersOfThousandsOfDigits) {
     const TempDir folder;
     const std::string endless(5000, '9');
     std::string report = report_of(block_line(0, 100, "0x00001000"));
@@ -340,7 +340,7 @@ TEST(HeapviewTest, TakesNoNumbersWithoutEnd) {
 
 /// Cuts everywhere, then hundreds of faults in the report, the map, the program and the
 /// symbolizer's answer.
-TEST(HeapviewTest, AnswersPlainlyWhateverItIsGiven) {
+TEST(HeapviewTest, TellsEachProblemInOneLineWhateverItIsGiven) {
     const LeakyRun run;
     const CommandResult shown =
         run_command(PZ_PYTHON " " PZ_HEAPVIEW_MUTATIONS " " PZ_HEAPVIEW " " + run.Report() + " " +
@@ -425,7 +425,7 @@ TEST(HeapviewTest, EndsQuietlyWhenItIsInterrupted) {
     EXPECT_FALSE(contains(shown.output, "Traceback")) << shown.output;
 }
 
-TEST(HeapviewTest, RefusesWrongUsageWithTwo) {
+TEST(HeapviewTest, RefusesWrongUsageWithStatus2) {
     const std::vector<std::string> wrong = {
         "", "--no-such-option", "--by weight r", "--diff one", "--by", "--svg --folded r"};
     const std::vector<std::string> refused = pztest::usage_of(PZ_HEAPVIEW, wrong);

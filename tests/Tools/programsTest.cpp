@@ -68,7 +68,7 @@ INSTANTIATE_TEST_SUITE_P(Programs, ProgramTest, testing::ValuesIn(programs()),
                              return name;
                          });
 
-TEST(ProgramOfAnOrdinaryUserTest, OneLineTellsWhichRightIsMissing) {
+TEST(ProgramOfAnOrdinaryUserTest, TellsInOneLineWhichRightIsMissing) {
     const pztest::TempDir dir;
     pztest::write_file(dir.File("text"), "one line\n");
     ASSERT_EQ(0, run_command("chmod 755 " + dir.Path()).status);
@@ -78,7 +78,7 @@ TEST(ProgramOfAnOrdinaryUserTest, OneLineTellsWhichRightIsMissing) {
     EXPECT_EQ(1U, count_of(feed.output, "no right to raise it")) << feed.output;
 }
 
-TEST(ProgramOfAnOrdinaryUserTest, TwoProgramsTellItOnce) {
+TEST(ProgramOfAnOrdinaryUserTest, TwoProgramsOfOneCommandTellTheMissingRightOnce) {
     const CommandResult both = run_as_ordinary_user(PZ_TWOPROCESS_RUN " 1");
     EXPECT_EQ(0, both.status) << both.output;
     EXPECT_EQ(0U, count_of(both.output, "Permission denied")) << both.output;

@@ -394,7 +394,7 @@ TEST(topViewTest, KnowsTheThreadsOfAContainerByTheirInnerNumbers) {
     EXPECT_TRUE(view.threads[0].box);
 }
 
-TEST(topViewTest, PutsTheHungHandlerOfAProcessBeforeALongerOneThatMayTakeIt) {
+TEST(topViewTest, ShowsTheHungHandlerOfAProcessBeforeALongerOneWithinItsWatchTime) {
     MachineReading machine;
     machine.processes.resize(1);
     Inspection& seen = machine.processes[0].inspection;

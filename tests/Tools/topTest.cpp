@@ -184,7 +184,7 @@ TEST(topTest, ShowsAHungWorkerInRedWithItsMessageWithinOneAndAHalfSeconds) {
     EXPECT_TRUE(contains(red, "\033[0m")) << red;
 }
 
-TEST(topTest, TellsOfAHungWorkerWhatItCountedItself) {
+TEST(topTest, TellsWhatAHungWorkerHasCountedItself) {
     Program program("hang");
     const std::string dispatcher = program.Counted();
     ASSERT_TRUE(pztest::wait_until([&program] {

@@ -372,7 +372,7 @@ TEST(traceTest, ShowsHostileRecordingsOrRefusesThemWithOneLine) {
     EXPECT_EQ(0U, run.output.find("shown ")) << run.output;
 }
 
-TEST(traceTest, RefusesWrongUsageWithTwo) {
+TEST(traceTest, RefusesWrongUsageWithStatus2) {
     const std::vector<std::string> wrong = {"",
                                             "draw x",
                                             "show",

@@ -202,7 +202,7 @@ TEST_F(PZCRCTest, TakesNullForNoBytes) {
     EXPECT_EQ(0xEDCBA987U, crc.getMemCRC32(0x12345678, nullptr, 9));
 }
 
-TEST_F(PZCRCTest, GoesOnWithTheComplementOfAResultOnly) {
+TEST_F(PZCRCTest, TheComplementOfAResultIsTheSeedForTheRest) {
     const unsigned long first = crc_of("1234");
     EXPECT_EQ(0xCBF43926U, crc_of("56789", ~first & kAllOnes));
     EXPECT_NE(0xCBF43926U, crc_of("56789", first));

@@ -244,7 +244,7 @@ TEST_F(PZStringTest, HoldsNothingAfterDeleteStr) {
     }
 }
 
-TEST_F(PZStringTest, TellsAnEmptyTextFromNone) {
+TEST_F(PZStringTest, AnEmptyTextIsATextAndNotNull) {
     EXPECT_STREQ("", PZString("").RefCHAR());
     EXPECT_STREQ(L"", PZString(L"").RefWCHAR());
     EXPECT_NE(nullptr, PZString(kNoUnits, XCP_UTF16LE).ToWCHAR16(XCP_UTF16LE));
@@ -698,7 +698,7 @@ TEST_F(PZStringTest, ReportsAFailedPlus) {
 
 // Conversion to narrow text
 
-TEST_F(PZStringTest, GoesThroughWideTextAndBack) {
+TEST_F(PZStringTest, ConvertsToWideTextAndBack) {
     PZString text("abc", XCP_UTF8);
     EXPECT_STREQ(L"abc", text.ToWCHAR());
     EXPECT_EQ(nullptr, text.RefCHAR());

@@ -62,7 +62,7 @@ TEST(PZDirectoryTest, TellsWhyItCannotBeRead) {
     EXPECT_EQ(ENOTDIR, errno);
 }
 
-TEST(PZDirectoryTest, IsNoneWithoutADescriptorAndSaysWhatOpenSaid) {
+TEST(PZDirectoryTest, OpensNothingWithoutADescriptorAndKeepsTheErrorOfOpen) {
     EXPECT_EQ(nullptr, PZDirectory::Over(open_folder("/no place")));
     EXPECT_EQ(ENOENT, errno);
 }
@@ -98,7 +98,7 @@ private:
     Block* first_ = nullptr;
 };
 
-TEST(PZDirectoryTest, IsNoneWithoutMemoryAndClosesItsDescriptor) {
+TEST(PZDirectoryTest, OpensNothingWithoutMemoryAndClosesItsDescriptor) {
     const pztest::ChildResult result = pztest::run_in_child([] {
         const int folder = ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         {

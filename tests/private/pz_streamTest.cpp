@@ -39,7 +39,7 @@ protected:
 
 }  // namespace
 
-TEST_F(PZStreamTest, OpensInEveryModeOfTheCLibraryAndClosesInPrograms) {
+TEST_F(PZStreamTest, OpensInEveryModeOfTheCLibraryAndIsClosedInStartedPrograms) {
     EXPECT_EQ("null", Written("r+"));
     EXPECT_EQ("text", Written("w"));
     EXPECT_EQ("texttext", Written("a"));
