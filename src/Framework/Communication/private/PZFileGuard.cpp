@@ -12,7 +12,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>

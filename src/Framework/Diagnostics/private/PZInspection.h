@@ -97,7 +97,7 @@ using PZListedBox =
 using PZListedBand =
     PZInspected<PZInspectedBand, &ST_INSPECTION<PZInspectionLive>::bands, PZ_INSPECTED_BAND_KIND>;
 
-/// What those see of the box who post to it.
+/// The part of the box's record that posts write.
 inline PZInspectedPosts& pz_inspected_posts(PZInspectedBox& box) {
     auto* const bytes = reinterpret_cast<unsigned char*>(&box);
     const auto distance = static_cast<std::int32_t>(pz_inspect_get(pz_inspection.boxPosts));

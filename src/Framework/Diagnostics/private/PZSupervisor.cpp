@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include <Framework/Diagnostics/PZCallStack.h>

@@ -1,9 +1,9 @@
 #include "Framework/Easy/Framework.h"
 
 #include <algorithm>
-#include <memory>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZEvent.h>

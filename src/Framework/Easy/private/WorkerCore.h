@@ -3,7 +3,6 @@
 
 #include <pthread.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>

@@ -106,8 +106,8 @@ struct PZLMsgBox::Kept {
         ShownHandlers& shown;
     };
 
-    /// What others have written before they stored a value is seen by who loads it. A loop that
-    /// reads an old value learns better under the lock, before it falls asleep.
+    /// A thread that loads a value sees what was written before that was stored. A loop that reads
+    /// an old value learns better under the lock, before it falls asleep.
     class Counter {
     public:
         constexpr explicit Counter(unsigned int value) : value_(value) {}

@@ -1,6 +1,5 @@
 #include "pz_direct_conv.h"
 
-#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>

@@ -1,8 +1,6 @@
 #ifndef PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_DIRECT_CONV_H
 #define PZ_FRAMEWORK_WRAPPER_PRIVATE_PZ_DIRECT_CONV_H
 
-#include <cstddef>
-
 #include <Framework/Wrapper/pz_cp_conv.h>
 
 // Conversion without iconv, of texts that iconv would convert, too, and with the same result:

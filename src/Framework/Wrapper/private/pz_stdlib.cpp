@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <cwchar>

@@ -2,7 +2,6 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <cwchar>
 #include <iomanip>
 #include <locale>
