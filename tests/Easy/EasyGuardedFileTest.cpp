@@ -188,6 +188,17 @@ TEST_F(EasyGuardedFileTest, AnUpdateInsideItselfIsRefusedInsteadOfWaitingForEver
     EXPECT_EQ("o", other.read());
 }
 
+TEST_F(EasyGuardedFileTest, RefusesAndReportsANullPointer) {
+    ASSERT_TRUE(settings.update([](std::string& bytes) { bytes = "s"; }));
+    StdoutCapture capture;
+    void (*nothing)(std::string&) = nullptr;
+    EXPECT_FALSE(settings.update(nothing));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "update [settings]: an empty function"));
+    EXPECT_EQ("s", settings.read());
+    EXPECT_TRUE(settings.update(+[](std::string& bytes) { bytes = "t"; }));
+    EXPECT_EQ("t", settings.read());
+}
+
 TEST_F(EasyGuardedFileTest, RefusesANullOrEmptyFolderAndWhatIsNoFileName) {
     StdoutCapture capture;
     const std::string folder = dir.Path();

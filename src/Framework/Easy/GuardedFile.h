@@ -33,6 +33,9 @@ public:
     /// Replaces the file by what is in `bytes` now.
     bool Commit() noexcept;
 
+    /// Reports an update without a function; false.
+    static bool NoFunction(const std::string& name) noexcept;
+
 private:
     struct State;
     std::unique_ptr<State> state_;  // null: refused
@@ -88,11 +91,16 @@ public:
     ///
     /// False, and the file as it was, when the lock cannot be had `within` the time, or a step
     /// fails. If only the last step fails, which brings the new name to the medium, the file has
-    /// already changed. An update of the same file by the function itself is refused.
+    /// already changed. An update of the same file by the function itself is refused. So is a
+    /// null pointer (reported).
     template <typename F>
     bool update(F&& function, std::chrono::milliseconds within = kNoLimit) {
         static_assert(!detail::takes_a_copy<std::decay_t<F>>::value,
                       "the function takes a std::string&, not a copy that nobody sees");
+        if constexpr (std::is_pointer_v<std::decay_t<F>>) {
+            const std::decay_t<F> pointer = function;
+            if (pointer == nullptr) return detail::FileUpdate::NoFunction(name_);
+        }
         detail::FileUpdate step(folder_, name_, within);
         if (!step) return false;
         if constexpr (std::is_void_v<std::invoke_result_t<F&, std::string&>>) {

@@ -246,6 +246,11 @@ bool FileUpdate::Commit() noexcept {
     return state_->Replace();
 }
 
+bool FileUpdate::NoFunction(const std::string& name) noexcept {
+    PZ_REPORT_ERROR("update [%s]: an empty function\n", name.c_str());
+    return false;
+}
+
 }  // namespace detail
 
 GuardedFile::GuardedFile(const char* folder, const char* name) noexcept {
