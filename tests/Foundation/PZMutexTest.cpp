@@ -4,7 +4,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -34,17 +33,18 @@ TEST(PZMutexTest, KeepsOtherThreadsOutWhileALockLives) {
 
 TEST(PZMutexTest, OneThreadHoldsARecursiveOneSeveralTimes) {
     PZRecursiveMutex mutex;
-    int depth = 0;
+    int visits = 0;
+    const auto visit = [&] {
+        const PZMutexLock lock(mutex);
+        ++visits;
+    };
     {
         const PZMutexLock outer(mutex);
-        const PZMutexLock inner(mutex);
-        depth = 2;
+        visit();
     }
-    std::thread([&] {
-        const PZMutexLock lock(mutex);
-        depth = 0;
-    }).join();
-    EXPECT_EQ(0, depth);
+    EXPECT_EQ(1, visits);
+    std::thread(visit).join();
+    EXPECT_EQ(2, visits);
 }
 
 TEST(PZMutexTest, AWaitEndsWhenItsTimeIsOverAndHoldsTheMutexAgain) {
