@@ -58,6 +58,25 @@ std::string kernel_events() {
     return run_command(with_tracefs("cat /sys/kernel/tracing/uprobe_events")).output;
 }
 
+/// Records a process until the kernel has counted the end of `wanted` messages, and sends the
+/// signal to the recording then. How many of them it has.
+int noted_until_interrupted(const TempDir& folder, const std::string& signal,
+                            const std::string& pid, int wanted) {
+    const std::string file = folder.File(signal);
+    pztest::write_file(folder.File("commands"),
+                       PZ_TRACE " record -o " + file + " -p " + pid +
+                           " & trace=$!\n"
+                           "passed() { awk '/msg_end/ {n = $3} END {exit n < " +
+                           std::to_string(wanted) +
+                           "}' /sys/kernel/tracing/uprobe_profile; }\n"
+                           "for i in $(seq 600); do passed && break; sleep 0.1; done\n"
+                           "kill -" +
+                           signal + " $trace; wait $trace\n");
+    const CommandResult run = run_command(with_tracefs("sh " + folder.File("commands")));
+    EXPECT_EQ(0, run.status) << run.output;
+    return passed(run_trace("show " + file).output, "msg_end");
+}
+
 }  // namespace
 
 TEST(traceLiveTest, ShowsWhatAProgramHasCountedItself) {
@@ -147,18 +166,12 @@ TEST(traceLiveTest, RecordsARunningProcessForSomeTimeOrUntilItIsInterrupted) {
     EXPECT_EQ(-1, passed(shown, "lock_wait")) << "only what was asked for";
 
     for (const std::string signal : {"INT", "TERM"}) {
-        const std::string interrupted = folder.File(signal);
-        pztest::write_file(folder.File("commands"),
-                           PZ_TRACE " record -o " + interrupted + " -p " + pid +
-                               " & trace=$!\n"
-                               "passed() { awk '/msg_end/ {n = $3} END {exit n < 50}' "
-                               "/sys/kernel/tracing/uprobe_profile; }\n"
-                               "for i in $(seq 600); do passed && break; sleep 0.1; done\n"
-                               "kill -" +
-                               signal + " $trace; wait $trace\n");
-        const CommandResult run = run_command(with_tracefs("sh " + folder.File("commands")));
-        EXPECT_EQ(0, run.status) << run.output;
-        EXPECT_GT(passed(run_trace("show " + interrupted).output, "msg_end"), 20) << run.output;
+        // On a busy machine the kernel counts long before perf notes: then once more, for longer.
+        int noted = 0;
+        for (int wanted = 50; noted <= 20 && wanted <= 5000; wanted *= 10) {
+            noted = noted_until_interrupted(folder, signal, pid, wanted);
+        }
+        EXPECT_GT(noted, 20) << signal;
         EXPECT_FALSE(contains(kernel_events(), "pztrace_")) << signal;
     }
     EXPECT_EQ(0, kill(program.Pid(), 0)) << "the process goes on";
