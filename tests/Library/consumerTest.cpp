@@ -66,6 +66,9 @@ void expect_consumers_work(const std::string& folder, bool shared) {
     for (const std::string program : {"/hello", "/detect"}) {
         EXPECT_EQ(shared, pztest::has_library(needed_by(folder + program), "libpzframework.so.1"));
     }
+    // pz-top finds the process by this name, in the library or in the program that holds it.
+    const std::string symbols = run_command("readelf -W --dyn-syms " + folder + "/hello").output;
+    EXPECT_EQ(!shared, symbols.find(" pz_inspection\n") != std::string::npos) << symbols;
     pztest::expect_no_detection(folder + "/detect");
 #ifdef PZ_WITH_ICU
     pztest::expect_detection_with_icu(folder + "/detect_icu");
