@@ -90,6 +90,29 @@ TEST_F(EasyChannelTest, BringsValuesToTheWorkersThreadInOrder) {
     for (unsigned int i = 0; i < 10; ++i) EXPECT_EQ(i, received[i]);
 }
 
+TEST_F(EasyChannelTest, IsLeftAloneByAForkedChildThatDestroysTheReceiver) {
+    Gate gate;
+    std::atomic<unsigned int> last{0};
+    auto in = std::make_unique<pz::Receiver<Station>>(worker, channel, [&](const Station& s) {
+        gate.Pass();
+        last = s.kHz;
+    });
+    pz::Sender<Station> out(channel);
+    ASSERT_EQ(Sent::ok, out.send({1, ""}));
+    ASSERT_TRUE(gate.WaitForArrival());
+    const pztest::ChildResult child = pztest::run_in_child(
+        [&in] {
+            in.reset();
+            return 42;
+        },
+        /*limitSeconds=*/20);
+    EXPECT_EQ(42, child.status);
+    EXPECT_EQ("", child.output) << "waits for the parent's function";
+    gate.Open();
+    EXPECT_EQ(Sent::ok, out.send({2, ""}));
+    EXPECT_TRUE(wait_until([&] { return last == 2; }));
+}
+
 TEST_F(EasyChannelTest, BringsObjectsThatSerializeThemselves) {
     std::string received;
     std::atomic<bool> done{false};

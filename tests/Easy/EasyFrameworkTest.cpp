@@ -105,6 +105,26 @@ TEST(EasyFrameworkTest, SeveralObjectsShareOneStart) {
     EXPECT_EQ(0, result.status) << result.output;
 }
 
+TEST(EasyFrameworkTest, IsLeftAloneByAForkedChildThatDestroysIt) {
+    const auto result = run_in_child([] {
+        auto fw = std::make_unique<pz::Framework>("radio", 7);
+        std::atomic<int> runs{0};
+        pz::Worker worker("tuner");
+        const auto timer = worker.every(std::chrono::milliseconds(1), [&runs] { ++runs; });
+        const auto child = run_in_child(
+            [&fw] {
+                fw.reset();
+                return 42;
+            },
+            /*limitSeconds=*/20);
+        if (child.status != 42) return 1;
+        const int before = runs;
+        return wait_until([&] { return runs > before; }) ? 0 : 2;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
 TEST(EasyFrameworkTest, ANullNameIsEmpty) {
     const auto result = run_in_child([] {
         const pz::Framework fw(nullptr);

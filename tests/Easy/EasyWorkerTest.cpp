@@ -17,6 +17,7 @@
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZUnitFrame.h>
 
+#include "support/ChildProcess.h"
 #include "support/Gate.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
@@ -95,6 +96,24 @@ TEST_F(EasyWorkerTest, RunsWhatIsPostedOnItsOwnThreadInOrder) {
     }
     EXPECT_EQ((std::vector<int>{0, 1, 2}), order);
     EXPECT_NE(std::this_thread::get_id(), thread);
+}
+
+TEST_F(EasyWorkerTest, IsLeftAloneByAForkedChildThatDestroysIt) {
+    std::atomic<int> runs{0};
+    auto worker = std::make_unique<pz::Worker>("tuner");
+    auto timer = worker->every(std::chrono::milliseconds(1), [&runs] { ++runs; });
+    const pztest::ChildResult child = pztest::run_in_child(
+        [&] {
+            timer = pz::Timer();
+            worker.reset();
+            return 42;
+        },
+        /*limitSeconds=*/20);
+    EXPECT_EQ(42, child.status) << child.output;
+    EXPECT_EQ("", child.output);
+    EXPECT_EQ(7, worker->call([] { return 7; }).value_or(0));
+    const int before = runs;
+    EXPECT_TRUE(wait_until([&] { return runs > before; }));
 }
 
 TEST_F(EasyWorkerTest, RunsTheMoreUrgentFirst) {

@@ -126,6 +126,41 @@ protected:
     std::atomic<int> tid{-1};
 };
 
+TEST_F(PZWorkerTest, IsLeftAloneByAForkedChildThatEndsIt) {
+    StartAndAsk();
+    const pztest::ChildResult child = pztest::run_in_child(
+        [this] {
+            worker.End(0);
+            return 42;
+        },
+        /*limitSeconds=*/20);
+    EXPECT_EQ(42, child.status) << child.output;
+    tid = -1;
+    ASSERT_EQ(0U, Post(kWhoAmI));
+    EXPECT_TRUE(wait_until([this] { return tid != -1; }));
+}
+
+TEST_F(PZWorkerTest, CanBeDestroyedInAForkedChildWhoseParentPostsJustNow) {
+    StartAndAsk();
+    ASSERT_TRUE(wait_until([this] {
+        return pztest::thread_status(std::to_string(tid), "State").substr(0, 1) == "S";
+    }));
+    write_gate = &gate;
+    write_call.Replace(&write_after_gate);
+    std::thread poster([this] { Post(kWhoAmI); });
+    EXPECT_TRUE(gate.WaitForArrival());  // it is about to wake the worker
+    const pztest::ChildResult child = pztest::run_in_child(
+        [this] {
+            write_call.Reset();
+            worker.~PZWorker();
+            return 42;
+        },
+        /*limitSeconds=*/20);
+    EXPECT_EQ(42, child.status) << child.output;
+    gate.Open();
+    poster.join();
+}
+
 TEST_F(PZWorkerTest, HasItsBoxFromTheBeginning) {
     PZIMsgBox* const box = worker.GetMsgBox();
     ASSERT_NE(nullptr, box);

@@ -320,6 +320,15 @@ TEST_F(PZLTimerSubMngStartTest, EndAnswersZeroWhenTheJoinFails) {
 
 // Priority
 
+TEST_F(PZLTimerSubMngTest, IsLeftAloneByAForkedChildThatEndsIt) {
+    const pztest::ChildResult child = pztest::run_in_child(
+        [this] { return sub.end(kIgnoredTimeout) == 1 ? 42 : 1; }, /*limitSeconds=*/20);
+    EXPECT_EQ(42, child.status) << child.output;
+    CallbackTimer timer;
+    Add(timer, 0);
+    EXPECT_EQ(1U, timer.Fired());
+}
+
 TEST_F(PZLTimerSubMngTest, SetPriorityGivesTheThreadAnotherPriority) {
     EXPECT_EQ(1, sub.setPriority(251));
     ASSERT_EQ(2U, priorities.Changes().size());

@@ -21,6 +21,7 @@ namespace pz {
 /// End:      workers that still run are stopped, each within its own bound, and reported. When a
 ///           handler hangs, the framework stays as it is, because the handler may still use it.
 ///           That is reported; the process may still end.
+///           A forked child of the process that started it does not end it.
 /// Tick:     timers continue when the 32-bit tick wraps, every 49.7 days: one sleeping thread,
 ///           "pz_tick", causes a check in every band of PZLTimerMng right after each wrap.
 /// Rights:   a user who may not raise priorities gets one warning that says so, where

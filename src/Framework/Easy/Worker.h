@@ -349,6 +349,7 @@ CallError call(WorkerCore* core, Body& body, const Place& place) {
 /// Life:       runs from its constructor to its destructor; make a pz::Framework first. The
 ///             destructor serves what is posted, for at most `stop_within`; see stop. As a member
 ///             it comes after those that its functions use.
+///             A forked child leaves it alone.
 /// Threads:    any thread may call anything, and so may a function that the worker runs. The worker
 ///             must outlive the calls on it.
 /// Ownership:  a posted function is moved or copied into the worker, and destroyed on the worker's

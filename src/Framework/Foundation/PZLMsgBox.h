@@ -78,6 +78,7 @@ private:
     struct PZ_LOCAL Waking;
 
     PZ_LOCAL bool MakeEvents();
+    PZ_LOCAL bool IsOfParent() const;
     PZ_LOCAL EN_POST RefusedLocked(EN_POST answer) const PZ_REQUIRES(msgSync_);
     PZ_LOCAL bool BeginLoop(unsigned int workerId);
     template <unsigned int headSize>

@@ -66,6 +66,9 @@ public:
     /// Ends the thread when everything posted has been served, however long that takes (`timeout`
     /// is not used). When the join fails, the thread object stays.
     ///
+    /// In a forked child of the process that started it nothing happens: the thread is the
+    /// parent's.
+    ///
     /// Ending a worker whose thread does not run leaves the request in the box: the loop of the
     /// next Start ends as soon as it is idle.
     void End(unsigned int timeout);

@@ -54,6 +54,8 @@ public:
     /// Ends the thread and waits for that without limit (`timeout` is not used); its timers are
     /// removed. 1 when it was joined, 0 when the join failed (reported). 1 at once when there is no
     /// thread; the next thread to be started then ends at once.
+    ///
+    /// In a forked child of the process that started it nothing happens, and the answer is 1.
     int end(unsigned int timeout);
 
     /// Gives the running thread another wide priority. 1 when it has it, else 0 (reported).

@@ -243,7 +243,7 @@ ReceiverCore::ReceiverCore(const Worker& worker, const char* name, ValueKind kin
 }
 
 ReceiverCore::~ReceiverCore() {
-    if (state_ == nullptr) return;
+    if (state_ == nullptr || state_->worker->IsOfParent()) return;
     Delivery& delivery = *state_->delivery;
     delivery.Stop();
     state_->isClosing = true;

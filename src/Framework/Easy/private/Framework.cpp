@@ -13,6 +13,7 @@
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/private/pz_counted_priorities.h>
+#include <Framework/private/pz_home.h>
 
 #include "WorkerCore.h"
 
@@ -85,6 +86,7 @@ struct ST_STARTED {
     PZMutex mutex;
     unsigned int users PZ_GUARDED_BY(mutex) = 0;
     TickKeeper* keeper PZ_GUARDED_BY(mutex) = nullptr;  // owned; stays when the framework does
+    PZHome home;                                        // where the first user started it
 };
 
 ST_STARTED& started() noexcept {
@@ -107,6 +109,7 @@ bool start(const char* name, int id) {
     ST_STARTED& state = started();
     const PZMutexLock lock(state.mutex);
     if (state.users == 0 && !initialize(name, id)) return false;
+    if (state.users == 0) state.home.Renew();
     if (state.keeper == nullptr) state.keeper = new TickKeeper;
     ++state.users;
     return true;
@@ -135,7 +138,7 @@ Framework::Framework(const char* name, int id) noexcept : started_(false) {
 }
 
 Framework::~Framework() {
-    if (started_) end();
+    if (started_ && !started().home.IsParent()) end();
 }
 
 }  // namespace pz

@@ -69,6 +69,7 @@ void TimerCore::Detach() noexcept {
 }
 
 bool TimerCore::Stop() noexcept {
+    if (worker_->IsOfParent()) return true;
     const auto self = weak_from_this().lock();  // its worker may be all that keeps it
     {
         const PZMutexLock lock(mutex_);

@@ -506,6 +506,7 @@ long long WorkerCore::NowMs() const {
 }
 
 bool WorkerCore::Stop(std::chrono::milliseconds within) {
+    if (IsOfParent()) return true;
     RequestStop();
     if (IsOwnThread()) return false;
     if (IsManual()) {
@@ -527,6 +528,7 @@ bool WorkerCore::WaitUntilFinished(Clock::time_point deadline) {
 }
 
 bool WorkerCore::JoinIfFinished() noexcept {
+    if (IsOfParent()) return false;
     {
         const PZMutexLock lock(mutex_);
         if (!finished_) return false;
@@ -581,15 +583,23 @@ void join_finished_cores() noexcept {
 bool stop_all_cores() {
     join_finished_cores();
     std::size_t index = 0;
+    std::size_t left = 0;
     while (const auto core = core_at(index)) {
+        if (core->IsOfParent()) {
+            ++index;
+            continue;
+        }
         const bool hasFailed = core->HasFailedToStop();
         if (core->IsRunning()) {
             PZ_REPORT_ERROR("worker [%s] still runs: it is stopped\n", core->Name());
         }
         // One that hung may be about to end.
-        if (!core->Stop(hasFailed ? kGrace : core->Options().stop_within)) ++index;
+        if (!core->Stop(hasFailed ? kGrace : core->Options().stop_within)) {
+            ++index;
+            ++left;
+        }
     }
-    return index == 0;
+    return left == 0;
 }
 
 }  // namespace pz::detail

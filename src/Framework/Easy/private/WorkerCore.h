@@ -14,6 +14,7 @@
 #include <Framework/Foundation/PZPriorityQueue.h>
 #include <Framework/Foundation/PZThread.h>
 #include <Framework/Foundation/private/PZMutex.h>
+#include <Framework/private/pz_home.h>
 
 #include "ClockCore.h"
 
@@ -88,6 +89,8 @@ public:
 
     bool IsManual() const noexcept { return kind_ == Kind::manual; }
     bool IsOwnThread() const noexcept;
+    /// True in a forked child, which does not have the thread.
+    bool IsOfParent() const noexcept { return !IsManual() && home_.IsParent(); }
     bool IsRunning() const noexcept;
     bool HasFailedToStop() const noexcept { return hangReported_.load(); }
     std::size_t Pending() noexcept;
@@ -186,6 +189,7 @@ private:
     PZMutex joinMutex_;
     bool isJoined_ PZ_GUARDED_BY(joinMutex_) = true;
     PZThread<WorkerCore> thread_;
+    PZHome home_;
 };
 
 /// All cores with a thread that was not joined yet.

@@ -11,6 +11,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_home.h>
 #include <Framework/private/pz_numbers.h>
 #include <Framework/private/pz_probes.h>
 #include <Framework/private/pz_rare.h>
@@ -182,6 +183,7 @@ struct PZLMsgBox::Kept {
     const void* inService = nullptr;  // copy that the loop's last message had
     PZPayloadStore::Spent spent;      // copies of the loop's messages before it
     char workerName[128] = {};        // under the message lock; "" before the first loop
+    PZHome home;                      // of the last loop
 };
 
 /// What follows a post after the lock. The loop may have served it by then, and the box may be
@@ -213,7 +215,8 @@ PZLMsgBox::PZLMsgBox()
 PZLMsgBox::~PZLMsgBox() {
     if (kept_ == nullptr) return;
     // The last message may have been served before the thread that posted it has woken the loop.
-    while (kept_->handOver.IsBeingWoken())
+    // A forked child does not have that thread.
+    while (kept_->handOver.IsBeingWoken() && !IsOfParent())
         std::this_thread::sleep_for(std::chrono::microseconds(50));
     kept_->spent.Add(kept_->inService);
     kept_->payloads.Give(kept_->spent);
@@ -230,6 +233,11 @@ bool PZLMsgBox::MakeEvents() {
     }
     if (!startedEvent_.isInitialized()) startedEvent_.init(nullptr);
     return startedEvent_.isInitialized() && kept_->wait.wait.Open();
+}
+
+/// Whether the last loop is that of a parent process.
+bool PZLMsgBox::IsOfParent() const {
+    return kept_ != nullptr && kept_->home.IsParent();
 }
 
 int PZLMsgBox::Init() {
@@ -428,6 +436,7 @@ bool PZLMsgBox::BeginLoop(unsigned int workerId) {
     events_.Clear();
     if (kept_ != nullptr) kept_->handOver.BeginLocked();
     workerId_ = static_cast<int>(workerId);
+    if (kept_ != nullptr) kept_->home.Renew();
     if (kept_ != nullptr) kept_->TakeWorkerName();
     if (kept_ != nullptr) kept_->ShowBeginLocked(workerId);
     if (kept_ == nullptr || !kept_->wait.wait.IsOpen()) return false;

@@ -44,6 +44,7 @@ bool PZWorker::MakeThreadObject() {
 }
 
 void PZWorker::End(unsigned int /*timeout*/) {
+    if (thread_ != nullptr && thread_->isStarted() && msgBox_->IsOfParent()) return;
     msgBox_->Exit();
     if (thread_ == nullptr) return;
     if (thread_->WaitExit() != 0) return;

@@ -15,6 +15,7 @@
 #include <Framework/Foundation/private/PZWatchedWait.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Wrapper/pz_stdlib.h>
+#include <Framework/private/pz_home.h>
 #include <Framework/private/pz_probes.h>
 #include <Framework/private/pz_time.h>
 
@@ -66,6 +67,7 @@ void count_lateness(PZInspectedBand& shown, unsigned int lateMs) {
 struct PZLTimerSubMng::Kept {
     PZLoopWait wait;
     PZListedBand shown;
+    PZHome home;  // of the thread
 
     // Nodes of the timer that was removed last, for the next one; both or none. Who adds and
     // removes timers all the time needs no memory for that.
@@ -113,6 +115,7 @@ int PZLTimerSubMng::start(const char* name) {
 
 // A thread that could not be woken would be of no use to anybody.
 int PZLTimerSubMng::startThread(const char* name) {
+    kept_->home.Renew();
     if (!kept_->wait.Open() || !thread_.Start(name)) return 0;
     while (sem_wait(semaphore_in(firstTickTaken_)) != 0 && errno == EINTR) {
     }
@@ -120,6 +123,7 @@ int PZLTimerSubMng::startThread(const char* name) {
 }
 
 int PZLTimerSubMng::end(unsigned int /*timeout*/) {
+    if (thread_.isStarted() && kept_->home.IsParent()) return 1;
     kept_->wait.End();
     return thread_.WaitExit() == 0 ? 1 : 0;
 }
