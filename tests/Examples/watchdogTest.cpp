@@ -26,7 +26,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kWatchdog(2000);
+constexpr milliseconds kWatchdog(3000);
 
 class FakeSystemd {
 public:

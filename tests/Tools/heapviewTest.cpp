@@ -419,7 +419,8 @@ TEST(HeapviewTest, EndsQuietlyWhenItIsInterrupted) {
     const TempDir folder;
     write_file(folder.File("report.txt"), report_of(block_line(0, 1, "0x00001000")));
     const std::string path = with_symbolizer(folder, "kill -INT $PPID; exec sleep 60");
-    const CommandResult shown = run_command(path + PZ_HEAPVIEW " --program " PZ_LEAKY_FIXED " " +
+    const CommandResult shown = run_command("env --default-signal=INT " + path +
+                                            PZ_HEAPVIEW " --program " PZ_LEAKY_FIXED " " +
                                             folder.File("report.txt") + " 2>&1");
     EXPECT_EQ(130, shown.status);
     EXPECT_FALSE(contains(shown.output, "Traceback")) << shown.output;

@@ -47,10 +47,10 @@ public:
     int Look() override {
         Reading reading;
         const ::Look look = read_process(pid_, true, reading);
-        const bool isAnother = now_ && look != ::Look::Gone && now_->startTime != reading.startTime;
-        if (look != ::Look::Done || isAnother) {
-            return Failed(isAnother ? ::Look::Gone : look, reading);
-        }
+        // One that is just ending has no memory any more, and so no library.
+        const bool isOver = now_ && look != ::Look::Gone &&
+                            (now_->startTime != reading.startTime || look == ::Look::NoLibrary);
+        if (look != ::Look::Done || isOver) return Failed(isOver ? ::Look::Gone : look, reading);
         before_ = std::exchange(now_, std::move(reading));
         return kExitDone;
     }
