@@ -606,9 +606,10 @@ TEST(topTest, LooksAtAProcessWhoseFirstThreadHasEnded) {
     EXPECT_EQ("Z", first.At("state").text);
 }
 
+#ifndef __SANITIZE_ADDRESS__  // it ends a process with two libraries that have the same names
 TEST(topTest, LooksAtTheLibraryThatIsUsedWhenThereAreTwo) {
     std::vector<std::string> second = {PZ_TOP_OTHER_LIBRARY};  // as of another release
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef __SANITIZE_THREAD__
     const pztest::TempDir folder;
     second.push_back(folder.File("libpzframework_copy.so"));
     ASSERT_EQ(0, pztest::run_command("cp -L '" PZ_LIBRARY "' '" + second.back() + "'").status);
@@ -622,6 +623,7 @@ TEST(topTest, LooksAtTheLibraryThatIsUsedWhenThereAreTwo) {
         EXPECT_EQ(10, named(process.At("threads"), "audio").At("worker").At("served").number);
     }
 }
+#endif
 
 #ifdef PZ_TOP_HAS_SCREEN
 namespace {
