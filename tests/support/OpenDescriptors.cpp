@@ -30,7 +30,7 @@ std::map<int, std::string> descriptors_of(pid_t pid) {
         const char* const number = static_cast<const char*>(entry->d_name);
         std::string target = link_target(dirfd(folder), number);
         if (target.empty()) continue;  // "." and "..", or closed meanwhile
-        found[std::atoi(number)] = std::move(target);
+        found[static_cast<int>(std::strtol(number, nullptr, 10))] = std::move(target);
     }
     if (pid == ::getpid()) found.erase(dirfd(folder));
     closedir(folder);
