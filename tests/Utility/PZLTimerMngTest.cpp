@@ -151,8 +151,10 @@ TEST_F(PZLTimerMngTest, StartsThoughThePrioritiesAreRefused) {
     PZLTimerMng* const fresh = PZLTimerMng::GetTimerMng();
     EXPECT_EQ(5U, error_messages(output.Take()).size());
     CallbackTimer timer;
-    EXPECT_NE(nullptr, fresh->AddTimer(&timer, 0));
+    Handle* const handle = fresh->AddTimer(&timer, 0);
+    ASSERT_NE(nullptr, handle);
     EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(0, fresh->IsActive(handle, &timer));  // waits for the callback's end
 }
 
 // Bands
@@ -438,8 +440,10 @@ TEST_F(PZLTimerMngTest, AddTimerAnswersNullForABandThatHasNoThread) {
     FakePriorities::SetOwnNice(0);
     EXPECT_EQ(nullptr, fresh->AddTimer(&timer, 0));
     FakePriorities::SetOwnNice(-20);
-    EXPECT_NE(nullptr, fresh->AddTimer(&timer, 0));
+    Handle* const handle = fresh->AddTimer(&timer, 0);
+    ASSERT_NE(nullptr, handle);
     EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(0, fresh->IsActive(handle, &timer));  // waits for the callback's end
     EXPECT_EQ("", output.Take());
 }
 
@@ -481,8 +485,10 @@ TEST_F(PZLTimerMngTest, AddTimerAnswersNullWhenThereIsNoMemory) {
     }
     EXPECT_EQ(nullptr, handle);
     EXPECT_EQ(Names{"failed to allocate memory"}, error_messages(output.Take()));
-    EXPECT_NE(nullptr, manager->AddTimer(&timer, 0));
+    handle = manager->AddTimer(&timer, 0);
+    ASSERT_NE(nullptr, handle);
     EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    EXPECT_EQ(0, manager->IsActive(handle, &timer));  // waits for the callback's end
 }
 
 TEST_F(PZLTimerMngTest, AThreadThatIsBeingCancelledMayDestroyTheManager) {
