@@ -1114,11 +1114,11 @@ TEST_F(PZEventTest, EndsALimitedWaitOnTimeThatSignalsInterruptAgainAndAgain) {
 
 TEST_F(PZEventTest, GivesEveryRoundTheFullTimeOutAlsoAfterAnInterruption) {
     const Interruptions interruptions;
+    const auto start = steady_clock::now();
     std::thread setter([this] {
         std::this_thread::sleep_for(milliseconds(60));
         a.event.SetEvent();
     });
-    const auto start = steady_clock::now();
     EXPECT_EQ(kTimedOut, PZEvent::WaitMultipleEvent(2, both, 100, true));
     // Had the second round gone on with the first one's time, 100 would have been enough.
     EXPECT_GE(steady_clock::now() - start, milliseconds(160));
