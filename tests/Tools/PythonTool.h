@@ -15,7 +15,7 @@ namespace pztest {
 /// "accepted". The lines hold no quotes.
 inline std::vector<std::string> usage_of(const std::string& tool,
                                          const std::vector<std::string>& lines) {
-    std::string command = PZ_PYTHON " " PZ_USAGE_OF " " + tool;
+    std::string command = PZ_PYTHON " -B " PZ_USAGE_OF " " + tool;
     for (const std::string& line : lines) command += " '" + line + "'";
     return lines_of(run_command(command).output);
 }

@@ -343,8 +343,8 @@ TEST(HeapviewTest, RefusesNumbersOfThousandsOfDigits) {
 TEST(HeapviewTest, TellsEachProblemInOneLineWhateverItIsGiven) {
     const LeakyRun run;
     const CommandResult shown =
-        run_command(PZ_PYTHON " " PZ_HEAPVIEW_MUTATIONS " " PZ_HEAPVIEW " " + run.Report() + " " +
-                    run.Map() + " " PZ_LEAKY " " + run.Folder().Path() + " 250 2>&1");
+        run_command(PZ_PYTHON " -B " PZ_HEAPVIEW_MUTATIONS " " PZ_HEAPVIEW " " + run.Report() +
+                    " " + run.Map() + " " PZ_LEAKY " " + run.Folder().Path() + " 250 2>&1");
     EXPECT_EQ(0, shown.status) << shown.output;
     const std::regex counts("([1-9]\\d*) ([1-9]\\d*)\n");
     EXPECT_TRUE(std::regex_match(shown.output, counts)) << shown.output;

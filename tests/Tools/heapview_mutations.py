@@ -12,8 +12,6 @@ with 0 and with 1.
 """
 
 import contextlib
-import importlib.machinery
-import importlib.util
 import io
 import os
 import random
@@ -21,18 +19,13 @@ import re
 import subprocess
 import sys
 
+from tool_module import load_tool
+
 TOKENS = [b"", b"\0", b"\n", b"\r\n", b"\t", b"\x1b[2J", b"\xff\xfe", b"0" * 30, b"9" * 30, b"-1", b"0x",
           b"0x" + b"f" * 16, b"0x" + b"f" * 17, b"thread 0x1 ", b"[Memory Leak Info]\n", b"A" * 70000,
           b"[Memory Info about Each Thread]\n", b"00000000-ffffffffffffffff r-xp 00000000 00:00 0 /\n"]
 FORMS = [[], ["--by", "blocks"], ["--corrupt"], ["--folded"], ["--svg"], ["--diff"]]
 KINDS = ("report", "map", "program", "answer")
-
-
-def load(path):
-    loader = importlib.machinery.SourceFileLoader("pz_heapview", path)
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("pz_heapview", loader))
-    loader.exec_module(module)
-    return module
 
 
 def spoiled(data, chance):
@@ -118,7 +111,7 @@ def check_cuts(tool, path, report):
 
 def main():
     tool_path, report_path, map_path, program_path, folder, rounds = sys.argv[1:]
-    tool, symbolizer = load(tool_path), Symbolizer()
+    tool, symbolizer = load_tool(tool_path), Symbolizer()
     tool.subprocess.run = symbolizer.run
     tool.shutil.which = lambda name: name
     whole = {}

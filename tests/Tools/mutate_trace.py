@@ -3,8 +3,6 @@
 right form and drawn, or refused by one line. usage: mutate_trace.py PZ-TRACE RECORDING ROUNDS"""
 
 import contextlib
-import importlib.machinery
-import importlib.util
 import io
 import json
 import os
@@ -14,15 +12,7 @@ import tempfile
 import xml.dom.minidom
 
 import check_trace
-
-sys.dont_write_bytecode = True
-
-
-def load_tool(path):
-    loader = importlib.machinery.SourceFileLoader("pz_trace", path)
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("pz_trace", loader))
-    loader.exec_module(module)
-    return module
+from tool_module import load_tool
 
 
 WORDS = [b"0x", b"-1", b"18446744073709551616", b"99999999999999999999", b'"', b"=", b":", b"\x00",

@@ -366,7 +366,7 @@ TEST(traceTest, PrintsWhatTheTerminalHasNoLettersForAsQuestionMarks) {
 
 /// Stands for a fuzz target, which Python has none of.
 TEST(traceTest, ShowsHostileRecordingsOrRefusesThemWithOneLine) {
-    const CommandResult run = run_command(PZ_PYTHON " " PZ_TRACE_MUTATE " " PZ_TRACE " " PZ_DATA
+    const CommandResult run = run_command(PZ_PYTHON " -B " PZ_TRACE_MUTATE " " PZ_TRACE " " PZ_DATA
                                                     "/trace_scan.txt 60 2>&1");
     EXPECT_EQ(0, run.status) << run.output;
     EXPECT_EQ(0U, run.output.find("shown ")) << run.output;

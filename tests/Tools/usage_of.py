@@ -8,20 +8,11 @@ Each of the ARGUMENTS is a whole command line. Prints for each: "STATUS FIRST-LI
 """
 
 import contextlib
-import importlib.machinery
-import importlib.util
 import io
 import shlex
 import sys
 
-sys.dont_write_bytecode = True
-
-
-def load(path):
-    loader = importlib.machinery.SourceFileLoader("tool", path)
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("tool", loader))
-    loader.exec_module(module)
-    return module
+from tool_module import load_tool
 
 
 def answer(tool, arguments):
@@ -35,7 +26,7 @@ def answer(tool, arguments):
 
 
 def main():
-    tool = load(sys.argv[1])
+    tool = load_tool(sys.argv[1])
     for line in sys.argv[2:]:
         print(answer(tool, shlex.split(line)))
 

@@ -11,6 +11,7 @@
 #include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/private/PZMutex.h>
+#include <Framework/private/pz_scope_end.h>
 
 #include "WorkerCore.h"
 
@@ -142,18 +143,8 @@ public:
 
     void operator()() {
         if (!delivery_->Begin()) return;
-        /// Tells the thread that waits, also when the function throws.
-        class Running {
-        public:
-            explicit Running(Delivery& delivery) : delivery_(delivery) {}
-            ~Running() { delivery_.End(); }
-            Running(const Running&) = delete;
-            Running& operator=(const Running&) = delete;
-
-        private:
-            Delivery& delivery_;
-        };
-        const Running running(*delivery_);
+        // Tells the thread that waits, also when the function throws.
+        const PZScopeEnd running([this] { delivery_->End(); });
         delivery_->taker->Take(bytes_.data(), bytes_.size());
     }
 

@@ -151,8 +151,8 @@ void RotatingLog::State::KeepTail(const std::string& path) const {
     if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return;
     if (static_cast<std::size_t>(info.st_size) <= size_) return;
     const PZDescriptor from(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-    const PZDescriptor to(
-        ::open(newPath_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+    constexpr int kMaking = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW;
+    const PZDescriptor to(::open(newPath_.c_str(), kMaking | O_CLOEXEC, kFileMode));
     std::string tail(size_, '\0');
     const ssize_t count =
         ::pread(from.Get(), tail.data(), size_, info.st_size - static_cast<off_t>(size_));
@@ -188,9 +188,8 @@ bool RotatingLog::State::EnsureOpenLocked() {
 
 bool RotatingLog::State::OpenLocked() {
     // A fifo without a reader would keep its writer waiting.
-    file_ = PZDescriptor(::open(path_.c_str(),
-                                O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW,
-                                kFileMode));
+    constexpr int kAppending = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOFOLLOW;
+    file_ = PZDescriptor(::open(path_.c_str(), kAppending | O_CLOEXEC, kFileMode));
     struct stat info = {};
     bool isMine = file_.MoveAboveStandard() && ::flock(file_.Get(), LOCK_EX | LOCK_NB) == 0 &&
                   ::fstat(file_.Get(), &info) == 0;

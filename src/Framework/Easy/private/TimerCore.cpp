@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <Framework/Diagnostics/PZReport.h>
+#include <Framework/private/pz_scope_end.h>
 
 namespace pz::detail {
 
@@ -152,18 +153,8 @@ void TimerCore::Run() {
         if (isStopped_) return;
         isRunning_ = true;
     }
-    /// Tells the thread that waits, also when the function throws.
-    class Running {
-    public:
-        explicit Running(TimerCore& timer) : timer_(timer) {}
-        ~Running() { timer_.NoteDone(); }
-        Running(const Running&) = delete;
-        Running& operator=(const Running&) = delete;
-
-    private:
-        TimerCore& timer_;
-    };
-    const Running running(*this);
+    // Tells the thread that waits, also when the function throws.
+    const PZScopeEnd running([this] { NoteDone(); });
     function_->Run();
 }
 

@@ -12,6 +12,7 @@
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_rare.h>
+#include <Framework/private/pz_scope_end.h>
 
 #include "TimerCore.h"
 
@@ -404,48 +405,23 @@ __attribute__((always_inline, no_sanitize("null"))) inline void WorkerCore::RunF
 
 __attribute__((no_sanitize("null"))) void WorkerCore::Execute(Job& job) {
     NoteTaken();
-    /// Gives the job back, also when the handler ends its thread.
-    class Taken {
-    public:
-        Taken(WorkerCore& core, Job& job) : core_(core), job_(job) {
-            int expected = en_STATE_QUEUED;
-            hasFunction_ = job.state.compare_exchange_strong(expected, en_STATE_TAKEN);
-        }
-        ~Taken() {
-            if (hasFunction_) job_.type->drop(job_.room);
-            core_.isRunning_.store(false, std::memory_order_relaxed);
-            core_.Release(job_);
-        }
-        Taken(const Taken&) = delete;
-        Taken& operator=(const Taken&) = delete;
-
-        bool HasFunction() const { return hasFunction_; }
-
-    private:
-        WorkerCore& core_;
-        Job& job_;
-        bool hasFunction_;
-    };
-    const Taken taken(*this, job);
-    if (taken.HasFunction()) RunFunction(job.place, *job.type, job.room);
+    int expected = en_STATE_QUEUED;
+    const bool hasFunction = job.state.compare_exchange_strong(expected, en_STATE_TAKEN);
+    // Gives the job back, also when the handler ends its thread.
+    const PZScopeEnd taken([this, &job, hasFunction] {
+        if (hasFunction) job.type->drop(job.room);
+        isRunning_.store(false, std::memory_order_relaxed);
+        Release(job);
+    });
+    if (hasFunction) RunFunction(job.place, *job.type, job.room);
 }
 
 __attribute__((always_inline, no_sanitize("null"))) inline void WorkerCore::ExecutePlain(
     const PlainHead& head) {
     NoteTaken();
     if (isDropped_.load(std::memory_order_relaxed)) return;
-    /// Told also when the handler ends its thread.
-    class Running {
-    public:
-        explicit Running(std::atomic<bool>& isRunning) : isRunning_(isRunning) {}
-        ~Running() { isRunning_.store(false, std::memory_order_relaxed); }
-        Running(const Running&) = delete;
-        Running& operator=(const Running&) = delete;
-
-    private:
-        std::atomic<bool>& isRunning_;
-    };
-    const Running running(isRunning_);
+    // Told also when the handler ends its thread.
+    const PZScopeEnd running([this] { isRunning_.store(false, std::memory_order_relaxed); });
     RunFunction(head.place, *head.type, &head + 1);
 }
 

@@ -289,7 +289,7 @@ void PZThreadMng::dumpThreadStatus() {
     for (const auto& [handle, info] : threads_) {
         write_record(file, info);
     }
-    fflush_unlocked(file);  // of fflush Clang takes it that no thread is cancelled in it
+    std::fflush(file);
     closing.Settle();
 }
 
