@@ -10,6 +10,7 @@
 
 #include "support/GuardFiles.h"
 #include "support/MemoryShortage.h"
+#include "support/OwnSegments.h"
 #include "support/StdoutCapture.h"
 
 // A guard whose memory runs out. Its names are too long for a string's own room.

@@ -22,6 +22,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/GuardFiles.h"
+#include "support/OwnSegments.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 

@@ -27,6 +27,7 @@
 #include "support/GuardFiles.h"
 #include "support/Interposed.h"
 #include "support/OpenDescriptors.h"
+#include "support/OwnSegments.h"
 #include "support/StdoutCapture.h"
 
 PZ_INTERPOSE(pthread_mutex_lock, 1, EINVAL);
