@@ -105,18 +105,24 @@ TEST_F(PZLoopWaitTest, GoesOnAfterAnInterruptionForTheTimeThatIsLeft) {
 }
 
 TEST_F(PZLoopWaitTest, EndsOnTimeInAProcessThatWasStoppedMeanwhile) {
-    const pztest::ProcessSignal ready;
-    pztest::ChildProcess child([&] {
-        const auto start = steady_clock::now();
-        if (!ready.Give()) return 3;
-        if (loop.Wait(1000) != PZLoopWait::en_TIMEOUT) return 1;
-        return steady_clock::now() - start < milliseconds(1450) ? 0 : 2;
-    });
-    ASSERT_TRUE(ready.Wait());
-    std::this_thread::sleep_for(milliseconds(500));
-    child.Stop();
-    child.Signal(SIGCONT);
-    EXPECT_EQ(0, child.Wait());
+    constexpr int kLate = 2;
+    int status = kLate;
+    // A busy machine may delay a wait or two. One that began again would be late each time.
+    for (int attempt = 0; status == kLate && attempt < 10; ++attempt) {
+        const pztest::ProcessSignal ready;
+        pztest::ChildProcess child([&] {
+            const auto start = steady_clock::now();
+            if (!ready.Give()) return 3;
+            if (loop.Wait(1000) != PZLoopWait::en_TIMEOUT) return 1;
+            return steady_clock::now() - start < milliseconds(1450) ? 0 : kLate;
+        });
+        ASSERT_TRUE(ready.Wait());
+        std::this_thread::sleep_for(milliseconds(500));
+        child.Stop();
+        child.Signal(SIGCONT);
+        status = child.Wait();
+    }
+    EXPECT_EQ(0, status);
 }
 
 TEST_F(PZLoopWaitTest, WaitsWithoutLimitThroughInterruptions) {
