@@ -139,10 +139,16 @@ TEST(traceLiveTest, ARecordingOfTheDemoHoldsTheEndOfEveryMessageAndWorker) {
 TEST(traceLiveTest, RecordsTwoProcessesOfAScript) {
     const TempDir folder;
     const std::string file = folder.File("data");
-    if (!record(file, "--library " PZ_LIBRARY " -- " PZ_TWOPROCESS_RUN " 1")) return;
-    const std::string shown = run_trace("show " + file).output;
-    EXPECT_TRUE(contains(shown, "pz_display (")) << shown;
-    EXPECT_TRUE(contains(shown, "pz_tuner (")) << shown;
+    std::string shown;
+    bool hasBoth = false;
+    // On a busy machine the kernel now and then makes no probes in a process that perf's command
+    // has started: then once more.
+    for (int attempt = 0; !hasBoth && attempt < 5; ++attempt) {
+        if (!record(file, "--library " PZ_LIBRARY " -- " PZ_TWOPROCESS_RUN " 1")) return;
+        shown = run_trace("show " + file).output;
+        hasBoth = contains(shown, "pz_display (") && contains(shown, "pz_tuner (");
+    }
+    EXPECT_TRUE(hasBoth) << shown;
     EXPECT_GT(passed(shown, "queue_send"), 2) << shown;
     // The display ends first: what is sent to it after that stays.
     EXPECT_NEAR(passed(shown, "queue_send"), passed(shown, "queue_receive"), 3) << shown;
@@ -160,8 +166,13 @@ TEST(traceLiveTest, RecordsARunningProcessForSomeTimeOrUntilItIsInterrupted) {
     ASSERT_TRUE(pztest::wait_until([&] {
         return contains(run_command("cat /proc/" + pid + "/task/*/comm").output, "patient");
     }));
-    ASSERT_TRUE(record(file, "-t 0.3 --only msg -p " + pid));
-    const std::string shown = run_trace("show " + file).output;
+    std::string shown;
+    // A busy machine may let little happen in so short a time: then once more, for longer.
+    for (const std::string seconds : {"0.3", "3", "30"}) {
+        ASSERT_TRUE(record(file, "-t " + seconds + " --only msg -p " + pid));
+        shown = run_trace("show " + file).output;
+        if (passed(shown, "msg_end") > 20) break;
+    }
     EXPECT_GT(passed(shown, "msg_end"), 20) << shown;
     EXPECT_EQ(-1, passed(shown, "lock_wait")) << "only what was asked for";
 
