@@ -1262,25 +1262,32 @@ TEST(PZLTimerSubMngSignalTest, ATimerFiresInTimeUnderSignalsThatComeMoreOftenTha
 
 TEST(PZLTimerSubMngSignalTest, ATimerOfAProcessThatWasStoppedFiresWhenItsTimeIsOver) {
     constexpr unsigned int kIntervalMs = 3000;
-    pztest::ChildProcess child([] {
-        PZLTimerSubMng sub(30, kPriority);
-        {
-            const StdoutCapture output;
-            sub.start("timers");
-        }
-        CallbackTimer timer;
-        const unsigned int start = pztest::tick_now();
-        sub.addTimer(&timer, kIntervalMs);
-        if (!wait_until([&] { return timer.Fired() == 1; })) return 1;
-        const unsigned int took = timer.FiredAt()[0] - start;
-        sub.end(kIgnoredTimeout);
-        return took >= kIntervalMs && took < kIntervalMs + 1500 ? 0 : 2;
-    });
-    usleep(2000000);
-    ASSERT_EQ(0, kill(child.Pid(), SIGSTOP));
-    usleep(10000);
-    ASSERT_EQ(0, kill(child.Pid(), SIGCONT));
-    EXPECT_EQ(0, child.Wait());
+    constexpr int kLate = 2;
+    int status = kLate;
+    // A busy machine may delay a timer or two. One that began again would be late each time.
+    for (int attempt = 0; status == kLate && attempt < 5; ++attempt) {
+        pztest::ChildProcess child([] {
+            PZLTimerSubMng sub(30, kPriority);
+            {
+                const StdoutCapture output;
+                sub.start("timers");
+            }
+            CallbackTimer timer;
+            const unsigned int start = pztest::tick_now();
+            sub.addTimer(&timer, kIntervalMs);
+            if (!wait_until([&] { return timer.Fired() == 1; })) return 1;
+            const unsigned int took = timer.FiredAt()[0] - start;
+            sub.end(kIgnoredTimeout);
+            if (took < kIntervalMs) return 3;
+            return took < kIntervalMs + 1500 ? 0 : kLate;
+        });
+        usleep(2000000);
+        ASSERT_EQ(0, kill(child.Pid(), SIGSTOP));
+        usleep(10000);
+        ASSERT_EQ(0, kill(child.Pid(), SIGCONT));
+        status = child.Wait();
+    }
+    EXPECT_EQ(0, status);
 }
 
 // The thread
