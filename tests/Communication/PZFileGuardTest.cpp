@@ -1006,6 +1006,21 @@ TEST_F(PZFileGuardTest, OneThreadMayLockItSeveralTimes) {
     EXPECT_TRUE(in_other_thread([&app] { return app.tryLock() && app.unlock(); }));
 }
 
+TEST_F(PZFileGuardTest, UnlockOfAThreadThatDoesNotHoldItIsTrueAndReleasesNothing) {
+    PZFileGuard system(dir_, name_);
+    ASSERT_TRUE(system.initForSystem());
+    PZFileGuard app(dir_, name_);
+    ASSERT_TRUE(app.initForApp());
+    EXPECT_TRUE(app.unlock()) << "nobody holds it";
+
+    ASSERT_TRUE(system.lock());
+    EXPECT_TRUE(in_other_thread([&app] { return app.unlock(); }));
+    EXPECT_EQ("", output_.Take());
+    EXPECT_FALSE(in_other_thread([&app] { return app.tryLock(); }));
+    EXPECT_TRUE(system.unlock());
+    EXPECT_TRUE(in_other_thread([&app] { return app.tryLock() && app.unlock(); }));
+}
+
 TEST_F(PZFileGuardTest, DoesNotExcludeGuardsOfOtherFiles) {
     PZFileGuard guard(dir_, name_);
     ASSERT_TRUE(guard.initForSystem());

@@ -543,6 +543,36 @@ TEST_F(PZMessageQueueReceiverTest, CloseWaitsForAnObserverAtWork) {
     EXPECT_TRUE(closed.get());
 }
 
+TEST_F(PZMessageQueueReceiverTest, TwoReceiversOfANameTakeEachOthersMessages) {
+    Sender sender;
+    HoldTheFirst(sender);
+    Recorder other;
+    Receiver second;
+    ASSERT_TRUE(second.open({name.Get(), &other}));
+    ASSERT_EQ(0, sender.send("b", 1, 255));
+    ASSERT_EQ(0, sender.send("c", 1, 255));
+    EXPECT_TRUE(wait_until([&] { return other.Count() == 2; }));
+    EXPECT_EQ("bc", other.Order());
+    EXPECT_EQ("a", observer.Order());
+    second.close();
+    EXPECT_FALSE(name.Exists());
+    gate.Open();
+    receiver->close();
+    EXPECT_EQ("a", observer.Order());
+}
+
+TEST_F(PZMessageQueueReceiverTest, CallsMoreObserversThatAreAdded) {
+    Recorder other;
+    ASSERT_TRUE(Open());
+    EXPECT_EQ(1, receiver->AddObserver(&other));
+    ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
+    EXPECT_TRUE(AwaitCount(1));
+    EXPECT_TRUE(wait_until([&] { return other.Count() == 1; }));
+    EXPECT_EQ("x", other.Order());
+    EXPECT_EQ(1, receiver->RemoveObserver(&other));
+    receiver->close();
+}
+
 Gate* gate_before_receive = nullptr;
 
 ssize_t receive_behind_the_gate(mqd_t queue, char* bytes, size_t size, unsigned int* priority) {

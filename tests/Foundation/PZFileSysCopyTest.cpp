@@ -27,6 +27,7 @@
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
+#include "support/WaitsForWriter.h"
 
 PZ_INTERPOSE(fopen64, 2);
 PZ_INTERPOSE(unlinkat, 3);
@@ -283,6 +284,20 @@ TEST_F(PZFileSysCopyTest, CopiesFromAndToPipes) {
     writer.join();
     EXPECT_EQ(some_bytes(200000), pztest::read_file(dir.File("dst")));
     EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZFileSysCopyTest, CopyAndMoveWaitForTheWriterOfAFifo) {
+    const std::string fifo = dir.File("fifo");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    bool isDone = false;
+    EXPECT_TRUE(
+        pztest::waits_for_writer(fifo, "copied", [&] { isDone = Copy(fifo, dir.File("copy")); }));
+    EXPECT_TRUE(isDone);
+    EXPECT_EQ("copied", pztest::read_file(dir.File("copy")));
+    EXPECT_TRUE(pztest::waits_for_writer(
+        fifo, "moved", [&] { isDone = PZFileSys::Move(fifo.c_str(), dir.File("moved").c_str()); }));
+    EXPECT_TRUE(isDone);
+    EXPECT_EQ("moved", pztest::read_file(dir.File("moved")));
 }
 
 TEST_F(PZFileSysCopyTest, CopiesHolesAsZeroes) {

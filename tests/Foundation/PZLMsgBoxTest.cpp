@@ -26,12 +26,14 @@
 #include <Framework/Foundation/PZWatchDog.h>
 
 #include "support/Assertions.h"
+#include "support/ChildProcess.h"
 #include "support/CountedWaits.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/RecordingDispatcher.h"
 #include "support/StdoutCapture.h"
+#include "support/StuckStdout.h"
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(epoll_wait, 4);
@@ -1035,6 +1037,67 @@ TEST_F(PZLMsgBoxTest, DropsWhatIsQueuedForADispatcherThatHasLeft) {
     EXPECT_TRUE(unit.WaitForCount(1));
     ServeAll();
     EXPECT_TRUE(other.Received().empty());
+}
+
+TEST_F(PZLMsgBoxTest, ANewDispatcherAtTheSameAddressGetsWhatIsQueuedForTheOldOne) {
+    alignas(RecordingDispatcher) unsigned char place[sizeof(RecordingDispatcher)];
+    auto* const old = new (place) RecordingDispatcher;
+    const unsigned long oldId = box.Registory(old);
+    StartAndHoldLoop();
+    Record record = {oldId, 1, kOrdinary, nullptr, 0};
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+    ASSERT_EQ(kSuccess, box.SetEvent(2, oldId));
+    RecordingDispatcher* successor = nullptr;
+    unsigned long newId = 0;
+    // Other threads would wait for the handler that holds the loop.
+    unit.OnMessage(3, [&](const auto&) {
+        box.Unregistory(oldId);
+        old->~RecordingDispatcher();
+        successor = new (place) RecordingDispatcher;
+        newId = box.Registory(successor);
+    });
+    ASSERT_EQ(kSuccess, Post(3, 0));  // before the others
+    ServeAll();
+    EXPECT_EQ(oldId, newId);
+    ASSERT_NE(nullptr, successor);
+    EXPECT_EQ((Log{"evt 2", "msg 1"}), successor->Received());
+    box.Unregistory(newId);
+    successor->~RecordingDispatcher();
+}
+
+TEST(PZLMsgBoxReportTest, AllPostsWaitWhileTheReportOfARefusedOneCannotBePrinted) {
+    const pztest::ChildResult child = pztest::run_in_child([] {
+        PZLMsgBox box;
+        RecordingDispatcher unit;
+        const unsigned long id = box.Registory(&unit);
+        Record record = {id, 1, kOrdinary, nullptr, 0};
+        for (unsigned int i = 0; i < kCapacity; ++i) {
+            if (box.PushMsg(record) != kSuccess) return 1;
+        }
+        std::atomic<unsigned int> refused{kSuccess};
+        std::atomic<bool> isPosted{false};
+        std::thread refusedPoster;
+        std::thread poster;
+        {
+            const pztest::StuckStdout stuck;
+            refusedPoster = std::thread([&] {
+                Record more = record;
+                refused = box.PushMsg(more);
+            });
+            if (!stuck.WaitUntilOthersSleep()) return 2;
+            poster = std::thread([&] {
+                box.SetEvent(1, id);  // for which there is room
+                isPosted = true;
+            });
+            if (!stuck.WaitUntilOthersSleep()) return 3;
+            if (isPosted) std::_Exit(4);
+        }
+        refusedPoster.join();
+        poster.join();
+        return refused == kFull ? 0 : 5;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(0, child.status) << child.output;
 }
 
 TEST_F(PZLMsgBoxTest, AHandlerMayUnregisterItself) {

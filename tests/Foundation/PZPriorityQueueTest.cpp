@@ -1,11 +1,14 @@
 #include "Framework/Foundation/PZPriorityQueue.h"
 
 #include <algorithm>
+#include <new>
 #include <random>
 #include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "support/MemoryShortage.h"
 
 namespace {
 
@@ -183,6 +186,46 @@ TEST_F(PZPriorityQueueTest, CanBeUsedAgainAfterClear) {
     queue.Clear();
     Push(2, 2);
     EXPECT_EQ((std::vector<int>{2}), Serve());
+}
+
+TEST_F(PZPriorityQueueTest, APushWithoutMemoryThrowsAndStoresNothing) {
+    int refusals = 0;
+    while (queue.size() < 100) {
+        const unsigned int before = queue.size();
+        bool hasThrown = false;
+        {
+            const pztest::MemoryShortage shortage;
+            try {
+                Push(before % 7, static_cast<int>(before));
+            } catch (const std::bad_alloc&) {
+                hasThrown = true;
+            }
+        }
+        ASSERT_EQ(before + (hasThrown ? 0U : 1U), queue.size());
+        if (!hasThrown) continue;
+        ++refusals;
+        Push(before % 7, static_cast<int>(before));
+    }
+    EXPECT_LT(0, refusals);
+    std::vector<int> expected;
+    for (int priority = 0; priority < 7; ++priority) {
+        for (int number = priority; number < 100; number += 7) expected.push_back(number);
+    }
+    EXPECT_EQ(expected, Serve());
+}
+
+TEST_F(PZPriorityQueueTest, KeepsItsMemoryForAsManyElementsAsHaveWaitedTogether) {
+    for (int i = 0; i < 100; ++i) Push(1);
+    Serve();
+    const pztest::MemoryShortage shortage;
+    EXPECT_NO_THROW({
+        for (int i = 0; i < 100; ++i) Push(1);
+    });
+    queue.Clear();
+    EXPECT_NO_THROW({
+        for (int i = 0; i < 100; ++i) Push(2);
+    });
+    EXPECT_EQ(100U, queue.size());
 }
 
 }  // namespace

@@ -25,6 +25,7 @@
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
+#include "support/WaitsForWriter.h"
 
 PZ_INTERPOSE(fsync, 1);
 PZ_INTERPOSE(fseeko64, 3);
@@ -678,6 +679,19 @@ TEST_F(PZStorageTest, AFileThatCannotBeMeasuredHasNoSize) {
     EXPECT_EQ(0, PZStorage::GetSize(path.c_str()));
     OpenMedium(/*good=*/0);
     EXPECT_EQ(0, storage.GetSize());
+}
+
+TEST_F(PZStorageTest, WaitsForTheOtherSideOfAFifo) {
+    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    int opened = -1;
+    EXPECT_TRUE(
+        pztest::waits_for_writer(path, "", [&] { opened = storage.Open(path.c_str(), "rb"); }));
+    EXPECT_EQ(0, opened);
+    storage.Close();
+    long long size = -1;
+    EXPECT_TRUE(
+        pztest::waits_for_writer(path, "", [&] { size = PZStorage::GetSize(path.c_str()); }));
+    EXPECT_EQ(0, size) << "it cannot be measured";
 }
 
 TEST_F(PZStorageTest, AnswersMinus1WhenThePositionCannotBeRead) {

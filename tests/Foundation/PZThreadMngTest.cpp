@@ -25,6 +25,7 @@
 
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
+#include "support/OwnProcess.h"
 #include "support/OwnStreams.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
@@ -456,6 +457,17 @@ TEST_F(PZThreadMngTest, ClearsTheListWhenNoThreadRuns) {
     EXPECT_TRUE(handles.empty());
 }
 
+TEST_F(PZThreadMngTest, ThrowsWithoutMemoryForTheListAndReleasesTheLock) {
+    manager.registerThreadInfo(10, "a", 251, 0);
+    std::vector<unsigned long> handles;
+    {
+        const pztest::MemoryShortage shortage;
+        EXPECT_THROW(manager.getActiveThreadList(handles), std::bad_alloc);
+    }
+    EXPECT_TRUE(handles.empty());
+    std::thread([this] { EXPECT_TRUE(manager.unregisterThreadInfo(10)); }).join();
+}
+
 // Waiting and running.
 
 TEST_F(PZThreadMngTest, NotifyToWaitingMarksTheCallingThreadAndClearsItsTimes) {
@@ -668,33 +680,62 @@ FILE* open_to_write(int fd, const char* /*mode*/) {
     return fdopen_call.Real(fd, "w");
 }
 
-TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
-    const std::string block(4096, 'x');
-    while (write(ends[1], block.data(), block.size()) > 0) {
+/// The status file is the end of a full pipe: a dump waits until somebody reads.
+class PZThreadMngFullFileTest : public PZThreadMngTest {
+protected:
+    PZThreadMngFullFileTest() {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(0, pipe2(ends, O_CLOEXEC | O_NONBLOCK));
+        const std::string block(4096, 'x');
+        while (write(ends[1], block.data(), block.size()) > 0) {
+        }
+        EXPECT_EQ(0, fcntl(ends[1], F_SETFL, 0));  // blocks from now on
+        readEnd_ = ends[0];
+        full_pipe_end = ends[1];
+        manager.registerThreadInfo(1, "first", 251, 0);
+        open_call.Replace(&open_full_pipe);
+        fdopen_call.Replace(&open_to_write);
     }
-    ASSERT_EQ(0, fcntl(ends[1], F_SETFL, 0));  // blocks from now on
-    full_pipe_end = ends[1];
-    manager.registerThreadInfo(1, "first", 251, 0);
-    open_call.Replace(&open_full_pipe);
-    fdopen_call.Replace(&open_to_write);
 
-    static std::atomic<pid_t> dumperId;
-    dumperId = 0;
-    const auto dump = [](void*) -> void* {
-        dumperId = gettid();
-        PZThreadMng::GetInstance()->dumpThreadStatus();
-        return nullptr;
-    };
-    pthread_t dumper = 0;
-    ASSERT_EQ(0, pthread_create(&dumper, nullptr, dump, nullptr));
-    ASSERT_TRUE(pztest::wait_until([] {
-        if (dumperId == 0) return false;
-        const std::string call =
-            pztest::read_file("/proc/self/task/" + std::to_string(dumperId) + "/stat");
-        return call.find(") S ") != std::string::npos;
-    }));
+    ~PZThreadMngFullFileTest() override { close(readEnd_); }
+
+    void ReadAll() const {
+        char bytes[4096];
+        while (read(readEnd_, bytes, sizeof bytes) > 0) {
+        }
+    }
+
+    /// Makes the dump on a thread of its own, which waits then.
+    pthread_t StartToDump() {
+        dumper_id = 0;
+        const auto dump = [](void*) -> void* {
+            dumper_id = gettid();
+            PZThreadMng::GetInstance()->dumpThreadStatus();
+            return nullptr;
+        };
+        pthread_t dumper = 0;
+        EXPECT_EQ(0, pthread_create(&dumper, nullptr, dump, nullptr));
+        EXPECT_TRUE(Sleeps(dumper_id));
+        return dumper;
+    }
+
+    /// Waits until the thread that stores its id there sleeps.
+    static bool Sleeps(const std::atomic<pid_t>& id) {
+        return pztest::wait_until([&id] {
+            return id != 0 &&
+                   pztest::thread_status(std::to_string(id), "State").substr(0, 1) == "S";
+        });
+    }
+
+    static std::atomic<pid_t> dumper_id;
+
+private:
+    int readEnd_ = -1;
+};
+std::atomic<pid_t> PZThreadMngFullFileTest::dumper_id;
+
+TEST_F(PZThreadMngFullFileTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
+    const pthread_t dumper = StartToDump();
     ASSERT_EQ(0, pthread_cancel(dumper));
     void* result = nullptr;
     ASSERT_EQ(0, pthread_join(dumper, &result));
@@ -702,8 +743,24 @@ TEST_F(PZThreadMngTest, AThreadMayBeCancelledWhileItWaitsForTheStatusFile) {
     fdopen_call.Replace(nullptr);
     EXPECT_EQ(PTHREAD_CANCELED, result);
     EXPECT_TRUE(manager.unregisterThreadInfo(1));  // the lock is free
-    EXPECT_EQ(-1, fcntl(ends[1], F_GETFD)) << "the file stays open";
-    close(ends[0]);
+    EXPECT_EQ(-1, fcntl(full_pipe_end, F_GETFD)) << "the file stays open";
+}
+
+TEST_F(PZThreadMngFullFileTest, WhatNeedsTheRegistryWaitsWhileADumpDoes) {
+    const pthread_t dumper = StartToDump();
+    std::atomic<pid_t> registererId{0};
+    std::atomic<bool> isRegistered{false};
+    std::thread registerer([&] {
+        registererId = gettid();
+        manager.registerThreadInfo(2, "second", 251, 0);
+        isRegistered = true;
+    });
+    EXPECT_TRUE(Sleeps(registererId));
+    EXPECT_FALSE(isRegistered);
+    ReadAll();
+    EXPECT_EQ(0, pthread_join(dumper, nullptr));
+    registerer.join();
+    EXPECT_TRUE(manager.unregisterThreadInfo(2));
 }
 
 TEST_F(PZThreadMngTest, DumpsToTempThreadInfo) {

@@ -546,6 +546,33 @@ TEST_F(PZThreadTest, ReportsAFailedJoinAndForgetsTheThread) {
     EXPECT_EQ(0, pthread_join_call.Real(owner.handle, nullptr));
 }
 
+TEST_F(PZThreadTest, JoinReportsNothingAndLeavesTheErrorOfTheJoin) {
+    StartUpToTheGate();
+    pthread_join_call.FailNext(EINVAL);
+    StdoutCapture out;
+    errno = 0;
+    EXPECT_EQ(EDEADLK, thread.Join());
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ("", out.Take());
+    EXPECT_FALSE(thread.isStarted());
+    EXPECT_EQ(0, thread.Join()) << "there is none";
+    gate.Open();
+    EXPECT_EQ(0, pthread_join_call.Real(owner.handle, nullptr));
+}
+
+TEST_F(PZThreadTest, OnlyItsConstructorThrowsWithoutMemory) {
+    bool hasThrown = false;
+    {
+        const pztest::MemoryShortage shortage;
+        try {
+            const Thread another(&owner, 0);
+        } catch (const std::bad_alloc&) {
+            hasThrown = true;
+        }
+    }
+    EXPECT_TRUE(hasThrown);
+}
+
 // The handle of a thread that has just been joined goes to the next one that is made, before the
 // joiner has come to the registry.
 

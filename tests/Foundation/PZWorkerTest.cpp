@@ -23,6 +23,7 @@
 #include <Framework/Foundation/PZWatchDog.h>
 
 #include "support/ChildProcess.h"
+#include "support/FewDescriptors.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
@@ -472,25 +473,6 @@ TEST_F(PZWorkerTest, ManyWorkersServeSideBySide) {
 
 // Out of descriptors
 
-/// Leaves `more` descriptors to the process.
-class FewDescriptors {
-public:
-    explicit FewDescriptors(unsigned int more) {
-        getrlimit(RLIMIT_NOFILE, &normal_);
-        const int firstFree = dup(STDIN_FILENO);
-        close(firstFree);
-        const rlimit few = {static_cast<rlim_t>(firstFree) + more, normal_.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
-    }
-    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &normal_); }
-
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
-
-private:
-    rlimit normal_ = {};
-};
-
 // The sanitizer's check of an object's type needs descriptors of its own, and takes the lack of
 // them for a wrong type.
 #ifndef __SANITIZE_ADDRESS__
@@ -501,7 +483,7 @@ TEST(PZWorkerDescriptorsTest, MakesNoThreadWithoutItsEventsAndStartsOnceItGetsTh
         for (unsigned int more = 0; more < 3; ++more) {
             std::unique_ptr<PZWorker> worker;
             {
-                const FewDescriptors few(more);
+                const pztest::FewDescriptors few(more);
                 worker = std::make_unique<PZWorker>(1, kWatchTimeMs, kWorkerNo);
                 std::puts("start");
                 if (worker->Start("few") != -1) return 1;
@@ -540,7 +522,7 @@ TEST(PZWorkerDescriptorsTest, EndsAtOnceWhenItsStartFoundNoDescriptors) {
     const pztest::ChildResult child = pztest::run_in_child([] {
         PZThreadMng::GetInstance();
         PZWatchDog::GetInstance();
-        const FewDescriptors few(2);
+        const pztest::FewDescriptors few(2);
         PZWorker worker(1, kWatchTimeMs, kWorkerNo);
         if (worker.Start("few") != -1) return 1;
         worker.End(0);
@@ -558,7 +540,7 @@ TEST(PZWorkerDescriptorsTest, ServesQuietlyInAProcessWithoutFreeDescriptors) {
         RecordingDispatcher unit;
         const unsigned long id = worker.GetMsgBox()->Registory(&unit);
         if (worker.Start("serves") != 0) return 1;
-        const FewDescriptors none(0);
+        const pztest::FewDescriptors none(0);
         for (unsigned int i = 1; i <= 200; ++i) {
             PZIMsgBox::ST_PUSH_MSG_DATA record = {id, i, kOrdinary, "x", 2};
             if (worker.GetMsgBox()->PushMsg(record) != 0) return 2;

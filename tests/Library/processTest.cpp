@@ -14,12 +14,19 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include <Framework/Communication/PZFileGuard.h>
 #include <Framework/Communication/PZMessageQueue.h>
+#include <Framework/Diagnostics/PZSupervisor.h>
+#include <Framework/Easy/Framework.h>
+#include <Framework/Easy/RotatingLog.h>
+#include <Framework/Easy/StopSignal.h>
+#include <Framework/Foundation/PZEvent.h>
+#include <Framework/Foundation/PZFileSys.h>
 #include <Framework/Foundation/PZIDispatcher.h>
 #include <Framework/Foundation/PZIMsgBox.h>
 #include <Framework/Foundation/PZStorage.h>
@@ -29,9 +36,11 @@
 #include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLSysFileOut.h>
 #include <Framework/Utility/PZLTimerMng.h>
+#include <Framework/Wrapper/pz_stdlib.h>
 
 #include "support/ChildProcess.h"
 #include "support/FakeSyslog.h"
+#include "support/FewDescriptors.h"
 #include "support/GuardFiles.h"
 #include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
@@ -333,6 +342,110 @@ TEST(processTest, AGuardAndANamedLockTakeNoDescriptor) {
     });
 }
 
+TEST(processTest, ObjectsTakeAsManyDescriptorsAsThePageTells) {
+    in_child([] {
+        const pztest::FakeSyslog noSync;
+        const pztest::TempDir dir;
+        const Descriptors before = open_now();
+        const Descriptors inherited = inherited_now();
+        {
+            const pz::StopSignal stop;
+            if (!HOLDS((added(before, open_now()) == Descriptors{{"pipe", 2}}))) return false;
+        }
+        {
+            PZFileSys search;
+            PZFileSys::ST_FIND_DATA found = {};
+            pztest::write_file(dir.File("file"), "x");
+            if (!HOLDS(search.FindFirst(dir.Path().c_str(), found))) return false;
+            if (!HOLDS((added(before, open_now()) == Descriptors{{dir.Path(), 1}}))) return false;
+        }
+        {
+            const PZStorage storage(dir.File("file").c_str(), "rb");
+            pz::RotatingLog log(dir.Path().c_str(), "log", 1000, 1);
+            if (!HOLDS(log.line("x")) || !HOLDS(inherited_now() == inherited)) return false;
+            if (!HOLDS(added(before, open_now()).size() == 2)) return false;
+        }
+        return HOLDS(open_now() == before);
+    });
+}
+
+TEST(processTest, AFileTakesTwoDescriptorsWhileItIsCopied) {
+    in_child([] {
+        const pztest::FakeSyslog noSync;
+        const pztest::TempDir dir;
+        const std::string fifo = dir.File("fifo");
+        if (!HOLDS(mkfifo(fifo.c_str(), 0600) == 0)) return false;
+        const int writer = open(fifo.c_str(), O_RDWR | O_CLOEXEC);
+        const Descriptors before = open_now();
+        const Descriptors inherited = inherited_now();
+        std::thread copier(
+            [&] { PZFileSys::Copy(fifo.c_str(), dir.File("copy").c_str(), false, false); });
+        const Descriptors expected = {{fifo, 1}, {dir.File("copy"), 1}};
+        const bool areTwo =
+            HOLDS(pztest::wait_until([&] { return added(before, open_now()) == expected; }));
+        const bool stay = HOLDS(inherited_now() == inherited);
+        close(writer);
+        copier.join();
+        return areTwo && stay;
+    });
+}
+
+TEST(processTest, AFrameworkObjectAndASupervisorTake3DescriptorsMoreAndAThreadEach) {
+    in_child([] {
+        const auto areThere = [](const char* name, size_t count) {
+            return HOLDS(
+                pztest::wait_until([&] { return pztest::threads_named(name).size() == count; }));
+        };
+        // One of the three is there while the thread waits.
+        const auto areOpen = [](const Descriptors& before, int expected) {
+            return HOLDS(pztest::wait_until([&] {
+                int count = 0;
+                for (const auto& [kind, more] : without_sockets(added(before, open_now()))) {
+                    count += more;
+                }
+                return count == expected;
+            }));
+        };
+        const Descriptors before = open_now();
+        const Descriptors inherited = inherited_now();
+        {
+            const pz::Framework framework("process", 7);
+            if (!areThere("pz_tick", 1) || !areOpen(before, 15 + 3)) return false;
+
+            const Descriptors started = open_now();
+            const auto ignore = [](const PZSupervisor::ST_FINDING&, void*) {};
+            if (!HOLDS(PZSupervisor::Start(ignore, nullptr, 1000))) return false;
+            if (!areThere("pz_supervisor", 1) || !areOpen(started, 3)) return false;
+            if (!HOLDS(without_sockets(added(inherited, inherited_now())).empty())) return false;
+            if (!HOLDS(PZSupervisor::Stop()) || !areThere("pz_supervisor", 0)) return false;
+        }
+        return areThere("pz_tick", 0);
+    });
+}
+
+TEST(processTest, SigpipeStaysIgnoredInAProgramThatIsStarted) {
+    in_child([] {
+        const pztest::TempDir dir;
+        const auto ignored = [&dir] {
+            const std::string script = dir.File("s");
+            pztest::write_file(script, "#!/bin/sh\ngrep SigIgn /proc/self/status >out\n");
+            pid_t child = -1;
+            if (chmod(script.c_str(), 0700) != 0 || chdir(dir.Path().c_str()) != 0) return 0ULL;
+            if (!pz_create_process("./s", &child, nullptr)) return 0ULL;
+            if (pztest::ChildProcess(child).Wait() != 0) return 0ULL;
+            const std::string line = pztest::read_file("out");
+            return std::stoull(line.substr(line.find_last_of(" \t") + 1), nullptr, 16) |
+                   (1ULL << 63U);  // it ran
+        };
+        constexpr unsigned long long kRan = 1ULL << 63U;
+        constexpr unsigned long long kSigpipe = 1ULL << (SIGPIPE - 1U);
+        signal(SIGPIPE, SIG_DFL);
+        if (!HOLDS((ignored() & (kRan | kSigpipe)) == kRan)) return false;
+        PZEvent().WaitEvent(0);
+        return HOLDS((ignored() & (kRan | kSigpipe)) == (kRan | kSigpipe));
+    });
+}
+
 TEST(processTest, ThreadsHaveTheDefaultStackSizeOfTheProcess) {
     in_child([] {
         constexpr size_t kStack = 1U << 20U;
@@ -509,3 +622,28 @@ TEST(processTest, AForkedChildHasNoneOfTheThreads) {
         return done;
     });
 }
+
+#ifndef __SANITIZE_ADDRESS__  // its checks of types need a pipe of their own
+TEST(processTest, WhatRunsContinuesWithoutAFreeDescriptorAndWhatNeedsOneFails) {
+    in_child([] {
+        static Everything all;
+        if (!all.Start()) return false;
+        const pztest::QueueName name;
+        bool continues = false;
+        bool fails = false;
+        {
+            const pztest::FewDescriptors none(0);
+            // The second time everything has waited without one.
+            continues = all.Works() && all.Works();
+            PZWorker worker(1, 4000, 1);
+            PZLTimerSubMng timers(30, 251);
+            PZMsgQ::PZMessageQueue<0> queue;
+            PZLSysFileOut log(L"/tmp", L"pz_none", L"txt", false, 0, 0);
+            fails = HOLDS(worker.Start("worker") == -1) && HOLDS(timers.start("timers") == 0) &&
+                    HOLDS(!queue.open({name.Get()})) && HOLDS(!log.Open());
+        }
+        all.Stop();
+        return continues && fails;
+    });
+}
+#endif

@@ -22,6 +22,7 @@
 #include "support/OpenDescriptors.h"
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
+#include "support/WaitsForWriter.h"
 
 PZ_INTERPOSE(fread, 4, 0U);
 PZ_INTERPOSE(fclose, 1);
@@ -337,21 +338,8 @@ TEST_F(PZCRCTest, WaitsForAFifoWithoutAPeerAndEndsWhenOneHasCome) {
     const int descriptorsBefore = pztest::open_descriptors();
     unsigned long result = kUntouched;
     bool isDone = false;
-    std::atomic<bool> hasReturned{false};
-    std::thread reader([&] {
-        isDone = crc.CRC32(path.c_str(), result);
-        hasReturned = true;
-    });
-    // A writer that does not wait is refused until a reader has come.
-    int writer = -1;
-    EXPECT_TRUE(pztest::wait_until([&] {
-        writer = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-        return writer != -1;
-    }));
-    EXPECT_FALSE(hasReturned);
-    EXPECT_EQ(9, ::write(writer, "123456789", 9));
-    EXPECT_EQ(0, ::close(writer));
-    reader.join();
+    EXPECT_TRUE(pztest::waits_for_writer(path, "123456789",
+                                         [&] { isDone = crc.CRC32(path.c_str(), result); }));
     EXPECT_TRUE(isDone);
     EXPECT_EQ(0xCBF43926U, result);
     EXPECT_EQ(descriptorsBefore, pztest::open_descriptors());

@@ -25,6 +25,7 @@
 #include "support/OwnStreams.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
+#include "support/WaitsForWriter.h"
 
 PZ_INTERPOSE(sync, 0);
 
@@ -1095,4 +1096,11 @@ TEST_F(PZLSysFileOutTest, HasNoSizeForAFileThatCannotBeOpened) {
     EXPECT_EQ(kNoSize, PZLSysFileOut::GetSize(kNoCharacter));
     EXPECT_EQ(kNoSize, PZLSysFileOut::GetSize(L""));
     EXPECT_EQ(kNoSize, PZLSysFileOut::GetSize(nullptr));
+}
+
+TEST_F(PZLSysFileOutTest, WaitsForTheWriterOfAFifoThatItMeasures) {
+    const std::string fifo = Path("fifo");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    EXPECT_TRUE(
+        pztest::waits_for_writer(fifo, "", [&] { PZLSysFileOut::GetSize(wide(fifo).c_str()); }));
 }

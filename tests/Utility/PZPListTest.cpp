@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/MemoryShortage.h"
+
 namespace {
 
 using List = PZPList<int, PZAllocator<int*>>;
@@ -125,6 +127,21 @@ TEST_F(PZPListTest, WalksWithItsCursorToTheEnd) {
     EXPECT_EQ(nullptr, list.MoveNext());
 }
 
+TEST_F(PZPListTest, ErasingANodeLeavesTheIteratorsOfOthersValid) {
+    FillWithThree();
+    List::iterator last = list.begin();
+    ++last;
+    ++last;
+    List::iterator first = list.begin();
+    list.Erase(list.GetHead()->next);
+    EXPECT_EQ(&numbers[2], *last);
+    EXPECT_EQ(&numbers[0], *first);
+    EXPECT_EQ(last, ++first);
+    list.Erase(list.GetHead());
+    EXPECT_EQ(&numbers[2], *last++);
+    EXPECT_EQ(list.end(), last);
+}
+
 TEST_F(PZPListTest, MovesItsCursorOnWhenTheNodeThereIsErased) {
     FillWithThree();
     list.MoveFirst();
@@ -146,7 +163,11 @@ TEST(PZPListOfManyTest, TakesTheNodesOfAnotherList) {
         PZPList<int> gone;
         for (int i = 40; i < 100; ++i) gone.AddTail(&numbers[i]);
         gone.MoveFirst();
-        first.Take(gone);
+        {
+            const pztest::MemoryShortage shortage;
+            first.Take(gone);
+            EXPECT_EQ(0, shortage.Refused());
+        }
         EXPECT_EQ(0U, gone.GetCount());
         EXPECT_EQ(nullptr, gone.GetHead());
         EXPECT_EQ(nullptr, gone.GetCurrent());
