@@ -163,7 +163,8 @@ public:
     /// and let no other thread collect children that it did not start.
     static bool SetLocal(ST_CLOCK* clock);
 
-    /// Selects the zone that is `minutes` ahead of UTC: a multiple of 15 from -765 to 885.
+    /// Selects the zone that is `minutes` ahead of UTC: a multiple of 15 from -765 to 885. Others
+    /// fail. Prints the file and the abbreviations of the zone, and syncs all file systems.
     ///
     /// The zone counts as settled when its standard-time abbreviation is known and not "JST". Until
     /// then the file is copied again, 20 times with 100 ms after each: +9 hours may take two

@@ -221,8 +221,8 @@ public:
     /// The contents of one directory, into one that exists. Below it everything is overwritten.
     static bool copyDirectory(const char* src, const char* dst, bool failIfExists, bool createDirs);
 
-    /// Removes the contents of a directory. False only when it, or one below it, cannot be opened;
-    /// true also when something could not be removed.
+    /// Removes the contents of a directory. False only for null and empty, and when it, or one
+    /// below it, cannot be opened; true also when something could not be removed.
     static bool removeSubDir(const char* path);
 
     /// One directory. Null and empty are also reported.

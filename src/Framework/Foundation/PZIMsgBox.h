@@ -37,12 +37,12 @@ public:
     /// Asks the loop to end when everything posted has been served. Always 0.
     virtual int Exit() = 0;
 
-    /// Waits until the loop serves: 0 when it does, 1 on time-out (milliseconds) or failure. Each
-    /// start of a loop answers one call; PZWorker::Start makes that call.
+    /// Waits until the loop serves: 0 when it does, 1 on time-out (as that of PZEvent) or failure.
+    /// Each start of a loop answers one call; PZWorker::Start makes that call.
     virtual int InitWait(unsigned int timeout) = 0;
 
     /// Adds a dispatcher and answers its identifier; all bits set when it is null or registered
-    /// already. Waits for a running handler of the box to return.
+    /// already, and without memory (reported). Waits for a running handler of the box to return.
     virtual unsigned long Registory(PZIDispatcher* d) = 0;
 
     /// Removes a dispatcher, if present; waits for a running handler of the box to return. What

@@ -53,7 +53,7 @@ PZ_API unsigned int pz_HeapLiveBytes();
 /// `path`.
 PZ_API bool pz_HeapWriteMaps(const char* path);
 
-/// `size` bytes, aligned as malloc aligns; null when there is no memory.
+/// `size` bytes, 0 included, aligned as malloc aligns; null, not reported, without memory.
 PZ_API void* Malloc(unsigned int size);
 
 /// Releases a block; null is ignored. A block that was overrun or does not match the accounts (it

@@ -16,8 +16,8 @@
 ///          finalize runs on the thread that stops the framework.
 class PZ_API PZSingletonFinalizer {
 public:
-    /// Registers `fn` in front of all others. Throws std::bad_alloc, with nothing registered, when
-    /// there is no memory for that.
+    /// Registers `fn`, which must not be null, in front of all others. Throws std::bad_alloc, with
+    /// nothing registered, when there is no memory for that.
     static void addDestroyFunc(void (*fn)());
 
     /// Calls all registered functions, the last registered first, and forgets them. Functions that

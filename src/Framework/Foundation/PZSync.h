@@ -26,7 +26,7 @@
 ///
 /// Threads:   any thread may call anything. Unlock does not check who calls it. A thread must not
 ///            end while it holds a lock: a later one may get its identity and pass for the owner.
-///            There is no priority inheritance.
+///            There is no priority inheritance. A thread may be cancelled in Lock, not in Unlock.
 /// Processes: a named lock excludes the processes from each other, but owner and recursion are
 ///            known only inside one process's own object. Its semaphore "/name" stays in the
 ///            system when the objects are gone.

@@ -22,7 +22,7 @@ public:
     PZSharedSyncObject& operator=(const PZSharedSyncObject&) = delete;
 
     /// Waits at most 5000 milliseconds. A failure is reported, and the caller continues without the
-    /// lock.
+    /// lock. A cancellation point.
     void lock() const override;
 
     /// Releases the lock, even another thread's: after a lock() that failed, one more is let in.

@@ -75,8 +75,8 @@ public:
     /// Flushes, then closes the file. Nothing happens without an open file.
     void Close();
 
-    /// Low 32 bits of the size of a file; kNoSize when it cannot be opened. Waits for a writer when
-    /// the file is a fifo without one.
+    /// Low 32 bits of the size of a file; kNoSize for null, and when it cannot be opened. Waits for
+    /// a writer when the file is a fifo without one.
     static unsigned int GetSize(const wchar_t* path);
 
 private:

@@ -202,7 +202,7 @@ public:
     /// Bytes of the text in the form that is held, terminator not counted.
     unsigned int LengthByte() const;
 
-    /// Bytes that the first `maxChars` characters of the `size` bytes of UTF-8 text take.
+    /// Bytes that the first `maxChars` characters of the `size` bytes of UTF-8 at `s` take.
     static unsigned int LengthByte(const char* s, unsigned int size, unsigned int maxChars);
 
     // Position of the first occurrence at or after `start`. npos when there is none, for null and
