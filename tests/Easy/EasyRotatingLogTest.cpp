@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <iterator>
@@ -142,6 +143,17 @@ TEST_F(EasyRotatingLogTest, BeginsALineWithDateAndTimeOnRequest) {
     EXPECT_TRUE(std::regex_match(
         read_file(file), std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} line 1\n")))
         << read_file(file);
+}
+
+TEST_F(EasyRotatingLogTest, CutsALineWithItsTimeToTheSizeOfAFile) {
+    pz::RotatingLogOptions options;
+    options.time = true;
+    pz::RotatingLog log(folder.c_str(), "app", 64, 1, options);
+    EXPECT_TRUE(log.line("%s", std::string(100, 'x').c_str()));
+    const std::string written = read_file(file);
+    EXPECT_EQ(64U, written.size()) << written;
+    EXPECT_EQ(" " + std::string(39, 'x') + "\n",
+              written.substr(std::min<size_t>(23, written.size())));
 }
 
 TEST_F(EasyRotatingLogTest, CollectsLinesOnRequestUntilTheyAreFlushed) {
@@ -381,6 +393,18 @@ TEST_F(EasyRotatingLogTest, AMovedLogGoesOnWithItsFile) {
     first = std::move(second);
     EXPECT_TRUE(first.line("line 2"));
     EXPECT_EQ("line 1\nline 2\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, ALogThatAnotherIsMovedOntoIsFlushedBefore) {
+    pz::RotatingLogOptions options;
+    options.buffer = 30;
+    pz::RotatingLog log(folder.c_str(), "app", 100, 3, options);
+    EXPECT_TRUE(log.line("line 1"));
+    EXPECT_EQ("", read_file(file));
+    log = pz::RotatingLog(folder.c_str(), "other", 100, 3);
+    EXPECT_EQ("line 1\n", read_file(file));
+    EXPECT_TRUE(log.line("line 2"));
+    EXPECT_EQ("line 2\n", read_file(folder + "/other.log"));
 }
 
 TEST_F(EasyRotatingLogTest, ALackOfMemoryLosesALineAtMost) {

@@ -477,6 +477,9 @@ TEST(topTest, SaysThatThereIsNoSuchProcess) {
     result = top("--once no_such_process");
     EXPECT_EQ(1, result.status);
     EXPECT_EQ("pz-top: no process called no_such_process uses the library\n", result.output);
+    result = top("--once 4294967297");  // the lower half of it is a number of a process
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("pz-top: no process called 4294967297 uses the library\n", result.output);
     result =
         pztest::run_command("sleep 60 & until grep -q sleep /proc/$!/comm; do :; done; " +
                             std::string(kTop) + "--once $! 2>&1; status=$?; kill $!; exit $status");

@@ -7,10 +7,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <ctime>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -21,6 +23,8 @@
 
 #include <gtest/gtest.h>
 
+#include <Framework/Diagnostics/PZDbgOutput.h>
+#include <Framework/Diagnostics/pz_inspection.h>
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Utility/PZLTimerMng.h>
@@ -1316,6 +1320,27 @@ TEST_F(PZLTimerSubMngTest, AThreadWhoseWaitsFailPausesBetweenThem) {
     EXPECT_LE(300000000, tookNs);
 }
 
+TEST_F(PZLTimerSubMngTest, ATimerThatIsAddedAfterAFailedWaitIsNotTakenForOneOfThatWait) {
+    // Time goes by from the wait that fails to the next one.
+    const auto delay = [](const PZDbgOutput::ST_RECORD&, void* theTick) {
+        if (pztest::tick_now() == kStart) static_cast<ManualTick*>(theTick)->Advance(50);
+        return false;
+    };
+    PZDbgOutput::SetSink(delay, &tick);
+    CallbackTimer one;
+    CallbackTimer two;
+    pztest::epoll_wait_call.FailNext(EIO);
+    Add(one, 100);
+    PZDbgOutput::SetSink(nullptr, nullptr);
+    EXPECT_EQ(100, LastTimeOut());
+    Add(two, 70);
+    EXPECT_EQ(50, LastTimeOut());
+    AdvanceToCheck(50);
+    AdvanceToCheck(20);
+    EXPECT_EQ(Ticks{kStart + 100}, one.FiredAt());
+    EXPECT_EQ(Ticks{kStart + 120}, two.FiredAt());
+}
+
 // A flood of added timers.
 
 constexpr int kFlood = 70000;  // a pipe would hold 65536 signals
@@ -1383,6 +1408,46 @@ TEST_F(PZLTimerSubMngTest, AddedTimersBringAboutChecksAfterManyThatCouldNotBeSig
     EXPECT_EQ(1U, waits.Count());
     Add(timer, 1000);
     EXPECT_EQ(1, sub.isActive(&timer));
+}
+
+// What the table of the process shows
+
+/// The band of the only timer thread that runs.
+ST_INSPECTED_BAND<PZInspectionLive>& shown_band() {
+    const void* record = pz_inspection.bands.pointer.load();
+    while (record != nullptr) {
+        auto* const band = static_cast<const ST_INSPECTED_BAND<PZInspectionLive>*>(record);
+        if (band->tid != 0) return *const_cast<ST_INSPECTED_BAND<PZInspectionLive>*>(band);
+        record = band->next.pointer.load();
+    }
+    throw std::logic_error("no timer thread is shown");
+}
+
+TEST_F(PZLTimerSubMngTest, HalvesItsCountsOfLatenessWhenOneWouldOverflow) {
+    auto& lateness = shown_band().lateness;
+    for (auto& count : lateness) count = 10;
+    lateness[0] = 0xFFFF;
+    CallbackTimer timer;
+    Add(timer, 7);
+    AdvanceToCheck(7);
+    EXPECT_EQ(1U, timer.Fired());
+    EXPECT_EQ(0x8000, lateness[0]);
+    for (size_t i = 1; i < std::size(lateness); ++i) EXPECT_EQ(5, lateness[i]) << i;
+}
+
+TEST_F(PZLTimerSubMngTest, ACallbackBehindASlowOneOfTheSameCheckCountsAsLate) {
+    const auto slow = [](TimerInfo*) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        return 0;
+    };
+    CallbackTimer one(slow);
+    CallbackTimer two(slow);
+    Add(one, 7);
+    AddQuietly(two, 7);
+    AdvanceToCheck(7);
+    EXPECT_EQ(2U, one.Fired() + two.Fired());
+    EXPECT_LE(40U, shown_band().worstLateMs) << "the table's clock moves in steps of up to 10 ms";
+    EXPECT_GE(20000U, shown_band().worstLateMs);
 }
 
 // Thread hooks

@@ -1,6 +1,7 @@
 #include "Framework/Utility/PZString.h"
 
 #include <poll.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <functional>
@@ -370,6 +371,20 @@ TEST_F(PZStringOperationsTest, FindsBytesInTextsThatRepeatThemselves) {
     EXPECT_EQ(0U, text.IndexOf(half.c_str()));
     EXPECT_EQ(100000U, text.IndexOf(half.c_str(), 100000));
     EXPECT_EQ(PZString::npos, text.IndexOf(half.c_str(), 100001));
+}
+
+TEST_F(PZStringOperationsTest, TextsThatRepeatThemselvesTakeNoSquareOfTheirLength) {
+    const PZString text(std::string(4 << 20, 'a'));
+    const std::string half(1 << 20, 'a');
+    const auto used_time = [] {
+        timespec time = {};
+        EXPECT_EQ(0, clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time));
+        return time.tv_sec;
+    };
+    const time_t before = used_time();
+    // Each of two million places equals half of what is sought.
+    EXPECT_EQ(PZString::npos, text.IndexOf((half + "b" + half).c_str()));
+    EXPECT_GT(5, used_time() - before);
 }
 
 TEST_F(PZStringOperationsTest, FindsWideTextInWideText) {
