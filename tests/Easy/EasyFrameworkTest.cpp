@@ -20,6 +20,7 @@
 #include "support/FakePriorities.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
+#include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
@@ -145,6 +146,42 @@ TEST(EasyFrameworkTest, StopsAWorkerThatOutlivesItAndSaysSo) {
     });
     EXPECT_EQ(0, result.status) << result.output;
     EXPECT_NE(std::string::npos, result.output.find("worker [tuner] still runs: it is stopped"));
+}
+
+TEST(EasyFrameworkTest, AStopByHandStopsWorkersAndTimersToo) {
+    const auto result = run_in_child([] {
+        auto fw = std::make_unique<pz::Framework>("radio");
+        std::atomic<int> runs{0};
+        pz::Worker worker("tuner");
+        pz::Timer timer = worker.every(1ms, [&runs] { ++runs; });
+        if (!wait_until([&] { return runs > 0; })) return 1;
+        pz_FwFinalize();
+        if (worker || timer) return 2;
+        if (!timer.stop() || !worker.stop()) return 3;
+        fw.reset();
+        for (const char* const name : {"tuner", "pz_tick", "ZLTimerSubMng"}) {
+            if (!wait_until([&] { return pztest::threads_named(name).empty(); })) return 4;
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_NE(std::string::npos, result.output.find("worker [tuner] still runs: it is stopped"));
+}
+
+TEST(EasyFrameworkTest, StartsItAgainAfterAStopByHand) {
+    const auto result = run_in_child([] {
+        const pz::Framework fw("radio");
+        pz_FwFinalize();
+        const pz::Framework other("display");
+        if (!other || std::string(pz_GetName()) != "display") return 1;
+        std::atomic<int> runs{0};
+        pz::Worker worker("tuner");
+        const pz::Timer timer = worker.every(1ms, [&runs] { ++runs; });
+        return wait_until([&] { return runs > 2; }) ? 0 : 2;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
 }
 
 TEST(EasyFrameworkTest, StaysWhenAWorkerHangsAndTheProcessEnds) {

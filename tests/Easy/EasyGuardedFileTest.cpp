@@ -174,6 +174,43 @@ TEST_F(EasyGuardedFileTest, AProcessThatIsKilledInItsStepGivesTheLockBack) {
     EXPECT_EQ("old and new", settings.read());
 }
 
+TEST_F(EasyGuardedFileTest, AForkedChildThatLivesOnDoesNotKeepTheLock) {
+    std::unique_ptr<pztest::ChildProcess> child;
+    EXPECT_TRUE(settings.update([&child](std::string& bytes) {
+        child = std::make_unique<pztest::ChildProcess>([] {
+            for (;;) ::pause();
+            return 1;
+        });
+        bytes = "first";
+    }));
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += " second"; }, 5s));
+    EXPECT_FALSE(child->HasEnded());
+    EXPECT_EQ("first second", settings.read());
+}
+
+TEST_F(EasyGuardedFileTest, AStepIsNotEndedByAForkedChildThatLeavesItToo) {
+    write_file(path, "old");
+    StdoutCapture capture;
+    const pid_t parent = ::getpid();
+    pid_t child = -1;
+    bool isFree = true;
+    const bool isDone = settings.update([&](std::string& bytes) {
+        child = ::fork();
+        if (child == 0) {
+            bytes = "child's";
+            return;
+        }
+        EXPECT_EQ(0, pztest::ChildProcess(child).Wait());
+        EXPECT_EQ("old", settings.read());
+        std::thread([&] { isFree = settings.update([](std::string&) {}, 1ms); }).join();
+        bytes = "parent's";
+    });
+    if (::getpid() != parent) ::_exit(isDone ? 1 : 0);
+    EXPECT_TRUE(isDone);
+    EXPECT_FALSE(isFree);
+    EXPECT_EQ("parent's", settings.read());
+}
+
 TEST_F(EasyGuardedFileTest, AnUpdateInsideItselfIsRefusedInsteadOfWaitingForEver) {
     StdoutCapture capture;
     pz::GuardedFile other(dir.Path().c_str(), "other");

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <regex>
 #include <sstream>
@@ -425,6 +426,17 @@ TEST_F(EasyRotatingLogTest, ALackOfMemoryLosesALineAtMost) {
         isMade = shortage.Refused() == 0 && other;
     }
     EXPECT_TRUE(isMade);
+}
+
+TEST_F(EasyRotatingLogTest, ABufferThatNoTextCanHaveIsALackOfMemory) {
+    StdoutCapture capture;
+    constexpr auto kMost = std::numeric_limits<size_t>::max();
+    pz::RotatingLogOptions options;
+    options.buffer = kMost;
+    pz::RotatingLog log(folder.c_str(), "app", kMost, 1, options);
+    EXPECT_FALSE(log);
+    EXPECT_FALSE(log.line("x"));
+    EXPECT_NE(std::string::npos, capture.Take().find("no memory for the log [app]"));
 }
 
 TEST_F(EasyRotatingLogTest, WritesAnEmptyTextAsALineAndRefusesANullFormat) {

@@ -20,7 +20,9 @@ namespace pz {
 ///           framework, even if pz_FwInitialize started it.
 /// End:      workers that still run are stopped, each within its own bound, and reported. When a
 ///           handler hangs, the framework stays as it is, because the handler may still use it.
-///           That is reported; the process may still end.
+///           That is reported; the process may still end. pz_FwFinalize, called while an object
+///           lives, stops the workers as well, but ends the framework in any case; the next object
+///           starts it again.
 ///           A forked child of the process that started it does not end it.
 /// Tick:     timers continue when the 32-bit tick wraps, every 49.7 days: one sleeping thread,
 ///           "pz_tick", causes a check in every band of PZLTimerMng right after each wrap.

@@ -62,7 +62,9 @@ struct takes_a_copy<F, std::void_t<decltype(std::function{std::declval<F>()})>>
 ///     settings.update([](std::string& bytes) { bytes += "volume=7\n"; });
 ///
 /// Step:      update locks out all other users of the file, reads it, lets the function change the
-///            bytes, and replaces the file. A process that dies releases the lock.
+///            bytes, and replaces the file. A process that dies releases the lock. A child that is
+///            forked during a step cannot end it: if the function returns there too, update
+///            answers false.
 /// Whole:     the file is replaced whole or not at all, even when the process is killed or the
 ///            power fails: the bytes are on the medium before they get the name.
 /// Files:     beside "settings" there are ".settings.lock", which stays, and during an update

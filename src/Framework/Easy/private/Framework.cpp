@@ -1,12 +1,14 @@
 #include "Framework/Easy/Framework.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <type_traits>
 #include <utility>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/PZEvent.h>
+#include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZThread.h>
 #include <Framework/Foundation/PZTickCount.h>
 #include <Framework/Foundation/private/PZMutex.h>
@@ -85,7 +87,7 @@ private:
 struct ST_STARTED {
     PZMutex mutex;
     unsigned int users PZ_GUARDED_BY(mutex) = 0;
-    TickKeeper* keeper PZ_GUARDED_BY(mutex) = nullptr;  // owned; stays when the framework does
+    TickKeeper* keeper PZ_GUARDED_BY(mutex) = nullptr;  // owned; lives as long as the framework
     PZHome home;                                        // where the first user started it
 };
 
@@ -105,25 +107,42 @@ bool initialize(const char* name, int id) {
     return true;
 }
 
+/// What the end of the framework does first, also when pz_FwFinalize is called by hand: workers and
+/// timers need its bands.
+void end_layer() {
+    ST_STARTED& state = started();
+    if (state.home.IsParent()) return;
+    const PZMutexLock lock(state.mutex);
+    detail::stop_all_cores();
+    delete std::exchange(state.keeper, nullptr);
+}
+
 bool start(const char* name, int id) {
     ST_STARTED& state = started();
     const PZMutexLock lock(state.mutex);
-    if (state.users == 0 && !initialize(name, id)) return false;
+    if (!initialize(name, id)) return false;  // changes nothing while it runs
     if (state.users == 0) state.home.Renew();
-    if (state.keeper == nullptr) state.keeper = new TickKeeper;
+    if (state.keeper == nullptr) {
+        auto keeper = std::make_unique<TickKeeper>();
+        PZSingletonFinalizer::addDestroyFunc(&end_layer);
+        state.keeper = keeper.release();
+    }
     ++state.users;
     return true;
 }
 
-void end() {
+bool is_last() {
     ST_STARTED& state = started();
     const PZMutexLock lock(state.mutex);
-    if (--state.users > 0) return;
+    return --state.users == 0;
+}
+
+void end() {
+    if (!is_last()) return;
     if (!detail::stop_all_cores()) {
         PZ_REPORT_ERROR("a worker hangs: the framework is not ended\n");
         return;
     }
-    delete std::exchange(state.keeper, nullptr);
     pz_FwFinalize();
 }
 

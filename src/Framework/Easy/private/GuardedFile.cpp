@@ -13,6 +13,7 @@
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_home.h>
 #include <Framework/private/pz_write_whole.h>
 
 #include "WorkerCore.h"
@@ -89,7 +90,10 @@ struct FileUpdate::State {
           newPath_(folder + "/." + name + ".new"),
           lockPath_(folder + "/." + name + ".lock") {}
     ~State() {
-        if (isHeld_) held_by_thread = next_;
+        if (!isHeld_) return;
+        held_by_thread = next_;
+        // Closing alone would leave the lock to a child that was forked meanwhile, while it lives.
+        if (!home_.IsParent()) ::flock(lock_.Get(), LOCK_UN);
     }
     State(const State&) = delete;
     State& operator=(const State&) = delete;
@@ -116,6 +120,7 @@ private:
     const std::string lockPath_;
     PZDescriptor lock_;
     struct stat lockInfo_ = {};
+    const PZHome home_;  // a forked child shares the lock, but the step is not its own
     bool isHeld_ = false;
     State* next_ = nullptr;
 
@@ -202,7 +207,7 @@ bool FileUpdate::State::WriteNew() const {
 
 bool FileUpdate::State::Replace() {
     if (bytes_ == former_) return true;
-    if (!IsLockInPlace()) {
+    if (home_.IsParent() || !IsLockInPlace()) {
         errno = ESTALE;
         return Refuse("lock", lockPath_);
     }

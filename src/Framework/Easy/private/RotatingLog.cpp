@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <new>
 #include <string>
 #include <vector>
@@ -291,7 +292,7 @@ RotatingLog::RotatingLog(const char* folder, const char* name, std::size_t size,
     }
     try {
         state_ = std::make_unique<State>(folder, name, size, generations, options);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) {  // no memory, or a buffer longer than any text
         PZ_REPORT_ERROR("no memory for the log [%s]\n", name);
     }
 }
