@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -661,6 +662,8 @@ public:
 
     void Resize(const winsize& size) const { EXPECT_EQ(0, ioctl(terminal_, TIOCSWINSZ, &size)); }
     void Press(char key) const { EXPECT_EQ(1, write(terminal_, &key, 1)); }
+    void StandStill() const { process_->Stop(); }
+    void GoOn() const { process_->Signal(SIGCONT); }
 
     /// Whether the text comes to the screen from now on.
     bool Shows(const std::string& text) const { return contains(ShownUntil(text), text); }
@@ -710,6 +713,20 @@ TEST(topScreenTest, ItsKeysSortPauseChangeTheViewAndEndIt) {
     EXPECT_TRUE(screen.Shows("TimerSubMng_"));
     screen.Press('q');
     EXPECT_EQ(0, screen.Status());
+}
+
+TEST(topScreenTest, ObeysAllKeysThatWaitBeforeItLooksAndDrawsAgain) {
+    Program program("idle");
+    program.Counted();
+    Screen screen(program.PidText());
+    EXPECT_TRUE(screen.Shows("sorted by name"));
+    screen.StandStill();
+    screen.Press('h');
+    screen.Press('q');
+    screen.GoOn();
+    std::string shown;
+    EXPECT_EQ(0, screen.Status(&shown));
+    EXPECT_FALSE(contains(shown, "next of: name")) << shown;
 }
 
 TEST(topScreenTest, CutsWhatIsWiderThanTheTerminal) {

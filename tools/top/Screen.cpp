@@ -109,9 +109,10 @@ public:
         while (!isQuit_) {
             if (!isPaused_ && !isOver_ && Clock::now() >= nextLook_) LookAgain();
             Draw();
-            const int key = WaitForKey();
+            int key = WaitForKey();
             if (key == ERR && has_hung_up()) break;
-            Obey(key);
+            // Keys may come faster than the program can look and draw.
+            for (; key != ERR && !isQuit_; key = NextKey()) Obey(key);
         }
         return kExitDone;
     }
@@ -131,6 +132,12 @@ private:
             std::chrono::duration_cast<std::chrono::milliseconds>(nextLook_ - Clock::now());
         const bool waits = isPaused_ || isOver_;
         timeout(waits ? -1 : static_cast<int>(std::max<long long>(left.count() + 1, 0)));
+        return getch();
+    }
+
+    /// One that has come already, or ERR.
+    static int NextKey() {
+        timeout(0);
         return getch();
     }
 
