@@ -151,6 +151,24 @@ void copy_by_kernel(FILE* in, FILE* out) {
     }
 }
 
+/// Copies what the kernel has left. Reports in the name of the operation, with the names of the
+/// files.
+bool copy_rest(FILE* in, FILE* out, const char* src, const char* dst) {
+    char chunk[kCopyChunk];
+    while (std::feof(in) == 0) {
+        const size_t got = std::fread(chunk, 1, sizeof chunk, in);
+        if (std::ferror(in) != 0) {
+            PZ_REPORT_ERROR_OF("copyFile", "failed to read [%s]\n", src);
+            return false;
+        }
+        if (std::fwrite(chunk, 1, got, out) != got) {
+            PZ_REPORT_ERROR_OF("copyFile", "failed to write [%s]\n", dst);
+            return false;
+        }
+    }
+    return true;
+}
+
 /// A file for writing, empty. With `mustBeNew` null and EEXIST when there is a file or directory;
 /// with `isOwn` also when there is anything else.
 FILE* open_destination(const char* path, bool mustBeNew, bool isOwn) {
@@ -592,18 +610,7 @@ bool PZFileSys::copyFile(const char* src, const char* dst, bool failIfExists, bo
         return false;
     }
     copy_by_kernel(in.Get(), out.Get());
-    char chunk[kCopyChunk];
-    while (std::feof(in.Get()) == 0) {
-        const size_t got = std::fread(chunk, 1, sizeof chunk, in.Get());
-        if (std::ferror(in.Get()) != 0) {
-            PZ_REPORT_ERROR("failed to read [%s]\n", src);
-            return false;
-        }
-        if (std::fwrite(chunk, 1, got, out.Get()) != got) {
-            PZ_REPORT_ERROR("failed to write [%s]\n", dst);
-            return false;
-        }
-    }
+    if (!copy_rest(in.Get(), out.Get(), src, dst)) return false;
     if (!out.Close()) {
         PZ_REPORT_ERROR("failed to write [%s]\n", dst);
         return false;
