@@ -2,6 +2,7 @@
 #include <cctype>
 #include <cstring>
 #include <filesystem>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -19,7 +20,7 @@
 //   ```cpp            with `int main`: compiled, warnings being errors, linked and run
 //   ```sh             run by bash, where scripts/, examples/ and build/release/ are those of the
 //                     source tree; but for the commands in commands-not-run.txt
-//   ```text           directly behind one of these: what it prints, on both outputs together
+//   ```text           directly after one of these: what it prints, on both outputs together
 //   ```LANGUAGE NAME  the block is also the file NAME of the folder
 //
 // In such a text `...` stands for anything within a line, or as a line for any number of lines, and
@@ -356,6 +357,15 @@ TEST_P(docsTest, ThePathsThatItNamesExist) {
         const std::string word = code.substr(0, code.find(' '));
         if (!is_path(word)) continue;
         EXPECT_TRUE(std::filesystem::exists(PZ_ROOT "/" + word)) << word;
+    }
+}
+
+TEST_P(docsTest, QuotesReportsOfTheLibraryWithoutTheirLineNumbers) {
+    // These two describe what such a line consists of.
+    if (GetParam() == "docs/error-texts.md" || GetParam() == "docs/formats.md") return;
+    const std::regex numbered(R"(\(\)@(?!program\.)\w+\.(cpp|h)\(\d)");
+    for (const std::string& line : lines_of(document)) {
+        EXPECT_FALSE(std::regex_search(line, numbered)) << "it changes with the source: " << line;
     }
 }
 
