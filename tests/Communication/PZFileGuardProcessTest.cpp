@@ -24,6 +24,7 @@
 #include "support/GuardFiles.h"
 #include "support/OwnSegments.h"
 #include "support/StdoutCapture.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 // The file guard between processes, in each order of starting and ending.
@@ -45,7 +46,7 @@ int status_of(bool good) {
 }
 
 /// Memory that parent and children share: a step counter with which they wait for each other.
-class Steps {
+class Steps : private pztest::Uncopyable {
 public:
     Steps() {
         void* const memory = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
@@ -54,9 +55,6 @@ public:
         step_ = new (memory) std::atomic<int>(0);
     }
     ~Steps() { munmap(step_, sizeof *step_); }
-
-    Steps(const Steps&) = delete;
-    Steps& operator=(const Steps&) = delete;
 
     void Reach(int step) const { *step_ = step; }
     void Count() const { ++*step_; }
@@ -97,6 +95,16 @@ protected:
             if (!guard.initForSystem()) return kFailed;
             steps_.Reach(1);
             return status_of(steps_.WaitFor(2) && guard.destroyMutex());
+        };
+    }
+
+    /// The body of a side that reaches step 1 when it has locked, and does not end.
+    std::function<int()> LockedForEver(bool (PZFileGuard::*init)()) const {
+        return [this, init]() -> int {
+            PZFileGuard guard(files_.Dir(), files_.Name());
+            if (!(guard.*init)() || !guard.lock()) return kFailed;
+            steps_.Reach(1);
+            for (;;) pause();
         };
     }
 
@@ -267,12 +275,7 @@ TEST_F(PZFileGuardProcessTest, LetsTheApplicationsInAgainWhenTheSystemSideStarts
 TEST_F(PZFileGuardProcessTest, StaysLockedWhenItsOwnerDiesUntilTheSystemSideStartsAgain) {
     const auto system = MakeSystem();
     {
-        ChildProcess app([this] {
-            PZFileGuard guard(files_.Dir(), files_.Name());
-            if (!guard.initForApp() || !guard.lock()) return kFailed;
-            steps_.Reach(1);
-            for (;;) pause();
-        });
+        const ChildProcess app(LockedForEver(&PZFileGuard::initForApp));
         ASSERT_TRUE(steps_.WaitFor(1));
     }
     EXPECT_FALSE(system->tryLock());
@@ -303,12 +306,7 @@ bool sleeps(pid_t pid) {
 TEST_F(PZFileGuardProcessTest, FreesThoseWhoWaitWhenItsSystemSideIsKilledAndStartsAgain) {
     std::unique_ptr<ChildProcess> waiting[3];
     {
-        ChildProcess system([this] {
-            PZFileGuard guard(files_.Dir(), files_.Name());
-            if (!guard.initForSystem() || !guard.lock()) return kFailed;
-            steps_.Reach(1);
-            for (;;) pause();
-        });
+        const ChildProcess system(LockedForEver(&PZFileGuard::initForSystem));
         ASSERT_TRUE(steps_.WaitFor(1));
         for (auto& app : waiting) {
             app = std::make_unique<ChildProcess>([this] {

@@ -29,6 +29,7 @@
 #include "support/OpenDescriptors.h"
 #include "support/OwnSegments.h"
 #include "support/StdoutCapture.h"
+#include "support/Uncopyable.h"
 
 PZ_INTERPOSE(pthread_mutex_lock, 1, EINVAL);
 PZ_INTERPOSE(pthread_mutex_trylock, 1, EINVAL);
@@ -111,13 +112,10 @@ std::string octal(unsigned int value) {
 }
 
 /// Notes the calls between its construction and End.
-class Trace {
+class Trace : private pztest::Uncopyable {
 public:
     Trace() { trace = &calls_; }
     ~Trace() { trace = nullptr; }
-
-    Trace(const Trace&) = delete;
-    Trace& operator=(const Trace&) = delete;
 
     const Texts& End() {
         trace = nullptr;

@@ -13,9 +13,9 @@
 
 #include <gtest/gtest.h>
 
-#include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Foundation/PZSingleton.h>
 
+#include "Communication/Queues.h"
 #include "support/ChildProcess.h"
 #include "support/StdoutCapture.h"
 #include "support/TestQueue.h"
@@ -24,17 +24,9 @@
 namespace {
 
 using pztest::ChildProcess;
-using pztest::QueueName;
 using pztest::RawQueue;
 using pztest::StdoutCapture;
 using pztest::wait_until;
-
-using Core = PZMsgQ::PZMessageQueue<2>;
-using Sender = PZMsgQ::PZMessageQueue<0>;
-using Receiver = PZMsgQ::PZMessageQueue<1>;
-
-constexpr char kQuit[] = "\002";
-constexpr unsigned int kMostUrgent = 255;  // of the system
 
 /// Keeps the payloads; the trailing bytes are left out.
 class Recorder : public PZObserver_ {
@@ -70,7 +62,7 @@ bool send_all(Sender& sender, const std::vector<std::string>& payloads) {
 }
 
 /// A child that receives until it is told to quit: its exit status is the number of messages.
-int receive_until_quit(const QueueName& name) {
+int receive_until_quit(const pztest::QueueName& name) {
     Recorder observer;
     Receiver receiver;
     if (!receiver.open({name.Get(), &observer})) return -1;
@@ -92,7 +84,7 @@ protected:
 
     bool Open() { return receiver.open({name.Get(), &observer}); }
 
-    QueueName name;
+    pztest::QueueName name;
     Recorder observer;
     Receiver receiver;
 };

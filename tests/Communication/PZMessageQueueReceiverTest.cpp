@@ -19,21 +19,23 @@
 
 #include <gtest/gtest.h>
 
-#include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Diagnostics/pz_inspection.h>
 #include <Framework/Foundation/PZSingleton.h>
 #include <Framework/Foundation/PZThreadMng.h>
 #include <Framework/Foundation/PZWatchDog.h>
 
+#include "Communication/Queues.h"
 #include "support/Assertions.h"
 #include "support/CancelledThread.h"
 #include "support/CountedWaits.h"
+#include "support/CountingObserver.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TestQueue.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(mq_timedsend, 5);
@@ -44,23 +46,12 @@ PZ_INTERPOSE(nanosleep, 2);
 
 namespace {
 
-using pztest::error_messages;
-using pztest::Gate;
-using pztest::has_report;
-using pztest::into_waits;
 using pztest::open_descriptors;
-using pztest::out_waits;
-using pztest::QueueName;
 using pztest::RawQueue;
 using pztest::StdoutCapture;
 using pztest::wait_until;
 
-using Receiver = PZMsgQ::PZMessageQueue<1>;
-using Sender = PZMsgQ::PZMessageQueue<0>;
 using Messages = std::vector<std::string>;
-
-constexpr char kQuit[] = "\002";
-constexpr unsigned int kMostUrgent = 255;  // of the system
 
 /// Keeps what it is called with, and does what the test wants.
 class Recorder : public PZObserver_ {
@@ -101,7 +92,7 @@ private:
 };
 
 bool reported_from(const std::string& output, const char* function, const std::string& message) {
-    return has_report(output, function, "PZMessageQueue.cpp", message);
+    return pztest::has_report(output, function, "PZMessageQueue.cpp", message);
 }
 
 unsigned int assertions_in(const std::string& output) {
@@ -157,8 +148,8 @@ protected:
         return wait_until([&] { return !name.Exists(); });
     }
 
-    QueueName name;
-    Gate gate;
+    pztest::QueueName name;
+    pztest::Gate gate;
     Recorder observer;
     std::unique_ptr<Receiver> receiver = std::make_unique<Receiver>();
 };
@@ -178,10 +169,10 @@ TEST_F(PZMessageQueueReceiverTest, NeedsANameAndAnObserver) {
 }
 
 TEST_F(PZMessageQueueReceiverTest, ReportsAQueueThatCannotBeOpened) {
-    const QueueName tooLong(33);
+    const pztest::QueueName tooLong(33);
     StdoutCapture out;
     EXPECT_FALSE(receiver->open({tooLong.Get(), &observer}));
-    const Messages messages = error_messages(out.Take());
+    const Messages messages = pztest::error_messages(out.Take());
     ASSERT_LE(2U, messages.size());
     EXPECT_EQ("name is too long.", messages.front());
     EXPECT_EQ("open error", messages.back());
@@ -196,7 +187,7 @@ TEST_F(PZMessageQueueReceiverTest, CreatesAQueueOf64Messages) {
 }
 
 TEST_F(PZMessageQueueReceiverTest, ReceivesOnAThreadOfItsOwnRegisteredUnderItsName) {
-    const QueueName longest(32);
+    const pztest::QueueName longest(32);
     std::atomic<pthread_t> thread{};
     char label[256] = "";
     char kernelName[16] = "";
@@ -219,14 +210,14 @@ TEST_F(PZMessageQueueReceiverTest, ReceivesOnAThreadOfItsOwnRegisteredUnderItsNa
 }
 
 TEST_F(PZMessageQueueReceiverTest, ASecondOpenIsRefusedAndLeavesTheFirstAlone) {
-    const QueueName second;
+    const pztest::QueueName second;
     Recorder other;
     StdoutCapture out;
     ASSERT_TRUE(Open());
     const int before = open_descriptors();
     EXPECT_FALSE(receiver->open({second.Get(), &other}));
     EXPECT_FALSE(Open());
-    EXPECT_EQ((Messages{"open error", "open error"}), error_messages(out.Take()));
+    EXPECT_EQ((Messages{"open error", "open error"}), pztest::error_messages(out.Take()));
     EXPECT_EQ(before, open_descriptors());
     EXPECT_FALSE(second.Exists());
     ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
@@ -239,8 +230,8 @@ TEST_F(PZMessageQueueReceiverTest, OpensAlsoWithoutAThreadAndTriesAgain) {
     pthread_create_call.FailNext(EAGAIN);
     StdoutCapture out;
     EXPECT_TRUE(Open());
-    EXPECT_TRUE(has_report(out.Take(), "Start", "PZThread.h",
-                           "PZThread::Start() failed !! [mq_" + name.Text() + "]\r"));
+    EXPECT_TRUE(pztest::has_report(out.Take(), "Start", "PZThread.h",
+                                   "PZThread::Start() failed !! [mq_" + name.Text() + "]\r"));
     ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
     const int before = open_descriptors();
     EXPECT_TRUE(Open());
@@ -301,11 +292,11 @@ TEST_F(PZMessageQueueReceiverTest, TellsTheWatchdogWhileItWaits) {
     pztest::reset_waits();
     ASSERT_TRUE(Open());
     ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
-    EXPECT_EQ(1, into_waits);
-    EXPECT_EQ(0, out_waits);
+    EXPECT_EQ(1, pztest::into_waits);
+    EXPECT_EQ(0, pztest::out_waits);
     receiver->close();
-    EXPECT_EQ(1, into_waits);
-    EXPECT_EQ(1, out_waits);
+    EXPECT_EQ(1, pztest::into_waits);
+    EXPECT_EQ(1, pztest::out_waits);
 }
 
 TEST_F(PZMessageQueueReceiverTest, HandsOnEveryTypeButQuit) {
@@ -339,7 +330,7 @@ TEST_F(PZMessageQueueReceiverTest, AQuitMessageOvertakesWhatWaitsAndEndsTheThrea
 
     StdoutCapture out;
     EXPECT_FALSE(Open()) << "the thread is not joined yet";
-    EXPECT_EQ(Messages{"open error"}, error_messages(out.Take()));
+    EXPECT_EQ(Messages{"open error"}, pztest::error_messages(out.Take()));
     receiver->close();
     EXPECT_TRUE(Open());
     EXPECT_EQ("", out.Take());
@@ -355,7 +346,7 @@ TEST_F(PZMessageQueueReceiverTest, ReceivesFurtherMessagesAfterAFailedReceive) {
     receiver->close();
     EXPECT_EQ((Messages{"error : errno[5 : Input/output error]",
                         "error : errno[5 : Input/output error]"}),
-              error_messages(out.Take()));
+              pztest::error_messages(out.Take()));
 }
 
 std::atomic<int> pauses{0};
@@ -364,7 +355,7 @@ std::atomic<int> bracketed_pauses{0};  // those that the watchdog takes for a wa
 int count_pauses(const timespec* time, timespec* rest) {
     if (time->tv_sec == 0 && time->tv_nsec == 100000000) {
         ++pauses;
-        if (into_waits == out_waits + 1) ++bracketed_pauses;
+        if (pztest::into_waits == pztest::out_waits + 1) ++bracketed_pauses;
     }
     return nanosleep_call.Real(time, rest);
 }
@@ -381,9 +372,9 @@ TEST_F(PZMessageQueueReceiverTest, AFailureThatLastsIsNotTriedWithoutPauseAndDoe
     receiver->close();
     EXPECT_EQ(mq_receive_call.Calls(), pauses + 1) << "the last one was after close";
     EXPECT_EQ(pauses, bracketed_pauses);
-    EXPECT_EQ(into_waits, out_waits);
+    EXPECT_EQ(pztest::into_waits, pztest::out_waits);
     EXPECT_FALSE(name.Exists());
-    for (const std::string& message : error_messages(out.Take())) {
+    for (const std::string& message : pztest::error_messages(out.Take())) {
         EXPECT_EQ("error : errno[90 : Message too long]", message);
     }
 }
@@ -573,7 +564,7 @@ TEST_F(PZMessageQueueReceiverTest, CallsMoreObserversThatAreAdded) {
     receiver->close();
 }
 
-Gate* gate_before_receive = nullptr;
+pztest::Gate* gate_before_receive = nullptr;
 
 ssize_t receive_behind_the_gate(mqd_t queue, char* bytes, size_t size, unsigned int* priority) {
     gate_before_receive->Pass();
@@ -609,7 +600,7 @@ TEST_F(PZMessageQueueReceiverTest, CloseEndsTheThreadThatHasJustEmptiedTheFullQu
     ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
     mq_timedsend_call.FailNext(ETIMEDOUT);
     receiver->close();
-    EXPECT_EQ(Messages{"que full (" + name.Text() + ") 64/64"}, error_messages(out.Take()));
+    EXPECT_EQ(Messages{"que full (" + name.Text() + ") 64/64"}, pztest::error_messages(out.Take()));
     EXPECT_FALSE(name.Exists());
 }
 
@@ -619,14 +610,14 @@ TEST_F(PZMessageQueueReceiverTest, CloseEndsTheThreadOfAQueueWhoseMessagesAreToo
     ASSERT_TRUE(Open());
     ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));
     receiver->close();
-    EXPECT_EQ(Messages{"error : errno[90 : Message too long]"}, error_messages(out.Take()));
+    EXPECT_EQ(Messages{"error : errno[90 : Message too long]"}, pztest::error_messages(out.Take()));
     EXPECT_FALSE(name.Exists());
 }
 
 /// Sends without end from four threads.
-class Flood {
+class Flood : private pztest::Uncopyable {
 public:
-    explicit Flood(const QueueName& name) {
+    explicit Flood(const pztest::QueueName& name) {
         for (int i = 0; i < 4; ++i) {
             threads_.emplace_back([this, &name] {
                 const RawQueue queue(name);
@@ -640,9 +631,6 @@ public:
         end_ = true;
         for (std::thread& thread : threads_) thread.join();
     }
-
-    Flood(const Flood&) = delete;
-    Flood& operator=(const Flood&) = delete;
 
     int Sent() const { return sent_; }
 
@@ -716,25 +704,15 @@ TEST_F(PZMessageQueueReceiverTest, OpensOnlyWithMemoryForItsSubscription) {
         EXPECT_EQ(0, pthread_create_call.Calls());
         EXPECT_EQ(before, open_descriptors());
         EXPECT_EQ(0, receiver->RemoveObserver(&observer));
-        EXPECT_EQ("open error", error_messages(out.Take()).back());
+        EXPECT_EQ("open error", pztest::error_messages(out.Take()).back());
     }
     EXPECT_LT(0, failures);
     ASSERT_EQ(0, RawQueue(name).Send("\001x", 1));
     EXPECT_TRUE(AwaitCount(1));
 }
 
-class Counter : public PZObserver_ {
-public:
-    unsigned int OnNotify(unsigned int /*id*/, void* /*data*/, unsigned int /*size*/) override {
-        ++calls;
-        return 0;
-    }
-
-    std::atomic<int> calls{0};
-};
-
 TEST_F(PZMessageQueueReceiverTest, SendsReceivesAndClosesWithoutMemory) {
-    Counter counter;
+    pztest::CountingObserver counter;
     StdoutCapture out;
     ASSERT_TRUE(receiver->open({name.Get(), &counter}));
     ASSERT_TRUE(wait_until([] { return mq_receive_call.Calls() == 1; }));

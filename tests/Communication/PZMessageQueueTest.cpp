@@ -20,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Communication/Queues.h"
 #include "support/Assertions.h"
 #include "support/CancelledThread.h"
 #include "support/ChildProcess.h"
@@ -38,24 +39,19 @@ namespace {
 using PZMsgQ::en_MSG_TYPE_QUIT;
 using PZMsgQ::en_MSG_TYPE_USER;
 using PZMsgQ::MSG_TYPE;
-using pztest::ChildProcess;
 using pztest::error_messages;
-using pztest::has_report;
 using pztest::open_descriptors;
 using pztest::QueueName;
 using pztest::RawQueue;
 using pztest::StdoutCapture;
-using pztest::wait_until;
 
-using Core = PZMsgQ::PZMessageQueue<2>;
-using Sender = PZMsgQ::PZMessageQueue<0>;
 using Messages = std::vector<std::string>;
 
 const std::string kZeros3(3, '\0');
 constexpr MSG_TYPE kForeignType = static_cast<MSG_TYPE>(7);
 
 bool reported_from(const std::string& output, const char* function, const std::string& message) {
-    return has_report(output, function, "PZMessageQueue.cpp", message);
+    return pztest::has_report(output, function, "PZMessageQueue.cpp", message);
 }
 
 /// True when the banner stands in the output after the message, and a call stack after the banner.
@@ -264,7 +260,7 @@ TEST_F(PZMessageQueueTest, AShorterNameLeavesNothingOfTheOneBefore) {
 }
 
 TEST_F(PZMessageQueueTest, DoesNotTakeTheDescriptorsOfTheStandardStreams) {
-    ChildProcess child([this] {
+    pztest::ChildProcess child([this] {
         for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(standard);
         if (!OpenCore() || Send("x") != 0) return 1;
         for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -695,7 +691,7 @@ TEST_F(PZMessageQueueTest, AReceiveThatWaitsIsRepeatedAfterRealSignals) {
         return Receive().result;
     });
     const pthread_t thread = receiver.get_future().get();
-    ASSERT_TRUE(wait_until([&] {
+    ASSERT_TRUE(pztest::wait_until([&] {
         pthread_kill(thread, SIGUSR1);
         return mq_receive_call.Calls() > 3;  // each one more was interrupted
     }));

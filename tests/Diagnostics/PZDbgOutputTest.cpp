@@ -91,6 +91,11 @@ protected:
         system_log.clear();
     }
 
+    void ExpectError(const std::string& line) {
+        EXPECT_EQ(padded_line(kRed, line), output.Take());
+        EXPECT_EQ(Log({{LOG_ERR, line}}), system_log);
+    }
+
     pztest::StdoutCapture output;
 };
 
@@ -432,19 +437,14 @@ TEST_F(PZDbgOutputTest, LogsTheNameOfTheProcess) {
 TEST_F(PZDbgOutputTest, ReportsTheLastErrorLikeATaggedError) {
     errno = ENOENT;
     PZDbgOutput::DbgPrintStdErr("../x/unit", "f", 12);
-    const std::string line =
-        "[error] f()@unit(12) {} : std library error [2 : No such file or directory]\n";
-    EXPECT_EQ(padded_line(kRed, line), output.Take());
-    EXPECT_EQ(Log({{LOG_ERR, line}}), system_log);
+    ExpectError("[error] f()@unit(12) {} : std library error [2 : No such file or directory]\n");
 }
 
 TEST_F(PZDbgOutputTest, ReportsTheLastErrorFollowedByAMessage) {
     errno = ENOENT;
     PZDbgOutput::DbgPrintStdErr("../x/unit", "f", 12, "open [%s]\n", "/x");
-    const std::string line =
-        "[error] f()@unit(12) {} : std library error [2 : No such file or directory] open [/x]\n";
-    EXPECT_EQ(padded_line(kRed, line), output.Take());
-    EXPECT_EQ(Log({{LOG_ERR, line}}), system_log);
+    ExpectError(
+        "[error] f()@unit(12) {} : std library error [2 : No such file or directory] open [/x]\n");
 }
 
 TEST_F(PZDbgOutputTest, ReadsTheLastErrorAfterTheMessageIsFormatted) {

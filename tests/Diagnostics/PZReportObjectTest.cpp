@@ -1,6 +1,5 @@
 #include <pthread.h>
 #include <sys/ipc.h>
-#include <sys/resource.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -30,6 +29,7 @@
 #include <Framework/Foundation/PZWorker.h>
 #include <Framework/SharedMemory/PZSharedSyncObject.h>
 
+#include "support/FewDescriptors.h"
 #include "support/Gate.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
@@ -133,12 +133,11 @@ TEST_F(PZReportObjectTest, TellsTheFolderThatCannotBeListedForLackOfDescriptors)
     for (const std::string& folder : {source, copy}) {
         ASSERT_EQ(0, mkdir(folder.c_str(), 0777));
     }
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none = {0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    const bool isCopied = PZFileSys::Copy(source.c_str(), copy.c_str(), false, true);
-    setrlimit(RLIMIT_NOFILE, &before);
+    bool isCopied = true;
+    {
+        const pztest::FewDescriptors none(0);
+        isCopied = PZFileSys::Copy(source.c_str(), copy.c_str(), false, true);
+    }
     EXPECT_FALSE(isCopied);
     EXPECT_EQ(source + "||", ObjectsOf(kLastError));
 }
@@ -289,13 +288,12 @@ TEST_F(PZReportObjectTest, TellsTheQueueThatRefusesAMessage) {
 
 #ifndef __SANITIZE_ADDRESS__  // its checks of types need a pipe of their own
 TEST_F(PZReportObjectTest, TellsTheWorkerThatCannotStart) {
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none = {0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    PZWorker refused(1, 1000, 8);
-    const int answer = refused.Start("tuner");
-    setrlimit(RLIMIT_NOFILE, &before);
+    int answer = 0;
+    {
+        const pztest::FewDescriptors none(0);
+        PZWorker refused(1, 1000, 8);
+        answer = refused.Start("tuner");
+    }
     EXPECT_EQ(-1, answer);
     EXPECT_NE(std::string::npos, ObjectsOf(kLastError).find("||tuner"));
 }

@@ -41,6 +41,12 @@ const char kBanner[] =
 
 class PZReportTest : public testing::Test {
 protected:
+    /// The error that the test's body reports in that line, as it is printed.
+    static std::string Error(int line, const std::string& message) {
+        return pztest::padded_line("\033[31m", "[error] TestBody()@PZReportTest.cpp(" +
+                                                   std::to_string(line) + ") {} : " + message);
+    }
+
     void TearDown() override {
         backtrace_call.Reset();
         backtrace_symbols_call.Reset();
@@ -56,10 +62,7 @@ TEST_F(PZReportTest, NamesThePlaceOfAnError) {
     pztest::StdoutCapture output;
     const int line = __LINE__ + 1;
     PZ_REPORT_ERROR("box %s is full: %d\n", "A", 256);
-    EXPECT_EQ(
-        pztest::padded_line("\033[31m", "[error] TestBody()@PZReportTest.cpp(" +
-                                            std::to_string(line) + ") {} : box A is full: 256\n"),
-        output.Take());
+    EXPECT_EQ(Error(line, "box A is full: 256\n"), output.Take());
 }
 
 TEST_F(PZReportTest, TakesAnErrorWithoutArguments) {
@@ -73,11 +76,7 @@ TEST_F(PZReportTest, NamesThePlaceOfALastError) {
     errno = ENOENT;
     const int line = __LINE__ + 1;
     PZ_REPORT_LAST_ERROR();
-    EXPECT_EQ(pztest::padded_line("\033[31m", "[error] TestBody()@PZReportTest.cpp(" +
-                                                  std::to_string(line) +
-                                                  ") {} : std library error [2 : No such file or "
-                                                  "directory]\n"),
-              output.Take());
+    EXPECT_EQ(Error(line, "std library error [2 : No such file or directory]\n"), output.Take());
 }
 
 TEST_F(PZReportTest, NamesThePlaceOfALastErrorWithAMessage) {
@@ -85,10 +84,7 @@ TEST_F(PZReportTest, NamesThePlaceOfALastErrorWithAMessage) {
     errno = ENOENT;
     const int line = __LINE__ + 1;
     PZ_REPORT_ERRNO("open [%s]\n", "/x");
-    EXPECT_EQ(pztest::padded_line("\033[31m", "[error] TestBody()@PZReportTest.cpp(" +
-                                                  std::to_string(line) +
-                                                  ") {} : std library error [2 : No such file or "
-                                                  "directory] open [/x]\n"),
+    EXPECT_EQ(Error(line, "std library error [2 : No such file or directory] open [/x]\n"),
               output.Take());
 }
 

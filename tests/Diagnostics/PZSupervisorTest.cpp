@@ -37,6 +37,7 @@
 #include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
 #include "support/TestQueue.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 namespace {
@@ -205,7 +206,7 @@ private:
 };
 
 /// Keeps a signal from the calling thread.
-class BlockedSignal {
+class BlockedSignal : private pztest::Uncopyable {
 public:
     explicit BlockedSignal(int signal) {
         sigset_t blocked;
@@ -214,8 +215,6 @@ public:
         pthread_sigmask(SIG_BLOCK, &blocked, &before_);
     }
     ~BlockedSignal() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    BlockedSignal(const BlockedSignal&) = delete;
-    BlockedSignal& operator=(const BlockedSignal&) = delete;
 
 private:
     sigset_t before_ = {};
@@ -253,6 +252,13 @@ protected:
                                   [&](const Told& one) { return one.name != name; }),
                    told.end());
         return told;
+    }
+
+    /// The same when so much has been told and a few looks more have told nothing else.
+    std::vector<Told> ToldInAll(const std::string& name, size_t count) {
+        EXPECT_TRUE(wait_until([&] { return ToldOf(name).size() == count; }));
+        WaitForLooks();
+        return ToldOf(name);
     }
 
     Record record;
@@ -314,9 +320,7 @@ TEST_F(PZSupervisorTest, TellsOfAHandlerThatHangsOnceWhenItBeginsAndOnceWhenItIs
     EXPECT_EQ(nullptr, told[0].callStack);
 
     hanging.Release();
-    ASSERT_TRUE(wait_until([this] { return ToldOf("hanging").size() == 2; }));
-    WaitForLooks();
-    told = ToldOf("hanging");
+    told = ToldInAll("hanging", 2);
     ASSERT_EQ(2U, told.size());
     EXPECT_EQ(PZSupervisor::en_HANDLER, told[1].kind);
     EXPECT_TRUE(told[1].isOver);
@@ -613,9 +617,7 @@ TEST_F(PZSupervisorTest, TellsOfABoxThatRefusesPosts) {
     WaitForLooks();
     EXPECT_EQ(0U, ToldOf("flooded").size());  // full, but nothing was refused
     ASSERT_EQ(kFull, post_too_much(flooded.Worker()));
-    ASSERT_TRUE(wait_until([this] { return ToldOf("flooded").size() == 1; }));
-    WaitForLooks();
-    std::vector<Told> told = ToldOf("flooded");
+    std::vector<Told> told = ToldInAll("flooded", 1);
     ASSERT_EQ(1U, told.size());  // it is still full
     EXPECT_EQ(PZSupervisor::en_REFUSAL, told[0].kind);
     EXPECT_EQ(1U, told[0].refused);
@@ -626,9 +628,7 @@ TEST_F(PZSupervisorTest, TellsOfABoxThatRefusesPosts) {
     EXPECT_FALSE(told[0].isOver);
 
     flooded.Release();
-    ASSERT_TRUE(wait_until([this] { return ToldOf("flooded").size() == 2; }));
-    WaitForLooks();
-    told = ToldOf("flooded");
+    told = ToldInAll("flooded", 2);
     ASSERT_EQ(2U, told.size());
     EXPECT_EQ(PZSupervisor::en_REFUSAL, told[1].kind);
     EXPECT_TRUE(told[1].isOver);

@@ -65,6 +65,14 @@ class EasyChannelTest : public testing::Test {
 protected:
     ~EasyChannelTest() override { ::mq_unlink(("/" + name).c_str()); }
 
+    /// Holds the worker at the gate, and leaves it no room for another message.
+    void FillWorker(Gate& gate) {
+        ASSERT_EQ(pz::Posted::ok, worker.post([&] { gate.Pass(); }));
+        ASSERT_TRUE(gate.WaitForArrival());
+        while (worker.post_wait([] {}, 0ms) == pz::Posted::ok) {
+        }
+    }
+
     pz::Framework fw{"easy", 1};
     pz::Worker worker{"tuner"};
     const std::string name = "pz_easy_" + std::to_string(::getpid());
@@ -216,10 +224,7 @@ TEST(EasyChannelProcessTest, AReceiverThatWasKilledFindsItsValuesWhenItReturns) 
 
 TEST_F(EasyChannelTest, KeepsValuesInTheChannelWhileTheWorkerHasNoRoom) {
     Gate gate;
-    ASSERT_EQ(pz::Posted::ok, worker.post([&] { gate.Pass(); }));
-    ASSERT_TRUE(gate.WaitForArrival());
-    while (worker.post_wait([] {}, 0ms) == pz::Posted::ok) {
-    }
+    FillWorker(gate);
     std::atomic<int> received{0};
     const pz::Receiver<Station> in(worker, channel, [&](const Station&) { ++received; });
     pz::Sender<Station> out(channel);
@@ -230,10 +235,7 @@ TEST_F(EasyChannelTest, KeepsValuesInTheChannelWhileTheWorkerHasNoRoom) {
 
 TEST_F(EasyChannelTest, ValuesThatWaitForAReceiverGoWithIt) {
     Gate gate;
-    ASSERT_EQ(pz::Posted::ok, worker.post([&] { gate.Pass(); }));
-    ASSERT_TRUE(gate.WaitForArrival());
-    while (worker.post_wait([] {}, 0ms) == pz::Posted::ok) {
-    }
+    FillWorker(gate);
     std::atomic<unsigned int> last{0};
     const auto take = [&](const Station& s) { last = s.kHz; };
     pz::Sender<Station> out(channel);

@@ -22,6 +22,7 @@
 #include "support/Interposed.h"
 #include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(clock_gettime, 2);
@@ -51,7 +52,7 @@ int clock_ahead(clockid_t clock, timespec* now) {
 }
 
 /// While one lives, the tick wraps `leftMs` after its construction.
-class TickBeforeItsWrap {
+class TickBeforeItsWrap : private pztest::Uncopyable {
 public:
     explicit TickBeforeItsWrap(long long leftMs) {
         constexpr long long kWrapMs = 1LL << 32;
@@ -62,18 +63,6 @@ public:
         clock_gettime_call.Replace(&clock_ahead);
     }
     ~TickBeforeItsWrap() { clock_gettime_call.Replace(nullptr); }
-    TickBeforeItsWrap(const TickBeforeItsWrap&) = delete;
-    TickBeforeItsWrap& operator=(const TickBeforeItsWrap&) = delete;
-};
-
-/// Counts its calls; fires once.
-class CountingTimer : public PZLTimerBase {
-public:
-    int OnTimer(PZLTimerSubMng::_TimerInfo*) override {
-        ++count;
-        return 0;
-    }
-    std::atomic<int> count{0};
 };
 
 }  // namespace
@@ -234,18 +223,18 @@ TEST(EasyFrameworkTest, TimersOfEveryBandFireRightAfterTheWrapOfTheTick) {
         const TickBeforeItsWrap tick(1000);
         const pz::Framework fw("radio");
         PZLTimerMng* const timers = PZLTimerMng::GetTimerMng();
-        std::vector<std::unique_ptr<CountingTimer>> fired;
+        std::vector<std::unique_ptr<pztest::CallbackTimer>> fired;
         std::vector<PZLTimerMng::TimerSubInfo*> bands;
         for (auto* band = timers->Find(177); band != nullptr; band = timers->Find(band->hi + 1)) {
             bands.push_back(band);
-            fired.push_back(std::make_unique<CountingTimer>());
+            fired.push_back(std::make_unique<pztest::CallbackTimer>());
             if (band->sub->addTimer(fired.back().get(), 1500) != 1) return 1;
         }
         if (bands.size() != 5) return 2;
         const bool all = wait_until(
             [&] {
                 for (const auto& timer : fired) {
-                    if (timer->count != 1) return false;
+                    if (timer->Fired() != 1) return false;
                 }
                 return true;
             },

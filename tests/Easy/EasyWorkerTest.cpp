@@ -21,6 +21,7 @@
 #include "support/Gate.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 using namespace std::chrono_literals;
@@ -37,16 +38,13 @@ namespace {
 constexpr int kCapacity = 256;
 
 /// Keeps a worker busy until the end of the scope, or Open.
-class Busy {
+class Busy : private pztest::Uncopyable {
 public:
     explicit Busy(pz::Worker& worker) {
         EXPECT_EQ(Posted::ok, worker.post([gate = gate_] { gate->Pass(); }));
         EXPECT_TRUE(gate_->WaitForArrival());
     }
     ~Busy() { Open(); }
-    Busy(const Busy&) = delete;
-    Busy& operator=(const Busy&) = delete;
-
     void Open() { gate_->Open(); }
 
 private:

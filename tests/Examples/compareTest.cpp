@@ -14,11 +14,7 @@
 // longer than the shortest. What a job prints stands in its file "expected"; where it leaves files,
 // "after" holds the commands that show them.
 
-using pztest::CommandResult;
-using pztest::lines_of;
-using pztest::read_file;
 using pztest::run_command;
-using pztest::TempDir;
 
 namespace {
 
@@ -71,8 +67,8 @@ std::string without_colours(std::string text) {
 
 /// The output has the expected lines. Reports of the library may stand between them.
 void expect_output(const std::string& expected, const std::string& output) {
-    std::vector<std::string> missing = lines_of(expected);
-    for (const std::string& line : lines_of(without_colours(output))) {
+    std::vector<std::string> missing = pztest::lines_of(expected);
+    for (const std::string& line : pztest::lines_of(without_colours(output))) {
         if (!missing.empty() && is_like(line, missing.front())) {
             missing.erase(missing.begin());
         } else {
@@ -101,16 +97,16 @@ std::string end_by_signal() {
 class compareTest : public testing::TestWithParam<std::string> {};
 
 TEST_P(compareTest, PrintsTheExpectedOutputOfItsJob) {
-    const TempDir dir;
+    const pztest::TempDir dir;
     const std::string job = GetParam().substr(0, GetParam().find('/'));
-    const std::string expected = read_file(kSources + job + "/expected");
+    const std::string expected = pztest::read_file(kSources + job + "/expected");
     ASSERT_FALSE(expected.empty());
     std::string command = "cd " + dir.Path() + " && { " PZ_EMULATOR + kPrograms + GetParam();
     if (job == "stop_signal") command += end_by_signal();
     command += "; } 2>&1";
     const std::string after = kSources + job + "/after";
     if (std::filesystem::exists(after)) command += " && sh " + after;
-    const CommandResult result = run_command(command);
+    const pztest::CommandResult result = run_command(command);
     EXPECT_EQ(0, result.status);
     expect_output(expected, result.output);
 }
@@ -140,7 +136,7 @@ namespace {
 
 /// What stands between a mark of the page and its end.
 std::string figures_of(const std::string& name) {
-    const std::string page = read_file(PZ_ROOT "/docs/from-other-libraries.md");
+    const std::string page = pztest::read_file(PZ_ROOT "/docs/from-other-libraries.md");
     const std::string mark = "<!--figures:" + name + "-->\n\n";
     const size_t start = page.find(mark);
     if (start == std::string::npos) return "";
@@ -160,13 +156,13 @@ std::vector<int> numbers_of(const std::string& row) {
 }  // namespace
 
 TEST(compareLinesTest, ThePageHasTheLinesThatTheScriptCounts) {
-    const CommandResult counted = run_command(PZ_ROOT "/scripts/compare-lines");
+    const pztest::CommandResult counted = run_command(PZ_ROOT "/scripts/compare-lines");
     ASSERT_EQ(0, counted.status);
     EXPECT_EQ(figures_of("lines") + "\n", counted.output);
 }
 
 TEST(compareLinesTest, OursIsNeverLongerThanTheShortestOther) {
-    const std::vector<std::string> rows = lines_of(figures_of("lines"));
+    const std::vector<std::string> rows = pztest::lines_of(figures_of("lines"));
     ASSERT_EQ(2 + jobs().size(), rows.size());
     for (size_t i = 2; i < rows.size(); ++i) {
         const std::vector<int> lines = numbers_of(rows[i]);
@@ -176,14 +172,14 @@ TEST(compareLinesTest, OursIsNeverLongerThanTheShortestOther) {
 }
 
 TEST(compareLinesTest, CountsNoCommentsAndBlankLines) {
-    const TempDir dir;
+    const pztest::TempDir dir;
     run_command("mkdir -p " + dir.File("scripts") + " " + dir.File("examples/compare/text") +
                 " && cp " PZ_ROOT "/scripts/compare-lines " + dir.File("scripts") +
                 " && cp " PZ_ROOT "/.clang-format " + dir.Path());
     pztest::write_file(dir.File("examples/compare/text/easy.cpp"),
                        "// a comment\n#include <cstdio>\n\nint main() { // and code\n"
                        "std::puts(\"//\"); std::puts(\"two\");\n}\n");
-    const CommandResult counted = run_command(dir.File("scripts/compare-lines"));
+    const pztest::CommandResult counted = run_command(dir.File("scripts/compare-lines"));
     EXPECT_EQ(0, counted.status);
     EXPECT_NE(std::string::npos,
               counted.output.find("|[text](../examples/compare/text/easy.cpp)|5||||||"))

@@ -18,16 +18,13 @@
 #include "support/WaitUntil.h"
 
 using pztest::CommandResult;
-using pztest::read_file;
-using pztest::run_command;
 using pztest::TempDir;
-using pztest::wait_until;
 using pztest::write_file;
 
 namespace {
 
 CommandResult feed(const std::string& arguments) {
-    return run_command(PZ_FEED " " + arguments + " 2>&1");
+    return pztest::run_command(PZ_FEED " " + arguments + " 2>&1");
 }
 
 /// The words of the table's row that begins with `name`.
@@ -56,14 +53,14 @@ void expect_same_as_wc(const std::string& table, const std::string& path) {
     std::string lines;
     std::string words;
     std::string bytes;
-    std::istringstream wc(run_command("LC_ALL=C wc < " + path).output);
+    std::istringstream wc(pztest::run_command("LC_ALL=C wc < " + path).output);
     wc >> lines >> words >> bytes;
     EXPECT_EQ(lines, row[kLines]);
     EXPECT_EQ(words, row[kWords]);
     EXPECT_EQ(bytes, row[kBytes]);
 
     std::string checksum;
-    std::istringstream sum(run_command("sum -r < " + path).output);
+    std::istringstream sum(pztest::run_command("sum -r < " + path).output);
     sum >> checksum;
     EXPECT_EQ(checksum, row[kChecksum]);
     EXPECT_EQ(std::to_string((std::stoull(bytes) + 255) / 256), row[kMessages]);
@@ -76,6 +73,17 @@ std::string text_of(size_t bytes) {
     }
     text.resize(bytes);
     return text;
+}
+
+/// What the program prints of a file with more than a box of messages, all of which are counted.
+std::string output_for_a_large_file(const std::string& option) {
+    const TempDir dir;
+    const std::string path = dir.File("text");
+    write_file(path, text_of(3000000));
+    const CommandResult output = feed(option + path);
+    EXPECT_EQ(0, output.status);
+    expect_same_as_wc(output.output, path);
+    return output.output;
 }
 
 }  // namespace
@@ -103,23 +111,12 @@ TEST(feedTest, TotalsOfFilesOfManySizesEqualWc) {
 }
 
 TEST(feedTest, LosesNothingWhenTheCountersBoxRunsFull) {
-    const TempDir dir;
-    const std::string path = dir.File("text");
-    write_file(path, text_of(3000000));
-    const CommandResult output = feed("--flood " + path);
-    EXPECT_EQ(0, output.status);
-    EXPECT_NE(std::string::npos, output.output.find("msg queue is full : worker[2]\n"));
-    expect_same_as_wc(output.output, path);
+    const std::string output = output_for_a_large_file("--flood ");
+    EXPECT_NE(std::string::npos, output.find("msg queue is full : worker[2]\n"));
 }
 
 TEST(feedTest, HoldsBackBeforeTheBoxIsFull) {
-    const TempDir dir;
-    const std::string path = dir.File("text");
-    write_file(path, text_of(3000000));
-    const CommandResult output = feed(path);
-    EXPECT_EQ(0, output.status);
-    EXPECT_EQ(std::string::npos, output.output.find("full"));
-    expect_same_as_wc(output.output, path);
+    EXPECT_EQ(std::string::npos, output_for_a_large_file("").find("full"));
 }
 
 TEST(feedTest, AnUnreadableFileGivesOneLineAndStatus1AfterTheOthersAreDone) {
@@ -168,14 +165,14 @@ TEST(feedTest, CtrlCStopsEarlyWithAPartialSummary) {
     pztest::ChildProcess feed(pztest::program({PZ_FEED, fifo}, {result}));
     const std::string sent = "one\ntwo\nthree four\n";
     ASSERT_EQ(static_cast<ssize_t>(sent.size()), write(writer, sent.data(), sent.size()));
-    EXPECT_TRUE(wait_until([writer] {
+    EXPECT_TRUE(pztest::wait_until([writer] {
         int unread = -1;
         return ioctl(writer, FIONREAD, &unread) == 0 && unread == 0;
     }));
     feed.Signal(SIGINT);
     EXPECT_EQ(130, feed.Wait());
     close(writer);
-    const std::string table = read_file(result);
+    const std::string table = pztest::read_file(result);
     EXPECT_NE(std::string::npos, table.find("stopped early: the counts until then\n"));
     EXPECT_NE(std::string::npos, table.find("framework started in "));
     // Whether the last bytes were counted before the stop came is open; never more than was sent.
@@ -195,14 +192,16 @@ TEST(feedTest, DrawsAProgressLineOnATerminalOnly) {
     ASSERT_NE(-1, writer);
     const std::string command =
         "script -qfec '" PZ_FEED " " + fifo + "' " + log + " >/dev/null 2>&1 </dev/null & echo $!";
-    ASSERT_EQ(0, run_command(command).status);
+    ASSERT_EQ(0, pztest::run_command(command).status);
     ASSERT_EQ(6, write(writer, "a b c\n", 6));
-    EXPECT_TRUE(wait_until(
-        [&log] { return read_file(log).find("6 bytes, 1 messages, ") != std::string::npos; }));
-    EXPECT_NE(std::string::npos, read_file(log).find("messages/s"));
+    EXPECT_TRUE(pztest::wait_until([&log] {
+        return pztest::read_file(log).find("6 bytes, 1 messages, ") != std::string::npos;
+    }));
+    EXPECT_NE(std::string::npos, pztest::read_file(log).find("messages/s"));
     close(writer);  // end of file
-    EXPECT_TRUE(wait_until(
-        [&log] { return read_file(log).find("framework started in ") != std::string::npos; }));
+    EXPECT_TRUE(pztest::wait_until([&log] {
+        return pztest::read_file(log).find("framework started in ") != std::string::npos;
+    }));
 
     const std::string path = dir.File("text");
     write_file(path, text_of(100));

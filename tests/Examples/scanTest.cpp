@@ -20,8 +20,6 @@
 using pztest::CommandResult;
 using pztest::read_file;
 using pztest::run_command;
-using pztest::TempDir;
-using pztest::wait_until;
 using pztest::write_file;
 
 namespace {
@@ -44,7 +42,7 @@ protected:
     }
 
 private:
-    const TempDir dir_;
+    const pztest::TempDir dir_;
 };
 
 /// The lines of the table for one file: its row and what stands below it.
@@ -290,7 +288,7 @@ TEST_F(scanTest, CtrlCStopsEarlyWithWhatWasFound) {
     const std::string output = Temp("output");
     pztest::ChildProcess scan(pztest::program(
         {PZ_SCAN, "--huge", "9999999999999", "--log", Temp("log"), Files()}, {output, output}));
-    EXPECT_TRUE(wait_until([&] {
+    EXPECT_TRUE(pztest::wait_until([&] {
         const std::map<int, std::string> open = pztest::descriptors_of(scan.Pid());
         return std::any_of(open.begin(), open.end(),
                            [&](const auto& file) { return file.second == File("endless"); });

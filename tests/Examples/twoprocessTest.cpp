@@ -23,17 +23,11 @@
 #include "support/TestQueue.h"
 #include "support/WaitUntil.h"
 
-using pztest::ChildProcess;
 using pztest::CommandResult;
-using pztest::GuardFiles;
 using pztest::GuardSegment;
-using pztest::QueueName;
-using pztest::RawQueue;
 using pztest::read_file;
 using pztest::run_command;
-using pztest::TempDir;
 using pztest::wait_until;
-using pztest::write_file;
 
 namespace {
 
@@ -151,7 +145,7 @@ public:
 private:
     const std::string out_;
     const std::string error_;
-    ChildProcess process_;
+    pztest::ChildProcess process_;
 };
 
 using ProgramPtr = std::unique_ptr<Program>;
@@ -205,12 +199,13 @@ protected:
     }
 
     bool WaitForFullQueue() const {
-        return wait_until([this] { return queue.Exists() && RawQueue(queue).Count() == 64; });
+        return wait_until(
+            [this] { return queue.Exists() && pztest::RawQueue(queue).Count() == 64; });
     }
 
     /// A process dies while it holds the mutex; false when somebody else holds it.
     bool DieWithTheMutex() const {
-        ChildProcess victim([this]() -> int {
+        pztest::ChildProcess victim([this]() -> int {
             PZDbgOutput::SetSink([](const auto&, void*) { return false; }, nullptr);
             PZFileGuard guard(files.Dir(), files.Name());
             _exit(guard.initForApp() && guard.tryLock() ? 0 : 1);
@@ -237,9 +232,9 @@ protected:
         EXPECT_FALSE(GuardSegment(files.FlagFile()).Exists());
     }
 
-    const TempDir dir;
-    const GuardFiles files;
-    const QueueName queue;
+    const pztest::TempDir dir;
+    const pztest::GuardFiles files;
+    const pztest::QueueName queue;
     int tuners = 0;
     int displays = 0;
 };
@@ -518,7 +513,7 @@ TEST_F(twoprocessTest, TheSettingsAreWholeWheneverATunerIsKilled) {
 }
 
 TEST_F(twoprocessTest, ADraftThatAKilledProcessLeftIsOverwritten) {
-    write_file(dir.File("settings.tuner"), "tuner.run=9\ntuner.o");
+    pztest::write_file(dir.File("settings.tuner"), "tuner.run=9\ntuner.o");
     const ProgramPtr tuner = StartTuner("60000");
     ASSERT_TRUE(WaitForSetting("tuner.run", "1"));
     EXPECT_EQ("tuner.run=1\ntuner.on=1\ntuner.station=8930\ndisplay.run=0\ndisplay.tuner=0\n",
@@ -531,7 +526,7 @@ TEST_F(twoprocessTest, BothPutRightASettingsFileThatWasSpoiled) {
     const ProgramPtr tuner = StartTuner();
     const ProgramPtr display = StartDisplay();
     ASSERT_TRUE(WaitForListener("1", "1"));
-    write_file(dir.File("spoiled"), "no settings\n=\ntuner.run=x\n");
+    pztest::write_file(dir.File("spoiled"), "no settings\n=\ntuner.run=x\n");
     ASSERT_EQ(0, rename(dir.File("spoiled").c_str(), dir.File("settings").c_str()));
     EXPECT_TRUE(WaitForListener("1", "1"));
     EXPECT_EQ(0, display->End());
@@ -551,7 +546,7 @@ TEST_F(twoprocessTest, ADisplayDropsMessagesOfOtherPrograms) {
     };
     const ProgramPtr display = StartDisplay();
     ASSERT_TRUE(wait_until([this] { return queue.Exists(); }));
-    const RawQueue sender(queue);
+    const pztest::RawQueue sender(queue);
     std::string notes;
     for (const std::string& message : foreign) {
         ASSERT_EQ(0, sender.Send(message, 1));

@@ -21,20 +21,12 @@ using pztest::has_report;
 using pztest::StdoutCapture;
 using std::chrono::milliseconds;
 
-struct BoxWaitKind {
+struct BoxWaitKind : LoopCalls<read_call, write_call> {
     using Loop = PZBoxWait;
     static constexpr char kFile[] = "PZBoxWait.cpp";
     static constexpr int kDescriptors = 1;
 
     static PZBoxWait::EN_RESULT Wait(PZBoxWait& loop) { return loop.Wait(); }
-    static void Reset() {
-        read_call.Reset();
-        write_call.Reset();
-    }
-    static int WaitsBegun() { return read_call.Calls(); }
-    static void FailNextWait(int error) { read_call.FailNext(error); }
-    static void FailNextSignals(int error, int times) { write_call.FailNext(error, times); }
-    static int SystemCalls() { return read_call.Calls() + write_call.Calls(); }
 };
 
 namespace {

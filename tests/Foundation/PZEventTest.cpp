@@ -14,6 +14,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <string>
 #include <thread>
@@ -222,10 +223,31 @@ void count_usr1(int /*signal*/) {
     ++usr1_signals;
 }
 
+/// Expects one report, of `function`, that the system has answered `error`.
+void expect_only_report(const std::string& output, const char* function, int error) {
+    EXPECT_TRUE(has_report(output, function, "PZEvent.cpp", std_error(error)));
+    EXPECT_EQ(1U, error_messages(output).size());
+}
+
 class PZEventTest : public testing::Test {
 protected:
     void SetUp() override { DisarmAll(); }
     void TearDown() override { DisarmAll(); }
+
+    /// Waits for one event and for all, after `spoil` has spoilt the reads: each reports `error`.
+    void ExpectReportOfRead(const std::function<void()>& spoil, int error) {
+        StdoutCapture output;
+        const int before = open_descriptors();
+        a.Set(1);
+        for (const bool waitAll : {false, true}) {
+            spoil();
+            const int result = PZEvent::WaitMultipleEvent(2, both, kNoLimit, waitAll);
+            read_call.Reset();
+            EXPECT_EQ(kError, result);
+            expect_only_report(output.Take(), "timedMultiWait", error);
+        }
+        EXPECT_EQ(before, open_descriptors());
+    }
 
     OpenEvent a;
     OpenEvent b;
@@ -507,29 +529,24 @@ TEST_F(PZEventTest, ClosesBothEndsWhenItDies) {
     EXPECT_EQ("", output.Take());
 }
 
-TEST_F(PZEventTest, ReportsAReadEndThatCannotBeClosed) {
+/// An event of whose pipe `failing` cannot be closed dies, and reports that once.
+void expect_report_of_close(const int& failing) {
     StdoutCapture output;
     {
         const PZEvent event;
-        failing_close_fd = last_pipe.readFd;
+        failing_close_fd = failing;
         close_call.Replace(close_one_with_error);
     }
-    const std::string text = output.Take();
-    EXPECT_TRUE(has_report(text, "~PZEvent", "PZEvent.cpp", std_error(EIO)));
-    EXPECT_EQ(1U, error_messages(text).size());
+    expect_only_report(output.Take(), "~PZEvent", EIO);
     EXPECT_EQ(2, close_call.Calls());
 }
 
+TEST_F(PZEventTest, ReportsAReadEndThatCannotBeClosed) {
+    expect_report_of_close(last_pipe.readFd);
+}
+
 TEST_F(PZEventTest, ReportsAWriteEndThatCannotBeClosed) {
-    StdoutCapture output;
-    {
-        const PZEvent event;
-        failing_close_fd = last_pipe.writeFd;
-        close_call.Replace(close_one_with_error);
-    }
-    const std::string text = output.Take();
-    EXPECT_TRUE(has_report(text, "~PZEvent", "PZEvent.cpp", std_error(EIO)));
-    EXPECT_EQ(1U, error_messages(text).size());
+    expect_report_of_close(last_pipe.writeFd);
 }
 
 TEST_F(PZEventTest, ReportsOnceWhenNeitherEndCanBeClosed) {
@@ -575,9 +592,7 @@ TEST_F(PZEventTest, DrainsAFullPipeAndLeavesOneSignal) {
     EXPECT_EQ(1, a.Pending());
     EXPECT_EQ(0, a.event.WaitEvent(0));
     EXPECT_EQ(kTimedOut, a.event.WaitEvent(0));
-    const std::string text = output.Take();
-    EXPECT_TRUE(has_report(text, "SetEvent", "PZEvent.cpp", std_error(EAGAIN)));
-    EXPECT_EQ(1U, error_messages(text).size());
+    expect_only_report(output.Take(), "SetEvent", EAGAIN);
 }
 
 TEST_F(PZEventTest, TakesSignalsAgainAfterAFullPipe) {
@@ -604,9 +619,7 @@ TEST_F(PZEventTest, ReportsABrokenPipeAndAnswers0) {
     a.Set(1);
     write_call.FailNext(EPIPE);
     EXPECT_EQ(0, a.event.SetEvent());
-    const std::string text = output.Take();
-    EXPECT_TRUE(has_report(text, "SetEvent", "PZEvent.cpp", std_error(EPIPE)));
-    EXPECT_EQ(1U, error_messages(text).size());
+    expect_only_report(output.Take(), "SetEvent", EPIPE);
     EXPECT_EQ(1, a.Pending());
 }
 
@@ -1049,9 +1062,7 @@ TEST_F(PZEventTest, ReportsAFailingEpollCtl) {
     a.Set(1);
     epoll_ctl_call.FailNext(ENOSPC, 1, 1);
     EXPECT_EQ(kError, PZEvent::WaitMultipleEvent(2, both, kNoLimit, false));
-    const std::string text = output.Take();
-    EXPECT_TRUE(has_report(text, "timedMultiWait", "PZEvent.cpp", std_error(ENOSPC)));
-    EXPECT_EQ(1U, error_messages(text).size());
+    expect_only_report(output.Take(), "timedMultiWait", ENOSPC);
     EXPECT_EQ(before, open_descriptors());
     EXPECT_EQ(0, epoll_wait_call.Calls());
     EXPECT_EQ(1, a.Pending());
@@ -1090,26 +1101,13 @@ TEST_F(PZEventTest, ReportsAFailingEpollWait) {
     a.Set(1);
     epoll_wait_call.FailNext(EBADF);
     EXPECT_EQ(kError, a.event.WaitEvent(kNoLimit));
-    const std::string text = output.Take();
-    EXPECT_TRUE(has_report(text, "timedMultiWait", "PZEvent.cpp", std_error(EBADF)));
-    EXPECT_EQ(1U, error_messages(text).size());
+    expect_only_report(output.Take(), "timedMultiWait", EBADF);
     EXPECT_EQ(before, open_descriptors());
     EXPECT_EQ(1, a.Pending());
 }
 
 TEST_F(PZEventTest, ReportsAFailingRead) {
-    StdoutCapture output;
-    const int before = open_descriptors();
-    a.Set(1);
-    for (const bool waitAll : {false, true}) {
-        read_call.FailNext(EIO);
-        EXPECT_EQ(kError, PZEvent::WaitMultipleEvent(2, both, kNoLimit, waitAll));
-        read_call.Reset();
-        const std::string text = output.Take();
-        EXPECT_TRUE(has_report(text, "timedMultiWait", "PZEvent.cpp", std_error(EIO)));
-        EXPECT_EQ(1U, error_messages(text).size());
-    }
-    EXPECT_EQ(before, open_descriptors());
+    ExpectReportOfRead([] { read_call.FailNext(EIO); }, EIO);
 }
 
 TEST_F(PZEventTest, EndsALimitedWaitOnTimeThatSignalsInterruptAgainAndAgain) {
@@ -1201,19 +1199,7 @@ TEST_F(PZEventTest, TakesAnInterruptedReadForAFailure) {
 }
 
 TEST_F(PZEventTest, ReportsAReadThatEndsWithoutAByte) {
-    StdoutCapture output;
-    const int before = open_descriptors();
-    a.Set(1);
-    for (const bool waitAll : {false, true}) {
-        read_call.Replace(read_nothing);
-        const int result = PZEvent::WaitMultipleEvent(2, both, kNoLimit, waitAll);
-        read_call.Reset();
-        EXPECT_EQ(kError, result);
-        const std::string text = output.Take();
-        EXPECT_TRUE(has_report(text, "timedMultiWait", "PZEvent.cpp", std_error(ENODATA)));
-        EXPECT_EQ(1U, error_messages(text).size());
-    }
-    EXPECT_EQ(before, open_descriptors());
+    ExpectReportOfRead([] { read_call.Replace(read_nothing); }, ENODATA);
 }
 
 // Several threads

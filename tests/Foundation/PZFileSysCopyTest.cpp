@@ -21,11 +21,13 @@
 #include <Framework/Foundation/PZFileSys.h>
 
 #include "support/ChildProcess.h"
+#include "support/FewDescriptors.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 #include "support/WaitsForWriter.h"
 
@@ -105,7 +107,7 @@ FILE* open_bad_source(const char* path, const char* mode) {
 }
 
 /// Within the scope no file of this process can be written beyond `size` bytes (EFBIG).
-class FileSizeLimit {
+class FileSizeLimit : private pztest::Uncopyable {
 public:
     explicit FileSizeLimit(rlim_t size) : signalBefore_(std::signal(SIGXFSZ, SIG_IGN)) {
         EXPECT_EQ(0, ::getrlimit(RLIMIT_FSIZE, &before_));
@@ -116,8 +118,6 @@ public:
         ::setrlimit(RLIMIT_FSIZE, &before_);
         std::signal(SIGXFSZ, signalBefore_);
     }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
 
 private:
     void (*signalBefore_)(int);
@@ -834,37 +834,15 @@ TEST_F(PZFileSysCopyTest, WritesIntoALinkThatLeadsNowhereYet) {
 
 // ---- too few descriptors, failing listings, no memory ----
 
-namespace {
-
-/// Within the scope the process can open `more` descriptors, and no more.
-class DescriptorLimit {
-public:
-    explicit DescriptorLimit(rlim_t more) {
-        EXPECT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before_));
-        const int next = ::dup(STDERR_FILENO);
-        ::close(next);
-        const rlimit limit = {static_cast<rlim_t>(next) + more, before_.rlim_max};
-        EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
-    }
-    ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-    DescriptorLimit(const DescriptorLimit&) = delete;
-    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-
-private:
-    rlimit before_ = {};
-};
-
-}  // namespace
-
 TEST_F(PZFileSysCopyTest, FailsInsteadOfLosingFilesWhenDescriptorsRunOut) {
     const std::string src = MakeTree();
-    for (rlim_t more = 0; more < 3; ++more) {
+    for (unsigned int more = 0; more < 3; ++more) {
         const std::string first = dir.File("z");
         const std::string second = dir.File("y");
         bool copied = true;
         bool moved = true;
         {
-            const DescriptorLimit limit(more);
+            const pztest::FewDescriptors limit(more);
             copied = PZFileSys::Copy(src.c_str(), first.c_str(), false, true);
             moved = PZFileSys::Move(src.c_str(), second.c_str());
         }

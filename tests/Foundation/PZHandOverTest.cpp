@@ -15,6 +15,8 @@
 #include <Framework/Foundation/PZPriorityQueue.h>
 #include <Framework/Foundation/private/PZHandOver.h>
 
+#include "support/Uncopyable.h"
+
 // The hand-over in every order that its threads can take turns in.
 //
 // The threads are coroutines, which stop before each access to what they share: taking and giving
@@ -197,7 +199,7 @@ struct ModelSync {
     bool held = false;
 };
 
-class ModelGuard {
+class ModelGuard : private pztest::Uncopyable {
 public:
     explicit ModelGuard(ModelSync& sync) : sync_(sync) {
         stop_before_access([&sync] { return !sync.held; });
@@ -207,8 +209,6 @@ public:
         stop_before_access();
         sync_.held = false;
     }
-    ModelGuard(const ModelGuard&) = delete;
-    ModelGuard& operator=(const ModelGuard&) = delete;
 
 private:
     ModelSync& sync_;

@@ -38,14 +38,15 @@
 #include "support/OwnStreams.h"
 #include "support/StdoutCapture.h"
 #include "support/StuckStdout.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(sem_init, 3);
 PZ_INTERPOSE(sem_destroy, 1);
 PZ_INTERPOSE(sem_wait, 1);
 
-// The accounts are the process's own and some tests ruin them on purpose: every test needs a
-// process of its own, as ctest gives it.
+// The accounts are the process's own and some tests ruin them on purpose: every test has a process
+// of its own.
 
 namespace {
 
@@ -92,7 +93,7 @@ void run_in_thread(const std::function<void()>& body) {
 
 /// A block that was never allocated by the heap: brings the accounts into any state without
 /// touching memory that was given back.
-class ForgedBlock {
+class ForgedBlock : private pztest::Uncopyable {
 public:
     explicit ForgedBlock(unsigned int size, unsigned int threadId = this_thread())
         : header_(static_cast<Header*>(std::calloc(1, kHeaderSize + size + kTrailerSize))) {
@@ -101,9 +102,6 @@ public:
         std::memset(static_cast<char*>(Data()) + size, 0xEE, kTrailerSize);
     }
     ~ForgedBlock() { std::free(header_); }
-
-    ForgedBlock(const ForgedBlock&) = delete;
-    ForgedBlock& operator=(const ForgedBlock&) = delete;
 
     void* Data() const { return reinterpret_cast<char*>(header_) + kHeaderSize; }
 

@@ -34,6 +34,7 @@
 #include "support/RecordingDispatcher.h"
 #include "support/StdoutCapture.h"
 #include "support/StuckStdout.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(epoll_wait, 4);
@@ -326,19 +327,22 @@ TEST_F(PZLMsgBoxTest, HasRoomAgainAfterDiscarding) {
 // the very end.
 std::vector<const void*>& copies_left = *new std::vector<const void*>;
 
+void push_and_leave(PZLMsgBox& box, Record& record) {
+    ASSERT_EQ(kSuccess, box.PushMsg(record));
+    copies_left.push_back(record.Buff);
+}
+
 TEST_F(PZLMsgBoxTest, DoesNotReleaseThePayloadsOfDiscardedMessages) {
     const char payload[] = "early";
     auto dying = std::make_unique<PZLMsgBox>();
     Record record = {id, 1, kOrdinary, payload, sizeof payload};
-    ASSERT_EQ(kSuccess, dying->PushMsg(record));
-    copies_left.push_back(record.Buff);
+    push_and_leave(*dying, record);
     dying->Exit();
     ASSERT_EQ(0, dying->Loop(1));
     for (unsigned int i = 0; i < kCapacity; ++i) {
         Record later = {id, 1, kOrdinary, "later", 6};
-        ASSERT_EQ(kSuccess, dying->PushMsg(later));
+        push_and_leave(*dying, later);
         ASSERT_NE(record.Buff, later.Buff);
-        copies_left.push_back(later.Buff);
     }
     dying.reset();
     EXPECT_STREQ(payload, static_cast<const char*>(record.Buff));
@@ -348,8 +352,7 @@ TEST_F(PZLMsgBoxTest, DoesNotReleaseThePayloadsOfMessagesThatAreQueuedWhenItDies
     const char payload[] = "late";
     auto dying = std::make_unique<PZLMsgBox>();
     Record record = {id, 1, kOrdinary, payload, sizeof payload};
-    ASSERT_EQ(kSuccess, dying->PushMsg(record));
-    copies_left.push_back(record.Buff);
+    push_and_leave(*dying, record);
     dying.reset();
     EXPECT_STREQ(payload, static_cast<const char*>(record.Buff));
 }
@@ -790,7 +793,7 @@ TEST_F(PZLMsgBoxTest, WaitsInItsDestructorForAPostThatIsAboutToWakeItsLoop) {
 }
 
 /// A box in memory that is taken away with it: who touches it afterwards ends the process.
-class BoxOnAPage {
+class BoxOnAPage : private pztest::Uncopyable {
 public:
     BoxOnAPage()
         : page_(::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)),
@@ -799,9 +802,6 @@ public:
         box_->~PZLMsgBox();
         ::munmap(page_, kSize);
     }
-    BoxOnAPage(const BoxOnAPage&) = delete;
-    BoxOnAPage& operator=(const BoxOnAPage&) = delete;
-
     PZLMsgBox* operator->() const { return box_; }
 
 private:
@@ -1376,7 +1376,7 @@ unsigned int messages_per_poster() {
 }
 
 /// While one lives, this thread and those that it starts run on one processor.
-class OneProcessor {
+class OneProcessor : private pztest::Uncopyable {
 public:
     OneProcessor() {
         EXPECT_EQ(0, sched_getaffinity(0, sizeof before_, &before_));
@@ -1386,8 +1386,6 @@ public:
         EXPECT_EQ(0, sched_setaffinity(0, sizeof one, &one));
     }
     ~OneProcessor() { EXPECT_EQ(0, sched_setaffinity(0, sizeof before_, &before_)); }
-    OneProcessor(const OneProcessor&) = delete;
-    OneProcessor& operator=(const OneProcessor&) = delete;
 
 private:
     cpu_set_t before_ = {};

@@ -24,20 +24,12 @@ using std::chrono::steady_clock;
 
 constexpr unsigned int kNoLimit = 0xFFFFFFFF;
 
-struct LoopWaitKind {
+struct LoopWaitKind : LoopCalls<epoll_wait_call, write_call> {
     using Loop = PZLoopWait;
     static constexpr char kFile[] = "PZLoopWait.cpp";
     static constexpr int kDescriptors = 3;
 
     static PZLoopWait::EN_RESULT Wait(PZLoopWait& loop) { return loop.Wait(kNoLimit); }
-    static void Reset() {
-        epoll_wait_call.Reset();
-        write_call.Reset();
-    }
-    static int WaitsBegun() { return epoll_wait_call.Calls(); }
-    static void FailNextWait(int error) { epoll_wait_call.FailNext(error); }
-    static void FailNextSignals(int error, int times) { write_call.FailNext(error, times); }
-    static int SystemCalls() { return epoll_wait_call.Calls() + write_call.Calls(); }
 };
 
 namespace {

@@ -2,18 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ClockReadBy.h"
 #include "support/ManualTick.h"
 
 namespace {
 
 constexpr long long kNsPerSecond = 1000000000;
-
-clockid_t asked_clock = -1;
-
-int remember_clock(clockid_t clock, timespec* now) {
-    asked_clock = clock;
-    return pztest::clock_gettime_call.Real(clock, now);
-}
 
 class PZStopwatchTest : public testing::Test {
 protected:
@@ -170,11 +164,6 @@ TEST_F(PZStopwatchTest, CountsTheSecondsAsASigned32BitNumber) {
 #endif
 
 TEST_F(PZStopwatchTest, ReadsTheMonotonicClock) {
-    pztest::clock_gettime_call.Replace(remember_clock);
-    asked_clock = -1;
-    watch.Start();
-    EXPECT_EQ(CLOCK_MONOTONIC, asked_clock);
-    asked_clock = -1;
-    watch.Split();
-    EXPECT_EQ(CLOCK_MONOTONIC, asked_clock);
+    EXPECT_EQ(CLOCK_MONOTONIC, pztest::clock_read_by([this] { watch.Start(); }));
+    EXPECT_EQ(CLOCK_MONOTONIC, pztest::clock_read_by([this] { watch.Split(); }));
 }

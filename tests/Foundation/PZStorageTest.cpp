@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "support/ChildProcess.h"
+#include "support/FullDisk.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
@@ -72,24 +73,13 @@ long long size_on_disk(const std::string& path) {
     return stat64(path.c_str(), &status) == 0 ? static_cast<long long>(status.st_size) : -1;
 }
 
-/// A stream without a buffer whose first `good` bytes are taken, and no more.
-struct FailingMedium {
-    size_t good;
-    std::string taken;
-};
-FailingMedium medium;
+pztest::FullDisk medium = {0};
 
 ssize_t write_to_medium(void* /*cookie*/, const char* data, size_t size) {
-    const size_t taken = std::min(size, medium.good);
-    if (taken == 0) {
-        errno = ENOSPC;
-        return 0;
-    }
-    medium.taken.append(data, taken);
-    medium.good -= taken;
-    return static_cast<ssize_t>(taken);
+    return medium.Take(data, size);
 }
 
+/// A stream without a buffer.
 FILE* open_medium(const char* /*path*/, const char* mode) {
     cookie_io_functions_t calls = {};
     calls.write = &write_to_medium;
@@ -119,7 +109,7 @@ protected:
 
     /// The storage writes to a medium that takes `good` bytes.
     void OpenMedium(size_t good) {
-        medium = {good, ""};
+        medium = {good};
         fopen_call.Replace(&open_medium);
         ASSERT_EQ(0, storage.Open("medium", "w"));
         fopen_call.Replace(nullptr);

@@ -28,6 +28,7 @@
 #include "support/Interposed.h"
 #include "support/ProcessSignal.h"
 #include "support/StdoutCapture.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(sem_wait, 1);
@@ -139,15 +140,12 @@ std::vector<clockid_t> clocks_read;
 std::vector<timespec> deadlines;
 
 /// A name for the system's semaphores that no other process uses; removed at the end.
-class SemaphoreName {
+class SemaphoreName : private pztest::Uncopyable {
 public:
     explicit SemaphoreName(size_t length = 24) : name_("pz_sync_" + std::to_string(getpid())) {
         name_.resize(length, 'x');
     }
     ~SemaphoreName() { sem_unlink_call.Real(Path().c_str()); }
-
-    SemaphoreName(const SemaphoreName&) = delete;
-    SemaphoreName& operator=(const SemaphoreName&) = delete;
 
     const char* Get() const { return name_.c_str(); }
     std::string Path() const { return "/" + name_; }
@@ -230,6 +228,13 @@ protected:
 
     /// The messages of the error lines since the last call.
     std::vector<std::string> Messages() { return pztest::error_messages(output_.Take()); }
+
+    /// Locks in vain: a wait without a limit fails with `error` at the system call of that number.
+    void ExpectLockFails(PZSync& sync, int calls, int error) {
+        EXPECT_EQ(2U, sync.Lock(kNoTimeLimit));
+        EXPECT_EQ(calls, sem_wait_call.Calls());
+        EXPECT_EQ(error_text("create error", error), ReportOf("Lock"));
+    }
 
     /// Like Messages, for a single report of `function` about which the place is checked, too.
     std::string ReportOf(const char* function) {
@@ -669,9 +674,7 @@ TEST_F(PZSyncTest, WaitsOnThroughInterruptions) {
 TEST_F(PZSyncTest, ReportsAFailedWait) {
     PZSync sync;
     sem_wait_call.FailNext(EINVAL);
-    EXPECT_EQ(2U, sync.Lock(kNoTimeLimit));
-    EXPECT_EQ(1, sem_wait_call.Calls());
-    EXPECT_EQ(error_text("create error", EINVAL), ReportOf("Lock"));
+    ExpectLockFails(sync, 1, EINVAL);
     EXPECT_EQ(0U, try_elsewhere(sync));
 }
 
@@ -683,16 +686,13 @@ int interrupt_then_fail(sem_t*) {
 TEST_F(PZSyncTest, ReportsAWaitThatFailsAfterInterruptions) {
     PZSync sync;
     sem_wait_call.Replace(interrupt_then_fail);
-    EXPECT_EQ(2U, sync.Lock(kNoTimeLimit));
-    EXPECT_EQ(3, sem_wait_call.Calls());
-    EXPECT_EQ(error_text("create error", EINVAL), ReportOf("Lock"));
+    ExpectLockFails(sync, 3, EINVAL);
 }
 
 TEST_F(PZSyncTest, ReportsATimeOutOfAWaitWithoutALimit) {
     PZSync sync;
     sem_wait_call.FailNext(ETIMEDOUT);
-    EXPECT_EQ(2U, sync.Lock(kNoTimeLimit));
-    EXPECT_EQ(error_text("create error", ETIMEDOUT), ReportOf("Lock"));
+    ExpectLockFails(sync, 1, ETIMEDOUT);
 }
 
 TEST_F(PZSyncTest, ReportsAFailedLimitedWait) {
@@ -871,26 +871,25 @@ void lock_both(PZSync& first, PZSync& second) {
     }).join();
 }
 
-TEST_F(PZSyncTest, TellsTheThreadSanitizerOfLocksTakenInOppositeOrders) {
-    const pztest::ChildResult child = pztest::run_in_child([] {
+/// How a process ends that locks two objects twice.
+pztest::ChildResult end_of_locking_twice(bool inOppositeOrders) {
+    return pztest::run_in_child([inOppositeOrders] {
         PZSync first;
         PZSync second;
         lock_both(first, second);
-        lock_both(second, first);
+        lock_both(inOppositeOrders ? second : first, inOppositeOrders ? first : second);
         return 0;
     });
+}
+
+TEST_F(PZSyncTest, TellsTheThreadSanitizerOfLocksTakenInOppositeOrders) {
+    const pztest::ChildResult child = end_of_locking_twice(/*inOppositeOrders=*/true);
     EXPECT_EQ(1U, pztest::count_of(child.output, "WARNING: ThreadSanitizer: lock-order-inversion"))
         << child.output;
 }
 
 TEST_F(PZSyncTest, TellsTheThreadSanitizerOfLocksTakenInOneOrder) {
-    const pztest::ChildResult child = pztest::run_in_child([] {
-        PZSync first;
-        PZSync second;
-        lock_both(first, second);
-        lock_both(first, second);
-        return 0;
-    });
+    const pztest::ChildResult child = end_of_locking_twice(/*inOppositeOrders=*/false);
     EXPECT_EQ("", child.output);
     EXPECT_EQ(0, child.status);
 }

@@ -91,6 +91,13 @@ protected:
 
     ~PZThreadMngTest() override { PZSingletonFinalizer::finalize(); }
 
+    void RegisterSelfAndOther(int status) {
+        const PZThreadMng::ThreadInfo self = {pthread_self(), 251, "self", 5, 6, 7, status};
+        const PZThreadMng::ThreadInfo other = {1, 251, "other", 8, 9, 10, status};
+        manager.registerThreadInfo(self);
+        manager.registerThreadInfo(other);
+    }
+
     std::string Label(unsigned long handle) {
         char label[256];
         std::memset(label, '?', sizeof label);
@@ -471,10 +478,7 @@ TEST_F(PZThreadMngTest, ThrowsWithoutMemoryForTheListAndReleasesTheLock) {
 // Waiting and running.
 
 TEST_F(PZThreadMngTest, NotifyToWaitingMarksTheCallingThreadAndClearsItsTimes) {
-    const PZThreadMng::ThreadInfo self = {pthread_self(), 251, "self", 5, 6, 7, 1};
-    const PZThreadMng::ThreadInfo other = {1, 251, "other", 8, 9, 10, 1};
-    manager.registerThreadInfo(self);
-    manager.registerThreadInfo(other);
+    RegisterSelfAndOther(/*status=*/1);
     manager.notifyToWaiting();
     EXPECT_EQ(Handles{1}, Active());
     EXPECT_EQ(
@@ -484,10 +488,7 @@ TEST_F(PZThreadMngTest, NotifyToWaitingMarksTheCallingThreadAndClearsItsTimes) {
 }
 
 TEST_F(PZThreadMngTest, NotifyToRunningMarksTheCallingThreadAndKeepsItsTimes) {
-    const PZThreadMng::ThreadInfo self = {pthread_self(), 251, "self", 5, 6, 7, 0};
-    const PZThreadMng::ThreadInfo other = {1, 251, "other", 8, 9, 10, 0};
-    manager.registerThreadInfo(self);
-    manager.registerThreadInfo(other);
+    RegisterSelfAndOther(/*status=*/0);
     manager.notifyToRunning();
     EXPECT_EQ(Handles{pthread_self()}, Active());
     EXPECT_EQ(

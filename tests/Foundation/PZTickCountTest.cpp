@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ClockReadBy.h"
 #include "support/ManualTick.h"
 
 using pztest::ManualTick;
@@ -14,13 +15,6 @@ namespace {
 
 constexpr unsigned long long kAllBits = 0xFFFFFFFFFFFFFFFFULL;
 constexpr long long kWrapMs = 0x100000000LL;  // 49.7 days
-
-clockid_t asked_clock = -1;
-
-int remember_clock(clockid_t clock, timespec* now) {
-    asked_clock = clock;
-    return pztest::clock_gettime_call.Real(clock, now);
-}
 
 class PZTickCountTest : public testing::Test {
 protected:
@@ -138,14 +132,7 @@ TEST_F(PZTickCountTest, TellsBothTimesAlikeToWithinAMillisecond) {
 }
 
 TEST_F(PZTickCountTest, ReadsTheMonotonicClock) {
-    pztest::clock_gettime_call.Replace(remember_clock);
-    asked_clock = -1;
-    tick.GetTime();
-    EXPECT_EQ(CLOCK_MONOTONIC, asked_clock);
-    asked_clock = -1;
-    tick.GetPerformanceCount();
-    EXPECT_EQ(CLOCK_MONOTONIC, asked_clock);
-    asked_clock = -1;
-    tick.GetPerformanceTime();
-    EXPECT_EQ(CLOCK_MONOTONIC, asked_clock);
+    EXPECT_EQ(CLOCK_MONOTONIC, pztest::clock_read_by([this] { tick.GetTime(); }));
+    EXPECT_EQ(CLOCK_MONOTONIC, pztest::clock_read_by([this] { tick.GetPerformanceCount(); }));
+    EXPECT_EQ(CLOCK_MONOTONIC, pztest::clock_read_by([this] { tick.GetPerformanceTime(); }));
 }

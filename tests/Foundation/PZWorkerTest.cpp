@@ -119,6 +119,14 @@ protected:
         unit.Forget();
     }
 
+    /// Starts the worker and holds it at the gate.
+    void StartAndHold() {
+        unit.OnMessage(1, [this](const auto&) { gate.Pass(); });
+        ASSERT_EQ(0, worker.Start("worker"));
+        ASSERT_EQ(0U, Post(1));
+        ASSERT_TRUE(gate.WaitForArrival());
+    }
+
     Gate gate;
     RecordingDispatcher unit;
     PZWorker worker{1, kWatchTimeMs, kWorkerNo};
@@ -212,10 +220,7 @@ TEST_F(PZWorkerTest, EndUnregistersTheThread) {
 }
 
 TEST_F(PZWorkerTest, GivesItsNumberToTheBox) {
-    unit.OnMessage(1, [this](const auto&) { gate.Pass(); });
-    ASSERT_EQ(0, worker.Start("worker"));
-    ASSERT_EQ(0U, Post(1));
-    ASSERT_TRUE(gate.WaitForArrival());
+    StartAndHold();
     for (int i = 0; i < 256; ++i) ASSERT_EQ(0U, Post(2));
     StdoutCapture capture;
     EXPECT_EQ(3U, Post(2));
@@ -223,10 +228,7 @@ TEST_F(PZWorkerTest, GivesItsNumberToTheBox) {
 }
 
 TEST_F(PZWorkerTest, EndReturnsWhenEverythingThatWasPostedIsServed) {
-    unit.OnMessage(1, [this](const auto&) { gate.Pass(); });
-    ASSERT_EQ(0, worker.Start("worker"));
-    ASSERT_EQ(0U, Post(1));
-    ASSERT_TRUE(gate.WaitForArrival());
+    StartAndHold();
     for (int i = 0; i < 200; ++i) ASSERT_EQ(0U, Post(2));
     for (unsigned int i = 0; i < 100; ++i) {
         ASSERT_EQ(0U, worker.GetMsgBox()->SetEvent(i, id));
@@ -239,10 +241,7 @@ TEST_F(PZWorkerTest, EndReturnsWhenEverythingThatWasPostedIsServed) {
 }
 
 TEST_F(PZWorkerTest, EndDoesNotUseItsTimeLimit) {
-    unit.OnMessage(1, [this](const auto&) { gate.Pass(); });
-    ASSERT_EQ(0, worker.Start("worker"));
-    ASSERT_EQ(0U, Post(1));
-    ASSERT_TRUE(gate.WaitForArrival());
+    StartAndHold();
     std::atomic<bool> ended{false};
     std::thread ender([&] {
         worker.End(1);

@@ -27,11 +27,21 @@
 //     static constexpr char kFile[];          // ... this source
 //     static constexpr int kDescriptors;      // that one of them has
 //     static Loop::EN_RESULT Wait(Loop&);     // without limit
-//     static void Reset();                    // of everything below
-//     static int WaitsBegun();                // since then
-//     static void FailNextWait(int error);
-//     static void FailNextSignals(int error, int times);
-//     static int SystemCalls();               // of the waits and the signals
+//
+// and has the interposed system calls by which it waits and is woken as its base LoopCalls.
+
+template <auto& wait, auto& signal>
+struct LoopCalls {
+    /// Of everything below.
+    static void Reset() {
+        wait.Reset();
+        signal.Reset();
+    }
+    static int WaitsBegun() { return wait.Calls(); }
+    static void FailNextWait(int error) { wait.FailNext(error); }
+    static void FailNextSignals(int error, int times) { signal.FailNext(error, times); }
+    static int SystemCalls() { return wait.Calls() + signal.Calls(); }
+};
 
 /// Whether SIGPIPE is ignored.
 inline bool ignores_sigpipe() {

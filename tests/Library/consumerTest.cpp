@@ -95,26 +95,39 @@ void build_with_pkg_config(const TempDir& dir, const std::string& prefix,
 #endif
 }
 
-/// The shared library of this build, installed into a folder of its own.
-class sharedConsumerTest : public testing::Test {
+/// The library, installed into a folder of its own.
+class consumerTest : public testing::Test {
 protected:
-    void SetUp() override { install(PZ_BUILD, prefix()); }
     std::string prefix() const { return dir.File("prefix"); }
     std::string libraries() const { return prefix() + "/" PZ_LIBDIR; }
 
+    void ExpectCMakeFindsTheLibrary(bool shared) const {
+        build_with_cmake(PZ_CONSUMERS, dir.File("build"), "-DCMAKE_PREFIX_PATH=" + prefix());
+        expect_consumers_work(dir.File("build"), shared);
+    }
+
+    void ExpectPkgConfigFindsTheLibrary(bool shared) const {
+        build_with_pkg_config(dir, prefix(), shared ? "" : "--static");
+        expect_consumers_work(dir.Path(), shared);
+    }
+
     const TempDir dir;
+};
+
+/// The shared library of this build.
+class sharedConsumerTest : public consumerTest {
+protected:
+    void SetUp() override { install(PZ_BUILD, prefix()); }
 };
 
 }  // namespace
 
 TEST_F(sharedConsumerTest, FindsTheLibraryWithCMake) {
-    build_with_cmake(PZ_CONSUMERS, dir.File("build"), "-DCMAKE_PREFIX_PATH=" + prefix());
-    expect_consumers_work(dir.File("build"), true);
+    ExpectCMakeFindsTheLibrary(true);
 }
 
 TEST_F(sharedConsumerTest, FindsTheLibraryWithPkgConfig) {
-    build_with_pkg_config(dir, prefix(), "");
-    expect_consumers_work(dir.Path(), true);
+    ExpectPkgConfigFindsTheLibrary(true);
 }
 
 TEST_F(sharedConsumerTest, IsRefusedAnotherInterfaceVersion) {
@@ -147,27 +160,22 @@ TEST_F(sharedConsumerTest, IsGivenTheLibraryUnderItsThreeNames) {
     }
 }
 
-/// The static library, built beside this build and installed into a folder of its own.
-class staticConsumerTest : public testing::Test {
+/// The static library, built beside this build.
+class staticConsumerTest : public consumerTest {
 protected:
     void SetUp() override {
         build_with_cmake(PZ_ROOT, kept_folder("static"),
                          std::string("-DBUILD_SHARED_LIBS=OFF") + kOnlyTheLibrary);
         install(kept_folder("static"), prefix());
     }
-    std::string prefix() const { return dir.File("prefix"); }
-
-    const TempDir dir;
 };
 
 TEST_F(staticConsumerTest, FindsTheLibraryWithCMake) {
-    build_with_cmake(PZ_CONSUMERS, dir.File("build"), "-DCMAKE_PREFIX_PATH=" + prefix());
-    expect_consumers_work(dir.File("build"), false);
+    ExpectCMakeFindsTheLibrary(false);
 }
 
 TEST_F(staticConsumerTest, FindsTheLibraryWithPkgConfig) {
-    build_with_pkg_config(dir, prefix(), "--static");
-    expect_consumers_work(dir.Path(), false);
+    ExpectPkgConfigFindsTheLibrary(false);
 }
 
 TEST(sourceConsumerTest, AddsTheLibrarysFolder) {

@@ -275,11 +275,14 @@ protected:
             arguments);
     }
 
-    /// What systemd-tmpfiles makes when the package is installed, and what programs leave.
-    void Use() {
+    /// With what systemd-tmpfiles makes when the package is installed, and what programs leave.
+    void InstallAndUse() {
+        Dpkg("-i package.deb");
         Run("cd machine && mkdir -p temp/system_data Syslog && touch temp/ThreadInfo && "
             "[ -e tmp/tzfile ] || touch tmp/tzfile");
     }
+
+    void Purge() { Dpkg("--purge pzframework-common"); }
 
     bool Has(const std::string& path) const {
         return std::filesystem::exists(dir_.File("machine" + path));
@@ -291,11 +294,10 @@ protected:
 }  // namespace
 
 TEST_F(debianScriptsTest, APurgeRemovesTheFoldersThatThePackageBrought) {
-    Dpkg("-i package.deb");
-    Use();
+    InstallAndUse();
     Dpkg("--remove pzframework-common");
     EXPECT_TRUE(Has("/temp/system_data"));
-    Dpkg("--purge pzframework-common");
+    Purge();
     for (const char* const path :
          {"/temp", "/Syslog", "/tmp/tzfile", "/var/lib/pzframework-common"}) {
         EXPECT_FALSE(Has(path)) << path;
@@ -304,9 +306,8 @@ TEST_F(debianScriptsTest, APurgeRemovesTheFoldersThatThePackageBrought) {
 
 TEST_F(debianScriptsTest, APurgeLeavesWhatWasThereBefore) {
     Run("cd machine && mkdir temp Syslog && echo zone >tmp/tzfile");
-    Dpkg("-i package.deb");
-    Use();
-    Dpkg("--purge pzframework-common");
+    InstallAndUse();
+    Purge();
     EXPECT_TRUE(Has("/temp"));
     EXPECT_TRUE(Has("/Syslog"));
     EXPECT_TRUE(Has("/tmp/tzfile"));
@@ -315,21 +316,19 @@ TEST_F(debianScriptsTest, APurgeLeavesWhatWasThereBefore) {
 }
 
 TEST_F(debianScriptsTest, AnUpgradeAndASecondInstallationRememberTheFirst) {
-    Dpkg("-i package.deb");
-    Use();
+    InstallAndUse();
     Dpkg("-i package.deb");
     Dpkg("--remove pzframework-common");
     Dpkg("-i package.deb");
-    Dpkg("--purge pzframework-common");
+    Purge();
     EXPECT_FALSE(Has("/temp"));
     EXPECT_FALSE(Has("/Syslog"));
 }
 
 TEST_F(debianScriptsTest, APurgeLeavesFoldersThatHoldSomething) {
-    Dpkg("-i package.deb");
-    Use();
+    InstallAndUse();
     Run("touch machine/Syslog/app_0.txt");
-    Dpkg("--purge pzframework-common");
+    Purge();
     EXPECT_TRUE(Has("/Syslog/app_0.txt"));
     EXPECT_FALSE(Has("/temp"));
 }

@@ -39,6 +39,7 @@
 #include <Framework/Wrapper/pz_stdlib.h>
 
 #include "support/ChildProcess.h"
+#include "support/CountingObserver.h"
 #include "support/FakeSyslog.h"
 #include "support/FewDescriptors.h"
 #include "support/GuardFiles.h"
@@ -520,15 +521,6 @@ private:
         return pztest::wait_until(condition, std::chrono::seconds(20));
     }
 
-    class Received : public PZObserver_ {
-    public:
-        unsigned int OnNotify(unsigned int /*id*/, void* /*data*/, unsigned int /*size*/) override {
-            ++calls;
-            return 0;
-        }
-        std::atomic<int> calls{0};
-    };
-
     class Fired : public PZLTimerBase {
     public:
         int OnTimer(PZLTimerSubMng::_TimerInfo* /*info*/) override {
@@ -564,7 +556,7 @@ private:
     const pztest::TempDir dir_;
     const pztest::QueueName name_;
     const pztest::GuardFiles files_;
-    Received received_;
+    pztest::CountingObserver received_;
     Fired timer_;
     Posted posted_;
     PZWorker worker_{1, 4000, 1};

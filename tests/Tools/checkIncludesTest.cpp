@@ -33,6 +33,11 @@ protected:
         write_file(Root() + "/src/Framework/" + name, text);
     }
     pztest::CommandResult Check() { return run_command(kScript + " --root " + Root() + " 2>&1"); }
+    void ExpectComplaint(const std::string& line) {
+        const auto result = Check();
+        EXPECT_EQ(1, result.status);
+        EXPECT_EQ(line + "\n", result.output);
+    }
     const std::string& Root() const { return folder_.Path(); }
 
 private:
@@ -59,34 +64,24 @@ TEST_F(CheckIncludesTest, AcceptsAnIncludeOfTheList) {
 
 TEST_F(CheckIncludesTest, NamesThePlaceOfAnIncludeThatIsNotAllowed) {
     Source("Lower/Base.h", "#include <string>\n#include \"Framework/Upper/Roof.h\"\n");
-    const auto result = Check();
-    EXPECT_EQ(1, result.status);
-    EXPECT_EQ(Root() + "/src/Framework/Lower/Base.h:2: Lower must not include Upper\n",
-              result.output);
+    ExpectComplaint(Root() + "/src/Framework/Lower/Base.h:2: Lower must not include Upper");
 }
 
 TEST_F(CheckIncludesTest, NamesAnAreaThatTheListDoesNotKnow) {
     std::filesystem::create_directories(Root() + "/src/Framework/Annexe");
     Source("Annexe/Shed.h", "#include <Framework/Lower/Base.h>\n");
-    const auto result = Check();
-    EXPECT_EQ(1, result.status);
-    EXPECT_EQ(Root() + "/src/Framework/Annexe/Shed.h:1: Annexe must not include Lower\n",
-              result.output);
+    ExpectComplaint(Root() + "/src/Framework/Annexe/Shed.h:1: Annexe must not include Lower");
 }
 
 TEST_F(CheckIncludesTest, NamesAnEntryThatNoSourceNeeds) {
     Source("Upper/private/Roof.cpp", "\n");
-    const auto result = Check();
-    EXPECT_EQ(1, result.status);
-    EXPECT_EQ("nothing in Upper includes Lower: take it off the list\n", result.output);
+    ExpectComplaint("nothing in Upper includes Lower: take it off the list");
 }
 
 TEST_F(CheckIncludesTest, AsksForTheReasonOfAnIncludeFromAbove) {
     List("Lower: Upper\nUpper: Lower\n");
     Source("Lower/Base.h", "#include <Framework/Upper/Roof.h>\n");
-    const auto result = Check();
-    EXPECT_EQ(1, result.status);
-    EXPECT_EQ("Lower includes Upper, which is above it, without a reason\n", result.output);
+    ExpectComplaint("Lower includes Upper, which is above it, without a reason");
 
     List("Lower:\n  Upper - the roof keeps the rain out\nUpper: Lower\n");
     EXPECT_EQ(0, Check().status);

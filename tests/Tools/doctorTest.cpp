@@ -40,13 +40,7 @@ PZ_INTERPOSE(statfs64, 2);
 PZ_INTERPOSE(statvfs64, 2);
 
 using pztest::CommandResult;
-using pztest::JsonValue;
-using pztest::read_file;
-using pztest::read_json;
 using pztest::run_command;
-using pztest::TempDir;
-using pztest::wait_until;
-using pztest::write_file;
 
 namespace {
 
@@ -128,8 +122,15 @@ protected:
     /// Makes the folder as well; takes the place of what is there.
     void File(const std::string& path, const std::string& content = "", mode_t mode = 0644) const {
         MakeWay(path);
-        write_file(Root() + path, content);
+        pztest::write_file(Root() + path, content);
         chmod((Root() + path).c_str(), mode);
+    }
+
+    void QueueLimits(const std::string& messages, const std::string& bytes,
+                     const std::string& queues) const {
+        File("/proc/sys/fs/mqueue/msg_max", messages + "\n");
+        File("/proc/sys/fs/mqueue/msgsize_max", bytes + "\n");
+        File("/proc/sys/fs/mqueue/queues_max", queues + "\n");
     }
 
     void Link(const std::string& path, const std::string& target) const {
@@ -172,9 +173,7 @@ protected:
         File("/proc/self/status", "Name:\tx\nCapEff:\t0000000002280000\nSeccomp:\t0\n");
         File("/proc/self/stat", stat_line(4));
         File("/proc/self/environ", std::string("HOME=/\0LTZ=UTC\0TZDIR=/x\0", 24));
-        File("/proc/sys/fs/mqueue/msg_max", "256\n");
-        File("/proc/sys/fs/mqueue/msgsize_max", "8192\n");
-        File("/proc/sys/fs/mqueue/queues_max", "256\n");
+        QueueLimits("256", "8192", "256");
         File("/proc/sys/kernel/shmmni", "4096\n");
         File("/proc/self/mounts", "nodev /sys/kernel/tracing tracefs rw,relatime 0 0\n");
         File("/sys/kernel/tracing/uprobe_events");
@@ -205,7 +204,7 @@ private:
         std::filesystem::remove_all(place);
     }
 
-    const TempDir dir_;
+    const pztest::TempDir dir_;
 };
 
 /// The finding of one check, made in the test itself.
@@ -266,14 +265,12 @@ TEST_F(doctorTest, FindsWrongKindsLowLimitsAndLeftoversRed) {
     File("/proc/self/status", "CapEff:\t0000000001000000\n");
     File("/proc/self/stat", stat_line(5));
     File("/proc/self/environ", std::string("HOME=/\0TZ=UTC\0", 14));
-    File("/proc/sys/fs/mqueue/msg_max", "10\n");
-    File("/proc/sys/fs/mqueue/msgsize_max", "1023\n");
-    File("/proc/sys/fs/mqueue/queues_max", "2\n");
+    QueueLimits("10", "1023", "2");
     File("/proc/sys/kernel/shmmni", "7\n");
     File("/proc/sys/kernel/yama/ptrace_scope", "1\n");
     File("/proc/101/maps");
     Remove("/proc/101/fd/3");
-    File("/proc/sysvipc/shm", read_file(Root() + "/proc/sysvipc/shm") +
+    File("/proc/sysvipc/shm", pztest::read_file(Root() + "/proc/sysvipc/shm") +
                                   segment_row(16792, 13, 01666, 40, 900, 0) +
                                   segment_row(16793, 14, 0666, 1, 900, 0));
     const CommandResult doctor = Doctor();
@@ -294,41 +291,32 @@ TEST_F(doctorTest, ShowsLimitsBelowTheRecommendedAsYellow) {
 
 TEST_F(doctorTest, TheColourChangesExactlyAtTheLimit) {
     GoodMachine();
-    const auto status = [this](const std::string& check) {
-        const std::string table = Doctor(check).output;
-        const size_t row = table.find("\n\n") + 2;
-        return table.substr(row, table.find(' ', row) - row);
+    const auto expectAll = [this](const std::string& colour,
+                                  const std::vector<std::string>& checks) {
+        for (const std::string& check : checks) {
+            const std::string table = Doctor(check).output;
+            const size_t row = table.find("\n\n") + 2;
+            EXPECT_EQ(colour, table.substr(row, table.find(' ', row) - row)) << check;
+        }
     };
     File("/proc/self/limits", limits("1024", "256", "unlimited", "39"));
-    File("/proc/sys/fs/mqueue/msg_max", "64\n");
-    File("/proc/sys/fs/mqueue/msgsize_max", "1024\n");
-    File("/proc/sys/fs/mqueue/queues_max", "18\n");
+    QueueLimits("64", "1024", "18");
     File("/proc/sys/kernel/shmmni", "9\n");
-    EXPECT_EQ("green", status("descriptors"));
-    EXPECT_EQ("green", status("threads"));
-    EXPECT_EQ("green", status("queue-bytes"));
-    EXPECT_EQ("yellow", status("nice-limit"));
-    EXPECT_EQ("yellow", status("queue-messages"));
-    EXPECT_EQ("green", status("queue-message-size"));
-    EXPECT_EQ("green", status("queue-count"));
-    EXPECT_EQ("green", status("segment-count"));
+    expectAll("green", {"descriptors", "threads", "queue-bytes", "queue-message-size",
+                        "queue-count", "segment-count"});
+    expectAll("yellow", {"nice-limit", "queue-messages"});
 
     File("/proc/self/limits", limits("256", "64", "0", "0"));
     File("/proc/sys/fs/mqueue/msg_max", "63\n");
     File("/proc/sys/kernel/shmmni", "8\n");
-    EXPECT_EQ("yellow", status("descriptors"));
-    EXPECT_EQ("yellow", status("threads"));
-    EXPECT_EQ("red", status("queue-bytes"));
-    EXPECT_EQ("red", status("nice-limit"));
-    EXPECT_EQ("red", status("queue-messages"));
-    EXPECT_EQ("red", status("segment-count"));
+    expectAll("yellow", {"descriptors", "threads"});
+    expectAll("red", {"queue-bytes", "nice-limit", "queue-messages", "segment-count"});
 
     File("/proc/self/limits", limits("255", "63", "0", "unlimited"));
-    EXPECT_EQ("red", status("descriptors"));
-    EXPECT_EQ("red", status("threads"));
-    EXPECT_EQ("green", status("nice-limit"));
+    expectAll("red", {"descriptors", "threads"});
+    expectAll("green", {"nice-limit"});
     Remove("/dev/mqueue");
-    EXPECT_EQ("green", status("queue-count"));
+    expectAll("green", {"queue-count"});
 }
 
 TEST_F(doctorTest, FindsAFullFileSystemOfLogsRed) {
@@ -456,7 +444,7 @@ TEST_F(doctorTest, QuotesNamesInItsRepairsAndKeepsThemFromTheTerminal) {
     // The shell reads the word as the name.
     const size_t word = output.find("$'");
     const std::string script = Root() + "/script";
-    write_file(script, "printf %s " + output.substr(word, output.find('\n', word) - word));
+    pztest::write_file(script, "printf %s " + output.substr(word, output.find('\n', word) - word));
     EXPECT_EQ(file, run_command("bash " + script).output);
 }
 
@@ -481,7 +469,7 @@ TEST_F(doctorTest, ItsZoneSourceRepairsTheOffsets) {
 
     // A compiled file ends with its rule, whose sign is the inverse one.
     const auto rule = [this](const std::string& name) {
-        const std::string file = read_file(Root() + "/usr/share/zoneinfo/Etc/" + name);
+        const std::string file = pztest::read_file(Root() + "/usr/share/zoneinfo/Etc/" + name);
         const size_t start = file.rfind('\n', file.size() - 2);
         return file.substr(start + 1, file.size() - start - 2);
     };
@@ -515,7 +503,7 @@ TEST_F(doctorTest, ItsRepairsOfFilesMakeTheChecksGreen) {
         "temp-folder system-data-folder syslog-folder tmp-folder zone-file date-program "
         "rtc-device queue-leftovers semaphore-leftovers";
     const auto repair = [&] {
-        const auto json = read_json(Doctor("--json " + files).output);
+        const auto json = pztest::read_json(Doctor("--json " + files).output);
         ASSERT_TRUE(json);
         for (const auto& member : json->At("checks").members) {
             std::string command = member.second.At("repair").text;
@@ -526,7 +514,7 @@ TEST_F(doctorTest, ItsRepairsOfFilesMakeTheChecksGreen) {
         }
     };
     const auto colours = [&](Status status) {
-        return read_json(Doctor("--json " + files).output)->At(status_name(status)).number;
+        return pztest::read_json(Doctor("--json " + files).output)->At(status_name(status)).number;
     };
     GoodMachine();
     File("/usr/share/zoneinfo/Etc/UTC", "TZif2");
@@ -575,13 +563,13 @@ TEST_F(doctorTest, WritesTheSameAsJson) {
 
 TEST_F(doctorTest, EscapesWhatJsonDoesNotTake) {
     Link("/etc/localtime", "/a\"b\\c");
-    const auto json = read_json(Doctor("--json local-zone").output);
+    const auto json = pztest::read_json(Doctor("--json local-zone").output);
     ASSERT_TRUE(json);
     EXPECT_EQ("/etc/localtime leads to /a\"b\\c",
               json->At("checks").members[0].second.At("found").text);
 
     const Report report = {"1", "/caf\xc3\xa9\n", {}};
-    const auto other = read_json(json_text(report));
+    const auto other = pztest::read_json(json_text(report));
     ASSERT_TRUE(other);
     EXPECT_EQ("/caf\xc3\xa9\n", other->At("root").text);
 }
@@ -596,7 +584,7 @@ TEST_F(doctorTest, ListsEveryCheckWithItsReason) {
 }
 
 TEST_F(doctorTest, ItsManualDescribesEveryCheckAndOption) {
-    std::string manual = read_file(PZ_ROOT "/tools/doctor/pz-doctor.1");
+    std::string manual = pztest::read_file(PZ_ROOT "/tools/doctor/pz-doctor.1");
     manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
     for (const std::string& name : all_names()) {
         EXPECT_NE(std::string::npos, manual.find("\n.TP\n.B " + name + "\n")) << name;
@@ -731,7 +719,7 @@ TEST(doctorLiveTest, AsksRootForWhatAnOrdinaryUserMayNotDo) {
 
 TEST(doctorLiveTest, EndsWithTheNumberOfRedsOfThisMachine) {
     const CommandResult doctor = run_doctor("--json");
-    const auto json = read_json(doctor.output);
+    const auto json = pztest::read_json(doctor.output);
     ASSERT_TRUE(json) << doctor.output;
     EXPECT_EQ("", json->At("root").text);
     EXPECT_EQ(33U, json->At("checks").members.size());
@@ -739,7 +727,7 @@ TEST(doctorLiveTest, EndsWithTheNumberOfRedsOfThisMachine) {
     EXPECT_EQ(33, json->At("green").number + json->At("yellow").number + json->At("red").number +
                       json->At("skipped").number);
     for (const auto& member : json->At("checks").members) {
-        const JsonValue& check = member.second;
+        const pztest::JsonValue& check = member.second;
         const std::string& status = check.At("status").text;
         const bool broken = status == "yellow" || status == "red";
         EXPECT_NE("", check.At("name").text);
@@ -858,10 +846,11 @@ TEST(doctorLiveTest, FrameworkTakes15DescriptorsBesideTheLogAndAWorker3) {
     const pztest::ChildResult child = pztest::run_in_child([] {
         const long before = descriptors_but_sockets();
         if (pz_FwInitialize("doctor", 1) == 0) return 1;
-        if (!wait_until([=] { return descriptors_but_sockets() == before + 15; })) return 2;
+        if (!pztest::wait_until([=] { return descriptors_but_sockets() == before + 15; })) return 2;
         PZWorker worker(1, 4000, 1);
         worker.Start("worker");
-        if (!wait_until([=] { return descriptors_but_sockets() == before + 15 + 3; })) return 3;
+        const auto all = before + 15 + 3;
+        if (!pztest::wait_until([=] { return descriptors_but_sockets() == all; })) return 3;
         worker.End(0);
         pz_FwFinalize();
         return 0;

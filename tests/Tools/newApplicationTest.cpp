@@ -11,7 +11,6 @@
 // with the commands that the script prints, tested, run, ended by SIGTERM, and packaged.
 
 using pztest::CommandResult;
-using pztest::lines_of;
 using pztest::read_file;
 using pztest::run_command;
 using pztest::TempDir;
@@ -103,7 +102,7 @@ TEST(newApplicationScriptTest, LeavesNoNameOfTheTemplate) {
     const CommandResult result = run_command("DEBFULLNAME='A & B' DEBEMAIL=ab@example.org " +
                                              std::string(kScript) + "radio " + dir.File("new"));
     ASSERT_EQ(0, result.status);
-    EXPECT_EQ(3U, lines_of(result.output).size()) << result.output;
+    EXPECT_EQ(3U, pztest::lines_of(result.output).size()) << result.output;
     EXPECT_EQ("", run_command("grep -r -e pz-template -e 'Your Name' " + dir.File("new")).output);
     EXPECT_EQ("",
               run_command("find " + dir.Path() + " -name '*pz-template*' -o -name '.new*'").output);
@@ -113,7 +112,7 @@ TEST(newApplicationScriptTest, LeavesNoNameOfTheTemplate) {
 }
 
 TEST_F(newApplicationTest, ItsNextCommandsConfigureBuildAndRunIt) {
-    const std::vector<std::string> commands = lines_of(made.output);
+    const std::vector<std::string> commands = pztest::lines_of(made.output);
     ASSERT_EQ(3U, commands.size());
     Succeed(commands[0]);
     Succeed(commands[1]);
@@ -129,7 +128,7 @@ TEST_F(newApplicationTest, ItsNextCommandsConfigureBuildAndRunIt) {
         "kill -TERM $pid; wait $pid");
     EXPECT_FALSE(contains(output, "[error]")) << output;
     EXPECT_TRUE(contains(read_file(dir.File("run/status")), " polls\n"));
-    const std::vector<std::string> log = lines_of(read_file(dir.File("run/my-radio.log")));
+    const std::vector<std::string> log = pztest::lines_of(read_file(dir.File("run/my-radio.log")));
     ASSERT_EQ(2U, log.size());
     EXPECT_TRUE(contains(log[0], " started, polls every 20 ms"));
     EXPECT_TRUE(contains(log[1], " ends after "));

@@ -367,12 +367,18 @@ TEST(topViewTest, CountsRatesAcrossTheWrapAndOnlyInOneProcess) {
     EXPECT_FALSE(view_of(&before, now).threads[0].perSecond) << "another process of that number";
 }
 
-TEST(topViewTest, AHandlerHangsWhenItRunsLongerThanTheWatchTime) {
+/// A process whose only thread, 6 in its own container, is a worker with a watch time of 500 ms.
+Reading reading_of_a_worker(uint32_t task, const char* name) {
     Reading now;
-    now.tasks = {{6, 6, "worker", 'S', 0, 0}};
-    now.inspection.threads = {{6, 1, "worker", 251, 500}};
+    now.tasks = {{task, 6, "worker", 'S', 0, 0}};
+    now.inspection.threads = {{6, 1, name, 251, 500}};
     now.inspection.boxes.resize(1);
     now.inspection.boxes[0].tid = 6;
+    return now;
+}
+
+TEST(topViewTest, AHandlerHangsWhenItRunsLongerThanTheWatchTime) {
+    Reading now = reading_of_a_worker(6, "worker");
     now.inspection.boxes[0].now = {Activity::Running, 1, 1, false, 500};
     EXPECT_FALSE(view_of(nullptr, now).threads[0].hangs);
     now.inspection.boxes[0].now.forMs = 501;
@@ -382,11 +388,7 @@ TEST(topViewTest, AHandlerHangsWhenItRunsLongerThanTheWatchTime) {
 }
 
 TEST(topViewTest, KnowsTheThreadsOfAContainerByTheirInnerNumbers) {
-    Reading now;
-    now.tasks = {{1006, 6, "worker", 'S', 0, 0}};
-    now.inspection.threads = {{6, 1, "audio", 251, 500}};
-    now.inspection.boxes.resize(1);
-    now.inspection.boxes[0].tid = 6;
+    const Reading now = reading_of_a_worker(1006, "audio");
     const ProcessView view = view_of(nullptr, now);
     ASSERT_EQ(1U, view.threads.size());
     EXPECT_EQ(1006U, view.threads[0].tid);

@@ -25,6 +25,7 @@
 #include "support/JsonReader.h"
 #include "support/RunCommand.h"
 #include "support/TempDir.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 // pz-top, looking at live processes.
@@ -36,7 +37,7 @@ using pztest::JsonValue;
 constexpr char kTop[] = "'" PZ_TOP "' ";
 
 /// A pipe whose ends close with it, and that no program started meanwhile gets.
-class Pipe {
+class Pipe : private pztest::Uncopyable {
 public:
     Pipe() {
         if (pipe2(ends_, O_CLOEXEC) != 0) std::abort();
@@ -45,9 +46,6 @@ public:
         Close(0);
         Close(1);
     }
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
     int ReadEnd() const { return ends_[0]; }
     int WriteEnd() const { return ends_[1]; }
     void CloseReadEnd() { Close(0); }
@@ -636,7 +634,7 @@ TEST(topTest, LooksAtTheLibraryThatIsUsedWhenThereAreTwo) {
 namespace {
 
 /// pz-top on a terminal of its own; with its input from somewhere else on request.
-class Screen {
+class Screen : private pztest::Uncopyable {
 public:
     explicit Screen(const std::string& target, const winsize& size = {40, 150, 0, 0},
                     const char* term = "xterm", const char* input = nullptr) {
@@ -657,9 +655,6 @@ public:
         close(terminal_);
         process_.reset();
     }
-    Screen(const Screen&) = delete;
-    Screen& operator=(const Screen&) = delete;
-
     void Resize(const winsize& size) const { EXPECT_EQ(0, ioctl(terminal_, TIOCSWINSZ, &size)); }
     void Press(char key) const { EXPECT_EQ(1, write(terminal_, &key, 1)); }
     void StandStill() const { process_->Stop(); }

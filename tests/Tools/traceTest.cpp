@@ -387,11 +387,7 @@ TEST(traceTest, RefusesWrongUsageWithStatus2) {
                                             "svg --to x y",
                                             "record -t 0 -- a",
                                             "record -t 0.0 -p 1"};
-    const std::vector<std::string> refused = pztest::usage_of(PZ_TRACE, wrong);
-    ASSERT_EQ(wrong.size(), refused.size());
-    for (size_t i = 0; i < wrong.size(); ++i) {
-        EXPECT_EQ(0U, refused[i].find("2 pz-trace: ")) << wrong[i] << ": " << refused[i];
-    }
+    pztest::expect_refused(PZ_TRACE, "pz-trace", wrong);
     EXPECT_EQ(2, run_trace("").status);
     EXPECT_EQ(0, run_trace("--help").status);
     EXPECT_EQ("pz-trace " PZ_VERSION "\n", run_trace("--version").output);

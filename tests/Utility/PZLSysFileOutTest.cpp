@@ -19,6 +19,7 @@
 #include <Framework/Foundation/PZClock.h>
 
 #include "support/ChildProcess.h"
+#include "support/FullDisk.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
 #include "support/OpenDescriptors.h"
@@ -130,19 +131,10 @@ FILE* log_stream(int fd, const char* mode) {
 }
 /// @}
 
-/// What a disk with `space` bytes left has taken.
-struct Disk {
-    size_t space;
-    std::string taken;
-};
-Disk disk;
+pztest::FullDisk disk = {0};
 
 ssize_t write_to_disk(void* /*cookie*/, const char* data, size_t size) {
-    const size_t taken = std::min(size, disk.space);
-    disk.taken.append(data, taken);
-    disk.space -= taken;
-    if (taken == 0) errno = ENOSPC;
-    return static_cast<ssize_t>(taken);  // short, then none: 0 is a cookie's failure
+    return disk.Take(data, size);
 }
 
 FILE* open_on_disk(int fd, const char* mode) {
@@ -865,7 +857,7 @@ TEST_F(PZLSysFileOutTest, RefusesAFormatThatIsNullOrFails) {
 // A full disk
 
 TEST_F(PZLSysFileOutTest, AnswersOneWhileTheDiskIsFullAndWritesOnAfterwards) {
-    disk = {0, ""};
+    disk = {0};
     fdopen_call.Replace(&open_on_disk);
     Log log(*this, 0, 0);
     ASSERT_TRUE(log.Open());
@@ -880,7 +872,7 @@ TEST_F(PZLSysFileOutTest, AnswersOneWhileTheDiskIsFullAndWritesOnAfterwards) {
 }
 
 TEST_F(PZLSysFileOutTest, AnswersOneForSingleBytesWhileTheDiskIsFullAndWritesOnAfterwards) {
-    disk = {0, ""};
+    disk = {0};
     fdopen_call.Replace(&open_on_disk);
     Log log(*this, 0, 0);
     ASSERT_TRUE(log.Open());
@@ -897,7 +889,7 @@ TEST_F(PZLSysFileOutTest, AnswersOneForSingleBytesWhileTheDiskIsFullAndWritesOnA
 }
 
 TEST_F(PZLSysFileOutTest, AnswersOneForABlockThatIsWrittenInPart) {
-    disk = {10, ""};
+    disk = {10};
     fdopen_call.Replace(&open_on_disk);
     Log log(*this, 0, 0);
     ASSERT_TRUE(log.Open());

@@ -41,11 +41,8 @@ PZ_INTERPOSE(pthread_create, 4, EAGAIN);
 namespace {
 
 using pztest::CallbackTimer;
-using pztest::error_messages;
 using pztest::FakePriorities;
-using pztest::has_report;
 using pztest::StdoutCapture;
-using pztest::TimerInfo;
 using pztest::wait_until;
 using Handle = PZLTimerMng::TimerSubInfo;
 using Names = std::vector<std::string>;
@@ -149,7 +146,7 @@ TEST_F(PZLTimerMngTest, StartsThoughThePrioritiesAreRefused) {
     StdoutCapture output;
     pztest::setpriority_call.FailNext(EACCES, 5);
     PZLTimerMng* const fresh = PZLTimerMng::GetTimerMng();
-    EXPECT_EQ(5U, error_messages(output.Take()).size());
+    EXPECT_EQ(5U, pztest::error_messages(output.Take()).size());
     CallbackTimer timer;
     Handle* const handle = fresh->AddTimer(&timer, 0);
     ASSERT_NE(nullptr, handle);
@@ -219,7 +216,7 @@ TEST_F(PZLTimerMngTest, AddTimerFilesByThePriorityOfTheCaller) {
 TEST_F(PZLTimerMngTest, CallbacksRunOnTheThreadOfTheirBand) {
     Names names;
     std::mutex namesMutex;
-    const CallbackTimer::Callback note = [&](TimerInfo*) {
+    const CallbackTimer::Callback note = [&](pztest::TimerInfo*) {
         const std::lock_guard<std::mutex> lock(namesMutex);
         names.push_back(own_name());
         return 0;
@@ -250,7 +247,7 @@ TEST_F(PZLTimerMngTest, ATimerMayBeActiveInTwoBands) {
 
 TEST_F(PZLTimerMngTest, ACallbackThatTakesLongHoldsUpItsOwnBandOnly) {
     std::promise<void> release;
-    CallbackTimer slow([released = release.get_future().share()](TimerInfo*) {
+    CallbackTimer slow([released = release.get_future().share()](pztest::TimerInfo*) {
         released.wait();
         return 0;
     });
@@ -267,7 +264,7 @@ TEST_F(PZLTimerMngTest, AddTimerFromACallbackFilesByTheTimerThreadsOwnPriority) 
     for (const Band& band : kBands) {
         CallbackTimer next;
         std::promise<Handle*> added;
-        CallbackTimer timer([&](TimerInfo*) {
+        CallbackTimer timer([&](pztest::TimerInfo*) {
             added.set_value(manager->AddTimer(&next, kLong));
             return 0;
         });
@@ -292,8 +289,8 @@ TEST_F(PZLTimerMngTest, AddTimerOfAThreadBeyondTheLastBandIsReported) {
     CallbackTimer timer;
     EXPECT_EQ(nullptr, AddAs(5, &timer, 10));  // nice 5 is no priority of the scale
     const std::string text = output.Take();
-    EXPECT_EQ((Names{"error : nice[5]", "error"}), error_messages(text));
-    EXPECT_TRUE(has_report(text, "AddTimer", "PZLTimerMng.cpp", "error"));
+    EXPECT_EQ((Names{"error : nice[5]", "error"}), pztest::error_messages(text));
+    EXPECT_TRUE(pztest::has_report(text, "AddTimer", "PZLTimerMng.cpp", "error"));
 }
 
 TEST_F(PZLTimerMngTest, AddTimerOfAThreadOfUnknownPriorityIsReported) {
@@ -302,7 +299,7 @@ TEST_F(PZLTimerMngTest, AddTimerOfAThreadOfUnknownPriorityIsReported) {
     pztest::getpriority_call.FailNext(ESRCH);
     EXPECT_EQ(nullptr, manager->AddTimer(&timer, 10));
     EXPECT_EQ((Names{"error : errno[3 : No such process]", "error"}),
-              error_messages(output.Take()));
+              pztest::error_messages(output.Take()));
 }
 
 TEST_F(PZLTimerMngTest, AddTimerOfAnActiveTimerAnswersNullAndLeavesItAlone) {
@@ -390,9 +387,10 @@ TEST_F(PZLTimerMngTest, DestructionLeavesASubManagerThatCannotBeEndedInPlace) {
 
     EXPECT_EQ(5, joins);
     const std::string text = output.Take();
-    EXPECT_EQ(2U, error_messages(text).size());
+    EXPECT_EQ(2U, pztest::error_messages(text).size());
     EXPECT_EQ(1U, pztest::count_of(text, "pthread_join failed !! ret[3] errno["));
-    EXPECT_TRUE(has_report(text, "~PZLTimerMng", "PZLTimerMng.cpp", "failed to end timer submng"));
+    EXPECT_TRUE(
+        pztest::has_report(text, "~PZLTimerMng", "PZLTimerMng.cpp", "failed to end timer submng"));
     EXPECT_EQ(220, left->lo);
     CallbackTimer timer;
     EXPECT_EQ(1, left->sub->addTimer(&timer, kLong));
@@ -406,7 +404,7 @@ TEST_F(PZLTimerMngTest, TimersMayAddTimersUntilTheirThreadHasEnded) {
         PZLTimerMng* const fresh = PZLTimerMng::GetTimerMng();
         std::array<CallbackTimer, 64> added;
         std::atomic<unsigned int> next{0};
-        const CallbackTimer::Callback add = [&](TimerInfo* info) {
+        const CallbackTimer::Callback add = [&](pztest::TimerInfo* info) {
             info->interval = 1;
             PZLTimerMng::GetTimerMng()->AddTimer(&added[next++ % added.size()], kLong);
             return 1;
@@ -435,7 +433,7 @@ TEST_F(PZLTimerMngTest, AddTimerAnswersNullForABandThatHasNoThread) {
     pthread_create_call.FailNext(EAGAIN, 1, /*skip=*/4);
     PZLTimerMng* const fresh = PZLTimerMng::GetTimerMng();
     EXPECT_EQ((Names{"PZThread::Start() failed !! [ZLTimerSubMng_4]\r"}),
-              error_messages(output.Take()));
+              pztest::error_messages(output.Take()));
     CallbackTimer timer;
     FakePriorities::SetOwnNice(0);
     EXPECT_EQ(nullptr, fresh->AddTimer(&timer, 0));
@@ -484,7 +482,7 @@ TEST_F(PZLTimerMngTest, AddTimerAnswersNullWhenThereIsNoMemory) {
         handle = manager->AddTimer(&timer, 0);
     }
     EXPECT_EQ(nullptr, handle);
-    EXPECT_EQ(Names{"failed to allocate memory"}, error_messages(output.Take()));
+    EXPECT_EQ(Names{"failed to allocate memory"}, pztest::error_messages(output.Take()));
     handle = manager->AddTimer(&timer, 0);
     ASSERT_NE(nullptr, handle);
     EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
@@ -510,7 +508,7 @@ TEST_F(PZLTimerMngTest, ATimerNeverFiresEarly) {
 
 TEST_F(PZLTimerMngTest, NoPeriodIsShorterThanTheInterval) {
     std::vector<unsigned int> expiries;
-    CallbackTimer timer([&](TimerInfo* info) {
+    CallbackTimer timer([&](pztest::TimerInfo* info) {
         expiries.push_back(static_cast<unsigned int>(info->expiry));
         return 1;
     });
@@ -543,7 +541,7 @@ TEST_F(PZLTimerMngTest, ATimerMayBeDeletedAsSoonAsRemoveTimerHasReturned) {
 /// Repeats until it has fired twice, adding another one each time.
 class AddingTimer : public PZLTimerBase {
 public:
-    int OnTimer(TimerInfo*) override {
+    int OnTimer(pztest::TimerInfo*) override {
         if (next != nullptr && PZLTimerMng::GetTimerMng()->AddTimer(next, 1) == nullptr) ++refused;
         return ++fired < 2 ? 1 : 0;
     }
@@ -556,7 +554,7 @@ public:
 /// Fires once for each time that it is added.
 class OnceTimer : public PZLTimerBase {
 public:
-    int OnTimer(TimerInfo*) override {
+    int OnTimer(pztest::TimerInfo*) override {
         ++fired;
         return 0;
     }

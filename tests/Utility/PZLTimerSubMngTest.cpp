@@ -1,6 +1,5 @@
 #include <pthread.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +32,7 @@
 #include "support/CallbackTimer.h"
 #include "support/ChildProcess.h"
 #include "support/CountedWaits.h"
+#include "support/FewDescriptors.h"
 #include "support/FakePriorities.h"
 #include "support/Interposed.h"
 #include "support/ManualTick.h"
@@ -48,12 +48,7 @@ PZ_INTERPOSE(write, 3);
 namespace {
 
 using pztest::CallbackTimer;
-using pztest::FakePriorities;
 using pztest::has_report;
-using pztest::into_waits;
-using pztest::ManualTick;
-using pztest::ManualWait;
-using pztest::out_waits;
 using pztest::StdoutCapture;
 using pztest::Ticks;
 using pztest::TimerInfo;
@@ -84,14 +79,29 @@ bool kernel_thread_exists(id_t thread) {
     return access(("/proc/self/task/" + std::to_string(thread)).c_str(), F_OK) == 0;
 }
 
+/// The callback of a timer that fires once and keeps what it sees.
+CallbackTimer::Callback keep_in(TimerInfo& seen) {
+    return [&seen](TimerInfo* info) {
+        seen = *info;
+        return 0;
+    };
+}
+
 /// A sub-manager without a thread.
 class PZLTimerSubMngStartTest : public testing::Test {
 protected:
     void SetUp() override { pthread_join_call.Reset(); }
 
-    ManualTick tick{kStart};
-    ManualWait waits;
-    FakePriorities priorities;
+    void ExpectATimerFiresAndEnd() {
+        CallbackTimer timer;
+        EXPECT_EQ(1, sub.addTimer(&timer, 0));
+        EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+        EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    }
+
+    pztest::ManualTick tick{kStart};
+    pztest::ManualWait waits;
+    pztest::FakePriorities priorities;
     PZLTimerSubMng sub{30, kPriority};
 };
 
@@ -195,10 +205,7 @@ TEST_F(PZLTimerSubMngStartTest, StartAnswersZeroWhenThePriorityIsRefusedAndTheTh
     EXPECT_EQ(0, sub.start("timers"));
     EXPECT_TRUE(has_report(output.Take(), "SetPriority", "PZThreadMng.cpp",
                            "error : errno[1 : Operation not permitted]"));
-    CallbackTimer timer;
-    EXPECT_EQ(1, sub.addTimer(&timer, 0));
-    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
-    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    ExpectATimerFiresAndEnd();
 }
 
 TEST_F(PZLTimerSubMngStartTest, ASecondStartAnswersZeroAndLeavesTheThreadAlone) {
@@ -207,10 +214,7 @@ TEST_F(PZLTimerSubMngStartTest, ASecondStartAnswersZeroAndLeavesTheThreadAlone) 
     EXPECT_EQ(0, sub.start("others"));
     EXPECT_TRUE(has_report(output.Take(), "Start", "PZThread.h", "error [others]"));
     EXPECT_EQ(std::vector<std::string>{"timers"}, thread_names());
-    CallbackTimer timer;
-    EXPECT_EQ(1, sub.addTimer(&timer, 0));
-    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
-    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    ExpectATimerFiresAndEnd();
 }
 
 TEST_F(PZLTimerSubMngStartTest, StartAnswersOnlyWhenTheThreadHasReadTheTick) {
@@ -244,10 +248,7 @@ TEST_F(PZLTimerSubMngStartTest, AnEndedThreadCanBeStartedAgain) {
     EXPECT_EQ(1, sub.end(kIgnoredTimeout));
     EXPECT_EQ(1, sub.start("second"));
     EXPECT_EQ(std::vector<std::string>{"second"}, thread_names());
-    CallbackTimer timer;
-    EXPECT_EQ(1, sub.addTimer(&timer, 0));
-    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
-    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    ExpectATimerFiresAndEnd();
 }
 
 // End
@@ -415,10 +416,7 @@ TEST_F(PZLTimerSubMngTest, ATimerInThePlaceOfARemovedOneHasItsOwnIntervalAndExpi
 
 TEST_F(PZLTimerSubMngTest, AddingAnActiveTimerAnswersZeroAndKeepsIntervalAndExpiry) {
     TimerInfo seen = {};
-    CallbackTimer timer([&](TimerInfo* info) {
-        seen = *info;
-        return 0;
-    });
+    CallbackTimer timer(keep_in(seen));
     Add(timer, 100);
     tick.Advance(50);
     EXPECT_EQ(0, sub.addTimer(&timer, 500));
@@ -458,10 +456,7 @@ TEST_F(PZLTimerSubMngTest, ATimerDoesNotFireOneMillisecondBeforeItsIntervalIsOve
 
 TEST_F(PZLTimerSubMngTest, TheCallbackSeesIntervalAndExpiry) {
     TimerInfo seen = {};
-    CallbackTimer timer([&](TimerInfo* info) {
-        seen = *info;
-        return 0;
-    });
+    CallbackTimer timer(keep_in(seen));
     Add(timer, 100);
     AdvanceToCheck(107);
     EXPECT_EQ(100U, seen.interval);
@@ -685,15 +680,15 @@ TEST_F(PZLTimerSubMngTest, AFailedWaitIsAnAssertionAndTheThreadWaitsAgainForTheS
 }
 
 TEST_F(PZLTimerSubMngTest, TellsTheWatchdogOfEachWait) {
-    EXPECT_EQ(1, into_waits);
-    EXPECT_EQ(0, out_waits);
+    EXPECT_EQ(1, pztest::into_waits);
+    EXPECT_EQ(0, pztest::out_waits);
     CallbackTimer timer;
     Add(timer, 100);
-    EXPECT_EQ(2, into_waits);
-    EXPECT_EQ(1, out_waits);
+    EXPECT_EQ(2, pztest::into_waits);
+    EXPECT_EQ(1, pztest::out_waits);
     AdvanceToCheck(100);
-    EXPECT_EQ(3, into_waits);
-    EXPECT_EQ(2, out_waits);
+    EXPECT_EQ(3, pztest::into_waits);
+    EXPECT_EQ(2, pztest::out_waits);
 }
 
 // The wrap of the tick
@@ -982,42 +977,44 @@ TEST_F(PZLTimerSubMngTest, AnExceptionFromACallbackEndsTheThreadAndFreesTheLock)
 
 // Several threads
 
-TEST_F(PZLTimerSubMngTest, RemovingATimerWaitsForItsRunningCallback) {
+/// A timer whose callback waits until it is released.
+struct HeldTimer {
+    explicit HeldTimer(int result)
+        : timer([this, result, released = release.get_future().share()](TimerInfo*) {
+              released.wait();
+              returned = true;
+              return result;
+          }) {}
+
     std::promise<void> release;
     std::atomic<bool> returned{false};
-    CallbackTimer timer([&, released = release.get_future().share()](TimerInfo*) {
-        released.wait();
-        returned = true;
-        return 1;
-    });
-    EXPECT_EQ(1, sub.addTimer(&timer, 0));
-    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    CallbackTimer timer;
+};
+
+TEST_F(PZLTimerSubMngTest, RemovingATimerWaitsForItsRunningCallback) {
+    HeldTimer held(1);
+    EXPECT_EQ(1, sub.addTimer(&held.timer, 0));
+    EXPECT_TRUE(wait_until([&] { return held.timer.Fired() == 1; }));
 
     int removed = -1;
     bool returnedBefore = false;
     std::promise<void> goesIn;
     std::thread remover([&] {
         goesIn.set_value();
-        removed = sub.removeTimer(&timer);
-        returnedBefore = returned;
+        removed = sub.removeTimer(&held.timer);
+        returnedBefore = held.returned;
     });
     goesIn.get_future().wait();
-    release.set_value();
+    held.release.set_value();
     remover.join();
     EXPECT_EQ(1, removed);
     EXPECT_TRUE(returnedBefore);
 }
 
 TEST_F(PZLTimerSubMngTest, AddingAndQueryingWaitForARunningCallback) {
-    std::promise<void> release;
-    std::atomic<bool> returned{false};
-    CallbackTimer timer([&, released = release.get_future().share()](TimerInfo*) {
-        released.wait();
-        returned = true;
-        return 0;
-    });
-    EXPECT_EQ(1, sub.addTimer(&timer, 0));
-    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
+    HeldTimer held(0);
+    EXPECT_EQ(1, sub.addTimer(&held.timer, 0));
+    EXPECT_TRUE(wait_until([&] { return held.timer.Fired() == 1; }));
 
     CallbackTimer other;
     std::promise<void> firstGoesIn;
@@ -1026,16 +1023,16 @@ TEST_F(PZLTimerSubMngTest, AddingAndQueryingWaitForARunningCallback) {
     std::thread adder([&] {
         firstGoesIn.set_value();
         sub.addTimer(&other, 100);
-        returnedBefore += returned ? 1 : 0;
+        returnedBefore += held.returned ? 1 : 0;
     });
     std::thread asker([&] {
         secondGoesIn.set_value();
-        sub.isActive(&timer);
-        returnedBefore += returned ? 1 : 0;
+        sub.isActive(&held.timer);
+        returnedBefore += held.returned ? 1 : 0;
     });
     firstGoesIn.get_future().wait();
     secondGoesIn.get_future().wait();
-    release.set_value();
+    held.release.set_value();
     adder.join();
     asker.join();
     EXPECT_EQ(2, returnedBefore);
@@ -1170,23 +1167,6 @@ TEST_F(PZLTimerSubMngStartTest, RefusesTimersFromAStartThatMadeNoThreadToOneThat
     EXPECT_EQ(1, sub.end(kIgnoredTimeout));
 }
 
-/// No further descriptor for the process while one lives.
-class NoDescriptorsLeft {
-public:
-    NoDescriptorsLeft() {
-        getrlimit(RLIMIT_NOFILE, &before_);
-        rlimit none = before_;
-        none.rlim_cur = 0;
-        setrlimit(RLIMIT_NOFILE, &none);
-    }
-    ~NoDescriptorsLeft() { setrlimit(RLIMIT_NOFILE, &before_); }
-    NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
-    NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
-
-private:
-    rlimit before_ = {};
-};
-
 // The sanitizer's check of an object's type needs descriptors of its own, and takes the lack of
 // them for a wrong type.
 #ifndef __SANITIZE_ADDRESS__
@@ -1199,7 +1179,7 @@ TEST(PZLTimerSubMngDescriptorsTest, MakesNoThreadWithoutDescriptorsAndSaysWhy) {
     int ended = -1;
     std::string why;
     {
-        const NoDescriptorsLeft none;
+        const pztest::FewDescriptors none(0);
         sub = std::make_unique<PZLTimerSubMng>(30, kPriority);
         output.Take();
         started = sub->start("timers");
@@ -1226,7 +1206,7 @@ TEST(PZLTimerSubMngDescriptorsTest, ServesQuietlyWithoutFurtherDescriptors) {
     CountingTimer timer;
     bool fired = false;
     {
-        const NoDescriptorsLeft none;
+        const pztest::FewDescriptors none(0);
         EXPECT_EQ(1, sub.addTimer(&timer, 1));
         fired = wait_until([&] { return timer.Fired() >= 20; });
     }
@@ -1354,10 +1334,7 @@ TEST_F(PZLTimerSubMngStartTest, AFloodOfAddedTimersBeforeTheStartIsOneWakeUp) {
     }
     EXPECT_EQ("", output.Take());
     EXPECT_EQ(1, sub.start("timers"));
-    CallbackTimer timer;
-    EXPECT_EQ(1, sub.addTimer(&timer, 0));
-    EXPECT_TRUE(wait_until([&] { return timer.Fired() == 1; }));
-    EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    ExpectATimerFiresAndEnd();
 }
 
 TEST_F(PZLTimerSubMngTest, TimersFireAfterAFloodFromACallback) {

@@ -14,6 +14,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/StdoutCapture.h"
+#include "support/Uncopyable.h"
 
 namespace {
 
@@ -50,13 +51,10 @@ WideTexts wide_texts(const PZString::SplitList& list) {
 }
 
 /// A list that ends with its elements.
-class OwnedList {
+class OwnedList : private pztest::Uncopyable {
 public:
     OwnedList() = default;
     ~OwnedList() { PZString().DeleteSplitString(list); }
-
-    OwnedList(const OwnedList&) = delete;
-    OwnedList& operator=(const OwnedList&) = delete;
 
     PZString::SplitList list;
 };

@@ -15,6 +15,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/TempDir.h"
+#include "support/Uncopyable.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ TEST(PZDirectoryTest, OpensNothingWithoutADescriptorAndKeepsTheErrorOfOpen) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they take what they need
 
 /// All the memory that malloc still gives in a process that gets no more.
-class AllMemory {
+class AllMemory : private pztest::Uncopyable {
 public:
     AllMemory() {
         rlimit limit = {};
@@ -87,9 +88,6 @@ public:
     ~AllMemory() {
         while (first_ != nullptr) std::free(std::exchange(first_, first_->next));
     }
-
-    AllMemory(const AllMemory&) = delete;
-    AllMemory& operator=(const AllMemory&) = delete;
 
 private:
     struct Block {

@@ -5,11 +5,13 @@
 #include <sanitizer/asan_interface.h>
 #endif
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// Stands in the first function of a thread that is to be cancelled. The address sanitizer does not
 /// see the unwinding, and would take the stack below for that of functions that still run.
-class CancelledStack {
+class CancelledStack : private Uncopyable {
 public:
     CancelledStack() = default;
     ~CancelledStack() {
@@ -19,9 +21,6 @@ public:
         __asan_unpoison_memory_region(here - kBelow, kBelow);
 #endif
     }
-
-    CancelledStack(const CancelledStack&) = delete;
-    CancelledStack& operator=(const CancelledStack&) = delete;
 };
 
 }  // namespace pztest

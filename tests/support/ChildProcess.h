@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// How a child process ended.
@@ -32,15 +34,12 @@ struct ProgramOutput {
 std::function<int()> program(std::vector<std::string> command, ProgramOutput output = {});
 
 /// A child process that runs beside the test until Wait. A forked one prints where the test does.
-class ChildProcess {
+class ChildProcess : private Uncopyable {
 public:
     explicit ChildProcess(const std::function<int()>& body);
     /// Takes over a child of this process that somebody else has made.
     explicit ChildProcess(pid_t pid) : pid_(pid) {}
     ~ChildProcess();  // kills it when it still runs
-
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t Pid() const { return pid_; }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/Interposed.h"
+#include "support/Uncopyable.h"
 
 // The nice values of threads without the rights that real ones need. For executables that link
 // pz_fake_priorities, which defines getpriority and setpriority.
@@ -23,13 +24,10 @@ struct PriorityChange {
 };
 
 /// While one lives, every thread has the nice value that it was given under it, 0 at first.
-class FakePriorities {
+class FakePriorities : private Uncopyable {
 public:
     FakePriorities();
     ~FakePriorities();
-
-    FakePriorities(const FakePriorities&) = delete;
-    FakePriorities& operator=(const FakePriorities&) = delete;
 
     /// The calling thread has this nice value from now on.
     static void SetOwnNice(int nice);

@@ -8,6 +8,7 @@
 
 #include "support/Interposed.h"
 #include "support/TempDir.h"
+#include "support/Uncopyable.h"
 
 // For executables that link pz_fake_syslog, which defines mkdir and sync, and pz_own_streams.
 
@@ -17,13 +18,10 @@ extern PZ_INTERPOSED(sync) sync_call;
 
 /// While it lives, files below "/Syslog" are opened in a folder of the test's own, and nothing is
 /// written through to the disks. One at a time.
-class FakeSyslog {
+class FakeSyslog : private Uncopyable {
 public:
     FakeSyslog();
     ~FakeSyslog();
-
-    FakeSyslog(const FakeSyslog&) = delete;
-    FakeSyslog& operator=(const FakeSyslog&) = delete;
 
     /// From now on the folder is not there and cannot be made.
     static void Remove();

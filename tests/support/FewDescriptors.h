@@ -4,11 +4,13 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// While one lives, the process can open `more` descriptors only. The numbers below those that are
 /// open must all be taken.
-class FewDescriptors {
+class FewDescriptors : private Uncopyable {
 public:
     explicit FewDescriptors(unsigned int more) {
         getrlimit(RLIMIT_NOFILE, &normal_);
@@ -18,9 +20,6 @@ public:
         setrlimit(RLIMIT_NOFILE, &few);
     }
     ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &normal_); }
-
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
 
 private:
     rlimit normal_ = {};

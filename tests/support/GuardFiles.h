@@ -12,13 +12,14 @@
 #include <utility>
 
 #include "support/TempDir.h"
+#include "support/Uncopyable.h"
 
 // What a file guard leaves in the system, looked at and cleared away without the guard.
 
 namespace pztest {
 
 /// The shared-memory segment of a key file, as any other program finds it.
-class GuardSegment {
+class GuardSegment : private Uncopyable {
 public:
     explicit GuardSegment(const std::string& keyFile) : id_(-1), content_(nullptr) {
         const key_t key = ftok(keyFile.c_str(), 1);
@@ -31,9 +32,6 @@ public:
     ~GuardSegment() {
         if (content_ != nullptr) shmdt(content_);
     }
-
-    GuardSegment(const GuardSegment&) = delete;
-    GuardSegment& operator=(const GuardSegment&) = delete;
 
     /// -1 when there is none.
     int Id() const { return id_; }
@@ -92,7 +90,7 @@ inline void make_key_file(const std::string& path) {
 }
 
 /// The place of one guard: a directory and a file name. Removes key files and segments at the end.
-class GuardFiles {
+class GuardFiles : private Uncopyable {
 public:
     /// A fresh folder.
     explicit GuardFiles(std::string name = "data")
@@ -109,9 +107,6 @@ public:
             ::unlink(file.c_str());
         }
     }
-
-    GuardFiles(const GuardFiles&) = delete;
-    GuardFiles& operator=(const GuardFiles&) = delete;
 
     const std::string& Dir() const { return dir_; }
     const std::string& Name() const { return name_; }

@@ -8,10 +8,12 @@
 #include <chrono>
 #include <thread>
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// Interrupts the calling thread with SIGUSR1 again and again, while it lives. One at a time.
-class Interruptions {
+class Interruptions : private Uncopyable {
 public:
     explicit Interruptions(std::chrono::milliseconds period = std::chrono::milliseconds(10))
         : victim_(pthread_self()) {
@@ -30,9 +32,6 @@ public:
         stop_ = true;
         hammer_.join();
     }
-
-    Interruptions(const Interruptions&) = delete;
-    Interruptions& operator=(const Interruptions&) = delete;
 
     /// How often the thread has been interrupted.
     static int Taken() { return taken_; }

@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "support/Interposed.h"
+#include "support/Uncopyable.h"
 
 // The monotonic clock of the whole process, in the hand of the test. For executables that link
 // pz_manual_tick, which defines clock_gettime.
@@ -13,13 +14,10 @@ namespace pztest {
 extern PZ_INTERPOSED(clock_gettime) clock_gettime_call;
 
 /// While one lives, CLOCK_MONOTONIC stands still until the test moves it; other clocks run.
-class ManualTick {
+class ManualTick : private Uncopyable {
 public:
     explicit ManualTick(long long milliseconds = 1000000);
     ~ManualTick();
-
-    ManualTick(const ManualTick&) = delete;
-    ManualTick& operator=(const ManualTick&) = delete;
 
     void Set(long long milliseconds) { SetNanoseconds(milliseconds * 1000000); }
     void SetNanoseconds(long long nanoseconds);

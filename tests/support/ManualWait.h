@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/Interposed.h"
+#include "support/Uncopyable.h"
 
 // Waits for several events that end by the ManualTick instead of the real time. For executables
 // that link pz_manual_wait, which defines epoll_wait, and pz_manual_tick.
@@ -17,13 +18,10 @@ extern PZ_INTERPOSED(epoll_wait) epoll_wait_call;
 
 /// While one lives, the waits for more than one event time out by the ManualTick, and their
 /// time-outs are on record. Waits for a single event stay real.
-class ManualWait {
+class ManualWait : private Uncopyable {
 public:
     ManualWait();
     ~ManualWait();
-
-    ManualWait(const ManualWait&) = delete;
-    ManualWait& operator=(const ManualWait&) = delete;
 
     /// The time-outs of all waits that have begun, in order.
     std::vector<int> TimeOuts() const;

@@ -1,6 +1,8 @@
 #ifndef PZ_TESTS_SUPPORT_MEMORYSHORTAGE_H
 #define PZ_TESTS_SUPPORT_MEMORYSHORTAGE_H
 
+#include "support/Uncopyable.h"
+
 // A process that runs out of memory on demand. A test executable that links pz_memory_shortage gets
 // operator new from there, for the library's allocations too. Calls of malloc are not refused.
 //
@@ -16,26 +18,20 @@
 namespace pztest {
 
 /// While one lives, the calling thread's `new` fails, after `skip` more calls that succeed.
-class MemoryShortage {
+class MemoryShortage : private Uncopyable {
 public:
     explicit MemoryShortage(int skip = 0);
     ~MemoryShortage();
-
-    MemoryShortage(const MemoryShortage&) = delete;
-    MemoryShortage& operator=(const MemoryShortage&) = delete;
 
     /// Calls that failed so far.
     int Refused() const;
 };
 
 /// While one lives, `new` fails on every thread.
-class GeneralMemoryShortage {
+class GeneralMemoryShortage : private Uncopyable {
 public:
     GeneralMemoryShortage();
     ~GeneralMemoryShortage();
-
-    GeneralMemoryShortage(const GeneralMemoryShortage&) = delete;
-    GeneralMemoryShortage& operator=(const GeneralMemoryShortage&) = delete;
 
     /// Calls that failed so far.
     int Refused() const;

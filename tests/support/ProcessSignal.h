@@ -5,10 +5,12 @@
 
 #include <cstdlib>
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// A pipe that a process makes before its children, by which they and it wait for each other.
-class ProcessSignal {
+class ProcessSignal : private Uncopyable {
 public:
     ProcessSignal() {
         if (pipe(ends_) != 0) std::abort();
@@ -17,9 +19,6 @@ public:
         close(ends_[0]);
         close(ends_[1]);
     }
-
-    ProcessSignal(const ProcessSignal&) = delete;
-    ProcessSignal& operator=(const ProcessSignal&) = delete;
 
     /// Lets one Wait return, now or later.
     bool Give() const { return write(ends_[1], "x", 1) == 1; }

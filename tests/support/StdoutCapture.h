@@ -4,17 +4,16 @@
 #include <string>
 #include <vector>
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// Catches everything the process writes to its standard output, from construction to the end of
 /// the scope. One capture at a time. The messages of checks that fail meanwhile are passed on.
-class StdoutCapture {
+class StdoutCapture : private Uncopyable {
 public:
     StdoutCapture();
     ~StdoutCapture();
-
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
 
     /// What was written since construction or the last Take.
     std::string Take();

@@ -10,13 +10,14 @@
 #include <string>
 
 #include "support/OwnProcess.h"
+#include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
 namespace pztest {
 
 /// A standard output that nobody reads and that is full: whoever prints waits, until it ends. What
 /// was printed meanwhile is thrown away then.
-class StuckStdout {
+class StuckStdout : private Uncopyable {
 public:
     StuckStdout() {
         std::fflush(stdout);
@@ -38,9 +39,6 @@ public:
         ::close(pipe_[0]);
         ::close(pipe_[1]);
     }
-
-    StuckStdout(const StuckStdout&) = delete;
-    StuckStdout& operator=(const StuckStdout&) = delete;
 
     /// Waits until every thread but the caller's sleeps; false when one does not in time.
     bool WaitUntilOthersSleep() const {

@@ -3,16 +3,15 @@
 
 #include <string>
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// A fresh folder under /tmp, removed with everything in it at the end of the scope.
-class TempDir {
+class TempDir : private Uncopyable {
 public:
     TempDir();
     ~TempDir();
-
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
 
     /// The folder, without a '/' at the end.
     const std::string& Path() const { return path_; }

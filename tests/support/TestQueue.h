@@ -9,10 +9,12 @@
 #include <cerrno>
 #include <string>
 
+#include "support/Uncopyable.h"
+
 namespace pztest {
 
 /// A queue name that no other test process uses; the queue is removed with it, whoever made it.
-class QueueName {
+class QueueName : private Uncopyable {
 public:
     /// Filled up to `length` characters.
     explicit QueueName(size_t length = 0) : name_(Unique()) {
@@ -20,9 +22,6 @@ public:
         Unlink();
     }
     ~QueueName() { Unlink(); }
-
-    QueueName(const QueueName&) = delete;
-    QueueName& operator=(const QueueName&) = delete;
 
     /// As the framework takes it.
     const char* Get() const { return name_.c_str(); }
@@ -50,7 +49,7 @@ private:
 };
 
 /// The other end of a queue, that knows nothing of the framework. Never waits.
-class RawQueue {
+class RawQueue : private Uncopyable {
 public:
     /// Opens a queue that exists.
     explicit RawQueue(const QueueName& name)
@@ -68,9 +67,6 @@ public:
     ~RawQueue() {
         if (handle_ != -1) mq_close(handle_);
     }
-
-    RawQueue(const RawQueue&) = delete;
-    RawQueue& operator=(const RawQueue&) = delete;
 
     bool IsOpen() const { return handle_ != -1; }
     int Handle() const { return handle_; }
