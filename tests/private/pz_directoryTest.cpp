@@ -70,14 +70,13 @@ TEST(PZDirectoryTest, OpensNothingWithoutADescriptorAndKeepsTheErrorOfOpen) {
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // they take what they need
 
-/// All the memory that malloc still gives in a process that gets no more.
+/// All the memory that malloc still gives in a process that gets no more while one lives.
 class AllMemory : private pztest::Uncopyable {
 public:
     AllMemory() {
-        rlimit limit = {};
-        ::getrlimit(RLIMIT_AS, &limit);
-        limit.rlim_cur = 1;
-        ::setrlimit(RLIMIT_AS, &limit);
+        ::getrlimit(RLIMIT_AS, &before_);
+        const rlimit none = {1, before_.rlim_max};
+        ::setrlimit(RLIMIT_AS, &none);
         for (size_t size = 32768; size >= sizeof(Block); size /= 2) {
             while (auto* const block = static_cast<Block*>(std::malloc(size))) {
                 block->next = first_;
@@ -86,6 +85,7 @@ public:
         }
     }
     ~AllMemory() {
+        ::setrlimit(RLIMIT_AS, &before_);
         while (first_ != nullptr) std::free(std::exchange(first_, first_->next));
     }
 
@@ -93,6 +93,7 @@ private:
     struct Block {
         Block* next;
     };
+    rlimit before_ = {};
     Block* first_ = nullptr;
 };
 
