@@ -1303,7 +1303,7 @@ TEST_F(PZLTimerSubMngTest, AThreadWhoseWaitsFailPausesBetweenThem) {
 TEST_F(PZLTimerSubMngTest, ATimerThatIsAddedAfterAFailedWaitIsNotTakenForOneOfThatWait) {
     // Time goes by from the wait that fails to the next one.
     const auto delay = [](const PZDbgOutput::ST_RECORD&, void* theTick) {
-        if (pztest::tick_now() == kStart) static_cast<ManualTick*>(theTick)->Advance(50);
+        if (pztest::tick_now() == kStart) static_cast<pztest::ManualTick*>(theTick)->Advance(50);
         return false;
     };
     PZDbgOutput::SetSink(delay, &tick);
