@@ -1,6 +1,9 @@
+#include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <memory>
 #include <thread>
@@ -13,7 +16,17 @@
 #include <Framework/Easy/Worker.h>
 
 #include "support/ChildProcess.h"
+#include "support/Interposed.h"
 #include "support/StdoutCapture.h"
+
+PZ_INTERPOSE(write, 3);
+
+namespace {
+
+/// Looks the real function up, which a signal's handler may not do.
+[[maybe_unused]] const ssize_t first_write = ::write(-1, nullptr, 0);
+
+}  // namespace
 
 using namespace std::chrono_literals;
 using pz::wait_any;
@@ -120,4 +133,99 @@ TEST(EasyStopSignalTest, RefusesMoreThanSixteenAtATime) {
                                    "more than 16 at a time"));
     EXPECT_EQ(std::nullopt, wait_any({&one}, 0ms));
     EXPECT_EQ(0, pz::wait_for_stop());
+}
+
+namespace {
+
+std::atomic<bool> handler_waits{false};
+std::atomic<bool> handler_may_go_on{false};
+
+/// The signal's handler stays in its write until it may go on.
+ssize_t hold_write(int fd, const void* bytes, size_t size) {
+    handler_waits = true;
+    while (!handler_may_go_on) ::usleep(1000);
+    return write_call.Real(fd, bytes, size);
+}
+
+/// Ends the child when it hangs.
+void limit_child() {
+    ::signal(SIGALRM, SIG_DFL);
+    ::alarm(20);
+}
+
+}  // namespace
+
+// Only a held handler is sure to run while another thread forks.
+TEST(EasyStopSignalTest, IsDestroyedInAChildThatWasForkedWhileItsHandlerRan) {
+    const ChildResult result = run_in_child([] {
+        auto stop = std::make_unique<pz::StopSignal>();
+        write_call.Replace(&hold_write);
+        std::thread interrupted([] { ::pthread_kill(::pthread_self(), SIGTERM); });
+        while (!handler_waits) ::usleep(1000);
+        write_call.Replace(nullptr);
+        pztest::ChildProcess child([&stop] {
+            limit_child();
+            { const pz::StopSignal own; }  // while the parent's lives
+            stop.reset();
+            return 0;
+        });
+        const int status = child.Wait();
+        handler_may_go_on = true;
+        interrupted.join();
+        if (status != 0) return 1;
+        return wait_any({stop.get()}, 60s) == 0U ? 0 : 2;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyStopSignalTest, ASignalForAForkedChildEndsTheChildAndNotTheParentsWait) {
+    const ChildResult result = run_in_child([] {
+        pz::StopSignal stop;
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            limit_child();
+            for (;;) ::pause();
+        }
+        ::kill(pid, SIGTERM);
+        int status = 0;
+        if (::waitpid(pid, &status, 0) != pid) return 1;
+        if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGTERM) return 2;
+        if (wait_any({&stop}, 0ms)) return 3;
+        return stop.number() == 0 ? 0 : 4;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyStopSignalTest, AForkedChildMayMakeItsOwnWhichLeavesTheParentsAlone) {
+    const ChildResult result = run_in_child([] {
+        auto stop = std::make_unique<pz::StopSignal>();
+        pztest::ChildProcess child([&stop] {
+            limit_child();
+            pz::StopSignal own;
+            stop.reset();
+            ::raise(SIGINT);
+            if (!wait_any({&own}, 10s)) return 1;
+            return own.number() == SIGINT ? 0 : 2;
+        });
+        const int status = child.Wait();
+        if (status != 0) return status;
+        if (wait_any({stop.get()}, 0ms)) return 3;
+        ::raise(SIGTERM);
+        return wait_any({stop.get()}, 60s) == 0U ? 0 : 4;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyStopSignalTest, ASignalBeforeTheFirstOneIsMadeEndsTheProcess) {
+    for (const int number : {SIGINT, SIGTERM}) {
+        const ChildResult result = run_in_child([number] {
+            ::raise(number);
+            return pz::wait_for_stop() == 0 ? 1 : 0;
+        });
+        EXPECT_FALSE(result.exited);
+        EXPECT_EQ(number, result.status);
+    }
 }

@@ -25,6 +25,8 @@ namespace pz {
 /// Several:  at most 16 at a time; all of them are signalled. The first installs the handlers, the
 ///           last restores the previous ones.
 /// Threads:  made and destroyed by one thread at a time; any thread may wait.
+/// Process:  a signal ends a forked child, unless it has made a StopSignal of its own; those that
+///           it has inherited are its parent's, and are not signalled.
 /// Failures: one that could not be made (reported) is false, and cannot be waited for.
 class PZ_API StopSignal : public Waitable {
 public:

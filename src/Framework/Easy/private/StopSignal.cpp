@@ -1,5 +1,7 @@
 #include "Framework/Easy/StopSignal.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -21,14 +23,27 @@ constexpr int kMaxWaiters = 16;
 std::array<std::atomic<PZEvent*>, kMaxWaiters> waiters;
 std::atomic<int> stop_number{0};
 std::atomic<int> running_handlers{0};
+/// Whose the above is. A forked child shares the pipes of the events with its parent, and handlers
+/// that other threads of the parent were running never end in it.
+std::atomic<pid_t> owner{0};
 
 static_assert(std::atomic<PZEvent*>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
               "what a signal's handler may use");
+
+/// Asks the kernel: a signal may come before the child's fork has returned.
+bool is_parents() noexcept {
+    return owner.load() != ::getpid();
+}
 
 // Each event gets one signal here, or a second one, of the other kind: far from filling its pipe.
 // So SetEvent is one write, which a handler may do.
 void note_stop(int number) {
     const int savedErrno = errno;
+    if (is_parents()) {
+        ::raise(number);  // with the default action again, which ends the child
+        errno = savedErrno;
+        return;
+    }
     ++running_handlers;
     stop_number = number;
     for (const std::atomic<PZEvent*>& waiter : waiters) {
@@ -70,6 +85,13 @@ void restore_locked(const ST_HANDLERS& state) PZ_REQUIRES(state.mutex) {
     stop_number = 0;
 }
 
+/// From now on it is the calling process: no event of its parent is signalled any more.
+void begin_in_process() {
+    for (std::atomic<PZEvent*>& waiter : waiters) waiter = nullptr;
+    running_handlers = 0;
+    owner = ::getpid();
+}
+
 /// The place of the event among the waiters, -1 when all are taken.
 int add_waiter(PZEvent* event) {
     for (int i = 0; i < kMaxWaiters; ++i) {
@@ -80,8 +102,10 @@ int add_waiter(PZEvent* event) {
 }
 
 /// The event may die afterwards: a handler on another thread is done with it.
-void remove_waiter(int slot) {
-    waiters[static_cast<std::size_t>(slot)] = nullptr;
+void remove_waiter(int slot, PZEvent* event) {
+    if (is_parents()) return;
+    // What was inherited has lost its place, maybe to another one.
+    waiters[static_cast<std::size_t>(slot)].compare_exchange_strong(event, nullptr);
     while (running_handlers.load() != 0) {
     }
 }
@@ -90,6 +114,7 @@ void remove_waiter(int slot) {
 int begin_waiting(PZEvent& event) {
     ST_HANDLERS& state = handlers();
     const PZMutexLock lock(state.mutex);
+    if (is_parents()) begin_in_process();
     const int slot = add_waiter(&event);
     if (slot < 0) return slot;
     if (state.users++ == 0) install_locked(state);
@@ -97,11 +122,11 @@ int begin_waiting(PZEvent& event) {
     return slot;
 }
 
-void end_waiting(int slot) {
+void end_waiting(int slot, PZEvent* event) {
     ST_HANDLERS& state = handlers();
     const PZMutexLock lock(state.mutex);
     if (--state.users == 0) restore_locked(state);
-    remove_waiter(slot);
+    remove_waiter(slot, event);
 }
 
 }  // namespace
@@ -116,7 +141,7 @@ StopSignal::StopSignal() noexcept : event_(new (std::nothrow) PZEvent) {
 }
 
 StopSignal::~StopSignal() {
-    if (slot_ != kNoSlot) end_waiting(slot_);
+    if (slot_ != kNoSlot) end_waiting(slot_, event_.get());
 }
 
 int StopSignal::number() const noexcept {
