@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -318,4 +319,57 @@ TEST_F(EasyChannelTest, ASendThatFindsNoMemoryIsAnsweredAndALaterOneSucceeds) {
         if (shortage.Refused() == 0) break;
     }
     EXPECT_TRUE(isSent);
+}
+
+TEST_F(EasyChannelTest, MoreUrgentValuesComeFirstAndEqualOnesInTheirOrder) {
+    pz::Sender<Station> out(channel);
+    const std::pair<unsigned int, pz::Priority> values[] = {
+        {7, pz::Priority::lowest},         {5, pz::Priority::normal},
+        {1, pz::Priority::emergency},      {6, pz::Priority::normal},
+        {2, static_cast<pz::Priority>(1)},  // what an emergency counts as
+        {3, pz::Priority::emergency},      {4, pz::Priority::high},
+    };
+    for (const auto& [kHz, priority] : values) ASSERT_EQ(Sent::ok, out.send({kHz, ""}, priority));
+    std::vector<unsigned int> received;
+    const pz::Receiver<Station> in(worker, channel,
+                                   [&](const Station& s) { received.push_back(s.kHz); });
+    EXPECT_TRUE(
+        wait_until([&] { return worker.call([&] { return received.size(); }).value_or(0) == 7; }));
+    EXPECT_EQ((std::vector<unsigned int>{1, 2, 3, 4, 5, 6, 7}), received);
+}
+
+TEST_F(EasyChannelTest, AReceiverWhoseFunctionHangsIsDestroyedAfterTheWorkersTimeWithAReport) {
+    pz::WorkerOptions options;
+    options.stop_within = 20ms;
+    pz::Worker hanging("hanging", options);
+    const auto gate = std::make_shared<Gate>();
+    pz::Sender<Station> out(channel);
+    StdoutCapture capture;
+    const auto start = std::chrono::steady_clock::now();
+    {
+        const pz::Receiver<Station> in(hanging, channel, [gate](const Station&) { gate->Pass(); });
+        ASSERT_EQ(Sent::ok, out.send(Station()));
+        ASSERT_TRUE(gate->WaitForArrival());
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "Channel.cpp"));
+    gate->Open();
+    EXPECT_TRUE(hanging.stop(60s));
+}
+
+TEST_F(EasyChannelTest, ANameHas32CharactersAtMostAndIsNeverNull) {
+    const std::string longest = name + std::string(32 - name.size(), 'x');
+    pz::Sender<Station> out(longest.c_str());
+    EXPECT_EQ(Sent::ok, out.send({1, ""}));
+    std::atomic<int> received{0};
+    {
+        const pz::Receiver<Station> in(worker, longest.c_str(),
+                                       [&](const Station&) { ++received; });
+        EXPECT_TRUE(in);
+        EXPECT_TRUE(wait_until([&] { return received == 1; }));
+    }
+    ::mq_unlink(("/" + longest).c_str());
+    StdoutCapture capture;
+    EXPECT_FALSE(pz::Receiver<Station>(worker, nullptr, [](const Station&) {}));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "no channel ["));
 }

@@ -124,3 +124,79 @@ TEST(EasyEventTest, AcceptsNegativeAndEndlessTimes) {
     event.set();
     EXPECT_EQ(0U, wait_any({&event}, std::chrono::milliseconds::max()));
 }
+
+TEST(EasyEventTest, WhenThePipeIsFullAllButOneSignalAreForgotten) {
+    pz::Event event;
+    int added = 0;
+    StdoutCapture capture;
+    while (added < 100000 && event.set()) ++added;
+    EXPECT_EQ(65536, added);
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "PZEvent.cpp"));
+    EXPECT_TRUE(event.wait(0ms));
+    EXPECT_FALSE(event.wait(0ms));
+}
+
+TEST(EasyEventTest, AnAssignmentForgetsTheSignalsThatWereHereBefore) {
+    pz::Event a;
+    pz::Event b;
+    a.set();
+    a = std::move(b);
+    EXPECT_TRUE(a);
+    EXPECT_FALSE(a.wait(0ms));
+    EXPECT_TRUE(a.set());
+    EXPECT_TRUE(a.wait(0ms));
+}
+
+TEST(EasyEventTest, WaitAnyTakesTheSignalOfOneWhenSeveralHaveSome) {
+    pz::Event a;
+    pz::Event b;
+    a.set();
+    b.set();
+    const auto first = wait_any({&a, &b}, 60s);
+    const auto second = wait_any({&a, &b}, 60s);
+    ASSERT_TRUE(first && second);
+    EXPECT_EQ(1U, *first + *second) << "each once";
+    EXPECT_EQ(std::nullopt, wait_any({&a, &b}, 0ms));
+}
+
+TEST(EasyEventTest, WaitAnyRefusesAndReportsOneWithoutSignals) {
+    pz::Event a;
+    pz::Event moved;
+    const pz::Event other(std::move(moved));
+    a.set();
+    StdoutCapture capture;
+    EXPECT_EQ(std::nullopt, wait_any({&a, &moved}, 60s));
+    EXPECT_EQ(std::nullopt, wait_any({&moved}));
+    EXPECT_NE("", capture.Take());
+    EXPECT_TRUE(a.wait(0ms)) << "no signal was taken";
+}
+
+TEST(EasyEventTest, TellsAWaitableOfAProgramThatItsSignalWasTaken) {
+    class Button : public pz::Waitable {
+    public:
+        PZEvent* signals() const noexcept override { return event_.signals(); }
+        void taken() noexcept override {
+            ++takes;
+            taker = std::this_thread::get_id();
+        }
+        void Press() { event_.set(); }
+        int takes = 0;
+        std::thread::id taker{};
+
+    private:
+        pz::Event event_{};
+    };
+    Button button;
+    pz::Event event;
+    event.set();
+    EXPECT_EQ(0U, wait_any({&event, &button}, 0ms));
+    EXPECT_EQ(0, button.takes) << "it was the other's signal";
+    button.Press();
+    std::thread waiting([&] { EXPECT_EQ(1U, wait_any({&event, &button})); });
+    const std::thread::id id = waiting.get_id();
+    waiting.join();
+    EXPECT_EQ(1, button.takes);
+    EXPECT_EQ(id, button.taker);
+    EXPECT_EQ(std::nullopt, wait_any({&event, &button}, 0ms));
+    EXPECT_EQ(1, button.takes);
+}

@@ -403,3 +403,15 @@ TEST_F(EasyGuardedFileTest, UpdatesAFreeFileWithNegativeAndEndlessTimes) {
     EXPECT_TRUE(settings.update(change, std::chrono::milliseconds::min()));
     EXPECT_EQ("xxx", settings.read());
 }
+
+TEST_F(EasyGuardedFileTest, ReadsWhileAnUpdateRunsWhatWasThereBefore) {
+    write_file(path, "old");
+    EXPECT_TRUE(settings.update([this](std::string& bytes) {
+        bytes = "new";
+        std::thread reader([this] { EXPECT_EQ("old", settings.read()); });
+        reader.join();
+        EXPECT_TRUE(std::filesystem::exists(dir.File(".settings.lock")));
+    }));
+    EXPECT_EQ("new", settings.read());
+    EXPECT_TRUE(std::filesystem::exists(dir.File(".settings.lock"))) << "it stays";
+}

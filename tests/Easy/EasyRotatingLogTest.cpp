@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <iterator>
@@ -451,4 +452,100 @@ TEST_F(EasyRotatingLogTest, WritesAnEmptyTextAsALineAndRefusesANullFormat) {
 #pragma GCC diagnostic pop
     EXPECT_TRUE(log.flush());
     EXPECT_EQ("\n\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, CountsSizesInUnitsOf1024) {
+    static_assert(0_KiB == 0 && 64_KiB == 65536);
+    static_assert(1_MiB == 1048576 && 3_MiB == 3072_KiB);
+    pz::RotatingLog log(folder.c_str(), "app", 1_KiB, 0);
+    EXPECT_TRUE(log.text(std::string(2000, 'x')));
+    EXPECT_EQ(1024U, size_of(folder));
+}
+
+TEST_F(EasyRotatingLogTest, TakesTheSmallestSizeAndTheMostGenerations) {
+    pz::RotatingLog log(folder.c_str(), "app", 64, 1000);
+    ASSERT_TRUE(log);
+    EXPECT_TRUE(log.text("line 1"));
+    EXPECT_EQ("line 1\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, AnAssignmentFlushesTheLogThatWasHereBefore) {
+    pz::RotatingLogOptions options;
+    options.buffer = 1_KiB;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1, options);
+    EXPECT_TRUE(log.line("line 1"));
+    EXPECT_EQ("", read_file(file));
+    log = pz::RotatingLog(folder.c_str(), "other", 64_KiB, 1);
+    EXPECT_EQ("line 1\n", read_file(file));
+    EXPECT_TRUE(log.line("line 2"));
+    EXPECT_EQ("line 2\n", read_file(folder + "/other.log"));
+}
+
+TEST_F(EasyRotatingLogTest, CollectsNoMoreThanTheSizeOfAFile) {
+    pz::RotatingLogOptions options;
+    options.buffer = 64_KiB;
+    pz::RotatingLog log(folder.c_str(), "app", 100, 1, options);
+    for (int i = 0; i < 10; ++i) EXPECT_TRUE(log.text("123456789"));
+    EXPECT_EQ(0U, size_of(folder));
+    for (int i = 0; i < 10; ++i) EXPECT_TRUE(log.text("123456789"));
+    EXPECT_LE(100U, size_of(folder)) << "200 bytes do not wait";
+}
+
+TEST_F(EasyRotatingLogTest, AKilledProcessLosesOnlyTheLinesThatItHasCollected) {
+    pztest::ChildProcess child([this] {
+        pz::RotatingLogOptions options;
+        options.buffer = 1_KiB;
+        pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1, options);
+        log.line("line 1");
+        if (!log.flush()) return 1;
+        log.line("line 2");
+        ::raise(SIGKILL);
+        return 2;
+    });
+    EXPECT_EQ(-1, child.Wait());
+    EXPECT_EQ("line 1\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, AFlushIsFalseWhenItsLinesAreLost) {
+    pz::RotatingLogOptions options;
+    options.buffer = 1_KiB;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1, options);
+    EXPECT_TRUE(log.flush()) << "nothing is collected";
+    std::filesystem::remove_all(folder);
+    write_file(folder, "no folder");
+    StdoutCapture capture;
+    ASSERT_TRUE(wait_until([&] {
+        log.line("lost");
+        return !log.flush();
+    }));
+    EXPECT_LE(1U, log.lost());
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "RotatingLog.cpp"));
+}
+
+TEST_F(EasyRotatingLogTest, ReportsAFailureOnceMoreAfterTheLogHasWorkedAgain) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1);
+    for (int round = 0; round < 2; ++round) {
+        StdoutCapture capture;
+        std::filesystem::rename(folder, dir.File("away"));
+        ASSERT_TRUE(wait_until([&] { return !log.line("lost"); }));
+        for (int i = 0; i < 10; ++i) EXPECT_FALSE(log.line("lost"));
+        EXPECT_EQ(1U, pztest::count_of(capture.Take(), "RotatingLog.cpp"));
+        std::filesystem::rename(dir.File("away"), folder);
+        ASSERT_TRUE(wait_until([&] { return log.line("back"); }));
+    }
+}
+
+TEST_F(EasyRotatingLogTest, TriesToOpenItsFileTenTimesASecondAndNotWithEveryLine) {
+    const pz::RotatingLog owner(folder.c_str(), "app", 64_KiB, 1);
+    const StdoutCapture capture;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1);
+    flock_call.Reset();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(wait_until([&] {
+        for (int i = 0; i < 1000; ++i) EXPECT_FALSE(log.line("lost"));
+        return flock_call.Calls() >= 2;
+    }));
+    const auto tenths = (std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(100);
+    EXPECT_LE(flock_call.Calls(), tenths + 1);
+    EXPECT_LE(1000U, log.lost());
 }

@@ -1,4 +1,5 @@
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -197,4 +198,42 @@ TEST_F(EasySyncWorkerTest, TimesBeyondThirtyYearsCountAsThirtyYears) {
     EXPECT_EQ(2 * kThirtyYears + 1h, clock.now());
     EXPECT_EQ(1U, worker.run_all());
     EXPECT_EQ(2, runs);
+}
+
+TEST_F(EasySyncWorkerTest, TimersThatAreDueTogetherRunByTheirPriorities) {
+    const pz::Timer usual = worker.every(10ms, note('n'));
+    const pz::Timer last = worker.after(10ms, note('l'), pz::Priority::lowest);
+    const pz::Timer first = worker.every(10ms, note('e'), pz::Priority::emergency);
+    clock.advance(10ms);
+    EXPECT_EQ(3U, worker.run_all());
+    EXPECT_EQ("enl", order);
+}
+
+TEST_F(EasySyncWorkerTest, ServesNoOtherWorkerOfItsClock) {
+    SyncWorker other(clock);
+    const pz::Timer timer = other.after(5ms, note('o'));
+    EXPECT_EQ(0U, worker.run_for(10ms));
+    EXPECT_EQ("", order);
+    EXPECT_EQ(1U, other.pending()) << "posted, and not served";
+    EXPECT_TRUE(other.run_one());
+    EXPECT_EQ("o", order);
+}
+
+TEST_F(EasySyncWorkerTest, OutlivesItsClockWithTheTimeAsItWas) {
+    auto own = std::make_unique<ManualClock>();
+    SyncWorker late(*own);
+    own->advance(7ms);
+    own.reset();
+    EXPECT_EQ(7ms, late.now());
+    const pz::Timer timer = late.after(3ms, note('t'));
+    EXPECT_EQ(1U, late.run_for(3ms));
+    EXPECT_EQ("t", order);
+}
+
+TEST_F(EasySyncWorkerTest, MovingTheClockByNothingPostsWhatIsDueNow) {
+    const pz::Timer timer = worker.after(0ms, note('t'));
+    clock.advance(0ms);
+    EXPECT_EQ(1U, worker.run_all());
+    EXPECT_EQ("t", order);
+    EXPECT_EQ(0ms, clock.now());
 }

@@ -99,3 +99,14 @@ TEST(EasyTextTest, AnswersNothingForATextThatIsTooLong) {
     EXPECT_EQ(std::nullopt, pz::detect(endless));
     EXPECT_EQ(3U, pztest::count_of(capture.Take(), "a text of 134217729 bytes is too long"));
 }
+
+TEST(EasyTextTest, AZeroByteIsACharacterLikeOthersButForTheRadioSets) {
+    const std::string_view bytes("a\0b", 3);
+    EXPECT_EQ(bytes, *pz::to_utf8(bytes, XCP_SJIS));
+    EXPECT_EQ(bytes, *pz::to_utf8(bytes, XCP_ISO8859_1));
+    EXPECT_EQ(bytes, *pz::from_utf8(bytes, XCP_SJIS));
+    EXPECT_EQ(std::string("\0a\0\0\0b", 6), *pz::from_utf8(bytes, XCP_UTF16BE));
+    for (const EN_XCP page : {XCP_RDS, XCP_RDS_2017, XCP_RBDS_2017}) {
+        EXPECT_EQ("a", *pz::to_utf8(bytes, page)) << page;
+    }
+}

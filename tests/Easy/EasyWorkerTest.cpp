@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -716,4 +717,133 @@ TEST_F(EasyWorkerTest, EveryOperationOfAWorkerThatWasMovedFromIsAnswered) {
     EXPECT_EQ(0U, first.pending());
     EXPECT_EQ(nullptr, first.box());
     EXPECT_EQ(0ms, first.now());
+}
+
+TEST_F(EasyWorkerTest, CallDoesNotCopyItsFunctionAndAnswersAReferenceAsACopy) {
+    struct Counter {
+        Counter() = default;
+        Counter(const Counter&) = delete;
+        Counter& operator=(const Counter&) = delete;
+        std::string& operator()() {
+            ++calls;
+            return text;
+        }
+        int calls = 0;
+        std::string text = "text";
+    };
+    pz::Worker worker("tuner");
+    Counter counter;
+    pz::Called<std::string> answer = worker.call(counter);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(1, counter.calls);
+    EXPECT_EQ(4U, answer->size());
+    *answer += " of the caller";
+    EXPECT_EQ("text", counter.text);
+    const pz::Called<std::string> none(CallError::stopped);
+    EXPECT_FALSE(none);
+    EXPECT_EQ("other", none.value_or("other"));
+    EXPECT_EQ("text of the caller", answer.value_or("other"));
+}
+
+TEST_F(EasyWorkerTest, PendingCountsTheMessagesOfUnitsToo) {
+    class Unit : public PZUnitFrame, public PZIDispatcher {
+    public:
+        ~Unit() override { UnregistMsgBox(); }
+        void OnReceiveMsg(unsigned int, const void*, unsigned int) override {}
+        void OnReceiveEvent(unsigned int) override {}
+    };
+    pz::Worker worker("tuner");
+    Unit unit;
+    ASSERT_EQ(PZUnitFrame::en_SUCCESS, unit.RegistMsgBox(worker.box(), &unit));
+    {
+        const Busy busy(worker);
+        EXPECT_EQ(0U, worker.pending()) << "what runs waits no more";
+        worker.post([] {});
+        EXPECT_EQ(PZUnitFrame::en_SUCCESS, unit.SendMsgSelf(9, en_MSG_NORMAL, nullptr, 0));
+        EXPECT_EQ(2U, worker.pending());
+    }
+    EXPECT_TRUE(worker.call([] {}));
+    EXPECT_EQ(0U, worker.pending());
+}
+
+TEST_F(EasyWorkerTest, ReportsOfItsBoxNameTheNumberOfItsOptions) {
+    class Unit : public PZUnitFrame, public PZIDispatcher {
+    public:
+        ~Unit() override { UnregistMsgBox(); }
+        void OnReceiveMsg(unsigned int, const void*, unsigned int) override {}
+        void OnReceiveEvent(unsigned int) override {}
+    };
+    pz::WorkerOptions options;
+    options.number = 17;
+    pz::Worker worker("tuner", options);
+    Unit unit;
+    ASSERT_EQ(PZUnitFrame::en_SUCCESS, unit.RegistMsgBox(worker.box(), &unit));
+    const Busy busy(worker);
+    StdoutCapture capture;
+    int sent = 0;
+    while (sent <= kCapacity &&
+           unit.SendMsgSelf(9, en_MSG_NORMAL, nullptr, 0) == PZUnitFrame::en_SUCCESS) {
+        ++sent;
+    }
+    EXPECT_EQ(kCapacity, sent) << "units share the room with the posts";
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "msg queue is full : worker[17]"));
+}
+
+TEST_F(EasyWorkerTest, AnExceptionOfACopyLeavesThePostAndNothingElseBehind) {
+    struct Throwing {
+        explicit Throwing(bool isShort) : lacksMemory(isShort) {}
+        Throwing(const Throwing& other) : lacksMemory(other.lacksMemory) {
+            if (lacksMemory) throw std::bad_alloc();
+            throw std::runtime_error("no copy");
+        }
+        Throwing& operator=(const Throwing&) = delete;
+        void operator()() const {}
+        bool lacksMemory;
+    };
+    pz::Worker worker("tuner");
+    const Throwing throwing(false);
+    const Throwing lacking(true);
+    StdoutCapture capture;
+    for (int i = 0; i <= kCapacity; ++i) {
+        EXPECT_THROW(worker.post(throwing), std::runtime_error);
+        EXPECT_EQ(Posted::full, worker.post_wait(lacking, 0ms));
+    }
+    EXPECT_EQ("", capture.Take());
+    EXPECT_EQ(Posted::full, worker.post(lacking));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "worker [tuner] refuses a post of TestBody()@"));
+    const Busy busy(worker);
+    EXPECT_EQ(0U, worker.pending());
+    for (int i = 0; i < kCapacity; ++i) {
+        ASSERT_EQ(Posted::ok, worker.post([kept = std::make_unique<int>(i)] {}));
+    }
+}
+
+TEST_F(EasyWorkerTest, AfterAStopThatHasFailedTheDestructorDoesNotWaitAgain) {
+    std::atomic<bool> gone{false};
+    const auto gate = std::make_shared<Gate>();
+    pz::WorkerOptions options;
+    options.stop_within = 60s;
+    const auto start = std::chrono::steady_clock::now();
+    {
+        pz::Worker worker("tuner", options);
+        worker.post([gate, kept = token(gone)] { gate->Pass(); });
+        ASSERT_TRUE(gate->WaitForArrival());
+        const StdoutCapture capture;
+        EXPECT_FALSE(worker.stop(1ms));
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
+    EXPECT_FALSE(gone);
+    gate->Open();
+    EXPECT_TRUE(wait_until([&] { return gone.load(); }));
+}
+
+TEST_F(EasyWorkerTest, WithoutOptionsItHangsAfterFourSecondsAndStopsWithinThree) {
+    const pz::WorkerOptions options;
+    EXPECT_EQ(3s, options.stop_within);
+    EXPECT_EQ(0U, options.number);
+    EXPECT_FALSE(options.priority);
+    pz::Worker worker("tuner");
+    EXPECT_EQ(4000U,
+              worker.call([] { return PZThreadMng::GetInstance()->getWatchTime(pthread_self()); })
+                  .value_or(0));
 }

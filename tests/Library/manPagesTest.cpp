@@ -1,7 +1,10 @@
 #include <cctype>
 #include <filesystem>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -38,6 +41,35 @@ std::string rendered(const std::string& page) {
         .output;
 }
 
+/// Adds what the pattern's group finds in the line.
+void collect(std::set<std::string>& found, const std::string& line, const std::regex& pattern) {
+    for (std::sregex_iterator it(line.begin(), line.end(), pattern); it != std::sregex_iterator();
+         ++it) {
+        found.insert((*it)[1].str());
+    }
+}
+
+/// The options that have an entry in the page.
+std::set<std::string> options_in_page(const std::string& page) {
+    std::set<std::string> options;
+    std::istringstream lines(rendered(page));
+    std::string section;
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line[0] != ' ') section = line;
+        if (section != "OPTIONS" || line.rfind("       -", 0) != 0) continue;
+        collect(options, line, std::regex("(?:^ {7}|, )(-[-a-z]+)"));
+    }
+    return options;
+}
+
+/// The options that a program's help names.
+std::set<std::string> options_in_help(const std::string& program) {
+    std::set<std::string> options;
+    const std::string help = pztest::run_command("'" + program + "' --help").output;
+    collect(options, help, std::regex("[ \n\\[](--?[a-z][-a-z]*)"));
+    return options;
+}
+
 }  // namespace
 
 TEST(manPagesTest, RenderWithoutWarnings) {
@@ -62,5 +94,21 @@ TEST(manPagesTest, TheOverviewNamesTheOtherPages) {
         const std::string reference =
             page.stem().string() + "(" + page.extension().string().substr(1) + ")";
         EXPECT_NE(std::string::npos, overview.find(reference)) << reference;
+    }
+}
+
+TEST(manPagesTest, ThePagesAndTheHelpOfTheProgramsNameTheSameOptions) {
+    const std::string tools = PZ_ROOT "/tools/";
+    const std::pair<std::string, std::string> programs[] = {
+        {tools + "heapview/pz-heapview", tools + "heapview/pz-heapview.1"},
+        {tools + "trace/pz-trace", tools + "trace/pz-trace.1"},
+#ifdef PZ_TOP
+        {PZ_TOP, tools + "top/pz-top.1"},
+#endif
+    };
+    for (const auto& [program, page] : programs) {
+        const std::set<std::string> options = options_in_page(page);
+        EXPECT_EQ(1U, options.count("--version")) << page;
+        EXPECT_EQ(options, options_in_help(program)) << page;
     }
 }

@@ -69,8 +69,9 @@ public:
     /// Whether it can be set and waited for.
     explicit operator bool() const noexcept;
 
-    /// Adds a signal; false when that failed. Never waits. When 65,536 are pending, all but one are
-    /// forgotten, and the answer is false.
+    /// Adds a signal; false when that failed (reported) and for an event that is false. Never
+    /// waits. When 65,536 are pending, all but one are forgotten, and the answer is false
+    /// (reported).
     bool set() noexcept;
 
     /// Forgets all signals.

@@ -75,7 +75,7 @@ public:
     explicit operator bool() const noexcept { return state_ != nullptr; }
 
     /// Writes one formatted line; the line feed is added when there is none. A line that is longer
-    /// than a file is cut. False when it is lost.
+    /// than a file is cut. False when it is lost, and for a null format (not reported).
     bool line(const char* format, ...) noexcept PZ_PRINTF_FORMAT(2, 3);
 
     /// Writes a line that is already formatted, likewise.

@@ -431,7 +431,8 @@ public:
     }
 
     /// Has `function` run on the worker's thread every `period`, first after one period. A period
-    /// of less than 1 ms is refused: the timer is false, and that is reported.
+    /// of less than 1 ms is refused. So are, as in after, an empty function and a worker that does
+    /// not run. The timer is false then (reported).
     template <typename F>
     [[nodiscard]] Timer every(std::chrono::milliseconds period, F&& function,
                               Priority priority = Priority::normal,
