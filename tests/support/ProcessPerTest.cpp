@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
     if (names.size() <= 1 && rounds == 1) return RUN_ALL_TESTS();
 
     std::vector<std::string> failed;
-    for (int round = 0; round < rounds; ++round) {
+    for (int round = 0; round != rounds; ++round) {  // -1: for ever
         for (const std::string& name : names) {
             if (!passes(name)) failed.push_back(name);
         }
