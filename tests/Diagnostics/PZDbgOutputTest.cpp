@@ -386,22 +386,6 @@ TEST_F(PZDbgOutputTest, PrintsNullInThePlaceOfAMissingFileAndFunction) {
               output.Take());
 }
 
-TEST_F(PZDbgOutputTest, TakesANullFormatAsAnEmptyMessage) {
-    const char* const none = nullptr;
-    const wchar_t* const noneWide = nullptr;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-    PZDbgOutput::DbgPrint("f.cpp", "f", 1, none);
-    PZDbgOutput::DbgPrint("f.cpp", "f", 1, PZDbgOutput::en_TAG_INFO, none);
-#pragma GCC diagnostic pop
-    PZDbgOutput::DbgPrint("f.cpp", "f", 1, noneWide);
-    EXPECT_EQ(padded_line(kDefault, "f ()@f.cpp(1) {} : ") +
-                  padded_line(kDefault, "[info] f()@f.cpp(1) {} : ") +
-                  padded_line(kDefault, "f ()@f.cpp(1) {} : "),
-              output.Take());
-}
-
 TEST_F(PZDbgOutputTest, PrintsTheNameOfTheProcess) {
     const pztest::ChildResult child = pztest::run_in_child([] {
         if (pz_FwInitialize("app", 1) == 0) return 1;
