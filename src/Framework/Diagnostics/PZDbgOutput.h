@@ -19,9 +19,8 @@
 ///            different threads do not mix within a line. While standard output is stuck (a pipe
 ///            that nobody reads), every report waits, even one that is made under a lock; the
 ///            thread may be cancelled there.
-/// Failures:  none; nothing is thrown, and errno keeps its value. A null file or function is
-/// printed
-///            as "(null)", a null format as an empty message.
+/// Failures:  none; nothing is thrown, and errno keeps its value. A null file or function prints
+///            "(null)"; a format must not be null.
 /// On request: SetStyle, or PZ_REPORT in the environment, changes how lines are printed; SetSink
 ///            hands every report to the application. Lines in the system log never change.
 class PZ_API PZDbgOutput {
