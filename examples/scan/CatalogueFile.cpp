@@ -105,8 +105,8 @@ void CatalogueFile::PrintChanges(const Catalogue& catalogue) const {
     std::printf("since the last scan: %u new, %u changed, %u gone\n", added, changed, gone);
 }
 
-// Written beside the old file and renamed over it: whoever pulls the plug meanwhile still has one
-// of the two.
+// Written beside the old file and renamed over it: a loss of power meanwhile still leaves one of
+// the two.
 bool CatalogueFile::Save(const Catalogue& catalogue) const {
     PZSerialization::Archive archive;
     archive.write(kFormat);

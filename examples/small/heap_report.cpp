@@ -34,7 +34,7 @@ int main() {
     if (pz_FwInitialize(name.c_str(), 1) == 0) return 1;
     void* const kept = Malloc(100);
     void* used = Malloc(50);
-    used = Realloc(used, 200);  // a block of its own: it is counted anew
+    used = Realloc(used, 200);  // a block of its own: it is counted again
     Free(used);
     stop_quietly();
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// Around a wait: whoever waits is not stuck.
+/// Around a wait: a thread that waits is not stuck.
 class WaitingScope : private PZUncopyable {
 public:
     WaitingScope() {

@@ -21,7 +21,7 @@ bool operator==(const Settings& a, const Settings& b);
 Settings load_settings(const std::string& path);
 
 /// Replaces the file in one step: it is written as `draft` first, which then takes its place.
-/// Whoever reads the file, or finds it after a crash, has the old settings or the new ones.
+/// A process that reads the file, or finds it after a crash, has the old settings or the new ones.
 bool store_settings(const Settings& settings, const std::string& path, const std::string& draft);
 
 #endif  // TWOPROCESS_SETTINGS_H

@@ -11,13 +11,12 @@
 
 /// The settings file of a folder, and the guard under which it is changed.
 ///
-/// Sides:   the tuner is the system side of the guard: it makes the mutex, makes it anew when a
+/// Sides:   the tuner is the system side of the guard: it makes the mutex, makes it again when a
 ///          process has died with it, and removes it. The display attaches while a tuner is on,
 ///          and attaches again when it finds that its mutex is gone.
-/// Waiting: nobody waits for the mutex inside the system, from where a mutex that is made anew
+/// Waiting: nobody waits for the mutex inside the system, from where a mutex that is made again
 ///          would not wake him: who does not get it, tries again, for up to two seconds.
-/// Log:     a try that finds the mutex held is no error here. The store keeps the guard's line
-/// about
+/// Log:     a try that finds the mutex held is no error here. The store keeps the guard's line of
 ///          it out of the log, with the one sink that a process has.
 /// Threads: one at a time.
 class SettingsStore {

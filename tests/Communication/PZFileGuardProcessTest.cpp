@@ -403,7 +403,7 @@ TEST_F(PZFileGuardProcessTest, DoesNotEndTheProcessWhateverStandsInItsMutex) {
 
 constexpr int kProcesses = 100;
 
-/// The contended file: a number, and the same number once more. Whoever adds one reads both
+/// The contended file: a number, and the same number once more. A process that adds one reads both
 /// numbers, and writes them one after the other: two at once would lose a count or leave two
 /// different numbers behind.
 class CounterFile {

@@ -70,6 +70,14 @@ std::shared_ptr<int> token(std::atomic<bool>& gone) {
             }};
 }
 
+/// A unit that does nothing with its messages.
+class Unit : public PZUnitFrame, public PZIDispatcher {
+public:
+    ~Unit() override { UnregistMsgBox(); }
+    void OnReceiveMsg(unsigned int, const void*, unsigned int) override {}
+    void OnReceiveEvent(unsigned int) override {}
+};
+
 }  // namespace
 
 class EasyWorkerTest : public testing::Test {
@@ -746,12 +754,6 @@ TEST_F(EasyWorkerTest, CallDoesNotCopyItsFunctionAndAnswersAReferenceAsACopy) {
 }
 
 TEST_F(EasyWorkerTest, PendingCountsTheMessagesOfUnitsToo) {
-    class Unit : public PZUnitFrame, public PZIDispatcher {
-    public:
-        ~Unit() override { UnregistMsgBox(); }
-        void OnReceiveMsg(unsigned int, const void*, unsigned int) override {}
-        void OnReceiveEvent(unsigned int) override {}
-    };
     pz::Worker worker("tuner");
     Unit unit;
     ASSERT_EQ(PZUnitFrame::en_SUCCESS, unit.RegistMsgBox(worker.box(), &unit));
@@ -767,12 +769,6 @@ TEST_F(EasyWorkerTest, PendingCountsTheMessagesOfUnitsToo) {
 }
 
 TEST_F(EasyWorkerTest, ReportsOfItsBoxNameTheNumberOfItsOptions) {
-    class Unit : public PZUnitFrame, public PZIDispatcher {
-    public:
-        ~Unit() override { UnregistMsgBox(); }
-        void OnReceiveMsg(unsigned int, const void*, unsigned int) override {}
-        void OnReceiveEvent(unsigned int) override {}
-    };
     pz::WorkerOptions options;
     options.number = 17;
     pz::Worker worker("tuner", options);

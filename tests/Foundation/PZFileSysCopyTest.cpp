@@ -736,7 +736,7 @@ int lose_to_a_directory(const char* path, mode_t mode) {
     return mkdir_call.Real(path, mode);
 }
 
-/// Whoever opens the source finds that the destination has appeared since it looked.
+/// A program that opens the source finds that the destination has appeared since it looked.
 FILE* lose_to_a_file(const char* path, const char* mode) {
     FILE* const stream = fopen64_call.Real(path, mode);
     if (path != opened) return stream;

@@ -45,7 +45,7 @@ public:
         std::function<std::string()> verdict;  ///< when nobody can go on; empty: as it must be
     };
 
-    /// The first failure, or an empty text when there is none. `setUp` makes the program anew.
+    /// The first failure, or an empty text when there is none. `setUp` makes the program again.
     std::string Explore(const std::function<Program()>& setUp) {
         decisions_.clear();
         do {

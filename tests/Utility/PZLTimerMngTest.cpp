@@ -93,7 +93,7 @@ Names sorted_names() {
     return names;
 }
 
-/// The process's timer manager, made anew for every test.
+/// The process's timer manager, made again for every test.
 class PZLTimerMngTest : public testing::Test {
 protected:
     void TearDown() override { PZSingletonFinalizer::finalize(); }

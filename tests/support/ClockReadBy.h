@@ -8,8 +8,8 @@
 
 namespace pztest {
 
-/// The clock that `body` reads last; -1 when it reads none. Ends a
-/// ManualTick. For executables that link pz_manual_tick.
+/// The clock that `body` reads last; -1 when it reads none. Ends a ManualTick. For executables that
+/// link pz_manual_tick.
 inline clockid_t clock_read_by(const std::function<void()>& body) {
     static clockid_t last;
     last = -1;

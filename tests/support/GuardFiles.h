@@ -61,7 +61,7 @@ public:
         return __atomic_load_n(&mutex->__data.__lock, __ATOMIC_ACQUIRE);
     }
 
-    /// The mutex, for whoever writes over it.
+    /// The mutex, for tests that write over it.
     pthread_mutex_t* Mutex() { return reinterpret_cast<pthread_mutex_t*>(content_); }
 
     unsigned char Byte() const { return __atomic_load_n(content_, __ATOMIC_ACQUIRE); }

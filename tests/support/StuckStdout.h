@@ -15,8 +15,8 @@
 
 namespace pztest {
 
-/// A standard output that nobody reads and that is full: whoever prints waits, until it ends. What
-/// was printed meanwhile is thrown away then.
+/// A standard output that nobody reads and that is full: a thread that prints waits, until it ends.
+/// What was printed meanwhile is thrown away then.
 class StuckStdout : private Uncopyable {
 public:
     StuckStdout() {

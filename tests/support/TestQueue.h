@@ -13,7 +13,7 @@
 
 namespace pztest {
 
-/// A queue name that no other test process uses; the queue is removed with it, whoever made it.
+/// A queue name that no other test process uses; the queue is removed with it, even another's.
 class QueueName : private Uncopyable {
 public:
     /// Filled up to `length` characters.

@@ -3,7 +3,8 @@
 
 namespace pztest {
 
-/// The base of what is given back once, at the end of its scope.
+/// The base of what is given back once, at the end of its scope. PZUncopyable is for the library:
+/// what the tests stand on needs none of it.
 class Uncopyable {
 public:
     Uncopyable(const Uncopyable&) = delete;
