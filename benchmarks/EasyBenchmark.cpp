@@ -50,6 +50,14 @@ struct Function {
 };
 static_assert(sizeof(Function) == kBytes);
 
+/// The same, but not plain bytes: it has to be moved and destroyed.
+struct OwningFunction : Function {
+    OwningFunction(const Function& function) : Function(function) {}
+    OwningFunction(const OwningFunction& other) noexcept : Function(other) {}
+    OwningFunction& operator=(const OwningFunction&) = delete;
+    ~OwningFunction() { benchmark::ClobberMemory(); }
+};
+
 class Dispatcher : public PZIDispatcher {
 public:
     explicit Dispatcher(Acknowledge& acknowledge) : acknowledge_(acknowledge) {}
@@ -67,12 +75,13 @@ void move_to(pz::Worker& worker, benchmark::State& state) {
 }
 
 /// range(0): posts in a batch; range(1): 1 or 2 processors.
+template <typename Posted>
 void post(benchmark::State& state) {
     const auto batch = static_cast<unsigned int>(state.range(0));
     Acknowledge acknowledge;
     pz::Worker worker("bench");
     move_to(worker, state);
-    const Function function = {&acknowledge, {}};
+    const Posted function = Function{&acknowledge, {}};
     for (auto _ : state) {
         acknowledge.Expect(batch);
         for (unsigned int i = 0; i < batch; ++i) worker.post(function);
@@ -407,7 +416,8 @@ BENCHMARK(stop_signal)->Name("easy/stop_signal");
 BENCHMARK(stop_signal_raw)->Name("easy/stop_signal:raw");
 BENCHMARK(sync_post)->Name("easy/sync_post");
 BENCHMARK(sync_post_raw)->Name("easy/sync_post:raw");
-BENCHMARK(post)->Name("easy/post:200_bytes")->Apply(batches);
+BENCHMARK(post<Function>)->Name("easy/post:200_bytes")->Apply(batches);
+BENCHMARK(post<OwningFunction>)->Name("easy/post:200_bytes_owned")->Apply(batches);
 BENCHMARK(post_raw)->Name("easy/post:200_bytes:raw")->Apply(batches);
 BENCHMARK(timer)->Name("easy/timer");
 BENCHMARK(timer_raw)->Name("easy/timer:raw");

@@ -605,6 +605,73 @@ TEST_F(EasyWorkerTest, AFullWorkerLeavesWhatCannotBePostedWithItsOwner) {
     EXPECT_NE(nullptr, valuable.value);
 }
 
+namespace {
+
+/// Counts how many of them live, and refuses every tenth copy.
+class Counted {
+public:
+    Counted(std::atomic<int>& alive, std::atomic<int>& run, int number)
+        : alive_(alive), run_(run), number_(number) {
+        ++alive_;
+    }
+    Counted(const Counted& other) : alive_(other.alive_), run_(other.run_), number_(other.number_) {
+        if (number_ % 10 == 0) throw std::bad_alloc();
+        ++alive_;
+    }
+    Counted& operator=(const Counted&) = delete;
+    ~Counted() { --alive_; }
+    void operator()() const { ++run_; }
+
+private:
+    std::atomic<int>& alive_;
+    std::atomic<int>& run_;
+    const int number_;
+};
+
+}  // namespace
+
+TEST_F(EasyWorkerTest, ThreadsThatPostAtOnceUseItsPlacesForFunctionsAgainAndAgain) {
+    constexpr int kThreads = 4;
+    constexpr int kPosts = 2000;
+    std::atomic<int> alive{0};
+    std::atomic<int> run{0};
+    std::atomic<int> accepted{0};
+    pz::Worker worker("tuner");
+    std::vector<std::thread> posters;
+    for (int i = 0; i < kThreads; ++i) {
+        posters.emplace_back([&] {
+            for (int number = 0; number < kPosts; ++number) {
+                const Counted function(alive, run, number);
+                const Posted expected = number % 10 == 0 ? Posted::full : Posted::ok;
+                const Posted answer = worker.post_wait(function, 60s);
+                EXPECT_EQ(expected, answer);
+                accepted += answer == Posted::ok ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& poster : posters) poster.join();
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(kThreads * kPosts * 9 / 10, accepted);
+    EXPECT_EQ(accepted, run);
+    EXPECT_EQ(0, alive);
+}
+
+TEST_F(EasyWorkerTest, AThreadThatLosesTheRoomToAnotherGoesOnWaitingForIt) {
+    std::atomic<int> run{0};
+    pz::Worker worker("tuner");
+    std::vector<std::thread> posters;
+    for (int i = 0; i < 4; ++i) {
+        posters.emplace_back([&] {
+            for (int number = 0; number < 20000; ++number) {
+                EXPECT_EQ(Posted::ok, worker.post_wait([&run] { ++run; }, 60s));
+            }
+        });
+    }
+    for (std::thread& poster : posters) poster.join();
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_EQ(80000, run);
+}
+
 TEST_F(EasyWorkerTest, WhatWaitsIsNotRunAfterAStopThatGaveUp) {
     pz::Worker worker("tuner");
     Busy busy(worker);

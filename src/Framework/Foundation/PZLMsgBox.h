@@ -108,7 +108,7 @@ private:
     static constexpr unsigned int kQuietHead = 4 * sizeof(void*);
     PZ_LOCAL EN_QUIET PushQuietly(ST_PUSH_MSG_DATA& d, const void* head,
                                   const std::atomic<bool>& isOpen, bool isReserved);
-    PZ_LOCAL bool Reserve();
+    PZ_LOCAL bool ReserveLocked() PZ_REQUIRES(msgSync_);
     PZ_LOCAL void GiveReservedBack();
     PZ_LOCAL unsigned int CountMessages();
     PZ_LOCAL unsigned int HandlerRunsForMs() const;  // while one does; there is a loop

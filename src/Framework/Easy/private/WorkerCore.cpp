@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <exception>
+#include <utility>
 #include <vector>
 
 #include <Framework/Diagnostics/PZReport.h>
@@ -230,20 +231,14 @@ Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
     // The clock is not read without need: that costs as much as all the rest.
     const Clock::time_point deadline = mayWait ? deadline_after(within) : Clock::time_point();
     do {
-        bool hasRoom = false;
-        {
-            const PZMutexLock lock(mutex_);
-            answer = Posted::stopped;
-            if (!accepting_) return nullptr;
-            answer = Posted::full;
-            hasRoom = TakeRoomLocked();
-            Job* const job = hasRoom ? TakeFreeLocked() : nullptr;
-            if (job != nullptr) {
-                job->place = place;
-                return job;
-            }
+        answer = Posted::stopped;
+        if (!accepting_) return nullptr;
+        answer = Posted::full;
+        Job* const job = IsManual() ? TakeByHand() : TakeWithRoom();
+        if (job != nullptr) {
+            job->place = place;
+            return job;
         }
-        if (hasRoom) GiveRoomBack();
     } while (mayWait && WaitForRoom(deadline));
     if (!accepting_) answer = Posted::stopped;
     return nullptr;
@@ -258,20 +253,33 @@ bool WorkerCore::WaitForRoom(Clock::time_point deadline) noexcept {
     const PZMutexLock lock(mutex_);
     waitingForRoom_.fetch_add(1);
     const auto mayGoOn = [this] { return !accepting_ || box_.CountMessages() < kCapacity; };
+    bool goesOn = mayGoOn();
     // The serving thread tells of room without a lock: one that it overlooks is found soon.
-    while (!mayGoOn() && Clock::now() < deadline) {
+    while (!goesOn && Clock::now() < deadline) {
         lock.WaitUntil(changed_, std::min(deadline, Clock::now() + kLookAgain));
+        goesOn = mayGoOn();
     }
     waitingForRoom_.fetch_sub(1);
-    return accepting_ && mayGoOn();
+    // Room that another thread has taken meanwhile is no reason to give up: there is time left.
+    return accepting_ && goesOn;
 }
 
-/// Keeps room for a message.
-bool WorkerCore::TakeRoomLocked() noexcept {
-    if (!IsManual()) return box_.Reserve();
-    if (manualPending_ >= kCapacity) return false;
-    ++manualPending_;
-    return true;
+/// A free job, and room for its message, under one lock: a post takes only one more then.
+Job* WorkerCore::TakeWithRoom() noexcept {
+    const PZSyncLock lock(box_.msgSync_);
+    Job* const job = TakeFreeLocked();
+    if (job == nullptr || box_.ReserveLocked()) return job;
+    ReleaseLocked(*job);
+    return nullptr;
+}
+
+Job* WorkerCore::TakeByHand() noexcept {
+    const PZMutexLock lock(mutex_);
+    if (manualPending_ >= kCapacity) return nullptr;
+    const PZSyncLock jobsLock(box_.msgSync_);
+    Job* const job = TakeFreeLocked();
+    if (job != nullptr) ++manualPending_;
+    return job;
 }
 
 void WorkerCore::GiveRoomBack() noexcept {
@@ -287,31 +295,39 @@ std::size_t WorkerCore::Pending() noexcept {
 }
 
 Job* WorkerCore::TakeFreeLocked() noexcept {
-    if (free_ == nullptr) free_ = returned_.exchange(nullptr, std::memory_order_acquire);
-    if (free_ == nullptr) {
-        if (usedJobs_ == kJobs) return nullptr;
-        Job& fresh = jobs_[usedJobs_++];
-        fresh.state.store(en_STATE_FREE, std::memory_order_relaxed);
-        return &fresh;
+    if (free_ != nullptr) return std::exchange(free_, free_->next);
+    if (reused_ != served_.load(std::memory_order_acquire)) {
+        return &jobs_[servedJobs_[reused_++ % kServedJobs]];
     }
-    Job* const job = free_;
-    free_ = job->next;
-    return job;
+    if (usedJobs_ == kJobs) return nullptr;
+    Job& fresh = jobs_[usedJobs_++];
+    fresh.state.store(en_STATE_FREE, std::memory_order_relaxed);
+    return &fresh;
 }
 
-// Never takes the lock: the serving thread does not wait for those who post.
-void WorkerCore::Release(Job& job) noexcept {
+void WorkerCore::ReleaseLocked(Job& job) noexcept {
     job.state.store(en_STATE_FREE, std::memory_order_relaxed);
-    Job* head = returned_.load(std::memory_order_relaxed);
-    do {
-        job.next = head;
-    } while (!returned_.compare_exchange_weak(head, &job, std::memory_order_release,
-                                              std::memory_order_relaxed));
+    job.next = free_;
+    free_ = &job;
+}
+
+void WorkerCore::Release(Job& job) noexcept {
+    const PZSyncLock lock(box_.msgSync_);
+    ReleaseLocked(job);
+}
+
+// Never takes the lock: the serving thread does not wait for those who post. It alone writes here,
+// and there is an entry for each job.
+void WorkerCore::ReleaseServed(Job& job) noexcept {
+    job.state.store(en_STATE_FREE, std::memory_order_relaxed);
+    const unsigned int served = served_.load(std::memory_order_relaxed);
+    servedJobs_[served % kServedJobs] = static_cast<unsigned short>(&job - jobs_.get());
+    served_.store(served + 1, std::memory_order_release);
 }
 
 Posted WorkerCore::Commit(Job& job, const JobType& type, Priority priority) noexcept {
     job.type = &type;
-    job.state.store(en_STATE_QUEUED);
+    job.state.store(en_STATE_QUEUED, std::memory_order_release);
     const Posted answer = Enqueue(job, priority);
     if (answer == Posted::ok) return answer;
     // A stop that gives up may have destroyed the function already.
@@ -411,7 +427,8 @@ __attribute__((no_sanitize("null"))) void WorkerCore::Execute(Job& job) {
     const PZScopeEnd taken([this, &job, hasFunction] {
         if (hasFunction) job.type->drop(job.room);
         isRunning_.store(false, std::memory_order_relaxed);
-        Release(job);
+        if (IsManual()) return Release(job);
+        ReleaseServed(job);
     });
     if (hasFunction) RunFunction(job.place, *job.type, job.room);
 }
@@ -518,12 +535,13 @@ bool WorkerCore::JoinIfFinished() noexcept {
     return true;
 }
 
-/// Destroys the functions that wait, without running them.
+/// Destroys the functions that wait, without running them. Nothing is accepted any more: after the
+/// lock every job is either seen as queued, or refused and destroyed by its poster.
 void WorkerCore::DropQueued() noexcept {
     isDropped_ = true;
     unsigned int used = 0;
     {
-        const PZMutexLock lock(mutex_);
+        const PZSyncLock lock(box_.msgSync_);
         used = usedJobs_;
     }
     for (unsigned int i = 0; i < used; ++i) {

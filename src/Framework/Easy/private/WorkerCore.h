@@ -116,7 +116,8 @@ private:
 
     static constexpr unsigned int kCapacity = 256;  // of the box
     static constexpr unsigned int kJobs = kCapacity + 1;
-    static constexpr unsigned int kPlain = kJobs;  // identifier of a message with a PlainHead
+    static constexpr unsigned int kServedJobs = 512;  // divides 2^32, holds all jobs
+    static constexpr unsigned int kPlain = kJobs;     // identifier of a message with a PlainHead
 
     /// Of a job.
     enum EN_STATE : int {
@@ -135,14 +136,17 @@ private:
     static Posted Answered(PZLMsgBox::EN_QUIET answer) noexcept;
     bool MayWait(std::chrono::milliseconds within) const noexcept;
     bool WaitForRoom(Clock::time_point deadline) noexcept;
-    bool TakeRoomLocked() noexcept PZ_REQUIRES(mutex_);
+    Job* TakeWithRoom() noexcept;
+    Job* TakeByHand() noexcept;
+    Job* TakeFreeLocked() noexcept PZ_REQUIRES(box_.msgSync_);
     void GiveRoomBack() noexcept;
-    Job* TakeFreeLocked() noexcept PZ_REQUIRES(mutex_);
     Posted Enqueue(Job& job, Priority priority) noexcept;
     Posted EnqueueByHand(const Job& job, unsigned int level) noexcept;
     void NoteTaken() noexcept;
     void TellOfRoom() noexcept;
     void Release(Job& job) noexcept;
+    void ReleaseLocked(Job& job) noexcept PZ_REQUIRES(box_.msgSync_);
+    void ReleaseServed(Job& job) noexcept;
     void Execute(Job& job);
     void ExecutePlain(const PlainHead& head);
     void RunFunction(const Place& place, const JobType& type, const void* room);
@@ -166,11 +170,13 @@ private:
     bool finished_ PZ_GUARDED_BY(mutex_) = true;  // there is no loop
     std::vector<std::shared_ptr<TimerCore>> timers_ PZ_GUARDED_BY(mutex_);
     const std::unique_ptr<Job[]> jobs_;
-    unsigned int usedJobs_ PZ_GUARDED_BY(mutex_) = 0;  // never used from here on
-    Job* free_ PZ_GUARDED_BY(mutex_) = nullptr;
-    std::atomic<Job*> returned_{nullptr};          // free as well; taken over as a whole
-    std::atomic<unsigned int> waitingForRoom_{0};  // threads
-    std::atomic<bool> isDropped_{false};           // what is posted is not run any more
+    unsigned int usedJobs_ PZ_GUARDED_BY(box_.msgSync_) = 0;  // never used from here on
+    Job* free_ PZ_GUARDED_BY(box_.msgSync_) = nullptr;
+    unsigned int reused_ PZ_GUARDED_BY(box_.msgSync_) = 0;  // of servedJobs_
+    unsigned short servedJobs_[kServedJobs];                // free as well: a ring
+    std::atomic<unsigned int> served_{0};                   // jobs put there, modulo 2^32
+    std::atomic<unsigned int> waitingForRoom_{0};           // threads
+    std::atomic<bool> isDropped_{false};                    // what is posted is not run any more
     PZPriorityQueue<QueuedJob> manualQueue_ PZ_GUARDED_BY(mutex_){kCapacity};
     unsigned int manualPending_ PZ_GUARDED_BY(mutex_) = 0;  // reserved or queued
 

@@ -362,8 +362,7 @@ PZLMsgBox::EN_QUIET PZLMsgBox::PushQuietly(ST_PUSH_MSG_DATA& d, const void* head
     return en_QUIET_OK;
 }
 
-bool PZLMsgBox::Reserve() {
-    const PZSyncLock lock(msgSync_);
+bool PZLMsgBox::ReserveLocked() {
     if (kept_ == nullptr || kept_->handOver.IsFullLocked()) return false;
     kept_->handOver.ReserveLocked();
     return true;
