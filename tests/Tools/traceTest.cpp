@@ -304,6 +304,12 @@ TEST(traceTest, RefusesWhatIsNoRecordingWithOneLine) {
     EXPECT_EQ("pz-trace: " + folder.File("pipe") + ": is no regular file\n", pipe.output);
 }
 
+TEST(traceTest, NamesTheFileThatCannotBeRead) {
+    const CommandResult shown = run_trace("show /proc/self/mem");  // its first page is no memory
+    EXPECT_EQ(1, shown.status);
+    EXPECT_EQ("pz-trace: /proc/self/mem: Input/output error\n", shown.output);
+}
+
 TEST(traceTest, SaysThatPerfFailsAtARecordingThatWasCut) {
     const TempDir folder;
     write_file(folder.File("cut"), "PERFILE2 and no more");
