@@ -1,3 +1,5 @@
+#include <atomic>
+#include <functional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -199,4 +201,94 @@ TEST(EasyEventTest, TellsAWaitableOfAProgramThatItsSignalWasTaken) {
     EXPECT_EQ(id, button.taker);
     EXPECT_EQ(std::nullopt, wait_any({&event, &button}, 0ms));
     EXPECT_EQ(1, button.takes);
+}
+
+namespace {
+
+/// Has two threads do something with an event that has one signal, again and again and both at the
+/// same time. Neither may wait: answers in how many rounds one of them did until there was a second
+/// signal.
+class Race {
+public:
+    explicit Race(const std::function<void(pz::Event&)>& action) {
+        std::thread first([&] { Run(action); });
+        std::thread second([&] { Run(action); });
+        for (int i = 0; i < kRounds && waits_ < kEnough; ++i) PlayRound();
+        ended_ = true;
+        ++round_;
+        first.join();
+        second.join();
+    }
+
+    int waits() const { return waits_; }
+
+private:
+    static constexpr int kRounds = 4000;
+    static constexpr int kEnough = 3;
+
+    void PlayRound() {
+        event_.reset();
+        event_.set();
+        done_ = 0;
+        ++round_;
+        const auto start = std::chrono::steady_clock::now();
+        bool waits = false;
+        while (done_ < 2) {
+            std::this_thread::yield();
+            if (waits || std::chrono::steady_clock::now() - start < 5s) continue;
+            waits = true;
+            ++waits_;
+            event_.set();
+        }
+    }
+
+    void Run(const std::function<void(pz::Event&)>& action) {
+        for (int seen = 0; !ended_;) {
+            if (round_ == seen) {
+                std::this_thread::yield();
+                continue;
+            }
+            seen = round_;
+            if (ended_) return;
+            action(event_);
+            ++done_;
+        }
+    }
+
+    pz::Event event_{};
+    std::atomic<int> round_{0};
+    std::atomic<int> done_{0};
+    std::atomic<bool> ended_{false};
+    int waits_ = 0;
+};
+
+}  // namespace
+
+TEST(EasyEventTest, AWaitThatLosesTheSignalToAnotherKeepsToItsTime) {
+    std::atomic<int> taken{0};
+    const Race race([&](pz::Event& event) { taken += event.wait(0ms) ? 1 : 0; });
+    EXPECT_EQ(0, race.waits());
+    EXPECT_LT(0, taken);
+}
+
+TEST(EasyEventTest, AResetThatLosesTheSignalToAnotherDoesNotWait) {
+    EXPECT_EQ(0, Race([](pz::Event& event) { event.reset(); }).waits());
+}
+
+TEST(EasyEventTest, AWaitWithoutALimitThatLosesTheSignalToAnotherGetsTheNext) {
+    pz::Event event;
+    std::atomic<int> taken{0};
+    const auto take = [&] {
+        for (int i = 0; i < 2000; ++i) taken += event.wait() ? 1 : 0;
+    };
+    std::thread first(take);
+    std::thread second(take);
+    for (int i = 0; i < 4000; ++i) {
+        EXPECT_TRUE(event.set());
+        while (taken < i - 1) std::this_thread::yield();  // never more than two signals
+    }
+    first.join();
+    second.join();
+    EXPECT_EQ(4000, taken);
+    EXPECT_FALSE(event.wait(0ms));
 }

@@ -26,6 +26,9 @@ public:
 
     /// The signals that are waited for; null when there are none (no memory, or moved from). After
     /// Qt's headers it can be called only below `#undef signals`.
+    ///
+    /// With the signals of a pz::Event, several threads may wait for the same, each for its own
+    /// time. With a PZEvent of the program's own, one thread.
     virtual PZEvent* signals() const noexcept = 0;
 
     /// Called by the thread whose wait has taken a signal.

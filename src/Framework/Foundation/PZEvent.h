@@ -3,6 +3,10 @@
 
 #include <Framework/PZApi.h>
 
+namespace pz {
+class Event;
+}
+
 /// A counting wake-up signal between the threads of one process.
 ///
 /// Every SetEvent adds one signal; a successful wait takes exactly one. Signals are kept in an
@@ -63,6 +67,12 @@ public:
                               unsigned long timeout);
 
 private:
+    friend class pz::Event;
+
+    // From now on a waiter that loses a signal to another does not wait for the next: the wait ends
+    // as timed out.
+    PZ_LOCAL void GiveWay();
+
     int readFd_;   // -1: not created
     int writeFd_;  // non-blocking; -1: not created
 };

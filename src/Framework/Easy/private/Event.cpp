@@ -46,8 +46,9 @@ std::optional<std::size_t> wait_for(std::initializer_list<Waitable*> list,
             list.begin()[index]->taken();
             return index;
         }
-        const bool isLeg = deadline != nullptr && detail::Clock::now() < *deadline;
-        if (result != kTimedOut || !isLeg) return std::nullopt;
+        // Another thread may have been faster: there is time left.
+        const bool isOver = deadline != nullptr && detail::Clock::now() >= *deadline;
+        if (result != kTimedOut || isOver) return std::nullopt;
     }
 }
 
@@ -68,7 +69,11 @@ std::optional<std::size_t> wait_any(std::initializer_list<Waitable*> list) {
 }
 
 Event::Event() noexcept : event_(new (std::nothrow) PZEvent) {
-    if (event_ == nullptr) PZ_REPORT_ERROR("no memory\n");
+    if (event_ == nullptr) {
+        PZ_REPORT_ERROR("no memory\n");
+        return;
+    }
+    event_->GiveWay();
 }
 
 Event::~Event() = default;

@@ -35,7 +35,7 @@ ssize_t put_signal(int writeFd) {
     return ::write(writeFd, &signal, sizeof signal);
 }
 
-/// Blocks when another waiter was faster: the read end is a blocking one.
+/// Blocks when another waiter was faster, unless the event gives way: EAGAIN then.
 bool take_signal(int readFd) {
     unsigned char signal = 0;
     return ::read(readFd, &signal, sizeof signal) == 1;
@@ -71,13 +71,20 @@ bool take_signals(const epoll_event* ready, int count) {
     return true;
 }
 
+/// What a signal that could not be taken means. The event gives way to another waiter: as if there
+/// had been none.
+[[gnu::cold, gnu::noinline]] int result_of_failed_take() {
+    return errno == EAGAIN ? kTimedOut : kError;
+}
+
 /// Waits until one of `count` watched events has a signal; takes it from the first, or one from
 /// each, that is ready. The number of ready entries, kTimedOut, or kError with errno.
 int take_ready(int epollFd, epoll_event* ready, int count, bool fromEach, int timeoutMs) {
     const int readyCount = pz_epoll_wait(epollFd, ready, count, timeoutMs);
     if (readyCount == 0) return kTimedOut;
     if (readyCount < 0) return kError;
-    return take_signals(ready, fromEach ? readyCount : 1) ? readyCount : kError;
+    if (take_signals(ready, fromEach ? readyCount : 1)) return readyCount;
+    return result_of_failed_take();
 }
 
 /// kSignalled when each of `count` watched events gave a signal, kTimedOut, or kError with errno.
@@ -132,6 +139,10 @@ void PZEvent::init(const char* /*name*/) {
     ::fcntl(writeEnd.Get(), F_SETFL, O_NONBLOCK);
     readFd_ = readEnd.Release();
     writeFd_ = writeEnd.Release();
+}
+
+void PZEvent::GiveWay() {
+    if (isInitialized()) ::fcntl(readFd_, F_SETFL, O_NONBLOCK);
 }
 
 bool PZEvent::isInitialized() const noexcept {
