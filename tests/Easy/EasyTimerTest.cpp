@@ -117,6 +117,23 @@ TEST_F(EasyTimerTest, AfterRunsOnceAndIsOver) {
     EXPECT_TRUE(timer.stop());
 }
 
+TEST_F(EasyTimerTest, AfterIsOverInItsOnlyRunAlready) {
+    int active = 0;
+    for (int i = 0; i < 300; ++i) {
+        std::atomic<bool> isDone{false};
+        pz::Timer timer;
+        const auto started = worker.call([&] {
+            timer = worker.after(0ms, [&] {
+                active += timer ? 1 : 0;
+                isDone = true;
+            });
+        });
+        ASSERT_TRUE(started);
+        ASSERT_TRUE(wait_until([&] { return isDone.load(); }));
+    }
+    EXPECT_EQ(0, active);
+}
+
 TEST_F(EasyTimerTest, AfterNoTimeRunsAtOnce) {
     std::atomic<int> runs{0};
     const pz::Timer first = worker.after(0ms, [&] { ++runs; });

@@ -152,6 +152,7 @@ void TimerCore::Run() {
         isPosted_ = false;
         if (isStopped_) return;
         isRunning_ = true;
+        if (!request_.isPeriodic) isOver_ = true;  // the thread that posts it says so too late
     }
     // Tells the thread that waits, also when the function throws.
     const PZScopeEnd running([this] { NoteDone(); });
