@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include <Framework/Easy/GuardedFile.h>
+#include <Framework/private/pz_descriptor.h>
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
@@ -223,6 +226,31 @@ TEST_F(EasyGuardedFileTest, AnUpdateInsideItselfIsRefusedInsteadOfWaitingForEver
     EXPECT_EQ(2U, pztest::count_of(capture.Take(), "is being updated by this thread"));
     EXPECT_EQ("s", settings.read());
     EXPECT_EQ("o", other.read());
+}
+
+TEST_F(EasyGuardedFileTest, WaitsItsTimeOnlyOnceWhenTheLockIsReplacedAgainAndAgain) {
+    const std::string lockPath = dir.File(".settings.lock");
+    const auto replaceLock = [&] {
+        std::filesystem::remove(lockPath);
+        PZDescriptor lock(::open(lockPath.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644));
+        EXPECT_EQ(0, ::flock(lock.Get(), LOCK_EX));
+        return lock;
+    };
+    PZDescriptor held = replaceLock();
+    const StdoutCapture capture;
+    std::atomic<bool> hasEnded{false};
+    std::thread waiting([&] {
+        EXPECT_FALSE(settings.update([](std::string&) { FAIL(); }, 300ms));
+        hasEnded = true;
+    });
+    const auto start = std::chrono::steady_clock::now();
+    while (!hasEnded && std::chrono::steady_clock::now() - start < 5s) {
+        std::this_thread::sleep_for(100ms);
+        held = replaceLock();  // that of before is free now
+    }
+    EXPECT_TRUE(hasEnded);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 300ms);
+    waiting.join();
 }
 
 TEST_F(EasyGuardedFileTest, RefusesAndReportsANullPointer) {

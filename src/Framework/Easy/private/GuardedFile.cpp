@@ -61,16 +61,14 @@ Read read_whole(const std::string& path, std::string& bytes, struct stat& info) 
 }
 
 /// 0, or errno: EWOULDBLOCK when the time is over.
-int lock_within(int file, std::chrono::milliseconds within) {
+int lock_until(int file, bool isLimited, detail::Clock::time_point deadline) {
     constexpr auto kLongestNap = std::chrono::milliseconds(20);
-    const bool isLimited = within != GuardedFile::kNoLimit;
-    const auto deadline = detail::deadline_after(within);
     auto nap = std::chrono::milliseconds(1);
     for (;;) {
         if (::flock(file, isLimited ? LOCK_EX | LOCK_NB : LOCK_EX) == 0) return 0;
         if (errno == EINTR) continue;
         if (errno != EWOULDBLOCK || detail::Clock::now() >= deadline) return errno;
-        std::this_thread::sleep_for(nap);
+        std::this_thread::sleep_until(std::min(detail::Clock::now() + nap, deadline));
         nap = std::min(nap * 2, kLongestNap);
     }
 }
@@ -156,13 +154,14 @@ bool FileUpdate::State::IsHeldByThread() const {
 }
 
 bool FileUpdate::State::Lock(std::chrono::milliseconds within) {
+    const Clock::time_point deadline = deadline_after(within);  // of all locks together
     for (;;) {
         if (!OpenLock()) return Refuse("open", lockPath_);
         if (IsHeldByThread()) {
             PZ_REPORT_ERROR("[%s] is being updated by this thread\n", path_.c_str());
             return false;
         }
-        const int error = lock_within(lock_.Get(), within);
+        const int error = lock_until(lock_.Get(), within != GuardedFile::kNoLimit, deadline);
         if (error == EWOULDBLOCK) {
             PZ_REPORT_ERROR("[%s] was not free within %lld ms\n", path_.c_str(),
                             static_cast<long long>(within.count()));
