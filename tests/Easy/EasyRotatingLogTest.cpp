@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -243,6 +244,19 @@ TEST_F(EasyRotatingLogTest, TwoObjectsDoNotShareALog) {
     EXPECT_FALSE(other.line("line 2"));
     EXPECT_TRUE(log.line("line 1"));
     EXPECT_EQ("line 1\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, StaysWithItsOwnerWhileOthersTryToOpenIt) {
+    const StdoutCapture capture;
+    pz::RotatingLog log(folder.c_str(), "app", 64, 2);
+    std::atomic<bool> isDone{false};
+    std::thread others([&] {
+        while (!isDone) const pz::RotatingLog other(folder.c_str(), "app", 64, 2);
+    });
+    for (int i = 0; i < 1000; ++i) log.text(std::string(60, 'x'));  // a file for each
+    isDone = true;
+    others.join();
+    EXPECT_EQ(0U, log.lost());
 }
 
 TEST_F(EasyRotatingLogTest, AProcessTakesTheLogOverFromOneThatWasKilled) {

@@ -101,7 +101,9 @@ private:
     void KeepTail(const std::string& path) const;
     bool IsInPlaceLocked() const PZ_REQUIRES(mutex_);
     bool EnsureOpenLocked() PZ_REQUIRES(mutex_);
+    bool TryOpenLocked() PZ_REQUIRES(mutex_);
     bool OpenLocked() PZ_REQUIRES(mutex_);
+    bool OpenNextLocked() PZ_REQUIRES(mutex_);
     bool RotateLocked() PZ_REQUIRES(mutex_);
     bool AppendLocked(std::string_view bytes, unsigned long long lines) PZ_REQUIRES(mutex_);
     bool LoseLocked(unsigned long long lines, const char* step) PZ_REQUIRES(mutex_);
@@ -187,7 +189,8 @@ bool RotatingLog::State::EnsureOpenLocked() {
     return IsInPlaceLocked() || OpenLocked();
 }
 
-bool RotatingLog::State::OpenLocked() {
+/// False with errno: EWOULDBLOCK when another object has the file.
+bool RotatingLog::State::TryOpenLocked() {
     // A fifo without a reader would keep its writer waiting.
     constexpr int kAppending = O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOFOLLOW;
     file_ = PZDescriptor(::open(path_.c_str(), kAppending | O_CLOEXEC, kFileMode));
@@ -199,14 +202,33 @@ bool RotatingLog::State::OpenLocked() {
         isMine = false;
         errno = EBUSY;
     }
-    if (!isMine) {
-        if (!isReported_) PZ_REPORT_ERRNO("open [%s]\n", path_.c_str());
-        isReported_ = true;
+    if (isMine) {
+        used_ = static_cast<std::size_t>(info.st_size);
+    } else {
+        const int error = errno;
         file_.Close();
-        return false;
+        errno = error;
     }
-    used_ = static_cast<std::size_t>(info.st_size);
-    return true;
+    return isMine;
+}
+
+bool RotatingLog::State::OpenLocked() {
+    if (TryOpenLocked()) return true;
+    if (!isReported_) PZ_REPORT_ERRNO("open [%s]\n", path_.c_str());
+    isReported_ = true;
+    return false;
+}
+
+/// Opens the newest file when the one before has just been renamed. Another object may be faster;
+/// but the log is this one's.
+bool RotatingLog::State::OpenNextLocked() {
+    constexpr int kMostTries = 100;
+    for (int i = 0; i < kMostTries; ++i) {
+        if (TryOpenLocked()) return true;
+        if (errno != EWOULDBLOCK) break;
+        ::unlink(path_.c_str());
+    }
+    return OpenLocked();
 }
 
 /// Makes room: afterwards the newest file is empty.
@@ -218,7 +240,7 @@ bool RotatingLog::State::RotateLocked() {
     }
     if (isMoved) {
         file_.Close();
-        return OpenLocked();
+        return OpenNextLocked();
     }
     // The only way to keep the size.
     if (::ftruncate(file_.Get(), 0) != 0) return false;
