@@ -13,14 +13,14 @@
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
-#include <Framework/Foundation/pz_framework.h>
 #include <Framework/Pattern/PZSubject.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 
 #include "support/Acknowledge.h"
+#include "support/FrameworkRun.h"
+#include "support/OneMoreTimer.h"
 #include "support/Processors.h"
-#include "support/RatioReporter.h"
 
 namespace {
 
@@ -130,28 +130,7 @@ BENCHMARK(post_from_posters)
 
 // ---- timers ----
 
-constexpr unsigned int kNeverMs = 3600000;  // an hour
 constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
-
-class SilentTimer : public PZLTimerBase {
-public:
-    int OnTimer(PZLTimerSubMng::_TimerInfo*) override { return 1; }
-};
-
-/// One more timer, beside those that are active.
-void timer_add_remove(benchmark::State& state) {
-    PZLTimerMng* const manager = PZLTimerMng::GetTimerMng();
-    std::vector<SilentTimer> active(static_cast<size_t>(state.range(0)));
-    PZLTimerMng::TimerSubInfo* band = nullptr;
-    for (SilentTimer& timer : active) band = manager->AddTimer(&timer, kNeverMs);
-
-    SilentTimer timer;
-    for (auto _ : state) {
-        manager->AddTimer(&timer, kNeverMs);
-        manager->RemoveTimer(band, &timer);
-    }
-    for (SilentTimer& each : active) manager->RemoveTimer(band, &each);
-}
 
 using Clock = std::chrono::steady_clock;
 
@@ -214,7 +193,10 @@ void timer_fire(benchmark::State& state) {
         state.SetIterationTime(DueTimers(count).Run() / static_cast<double>(count));
 }
 
-BENCHMARK(timer_add_remove)->Name("growth/timer_add+remove")->RangeMultiplier(10)->Range(1, 100000);
+BENCHMARK(pzbench::add_and_remove_timer)
+    ->Name("growth/timer_add+remove")
+    ->RangeMultiplier(10)
+    ->Range(1, 100000);
 BENCHMARK(timer_fire)
     ->Name("growth/timer_fire")
     ->RangeMultiplier(10)
@@ -271,8 +253,5 @@ BENCHMARK(convert)->Name("growth/convert_bytes")->RangeMultiplier(16)->Range(1, 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (pz_FwInitialize("bench", 1) == 0) return 1;
-    const int status = pzbench::run(argc, argv);
-    pz_FwFinalize();
-    return status;
+    return pzbench::run_in_framework(argc, argv);
 }

@@ -8,11 +8,10 @@
 
 #include <Framework/Foundation/PZUnitFrame.h>
 #include <Framework/Foundation/PZWorker.h>
-#include <Framework/Foundation/pz_framework.h>
 
 #include "support/Acknowledge.h"
+#include "support/FrameworkRun.h"
 #include "support/Processors.h"
-#include "support/RatioReporter.h"
 #include "support/RawEvent.h"
 
 namespace {
@@ -116,8 +115,5 @@ BENCHMARK(post_to_handle_raw)->Name("message/post_to_handle:raw")->Apply(all_way
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (pz_FwInitialize("bench", 1) == 0) return 1;
-    const int status = pzbench::run(argc, argv);
-    pz_FwFinalize();
-    return status;
+    return pzbench::run_in_framework(argc, argv);
 }

@@ -15,15 +15,14 @@
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZSync.h>
 #include <Framework/Foundation/PZSyncLock.h>
-#include <Framework/Foundation/pz_framework.h>
 #include <Framework/Utility/PZLTimerMng.h>
 
-#include "support/RatioReporter.h"
+#include "support/FrameworkRun.h"
+#include "support/OneMoreTimer.h"
 #include "support/RawEvent.h"
 
 namespace {
 
-constexpr unsigned int kNever = 3600000;  // an hour
 constexpr unsigned int kNoLimit = 0xFFFFFFFFU;
 constexpr long long kNsPerMs = 1000000;
 
@@ -33,30 +32,11 @@ long long now_ns() {
     return static_cast<long long>(now.tv_sec) * 1000000000LL + now.tv_nsec;
 }
 
-class SilentTimer : public PZLTimerBase {
-public:
-    int OnTimer(PZLTimerSubMng::_TimerInfo*) override { return 1; }
-};
-
-void add_remove(benchmark::State& state) {
-    PZLTimerMng* const manager = PZLTimerMng::GetTimerMng();
-    std::vector<SilentTimer> active(static_cast<size_t>(state.range(0)));
-    PZLTimerMng::TimerSubInfo* handle = nullptr;
-    for (SilentTimer& timer : active) handle = manager->AddTimer(&timer, kNever);
-
-    SilentTimer timer;
-    for (auto _ : state) {
-        manager->AddTimer(&timer, kNever);
-        manager->RemoveTimer(handle, &timer);
-    }
-    for (SilentTimer& each : active) manager->RemoveTimer(handle, &each);
-}
-
 /// A map under a lock, and the signal that wakes a waiting thread: what adding and removing needs.
 void add_remove_raw(benchmark::State& state) {
     std::map<const void*, unsigned long long> timers;
     std::vector<int> active(static_cast<size_t>(state.range(0)));
-    for (const int& each : active) timers[&each] = kNever;
+    for (const int& each : active) timers[&each] = pzbench::kNeverMs;
 
     PZSync sync;
     const pzbench::RawEvent added;
@@ -69,7 +49,7 @@ void add_remove_raw(benchmark::State& state) {
     for (auto _ : state) {
         {
             const PZSyncLock lock(sync);
-            timers.emplace(&timer, kNever);
+            timers.emplace(&timer, pzbench::kNeverMs);
         }
         added.TrySet();
         {
@@ -156,7 +136,10 @@ void lateness_raw(benchmark::State& state) {
     report_lateness(state, late);
 }
 
-BENCHMARK(add_remove)->Name("timer/add+remove")->RangeMultiplier(10)->Range(10, 10000);
+BENCHMARK(pzbench::add_and_remove_timer)
+    ->Name("timer/add+remove")
+    ->RangeMultiplier(10)
+    ->Range(10, 10000);
 BENCHMARK(add_remove_raw)->Name("timer/add+remove:raw")->RangeMultiplier(10)->Range(10, 10000);
 BENCHMARK(lateness)->Name("timer/lateness")->Args({1, 2000})->Args({10, 300})->Iterations(1);
 BENCHMARK(lateness_raw)
@@ -168,8 +151,5 @@ BENCHMARK(lateness_raw)
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (pz_FwInitialize("bench", 1) == 0) return 1;
-    const int status = pzbench::run(argc, argv);
-    pz_FwFinalize();
-    return status;
+    return pzbench::run_in_framework(argc, argv);
 }
