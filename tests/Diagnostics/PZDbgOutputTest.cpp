@@ -215,6 +215,13 @@ TEST_F(PZDbgOutputTest, PrintsAnUntaggedLineWithABlankAfterTheFunction) {
     EXPECT_EQ(Log(), system_log);
 }
 
+TEST_F(PZDbgOutputTest, TakesAFormatBeforeAStringANumberAndAStringForAFile) {
+    PZDbgOutput::DbgPrint("%s %d %s", "a", 1, "b");
+    EXPECT_EQ(padded_line(kDefault, "a ()@%s %d %s(1) {} : b"), output.Take());
+    PZDbgOutput::DbgPrint("%s %d", "a", 1);
+    EXPECT_EQ(coloured(kDefault, "a 1"), output.Take());
+}
+
 TEST_F(PZDbgOutputTest, DropsALineNumberOfMinusOneFromAnUntaggedLine) {
     PZDbgOutput::DbgPrint("../x/unit.cpp", "f", -1, "hi\n");
     EXPECT_EQ(padded_line(kDefault, "f ()@unit.cpp{} : hi\n"), output.Take());

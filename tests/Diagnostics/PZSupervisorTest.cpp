@@ -566,6 +566,30 @@ TEST_F(PZSupervisorTest, WatchesASubjectInThePlaceOfOneThatIsGone) {
     EXPECT_EQ(&subject, record.All()[0].object);
 }
 
+TEST_F(PZSupervisorTest, WatchesThe64SubjectsThatGotTheirFirstObserverFirst) {
+    constexpr size_t kWatched = 64;
+    ASSERT_TRUE(Start());
+    HangingObserver observer;
+    std::vector<PZSubject> subjects(kWatched + 1);
+    for (PZSubject& subject : subjects) subject.AddObserver(&observer);
+    PZSubject& last = subjects[kWatched - 1];
+    PZSubject& oneMore = subjects[kWatched];
+
+    OwnThread unseen("unseen", [&oneMore] { notify_all(oneMore); });
+    ASSERT_TRUE(unseen.IsStarted());
+    ASSERT_TRUE(observer.gate.WaitForArrival());
+    OwnThread seen("seen", [&last] { notify_all(last); });
+    ASSERT_TRUE(seen.IsStarted());
+    ASSERT_TRUE(record.WaitForCount(1));
+    WaitForLooks();
+    observer.gate.Open();
+    unseen.Join();
+    seen.Join();
+    for (PZSubject& subject : subjects) subject.RemoveObserver(&observer);
+    EXPECT_EQ(&last, ToldOf("seen")[0].object);
+    EXPECT_TRUE(ToldOf("unseen").empty());
+}
+
 TEST_F(PZSupervisorTest, TellsOfAThreadThatWaitsTooLongForALock) {
     ASSERT_TRUE(Start());
     PZSync lock;
@@ -694,6 +718,13 @@ TEST_F(PZSupervisorTest, TellsOfManyThreadsThatHangTogether) {
     for (const auto& worker : workers) worker->Release();
     ASSERT_TRUE(wait_until([&] { return told(true).size() == kThreads; }));
 
+    size_t open = 0;
+    size_t mostOpen = 0;
+    for (const Told& one : record.All()) {
+        one.isOver ? --open : ++open;
+        mostOpen = std::max(mostOpen, open);
+    }
+    EXPECT_EQ(kAtATime, mostOpen);
     for (const bool isOver : {false, true}) {
         std::vector<std::string> names = told(isOver);
         std::sort(names.begin(), names.end());

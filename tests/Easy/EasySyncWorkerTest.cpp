@@ -140,6 +140,21 @@ TEST_F(EasySyncWorkerTest, HoldsAsManyPostsAsAWorkerAndThenAnswersFull) {
     EXPECT_EQ(256U, worker.run_all());
 }
 
+TEST_F(EasySyncWorkerTest, APeriodThatFindsNoRoomIsMissed) {
+    const pztest::StdoutCapture output;
+    const pz::Timer timer = worker.every(1ms, note('t'));
+    while (worker.post(note('p')) == Posted::ok) {
+    }
+    clock.advance(1ms);
+    clock.advance(1ms);
+    EXPECT_EQ(2U, timer.missed());
+    worker.run_all();
+    clock.advance(1ms);
+    worker.run_all();
+    EXPECT_EQ('t', order.back());
+    EXPECT_EQ(2U, timer.missed());
+}
+
 TEST_F(EasySyncWorkerTest, StopServesWhatIsPosted) {
     const pz::Timer timer = worker.every(1ms, note('t'));
     worker.post(note('a'));
