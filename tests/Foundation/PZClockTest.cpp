@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/rtc.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -1702,6 +1703,24 @@ TEST_F(PZClockZoneFileTest, IsNotWrittenThroughALinkOrAPipeThatCannotBeReplaced)
         run_in_child([] { return PZClock::SetTimeZone(60) ? 1 : 42; }, /*limitSeconds=*/20);
     EXPECT_EQ(42, result.status);
     mkdtemp_call.Reset();
+}
+
+TEST_F(PZClockZoneFileTest, IsReadFromAPipeOnceThatHasAWriter) {
+    const std::string zone = pztest::read_file(zone_file_source);
+    ASSERT_EQ(0, ::unlink(zone_file_source.c_str()));
+    ASSERT_EQ(0, ::mkfifo(zone_file_source.c_str(), 0600));
+    StartFrom("XST");
+    const std::string reader = "/proc/" + std::to_string(getpid()) + "/stat";
+    pztest::ChildProcess writer([&] {
+        // Without a nap, which these tests keep to themselves.
+        while (pztest::count_of(pztest::read_file(reader), ") S ") == 0) sched_yield();
+        const int fifo = ::open(zone_file_source.c_str(), O_WRONLY | O_NONBLOCK);
+        const auto written = ::write(fifo, zone.data(), zone.size());
+        return written == static_cast<ssize_t>(zone.size()) ? 0 : 2;
+    });
+    EXPECT_TRUE(PZClock::SetTimeZone(60));
+    EXPECT_EQ(0, writer.Wait());
+    EXPECT_EQ(zone, Active());
 }
 
 TEST_F(PZClockZoneFileTest, LeavesADirectoryInItsPlaceAndReportsIt) {

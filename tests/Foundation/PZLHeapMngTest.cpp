@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -1790,6 +1791,20 @@ TEST_F(PZLHeapMngAllocatorTest, ReportsTheSecondFreeOfABlockWhoseMemoryWasReused
     std::memset(p, 0, 4 + kTrailerSize);
     EXPECT_EQ(Errors{kCorruption}, errors_of_free(p));
     EXPECT_EQ(1, watch.freesOfKept);
+}
+
+TEST_F(PZLHeapMngAllocatorTest, WritesTheMapsWithoutMemory) {
+    const pztest::TempDir dir;
+    const std::string path = dir.File("a.maps");
+    void* const block = Malloc(1);
+    malloc_call.FailNext(ENOMEM, INT_MAX);
+    realloc_call.FailNext(ENOMEM, INT_MAX);
+    const bool isWritten = pz_HeapWriteMaps(path.c_str());
+    malloc_call.Reset();
+    realloc_call.Reset();
+    Free(block);
+    EXPECT_TRUE(isWritten);
+    EXPECT_EQ(1U, pztest::count_of(pztest::read_file(path), "thread 0x"));
 }
 
 TEST_F(PZLHeapMngAllocatorTest, FreesOutsideItsLock) {

@@ -799,6 +799,26 @@ TEST_F(PZSyncTest, IsGivenBackByAnotherThread) {
     EXPECT_EQ(Texts{}, Messages());
 }
 
+#if !PZ_THREAD_SANITIZER  // which reports a thread that ends with a lock
+TEST_F(PZSyncTest, AThreadThatEndsWithItLeavesItToLaterThreadsOfTheSameIdentity) {
+    PZSync sync;
+    const pthread_t owner = in_other_thread([&sync] {
+        sync.Lock(kNoTimeLimit);
+        return pthread_self();
+    });
+    EXPECT_EQ(1U, sync.Lock(0));  // this thread's identity is another one
+    bool isReused = false;
+    for (int i = 0; i < 1000 && !isReused; ++i) {
+        in_other_thread([&] {
+            isReused = pthread_equal(owner, pthread_self()) != 0;
+            EXPECT_EQ(isReused ? 0U : 1U, sync.Lock(0));
+            return 0;
+        });
+    }
+    EXPECT_TRUE(isReused);
+}
+#endif
+
 TEST_F(PZSyncTest, AnUnlockWithoutALockLetsOneMoreThreadIn) {
     PZSync sync;
     sync.Unlock();

@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -367,3 +369,30 @@ TEST_F(PZCRCTest, LetsItsThreadBeCancelledWhileItReads) {
     EXPECT_EQ(descriptorsBefore, pztest::open_descriptors());
     ::close(peer);
 }
+
+// The sanitizers keep the allocator to themselves.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+PZ_INTERPOSE(malloc, 1);
+
+TEST_F(PZCRCTest, FailsWithoutMemoryForItsStreamAndLeavesTheResult) {
+    pztest::write_file(path, "123456789");
+    unsigned long result = kUntouched;
+    malloc_call.FailNext(ENOMEM, INT_MAX);
+    const bool isDone = crc.CRC32(path.c_str(), result);
+    malloc_call.Reset();
+    EXPECT_FALSE(isDone);
+    EXPECT_EQ(kUntouched, result);
+}
+
+TEST_F(PZCRCTest, ReadsWithoutABufferWhereThereIsNoMemoryForIt) {
+    pztest::write_file(path, "123456789");
+    unsigned long result = kUntouched;
+    malloc_call.FailNext(ENOMEM, INT_MAX, /*skip=*/1);
+    const bool isDone = crc.CRC32(path.c_str(), result);
+    malloc_call.Reset();
+    EXPECT_TRUE(isDone);
+    EXPECT_EQ(0xCBF43926U, result);
+}
+
+#endif
