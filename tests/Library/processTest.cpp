@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
@@ -468,6 +469,33 @@ TEST(processTest, ThreadsHaveTheDefaultStackSizeOfTheProcess) {
         pz_FwFinalize();
         return true;
     });
+}
+
+namespace {
+
+int exit_handlers_of_the_library = 0;
+
+/// True for an address inside the library.
+bool is_of_the_library(const void* address) {
+    Dl_info asked = {};
+    Dl_info library = {};
+    return dladdr(address, &asked) != 0 &&
+           dladdr(reinterpret_cast<const void*>(&pz_FwInitialize), &library) != 0 &&
+           asked.dli_fbase == library.dli_fbase;
+}
+
+}  // namespace
+
+// What atexit and the destructors of static objects are registered with.
+extern "C" int __cxa_atexit(void (*function)(void*), void* argument, void* library) {
+    static const auto real =
+        reinterpret_cast<decltype(&__cxa_atexit)>(dlsym(RTLD_NEXT, "__cxa_atexit"));
+    if (is_of_the_library(library)) ++exit_handlers_of_the_library;
+    return real(function, argument, library);
+}
+
+TEST(processTest, TheLibraryRegistersNoExitHandlersWhateverIsUsed) {
+    in_child([] { return use_the_framework() && HOLDS(exit_handlers_of_the_library == 0); });
 }
 
 TEST(processTest, EndsWithItsThreadsRunningAndWithoutALeakReport) {
