@@ -881,6 +881,21 @@ TEST_F(EasyWorkerTest, AnExceptionOfACopyLeavesThePostAndNothingElseBehind) {
     }
 }
 
+TEST_F(EasyWorkerTest, WaitsForMemoryWithPauses) {
+    pz::Worker worker("tuner");
+    ASSERT_TRUE(worker);
+    Posted answer = Posted::ok;
+    int refused = 0;
+    {
+        const MemoryShortage shortage;
+        answer = worker.post_wait([] {}, 100ms);
+        refused = shortage.Refused();
+    }
+    EXPECT_EQ(Posted::full, answer);
+    EXPECT_LE(1, refused);
+    EXPECT_GE(50, refused) << "one for each pause, and not as many as a processor can make";
+}
+
 TEST_F(EasyWorkerTest, AfterAStopThatHasFailedTheDestructorDoesNotWaitAgain) {
     std::atomic<bool> gone{false};
     const auto gate = std::make_shared<Gate>();

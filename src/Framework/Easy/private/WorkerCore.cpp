@@ -25,6 +25,7 @@ constexpr std::chrono::milliseconds kNone(0);
 constexpr std::chrono::milliseconds kGrace(100);
 constexpr std::chrono::milliseconds kLookAgain(10);
 constexpr std::chrono::milliseconds kLongest(kLongestMs);
+constexpr int kMostFailed = 16;  // attempts to post, one right after the other
 
 /// As the box counts it.
 unsigned int level_of(Priority priority) noexcept {
@@ -200,7 +201,7 @@ Posted WorkerCore::PostPlainWithin(const PlainHead& head, const void* function, 
     if (answer != Posted::full || !MayWait(within)) return answer;
 
     const Clock::time_point deadline = deadline_after(within);
-    while (WaitForRoom(deadline)) {
+    for (int failed = 0; WaitForRoom(deadline, failed); ++failed) {
         const Posted again = PushPlain(head, function, size, priority);
         if (again != Posted::full) return again;
     }
@@ -230,6 +231,7 @@ Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
     const bool mayWait = MayWait(within);
     // The clock is not read without need: that costs as much as all the rest.
     const Clock::time_point deadline = mayWait ? deadline_after(within) : Clock::time_point();
+    int failed = 0;
     do {
         answer = Posted::stopped;
         if (!accepting_) return nullptr;
@@ -239,7 +241,7 @@ Job* WorkerCore::Reserve(std::chrono::milliseconds within, const Place& place,
             job->place = place;
             return job;
         }
-    } while (mayWait && WaitForRoom(deadline));
+    } while (mayWait && WaitForRoom(deadline, failed++));
     if (!accepting_) answer = Posted::stopped;
     return nullptr;
 }
@@ -248,12 +250,13 @@ bool WorkerCore::MayWait(std::chrono::milliseconds within) const noexcept {
     return within > kNone && !IsManual() && !IsOwnThread();
 }
 
-/// False when there is no room in time, or the service has ended.
-bool WorkerCore::WaitForRoom(Clock::time_point deadline) noexcept {
+/// False when there is no room in time, or the service has ended. `failed`: how often there was
+/// room, but another thread took it, or memory was short. After many times there is a pause first.
+bool WorkerCore::WaitForRoom(Clock::time_point deadline, int failed) noexcept {
     const PZMutexLock lock(mutex_);
     waitingForRoom_.fetch_add(1);
     const auto mayGoOn = [this] { return !accepting_ || box_.CountMessages() < kCapacity; };
-    bool goesOn = mayGoOn();
+    bool goesOn = failed < kMostFailed && mayGoOn();
     // The serving thread tells of room without a lock: one that it overlooks is found soon.
     while (!goesOn && Clock::now() < deadline) {
         lock.WaitUntil(changed_, std::min(deadline, Clock::now() + kLookAgain));

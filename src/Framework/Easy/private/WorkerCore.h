@@ -135,7 +135,7 @@ private:
                      Priority priority) noexcept;
     static Posted Answered(PZLMsgBox::EN_QUIET answer) noexcept;
     bool MayWait(std::chrono::milliseconds within) const noexcept;
-    bool WaitForRoom(Clock::time_point deadline) noexcept;
+    bool WaitForRoom(Clock::time_point deadline, int failed) noexcept;
     Job* TakeWithRoom() noexcept;
     Job* TakeByHand() noexcept;
     Job* TakeFreeLocked() noexcept PZ_REQUIRES(box_.msgSync_);
