@@ -115,7 +115,7 @@ PZ_API int pz_wc16tomb(char* dst, unsigned int dst_size, EN_XCP to, const unsign
                        int src_len, EN_XCP from);
 
 /// The likely code page of `size` bytes of `text`; XCP_NONE when there is none, or when it is not
-/// supported.
+/// supported, and, reported, for null, for no bytes, and when ICU fails.
 ///
 /// The best match wins, unless it is less certain than `threshold` (0 to 100) and `hint` is among
 /// the candidates: then the hint wins. XCP_NONE as the hint means no hint.

@@ -88,7 +88,7 @@ PZ_API bool pz_create_process(const char* program, pid_t* pidOut, const char* ar
 
 /// Formats into `dst`: at most `count` characters; the rest of its `count` characters is zeroed, so
 /// a text that is cut has no terminator. Returns the number of characters stored, terminator not
-/// counted; 0 for a null `dst` or `format`.
+/// counted; 0 for a null `dst` or `format`, and without memory (reported; `dst` is all zero then).
 ///
 /// A conversion is %[flags][width][.precision][length]letter. The C library's formatting is the
 /// model, with these letters:
