@@ -19,12 +19,27 @@
 #include "support/Interposed.h"
 #include "support/StdoutCapture.h"
 
+PZ_INTERPOSE(getpid, 0);
 PZ_INTERPOSE(write, 3);
 
 namespace {
 
 /// Looks the real function up, which a signal's handler may not do.
 [[maybe_unused]] const ssize_t first_write = ::write(-1, nullptr, 0);
+[[maybe_unused]] const pid_t first_getpid = ::getpid();
+
+thread_local bool is_held_up = false;
+std::atomic<bool> has_begun{false};
+std::atomic<bool> may_go_on{false};
+
+/// Holds a signal's handler up at its beginning.
+pid_t getpid_later() {
+    if (is_held_up) {
+        has_begun = true;
+        while (!may_go_on) std::this_thread::yield();
+    }
+    return getpid_call.Real();
+}
 
 }  // namespace
 
@@ -119,6 +134,26 @@ TEST(EasyStopSignalTest, MayBeMadeAndDestroyedWhileSignalsArrive) {
         killer.join();
         return always.number() != 0 ? 0 : 1;
     });
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyStopSignalTest, ASignalForAFormerOneDoesNotStopTheNext) {
+    const ChildResult result = run_in_child([] {
+        getpid_call.Replace(&getpid_later);
+        auto former = std::make_unique<pz::StopSignal>();
+        std::thread signalled([] {
+            is_held_up = true;
+            ::pthread_kill(::pthread_self(), SIGINT);
+            is_held_up = false;
+        });
+        while (!has_begun) std::this_thread::yield();
+        former.reset();
+        may_go_on = true;
+        signalled.join();
+        const pz::StopSignal next;
+        return next.number() == 0 ? 0 : 1;
+    });
+    EXPECT_TRUE(result.exited);
     EXPECT_EQ(0, result.status) << result.output;
 }
 

@@ -68,6 +68,7 @@ ST_HANDLERS& handlers() noexcept {
 }
 
 void install_locked(ST_HANDLERS& state) PZ_REQUIRES(state.mutex) {
+    stop_number = 0;  // a handler may have noted a signal after the last StopSignal had gone
     struct sigaction action = {};
     action.sa_handler = &note_stop;
     // The second one ends the process; what the first interrupts goes on.
@@ -82,7 +83,6 @@ void restore_locked(const ST_HANDLERS& state) PZ_REQUIRES(state.mutex) {
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
         ::sigaction(kSignals[i], &state.former[i], nullptr);
     }
-    stop_number = 0;
 }
 
 /// From now on it is the calling process: no event of its parent is signalled any more.
