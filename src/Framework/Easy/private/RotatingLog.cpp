@@ -101,9 +101,9 @@ private:
     void KeepTail(const std::string& path) const;
     bool IsInPlaceLocked() const PZ_REQUIRES(mutex_);
     bool EnsureOpenLocked() PZ_REQUIRES(mutex_);
-    bool TryOpenLocked() PZ_REQUIRES(mutex_);
+    PZ_LOCAL bool TryOpenLocked() PZ_REQUIRES(mutex_);
     bool OpenLocked() PZ_REQUIRES(mutex_);
-    bool OpenNextLocked() PZ_REQUIRES(mutex_);
+    PZ_LOCAL bool OpenNextLocked() PZ_REQUIRES(mutex_);
     bool RotateLocked() PZ_REQUIRES(mutex_);
     bool AppendLocked(std::string_view bytes, unsigned long long lines) PZ_REQUIRES(mutex_);
     bool LoseLocked(unsigned long long lines, const char* step) PZ_REQUIRES(mutex_);
