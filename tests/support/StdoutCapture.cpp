@@ -45,14 +45,12 @@ std::string StdoutCapture::Take() {
     std::fflush(stdout);
     std::string text;
     char buffer[4096];
-    off_t offset = 0;
     ssize_t got = 0;
-    while ((got = pread(fileFd_, buffer, sizeof buffer, offset)) > 0) {
+    // The file is left as it is: what another thread writes meanwhile is for the next call.
+    while ((got = pread(fileFd_, buffer, sizeof buffer, taken_)) > 0) {
         text.append(buffer, static_cast<size_t>(got));
-        offset += got;
+        taken_ += got;
     }
-    if (ftruncate(fileFd_, 0) != 0) std::abort();
-    lseek(fileFd_, 0, SEEK_SET);
     if (text.find(kFailedCheck) != kNone) write_all(savedFd_, text);
     return text;
 }

@@ -1,6 +1,8 @@
 #ifndef PZ_TESTS_SUPPORT_STDOUTCAPTURE_H
 #define PZ_TESTS_SUPPORT_STDOUTCAPTURE_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -21,6 +23,7 @@ public:
 private:
     int savedFd_;
     int fileFd_;
+    off_t taken_ = 0;  // bytes of the file
 };
 
 /// The line as the debug output prints it: right-aligned to 80 columns between `colour` and the
