@@ -52,8 +52,8 @@ static_assert(sizeof(Function) == kBytes);
 
 /// The same, but not plain bytes: it has to be moved and destroyed.
 struct OwningFunction : Function {
-    OwningFunction(const Function& function) : Function(function) {}
-    OwningFunction(const OwningFunction& other) noexcept : Function(other) {}
+    explicit OwningFunction(const Function& function) : Function(function) {}
+    OwningFunction(const OwningFunction& other) = default;
     OwningFunction& operator=(const OwningFunction&) = delete;
     ~OwningFunction() { benchmark::ClobberMemory(); }
 };
@@ -81,7 +81,7 @@ void post(benchmark::State& state) {
     Acknowledge acknowledge;
     pz::Worker worker("bench");
     move_to(worker, state);
-    const Posted function = Function{&acknowledge, {}};
+    const Posted function(Function{&acknowledge, {}});
     for (auto _ : state) {
         acknowledge.Expect(batch);
         for (unsigned int i = 0; i < batch; ++i) worker.post(function);
