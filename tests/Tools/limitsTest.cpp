@@ -19,30 +19,25 @@ std::string cell(const std::string& row, int number) {
     return row.substr(at, row.find(" |", at) - at);
 }
 
-/// The tables of a page's section: the first column and the one of that number.
-Table tables_of(const std::string& page, const std::string& title, int column) {
-    Table tables;
-    bool isInside = false;
-    for (const std::string& line : pztest::lines_of(pztest::read_file(PZ_ROOT "/docs/" + page))) {
-        if (line.compare(0, 3, "## ") == 0) isInside = line == title;
-        if (isInside && line.compare(0, 2, "| ") == 0) tables[cell(line, 0)] = cell(line, column);
+/// The first table of docs/limits.md, for the kind of machine that this test runs on.
+Table page() {
+    constexpr int kColumn = sizeof(void*) == 4 ? 2 : 1;
+    Table table;
+    for (const std::string& line : pztest::lines_of(pztest::read_file(PZ_ROOT "/docs/limits.md"))) {
+        if (line == "## Fixed") break;
+        if (line.compare(0, 2, "| ") == 0) table[cell(line, 0)] = cell(line, kColumn);
     }
-    return tables;
-}
-
-/// What docs/limits.md says for the kind of machine that this test runs on.
-Table measured_before() {
-    return tables_of("limits.md", "## Measured", sizeof(void*) == 4 ? 2 : 1);
+    return table;
 }
 
 }  // namespace
 
 TEST(limitsTest, ThePageHoldsWhatIsMeasured) {
-    const Table table = measured_before();
+    const Table table = page();
     const pztest::CommandResult measured = pztest::run_command("'" PZ_LIMITS "' --exact");
     ASSERT_EQ(0, measured.status);
     const auto lines = pztest::lines_of(measured.output);
-    ASSERT_EQ(2U, lines.size()) << measured.output;
+    ASSERT_EQ(6U, lines.size()) << measured.output;
     for (const std::string& line : lines) {
         const std::string quantity = line.substr(0, line.find('\t'));
         const auto row = table.find(quantity);
@@ -51,14 +46,14 @@ TEST(limitsTest, ThePageHoldsWhatIsMeasured) {
     }
 }
 
+// The rest of the table is not the same on every machine, but follows from these rows.
 TEST(limitsTest, TheNumberOfWorkersFollowsFromTheNumberOfDescriptors) {
-    const Table descriptors = tables_of("process.md", "## Descriptors", 1);
-    // A row begins with its number.
-    const int started = 4 + std::stoi(descriptors.at("`pz_FwInitialize`"));
-    const int worker = std::stoi(descriptors.at("`PZWorker`"));
-    const int wait = std::stoi(descriptors.at("a wait for events"));
-    const int workers = std::stoi(
-        measured_before().at("workers of a process with 1,024 descriptors, 4 of them its own"));
-    EXPECT_LE(started + workers * worker, 1024 - wait);
-    EXPECT_GT(started + (workers + 1) * worker, 1024 - wait);
+    const Table table = page();
+    const auto number = [&table](const char* quantity) { return std::stoi(table.at(quantity)); };
+    const int started =
+        4 + number("descriptors of a started process beside its own (and 1 with a log daemon)");
+    const int workers = number("workers of a process with 1,024 descriptors, 4 of them its own");
+    const int worker = number("descriptors of a worker that waits");
+    EXPECT_LE(started + workers * worker, 1024 - 1);  // one for the wait for the start
+    EXPECT_GT(started + (workers + 1) * worker, 1024 - 1);
 }

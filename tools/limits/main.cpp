@@ -47,10 +47,11 @@ void print(const char* quantity, long value) {
 struct ST_DESCRIPTORS {
     int all;
     int waits;
+    int sockets;
 };
 
 ST_DESCRIPTORS descriptors() {
-    ST_DESCRIPTORS count = {0, 0};
+    ST_DESCRIPTORS count = {0, 0, 0};
     DIR* const folder = opendir("/proc/self/fd");
     if (folder == nullptr) fail("no /proc");
     while (const dirent* const entry = readdir(folder)) {
@@ -61,6 +62,7 @@ ST_DESCRIPTORS descriptors() {
         const std::string kind(static_cast<const char*>(target));
         ++count.all;
         count.waits += kind == "anon_inode:[eventpoll]" ? 1 : 0;
+        count.sockets += kind.compare(0, 7, "socket:") == 0 ? 1 : 0;
     }
     closedir(folder);
     --count.all;  // of the folder itself
@@ -93,6 +95,26 @@ void in_child(void (*measure)()) {
     }
     int status = -1;
     if (waitpid(child, &status, 0) != child || status != 0) fail("a measurement has failed");
+}
+
+// The connection to the system log exists only where a log daemon runs.
+void count_descriptors() {
+    const int before = descriptors().all;
+    {
+        const PZEvent event;
+        print("descriptors of a PZEvent", descriptors().all - before);
+    }
+    start_framework();
+    const ST_DESCRIPTORS started = descriptors();
+    print("descriptors of a started process beside its own (and 1 with a log daemon)",
+          started.all - before - started.sockets);
+    PZWorker worker(1, 4000, 1);
+    print("descriptors of a worker before Start", descriptors().all - started.all);
+    if (worker.Start("worker") != 0) fail("a worker does not start");
+    wait_for_waits(kTimerThreads);
+    print("descriptors of a worker that waits", descriptors().all - started.all);
+    worker.End(0);
+    pz_FwFinalize();
 }
 
 void count_signals() {
@@ -244,6 +266,7 @@ int main(int argc, char** argv) {
     results = fdopen(dup(STDOUT_FILENO), "w");
     if (results == nullptr || std::freopen("/dev/null", "w", stdout) == nullptr) fail("no output");
 
+    in_child(&count_descriptors);
     in_child(&count_signals);
     in_child(&measure_block);
     if (isExact) return 0;
