@@ -125,6 +125,44 @@ TEST(pz_inspectionTest, Notes32OfTheThreadsThatWaitForALock) {
     EXPECT_EQ(0, waiting_for(lock));
 }
 
+TEST(pz_inspectionTest, NotesThreadsThatWouldUseTheSameEntryInDifferentOnes) {
+    // Of more threads than there are entries, two have ids that begin at the same one.
+    constexpr std::size_t kThreads = PZ_INSPECTED_WAITS + 1;
+    PZSync lock;
+    std::array<std::atomic<pid_t>, kThreads> ids{};
+    std::array<std::atomic<bool>, kThreads> isToWait{};
+    std::atomic<bool> isChosen{false};
+    std::vector<std::thread> threads;
+    {
+        const PZSyncLock held(lock);
+        for (std::size_t i = 0; i < kThreads; ++i) {
+            threads.emplace_back([&, i] {
+                ids[i] = gettid();
+                if (wait_until([&] { return isChosen.load(); }) && isToWait[i]) {
+                    const PZSyncLock later(lock);
+                }
+            });
+        }
+        EXPECT_TRUE(wait_until([&] {
+            return std::all_of(ids.begin(), ids.end(), [](const auto& id) { return id != 0; });
+        }));
+        std::array<int, PZ_INSPECTED_WAITS> first{};  // by entry: number of its thread, or 0
+        for (std::size_t i = 0; i < kThreads; ++i) {
+            int& other = first[static_cast<std::size_t>(ids[i]) % PZ_INSPECTED_WAITS];
+            if (other != 0) {
+                isToWait[static_cast<std::size_t>(other - 1)] = true;
+                isToWait[i] = true;
+                break;
+            }
+            other = static_cast<int>(i) + 1;
+        }
+        isChosen = true;
+        EXPECT_TRUE(wait_until([&] { return waiting_for(lock) == 2; }));
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(0, waiting_for(lock));
+}
+
 // The sanitizers keep the allocator to themselves.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
