@@ -172,6 +172,20 @@ TEST(PZStringMemoryTest, HoldsNothingWhenItWasMadeWithoutMemory) {
     }
 }
 
+TEST(PZStringMemoryTest, HasNoCodePageWhenItWasMadeOfAStdStringWithoutMemory) {
+    const std::string text(kLong);
+    const PZString fresh;
+    pztest::StdoutCapture output;
+    bool isAsFresh = false;
+    {
+        const pztest::MemoryShortage shortage;
+        const PZString made(text);
+        isAsFresh = made == fresh;
+    }
+    EXPECT_TRUE(isAsFresh);
+    EXPECT_EQ(1U, pztest::count_of(output.Take(), "[error]"));
+}
+
 TEST(PZStringMemoryTest, KeepsItsTextWhenAnAssignmentFindsNoMemory) {
     PZString text("before");
     const PZString other(kLong);
@@ -184,7 +198,9 @@ TEST(PZStringMemoryTest, KeepsItsTextWhenAnAssignmentFindsNoMemory) {
         text += kLong;
     }
     EXPECT_STREQ("before", text.RefCHAR());
-    EXPECT_EQ(4U, pztest::count_of(output.Take(), "failed to allocate memory\n"));
+    const std::string report = output.Take();
+    EXPECT_EQ(4U, pztest::count_of(report, "failed to allocate memory\n"));
+    EXPECT_EQ(4U, pztest::count_of(report, " : error\n"));
 }
 
 TEST(PZStringMemoryTest, ComparesMeasuresCutsAndDeletesWithoutMemory) {

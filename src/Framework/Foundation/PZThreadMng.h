@@ -98,8 +98,8 @@ public:
     void checkThreadStatus();
 
     /// Writes all records to "/temp/ThreadInfo"; does nothing when that cannot be opened, or is a
-    /// symbolic link. Holds the registry's lock meanwhile: if the path is a fifo that nobody reads,
-    /// everything that needs the registry waits, starting threads included.
+    /// symbolic link. Holds the registry's lock meanwhile: if the path is a full fifo that nobody
+    /// reads, everything that needs the registry waits, starting threads included.
     void dumpThreadStatus();
 
     /// The handles of the running threads, in ascending order. Always true. Throws std::bad_alloc

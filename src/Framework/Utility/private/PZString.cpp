@@ -155,7 +155,9 @@ PZString::PZString(const char* s, EN_CP cp) : codePage_(cp) {
     if (!Copy(s, cp)) PZ_REPORT_ERROR("error\n");
 }
 
-PZString::PZString(const std::string& s) : PZString(s.c_str(), XCP_UTF8) {}
+PZString::PZString(const std::string& s) : codePage_(XCP_NONE) {
+    Copy(s);
+}
 
 PZString::PZString(const wchar_t* s) : codePage_(XCP_NONE) {
     if (!Copy(s)) PZ_REPORT_ERROR("error\n");
@@ -268,7 +270,7 @@ PZString& PZString::operator=(const unsigned short* s) {
 }
 
 PZString& PZString::operator=(const PZString& o) {
-    if (this != &o) Copy(o);
+    if (!Copy(o)) PZ_REPORT_ERROR("error\n");
     return *this;
 }
 
