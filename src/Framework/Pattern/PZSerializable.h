@@ -2,6 +2,7 @@
 #define PZ_FRAMEWORK_PATTERN_PZSERIALIZABLE_H
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <type_traits>
 
@@ -165,6 +166,8 @@ private:
     PZ_LOCAL void ReadWhole(const Reading& reading);
     PZ_LOCAL bool TakeText(std::string& s);
     PZ_LOCAL bool TakeText(std::wstring& s);
+    template <typename Text>
+    PZ_LOCAL void TakeForm(std::unique_ptr<Text>& form);
 
     // The growable array; all null when there never was room.
     unsigned char* begin_ = nullptr;

@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <new>
+#include <utility>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/private/pz_numbers.h>
@@ -331,6 +332,13 @@ bool Archive::TakeText(std::wstring& s) {
     return true;
 }
 
+/// A text as a PZString holds it; null when it is not there whole.
+template <typename Text>
+void Archive::TakeForm(std::unique_ptr<Text>& form) {
+    auto text = std::make_unique<Text>();
+    if (TakeText(*text)) form = std::move(text);
+}
+
 void Archive::read(std::string& s) {
     ReadWhole([&] { TakeText(s); });
 }
@@ -345,15 +353,19 @@ void Archive::read(PZString& s) {
         if (!TakeBigEndian(codePage)) return;
         unsigned int form = 0;
         const bool hasForm = TakeBigEndian(form);
-        std::string narrow;
-        std::wstring wide;
-        if (hasForm && form == kNarrowText && TakeText(narrow)) {
-            s = narrow;
-        } else if (hasForm && form == kWideText && TakeText(wide)) {
-            s.Copy(wide);
-        } else {
+        std::unique_ptr<std::string> narrow;
+        std::unique_ptr<std::wstring> wide;
+        if (hasForm && form == kNarrowText) TakeForm(narrow);
+        if (hasForm && form == kWideText) TakeForm(wide);
+        if (narrow == nullptr && wide == nullptr) {
             s.codePage_ = static_cast<PZString::EN_CP>(codePage);
+            return;
         }
+        // Complete before the old text goes; from here on nothing needs memory.
+        s.DeleteStr();
+        if (narrow != nullptr) s.codePage_ = XCP_UTF8;
+        s.narrow_ = std::move(narrow);
+        s.wide_ = std::move(wide);
     });
 }
 
