@@ -137,6 +137,21 @@ TEST(EasyFrameworkTest, StopsAWorkerThatOutlivesItAndSaysSo) {
     EXPECT_NE(std::string::npos, result.output.find("worker [tuner] still runs: it is stopped"));
 }
 
+TEST(EasyFrameworkTest, StopsEveryWorkerThatOutlivesItAlsoWhenOneBetweenThemHasGone) {
+    const auto result = run_in_child([] {
+        auto fw = std::make_unique<pz::Framework>("radio");
+        const pz::Worker first("tuner");
+        auto second = std::make_unique<pz::Worker>("deck");
+        const pz::Worker third("screen");
+        second.reset();
+        fw.reset();
+        return first || third ? 1 : 0;
+    });
+    EXPECT_EQ(0, result.status) << result.output;
+    EXPECT_EQ(1U, pztest::count_of(result.output, "worker [tuner] still runs: it is stopped"));
+    EXPECT_EQ(1U, pztest::count_of(result.output, "worker [screen] still runs: it is stopped"));
+}
+
 TEST(EasyFrameworkTest, AStopByHandStopsWorkersAndTimersToo) {
     const auto result = run_in_child([] {
         auto fw = std::make_unique<pz::Framework>("radio");

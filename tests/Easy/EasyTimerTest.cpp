@@ -329,12 +329,17 @@ TEST_F(EasyTimerTest, ALackOfMemoryIsAnsweredWithNoTimer) {
     const StdoutCapture capture;
     bool isStarted = false;
     for (int skip = 0; !isStarted && skip < 1000; ++skip) {
-        const pztest::MemoryShortage shortage(skip);
-        const pz::Timer timer = worker.every(1h, [] {});
-        if (shortage.Refused() == 0) {
-            isStarted = static_cast<bool>(timer);
-            break;
+        std::atomic<int> runs{0};
+        pz::Timer timer;
+        int refused = 0;
+        {
+            const pztest::MemoryShortage shortage(skip);
+            timer = worker.every(1ms, [&runs] { ++runs; });
+            refused = shortage.Refused();
         }
+        ASSERT_TRUE(!timer || wait_until([&runs] { return runs > 0; }))
+            << "no timer, or one that runs; refused after " << skip;
+        isStarted = timer && refused == 0;
     }
     EXPECT_TRUE(isStarted);
 }

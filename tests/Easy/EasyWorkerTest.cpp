@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <new>
@@ -19,11 +20,17 @@
 #include <Framework/Foundation/PZUnitFrame.h>
 
 #include "support/ChildProcess.h"
+#include "support/FewDescriptors.h"
 #include "support/Gate.h"
+#include "support/Interposed.h"
 #include "support/MemoryShortage.h"
+#include "support/OwnProcess.h"
 #include "support/StdoutCapture.h"
 #include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
+
+PZ_INTERPOSE(pthread_create, 4, EAGAIN);
+PZ_INTERPOSE(pthread_join, 2);
 
 using namespace std::chrono_literals;
 using pz::CallError;
@@ -210,6 +217,27 @@ TEST_F(EasyWorkerTest, WaitsForRoomWhenAskedTo) {
     waiting.join();
 }
 
+TEST_F(EasyWorkerTest, TellsAThreadThatWaitsForRoomAtOnce) {
+    constexpr int kTries = 20;
+    int soon = 0;
+    for (int i = 0; i < kTries; ++i) {
+        pz::Worker worker("tuner");
+        Busy busy(worker);
+        for (int post = 0; post < kCapacity; ++post) ASSERT_EQ(Posted::ok, worker.post([] {}));
+        std::chrono::steady_clock::time_point posted;
+        std::thread waiting([&] {
+            EXPECT_EQ(Posted::ok, worker.post_wait([] {}, 60s));
+            posted = std::chrono::steady_clock::now();
+        });
+        std::this_thread::sleep_for(2ms);
+        const auto opened = std::chrono::steady_clock::now();
+        busy.Open();
+        waiting.join();
+        if (posted - opened < 5ms) ++soon;
+    }
+    EXPECT_LE(kTries / 2, soon) << "not only when it looks again by itself, every 10 ms";
+}
+
 TEST_F(EasyWorkerTest, EndsAWaitForRoomWhenItIsStopped) {
     pz::Worker worker("tuner");
     Busy busy(worker);
@@ -381,6 +409,16 @@ TEST_F(EasyWorkerTest, MayBeDestroyedByAFunctionThatItRuns) {
         raw->post([&] { ++runs; });
     }
     EXPECT_TRUE(wait_until([&] { return runs == 2; }));
+}
+
+TEST_F(EasyWorkerTest, AThreadThatHasDestroyedItsWorkerIsJoinedByTheNextOneBesideOthersThatRun) {
+    const pz::Worker first("tuner");
+    auto* const second = new pz::Worker("deck");
+    ASSERT_EQ(Posted::ok, second->post([second] { delete second; }));
+    ASSERT_TRUE(wait_until([] { return pztest::threads_named("deck").empty(); }));
+    pthread_join_call.Reset();
+    const pz::Worker third("screen");
+    EXPECT_EQ(1, pthread_join_call.Calls()) << "what is never joined keeps its stack";
 }
 
 TEST_F(EasyWorkerTest, AFunctionMayOwnItsWorker) {
@@ -924,4 +962,95 @@ TEST_F(EasyWorkerTest, WithoutOptionsItHangsAfterFourSecondsAndStopsWithinThree)
     EXPECT_EQ(4000U,
               worker.call([] { return PZThreadMng::GetInstance()->getWatchTime(pthread_self()); })
                   .value_or(0));
+}
+
+TEST_F(EasyWorkerTest, StopWaitsForTheEndOfTheThreadAndOfItsOwnObjects) {
+    /// Takes its time to end with its thread.
+    struct OfThread {
+        ~OfThread() {
+            if (ended == nullptr) return;
+            std::this_thread::sleep_for(50ms);
+            *ended = true;
+        }
+        std::atomic<bool>* ended = nullptr;
+    };
+    std::atomic<bool> ended{false};
+    pz::Worker worker("tuner");
+    worker.post([&ended] {
+        static thread_local OfThread object;
+        object.ended = &ended;
+    });
+    EXPECT_TRUE(worker.stop(60s));
+    EXPECT_TRUE(ended);
+}
+
+TEST_F(EasyWorkerTest, AWorkerWhoseThreadIsRefusedIsFalseAndStopsAtOnce) {
+    StdoutCapture capture;
+    pthread_create_call.FailNext(EAGAIN);
+    pz::Worker worker("tuner");
+    EXPECT_FALSE(worker);
+    EXPECT_EQ(Posted::stopped, worker.post([] {}));
+    EXPECT_TRUE(worker.stop());
+    EXPECT_EQ(0U, pztest::count_of(capture.Take(), "has not ended within"));
+    EXPECT_TRUE(pz::Worker("tuner").call([] {}));
+}
+
+TEST_F(EasyWorkerTest, AWorkerThatFindsNoDescriptorsIsFalseAndSaysSo) {
+    StdoutCapture capture;
+    {
+        const pztest::FewDescriptors few(0);
+        pz::Worker worker("tuner");
+        EXPECT_FALSE(worker);
+        EXPECT_EQ(Posted::stopped, worker.post([] {}));
+        EXPECT_TRUE(worker.stop());
+    }
+    const std::string report = capture.Take();
+    EXPECT_EQ(1U, pztest::count_of(report, "worker [tuner] does not serve")) << report;
+    EXPECT_EQ(0U, pztest::count_of(report, "has not ended within")) << report;
+    EXPECT_TRUE(pz::Worker("tuner").call([] {}));
+}
+
+TEST_F(EasyWorkerTest, AStopThatGivesUpDestroysEveryFunctionThatWaits) {
+    const auto gate = std::make_shared<Gate>();
+    std::array<std::atomic<bool>, 3> gone = {};
+    pz::Worker worker("tuner");
+    worker.post([at = gate.get()] { at->Pass(); });
+    ASSERT_TRUE(gate->WaitForArrival());
+    for (std::atomic<bool>& one : gone) worker.post([kept = token(one)] {});
+    {
+        const StdoutCapture capture;
+        EXPECT_FALSE(worker.stop(1ms));
+    }
+    for (const std::atomic<bool>& one : gone) EXPECT_TRUE(one);
+    gate->Open();
+    EXPECT_TRUE(worker.stop(60s));
+}
+
+TEST_F(EasyWorkerTest, AStopThatGivesUpDoesNotBlameAPostThatIsDone) {
+    /// Hangs with its message.
+    class HangingUnit : public PZUnitFrame, public PZIDispatcher {
+    public:
+        ~HangingUnit() override { UnregistMsgBox(); }
+        void OnReceiveMsg(unsigned int, const void*, unsigned int) override { gate.Pass(); }
+        void OnReceiveEvent(unsigned int) override {}
+        Gate gate;
+    };
+    for (const bool isPlain : {true, false}) {
+        pz::Worker worker("tuner");
+        HangingUnit unit;
+        ASSERT_EQ(0, unit.RegistMsgBox(worker.box(), &unit));
+        if (isPlain) {
+            ASSERT_EQ(Posted::ok, worker.post([] {}));
+        } else {
+            ASSERT_EQ(Posted::ok, worker.post([kept = std::make_unique<int>(1)] {}));
+        }
+        ASSERT_EQ(0, unit.SendMsgSelf(1, en_MSG_NORMAL, nullptr, 0));
+        ASSERT_TRUE(unit.gate.WaitForArrival());
+        StdoutCapture capture;
+        EXPECT_FALSE(worker.stop(1ms));
+        const std::string report = capture.Take();
+        EXPECT_NE(std::string::npos, report.find("within 1 ms: no post is being run")) << report;
+        unit.gate.Open();
+        EXPECT_TRUE(worker.stop(60s));
+    }
 }
