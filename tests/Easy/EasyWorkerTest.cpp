@@ -429,6 +429,33 @@ TEST_F(EasyWorkerTest, AFunctionMayOwnItsWorker) {
     EXPECT_TRUE(wait_until([&] { return run.load(); }));
 }
 
+TEST_F(EasyWorkerTest, AWorkerThatDestroysItselfLivesOnWhileOtherThreadsMakeWorkers) {
+    constexpr int kThreads = 16;
+    constexpr int kRounds = 250;
+    std::atomic<int> alive{0};
+    const auto make_and_destroy = [&alive] {
+        auto worker = std::make_unique<pz::Worker>("brief");
+        const std::weak_ptr<pz::detail::WorkerCore> core = worker->core();
+        std::atomic<bool> done{false};
+        const auto destroy = [&] {
+            worker.reset();
+            if (!core.expired()) ++alive;
+            done = true;
+        };
+        pz::Worker& posted = *worker;
+        EXPECT_EQ(Posted::ok, posted.post(destroy));
+        while (!done) std::this_thread::yield();
+    };
+    std::vector<std::thread> makers;
+    for (int i = 0; i < kThreads; ++i) {
+        makers.emplace_back([&make_and_destroy] {
+            for (int round = 0; round < kRounds; ++round) make_and_destroy();
+        });
+    }
+    for (std::thread& maker : makers) maker.join();
+    EXPECT_EQ(kThreads * kRounds, alive);
+}
+
 TEST_F(EasyWorkerTest, AMovedWorkerKeepsItsThread) {
     pz::Worker first("first");
     pz::Worker second(std::move(first));

@@ -111,21 +111,18 @@ bool WorkerCore::Start() {
         return false;
     }
     {
-        const PZMutexLock lock(cores().mutex);
-        cores().all.push_back(shared_from_this());
-    }
-    {
+        // Before others see it: they forget what has finished.
         const PZMutexLock lock(mutex_);
         finished_ = false;
     }
-    if (!thread_.Start(name_)) {
+    {
+        const PZMutexLock lock(cores().mutex);
+        cores().all.push_back(shared_from_this());
+    }
+    if (!StartThread()) {
         NoteFinished();
         forget_core(this);
         return false;
-    }
-    {
-        const PZMutexLock lock(joinMutex_);
-        isJoined_ = false;
     }
     constexpr unsigned int kStartLimitMs = 3000;
     if (box_.InitWait(kStartLimitMs) != 0) {
@@ -137,6 +134,12 @@ bool WorkerCore::Start() {
     const PZMutexLock lock(mutex_);
     accepting_ = !finished_;
     return accepting_;
+}
+
+bool WorkerCore::StartThread() {
+    const PZMutexLock lock(joinMutex_);
+    isJoined_ = !thread_.Start(name_);
+    return !isJoined_;
 }
 
 void WorkerCore::MainProc() {

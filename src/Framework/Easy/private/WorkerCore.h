@@ -151,6 +151,7 @@ private:
     void ExecutePlain(const PlainHead& head);
     void RunFunction(const Place& place, const JobType& type, const void* room);
     void ReportException(const Place& place, const char* what) const noexcept;
+    bool StartThread();
     void DetachTimers() noexcept;
     void DropQueued() noexcept;
     void ReportHang(std::chrono::milliseconds waited) const noexcept;
