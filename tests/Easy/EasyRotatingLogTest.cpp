@@ -520,6 +520,45 @@ TEST_F(EasyRotatingLogTest, AKilledProcessLosesOnlyTheLinesThatItHasCollected) {
     EXPECT_EQ("line 1\n", read_file(file));
 }
 
+TEST_F(EasyRotatingLogTest, IsLeftAloneByAForkedChildThatDestroysIt) {
+    pz::RotatingLogOptions options;
+    options.buffer = 1_KiB;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1, options);
+    pz::RotatingLog assigned(folder.c_str(), "other", 64_KiB, 1, options);
+    log.line("line 1");
+    assigned.line("line 1");
+    const pztest::ChildResult child = pztest::run_in_child([&] {
+        const auto destroyed = std::make_unique<pz::RotatingLog>(std::move(log));
+        assigned = pz::RotatingLog(folder.c_str(), "third", 64_KiB, 1);
+        return 42;
+    });
+    EXPECT_EQ(42, child.status) << child.output;
+    EXPECT_TRUE(log.flush());
+    EXPECT_TRUE(assigned.flush());
+    EXPECT_EQ("line 1\n", read_file(file));
+    EXPECT_EQ("line 1\n", read_file(folder + "/other.log"));
+}
+
+TEST_F(EasyRotatingLogTest, AForkedChildDestroysItWhileAThreadOfTheParentWrites) {
+    constexpr int kChildren = 20;
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 1);
+    std::atomic<bool> end{false};
+    std::thread writer([&] {
+        while (!end) log.line("line");
+    });
+    int ended = 0;
+    for (int i = 0; i < kChildren && ended == i; ++i) {
+        pztest::ChildProcess child([&log] {
+            const pz::RotatingLog destroyed(std::move(log));
+            return 0;
+        });
+        if (child.Wait(std::chrono::seconds(10)) == 0) ++ended;
+    }
+    end = true;
+    writer.join();
+    EXPECT_EQ(kChildren, ended);
+}
+
 TEST_F(EasyRotatingLogTest, AFlushIsFalseWhenItsLinesAreLost) {
     pz::RotatingLogOptions options;
     options.buffer = 1_KiB;

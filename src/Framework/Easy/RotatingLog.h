@@ -45,6 +45,8 @@ struct RotatingLogOptions {
 ///            last are removed.
 /// Kill:      a process that is killed at any moment leaves whole files: only lines that were not
 ///            flushed are lost.
+/// Fork:      the destructor in a forked child writes nothing: what is collected is the parent's. A
+///            child that takes the log over (a daemon) flushes by itself.
 /// Folder:    made by the constructor, as far as it is missing. When folder or file go away, cannot
 ///            be written (a full medium), or the file is no plain one (a link, a fifo), lines are
 ///            counted as lost until they are back; the log tries ten times a second. The first line

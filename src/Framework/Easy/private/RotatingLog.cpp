@@ -19,6 +19,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Foundation/private/PZMutex.h>
 #include <Framework/private/pz_descriptor.h>
+#include <Framework/private/pz_home.h>
 #include <Framework/private/pz_time.h>
 #include <Framework/private/pz_write_whole.h>
 
@@ -89,6 +90,7 @@ struct RotatingLog::State {
         ++lost_;
     }
 
+    const PZHome home_;
     PZMutex mutex_;
     unsigned long long lost_ PZ_GUARDED_BY(mutex_) = 0;
 
@@ -320,14 +322,15 @@ RotatingLog::RotatingLog(const char* folder, const char* name, std::size_t size,
 }
 
 RotatingLog::~RotatingLog() {
-    flush();
+    // What a forked child has copies of is its parent's to write, and to lock.
+    if (state_ != nullptr && !state_->home_.IsParent()) flush();
 }
 
 RotatingLog::RotatingLog(RotatingLog&& other) noexcept = default;
 
 RotatingLog& RotatingLog::operator=(RotatingLog&& other) noexcept {
     if (this != &other) {
-        flush();
+        const RotatingLog former(std::move(*this));
         state_ = std::move(other.state_);
     }
     return *this;
