@@ -4,6 +4,7 @@
 #include <semaphore.h>
 #include <signal.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -1699,6 +1700,43 @@ TEST_F(PZLHeapMngAllocatorTest, MallocAnswersNullAndRecordsNothingWithoutMemory)
     EXPECT_EQ("", leak_report());
     const ForgedBlock forged(1);
     EXPECT_EQ(Errors{kDoubleFree}, errors_of_free(forged.Data()));  // the total is 0
+}
+
+TEST_F(PZLHeapMngAllocatorTest, AnswersNullAndTriesAgainWhileItsLockFindsNoMemory) {
+    pztest::StdoutCapture output;
+    watch.failingSize = sizeof(sem_t);
+    void* const first = Malloc(1);
+    void* const second = Realloc(nullptr, 1);
+    watch.failingSize = SIZE_MAX;
+    EXPECT_EQ(nullptr, first);
+    EXPECT_EQ(nullptr, second);
+    const Errors refused(2, "create error : errno[12 : Cannot allocate memory]");
+    EXPECT_EQ(refused, pztest::error_messages(output.Take()));
+    EXPECT_EQ("", leak_report());
+
+    sem_wait_call.Reset();
+    void* const p = Malloc(1);
+    EXPECT_EQ(1, sem_wait_call.Calls());
+    EXPECT_EQ(1U, pz_HeapLiveBlocks());
+    Free(p);
+    EXPECT_EQ("", output.Take());
+}
+
+TEST_F(PZLHeapMngAllocatorTest, AForkNeedsNoLockThatFoundNoMemory) {
+    pztest::StdoutCapture output;
+    watch.failingSize = sizeof(sem_t);
+    void* const refused = Malloc(1);
+    const pid_t child = fork();
+    watch.failingSize = SIZE_MAX;
+    if (child == 0) {
+        void* const own = Malloc(1);
+        _exit(own != nullptr && pz_HeapLiveBlocks() == 1 ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(nullptr, refused);
+    EXPECT_EQ(0U, pztest::count_of(output.Take(), "handle is not created"));
 }
 
 TEST_F(PZLHeapMngAllocatorTest, ReallocOfNullAnswersNullWithoutMemory) {

@@ -53,7 +53,8 @@ PZ_API unsigned int pz_HeapLiveBytes();
 /// `path`.
 PZ_API bool pz_HeapWriteMaps(const char* path);
 
-/// `size` bytes, 0 included, aligned as malloc aligns; null, not reported, without memory.
+/// `size` bytes, 0 included, aligned as malloc aligns; null without memory, which is reported only
+/// when the heap's own lock finds none: a later call makes it.
 PZ_API void* Malloc(unsigned int size);
 
 /// Releases a block; null is ignored. A block that was overrun or does not match the accounts (it

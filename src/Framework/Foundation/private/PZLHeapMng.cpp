@@ -126,18 +126,34 @@ char threadNames[kThreads][sizeof ST_HEAP_THREAD::name];
 
 std::atomic<bool> hasLock{false};
 
+/// Throws std::bad_alloc, reported, when there is no memory for its semaphore, the address of which
+/// stands first in it.
 PZSync* make_lock() {
     alignas(PZSync) static unsigned char memory[sizeof(PZSync)];
     hasLock = true;  // before it is there: a fork waits for it then
+    auto* const lock = new (memory) PZSync;
+    const void* semaphore = nullptr;
+    std::memcpy(&semaphore, memory, sizeof semaphore);
+    if (semaphore == nullptr) throw std::bad_alloc();
     pz_inspect_set(pz_inspection.heap, &heap.total);
-    return new (memory) PZSync;
+    return lock;
 }
 
 /// Made on first use: an application that never allocates here has no lock. Never destroyed:
 /// static objects that are older than the first block may release theirs while the process ends.
+/// Where there is a block, there is a lock: only the first Malloc can throw, and the next one tries
+/// again.
 PZSync& heap_lock() {
     static PZSync* const lock = make_lock();
     return *lock;
+}
+
+/// False before the first Malloc, and while there is no memory for the lock.
+bool is_lock_there() noexcept try {
+    if (hasLock) heap_lock();
+    return hasLock;
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
 /// A forked child gets the lock free and the list whole: no other thread is at them meanwhile.
@@ -148,9 +164,8 @@ PZSync& heap_lock() {
 bool isHeldForFork = false;  // set under the lock, and true from then on
 
 void before_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
-    if (!hasLock) return;
     const PZUncancelled whole;  // a fork is not cancelled half way
-    if (heap_lock().Lock(kNoTimeLimit) == 0) isHeldForFork = true;
+    if (is_lock_there() && heap_lock().Lock(kNoTimeLimit) == 0) isHeldForFork = true;
 }
 
 void after_fork() PZ_NO_THREAD_SAFETY_ANALYSIS {
@@ -380,7 +395,7 @@ void write_live_blocks(PZLSysFileOut& file, const ST_MEM_BLOCK* newest) {
 bool write_maps(const char* path, int flags) {
     ST_HEAP_THREAD threads[kThreads];
     size_t count = 0;
-    if (hasLock) {
+    if (is_lock_there()) {
         const PZSyncLock lock(heap_lock());
         for (; count < kThreads && heap.threads[count].threadId != 0; ++count) {
             threads[count].id = heap.threads[count].threadId;
@@ -484,13 +499,15 @@ bool pz_HeapWriteMaps(const char* path) {
     return false;
 }
 
-void* Malloc(unsigned int size) {
+void* Malloc(unsigned int size) try {
     NewBlock block = new_block(size);
     if (block == nullptr) return nullptr;
     register_block(block.get(), size, __builtin_return_address(0));
     void* const data = data_of(block.release());
     PZ_PROBE(heap_allocate, data, size);
     return data;
+} catch (const std::bad_alloc&) {
+    return nullptr;  // no lock
 }
 
 void Free(void* p) {
@@ -501,11 +518,13 @@ void Free(void* p) {
     std::free(block);
 }
 
-void* Realloc(void* p, unsigned int size) {
+void* Realloc(void* p, unsigned int size) try {
     NewBlock block = p == nullptr ? new_block(size) : resized_block(block_of(p), size);
     if (block == nullptr) return nullptr;
     register_block(block.get(), size, __builtin_return_address(0));
     void* const data = data_of(block.release());
     PZ_PROBE(heap_allocate, data, size);
     return data;
+} catch (const std::bad_alloc&) {
+    return nullptr;  // no lock
 }

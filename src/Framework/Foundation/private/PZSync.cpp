@@ -81,8 +81,9 @@ void report_not_created(const PZSync* lock, const char* operation, int line) {
 }  // namespace
 
 PZSync::PZSync() : PZSync("", en_TYPE_UNNAMED) {
+    static_assert(offsetof(PZSync, handle_) == 0,
+                  "record layout, and the accounted heap looks there");
 #if __SIZEOF_POINTER__ == 4
-    static_assert(offsetof(PZSync, handle_) == 0, "record layout");
     static_assert(offsetof(PZSync, type_) == 4, "record layout");
     static_assert(offsetof(PZSync, name_) == 8, "record layout");
     static_assert(offsetof(PZSync, owner_) == 40, "record layout");
