@@ -41,6 +41,10 @@ struct Other {
     unsigned char bytes[5];
 };
 
+struct Small {
+    char byte;
+};
+
 struct Large {
     unsigned char bytes[1012];
 };
@@ -152,6 +156,17 @@ TEST_F(EasyChannelTest, TakesValuesOfTheLargestSize) {
     large.bytes[1011] = 2;
     EXPECT_EQ(Sent::ok, out.send(large));
     EXPECT_TRUE(wait_until([&] { return sum == 3; }));
+}
+
+TEST_F(EasyChannelTest, TakesValuesOfOneByte) {
+    pz::Sender<Small> out(channel);
+    for (const char byte : {'a', 'b', 'c'}) ASSERT_EQ(Sent::ok, out.send({byte}));
+    std::string received;
+    const pz::Receiver<Small> in(worker, channel,
+                                 [&](const Small& s) { received.push_back(s.byte); });
+    EXPECT_TRUE(
+        wait_until([&] { return worker.call([&] { return received.size(); }).value_or(0) == 3; }));
+    EXPECT_EQ("abc", received);
 }
 
 TEST_F(EasyChannelTest, RefusesAnotherSizeVersionOrSenderAndReportsIt) {
@@ -273,6 +288,14 @@ TEST_F(EasyChannelTest, ADestroyedReceiverDoesNotRunItsFunctionAnyMore) {
     }
 }
 
+TEST_F(EasyChannelTest, AReceiverThatNothingCameForIsDestroyedWithoutAWait) {
+    StdoutCapture capture;
+    {
+        const pz::Receiver<Station> in(worker, channel, [](const Station&) {});
+    }
+    EXPECT_EQ("", capture.Take());
+}
+
 TEST_F(EasyChannelTest, AReceiverMayBeDestroyedByItsOwnFunction) {
     std::atomic<bool> done{false};
     std::optional<pz::Receiver<Station>> in;
@@ -321,6 +344,20 @@ TEST_F(EasyChannelTest, ASendThatFindsNoMemoryIsAnsweredAndALaterOneSucceeds) {
     EXPECT_TRUE(isSent);
 }
 
+TEST_F(EasyChannelTest, NamesTheChannelThatItHasNoMemoryForOrRefuses) {
+    StdoutCapture capture;
+    {
+        const pztest::MemoryShortage shortage;
+        const pz::Sender<Station> out(channel);
+        EXPECT_FALSE(out);
+    }
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "no memory for the channel [" + name + "]"));
+    EXPECT_FALSE(pz::Sender<Station>("a/b"));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "no channel [a/b]"));
+    EXPECT_FALSE(pz::Sender<Station>(nullptr));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "no channel [(null)]"));
+}
+
 TEST_F(EasyChannelTest, MoreUrgentValuesComeFirstAndEqualOnesInTheirOrder) {
     pz::Sender<Station> out(channel);
     const std::pair<unsigned int, pz::Priority> values[] = {
@@ -355,6 +392,26 @@ TEST_F(EasyChannelTest, AReceiverWhoseFunctionHangsIsDestroyedAfterTheWorkersTim
     EXPECT_EQ(1U, pztest::count_of(capture.Take(), "Channel.cpp"));
     gate->Open();
     EXPECT_TRUE(hanging.stop(60s));
+}
+
+TEST_F(EasyChannelTest, TheEndOfTheFunctionEndsTheWaitOfAReceiverThatIsDestroyed) {
+    pz::WorkerOptions options;
+    options.stop_within = 20s;
+    pz::Worker slow("slow", options);
+    Gate gate;
+    pz::Sender<Station> out(channel);
+    auto in = std::make_unique<pz::Receiver<Station>>(slow, channel,
+                                                      [&](const Station&) { gate.Pass(); });
+    ASSERT_EQ(Sent::ok, out.send(Station()));
+    ASSERT_TRUE(gate.WaitForArrival());
+    const auto start = std::chrono::steady_clock::now();
+    std::thread opening([&] {
+        std::this_thread::sleep_for(20ms);
+        gate.Open();
+    });
+    in.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+    opening.join();
 }
 
 TEST_F(EasyChannelTest, ANameHas32CharactersAtMostAndIsNeverNull) {

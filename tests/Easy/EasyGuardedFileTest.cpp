@@ -20,6 +20,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/Interposed.h"
+#include "support/Interruptions.h"
 #include "support/MemoryShortage.h"
 #include "support/StdoutCapture.h"
 #include "support/TempDir.h"
@@ -27,6 +28,7 @@
 
 PZ_INTERPOSE(fsync, 1);
 PZ_INTERPOSE(rename, 2);
+PZ_INTERPOSE(unlink, 1);
 
 using namespace std::chrono_literals;
 using pztest::read_file;
@@ -40,6 +42,7 @@ protected:
     ~EasyGuardedFileTest() override {
         fsync_call.Reset();
         rename_call.Reset();
+        unlink_call.Reset();
     }
 
     const TempDir dir;
@@ -98,6 +101,18 @@ TEST_F(EasyGuardedFileTest, KeepsTheModeOfTheFile) {
     struct stat info = {};
     ::stat(path.c_str(), &info);
     EXPECT_EQ(0640U, info.st_mode & 07777U);
+}
+
+TEST_F(EasyGuardedFileTest, KeepsTheOwnerOfTheFileAsFarAsTheProcessMayGiveItAway) {
+    constexpr uid_t kNobody = 65534;
+    const bool mayGive = ::geteuid() == 0;
+    write_file(path, "old");
+    ASSERT_TRUE(!mayGive || ::chown(path.c_str(), kNobody, kNobody) == 0);
+    EXPECT_TRUE(settings.update([](std::string& bytes) { bytes = "new"; }));
+    struct stat info = {};
+    ASSERT_EQ(0, ::stat(path.c_str(), &info));
+    EXPECT_EQ(mayGive ? kNobody : ::geteuid(), info.st_uid);
+    EXPECT_EQ(mayGive ? kNobody : ::getegid(), info.st_gid);
 }
 
 TEST_F(EasyGuardedFileTest, TheBytesAreOnTheMediumBeforeTheyGetTheName) {
@@ -175,6 +190,30 @@ TEST_F(EasyGuardedFileTest, AProcessThatIsKilledInItsStepGivesTheLockBack) {
     }  // killed here
     EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += " and new"; }, 60s));
     EXPECT_EQ("old and new", settings.read());
+}
+
+TEST_F(EasyGuardedFileTest, AnUpdateThatSignalsInterruptGoesOnWaiting) {
+    std::atomic<bool> isHeld{false};
+    std::atomic<bool> isInterrupted{false};
+    std::thread holder([&] {
+        EXPECT_TRUE(settings.update([&](std::string& bytes) {
+            bytes = "first";
+            isHeld = true;
+            EXPECT_TRUE(wait_until([&] { return isInterrupted.load(); }));
+        }));
+    });
+    EXPECT_TRUE(wait_until([&] { return isHeld.load(); }));
+    {
+        const pztest::Interruptions interruptions(1ms);
+        std::thread looking([&] {
+            wait_until([] { return pztest::Interruptions::Taken() >= 50; });
+            isInterrupted = true;
+        });
+        EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += " second"; }));
+        looking.join();
+    }
+    holder.join();
+    EXPECT_EQ("first second", settings.read());
 }
 
 TEST_F(EasyGuardedFileTest, AForkedChildThatLivesOnDoesNotKeepTheLock) {
@@ -362,6 +401,18 @@ TEST_F(EasyGuardedFileTest, DoesNotWriteIntoWhatLiesInThePlaceOfItsNewFile) {
     EXPECT_EQ("123", settings.read());
     EXPECT_EQ("precious", read_file(victim));
     EXPECT_FALSE(std::filesystem::exists(fresh));
+}
+
+TEST_F(EasyGuardedFileTest, IsRefusedWhereALinkThatItMayNotRemoveIsInThePlaceOfItsNewFile) {
+    const std::string victim = dir.File("victim");
+    write_file(victim, "precious");
+    std::filesystem::create_symlink(victim, dir.File(".settings.new"));
+    StdoutCapture capture;
+    unlink_call.FailNext(EPERM, 2);  // a sticky folder, and somebody else's link
+    EXPECT_FALSE(settings.update([](std::string& bytes) { bytes = "1"; }));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "open [" + dir.File(".settings.new") + "]"));
+    EXPECT_EQ("precious", read_file(victim));
+    EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 TEST_F(EasyGuardedFileTest, AMediumWithoutRoomLeavesTheFileAsItWas) {

@@ -101,6 +101,18 @@ TEST_F(EasyRotatingLogTest, KeepsTheNewestLinesAndNeverMoreThanItsSize) {
     EXPECT_EQ(3U, count_files(folder));
 }
 
+TEST_F(EasyRotatingLogTest, FillsAFileToItsLastByteBeforeItBeginsTheNext) {
+    pz::RotatingLog log(folder.c_str(), "app", 100, 1);
+    const std::string line(49, 'x');
+    EXPECT_TRUE(log.text(line));
+    EXPECT_TRUE(log.text(line));
+    EXPECT_EQ(line + "\n" + line + "\n", read_file(file));
+    EXPECT_FALSE(std::filesystem::exists(file + ".1"));
+    EXPECT_TRUE(log.text("next"));
+    EXPECT_EQ("next\n", read_file(file));
+    EXPECT_EQ(100U, std::filesystem::file_size(file + ".1"));
+}
+
 TEST_F(EasyRotatingLogTest, WithoutGenerationsItBeginsItsOnlyFileAgain) {
     pz::RotatingLog log(folder.c_str(), "app", 64, 0);
     for (int i = 0; i < 100; ++i) ASSERT_TRUE(log.line("line %d", i));
@@ -244,6 +256,15 @@ TEST_F(EasyRotatingLogTest, TwoObjectsDoNotShareALog) {
     EXPECT_FALSE(other.line("line 2"));
     EXPECT_TRUE(log.line("line 1"));
     EXPECT_EQ("line 1\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, SaysOnceThatAnotherObjectHasItsFile) {
+    const pz::RotatingLog owner(folder.c_str(), "app", 64_KiB, 3);
+    StdoutCapture capture;
+    pz::RotatingLog other(folder.c_str(), "app", 64_KiB, 3);
+    EXPECT_FALSE(other.line("lost"));
+    EXPECT_FALSE(other.line("lost"));
+    EXPECT_EQ(1U, pztest::count_of(capture.Take(), "open [" + file + "]"));
 }
 
 TEST_F(EasyRotatingLogTest, StaysWithItsOwnerWhileOthersTryToOpenIt) {
@@ -466,6 +487,37 @@ TEST_F(EasyRotatingLogTest, WritesAnEmptyTextAsALineAndRefusesANullFormat) {
 #pragma GCC diagnostic pop
     EXPECT_TRUE(log.flush());
     EXPECT_EQ("\n\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, PrintsTextsOfEveryLength) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    std::string expected;
+    for (const size_t length : {0U, 1U, 1022U, 1023U, 1024U, 1025U, 5000U}) {
+        const std::string text(length, 'x');
+        EXPECT_TRUE(log.line("%s", text.c_str()));
+        expected += text + "\n";
+    }
+    EXPECT_TRUE(expected == read_file(file));  // too long to be printed
+}
+
+TEST_F(EasyRotatingLogTest, RefusesATextThatTheLocaleCannotPrint) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    EXPECT_FALSE(log.line("%ls", L"\u20AC"));
+    EXPECT_TRUE(log.line("%ls", L"x"));
+    EXPECT_EQ("x\n", read_file(file));
+}
+
+TEST_F(EasyRotatingLogTest, CountsALineThatFindsNoMemoryAsLost) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    ASSERT_TRUE(log.line("first"));
+    const std::string text(5000, 'x');
+    {
+        const pztest::MemoryShortage shortage;
+        EXPECT_FALSE(log.text(text));
+    }
+    EXPECT_EQ(1U, log.lost());
+    EXPECT_TRUE(log.line("second"));
+    EXPECT_EQ("first\nsecond\n", read_file(file));
 }
 
 TEST_F(EasyRotatingLogTest, CountsSizesInUnitsOf1024) {

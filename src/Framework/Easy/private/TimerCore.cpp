@@ -49,11 +49,7 @@ bool TimerCore::Add() {
     // The clock's millisecond has begun already: one more, and it is never too early.
     dueMs_ = worker_->NowMs() + time + 1;
     const auto first = static_cast<unsigned int>(std::min(time + 1, kLongestLegMs));
-    try {
-        return band_->sub->addTimer(this, first) == 1;
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    return band_->sub->addTimer(this, first) == 1;
 }
 
 void TimerCore::Detach() noexcept {
