@@ -254,6 +254,40 @@ TEST(EasyStopSignalTest, AForkedChildMayMakeItsOwnWhichLeavesTheParentsAlone) {
     EXPECT_EQ(0, result.status) << result.output;
 }
 
+TEST(EasyStopSignalTest, AForkedChildThatMakesItsOwnBeginsWithoutTheSignalsOfItsParent) {
+    const ChildResult result = run_in_child([] {
+        const pz::StopSignal stop;
+        ::raise(SIGTERM);
+        pztest::ChildProcess child([] {
+            limit_child();
+            pz::StopSignal own;
+            if (own.number() != 0 || wait_any({&own}, 0ms)) return 1;
+            ::raise(SIGTERM);
+            return wait_any({&own}, 10s) == 0U && own.number() == SIGTERM ? 0 : 2;
+        });
+        return child.Wait();
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
+TEST(EasyStopSignalTest, AForkedChildThatMakesItsOwnPutsTheFormerHandlersBack) {
+    const ChildResult result = run_in_child([] {
+        ::signal(SIGTERM, SIG_IGN);
+        auto stop = std::make_unique<pz::StopSignal>();
+        pztest::ChildProcess child([&stop] {
+            limit_child();
+            { const pz::StopSignal own; }
+            stop.reset();
+            ::raise(SIGTERM);
+            return 0;
+        });
+        return child.Wait();
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
 TEST(EasyStopSignalTest, ASignalBeforeTheFirstOneIsMadeEndsTheProcess) {
     for (const int number : {SIGINT, SIGTERM}) {
         const ChildResult result = run_in_child([number] {

@@ -75,7 +75,10 @@ void install_locked(ST_HANDLERS& state) PZ_REQUIRES(state.mutex) {
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
     sigemptyset(&action.sa_mask);
     for (std::size_t i = 0; i < kSignals.size(); ++i) {
-        ::sigaction(kSignals[i], &action, &state.former[i]);
+        struct sigaction replaced = {};
+        ::sigaction(kSignals[i], &action, &replaced);
+        // In a forked child it may be the parent's handler, or what is left when that has run.
+        if (state.users == 0) state.former[i] = replaced;
     }
 }
 
@@ -114,10 +117,12 @@ void remove_waiter(int slot, PZEvent* event) {
 int begin_waiting(PZEvent& event) {
     ST_HANDLERS& state = handlers();
     const PZMutexLock lock(state.mutex);
-    if (is_parents()) begin_in_process();
+    const bool isFirst = is_parents();  // in this process: its parent's signals are not its own
+    if (isFirst) begin_in_process();
     const int slot = add_waiter(&event);
     if (slot < 0) return slot;
-    if (state.users++ == 0) install_locked(state);
+    if (isFirst || state.users == 0) install_locked(state);
+    ++state.users;
     if (stop_number != 0) event.SetEvent();
     return slot;
 }
