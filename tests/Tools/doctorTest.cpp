@@ -208,15 +208,15 @@ private:
 };
 
 /// The finding of one check, made in the test itself.
-Finding find(const Machine& machine, const std::vector<Check>& family, const std::string& name) {
-    for (const Check& check : family) {
+Finding find(const Machine& machine, const std::string& name) {
+    for (const Check& check : all_checks()) {
         if (name == check.name) return check.run(machine);
     }
     return skipped("no such check");
 }
 
-Finding find_here(const std::vector<Check>& family, const std::string& name) {
-    return find(Machine(), family, name);
+Finding find_here(const std::string& name) {
+    return find(Machine(), name);
 }
 
 /// Every name in the first column of --list.
@@ -330,28 +330,28 @@ TEST_F(doctorTest, FindsAFullFileSystemOfLogsRed) {
         return 0;
     });
     blocks = 255;
-    const Finding full = find(Machine(Root()), folder_checks(), "log-space");
+    const Finding full = find(Machine(Root()), "log-space");
     EXPECT_EQ(Status::Red, full.status);
     EXPECT_EQ("less than 1 MiB is free for /Syslog", full.found);
     EXPECT_EQ("find /Syslog -type f -mtime +7 -delete", full.repair);
     blocks = 256;
-    EXPECT_EQ(Status::Green, find(Machine(Root()), folder_checks(), "log-space").status);
+    EXPECT_EQ(Status::Green, find(Machine(Root()), "log-space").status);
 }
 
 TEST_F(doctorTest, FindsFoldersOfAReadOnlyFileSystemRed) {
     Folder("/temp", 01777);
     access_call.FailNext(EROFS);
-    const Finding finding = find(Machine(Root()), folder_checks(), "temp-folder");
+    const Finding finding = find(Machine(Root()), "temp-folder");
     EXPECT_EQ(Status::Red, finding.status);
     EXPECT_EQ("the file system of /temp is read-only", finding.found);
     EXPECT_EQ("mount -o remount,rw \"$(findmnt -n -o TARGET -T /temp)\"", finding.repair);
-    EXPECT_EQ(Status::Green, find(Machine(Root()), folder_checks(), "temp-folder").status);
+    EXPECT_EQ(Status::Green, find(Machine(Root()), "temp-folder").status);
 }
 
 TEST_F(doctorTest, FindsAClockThatOnlyOthersMayWriteYellow) {
     Node("/dev/rtc0", S_IFCHR | 0600);
     access_call.FailNext(EACCES);
-    const Finding finding = find(Machine(Root()), device_checks(), "rtc-device");
+    const Finding finding = find(Machine(Root()), "rtc-device");
     EXPECT_EQ(Status::Yellow, finding.status);
     EXPECT_EQ("/dev/rtc0 cannot be written by this user", finding.found);
     EXPECT_EQ("chmod 666 /dev/rtc0", finding.repair);
@@ -671,8 +671,8 @@ TEST(doctorReportTest, AsksRootForWhatItsUserMayNotDo) {
 
 TEST_F(doctorTest, TellsRepairsOfItsUserFromThoseOfRoot) {
     const Machine machine(Root());
-    const auto may = [&machine](const std::vector<Check>& family, const std::string& name) {
-        const Finding finding = find(machine, family, name);
+    const auto may = [&machine](const std::string& name) {
+        const Finding finding = find(machine, name);
         EXPECT_FALSE(finding.repair.empty()) << name;
         return finding.byThisUser;
     };
@@ -684,24 +684,24 @@ TEST_F(doctorTest, TellsRepairsOfItsUserFromThoseOfRoot) {
     File("/proc/self/environ", std::string("TZ=UTC\0", 7));
     File("/proc/sys/fs/mqueue/msg_max", "10\n");
     Remove("/proc/101/fd/3");
-    EXPECT_TRUE(may(folder_checks(), "temp-folder"));
-    EXPECT_TRUE(may(folder_checks(), "system-data-folder"));
-    EXPECT_TRUE(may(device_checks(), "zone-file"));
-    EXPECT_TRUE(may(device_checks(), "tz-variable"));
-    EXPECT_TRUE(may(limit_checks(), "descriptors"));
-    EXPECT_TRUE(may(limit_checks(), "threads"));
-    EXPECT_TRUE(may(queue_checks(), "queue-bytes"));
-    EXPECT_TRUE(may(leftover_checks(), "queue-leftovers"));
-    EXPECT_FALSE(may(queue_checks(), "queue-messages"));
+    EXPECT_TRUE(may("temp-folder"));
+    EXPECT_TRUE(may("system-data-folder"));
+    EXPECT_TRUE(may("zone-file"));
+    EXPECT_TRUE(may("tz-variable"));
+    EXPECT_TRUE(may("descriptors"));
+    EXPECT_TRUE(may("threads"));
+    EXPECT_TRUE(may("queue-bytes"));
+    EXPECT_TRUE(may("queue-leftovers"));
+    EXPECT_FALSE(may("queue-messages"));
 
     // The hard limits forbid more.
     File("/proc/self/limits",
          "Max processes             10 1023 processes\n"
          "Max open files            100 1023 files\n"
          "Max msgqueue size         0 18350079 bytes\n");
-    EXPECT_FALSE(may(limit_checks(), "descriptors"));
-    EXPECT_FALSE(may(limit_checks(), "threads"));
-    EXPECT_FALSE(may(queue_checks(), "queue-bytes"));
+    EXPECT_FALSE(may("descriptors"));
+    EXPECT_FALSE(may("threads"));
+    EXPECT_FALSE(may("queue-bytes"));
 }
 
 TEST(doctorLiveTest, AsksRootForWhatAnOrdinaryUserMayNotDo) {
@@ -756,13 +756,13 @@ TEST(doctorLiveTest, ReadsTheLimitsThatItInherits) {
 
 TEST(doctorLiveTest, OpensAConversionForEveryCodePage) {
     iconv_open_call.Reset();
-    Finding finding = find_here(text_checks(), "code-pages");
+    Finding finding = find_here("code-pages");
     EXPECT_EQ(Status::Green, finding.status);
     EXPECT_EQ("conversions to and from UTF-8 of 49 code pages", finding.found);
     EXPECT_EQ(98, iconv_open_call.Calls());
 
     iconv_open_call.FailNext(EINVAL, 2, 6);  // to UTF-8: the fourth and, alone, the fifth page
-    finding = find_here(text_checks(), "code-pages");
+    finding = find_here("code-pages");
     EXPECT_EQ(Status::Red, finding.status);
     EXPECT_EQ("no conversion for 2 of 49 code pages: CP850, CP874", finding.found);
     EXPECT_EQ("apt-get install -y --reinstall libc6 && iconvconfig", finding.repair);
@@ -775,10 +775,10 @@ TEST(doctorLiveTest, FindsTheSemaphoreOfADeadProcess) {
                      PZSharedSyncObject(name.c_str()).lock();  // never unlocked
                      return 0;
                  }).status);
-    const Finding dead = find_here(leftover_checks(), "semaphore-leftovers");
+    const Finding dead = find_here("semaphore-leftovers");
     {
         const PZSync user(name.c_str(), PZSync::en_TYPE_NAMED);
-        const Finding used = find_here(leftover_checks(), "semaphore-leftovers");
+        const Finding used = find_here("semaphore-leftovers");
         EXPECT_EQ(std::string::npos, (used.found + used.repair).find(name));
     }
     sem_unlink(("/" + name).c_str());
@@ -805,15 +805,14 @@ TEST(doctorLiveTest, TakesNoFolderForTheQueuesThatDoesNotShowThem) {
         });
     };
     answer_type(0x01021994);  // a folder in memory
-    EXPECT_EQ(Status::Yellow, find_here(queue_checks(), "queue-folder").status);
-    EXPECT_EQ("needs /dev/mqueue", find_here(leftover_checks(), "queue-leftovers").found);
+    EXPECT_EQ(Status::Yellow, find_here("queue-folder").status);
+    EXPECT_EQ("needs /dev/mqueue", find_here("queue-leftovers").found);
     answer_type(0x19800202);  // the kernel's queues
     const bool folder = Machine().Stat("/dev/mqueue").has_value();
-    EXPECT_EQ(folder ? Status::Green : Status::Yellow,
-              find_here(queue_checks(), "queue-folder").status);
+    EXPECT_EQ(folder ? Status::Green : Status::Yellow, find_here("queue-folder").status);
     statfs64_call.Reset();
     statfs64_call.FailNext(ENOENT);
-    EXPECT_EQ(Status::Yellow, find_here(queue_checks(), "queue-folder").status);
+    EXPECT_EQ(Status::Yellow, find_here("queue-folder").status);
     statfs64_call.Reset();
 }
 

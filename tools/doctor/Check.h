@@ -58,8 +58,8 @@ std::string first_of(const std::vector<std::string>& names);
 /// One question about the machine. Looks only; changes nothing.
 struct Check {
     const char* name;
-    const char* why;  ///< what the library needs it for, one line
     Finding (*run)(const Machine& machine);
+    const char* why;  ///< what the library needs it for, one line
 };
 
 /// A check with what it has seen.

@@ -14,6 +14,8 @@ constexpr char kRtc[] = "/dev/rtc0";
 constexpr char kLog[] = "/dev/log";
 constexpr mode_t kAnyExecute = 0111;
 
+}  // namespace
+
 Finding check_zone_file(const Machine& machine) {
     const std::string make = "cp /usr/share/zoneinfo/Etc/UTC /tmp/tzfile";
     if (!machine.Stat(kZoneFile)) return by_this_user(yellow("/tmp/tzfile is missing", make));
@@ -84,19 +86,4 @@ Finding check_log(const Machine& machine) {
         return red("/dev/log is not a socket", move_away(kLog) + "{ " + start + "; }");
     }
     return green("/dev/log is a socket");
-}
-
-}  // namespace
-
-std::vector<Check> device_checks() {
-    return {
-        {"zone-file", "local times are UTC until a time zone has been selected", check_zone_file},
-        {"local-zone", "a selected time zone reaches processes through /etc/localtime only",
-         check_local_zone},
-        {"tz-variable", "a process with TZ set keeps its zone when another one is selected",
-         check_tz_variable},
-        {"date-program", "setting the local time runs /bin/date", check_date},
-        {"rtc-device", "setting UTC writes the real-time clock /dev/rtc0", check_rtc},
-        {"log-socket", "tagged debug lines go to the system log through /dev/log", check_log},
-    };
 }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Check.h"
+#include "common/Words.h"
 
 namespace {
 
@@ -16,17 +17,8 @@ bool is_printable(char c) {
 }  // namespace
 
 const char* status_name(Status status) {
-    switch (status) {
-        case Status::Green:
-            return "green";
-        case Status::Yellow:
-            return "yellow";
-        case Status::Red:
-            return "red";
-        case Status::Skipped:
-            break;
-    }
-    return "skipped";
+    static constexpr Words<Status, Status::Skipped> kNames = {"green", "yellow", "red", "skipped"};
+    return kNames[status];
 }
 
 Finding green(std::string found) {

@@ -52,6 +52,8 @@ Finding check_own_folder(const Machine& machine, const std::string& path) {
                            std::move(finding));
 }
 
+}  // namespace
+
 Finding check_temp(const Machine& machine) {
     return check_own_folder(machine, "/temp");
 }
@@ -90,19 +92,4 @@ Finding check_log_space(const Machine& machine) {
 Finding check_proc(const Machine& machine) {
     if (machine.HasProc()) return green("/proc is there");
     return red("/proc is missing", "mkdir -p /proc && mount -t proc proc /proc");
-}
-
-}  // namespace
-
-std::vector<Check> folder_checks() {
-    return {
-        {"temp-folder", "every process writes its thread status to /temp/ThreadInfo", check_temp},
-        {"system-data-folder", "file guards keep their key files in /temp/system_data",
-         check_system_data},
-        {"syslog-folder", "log files and heap leak reports are written to /Syslog", check_syslog},
-        {"log-space", "log files are cut short on a full file system", check_log_space},
-        {"tmp-folder", "selecting a time zone writes /tmp/tzfile", check_tmp},
-        {"shm-folder", "locks shared between processes are semaphores in /dev/shm", check_shm},
-        {"proc-folder", "limits, queues and leftovers are read from /proc", check_proc},
-    };
 }

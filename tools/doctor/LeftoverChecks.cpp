@@ -14,11 +14,19 @@
 
 namespace {
 
-constexpr char kShmFolder[] = "/dev/shm";
 constexpr char kSegments[] = "/proc/sysvipc/shm";
 constexpr char kMostSegments[] = "/proc/sys/kernel/shmmni";
 constexpr char kNoSegments[] = "zgrep SYSVIPC /proc/config.gz  # the kernel needs it";
-constexpr char kSemaphorePrefix[] = "sem.";
+
+/// Files that are looked for in a folder, and what is said of them.
+struct Search {
+    const char* folder;
+    const char* prefix;  ///< of the files; what follows it is the name
+    bool (*isLeft)(const Machine& machine, const Holders& holders, const std::string& path);
+    const char* none;
+    const char* some;  ///< leads their names
+    Finding (*verdict)(std::string found, std::string repair);
+};
 
 /// "rm -f FILE...", or what else begins the command.
 std::string command_for(std::string command, const std::vector<std::string>& words) {
@@ -41,32 +49,33 @@ Finding unsure(const std::string& what, const std::vector<std::string>& names,
                                "sudo pz-doctor"));
 }
 
-/// What a check says of left names, whose files `files` may be removed.
-Finding removable(const Machine& machine, const char* what, const std::vector<std::string>& left,
-                  const std::vector<std::string>& files, const Holders& holders,
-                  Finding (*verdict)(std::string found, std::string repair)) {
-    if (holders.hidden > 0) return unsure(what, left, holders.hidden);
-    return by_this_user_if(owns(machine, files),
-                           verdict(what + first_of(left), command_for("rm -f", files)));
-}
-
-Finding check_queues(const Machine& machine) {
-    const auto queues = list_queues(machine);
-    if (!queues) return skipped("needs /dev/mqueue");
+/// Of the files in the search's folder; skipped when that could not be read.
+Finding check_files(const Machine& machine, const Search& search,
+                    const std::optional<std::vector<std::string>>& files) {
+    if (!files) return skipped(std::string("needs ") + search.folder);
     if (!machine.HasProc()) return skipped("needs /proc");
 
     const Holders holders = find_holders(machine);
-    std::vector<std::string> left;
-    std::vector<std::string> files;
-    for (const std::string& queue : *queues) {
-        const std::string file = kQueueFolder + ("/" + queue);
-        // A process may have opened the queue, or its file.
-        if (holders.open.count("/" + queue) != 0 || holders.open.count(file) != 0) continue;
-        left.push_back(queue);
-        files.push_back(file);
+    std::vector<std::string> names;
+    std::vector<std::string> paths;
+    for (const std::string& file : *files) {
+        const size_t start = std::strlen(search.prefix);
+        const std::string path = search.folder + ("/" + file);
+        if (file.compare(0, start, search.prefix) != 0) continue;
+        if (!search.isLeft(machine, holders, path)) continue;
+        names.push_back(file.substr(start));
+        paths.push_back(path);
     }
-    if (left.empty()) return green("no queue without a process");
-    return removable(machine, "queues without a process: ", left, files, holders, yellow);
+    if (names.empty()) return green(search.none);
+    if (holders.hidden > 0) return unsure(search.some, names, holders.hidden);
+    return by_this_user_if(owns(machine, paths), search.verdict(search.some + first_of(names),
+                                                                command_for("rm -f", paths)));
+}
+
+/// A process may have opened the queue, or its file.
+bool is_left_queue(const Machine& /*machine*/, const Holders& holders, const std::string& path) {
+    const std::string queue = path.substr(std::strlen(kQueueFolder));
+    return holders.open.count(queue) == 0 && holders.open.count(path) == 0;
 }
 
 /// The value in the file of a named semaphore, as the C library of its users lays it out; nothing
@@ -87,25 +96,10 @@ std::optional<unsigned int> semaphore_value(const std::string& content) {
     return std::nullopt;
 }
 
-Finding check_semaphores(const Machine& machine) {
-    const auto files = machine.List(kShmFolder);
-    if (!files) return skipped("needs /dev/shm");
-    if (!machine.HasProc()) return skipped("needs /proc");
-
-    const Holders holders = find_holders(machine);
-    std::vector<std::string> stuck;
-    std::vector<std::string> paths;
-    for (const std::string& file : *files) {
-        if (file.compare(0, std::strlen(kSemaphorePrefix), kSemaphorePrefix) != 0) continue;
-        const std::string path = kShmFolder + ("/" + file);
-        if (holders.mapped.count(path) != 0) continue;
-        const auto content = machine.Read(path);
-        if (!content || semaphore_value(*content) != 0U) continue;
-        stuck.push_back(file.substr(std::strlen(kSemaphorePrefix)));
-        paths.push_back(path);
-    }
-    if (stuck.empty()) return green("no semaphore taken by a dead process");
-    return removable(machine, "semaphores taken by dead processes: ", stuck, paths, holders, red);
+bool is_taken_semaphore(const Machine& machine, const Holders& holders, const std::string& path) {
+    if (holders.mapped.count(path) != 0) return false;
+    const auto content = machine.Read(path);
+    return content && semaphore_value(*content) == 0U;
 }
 
 /// A row of /proc/sysvipc/shm.
@@ -144,6 +138,25 @@ bool is_of_file_guard(const Segment& segment) {
     return segment.key > 0 && size && (segment.mode & kPermissions) == kForAll;
 }
 
+}  // namespace
+
+Finding check_queues(const Machine& machine) {
+    static constexpr Search kSearch = {
+        kQueueFolder, "", is_left_queue, "no queue without a process", "queues without a process: ",
+        yellow};
+    return check_files(machine, kSearch, list_queues(machine));
+}
+
+Finding check_semaphores(const Machine& machine) {
+    static constexpr Search kSearch = {"/dev/shm",
+                                       "sem.",
+                                       is_taken_semaphore,
+                                       "no semaphore taken by a dead process",
+                                       "semaphores taken by dead processes: ",
+                                       red};
+    return check_files(machine, kSearch, machine.List(kSearch.folder));
+}
+
 Finding check_segments(const Machine& machine) {
     const auto text = machine.Read(kSegments);
     if (!text) return unreadable(machine, kSegments, kNoSegments);
@@ -173,17 +186,4 @@ Finding check_segment_count(const Machine& machine) {
         "kernel.shmmni is " + std::to_string(*most) + ", " + std::to_string(used) + " in use";
     if (*most - used < kSegmentsOfGuard) return red(found, "sysctl -w kernel.shmmni=4096");
     return green(found);
-}
-
-}  // namespace
-
-std::vector<Check> leftover_checks() {
-    return {
-        {"queue-leftovers", "the next receiver finds the messages of a dead one", check_queues},
-        {"semaphore-leftovers", "a shared lock that died taken is never free again",
-         check_semaphores},
-        {"segment-leftovers", "a new file guard may get the key of a left segment and be refused",
-         check_segments},
-        {"segment-count", "a file guard needs two segments of shared memory", check_segment_count},
-    };
 }

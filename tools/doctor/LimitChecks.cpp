@@ -51,6 +51,8 @@ Finding judged(const Machine& machine, const char* row, unsigned long long limit
     return green(std::move(found));
 }
 
+}  // namespace
+
 Finding check_nice_limit(const Machine& machine) {
     if (has_capability(machine, kCapSysNice)) return green("CAP_SYS_NICE: every nice value");
     const auto limit = soft_limit(machine, "Max nice priority");
@@ -98,16 +100,4 @@ Finding check_clock_rights(const Machine& machine) {
     if (!machine.HasProc()) return skipped("needs /proc");
     if (has_capability(machine, kCapSysTime)) return green("CAP_SYS_TIME");
     return yellow("no CAP_SYS_TIME", "setcap cap_sys_time+ep PROGRAM");
-}
-
-}  // namespace
-
-std::vector<Check> limit_checks() {
-    return {
-        {"nice-limit", "workers and timers take nice values down to -20", check_nice_limit},
-        {"own-nice", "a thread with a nice value above 4 can add no timer", check_own_nice},
-        {"descriptors", "an event takes 2 descriptors, a worker 3", check_descriptors},
-        {"threads", "every worker, timer band and receiving queue has a thread", check_threads},
-        {"clock-rights", "only a process with CAP_SYS_TIME sets clocks", check_clock_rights},
-    };
 }

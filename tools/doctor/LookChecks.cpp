@@ -13,6 +13,8 @@ constexpr char kTracefs[] = "/sys/kernel/tracing";
 constexpr char kProbeEvents[] = "/sys/kernel/tracing/uprobe_events";
 constexpr char kPtraceScope[] = "/proc/sys/kernel/yama/ptrace_scope";
 
+}  // namespace
+
 Finding check_probes(const Machine& machine) {
     const auto mounts = machine.Read(kMounts);
     if (!mounts) return unreadable(machine, kMounts, "mount -o remount,hidepid=0 /proc");
@@ -37,13 +39,4 @@ Finding check_process_reading(const Machine& machine) {
     if (!scope || *scope == 0) return green("the processes of this user");
     return yellow("kernel.yama.ptrace_scope is " + std::to_string(*scope),
                   "sysctl -w kernel.yama.ptrace_scope=0");
-}
-
-}  // namespace
-
-std::vector<Check> look_checks() {
-    return {
-        {"probes", "pz-trace records by probes of the kernel", check_probes},
-        {"process-reading", "pz-top reads the memory of other processes", check_process_reading},
-    };
 }

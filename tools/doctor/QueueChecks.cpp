@@ -26,6 +26,8 @@ static_assert(kBytesOfQueue == 71680, "as a 64-bit kernel counts a queue of 64 x
 
 constexpr unsigned long long kRaisedLimit = 18350080;
 
+}  // namespace
+
 Finding check_messages(const Machine& machine) {
     const auto most = machine.Number(kMessages);
     if (!most) return unreadable(machine, kMessages, kNoQueues);
@@ -78,18 +80,4 @@ Finding check_queue_folder(const Machine& machine) {
     if (list_queues(machine)) return green("/dev/mqueue shows the queues");
     return yellow("/dev/mqueue does not show the queues",
                   "mkdir -p /dev/mqueue && mount -t mqueue none /dev/mqueue");
-}
-
-}  // namespace
-
-std::vector<Check> queue_checks() {
-    return {
-        {"queue-messages", "a message queue asks for 64 messages", check_messages},
-        {"queue-message-size", "a message queue asks for messages of 1024 bytes",
-         check_message_size},
-        {"queue-count", "every receiving process makes a queue", check_queue_count},
-        {"queue-bytes", "a queue of 64 messages counts 71680 bytes of its user's limit",
-         check_queue_bytes},
-        {"queue-folder", "left queues are found and removed in /dev/mqueue", check_queue_folder},
-    };
 }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Report.h"
+#include "common/Words.h"
 
 namespace {
 
@@ -11,19 +12,8 @@ constexpr int kNameWidth = 20;
 constexpr char kBelow[] = "                            ";  // both widths
 static_assert(sizeof kBelow == kStatusWidth + kNameWidth + 1, "kBelow leads to the third column");
 
-const char* colour_of(Status status) {
-    switch (status) {
-        case Status::Green:
-            return "\033[32m";
-        case Status::Yellow:
-            return "\033[33m";
-        case Status::Red:
-            return "\033[31m";
-        case Status::Skipped:
-            break;
-    }
-    return "\033[2m";
-}
+// Green, yellow, red, faint.
+constexpr Words<Status, Status::Skipped> kColours = {"\033[32m", "\033[33m", "\033[31m", "\033[2m"};
 
 std::string padded(const std::string& text, int width) {
     const auto columns = static_cast<size_t>(width);
@@ -33,7 +23,7 @@ std::string padded(const std::string& text, int width) {
 std::string row(const Result& result, bool asksRoot, bool colours) {
     const Finding& finding = result.finding;
     std::string status = padded(status_name(finding.status), kStatusWidth);
-    if (colours) status = colour_of(finding.status) + status + "\033[0m";
+    if (colours) status = kColours[finding.status] + status + "\033[0m";
     std::string text = status + padded(result.name, kNameWidth) + finding.found + "\n";
     if (finding.repair.empty()) return text;
     text += kBelow + std::string("why:    ") + result.why + "\n";

@@ -17,6 +17,8 @@ bool can_convert(const char* to, const char* from) {
     return true;
 }
 
+}  // namespace
+
 Finding check_code_pages(const Machine& machine) {
     // The C library loads its modules into the running process only.
     if (!machine.IsLive()) return skipped("needs the running machine");
@@ -42,13 +44,4 @@ Finding check_icu(const Machine& machine) {
         return red("no libicui18n.so of version 40 to 99", "apt-get install -y '^libicu[0-9]+$'");
     }
     return green("ICU " + std::to_string(icu.version) + ", " + icu.name);
-}
-
-}  // namespace
-
-std::vector<Check> text_checks() {
-    return {
-        {"code-pages", "text is converted by the C library's iconv modules", check_code_pages},
-        {"icu-detector", "the code page of a text is detected by ICU", check_icu},
-    };
 }

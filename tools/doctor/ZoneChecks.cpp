@@ -13,6 +13,8 @@ std::string describe(const std::vector<std::string>& missing, unsigned int rows)
            " rows: " + first_of(missing);
 }
 
+}  // namespace
+
 Finding check_areas(const Machine& machine) {
     std::vector<std::string> missing;
     for (const PZClock::ST_TIME_ZONE& row : PZClock::timeZoneTbl_) {
@@ -32,14 +34,4 @@ Finding check_offsets(const Machine& machine) {
     const std::string found = describe(missing, PZClock::kOffsets);
     if (missing.empty()) return green(found);
     return red(found, "pz-doctor --zones | zic -d /usr/share/zoneinfo -");
-}
-
-}  // namespace
-
-std::vector<Check> zone_checks() {
-    return {
-        {"zone-areas", "selecting a time zone by area copies the area's zone file", check_areas},
-        {"zone-offsets", "selecting a time zone by offset copies the offset's zone file",
-         check_offsets},
-    };
 }

@@ -11,6 +11,7 @@
 #include "Checks.h"
 #include "Report.h"
 #include "ZoneFile.h"
+#include "common/CommandLine.h"
 
 namespace {
 
@@ -46,75 +47,45 @@ struct Options {
     bool json = false;
     bool zones = false;
     bool list = false;
-    bool version = false;
-    bool help = false;
     std::vector<Check> checks;  // in the order of the table
 };
 
-std::vector<Check> all_checks() {
-    std::vector<Check> all;
-    for (const auto& family : {folder_checks(), device_checks(), zone_checks(), text_checks(),
-                               limit_checks(), queue_checks(), leftover_checks(), look_checks()}) {
-        all.insert(all.end(), family.begin(), family.end());
-    }
-    return all;
-}
-
-bool usage_error(const char* problem, const char* what) {
-    std::fprintf(stderr, "pz-doctor: %s%s\nTry pz-doctor --help.\n", problem, what);
-    return false;
-}
-
-bool parse_root(const char* folder, Options& options) {
-    if (folder == nullptr) return usage_error("--root needs a folder", "");
+/// False after a message.
+bool take_root(const CommandLine& line, const char* folder, Options& options) {
+    if (folder == nullptr) return line.Refuse("--root needs a folder");
     const auto info = Machine().Stat(folder);
-    if (!info || !S_ISDIR(info->st_mode)) return usage_error("not a folder: ", folder);
+    if (!info || !S_ISDIR(info->st_mode)) return line.Refuse("not a folder: ", folder);
     options.root = Machine(folder).Root();
     return true;
 }
 
-bool parse_check(const char* name, Options& options) {
+/// False after a message.
+bool take_check(const CommandLine& line, const char* name, Options& options) {
     for (const Check& check : all_checks()) {
         if (std::strcmp(check.name, name) != 0) continue;
         options.checks.push_back(check);
         return true;
     }
-    return usage_error("unknown check ", name);
-}
-
-/// The switch of that name; null when there is none.
-bool* find_switch(const std::string& name, Options& options) {
-    if (name == "--json") return &options.json;
-    if (name == "--zones") return &options.zones;
-    if (name == "--list") return &options.list;
-    if (name == "--version") return &options.version;
-    if (name == "--help") return &options.help;
-    return nullptr;
+    return line.Refuse("unknown check ", name);
 }
 
 /// False after a message when two of the switches ask for different answers.
-bool check_switches(const Options& options) {
+bool fit_together(const CommandLine& line, const Options& options) {
     const int answers = options.json + options.zones + options.list;
-    if (answers > 1) return usage_error("only one of --json, --zones and --list", "");
+    if (answers > 1) return line.Refuse("only one of --json, --zones and --list");
     const bool fixed = options.zones || options.list;
-    if (fixed && !options.checks.empty()) return usage_error("no check with --zones or --list", "");
+    if (fixed && !options.checks.empty()) return line.Refuse("no check with --zones or --list");
     return true;
 }
 
 /// False after a message.
-bool parse(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--root") == 0) {
-            if (!parse_root(argv[++i], options)) return false;
-        } else if (bool* const on = find_switch(argv[i], options)) {
-            *on = true;
-        } else if (argv[i][0] == '-') {
-            return usage_error("unknown option ", argv[i]);
-        } else if (!parse_check(argv[i], options)) {
-            return false;
-        }
-    }
-    if (!check_switches(options)) return false;
+bool parse(CommandLine& line, int argc, char** argv, Options& options) {
+    line.AddSwitch("--json", options.json);
+    line.AddSwitch("--zones", options.zones);
+    line.AddSwitch("--list", options.list);
+    line.AddOption("--root", [&](const char* root) { return take_root(line, root, options); });
+    const auto takeCheck = [&](const char* name) { return take_check(line, name, options); };
+    if (!line.Read(argc, argv, takeCheck) || !fit_together(line, options)) return false;
     if (options.checks.empty()) options.checks = all_checks();
     return true;
 }
@@ -138,12 +109,9 @@ int look(const Options& options) {
 }
 
 /// Does what is asked for; the exit status.
-int answer(const Options& options) {
-    if (options.help) {
-        std::fputs(kUsage, stdout);
-    } else if (options.version) {
-        std::puts("pz-doctor " PZ_DOCTOR_VERSION);
-    } else if (options.list) {
+int answer(const CommandLine& line, const Options& options) {
+    if (line.Answer()) return 0;
+    if (options.list) {
         print_list();
     } else if (options.zones) {
         std::fputs(missing_zone_source(Machine(options.root)).c_str(), stdout);
@@ -156,9 +124,10 @@ int answer(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    CommandLine line("pz-doctor", PZ_DOCTOR_VERSION, kUsage);
     Options options;
-    if (!parse(argc, argv, options)) return kExitTrouble;
-    const int status = answer(options);
+    if (!parse(line, argc, argv, options)) return kExitTrouble;
+    const int status = answer(line, options);
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return status;
     std::perror("pz-doctor");
     return kExitTrouble;

@@ -276,11 +276,15 @@ def quoted_units(text, page):
     return quoted(text.decode(order, "surrogatepass"))
 
 
-class StringPrinter:
-    """PZString: the form that is held, its code page and the text."""
+class Printer:
+    """What is shown of one object."""
 
     def __init__(self, value):
         self.value = value
+
+
+class StringPrinter(Printer):
+    """PZString: the form that is held, its code page and the text."""
 
     @readable
     def to_string(self):
@@ -322,11 +326,8 @@ def bytes_text(place, address, size):
     return head if size == 0 else "%s: %s" % (head, hex_dump(address, size))
 
 
-class BinaryPrinter:
+class BinaryPrinter(Printer):
     """PZBinary: size, cursor and the bytes."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):
@@ -335,11 +336,8 @@ class BinaryPrinter:
         return bytes_text("cursor at %d" % cursor, int(buffer), size)
 
 
-class ArchivePrinter:
+class ArchivePrinter(Printer):
     """PZSerialization::Archive: size, read position and the bytes."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):
@@ -354,11 +352,8 @@ class ArchivePrinter:
 # Locks and events.
 
 
-class SyncPrinter:
+class SyncPrinter(Printer):
     """PZSync: kind, name, owner and how often the owner has locked it."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):
@@ -376,11 +371,8 @@ class SyncPrinter:
         return "%s, held by %s%s" % (head, thread_text(owner), nested)
 
 
-class EventPrinter:
+class EventPrinter(Printer):
     """PZEvent: the pending signals, where they can be counted, and the descriptors."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):
@@ -412,11 +404,8 @@ class EventPrinter:
 # Message boxes.
 
 
-class MsgBoxPrinter:
+class MsgBoxPrinter(Printer):
     """PZLMsgBox: what is pending, in the order of service, the receivers and the locks."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):
@@ -484,11 +473,8 @@ class MsgBoxPrinter:
 # Timers and threads.
 
 
-class TimerThreadPrinter:
+class TimerThreadPrinter(Printer):
     """PZLTimerSubMng: its thread and the active timers, the next one first."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):
@@ -524,11 +510,8 @@ class TimerThreadPrinter:
         return "%s, %d ms ago" % (text, (1 << 32) - left)
 
 
-class TimerMngPrinter:
+class TimerMngPrinter(Printer):
     """PZLTimerMng: the timer threads by the priorities of their callers."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):
@@ -633,11 +616,8 @@ def states_of_threads():
     return states
 
 
-class ThreadMngPrinter:
+class ThreadMngPrinter(Printer):
     """PZThreadMng: the registered threads in the order of gdb's numbers, and what they do."""
-
-    def __init__(self, value):
-        self.value = value
 
     @readable
     def to_string(self):

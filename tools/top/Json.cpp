@@ -1,8 +1,12 @@
 #include "Json.h"
 
 #include "Text.h"
+#include "common/Words.h"
 
 namespace {
+
+constexpr Words<Activity::State, Activity::Unknown> kStates = {"idle", "running", "changing",
+                                                               "unknown"};
 
 /// An object that grows member by member.
 class Object {
@@ -29,6 +33,17 @@ public:
         return value ? Add(name, *value) : Raw(name, "null");
     }
 
+    /// A value, and the most that it has been.
+    template <typename T>
+    Object& AddWithMost(const char* name, const T& value, const T& most) {
+        return Add(name, value).Add(("most_" + std::string(name)).c_str(), most);
+    }
+
+    /// What a thread is doing; `running` is the object of what it runs.
+    Object& AddActivity(const Activity& now, const std::string& running) {
+        return Add("state", kStates[now.state]).Raw("running", running);
+    }
+
     std::string Text() const { return "{" + text_ + "}"; }
 
 private:
@@ -43,19 +58,6 @@ std::string array_of(const Items& items, TextOf textOf) {
         text += textOf(item);
     }
     return text + "]";
-}
-
-const char* state_name(Activity::State state) {
-    switch (state) {
-        case Activity::Idle:
-            return "idle";
-        case Activity::Running:
-            return "running";
-        case Activity::Changing:
-            return "changing";
-        default:
-            return "unknown";
-    }
 }
 
 /// What a handler runs: null unless that is known.
@@ -79,17 +81,14 @@ std::string worker_text(const ThreadView& thread) {
     const BoxInfo& box = *thread.box;
     return Object()
         .Add("number", box.number)
-        .Add("pending", box.pending)
-        .Add("most_pending", box.mostPending)
-        .Add("events", box.events)
-        .Add("most_events", box.mostEvents)
+        .AddWithMost("pending", box.pending, box.mostPending)
+        .AddWithMost("events", box.events, box.mostEvents)
         .Add("served", box.served)
         .Add("served_events", box.servedEvents)
         .Add("per_second", thread.perSecond)
         .Add("refused", box.refused)
         .Add("longest_ms", box.longestMs)
-        .Add("state", state_name(box.now.state))
-        .Raw("running", handler_text(box.now))
+        .AddActivity(box.now, handler_text(box.now))
         .Text();
 }
 
@@ -98,10 +97,12 @@ std::string tid_text(std::uint32_t tid) {
     return tid != 0 ? std::to_string(tid) : "null";
 }
 
+Object named(const std::string& thread, std::uint32_t tid) {
+    return Object().Add("name", thread).Raw("tid", tid_text(tid));
+}
+
 std::string thread_text(const ThreadView& thread) {
-    return Object()
-        .Add("name", thread.name)
-        .Raw("tid", tid_text(thread.tid))
+    return named(thread.name, thread.tid)
         .Add("priority", thread.priority)
         .Add("nice", thread.nice)
         .Add("cpu_percent", thread.share)
@@ -114,18 +115,11 @@ std::string thread_text(const ThreadView& thread) {
 
 std::string band_text(const BandView& row) {
     const BandInfo& band = row.band;
-    return Object()
-        .Add("name", row.name)
-        .Add("active", band.active)
-        .Add("next_ms", band.nextMs)
-        .Add("fired", band.fired)
-        .Add("worst_late_ms", band.worstLateMs)
-        .Add("median_late_ms", band.medianLateMs)
-        .Add("longest_ms", band.longestMs)
-        .Add("hangs", row.hangs)
-        .Add("state", state_name(band.now.state))
-        .Raw("running", callback_text(band.now))
-        .Text();
+    Object object;
+    object.Add("name", row.name).Add("active", band.active).Add("next_ms", band.nextMs);
+    object.Add("fired", band.fired).Add("worst_late_ms", band.worstLateMs);
+    object.Add("median_late_ms", band.medianLateMs).Add("longest_ms", band.longestMs);
+    return object.Add("hangs", row.hangs).AddActivity(band.now, callback_text(band.now)).Text();
 }
 
 std::string queue_text(const QueueView& row) {
@@ -143,10 +137,8 @@ std::string queue_text(const QueueView& row) {
 
 Object usage_of(const UsageInfo& usage) {
     return Object()
-        .Add("blocks", usage.blocks)
-        .Add("most_blocks", usage.mostBlocks)
-        .Add("bytes", usage.bytes)
-        .Add("most_bytes", usage.mostBytes);
+        .AddWithMost("blocks", usage.blocks, usage.mostBlocks)
+        .AddWithMost("bytes", usage.bytes, usage.mostBytes);
 }
 
 std::string heap_text(const ProcessView& view) {
@@ -158,9 +150,7 @@ std::string heap_text(const ProcessView& view) {
 }
 
 std::string wait_text(const WaitView& wait) {
-    return Object()
-        .Add("name", wait.name)
-        .Raw("tid", tid_text(wait.tid))
+    return named(wait.name, wait.tid)
         .Add("lock", wait.lock)
         .Add("for_ms", wait.forMs)
         .Add("holder", wait.holder)
@@ -169,9 +159,8 @@ std::string wait_text(const WaitView& wait) {
 }
 
 std::string deadlock_text(const std::vector<ThreadView>& circle) {
-    return array_of(circle, [](const ThreadView& thread) {
-        return Object().Add("name", thread.name).Raw("tid", tid_text(thread.tid)).Text();
-    });
+    return array_of(circle,
+                    [](const ThreadView& thread) { return named(thread.name, thread.tid).Text(); });
 }
 
 std::string row_text(const ProcessRow& row) {

@@ -9,6 +9,8 @@
 #include <clocale>
 #include <cstdio>
 
+#include "common/Words.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -28,18 +30,7 @@ const std::vector<Line> kHelp = {
     {"A question mark: could not be read, or makes no sense."},
 };
 
-const char* name_of(SortKey key) {
-    switch (key) {
-        case SortKey::Load:
-            return "load";
-        case SortKey::Pending:
-            return "pending";
-        case SortKey::Refused:
-            return "refused";
-        default:
-            return "name";
-    }
-}
+constexpr Words<SortKey, SortKey::Refused> kSortNames = {"name", "load", "pending", "refused"};
 
 SortKey next(SortKey key) {
     return key == SortKey::Refused ? SortKey::Name
@@ -178,7 +169,7 @@ private:
 
     std::string Footer() const {
         std::string text =
-            std::string("sorted by ") + name_of(key_) + "   s sort  p pause  h help  q quit";
+            std::string("sorted by ") + kSortNames[key_] + "   s sort  p pause  h help  q quit";
         if (isPaused_) text = "PAUSED   " + text;
         if (isOver_) text = watcher_.Problem() + "   " + text;
         return text;

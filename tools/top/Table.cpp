@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Text.h"
+#include "common/Words.h"
 
 namespace {
 
@@ -53,6 +54,14 @@ private:
     std::vector<Column> columns_;
     std::vector<Row> rows_;
 };
+
+Grid::Column word(const char* heading) {
+    return {heading, false};
+}
+
+Grid::Column number(const char* heading) {
+    return {heading, true};
+}
 
 template <typename T>
 std::string known(const std::optional<T>& value) {
@@ -115,14 +124,15 @@ Line title_of(const ProcessView& view) {
     return {text, Style::Heading};
 }
 
+/// With an empty line above.
+void append_section(const Grid& grid, std::vector<Line>& lines) {
+    lines.emplace_back();
+    grid.AppendTo(lines);
+}
+
 void append_threads(const ProcessView& view, std::vector<Line>& lines) {
-    Grid grid({{"THREAD", false},
-               {"TID", true},
-               {"PRIO", true},
-               {"NICE", true},
-               {"CPU%", true},
-               {"STATE", false},
-               {"WATCH", true}});
+    Grid grid({word("THREAD"), number("TID"), number("PRIO"), number("NICE"), number("CPU%"),
+               word("STATE"), number("WATCH")});
     for (const ThreadView& thread : view.threads) {
         grid.Add({thread.name, thread.tid != 0 ? std::to_string(thread.tid) : "?",
                   thread.priority ? std::to_string(*thread.priority) : "-",
@@ -135,17 +145,9 @@ void append_threads(const ProcessView& view, std::vector<Line>& lines) {
 }
 
 void append_workers(const ProcessView& view, std::vector<Line>& lines) {
-    Grid grid({{"WORKER", false},
-               {"NO", true},
-               {"PENDING", true},
-               {"MOST", true},
-               {"EVENTS", true},
-               {"MOST", true},
-               {"SERVED", true},
-               {"PER S", true},
-               {"REFUSED", true},
-               {"LONGEST", true},
-               {"RUNS NOW", false}});
+    Grid grid({word("WORKER"), number("NO"), number("PENDING"), number("MOST"), number("EVENTS"),
+               number("MOST"), number("SERVED"), number("PER S"), number("REFUSED"),
+               number("LONGEST"), word("RUNS NOW")});
     bool hasRows = false;
     for (const ThreadView& thread : view.threads) {
         if (!thread.box) continue;
@@ -159,20 +161,13 @@ void append_workers(const ProcessView& view, std::vector<Line>& lines) {
             thread.hangs ? Style::Alarm : Style::Plain);
     }
     if (!hasRows) return;
-    lines.emplace_back();
-    grid.AppendTo(lines);
+    append_section(grid, lines);
 }
 
 void append_bands(const ProcessView& view, std::vector<Line>& lines) {
     if (view.bands.empty()) return;
-    Grid grid({{"TIMERS", false},
-               {"ACTIVE", true},
-               {"NEXT", true},
-               {"FIRED", true},
-               {"WORST LATE", true},
-               {"MEDIAN LATE", true},
-               {"LONGEST", true},
-               {"RUNS NOW", false}});
+    Grid grid({word("TIMERS"), number("ACTIVE"), number("NEXT"), number("FIRED"),
+               number("WORST LATE"), number("MEDIAN LATE"), number("LONGEST"), word("RUNS NOW")});
     for (const BandView& row : view.bands) {
         const BandInfo& band = row.band;
         grid.Add({row.name, std::to_string(band.active), band.nextMs ? duration(*band.nextMs) : "-",
@@ -181,8 +176,7 @@ void append_bands(const ProcessView& view, std::vector<Line>& lines) {
                   activity_text(band.now, "timer", row.hangs)},
                  row.hangs ? Style::Alarm : Style::Plain);
     }
-    lines.emplace_back();
-    grid.AppendTo(lines);
+    append_section(grid, lines);
 }
 
 std::string side_text(const QueueInfo& queue) {
@@ -193,12 +187,8 @@ std::string side_text(const QueueInfo& queue) {
 
 void append_queues(const ProcessView& view, std::vector<Line>& lines) {
     if (view.queues.empty()) return;
-    Grid grid({{"QUEUE", false},
-               {"SIDE", false},
-               {"WAITING", true},
-               {"SENT", true},
-               {"RECEIVED", true},
-               {"REFUSED", true}});
+    Grid grid({word("QUEUE"), word("SIDE"), number("WAITING"), number("SENT"), number("RECEIVED"),
+               number("REFUSED")});
     for (const QueueView& row : view.queues) {
         const std::string fill =
             row.fill ? std::to_string(row.fill->waiting) + "/" + std::to_string(row.fill->most)
@@ -208,18 +198,13 @@ void append_queues(const ProcessView& view, std::vector<Line>& lines) {
                   row.queue.receives ? std::to_string(row.queue.received) : "-",
                   std::to_string(row.queue.refused)});
     }
-    lines.emplace_back();
-    grid.AppendTo(lines);
+    append_section(grid, lines);
 }
 
 void append_heap(const ProcessView& view, std::vector<Line>& lines) {
     if (!view.heap) return;
-    Grid grid({{"ACCOUNTED HEAP", false},
-               {"TID", true},
-               {"BLOCKS", true},
-               {"MOST", true},
-               {"BYTES", true},
-               {"MOST", true}});
+    Grid grid({word("ACCOUNTED HEAP"), number("TID"), number("BLOCKS"), number("MOST"),
+               number("BYTES"), number("MOST")});
     const auto add = [&grid](const std::string& name, const UsageInfo& usage) {
         grid.Add({name, usage.tid != 0 ? std::to_string(usage.tid) : "-",
                   std::to_string(usage.blocks), std::to_string(usage.mostBlocks),
@@ -227,24 +212,19 @@ void append_heap(const ProcessView& view, std::vector<Line>& lines) {
     };
     add("all threads", *view.heap);
     for (const HeapView& row : view.heapThreads) add(row.name, row.usage);
-    lines.emplace_back();
-    grid.AppendTo(lines);
+    append_section(grid, lines);
 }
 
 void append_waits(const ProcessView& view, std::vector<Line>& lines) {
     if (view.waits.empty()) return;
-    Grid grid({{"WAITS FOR A LOCK", false},
-               {"TID", true},
-               {"LOCK", false},
-               {"SINCE", true},
-               {"HELD BY", false}});
+    Grid grid(
+        {word("WAITS FOR A LOCK"), number("TID"), word("LOCK"), number("SINCE"), word("HELD BY")});
     for (const WaitView& row : view.waits) {
         std::string holder = row.holder;
         if (row.holderTid != 0) holder += " (" + std::to_string(row.holderTid) + ")";
         grid.Add({row.name, std::to_string(row.tid), row.lock, duration(row.forMs), holder});
     }
-    lines.emplace_back();
-    grid.AppendTo(lines);
+    append_section(grid, lines);
     for (const auto& circle : view.deadlocks) {
         std::string text = "DEADLOCK:";
         for (const ThreadView& thread : circle) {
@@ -255,16 +235,8 @@ void append_waits(const ProcessView& view, std::vector<Line>& lines) {
     }
 }
 
-const char* start_of(Style style) {
-    switch (style) {
-        case Style::Heading:
-            return "\033[1m";
-        case Style::Alarm:
-            return "\033[1;31m";
-        default:
-            return "";
-    }
-}
+// Nothing, bold, bold and red.
+constexpr Words<Style, Style::Alarm> kStyleStarts = {"", "\033[1m", "\033[1;31m"};
 
 }  // namespace
 
@@ -281,14 +253,8 @@ std::vector<Line> table_of(const ProcessView& view) {
 }
 
 std::vector<Line> table_of(const std::vector<ProcessRow>& rows, std::size_t notAllowed) {
-    Grid grid({{"PROCESS", false},
-               {"ID", true},
-               {"PID", true},
-               {"WORKERS", true},
-               {"PENDING", true},
-               {"PER S", true},
-               {"TIMERS", true},
-               {"WORST HANDLER NOW", false}});
+    Grid grid({word("PROCESS"), number("ID"), number("PID"), number("WORKERS"), number("PENDING"),
+               number("PER S"), number("TIMERS"), word("WORST HANDLER NOW")});
     for (const ProcessRow& row : rows) {
         if (!row.id) {
             grid.Add({row.name, "?", std::to_string(row.pid), "?", "?", "?", "?",
@@ -322,7 +288,7 @@ std::string text_of(const std::vector<Line>& lines, bool colours) {
     std::string text;
     for (const Line& line : lines) {
         const bool isColoured = colours && line.style != Style::Plain;
-        if (isColoured) text += start_of(line.style);
+        if (isColoured) text += kStyleStarts[line.style];
         text += line.text;
         if (isColoured) text += "\033[0m";
         text += '\n';

@@ -11,22 +11,6 @@ constexpr unsigned int kMostHeaders = 64;
 constexpr unsigned int kMostDynamic = 256;
 constexpr unsigned int kMostInChain = 4096;  // symbols of one hash value
 
-struct Elf32 {
-    using Header = Elf32_Ehdr;
-    using Segment = Elf32_Phdr;
-    using Dynamic = Elf32_Dyn;
-    using Symbol = Elf32_Sym;
-    using Word = std::uint32_t;
-};
-
-struct Elf64 {
-    using Header = Elf64_Ehdr;
-    using Segment = Elf64_Phdr;
-    using Dynamic = Elf64_Dyn;
-    using Symbol = Elf64_Sym;
-    using Word = std::uint64_t;
-};
-
 /// The hash of a name in the symbol hash table.
 std::uint32_t hash_of(const char* name) {
     std::uint32_t hash = 5381;
@@ -34,8 +18,8 @@ std::uint32_t hash_of(const char* name) {
     return hash;
 }
 
-/// One program or library in the memory of a process.
-template <typename Elf>
+/// One program or library in the memory of a process. Its records are as wide as its addresses.
+template <typename Header, typename Segment, typename Dynamic, typename Symbol, typename Word>
 class Image {
 public:
     Image(const ProcessMemory& memory, std::uint64_t start) : memory_(memory), start_(start) {}
@@ -45,7 +29,7 @@ public:
         const auto header = read_as<HashHeader>(memory_, hash_);
         if (!header || header->buckets == 0) return {};
         const std::uint64_t buckets =
-            hash_ + sizeof *header + std::uint64_t{header->words} * sizeof(typename Elf::Word);
+            hash_ + sizeof *header + std::uint64_t{header->words} * sizeof(Word);
         const std::uint64_t chains = buckets + std::uint64_t{header->buckets} * 4;
         const std::uint32_t hash = hash_of(name);
         auto index = read_as<std::uint32_t>(memory_, buckets + hash % header->buckets * 4ULL);
@@ -72,13 +56,13 @@ private:
 
     /// Where the image is moved to, and its dynamic section.
     bool FindTables() {
-        const auto header = read_as<typename Elf::Header>(memory_, start_);
-        if (!header || header->e_phentsize != sizeof(typename Elf::Segment)) return false;
+        const auto header = read_as<Header>(memory_, start_);
+        if (!header || header->e_phentsize != sizeof(Segment)) return false;
         std::uint64_t dynamic = 0;
         bool hasStart = false;
         for (unsigned int i = 0; i < header->e_phnum && i < kMostHeaders; ++i) {
-            const auto segment = read_as<typename Elf::Segment>(
-                memory_, start_ + header->e_phoff + i * sizeof(typename Elf::Segment));
+            const auto segment =
+                read_as<Segment>(memory_, start_ + header->e_phoff + i * sizeof(Segment));
             if (!segment) return false;
             if (segment->p_type == PT_LOAD && segment->p_offset == 0) {
                 moved_ = start_ - segment->p_vaddr;
@@ -91,8 +75,7 @@ private:
 
     bool ReadDynamic(std::uint64_t address) {
         for (unsigned int i = 0; i < kMostDynamic; ++i) {
-            const auto entry = read_as<typename Elf::Dynamic>(
-                memory_, address + i * sizeof(typename Elf::Dynamic));
+            const auto entry = read_as<Dynamic>(memory_, address + i * sizeof(Dynamic));
             if (!entry || entry->d_tag == DT_NULL) break;
             if (entry->d_tag == DT_SYMTAB) symbols_ = Placed(entry->d_un.d_ptr);
             if (entry->d_tag == DT_STRTAB) names_ = Placed(entry->d_un.d_ptr);
@@ -108,8 +91,7 @@ private:
 
     /// Nothing when the symbol has another name, or is not defined here.
     std::optional<std::uint64_t> AddressOf(std::uint64_t index, const char* name) const {
-        const auto symbol =
-            read_as<typename Elf::Symbol>(memory_, symbols_ + index * sizeof(typename Elf::Symbol));
+        const auto symbol = read_as<Symbol>(memory_, symbols_ + index * sizeof(Symbol));
         if (!symbol || symbol->st_shndx == SHN_UNDEF) return {};
         std::string found(std::strlen(name) + 1, '\0');
         if (!memory_.Read(names_ + symbol->st_name, found.data(), found.size())) return {};
@@ -124,6 +106,9 @@ private:
     std::uint64_t names_ = 0;
     std::uint64_t hash_ = 0;
 };
+
+using Image32 = Image<Elf32_Ehdr, Elf32_Phdr, Elf32_Dyn, Elf32_Sym, std::uint32_t>;
+using Image64 = Image<Elf64_Ehdr, Elf64_Phdr, Elf64_Dyn, Elf64_Sym, std::uint64_t>;
 
 std::string base_name(const std::string& path) {
     return path.substr(path.rfind('/') + 1);
@@ -176,9 +161,9 @@ std::optional<std::uint64_t> find_symbol(const ProcessMemory& memory, std::uint6
     if (!identification || std::memcmp(identification->bytes, ELFMAG, SELFMAG) != 0) return {};
     switch (identification->bytes[EI_CLASS]) {
         case ELFCLASS32:
-            return Image<Elf32>(memory, image).Find(name);
+            return Image32(memory, image).Find(name);
         case ELFCLASS64:
-            return Image<Elf64>(memory, image).Find(name);
+            return Image64(memory, image).Find(name);
         default:
             return {};
     }

@@ -12,6 +12,7 @@
 
 #include "Screen.h"
 #include "Watcher.h"
+#include "common/CommandLine.h"
 
 namespace {
 
@@ -37,57 +38,41 @@ struct Options {
     unsigned int intervalMs = 1000;
     bool once = false;
     bool json = false;
-    bool version = false;
-    bool help = false;
     std::string target;  // empty: the whole machine
 };
 
-bool usage_error(const char* problem, const char* what) {
-    std::fprintf(stderr, "pz-top: %s%s\nTry pz-top --help.\n", problem, what);
-    return false;
-}
-
 /// False after a message.
-bool parse_interval(const char* text, Options& options) {
+bool take_interval(const CommandLine& line, const char* text, Options& options) {
     constexpr unsigned long kShortest = 10;
     constexpr unsigned long kLongest = 3600000;
-    if (text == nullptr) return usage_error("--interval needs milliseconds", "");
+    if (text == nullptr) return line.Refuse("--interval needs milliseconds");
     char* end = nullptr;
     errno = 0;
     const unsigned long ms = std::strtoul(text, &end, 10);
     const bool isNumber = *text >= '0' && *text <= '9' && *end == '\0' && errno == 0;
     if (!isNumber || ms < kShortest || ms > kLongest) {
-        return usage_error("--interval takes 10 to 3600000 milliseconds, not ", text);
+        return line.Refuse("--interval takes 10 to 3600000 milliseconds, not ", text);
     }
     options.intervalMs = static_cast<unsigned int>(ms);
     return true;
 }
 
-/// The switch of that name; null when there is none.
-bool* find_switch(const std::string& name, Options& options) {
-    if (name == "--once") return &options.once;
-    if (name == "--json") return &options.json;
-    if (name == "--version") return &options.version;
-    if (name == "--help") return &options.help;
-    return nullptr;
+/// False after a message.
+bool take_target(const CommandLine& line, const char* target, Options& options) {
+    if (*target == '\0' || !options.target.empty()) {
+        return line.Refuse("one process, by its number or name");
+    }
+    options.target = target;
+    return true;
 }
 
 /// False after a message.
-bool parse(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--interval") == 0) {
-            if (!parse_interval(argv[++i], options)) return false;
-        } else if (bool* const on = find_switch(argv[i], options)) {
-            *on = true;
-        } else if (argv[i][0] == '-') {
-            return usage_error("unknown option ", argv[i]);
-        } else if (*argv[i] == '\0' || !options.target.empty()) {
-            return usage_error("one process, by its number or name", "");
-        } else {
-            options.target = argv[i];
-        }
-    }
-    return true;
+bool parse(CommandLine& line, int argc, char** argv, Options& options) {
+    line.AddSwitch("--once", options.once);
+    line.AddSwitch("--json", options.json);
+    line.AddOption("--interval", [&](const char* ms) { return take_interval(line, ms, options); });
+    return line.Read(argc, argv,
+                     [&](const char* target) { return take_target(line, target, options); });
 }
 
 int failed(int status, const std::string& problem) {
@@ -144,15 +129,8 @@ int watch(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    CommandLine line("pz-top", PZ_TOP_VERSION, kUsage);
     Options options;
-    if (!parse(argc, argv, options)) return kExitUsage;
-    if (options.help) {
-        std::fputs(kUsage, stdout);
-        return kExitDone;
-    }
-    if (options.version) {
-        std::puts("pz-top " PZ_TOP_VERSION);
-        return kExitDone;
-    }
-    return watch(options);
+    if (!parse(line, argc, argv, options)) return kExitUsage;
+    return line.Answer() ? kExitDone : watch(options);
 }
