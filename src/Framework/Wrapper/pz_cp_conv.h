@@ -64,10 +64,14 @@ enum EN_XCP : int {
     XCP_ISO8859_10 = 30,
     XCP_ISO8859_16 = 31,
     XCP_UTF8 = 32,
-    XCP_WCHAR = 33,    ///< the platform's wide characters, 32 bits each
-    XCP_UTF16 = 34,    ///< with a byte order mark
-    XCP_UTF16BE = 35,  ///< big endian
-    XCP_UTF16LE = 36,  ///< little endian
+    /// The platform's wide characters, 32 bits each.
+    XCP_WCHAR = 33,
+    /// With a byte order mark.
+    XCP_UTF16 = 34,
+    /// Big endian.
+    XCP_UTF16BE = 35,
+    /// Little endian.
+    XCP_UTF16LE = 36,
     XCP_GB18030 = 37,
     XCP_BIG5 = 38,
     XCP_EUC_JP = 39,

@@ -16,9 +16,6 @@
 /// at a time. Owns the descriptor. Silent: its user reports.
 class PZDirectory {
 public:
-    PZDirectory(const PZDirectory&) = delete;
-    PZDirectory& operator=(const PZDirectory&) = delete;
-
     /// A listing from the directory's position on. Its descriptor is moved above 2 (see
     /// pz_above_standard), because it may stay open for long. Null with errno set when that fails,
     /// when there is no memory, or when the directory is not open.
@@ -26,6 +23,9 @@ public:
         if (!directory.MoveAboveStandard()) return nullptr;
         return std::unique_ptr<PZDirectory>(new (std::nothrow) PZDirectory(std::move(directory)));
     }
+
+    PZDirectory(const PZDirectory&) = delete;
+    PZDirectory& operator=(const PZDirectory&) = delete;
 
     int Get() const noexcept { return directory_.Get(); }
 

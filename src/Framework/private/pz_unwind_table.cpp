@@ -33,14 +33,13 @@ enum EN_ENCODING : Byte {
     en_ENCODED_ALIGNED = 0x50,  // whole
 };
 
-/// The instructions of a table, DW_CFA_... in the format's own description.
+/// The instructions of a table, DW_CFA_... in the format's own description: these in the upper two
+/// bits, with the operand in the others.
+enum EN_PACKED_INSTRUCTION : Byte { en_ADVANCE = 1, en_OFFSET = 2, en_RESTORE = 3 };
+
+/// Those where the upper two bits are 0.
 enum EN_INSTRUCTION : Byte {
-    // In the upper two bits; the others are the operand.
-    en_ADVANCE = 1,
-    en_OFFSET = 2,
-    en_RESTORE = 3,
-    // Whole, where those are 0.
-    en_NOP = 0x00,
+    en_NOP,
     en_ADVANCE_1 = 0x02,
     en_ADVANCE_2 = 0x03,
     en_ADVANCE_4 = 0x04,

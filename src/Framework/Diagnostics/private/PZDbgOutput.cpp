@@ -202,46 +202,39 @@ PZReportLine& PZReportLine::Add(int number) {
     return Add(std::string_view(begin, static_cast<size_t>(end - begin)));
 }
 
+// Does something with the arguments `args` after `format`. A macro, because only the function that
+// has been given them can begin and end them.
+#define PZ_WITH_ARGUMENTS(...) \
+    va_list args;              \
+    va_start(args, format);    \
+    __VA_ARGS__;               \
+    va_end(args)
+
 void PZDbgOutput::DbgPrint(const char* format, ...) {
     const PZErrnoKeeper keeper;
     char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
+    PZ_WITH_ARGUMENTS(format_message(message, format, args));
     put_plain(message);
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    print_located(line == -1 ? kWithoutLineNumber : kUntagged, {file, func, line}, en_TAG_INFO,
-                  format, args);
-    va_end(args);
+    PZ_WITH_ARGUMENTS(print_located(line == -1 ? kWithoutLineNumber : kUntagged, {file, func, line},
+                                    en_TAG_INFO, format, args));
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, const wchar_t* format,
                            ...) {
-    va_list args;
-    va_start(args, format);
-    print_located(kUntagged, {file, func, line}, en_TAG_INFO, format, args);
-    va_end(args);
+    PZ_WITH_ARGUMENTS(print_located(kUntagged, {file, func, line}, en_TAG_INFO, format, args));
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
                            const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    print_located(kTagged, {file, func, line}, tag, format, args);
-    va_end(args);
+    PZ_WITH_ARGUMENTS(print_located(kTagged, {file, func, line}, tag, format, args));
 }
 
 void PZDbgOutput::DbgPrint(const char* file, const char* func, int line, EN_TAG tag,
                            const wchar_t* format, ...) {
-    va_list args;
-    va_start(args, format);
-    print_located(kTaggedWide, {file, func, line}, tag, format, args);
-    va_end(args);
+    PZ_WITH_ARGUMENTS(print_located(kTaggedWide, {file, func, line}, tag, format, args));
 }
 
 void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line) {
@@ -253,10 +246,7 @@ void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line, c
                                  ...) {
     const PZErrnoKeeper keeper;
     char message[kMessageSize];
-    va_list args;
-    va_start(args, format);
-    format_message(message, format, args);
-    va_end(args);
+    PZ_WITH_ARGUMENTS(format_message(message, format, args));
     // Formatting may have failed, too: its error is the last one.
     put_error({file, func, line}, errno, "] ", message);
 }
@@ -265,11 +255,11 @@ void PZDbgOutput::DbgPrintStdErr(const char* file, const char* func, int line, c
 void pz_report_error_on(PZReportObject::EN_KIND kind, const char* name, const char* file,
                         const char* func, int line, const char* format, ...) {
     const PZReportObject object(kind, name);
-    va_list args;
-    va_start(args, format);
-    print_located(kTagged, {file, func, line}, PZDbgOutput::en_TAG_ERROR, format, args);
-    va_end(args);
+    PZ_WITH_ARGUMENTS(
+        print_located(kTagged, {file, func, line}, PZDbgOutput::en_TAG_ERROR, format, args));
 }
+
+#undef PZ_WITH_ARGUMENTS
 
 const char* PZDbgOutput::getColorTagString(EN_TAG tag) {
     return describe(tag).Colour();

@@ -24,6 +24,7 @@
 #include <Framework/private/pz_write_whole.h>
 
 #include "WorkerCore.h"
+#include "replace.h"
 
 namespace pz {
 
@@ -329,10 +330,7 @@ RotatingLog::~RotatingLog() {
 RotatingLog::RotatingLog(RotatingLog&& other) noexcept = default;
 
 RotatingLog& RotatingLog::operator=(RotatingLog&& other) noexcept {
-    if (this != &other) {
-        const RotatingLog former(std::move(*this));
-        state_ = std::move(other.state_);
-    }
+    detail::replace(state_, other.state_, [this] { RotatingLog former(std::move(*this)); });
     return *this;
 }
 

@@ -3,6 +3,7 @@
 #include <Framework/Diagnostics/PZReport.h>
 
 #include "TimerCore.h"
+#include "replace.h"
 
 namespace pz {
 
@@ -60,10 +61,7 @@ Timer::Timer(std::shared_ptr<detail::TimerCore> core) noexcept : core_(std::move
 Timer::Timer(Timer&& other) noexcept = default;
 
 Timer& Timer::operator=(Timer&& other) noexcept {
-    if (this != &other) {
-        stop();
-        core_ = std::move(other.core_);
-    }
+    detail::replace(core_, other.core_, [this] { stop(); });
     return *this;
 }
 

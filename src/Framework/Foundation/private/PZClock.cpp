@@ -146,7 +146,8 @@ private:
 };
 
 /// Turns a forked child into the date program. Does not return.
-[[noreturn]] void execute_date(const char* argument) {
+[[noreturn]] void execute_date(SignalBlock& signals, const char* argument) {
+    signals.Lift();
     ::execl(kDateProgram, kDateProgram, argument, static_cast<char*>(nullptr));
     pz_end_child_without_program(kDateProgram);
 }
@@ -249,6 +250,16 @@ void print_zone(const char* path) {
                           abbreviation(tzname[1]));
 }
 
+/// Copies a zone file and announces it; false when that fails.
+bool use_zone_file(const char* path, void (*announce)()) {
+    const bool copied = copy_zone_file(path);
+    if (copied) {
+        announce();
+        print_zone(path);
+    }
+    return copied;
+}
+
 /// Copies and announces the zone file until its rules show, `copied` being the result so far.
 /// Answers the result of the last copy.
 bool settle(const char* path, bool copied) {
@@ -313,10 +324,7 @@ bool PZClock::SetLocal(ST_CLOCK* clock) {
         PZ_REPORT_ERROR_ON(PATH, kDateProgram, "error : fork\n");
         return false;
     }
-    if (child == 0) {
-        signals.Lift();
-        execute_date(argument);
-    }
+    if (child == 0) execute_date(signals, argument);
     int status = 0;
     if (::waitpid(child, &status, 0) == -1) {
         signals.Lift();
@@ -343,13 +351,10 @@ bool PZClock::SetTimeZone(int minutes) {
         PZ_REPORT_ERROR("timezone gmt file not found\n");
         return false;
     }
-    const bool copied = copy_zone_file(path);
-    if (copied) {
-        ::tzset();
-        ::sync();
-        print_zone(path);
-    }
-    return settle(path, copied);
+    return settle(path, use_zone_file(path, [] {
+                      ::tzset();
+                      ::sync();
+                  }));
 }
 
 bool PZClock::SetTimeZone(TimeZone::Area area) {
@@ -359,12 +364,10 @@ bool PZClock::SetTimeZone(TimeZone::Area area) {
         PZ_REPORT_ERROR("timezone area file not found\n");
         return false;
     }
-    const bool copied = copy_zone_file(path);
-    if (copied) {
+    const bool copied = use_zone_file(path, [] {
         ::sync();
         ::tzset();
-        print_zone(path);
-    }
+    });
     // Its abbreviation is "JST", which tells nothing.
     if (area == TimeZone::en_AREA_TOKYO) return copied;
     return settle(path, copied);

@@ -61,24 +61,15 @@ struct ST_MEM_BLOCK {
     char names[kCallers][kCallerNameSize];  // reserved for the callers' names: empty
 };
 
-#if __SIZEOF_POINTER__ == 4
-constexpr size_t kHeaderSize = 2624;
-static_assert(offsetof(ST_MEM_BLOCK, older) == 8);
-static_assert(offsetof(ST_MEM_BLOCK, newer) == 12);
-static_assert(offsetof(ST_MEM_BLOCK, size) == 16);
-static_assert(offsetof(ST_MEM_BLOCK, threadId) == 20);
-static_assert(offsetof(ST_MEM_BLOCK, callers) == 24);
-static_assert(offsetof(ST_MEM_BLOCK, names) == 64);
-#else
-constexpr size_t kHeaderSize = 2672;
-static_assert(offsetof(ST_MEM_BLOCK, older) == 8);
-static_assert(offsetof(ST_MEM_BLOCK, newer) == 16);
-static_assert(offsetof(ST_MEM_BLOCK, size) == 24);
-static_assert(offsetof(ST_MEM_BLOCK, threadId) == 28);
-static_assert(offsetof(ST_MEM_BLOCK, callers) == 32);
-static_assert(offsetof(ST_MEM_BLOCK, names) == 112);
-#endif
+constexpr size_t kPointer = sizeof(void*);
+constexpr size_t kHeaderSize = kPointer == 4 ? 2624 : 2672;
 static_assert(offsetof(ST_MEM_BLOCK, guards) == 0);
+static_assert(offsetof(ST_MEM_BLOCK, older) == 8);
+static_assert(offsetof(ST_MEM_BLOCK, newer) == 8 + kPointer);
+static_assert(offsetof(ST_MEM_BLOCK, size) == 8 + 2 * kPointer);
+static_assert(offsetof(ST_MEM_BLOCK, threadId) == 12 + 2 * kPointer);
+static_assert(offsetof(ST_MEM_BLOCK, callers) == 16 + 2 * kPointer);
+static_assert(offsetof(ST_MEM_BLOCK, names) == (kPointer == 4 ? 64 : 112));
 static_assert(Link::is_always_lock_free && Count::is_always_lock_free);
 static_assert(sizeof(ST_MEM_BLOCK) == kHeaderSize);
 static_assert(kHeaderSize % alignof(std::max_align_t) == 0, "the data are aligned as by malloc");

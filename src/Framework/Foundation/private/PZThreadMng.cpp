@@ -108,6 +108,15 @@ void write_record(FILE* file, const PZThreadMng::ThreadInfo& info) {
     std::fprintf(file, "\n");
 }
 
+/// Changes a field and shows it to others; false without a record.
+template <typename Record, typename Info, typename Value>
+bool set_and_show(Record* record, Value Info::*field, Value value) {
+    if (record == nullptr) return false;
+    record->*field = value;
+    record->Show();
+    return true;
+}
+
 /// Reports errno as a failure of `operation`; the record names the thread by its label.
 void report_errno(PZThreadMng& registry, unsigned long handle, const char* operation) {
     const int error = errno;
@@ -207,11 +216,7 @@ bool PZThreadMng::getLabel(unsigned long handle, char* out) {
 
 bool PZThreadMng::setWatchTime(unsigned long handle, unsigned int ms) {
     const PZSyncLock lock(*sync_);
-    Record* const info = FindLocked(handle);
-    if (info == nullptr) return false;
-    info->watchTime = ms;
-    info->Show();
-    return true;
+    return set_and_show(FindLocked(handle), &Record::watchTime, ms);
 }
 
 unsigned int PZThreadMng::getWatchTime(unsigned long handle) {
@@ -247,11 +252,7 @@ bool PZThreadMng::SetPriority(unsigned long handle, int priority, unsigned int t
         return false;
     }
     const PZSyncLock lock(*sync_);
-    Record* const info = FindLocked(handle);
-    if (info == nullptr) return false;
-    info->priority = priority;
-    info->Show();
-    return true;
+    return set_and_show(FindLocked(handle), &Record::priority, priority);
 }
 
 void PZThreadMng::notifyToWaiting() {

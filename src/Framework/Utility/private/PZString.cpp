@@ -27,6 +27,19 @@ namespace {
 /// Room for a character of any code page, per unit of the source.
 constexpr size_t kMaxBytesPerUnit = 6;
 
+/// Whether a text of that code page is held in 16-bit units; reports as `function` when it is not.
+bool names_units(EN_XCP cp, const char* function) {
+    if (cp == XCP_UTF16) {
+        PZ_REPORT_ERROR_OF(function, "not support for now.\n");
+        return false;
+    }
+    if (cp != XCP_UTF16BE && cp != XCP_UTF16LE) {
+        PZ_REPORT_ERROR_OF(function, "invalid param.\n");
+        return false;
+    }
+    return true;
+}
+
 /// What `operation` answers; `refusal` when it runs out of memory, which is reported as a failure
 /// of `function`.
 template <typename Result, typename Operation>
@@ -214,14 +227,7 @@ bool PZString::Copy(const std::wstring& s) {
 }
 
 bool PZString::Copy(const unsigned short* s, EN_CP cp) {
-    if (cp == XCP_UTF16) {
-        PZ_REPORT_ERROR("not support for now.\n");
-        return false;
-    }
-    if (cp != XCP_UTF16BE && cp != XCP_UTF16LE) {
-        PZ_REPORT_ERROR("invalid param.\n");
-        return false;
-    }
+    if (!names_units(cp, "Copy")) return false;
     if (s == nullptr) return false;
     const unsigned short* end = s;
     while (*end != 0) ++end;
@@ -347,8 +353,7 @@ bool PZString::Append(const std::string& s) {
 }
 
 bool PZString::Append(const wchar_t* w) {
-    if (w == nullptr) return false;
-    return Insert(w, End::TAIL);
+    return w != nullptr && Insert(w, End::TAIL);
 }
 
 bool PZString::Append(const PZString& o) {
@@ -507,14 +512,7 @@ const wchar_t* PZString::ToWCHAR() {
 }
 
 const unsigned short* PZString::ToWCHAR16(EN_CP cp) {
-    if (cp == XCP_UTF16) {
-        PZ_REPORT_ERROR("not support for now.\n");
-        return nullptr;
-    }
-    if (cp != XCP_UTF16BE && cp != XCP_UTF16LE) {
-        PZ_REPORT_ERROR("invalid param.\n");
-        return nullptr;
-    }
+    if (!names_units(cp, "ToWCHAR16")) return nullptr;
     if (narrow_ != nullptr) {
         const ST_BUFFER<unsigned short> buffer(narrow_->size() + 1);
         if (buffer.memory == nullptr) {
