@@ -4,13 +4,6 @@
 
 #include <Framework/Easy/Framework.h>
 
-namespace {
-
-constexpr int kExitFailed = 1;
-constexpr int kExitUsage = 2;
-
-}  // namespace
-
 int tell_usage(const char* usage, bool isBad) {
     std::fputs(usage, isBad ? stderr : stdout);
     return isBad ? kExitUsage : 0;

@@ -5,6 +5,11 @@
 
 #include "EndOfRun.h"
 
+// The exit statuses of a program that has not done its work.
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitInterrupted = 130;  ///< as a shell reports Ctrl-C
+
 /// Prints the usage, to standard error when it was not asked for; the exit status.
 int tell_usage(const char* usage, bool isBad);
 

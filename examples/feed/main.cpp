@@ -25,9 +25,6 @@
 
 namespace {
 
-constexpr int kExitUnreadable = 1;
-constexpr int kExitInterrupted = 130;  // as a shell reports Ctrl-C
-
 constexpr char kUsage[] =
     "usage: pz_feed [--flood] FILE...\n"
     "\n"
@@ -81,7 +78,7 @@ int feed(std::vector<FileTotals>& files, bool flood, const EndOfRun& end) {
         std::fprintf(stderr, "pz_feed: the workers do not start\n");
         readerWorker.End(0);
         counterWorker.End(0);
-        return kExitUnreadable;
+        return kExitFailed;
     }
 
     CounterUnit counter(files, end);
@@ -102,7 +99,7 @@ int feed(std::vector<FileTotals>& files, bool flood, const EndOfRun& end) {
     readerWorker.End(0);  // no new messages from here on
     counterWorker.End(0);
     if (!finished) return kExitInterrupted;
-    return reader.Failed() ? kExitUnreadable : 0;
+    return reader.Failed() ? kExitFailed : 0;
 }
 
 }  // namespace
@@ -119,7 +116,7 @@ int main(int argc, char** argv) {
     std::optional<pz::Framework> framework(std::in_place, "pz_feed", 1);
     if (!*framework) {
         std::fprintf(stderr, "pz_feed: the framework does not start\n");
-        return kExitUnreadable;
+        return kExitFailed;
     }
     times.start = milliseconds(watch.Stop());
 

@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-void BlockUnit::Take(unsigned int block) {
-    SendMsgSelf(en_MSG_BLOCK, en_MSG_NORMAL, &block, sizeof block);
+void BlockUnit::Take(unsigned int number) {
+    SendMsgSelf(en_MSG_BLOCK, en_MSG_NORMAL, &number, sizeof number);
 }
 
 void BlockUnit::TakeEnd() {
@@ -15,7 +15,7 @@ void BlockUnit::OnReceiveMsg(unsigned int MsgID, const void* Buff, unsigned int 
         OnEnd();
         return;
     }
-    unsigned int block = 0;
-    std::memcpy(&block, Buff, sizeof block);
-    OnBlock(block);
+    unsigned int number = 0;
+    std::memcpy(&number, Buff, sizeof number);
+    OnBlock(pool_.At(number), number);
 }

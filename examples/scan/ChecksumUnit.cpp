@@ -5,16 +5,16 @@
 #include "ReaderUnit.h"
 
 ChecksumUnit::ChecksumUnit(Catalogue& catalogue, BlockPool& pool, const EndOfRun& end)
-    : catalogue_(catalogue), pool_(pool), end_(end) {}
+    : BlockUnit(pool), catalogue_(catalogue), end_(end) {}
 
 bool ChecksumUnit::Join(PZIMsgBox* box, ReaderUnit& reader) {
     reader_ = &reader;
     return RegistMsgBox(box, this) == 0;
 }
 
-void ChecksumUnit::OnBlock(unsigned int block) {
-    Add(pool_.At(block));
-    reader_->TakeBack(block);
+void ChecksumUnit::OnBlock(const Block& block, unsigned int number) {
+    Add(block);
+    reader_->TakeBack(number);
 }
 
 void ChecksumUnit::OnEnd() {

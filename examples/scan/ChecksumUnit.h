@@ -3,7 +3,6 @@
 
 #include <atomic>
 
-#include "BlockPool.h"
 #include "BlockUnit.h"
 #include "Catalogue.h"
 #include "common/EndOfRun.h"
@@ -21,13 +20,12 @@ public:
     unsigned int FilesDone() const { return filesDone_; }
 
 private:
-    void OnBlock(unsigned int block) override;
+    void OnBlock(const Block& block, unsigned int number) override;
     void OnEnd() override;
 
     void Add(const Block& block);
 
     Catalogue& catalogue_;
-    BlockPool& pool_;
     const EndOfRun& end_;
     ReaderUnit* reader_ = nullptr;
     unsigned int crc_ = 0;  // of the blocks of the current file so far

@@ -4,12 +4,11 @@
 #include "common/CodePageNames.h"
 
 TextUnit::TextUnit(Catalogue& catalogue, BlockPool& pool, ChecksumUnit& checksum, ScanLog& log)
-    : catalogue_(catalogue), pool_(pool), checksum_(checksum), log_(log) {}
+    : BlockUnit(pool), catalogue_(catalogue), checksum_(checksum), log_(log) {}
 
-void TextUnit::OnBlock(unsigned int block) {
-    const Block& content = pool_.At(block);
-    if (content.isFirst) Describe(content);
-    checksum_.Take(block);
+void TextUnit::OnBlock(const Block& block, unsigned int number) {
+    if (block.isFirst) Describe(block);
+    checksum_.Take(number);
 }
 
 void TextUnit::OnEnd() {

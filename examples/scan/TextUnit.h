@@ -1,7 +1,6 @@
 #ifndef SCAN_TEXTUNIT_H
 #define SCAN_TEXTUNIT_H
 
-#include "BlockPool.h"
 #include "BlockUnit.h"
 #include "Catalogue.h"
 #include "ChecksumUnit.h"
@@ -17,13 +16,12 @@ public:
     bool Join(PZIMsgBox* box) { return RegistMsgBox(box, this) == 0; }
 
 private:
-    void OnBlock(unsigned int block) override;
+    void OnBlock(const Block& block, unsigned int number) override;
     void OnEnd() override;
 
     void Describe(const Block& block);
 
     Catalogue& catalogue_;
-    BlockPool& pool_;
     ChecksumUnit& checksum_;
     ScanLog& log_;
 };

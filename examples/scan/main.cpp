@@ -29,9 +29,6 @@
 
 namespace {
 
-constexpr int kExitFailed = 1;
-constexpr int kExitInterrupted = 130;  // as a shell reports Ctrl-C
-
 constexpr char kUsage[] =
     "usage: pz_scan [OPTION]... FOLDER...\n"
     "\n"

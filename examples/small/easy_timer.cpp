@@ -12,7 +12,8 @@ int main() {
     pz::Event over;
     int count = 0;  // touched by the worker's thread only
     pz::Timer tick = worker.every(10ms, [&] {
-        if (++count <= 3) std::printf("tick %d\n", count);
+        if (++count > 3) return;
+        std::printf("tick %d\n", count);
         if (count == 3) over.set();
     });
     over.wait();

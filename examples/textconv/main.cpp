@@ -100,6 +100,11 @@ const option kLongOptions[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+bool turn_on(bool& option) {
+    option = true;
+    return true;
+}
+
 /// Takes one answer of getopt_long; false after a message.
 bool take_option(int answer, char** argv, Options& options) {
     const char letter[] = {'-', static_cast<char>(optopt), '\0'};
@@ -112,14 +117,11 @@ bool take_option(int answer, char** argv, Options& options) {
             options.out = optarg;
             return true;
         case 'd':
-            options.detect = true;
-            return true;
+            return turn_on(options.detect);
         case 'l':
-            options.list = true;
-            return true;
+            return turn_on(options.list);
         case 'h':
-            options.help = true;
-            return true;
+            return turn_on(options.help);
         case ':':
             return usage_error("a value is missing after ", argv[optind - 1]);
         default:

@@ -8,6 +8,8 @@
 #include <Framework/Communication/PZMessageQueue.h>
 #include <Framework/Foundation/PZFileSys.h>
 
+#include "common/Program.h"
+
 namespace {
 
 /// A whole number of milliseconds from 1 to one minute; 0 for everything else.
@@ -31,8 +33,6 @@ const char* mistake(const Options& options) {
     if (options.intervalMs == 0) return "--interval is not a number from 1 to 60000";
     return nullptr;
 }
-
-}  // namespace
 
 Options parse_options(int argc, char** argv, bool hasInterval) {
     Options options;
@@ -60,4 +60,13 @@ Options parse_options(int argc, char** argv, bool hasInterval) {
         options.bad = true;
     }
     return options;
+}
+
+}  // namespace
+
+int run_program(const Program& program, int argc, char** argv) {
+    const Options options = parse_options(argc, argv, program.hasInterval);
+    if (options.bad || options.help) return tell_usage(program.usage, options.bad);
+    return run_in_framework(program.name, program.id,
+                            [&](const EndOfRun& end) { return program.run(options, end); });
 }

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "common/EndOfRun.h"
+
 /// What the command line of either program says.
 struct Options {
     std::string dir;                ///< folder of the settings and of their guard; exists
@@ -12,9 +14,17 @@ struct Options {
     bool bad = false;  ///< has been reported
 };
 
-/// Reads the command line; `hasInterval`: the program knows --interval. Reports what is wrong.
-Options parse_options(int argc, char** argv, bool hasInterval);
+/// One of the two programs.
+struct Program {
+    const char* name;
+    int id;
+    const char* usage;
+    bool hasInterval;  ///< knows --interval
+    int (*run)(const Options& options, const EndOfRun& end);
+};
 
-constexpr int kExitFailed = 1;
+/// Reads the command line, reports what is wrong with it, and runs the program in the framework;
+/// the exit status.
+int run_program(const Program& program, int argc, char** argv);
 
 #endif  // TWOPROCESS_OPTIONS_H

@@ -55,8 +55,5 @@ int run(const Options& options, const EndOfRun& end) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Options options = parse_options(argc, argv, /*hasInterval=*/false);
-    if (options.bad || options.help) return tell_usage(kUsage, options.bad);
-    return run_in_framework("pz_display", 2,
-                            [&options](const EndOfRun& end) { return run(options, end); });
+    return run_program({"pz_display", 2, kUsage, /*hasInterval=*/false, run}, argc, argv);
 }

@@ -24,7 +24,7 @@ constexpr char kUsage[] =
     "\n"
     "Exit status: 0; 1 when the settings or the queue cannot be used; 2 for bad usage.\n";
 
-int run(const Options& options, SettingsStore& store, const EndOfRun& end) {
+int tune(const Options& options, SettingsStore& store, const EndOfRun& end) {
     constexpr unsigned int kWatchMs = 4000;
     PZWorker worker(1, kWatchMs, 1);
     TunerUnit tuner(store, options.queue, end);
@@ -45,19 +45,19 @@ int run(const Options& options, SettingsStore& store, const EndOfRun& end) {
     return hasFailed ? kExitFailed : 0;
 }
 
+int run(const Options& options, const EndOfRun& end) {
+    SettingsStore store(options.dir, SettingsStore::en_SIDE_TUNER);
+    if (!store.Open()) {
+        std::fprintf(stderr, "pz_tuner: no file guard in %s\n", options.dir.c_str());
+        return kExitFailed;
+    }
+    const int status = tune(options, store, end);
+    store.Close();
+    return status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Options options = parse_options(argc, argv, /*hasInterval=*/true);
-    if (options.bad || options.help) return tell_usage(kUsage, options.bad);
-    return run_in_framework("pz_tuner", 1, [&options](const EndOfRun& end) {
-        SettingsStore store(options.dir, SettingsStore::en_SIDE_TUNER);
-        if (!store.Open()) {
-            std::fprintf(stderr, "pz_tuner: no file guard in %s\n", options.dir.c_str());
-            return kExitFailed;
-        }
-        const int status = run(options, store, end);
-        store.Close();
-        return status;
-    });
+    return run_program({"pz_tuner", 1, kUsage, /*hasInterval=*/true, run}, argc, argv);
 }
