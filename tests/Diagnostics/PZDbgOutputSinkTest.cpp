@@ -352,6 +352,18 @@ TEST_F(PZDbgOutputSinkTest, MayBeSetInAForkedChildWhateverOtherThreadsDo) {
     reporter.join();
 }
 
+TEST_F(PZDbgOutputSinkTest, StaysInAForkedChild) {
+    Output::SetSink(&Collector::take, &collector);
+    const pztest::ChildResult child = pztest::run_in_child([this] {
+        info("hi\n");
+        return collector.records.size() == 1 && collector.records[0].message == "hi" ? 5 : 6;
+    });
+    EXPECT_TRUE(child.exited);
+    EXPECT_EQ(5, child.status);
+    EXPECT_EQ("", child.output);
+    EXPECT_TRUE(collector.records.empty());
+}
+
 TEST_F(PZDbgOutputSinkTest, MayForkAndBeRemovedInTheChild) {
     static int child_status;
     child_status = -1;

@@ -1,10 +1,13 @@
 #include "Framework/Diagnostics/PZSupervisor.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -940,6 +943,32 @@ TEST_F(PZSupervisorTest, NeitherStartsNorStopsFromItsCallback) {
     EXPECT_FALSE(answers.started);
 }
 
+TEST_F(PZSupervisorTest, WatchesNothingWhileItsCallbackRuns) {
+    struct Slow {
+        Record& record;
+        Gate gate;
+    } slow{record, {}};
+    const auto callback = [](const PZSupervisor::ST_FINDING& finding, void* user) {
+        auto* const own = static_cast<Slow*>(user);
+        Record::OnFinding(finding, &own->record);
+        own->gate.Pass();
+    };
+    ASSERT_TRUE(PZSupervisor::Start(callback, &slow, kIntervalMs));
+    HangingWorker first("first");
+    ASSERT_TRUE(first.HangIn(1));
+    ASSERT_TRUE(slow.gate.WaitForArrival());
+    {
+        HangingWorker second("second", kShortMs, 8);
+        ASSERT_TRUE(second.HangIn(1));
+        // Far longer than a supervision that watches needs to tell of it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(4 * kShortMs));
+    }
+    slow.gate.Open();
+    WaitForLooks();
+    EXPECT_TRUE(ToldOf("second").empty());
+    EXPECT_TRUE(PZSupervisor::Stop());
+}
+
 TEST_F(PZSupervisorTest, AStopThatWaitsForTheCallbackKeepsNobodyElse) {
     struct Held {
         Gate gate;
@@ -1022,6 +1051,42 @@ TEST_F(PZSupervisorTest, ASystemCallThatCanGoOnGoesOnAfterTheCallStack) {
     ASSERT_TRUE(record.WaitForCount(2));
     EXPECT_NE(nullptr, record.All()[0].callStack);
     EXPECT_EQ(1, result);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST_F(PZSupervisorTest, ASleepEndsEarlyOnceForEachFinding) {
+    ASSERT_TRUE(Start(PZSupervisor::kAnySignal));
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    std::atomic<unsigned int> begun{0};
+    std::atomic<unsigned int> interrupted{0};
+    TestWorker sleeping("sleeping", kLongMs, 1, [&] {
+        sleeping.NoteThread();
+        ++begun;
+        if (sleep(60) != 0) ++interrupted;
+        pollfd pending = {ends[0], POLLIN, 0};
+        while (poll(&pending, 1, -1) == -1 && errno == EINTR) ++interrupted;
+        char byte = 0;
+        EXPECT_EQ(1, read(ends[0], &byte, 1));
+    });
+    PZThreadMng* const registry = PZThreadMng::GetInstance();
+    for (unsigned int finding = 1; finding <= 2; ++finding) {
+        ASSERT_EQ(0U, sleeping.Post(1));
+        ASSERT_TRUE(wait_until([&] {
+            return begun == finding &&
+                   pztest::thread_status(std::to_string(sleeping.Tid()), "State") == "S (sleeping)";
+        }));
+        registry->setWatchTime(sleeping.Handle(), kShortMs);  // from now on it hangs
+        ASSERT_TRUE(wait_until([&] {
+            return interrupted == finding && ToldOf("sleeping").size() == 2 * finding - 1;
+        }));
+        if (finding == 2) WaitForLooks();
+        EXPECT_EQ(finding, interrupted);
+        ASSERT_EQ(1, write(ends[1], "x", 1));
+        ASSERT_TRUE(wait_until([&] { return ToldOf("sleeping").size() == 2 * finding; }));
+        registry->setWatchTime(sleeping.Handle(), kLongMs);
+    }
     close(ends[0]);
     close(ends[1]);
 }

@@ -32,6 +32,7 @@
 
 #include <gtest/gtest.h>
 
+#include <Framework/Diagnostics/PZDbgOutput.h>
 #include <Framework/Foundation/PZFileSys.h>
 
 #include "support/CancelledStack.h"
@@ -949,6 +950,24 @@ TEST_F(PZClockTest, EndsTheProcessWhenTheDateProgramCannotBeWaitedFor) {
     EXPECT_TRUE(result.exited);
     EXPECT_EQ(255, result.status);
     EXPECT_EQ(std::string("waitpid: ") + std::strerror(ECHILD) + "\nexit handler", result.output);
+}
+
+TEST_F(PZClockTest, TellsNoSinkWhyTheDateProgramCannotBeWaitedFor) {
+    const pztest::ChildResult result = run_in_child([] {
+        Clock morning = kMorning;
+        PZDbgOutput::SetSink(
+            [](const PZDbgOutput::ST_RECORD& record, void*) {
+                std::printf("told: %s\n", record.message);
+                return true;
+            },
+            nullptr);
+        fork_call.Replace(&fork_to_parent);
+        waitpid_call.FailNext(ECHILD);
+        PZClock::SetLocal(&morning);
+        return 99;
+    });
+    EXPECT_EQ(255, result.status);
+    EXPECT_EQ(std::string("waitpid: ") + std::strerror(ECHILD) + "\n", result.output);
 }
 
 namespace {
