@@ -396,6 +396,12 @@ bool write_maps(const char* path, int flags) {
     return pz_write_heap_maps(path, flags, threads, count);
 }
 
+/// Tells those who trace the heap of memory that is given out; the memory.
+inline void* shown_to_probes(void* data, unsigned int size) {
+    PZ_PROBE(heap_allocate, data, size);
+    return data;
+}
+
 }  // namespace
 
 /// Knows where the report is.
@@ -494,9 +500,7 @@ void* Malloc(unsigned int size) try {
     NewBlock block = new_block(size);
     if (block == nullptr) return nullptr;
     register_block(block.get(), size, __builtin_return_address(0));
-    void* const data = data_of(block.release());
-    PZ_PROBE(heap_allocate, data, size);
-    return data;
+    return shown_to_probes(data_of(block.release()), size);
 } catch (const std::bad_alloc&) {
     return nullptr;  // no lock
 }
@@ -513,9 +517,7 @@ void* Realloc(void* p, unsigned int size) try {
     NewBlock block = p == nullptr ? new_block(size) : resized_block(block_of(p), size);
     if (block == nullptr) return nullptr;
     register_block(block.get(), size, __builtin_return_address(0));
-    void* const data = data_of(block.release());
-    PZ_PROBE(heap_allocate, data, size);
-    return data;
+    return shown_to_probes(data_of(block.release()), size);
 } catch (const std::bad_alloc&) {
     return nullptr;  // no lock
 }
