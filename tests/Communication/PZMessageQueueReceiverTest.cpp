@@ -1,5 +1,6 @@
 #include <mqueue.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -38,6 +40,7 @@
 #include "support/Uncopyable.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(sem_init, 3);
 PZ_INTERPOSE(mq_timedsend, 5);
 PZ_INTERPOSE(mq_receive, 4);
 PZ_INTERPOSE(pthread_create, 4, EAGAIN);
@@ -685,6 +688,12 @@ TEST_F(PZMessageQueueReceiverTest, ACancelledThreadDestroysItToTheEnd) {
 }
 
 // Lack of memory.
+
+TEST_F(PZMessageQueueReceiverTest, IsNotMadeWithoutMemoryForItsLock) {
+    const StdoutCapture out;
+    sem_init_call.FailNext(ENOMEM, 1, 2);  // the first are the subject's and the thread's
+    EXPECT_THROW(PZMsgQ::PZMessageQueue<1>(), std::bad_alloc);
+}
 
 TEST_F(PZMessageQueueReceiverTest, OpensOnlyWithMemoryForItsSubscription) {
     StdoutCapture out;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <ctime>
 #include <future>
+#include <new>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -31,6 +33,7 @@
 #include "support/TempDir.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(sem_init, 3);
 PZ_INTERPOSE(getpriority, 2);
 PZ_INTERPOSE(setpriority, 3);
 PZ_INTERPOSE(pthread_getcpuclockid, 2, ESRCH);
@@ -789,6 +792,14 @@ TEST_F(PZThreadMngTest, IsOneForAllThreadsUntilTheFinalizerDestroysIt) {
     PZSingletonFinalizer::finalize();
     char label[256];
     EXPECT_FALSE(PZThreadMng::GetInstance()->getLabel(1, label));
+}
+
+TEST_F(PZThreadMngTest, IsNotMadeWithoutMemoryForItsLock) {
+    PZSingletonFinalizer::finalize();
+    const StdoutCapture output;
+    sem_init_call.FailNext(ENOMEM, 1, 1);  // the first is the subject's
+    EXPECT_THROW(PZThreadMng::GetInstance(), std::bad_alloc);
+    EXPECT_NE(nullptr, PZThreadMng::GetInstance());
 }
 
 TEST_F(PZThreadMngTest, DelInstanceDoesNothing) {

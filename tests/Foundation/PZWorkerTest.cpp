@@ -1,6 +1,7 @@
 #include "Framework/Foundation/PZWorker.h"
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -33,6 +34,7 @@
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(epoll_wait, 4);
+PZ_INTERPOSE(sem_init, 3);
 PZ_INTERPOSE(read, 3);
 PZ_INTERPOSE(write, 3);
 PZ_INTERPOSE(pthread_create, 4, EAGAIN);
@@ -626,6 +628,29 @@ TEST(PZWorkerMemoryTest, AnswersAFailedStartAndStartsOnceThereIsMemory) {
     EXPECT_EQ(0U, worker.GetMsgBox()->PushMsg(record));
     worker.End(0);
     EXPECT_EQ((Log{"msg 1"}), unit.Received());
+}
+
+TEST(PZWorkerMemoryTest, GetsTheLocksOfItsBoxWhenItStarts) {
+    PZThreadMng::GetInstance();
+    PZWatchDog::GetInstance();
+    for (int lock = 0; lock < 2; ++lock) {
+        StdoutCapture capture;
+        sem_init_call.FailNext(ENOMEM, 1, lock);
+        PZWorker worker(1, kWatchTimeMs, kWorkerNo);
+        sem_init_call.FailNext(ENOMEM);
+        EXPECT_EQ(-1, worker.Start("locked")) << "no memory for it again";
+        EXPECT_EQ(256, worker.GetPriority()) << "no thread";
+        EXPECT_EQ(2U, pztest::error_messages(capture.Take()).size()) << "one for each refusal";
+
+        ASSERT_EQ(0, worker.Start("locked"));
+        RecordingDispatcher unit;
+        const unsigned long id = worker.GetMsgBox()->Registory(&unit);
+        PZIMsgBox::ST_PUSH_MSG_DATA record = {id, 1, kOrdinary, nullptr, 0};
+        EXPECT_EQ(0U, worker.GetMsgBox()->PushMsg(record));
+        worker.End(0);
+        EXPECT_EQ((Log{"msg 1"}), unit.Received());
+        EXPECT_EQ("", capture.Take());
+    }
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <future>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -41,6 +43,7 @@
 #include "support/StdoutCapture.h"
 #include "support/WaitUntil.h"
 
+PZ_INTERPOSE(sem_init, 3);
 PZ_INTERPOSE(pthread_create, 4, EAGAIN);
 PZ_INTERPOSE(pthread_join, 2, EDEADLK);
 PZ_INTERPOSE(write, 3);
@@ -1062,6 +1065,12 @@ private:
     std::atomic<int> fired_{0};
     std::atomic<bool> repeats_{true};
 };
+
+TEST(PZLTimerSubMngMemoryTest, IsNotMadeWithoutMemoryForItsLock) {
+    const StdoutCapture output;
+    sem_init_call.FailNext(ENOMEM);
+    EXPECT_THROW(PZLTimerSubMng(30, kPriority), std::bad_alloc);
+}
 
 TEST(PZLTimerSubMngMemoryTest, ATimerForWhichThereIsNoMemoryIsRefusedAndNothingIsHalfDone) {
     PZLTimerSubMng sub(30, kPriority);

@@ -9,12 +9,14 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <type_traits>
 
 #include <Framework/Diagnostics/PZReport.h>
 #include <Framework/Diagnostics/pz_last_error.h>
 #include <Framework/Foundation/PZSyncLock.h>
 #include <Framework/Foundation/private/PZWatchedWait.h>
+#include <Framework/Foundation/private/pz_lock_memory.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_descriptor.h>
 #include <Framework/private/pz_probes.h>
@@ -242,7 +244,9 @@ int PZMessageQueue<0>::send(const void* data, unsigned int size, unsigned char p
 
 // ---- the receiving side ----
 
-PZMessageQueue<1>::PZMessageQueue() : thread_(this, kWatchTimeMs) {}
+PZMessageQueue<1>::PZMessageQueue() : thread_(this, kWatchTimeMs) {
+    if (!pz_has_semaphore(sync_)) throw std::bad_alloc();
+}
 
 PZMessageQueue<1>::~PZMessageQueue() {
     const PZUncancelled whole;  // the thread must not outlive the object

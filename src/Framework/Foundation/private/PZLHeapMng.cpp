@@ -33,6 +33,7 @@
 #include "../../private/pz_thread_id.h"
 #include "../../private/pz_uncancelled.h"
 #include "pz_heap_maps.h"
+#include "pz_lock_memory.h"
 
 namespace {
 
@@ -117,15 +118,12 @@ char threadNames[kThreads][sizeof ST_HEAP_THREAD::name];
 
 std::atomic<bool> hasLock{false};
 
-/// Throws std::bad_alloc, reported, when there is no memory for its semaphore, the address of which
-/// stands first in it.
+/// Throws std::bad_alloc, reported, when there is no memory for it.
 PZSync* make_lock() {
     alignas(PZSync) static unsigned char memory[sizeof(PZSync)];
     hasLock = true;  // before it is there: a fork waits for it then
     auto* const lock = new (memory) PZSync;
-    const void* semaphore = nullptr;
-    std::memcpy(&semaphore, memory, sizeof semaphore);
-    if (semaphore == nullptr) throw std::bad_alloc();
+    if (!pz_has_semaphore(*lock)) throw std::bad_alloc();
     pz_inspect_set(pz_inspection.heap, &heap.total);
     return lock;
 }

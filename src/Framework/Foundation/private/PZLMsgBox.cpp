@@ -22,6 +22,7 @@
 #include "PZPayloadStore.h"
 #include "PZShortLook.h"
 #include "PZWatchedWait.h"
+#include "pz_lock_memory.h"
 
 namespace {
 
@@ -224,7 +225,8 @@ PZLMsgBox::~PZLMsgBox() {
 
 /// Makes what is missing for a loop to be started and woken; false, and reported once, when that
 /// fails. Not while the loop runs.
-bool PZLMsgBox::MakeEvents() {
+[[gnu::cold]] bool PZLMsgBox::MakeEvents() {
+    if (!pz_make_missing_lock(msgSync_) || !pz_make_missing_lock(dispatcherSync_)) return false;
     const PZSyncLock lock(msgSync_);
     if (kept_ == nullptr) kept_.reset(new (std::nothrow) Kept(msgSync_));
     if (kept_ == nullptr) {
@@ -250,7 +252,7 @@ int PZLMsgBox::Exit() {
     return 0;
 }
 
-int PZLMsgBox::InitWait(unsigned int timeout) {
+[[gnu::cold]] int PZLMsgBox::InitWait(unsigned int timeout) {
     const PZWatchedWait watched;
     return startedEvent_.WaitEvent(timeout) == 0 ? 0 : 1;
 }

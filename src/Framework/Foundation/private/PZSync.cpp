@@ -82,7 +82,7 @@ void report_not_created(const PZSync* lock, const char* operation, int line) {
 
 PZSync::PZSync() : PZSync("", en_TYPE_UNNAMED) {
     static_assert(offsetof(PZSync, handle_) == 0,
-                  "record layout, and the accounted heap looks there");
+                  "record layout, and pz_lock_memory.h looks there");
 #if __SIZEOF_POINTER__ == 4
     static_assert(offsetof(PZSync, type_) == 4, "record layout");
     static_assert(offsetof(PZSync, name_) == 8, "record layout");

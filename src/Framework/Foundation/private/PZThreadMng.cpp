@@ -20,6 +20,7 @@
 #include <Framework/private/pz_time.h>
 
 #include "../../Diagnostics/private/PZInspection.h"
+#include "pz_lock_memory.h"
 
 #if __SIZEOF_POINTER__ == 4
 static_assert(offsetof(PZThreadMng::ThreadInfo, handle) == 0);
@@ -128,7 +129,9 @@ void report_errno(PZThreadMng& registry, unsigned long handle, const char* opera
 
 }  // namespace
 
-PZThreadMng::PZThreadMng() : sync_(std::make_unique<PZSync>()) {}
+PZThreadMng::PZThreadMng() : sync_(std::make_unique<PZSync>()) {
+    if (!pz_has_semaphore(*sync_)) throw std::bad_alloc();
+}
 
 PZThreadMng::~PZThreadMng() = default;
 

@@ -13,6 +13,7 @@
 #include <Framework/Foundation/PZWatchDog.h>
 #include <Framework/Foundation/private/PZLoopWait.h>
 #include <Framework/Foundation/private/PZWatchedWait.h>
+#include <Framework/Foundation/private/pz_lock_memory.h>
 #include <Framework/Utility/PZLTimerMng.h>
 #include <Framework/Wrapper/pz_stdlib.h>
 #include <Framework/private/pz_home.h>
@@ -87,6 +88,7 @@ PZLTimerSubMng::PZLTimerSubMng(unsigned int thirdValue, int threadPriority)
       refuses_(false) {
     static_assert(sizeof firstTickTaken_ == sizeof(sem_t) && alignof(long) >= alignof(sem_t),
                   "the header gives the room without the system's header");
+    if (!pz_has_semaphore(sync_)) throw std::bad_alloc();
     sem_init(new (firstTickTaken_) sem_t, 0, 0);
     // The timer threads need these to their end. Made here they outlive the timer manager, and no
     // two timer threads come to make singletons at the same time.
