@@ -29,6 +29,7 @@
 #include "Communication/Queues.h"
 #include "support/Assertions.h"
 #include "support/CancelledThread.h"
+#include "support/ChildProcess.h"
 #include "support/CountedWaits.h"
 #include "support/CountingObserver.h"
 #include "support/Gate.h"
@@ -553,6 +554,32 @@ TEST_F(PZMessageQueueReceiverTest, TwoReceiversOfANameTakeEachOthersMessages) {
     gate.Open();
     receiver->close();
     EXPECT_EQ("a", observer.Order());
+}
+
+TEST_F(PZMessageQueueReceiverTest, ClosesAlsoWhenAnotherReceiverOfItsNameTakesItsQuit) {
+    const pztest::ChildResult result = pztest::run_in_child(
+        [this] {
+            pztest::CountingObserver first;
+            pztest::CountingObserver second;
+            Receiver closed;
+            Receiver other;
+            if (!closed.open({name.Get(), &first}) || !other.open({name.Get(), &second})) return 1;
+            Sender sender;
+            if (!sender.open({name.Get()})) return 2;
+            // Threads take turns: the one that was served last is the last to get the next message.
+            int firstBefore = 0;
+            for (int sent = 1; first.calls == firstBefore || second.calls == 0; ++sent) {
+                firstBefore = first.calls;
+                if (sender.send("a", 1, 255) != 0) return 3;
+                if (!wait_until([&] { return first.calls + second.calls == sent; })) return 4;
+            }
+            closed.close();
+            other.close();
+            return 0;
+        },
+        /*limitSeconds=*/20);
+    EXPECT_TRUE(result.exited) << "hangs";
+    EXPECT_EQ(0, result.status) << result.output;
 }
 
 TEST_F(PZMessageQueueReceiverTest, CallsMoreObserversThatAreAdded) {

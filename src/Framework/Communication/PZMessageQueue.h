@@ -27,8 +27,8 @@
 /// characters; the receiving side removes it when it closes. A side that still has it open then
 /// uses a queue that nobody reads, and should open the name again.
 ///
-/// Use one receiver per name: two would take each other's messages, also the message that ends a
-/// receiver.
+/// Use one receiver per name: two would take each other's messages, and the end of one may end the
+/// other.
 ///
 /// On the queue a message is one byte of type, the payload, and three zero bytes. Its system
 /// priority is 255 minus the caller's: smaller values overtake larger ones, equal values keep their
@@ -232,6 +232,8 @@ private:
 
     PZ_LOCAL void closeOfParent();
     PZ_LOCAL void sendQuit();
+    PZ_LOCAL void postQuit();
+    PZ_LOCAL void passQuitOn();
     PZ_LOCAL void closeQueue();
     PZ_LOCAL bool serveOne();
     PZ_LOCAL bool mayServeAfterFailure() const;

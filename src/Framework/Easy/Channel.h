@@ -172,7 +172,8 @@ private:
 ///
 ///     pz::Receiver<Station> in(tuner, "stations", [](const Station& s) { show(s); });
 ///
-/// Name:      one receiver for each; a second one would take values of the first.
+/// Name:      one receiver for each; a second one would take values of the first, and may end with
+///            it.
 /// Room:      while the worker has no room, values wait in the channel, until that is full.
 /// Life:      until the destructor, which waits for a running function, at most for the worker's
 ///            `stop_within` (then reported); afterwards the function does not run. When the

@@ -340,8 +340,18 @@ void PZMessageQueue<1>::sendQuit() {
     constexpr unsigned char kPayload = 0;
     if (queue_.send(en_MSG_TYPE_QUIT, &kPayload, sizeof kPayload, 0) == 0) return;
     state_ = en_STATE_LEAVING;
+    postQuit();
+}
+
+void PZMessageQueue<1>::postQuit() {
     constexpr unsigned char kMessage = en_MSG_TYPE_QUIT;
     queue_.post(&kMessage, sizeof kMessage, kMostUrgent);
+}
+
+// Of another receiver of the name, in this process or elsewhere, that waits for its thread to end.
+// Without another one, what is posted goes with the queue.
+void PZMessageQueue<1>::passQuitOn() {
+    if (state_ == en_STATE_SERVING) postQuit();
 }
 
 // Removes the name once only: the next one may already have made a queue under it.
@@ -360,7 +370,10 @@ bool PZMessageQueue<1>::serveOne() {
         received = queue_.receive(type, data, sizeof data);
     }
     if (received < 0) return mayServeAfterFailure();
-    if (type == en_MSG_TYPE_QUIT) return false;
+    if (type == en_MSG_TYPE_QUIT) {
+        passQuitOn();
+        return false;
+    }
     PZInspectedQueue& shown = pz_inspection_queue(queue_.shown_);
     pz_inspect_set(shown.beganMs, pz_inspection_now());
     pz_inspect_set(shown.isNotifying, 1U);
