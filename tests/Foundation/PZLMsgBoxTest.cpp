@@ -38,6 +38,7 @@
 #include "support/WaitUntil.h"
 
 PZ_INTERPOSE(epoll_wait, 4);
+PZ_INTERPOSE(sem_init, 3);
 PZ_INTERPOSE(sem_post, 1);
 PZ_INTERPOSE(read, 3);
 PZ_INTERPOSE(write, 3);
@@ -685,6 +686,21 @@ TEST_F(PZLMsgBoxTest, IsMadeWithoutMemoryAndAnswersFailures) {
     EXPECT_EQ(0, poor->Loop(1));
     EXPECT_EQ(1, poor->InitWait(0));
     poor->~PZLMsgBox();
+}
+
+TEST_F(PZLMsgBoxTest, IsMadeWithoutMemoryForALockAndAnswersFailures) {
+    const StdoutCapture capture;
+    for (int lock = 0; lock < 2; ++lock) {
+        sem_init_call.FailNext(ENOMEM, 1, lock);
+        PZLMsgBox poor;
+        Record record = {id, 1, kOrdinary, "x", 2};
+        EXPECT_EQ(kFailure, poor.PushMsg(record));
+        EXPECT_STREQ("x", static_cast<const char*>(record.Buff));
+        EXPECT_EQ(kFailure, poor.SetEvent(1, id));
+        EXPECT_EQ(0, poor.Exit());
+        EXPECT_EQ(0, poor.Loop(1));
+        EXPECT_EQ(1, poor.InitWait(0));
+    }
 }
 
 /// Expects that a post fails, with one report, because the loop cannot be woken.

@@ -208,9 +208,11 @@ struct PZLMsgBox::Waking {
     unsigned int sleep = 0;
 };
 
-PZLMsgBox::PZLMsgBox()
+[[gnu::cold]] PZLMsgBox::PZLMsgBox()
     : events_(kMaxEvents), trail_(0), workerId_(0), kept_(new (std::nothrow) Kept(msgSync_)) {
     if (kept_ == nullptr) PZ_REPORT_ERROR("failed to allocate memory\n");
+    // A box without its locks, which have said so, is one without memory.
+    if (!pz_has_semaphore(msgSync_) || !pz_has_semaphore(dispatcherSync_)) kept_ = nullptr;
 }
 
 PZLMsgBox::~PZLMsgBox() {
