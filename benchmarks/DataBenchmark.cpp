@@ -20,8 +20,6 @@
 #define PZ_HAS_CEREAL
 #endif
 
-#include "support/RatioReporter.h"
-
 namespace {
 
 // ---- one big-endian number out of a buffer ----
@@ -181,7 +179,3 @@ BENCHMARK(cereal_record)->Name("archive/record_of_10_fields:raw");
 #endif
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

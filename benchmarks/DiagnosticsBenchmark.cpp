@@ -7,7 +7,6 @@
 #include <Framework/Diagnostics/PZDbgOutput.h>
 
 #include "support/OutputToFile.h"
-#include "support/RatioReporter.h"
 
 namespace {
 
@@ -34,7 +33,3 @@ BENCHMARK(debug_line)->Name("debug_line/to_file");
 BENCHMARK(debug_line_raw)->Name("debug_line/to_file:raw");
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

@@ -15,7 +15,6 @@
 
 #include <Framework/Foundation/PZFileSys.h>
 
-#include "support/RatioReporter.h"
 #include "support/TempFolder.h"
 
 // Both sides call it once for every copy. What the machine has to write meanwhile is not measured.
@@ -126,7 +125,3 @@ BENCHMARK(search_raw)->Name("files/search_10000:raw")->UseRealTime();
 BENCHMARK(hostile_pattern)->Name("files/hostile_pattern")->Arg(1)->Arg(5)->Arg(50)->Arg(100);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

@@ -12,7 +12,6 @@
 
 #include <Framework/Communication/PZFileGuard.h>
 
-#include "support/RatioReporter.h"
 #include "support/TempFolder.h"
 
 namespace {
@@ -137,7 +136,3 @@ BENCHMARK(try_lock_free)->Name("guard/tryLock");
 BENCHMARK(try_lock_free_raw)->Name("guard/tryLock:raw");
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

@@ -8,7 +8,6 @@
 
 #include <Framework/Utility/PZLSysFileOut.h>
 
-#include "support/RatioReporter.h"
 #include "support/TempFolder.h"
 
 namespace {
@@ -40,7 +39,3 @@ BENCHMARK(log_write)->Name("log_write/100_bytes")->Iterations(kLines);
 BENCHMARK(log_write_raw)->Name("log_write/100_bytes:raw")->Iterations(kLines);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

@@ -6,7 +6,6 @@
 
 #include <Framework/Pattern/PZSubject.h>
 
-#include "support/RatioReporter.h"
 #include "support/RawSubject.h"
 
 namespace {
@@ -54,7 +53,3 @@ BENCHMARK(notify_list)->Name("notify/observers:raw")->Arg(1)->Arg(8)->Arg(64);
 BENCHMARK(notify_vector)->Name("notify/vector_of_virtual_calls")->Arg(1)->Arg(8)->Arg(64);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

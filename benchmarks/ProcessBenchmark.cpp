@@ -11,8 +11,6 @@
 #include <Framework/Foundation/PZLHeapMng.h>
 #include <Framework/Foundation/pz_framework.h>
 
-#include "support/RatioReporter.h"
-
 namespace {
 
 constexpr unsigned int kBlock = 64;
@@ -99,7 +97,3 @@ BENCHMARK(tracked_raw)->Name("heap/tracked_malloc+free:raw");
 BENCHMARK(untracked)->Name("heap/malloc+free_of_the_c_library");
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

@@ -12,8 +12,6 @@
 
 #include <Framework/Communication/PZMessageQueue.h>
 
-#include "support/RatioReporter.h"
-
 namespace {
 
 using Queue = PZMsgQ::PZMessageQueue<2>;
@@ -67,7 +65,3 @@ BENCHMARK(send_receive)->Name("queue/send+receive")->Arg(16)->Arg(256)->Arg(1020
 BENCHMARK(send_receive_raw)->Name("queue/send+receive:raw")->Arg(16)->Arg(256)->Arg(1020);
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

@@ -10,7 +10,6 @@
 #include <Framework/Foundation/PZEvent.h>
 #include <Framework/Foundation/PZSync.h>
 
-#include "support/RatioReporter.h"
 #include "support/RawEvent.h"
 
 namespace {
@@ -135,7 +134,3 @@ BENCHMARK(event_any_of_two)->Name("event/any_of_two");
 BENCHMARK(event_any_of_two_raw)->Name("event/any_of_two:raw");
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

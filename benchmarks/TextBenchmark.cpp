@@ -13,8 +13,6 @@
 #include <Framework/Wrapper/cp_conv_basic_rds.h>
 #include <Framework/Wrapper/pz_cp_conv.h>
 
-#include "support/RatioReporter.h"
-
 namespace {
 
 /// `size` bytes of Cyrillic letters, blanks and full stops: two bytes and one byte in UTF-8, one
@@ -258,7 +256,3 @@ BENCHMARK(split)->Name("string/split_1KiB");
 BENCHMARK(split_by_hand)->Name("string/split_1KiB:raw");
 
 }  // namespace
-
-int main(int argc, char** argv) {
-    return pzbench::run(argc, argv);
-}

@@ -24,7 +24,7 @@ private:
     std::map<std::string, double> fastest_;  // nanoseconds
 };
 
-/// main() of every benchmark program.
+/// Runs the benchmarks that the command line asks for: all that main() does in most programs.
 int run(int argc, char** argv);
 
 }  // namespace pzbench

@@ -751,6 +751,15 @@ FILE* lose_a_file_to_a_directory(const char* path, const char* mode) {
     return fopen64_call.Real(path, mode);
 }
 
+/// Moves a file while `lose` is faster.
+void expect_lost_move(const std::string& src, const std::string& dst,
+                      FILE* (*lose)(const char*, const char*)) {
+    opened = src;
+    contested = dst;
+    fopen64_call.Replace(lose);
+    EXPECT_FALSE(PZFileSys::Move(src.c_str(), dst.c_str()));
+}
+
 }  // namespace
 
 TEST_F(PZFileSysCopyTest, LeavesADestinationAloneThatHasAppearedMeanwhile) {
@@ -766,22 +775,14 @@ TEST_F(PZFileSysCopyTest, LeavesADestinationAloneThatHasAppearedMeanwhile) {
 }
 
 TEST_F(PZFileSysCopyTest, LeavesAFileAloneThatHasAppearedMeanwhile) {
-    const std::string src = Make("src", "x");
-    opened = src;
-    contested = dir.File("dst");
-    fopen64_call.Replace(lose_to_a_file);
-    EXPECT_FALSE(PZFileSys::Move(src.c_str(), contested.c_str()));
+    expect_lost_move(Make("src", "x"), dir.File("dst"), lose_to_a_file);
     EXPECT_EQ("winner", pztest::read_file(contested));
     EXPECT_TRUE(pztest::has_report(output.Take(), "copyFile", "PZFileSys.cpp",
                                    "already exist [" + contested + "]"));
 }
 
 TEST_F(PZFileSysCopyTest, LeavesADirectoryAloneThatHasAppearedInThePlaceOfAFile) {
-    const std::string src = Make("src", "x");
-    opened = src;
-    contested = dir.File("dst");
-    fopen64_call.Replace(lose_a_file_to_a_directory);
-    EXPECT_FALSE(PZFileSys::Move(src.c_str(), contested.c_str()));
+    expect_lost_move(Make("src", "x"), dir.File("dst"), lose_a_file_to_a_directory);
     EXPECT_EQ("w", pztest::read_file(contested + "/winner"));
 }
 
