@@ -408,6 +408,8 @@ TEST_F(PZSupervisorTest, TellsOfATimerCallbackThatHangs) {
     EXPECT_EQ(nullptr, told[0].dispatcher);
     EXPECT_EQ(-1, told[0].worker);
     EXPECT_EQ(kShortMs, told[0].watchTimeMs);
+    EXPECT_LE(kShortMs, told[0].durationMs);
+    EXPECT_GT(60000U, told[0].durationMs);
     EXPECT_FALSE(told[0].isOver);
     EXPECT_TRUE(told[1].isOver);
     EXPECT_EQ(4000U, usualMs);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -23,6 +24,7 @@
 #include <Framework/Foundation/PZSyncLock.h>
 
 #include "support/CountingObserver.h"
+#include "support/Gate.h"
 #include "support/OwnProcess.h"
 #include "support/TestQueue.h"
 #include "support/WaitUntil.h"
@@ -104,6 +106,85 @@ TEST(pz_inspectionTest, DoesNotCountTheMessageThatEndsAReceiver) {
     EXPECT_EQ(nullptr, entry->queue.pointer);
     EXPECT_EQ(1U, entry->received);
     EXPECT_EQ(0U, entry->sent);
+}
+
+TEST(pz_inspectionTest, ShowsWhichSidesOfAQueueAnObjectMayUse) {
+    const pztest::QueueName name;
+    const auto sides = [] {
+        const auto shown = shown_queues();
+        return shown.size() == 1 ? shown[0]->sides.load() : 0;
+    };
+    {
+        PZMsgQ::PZMessageQueue<2> both;
+        ASSERT_TRUE(both.open({name.Get(), 1}));
+        EXPECT_EQ(PZ_INSPECTED_QUEUE_SENDS | PZ_INSPECTED_QUEUE_RECEIVES, sides());
+        both.close(true);
+    }
+    {
+        PZMsgQ::PZMessageQueue<0> sender;
+        ASSERT_TRUE(sender.open({name.Get()}));
+        EXPECT_EQ(PZ_INSPECTED_QUEUE_SENDS, sides());
+    }
+    pztest::CountingObserver observer;
+    PZMsgQ::PZMessageQueue<1> receiver;
+    ASSERT_TRUE(receiver.open({name.Get(), &observer}));
+    EXPECT_EQ(PZ_INSPECTED_QUEUE_RECEIVES, sides());
+}
+
+TEST(pz_inspectionTest, ABoxThatGoesLeavesTheOthersInTheList) {
+    using Box = ST_INSPECTED_BOX<PZInspectionLive>;
+    const PZLMsgBox oldest;
+    const auto* const oldestShown = first_of<Box>(pz_inspection.boxes);
+    auto between = std::make_unique<PZLMsgBox>();
+    const PZLMsgBox newest;
+    const auto* const newestShown = first_of<Box>(pz_inspection.boxes);
+    EXPECT_NE(oldestShown, newestShown->next.pointer);
+    between.reset();
+    EXPECT_EQ(newestShown, first_of<Box>(pz_inspection.boxes));
+    EXPECT_EQ(oldestShown, newestShown->next.pointer);
+}
+
+TEST(pz_inspectionTest, ShowsTheHandlerThatABoxRunsAndHowLongTheLongestTook) {
+    /// Held in each of its handlers.
+    class Held : public PZIDispatcher {
+    public:
+        void OnReceiveMsg(unsigned int, const void*, unsigned int) override { inMessage.Pass(); }
+        void OnReceiveEvent(unsigned int) override { inEvent.Pass(); }
+        pztest::Gate inMessage;
+        pztest::Gate inEvent;
+    };
+    constexpr std::uint32_t kFarTooLongMs = 60000;
+    Held held;
+    PZLMsgBox box;
+    const auto* const shown = first_of<ST_INSPECTED_BOX<PZInspectionLive>>(pz_inspection.boxes);
+    const unsigned long id = box.Registory(&held);
+    std::thread loop([&box] { box.Loop(7); });
+    ASSERT_EQ(0, box.InitWait(kFarTooLongMs));
+
+    PZIMsgBox::ST_PUSH_MSG_DATA message = {id, 5, 128, nullptr, 0};
+    ASSERT_EQ(0U, box.PushMsg(message));
+    ASSERT_TRUE(held.inMessage.WaitForArrival());
+    EXPECT_EQ(static_cast<const PZIDispatcher*>(&held), shown->dispatcher.pointer);
+    EXPECT_EQ(5U, shown->messageId);
+    EXPECT_EQ(0U, shown->isEvent);
+    EXPECT_EQ(7U, shown->number);
+    constexpr std::uint32_t kHeldMs = 60;
+    std::this_thread::sleep_for(std::chrono::milliseconds(kHeldMs));
+    held.inMessage.Open();
+
+    ASSERT_EQ(0U, box.SetEvent(3, id));
+    ASSERT_TRUE(held.inEvent.WaitForArrival());
+    EXPECT_EQ(3U, shown->messageId);
+    EXPECT_EQ(1U, shown->isEvent);
+    held.inEvent.Open();
+    EXPECT_TRUE(wait_until([&] { return shown->servedEvents == 1; }));
+    EXPECT_EQ(nullptr, shown->dispatcher.pointer);
+    box.Exit();
+    loop.join();
+    constexpr std::uint32_t kClockStepMs = 20;
+    EXPECT_LE(kHeldMs - kClockStepMs, shown->longestMs);
+    EXPECT_GT(kFarTooLongMs, shown->longestMs);
+    EXPECT_EQ(1U, shown->served);
 }
 
 TEST(pz_inspectionTest, Notes32OfTheThreadsThatWaitForALock) {

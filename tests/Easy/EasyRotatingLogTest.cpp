@@ -141,6 +141,19 @@ TEST_F(EasyRotatingLogTest, ShrinksALogThatLargerSettingsHaveLeft) {
     EXPECT_GT(numbers_in(folder, 0).size(), 10U);
 }
 
+TEST_F(EasyRotatingLogTest, GoesOnInAFileThatItHasShrunk) {
+    std::filesystem::create_directory(folder);
+    std::string lines;
+    for (int i = 10; i < 50; ++i) {
+        lines += "line " + std::to_string(i) + std::string(22, ' ') + "\n";  // 30 bytes
+    }
+    write_file(file, lines);
+    pz::RotatingLog log(folder.c_str(), "app", 100, 1);
+    EXPECT_TRUE(log.line("line 50"));
+    EXPECT_EQ((std::vector<int>{47, 48, 49, 50}), numbers_in(folder, 0));
+    EXPECT_EQ(1U, count_files(folder));
+}
+
 TEST_F(EasyRotatingLogTest, CutsALineThatIsLongerThanAFile) {
     pz::RotatingLog log(folder.c_str(), "app", 64, 1);
     EXPECT_TRUE(log.line("%s", std::string(5000, 'x').c_str()));
@@ -421,6 +434,14 @@ TEST_F(EasyRotatingLogTest, RefusesBadFoldersAndNames) {
     EXPECT_EQ(7U, pztest::count_of(capture.Take(), "no log ["));
 }
 
+TEST_F(EasyRotatingLogTest, SaysWhichLogItRefuses) {
+    StdoutCapture capture;
+    EXPECT_FALSE(pz::RotatingLog(folder.c_str(), "app", 63, 3));
+    EXPECT_NE(std::string::npos, capture.Take().find("no log [app] of 63 bytes in [" + folder));
+    EXPECT_FALSE(pz::RotatingLog(nullptr, nullptr, 64, 3));
+    EXPECT_NE(std::string::npos, capture.Take().find("no log [(null)] of 64 bytes in [(null)]"));
+}
+
 TEST_F(EasyRotatingLogTest, AMovedLogGoesOnWithItsFile) {
     pz::RotatingLog first(folder.c_str(), "app", 64_KiB, 3);
     pz::RotatingLog second(std::move(first));
@@ -507,14 +528,29 @@ TEST_F(EasyRotatingLogTest, RefusesATextThatTheLocaleCannotPrint) {
     EXPECT_EQ("x\n", read_file(file));
 }
 
+TEST_F(EasyRotatingLogTest, CutsALongTextThatFindsNoMemoryTo1023Characters) {
+    pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
+    ASSERT_TRUE(log.line("%s", std::string(1023, 'x').c_str()));  // takes memory that is kept
+    const std::string text(5000, 'y');
+    bool isWritten = false;
+    {
+        const pztest::MemoryShortage shortage;
+        isWritten = log.line("%s", text.c_str());
+    }
+    EXPECT_TRUE(isWritten);
+    EXPECT_TRUE(read_file(file) == std::string(1023, 'x') + "\n" + std::string(1023, 'y') + "\n");
+}
+
 TEST_F(EasyRotatingLogTest, CountsALineThatFindsNoMemoryAsLost) {
     pz::RotatingLog log(folder.c_str(), "app", 64_KiB, 3);
     ASSERT_TRUE(log.line("first"));
     const std::string text(5000, 'x');
+    bool isWritten = true;
     {
         const pztest::MemoryShortage shortage;
-        EXPECT_FALSE(log.text(text));
+        isWritten = log.text(text);
     }
+    EXPECT_FALSE(isWritten);
     EXPECT_EQ(1U, log.lost());
     EXPECT_TRUE(log.line("second"));
     EXPECT_EQ("first\nsecond\n", read_file(file));

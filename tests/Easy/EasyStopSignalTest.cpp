@@ -118,6 +118,19 @@ TEST(EasyStopSignalTest, PutsTheFormerHandlersBack) {
     EXPECT_EQ(0, result.status) << result.output;
 }
 
+TEST(EasyStopSignalTest, PutsTheFormerHandlersOfBothSignalsBack) {
+    const ChildResult result = run_in_child([] {
+        for (const int number : {SIGINT, SIGTERM}) ::signal(number, SIG_IGN);
+        { const pz::StopSignal stop; }
+        for (const int number : {SIGINT, SIGTERM}) {
+            if (::signal(number, SIG_DFL) != SIG_IGN) return number;
+        }
+        return 0;
+    });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+}
+
 TEST(EasyStopSignalTest, MayBeMadeAndDestroyedWhileSignalsArrive) {
     const ChildResult result = run_in_child([] {
         const pz::StopSignal always;

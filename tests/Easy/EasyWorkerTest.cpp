@@ -508,6 +508,8 @@ TEST_F(EasyWorkerTest, OptionsOutOfRangeCountAsTheNearestInRange) {
     };
     EXPECT_EQ(~0U, seen(en_WORKER_PRIORITY_NORMAL, std::chrono::milliseconds::max()));
     EXPECT_EQ(0U, seen(en_WORKER_PRIORITY_NORMAL, std::chrono::milliseconds::min()));
+    EXPECT_EQ(~0U, seen(en_WORKER_PRIORITY_NORMAL, std::chrono::milliseconds(1LL << 32)));
+    EXPECT_EQ(0U, seen(en_WORKER_PRIORITY_NORMAL, -1ms));
 
     pz::WorkerOptions options;
     options.priority = static_cast<EN_WORKER_PRIORITY>(en_WORKER_PRIORITY_LOWEST + 100);

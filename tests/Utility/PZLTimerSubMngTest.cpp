@@ -37,6 +37,7 @@
 #include "support/FakePriorities.h"
 #include "support/FewDescriptors.h"
 #include "support/Interposed.h"
+#include "support/Interruptions.h"
 #include "support/ManualTick.h"
 #include "support/ManualWait.h"
 #include "support/MemoryShortage.h"
@@ -252,6 +253,31 @@ TEST_F(PZLTimerSubMngStartTest, StartAnswersOnlyWhenTheThreadHasReadTheTick) {
     pztest::clock_gettime_call.Replace(nullptr);
     EXPECT_EQ(1, readings);
     EXPECT_EQ(0, readingsAfterTheAnswer);
+}
+
+TEST_F(PZLTimerSubMngStartTest, AStartThatSignalsInterruptWaitsForTheThreadAllTheSame) {
+    static std::atomic<bool> answered;
+    static std::atomic<bool> answeredTooEarly;
+    static pthread_t starter;
+    answered = false;
+    answeredTooEarly = false;
+    starter = pthread_self();
+    // The thread takes its time to register, before it comes to read the tick.
+    pztest::getpriority_call.Replace([](__priority_which_t, id_t) {
+        if (pthread_equal(pthread_self(), starter) == 0) {
+            while (pztest::Interruptions::Taken() < 5) usleep(1000);
+            for (int nap = 0; nap < 50 && !answered; ++nap) usleep(1000);
+            answeredTooEarly = answered.load();
+        }
+        return 0;
+    });
+    {
+        const pztest::Interruptions interruptions(std::chrono::milliseconds(1));
+        EXPECT_EQ(1, sub.start("timers"));
+        answered = true;
+        EXPECT_EQ(1, sub.end(kIgnoredTimeout));
+    }
+    EXPECT_FALSE(answeredTooEarly);
 }
 
 TEST_F(PZLTimerSubMngStartTest, AnEndedThreadCanBeStartedAgain) {
