@@ -14,6 +14,7 @@
 #include <Framework/Easy/Timer.h>
 #include <Framework/Easy/Worker.h>
 
+#include "support/ChildProcess.h"
 #include "support/Gate.h"
 #include "support/Interposed.h"
 #include "support/MemoryShortage.h"
@@ -207,6 +208,34 @@ TEST_F(EasyTimerTest, StopGivesUpOnAFunctionThatHangsAndReportsIt) {
         EXPECT_TRUE(wait_until([&] { return seen == 3; }));
         EXPECT_TRUE(hanging.stop(60s));
     }
+}
+
+TEST_F(EasyTimerTest, StopAnswersFalseAsLongAsTheFunctionRunsAndTrueOnceItHasEnded) {
+    pz::WorkerOptions options;
+    options.stop_within = 10ms;
+    pz::Worker hanging("hanging", options);
+    Gate gate;
+    pz::Timer timer = hanging.every(1ms, [&gate] { gate.Pass(); });
+    ASSERT_TRUE(gate.WaitForArrival());
+    {
+        const StdoutCapture capture;
+        EXPECT_FALSE(timer.stop());
+    }
+    gate.Open();
+    EXPECT_TRUE(wait_until([&timer] {
+        const StdoutCapture capture;
+        return timer.stop();
+    }));
+}
+
+TEST_F(EasyTimerTest, StopAnswersTrueInAForkedChildWhereNothingRuns) {
+    Gate gate;
+    pz::Timer timer = worker.every(1ms, [&gate] { gate.Pass(); });
+    ASSERT_TRUE(gate.WaitForArrival());
+    const auto result = pztest::run_in_child([&timer] { return timer.stop() ? 0 : 1; });
+    EXPECT_TRUE(result.exited);
+    EXPECT_EQ(0, result.status) << result.output;
+    gate.Open();
 }
 
 TEST_F(EasyTimerTest, MayBeStoppedOrDestroyedByItsOwnFunction) {
