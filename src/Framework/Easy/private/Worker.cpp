@@ -69,7 +69,7 @@ std::shared_ptr<WorkerCore> start_core(const char* name, const WorkerOptions& op
     try {
         join_finished_cores();
         auto core = std::make_shared<WorkerCore>(WorkerCore::Kind::thread, name, options);
-        core->Start();  // what could not be started refuses
+        core->Start();
         return core;
     } catch (const std::bad_alloc&) {
         PZ_REPORT_ERROR("worker [%s]: no memory\n", name != nullptr ? name : "no_name");

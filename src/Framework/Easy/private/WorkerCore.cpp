@@ -104,11 +104,11 @@ WorkerCore::~WorkerCore() {
     DropQueued();
 }
 
-bool WorkerCore::Start() {
+void WorkerCore::Start() {
     boxId_ = box_.Registory(this);
     if (boxId_ == ~0UL) {
         PZ_REPORT_ERROR("worker [%s]: no memory\n", name_);
-        return false;
+        return;
     }
     {
         // Before others see it: they forget what has finished.
@@ -122,18 +122,17 @@ bool WorkerCore::Start() {
     if (!StartThread()) {
         NoteFinished();
         forget_core(this);
-        return false;
+        return;
     }
     constexpr unsigned int kStartLimitMs = 3000;
     if (box_.InitWait(kStartLimitMs) != 0) {
         PZ_REPORT_ERROR("worker [%s] does not serve\n", name_);
         box_.Exit();
-        return false;
+        return;
     }
     if (options_.priority) thread_.SetPriority(*options_.priority);
     const PZMutexLock lock(mutex_);
     accepting_ = !finished_;
-    return accepting_;
 }
 
 bool WorkerCore::StartThread() {

@@ -52,8 +52,8 @@ public:
     WorkerCore(const WorkerCore&) = delete;
     WorkerCore& operator=(const WorkerCore&) = delete;
 
-    /// Starts the thread; false, and the core takes no posts, when that fails.
-    bool Start();
+    /// Starts the thread. When that fails, the core takes no posts.
+    void Start();
 
     /// See pz::Worker::stop.
     bool Stop(std::chrono::milliseconds within);
