@@ -206,7 +206,7 @@ TEST_F(EasyGuardedFileTest, AnUpdateThatSignalsInterruptGoesOnWaiting) {
     {
         const pztest::Interruptions interruptions(1ms);
         std::thread looking([&] {
-            wait_until([] { return pztest::Interruptions::Taken() >= 50; });
+            wait_until([] { return pztest::Interruptions::Sent() >= 50; });
             isInterrupted = true;
         });
         EXPECT_TRUE(settings.update([](std::string& bytes) { bytes += " second"; }));

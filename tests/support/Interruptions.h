@@ -21,10 +21,12 @@ public:
         action.sa_handler = [](int) { ++taken_; };  // without SA_RESTART
         sigaction(SIGUSR1, &action, nullptr);
         taken_ = 0;
+        sent_ = 0;
         hammer_ = std::thread([this, period] {
             while (!stop_) {
                 std::this_thread::sleep_for(period);
                 pthread_kill(victim_, SIGUSR1);
+                ++sent_;
             }
         });
     }
@@ -33,11 +35,16 @@ public:
         hammer_.join();
     }
 
-    /// How often the thread has been interrupted.
+    /// How often the thread has been interrupted. The thread sanitizer delays a handler until the
+    /// thread comes to a call that it knows to wait.
     static int Taken() { return taken_; }
+
+    /// How many signals it was sent.
+    static int Sent() { return sent_; }
 
 private:
     inline static std::atomic<int> taken_{0};
+    inline static std::atomic<int> sent_{0};
 
     const pthread_t victim_;
     std::atomic<bool> stop_{false};
